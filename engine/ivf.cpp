@@ -1,0 +1,124 @@
+// IVF structures, stored as the host gives them, and the search through one of them. It sees the
+// sealed base alone.
+#include "kernels/kernels.h"
+#include "qx_index.h"
+#include "rows.h"
+#include "scan.h"
+
+namespace qx {
+namespace {
+
+void release_arrays(QxIvf& ivf) {
+  ivf.centroids.release();
+  ivf.list_ids.release();
+  ivf.list_offsets.release();
+}
+
+// The structure of a key, or null. A negative position would mean none.
+QxIvf* find_ivf(QxIndex& index, std::int64_t key) {
+  const std::int64_t position = index.ivf_map.get(key, -1);
+  return position < 0 ? nullptr : &index.ivf_list.at(position);
+}
+const QxIvf* find_ivf(const QxIndex& index, std::int64_t key) {
+  return find_ivf(const_cast<QxIndex&>(index), key);
+}
+
+// The score of every centroid. The caller releases the array, the only one that a read allocates.
+Array<float> score_centroids(const QxIvf& ivf, std::int64_t width, const float* query) {
+  const float* const centroids = width == 0 ? nullptr : ivf.centroids.range(0, width * ivf.nlist);
+  Array<float> scores;
+  scores.data = static_cast<float*>(allocate(ivf.nlist, sizeof(float)));
+  scores.length = scores.capacity = ivf.nlist;
+  kernels().score_contiguous(centroids, ivf.nlist, width, query, scores.data);
+  return scores;
+}
+
+// The first list with the highest score, or -1 when none is above kEmptyScore. A NaN never is.
+std::int32_t best_list(const Array<float>& scores) {
+  float best = kEmptyScore;
+  std::int32_t list = -1;
+  for (std::int32_t c = 0; c < static_cast<std::int32_t>(scores.length); ++c) {
+    if (scores.data[c] > best) {
+      best = scores.data[c];
+      list = c;
+    }
+  }
+  return list;
+}
+
+// Adds the members of a list that have a base row.
+void add_list(const QxIndex& index, const QxIvf& ivf, std::int32_t list, ScatteredScan& scan) {
+  const std::int64_t first = ivf.list_offsets.at(list);
+  const std::int64_t count = ivf.list_offsets.at(std::int64_t{list} + 1) - first;
+  if (count < 1) return;
+  const std::int64_t* const ids = ivf.list_ids.range(first, count);
+  for (std::int64_t i = 0; i < count; ++i) {
+    const std::int64_t row = base_row_of(index, ids[i]);
+    if (row >= 0) scan.add(base_vector(index, row), ids[i]);
+  }
+}
+
+}  // namespace
+
+void release_ivf(QxIndex& index) {
+  index.ivf_map.release();
+  for (std::int64_t i = 0; i < index.ivf_list.length; ++i) release_arrays(index.ivf_list.at(i));
+  index.ivf_list.release();
+}
+
+}  // namespace qx
+
+int32_t qx_index_set_ivf(QxIndex* index, int64_t key, int32_t nlist, int32_t nprobe,
+                         const float* centroids, const int64_t* list_ids,
+                         const int32_t* list_offsets, int32_t n_ids) {
+  const std::int64_t n_floats = std::int64_t{static_cast<std::int32_t>(index->dim)} * nlist;
+  const QxIvf attached{
+      .nlist = nlist,
+      .nprobe = nprobe,
+      .centroids = qx::Array<float>::copy_of(centroids, n_floats),
+      .list_ids = qx::Array<std::int64_t>::copy_of(list_ids, n_ids),
+      .list_offsets = qx::Array<std::int32_t>::copy_of(list_offsets, std::int64_t{nlist} + 1)};
+  if (QxIvf* const present = qx::find_ivf(*index, key)) {
+    qx::release_arrays(*present);
+    *present = attached;
+  } else {
+    index->ivf_map.assign(key, index->ivf_list.length);
+    index->ivf_list.append(attached);
+  }
+  return 0;
+}
+
+int32_t qx_index_has_ivf(const QxIndex* index, int64_t key) {
+  return qx::find_ivf(*index, key) == nullptr ? 0 : 1;
+}
+
+int32_t qx_index_clear_ivf(QxIndex* index) {
+  qx::release_ivf(*index);
+  return 0;
+}
+
+int64_t qx_index_set_ivf_nprobe(QxIndex* index, int64_t key, int32_t nprobe) {
+  QxIvf* const ivf = qx::find_ivf(*index, key);
+  if (ivf == nullptr) return -1;
+  ivf->nprobe = nprobe;
+  return 0;
+}
+
+int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* query, int32_t k,
+                            int64_t* out_ids, float* out_scores) {
+  const QxIvf* const ivf = qx::find_ivf(*index, key);
+  if (ivf == nullptr || k < 1 || ivf->nlist < 1) return 0;
+  const std::int64_t width = qx::row_width(*index);
+  qx::TopK topk(out_ids, out_scores, k);
+  qx::ScatteredScan scan(width, query, topk);
+  qx::Array<float> coarse = qx::score_centroids(*ivf, width, query);
+  for (std::int32_t probe = 0; probe < ivf->nprobe; ++probe) {
+    const std::int32_t list = qx::best_list(coarse);
+    if (list < 0) break;
+    coarse.data[list] = qx::kEmptyScore;
+    qx::add_list(*index, *ivf, list, scan);
+  }
+  scan.finish();
+  coarse.release();
+  return k;
+}

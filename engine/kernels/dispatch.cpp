@@ -1,0 +1,55 @@
+// Chooses the kernels: once, from a list, by asking the CPU.
+#include <atomic>
+#include <cstring>
+
+#include "kernels/kernels.h"
+
+namespace qx {
+namespace {
+
+constexpr const Kernels* kBestFirst[] = {
+#if defined(__x86_64__)
+    &kAvx2Kernels,
+#endif
+    &kPortableKernels,
+    nullptr,
+};
+
+// Null until the first use. Threads that race there all store the same pointer, so relaxed order
+// is enough; a constant initial value needs no code at load time.
+constinit std::atomic<const Kernels*> chosen{nullptr};
+
+const Kernels* best_supported() {
+  const Kernels* const* candidate = kBestFirst;
+  while (!(*candidate)->supported()) ++candidate;
+  return *candidate;
+}
+
+}  // namespace
+
+const Kernels& kernels() {
+  const Kernels* now = chosen.load(std::memory_order_relaxed);
+  if (now == nullptr) {
+    now = best_supported();
+    chosen.store(now, std::memory_order_relaxed);
+  }
+  return *now;
+}
+
+const Kernels* const* all_kernels() { return kBestFirst; }
+
+bool force_kernels(const char* name) {
+  if (name == nullptr) {
+    chosen.store(nullptr, std::memory_order_relaxed);
+    return true;
+  }
+  for (const Kernels* const* candidate = kBestFirst; *candidate != nullptr; ++candidate) {
+    if (std::strcmp((*candidate)->name, name) != 0) continue;
+    if (!(*candidate)->supported()) return false;
+    chosen.store(*candidate, std::memory_order_relaxed);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace qx

@@ -1,0 +1,53 @@
+// The numeric contract, and the table of functions that keep it.
+//
+// The score of a row is one chain of single-precision fused multiply-adds over its components in
+// order, from +0.0:
+//
+//     s = +0.0;  for j = 0 .. dim - 1:  s = fma(row[j], query[j], s)
+//
+// That fixes every bit, so all kernels return the same bits for every input. Only the payload of a
+// NaN may differ, and no NaN enters a result. Speed comes from scoring many rows at once, one row
+// per SIMD lane; a row is never split.
+//
+// A kernel knows rows, a query and scores. It knows no ids, no deletes and no index. It reads no
+// element outside the given rows and the query, and writes exactly the given scores.
+#pragma once
+
+#include <cstdint>
+
+namespace qx {
+
+struct Kernels {
+  const char* name;
+
+  // Whether this CPU and its operating system can run the functions below.
+  bool (*supported)();
+
+  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim.
+  void (*score_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
+                           const float* query, float* scores);
+
+  // Scores `count` rows that lie anywhere: row i starts at rows[i].
+  void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
+                          const float* query, float* scores);
+};
+// For every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read, and every
+// score is +0.0.
+
+extern const Kernels kPortableKernels;
+#if defined(__x86_64__)
+extern const Kernels kAvx2Kernels;
+#endif
+
+// The kernels that the engine calls: the best that run here, unless a test forced others.
+const Kernels& kernels();
+
+// Every kernel of this build, best first, ended by null.
+const Kernels* const* all_kernels();
+
+// Makes the engine call the named kernels from now on; null returns the choice to the CPU. Returns
+// false, and changes nothing, for a name that is unknown or does not run here. For tests and
+// benchmarks: it must not overlap any other call of the library.
+bool force_kernels(const char* name);
+
+}  // namespace qx

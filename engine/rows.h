@@ -1,0 +1,36 @@
+// Where rows are: from ids to base rows, from rows to vectors. Every room asks here; it knows
+// nothing of visibility and of scores.
+#pragma once
+
+#include <cstdint>
+
+#include "qx_index.h"
+
+namespace qx {
+
+// The number of floats in a vector.
+inline std::int64_t row_width(const QxIndex& index) {
+  const auto dim = static_cast<std::int32_t>(index.dim);
+  return dim < 1 ? 0 : dim;
+}
+
+// The base row of an id, or -1.
+inline std::int64_t base_row_of(const QxIndex& index, std::int64_t id) {
+  return id < 0 || id > index.max_base_id ? -1 : index.id_to_row[id];
+}
+
+inline const float* base_vector(const QxIndex& index, std::int64_t row) {
+  return index.base_vectors + row * row_width(index);
+}
+
+// The vector of a delta row, wholly inside delta_vectors or the process ends: a build may have
+// changed the dimension since the row was inserted. Null for vectors of no elements.
+inline float* delta_vector(QxIndex& index, std::int64_t row) {
+  const std::int64_t width = row_width(index);
+  return width == 0 ? nullptr : index.delta_vectors.range(row * width, width);
+}
+inline const float* delta_vector(const QxIndex& index, std::int64_t row) {
+  return delta_vector(const_cast<QxIndex&>(index), row);
+}
+
+}  // namespace qx

@@ -1,0 +1,44 @@
+// From rows to results: scores rows block by block and offers them to a top-k buffer, in order.
+// Every search ends here. It knows vectors and the ids to report, not why the rows were chosen.
+#pragma once
+
+#include <cstdint>
+
+#include "support/topk.h"
+
+namespace qx {
+
+// Rows scored by one kernel call. A block's scores stay in the first-level cache, and one indirect
+// call is spread over many rows.
+inline constexpr std::int64_t kBlockRows = 64;
+
+// Offers `count` rows that lie one after the other; row i reports ids[i].
+void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                     std::int64_t width, const float* query, TopK& topk);
+
+// Offers rows that lie anywhere, one by one, in the order in which they are added.
+class ScatteredScan {
+ public:
+  ScatteredScan(std::int64_t width, const float* query, TopK& topk)
+      : width_(width), query_(query), topk_(topk) {}
+
+  // Adds a row. Its vector must stay readable until finish().
+  void add(const float* vector, std::int64_t id) {
+    vectors_[pending_] = vector;
+    ids_[pending_] = id;
+    if (++pending_ == kBlockRows) finish();
+  }
+
+  // Offers what was added since the last full block. Must be called after the last row.
+  void finish();
+
+ private:
+  std::int64_t width_;
+  const float* query_;
+  TopK& topk_;
+  std::int64_t pending_ = 0;
+  const float* vectors_[kBlockRows];
+  std::int64_t ids_[kBlockRows];
+};
+
+}  // namespace qx

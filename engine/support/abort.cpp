@@ -1,0 +1,51 @@
+#include "support/abort.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+
+namespace qx {
+namespace {
+
+// Longer than either line with every number at its widest.
+constexpr std::size_t kLineBytes = 256;
+
+// Writes straight to the descriptor: standard I/O would take the stream's lock, which a thread of
+// the host may hold, and could leave the line in a buffer. A descriptor that takes nothing (it is
+// closed, say) ends the attempt; the trap follows all the same.
+void write_line(const char* line, int length) {
+  std::size_t left = length > 0 ? static_cast<std::size_t>(length) : 0;
+  while (left > 0) {
+    const ssize_t written = ::write(STDERR_FILENO, line, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    line += written;
+    left -= static_cast<std::size_t>(written);
+  }
+}
+
+}  // namespace
+
+void abort_allocation(const char* file, SourcePlace place) {
+  char line[kLineBytes];
+  write_line(line, std::snprintf(line, sizeof line,
+                                 "ABORT: %s:%u:%u: alloc failed: returned a null pointer\n", file,
+                                 place.line, place.column));
+  __builtin_trap();
+}
+
+void abort_index(std::int64_t index, std::int64_t length, SourcePlace place) {
+  char line[kLineBytes];
+  write_line(line,
+             std::snprintf(line, sizeof line,
+                           "At: engine/qx_runtime:%llu:%llu: Assert Error: index %lld is out "
+                           "of bounds, valid range is 0 to %lld\n",
+                           static_cast<unsigned long long>(place.line),
+                           static_cast<unsigned long long>(place.column),
+                           static_cast<long long>(index), static_cast<long long>(length - 1)));
+  __builtin_trap();
+}
+
+}  // namespace qx
