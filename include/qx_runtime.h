@@ -8,7 +8,7 @@
  *
  * THE LIFE OF AN INDEX
  *
- *     QxIndex *index = qx_index_new(100, 0);                      an empty index, dimension 100
+ *     QxIndex* index = qx_index_new(100, 0);                      an empty index, dimension 100
  *     qx_index_build(index, vectors, n, 100, ids, NULL, NULL, NULL, 0);          seal the base
  *     qx_index_insert(index, more_vectors, more_ids, 2);          upsert rows beside the base
  *     qx_index_delete(index, old_ids, 1);                         hide rows
@@ -108,7 +108,7 @@ typedef struct QxIndex QxIndex;
  *
  * Returns the handle, never null. The host releases it with qx_index_free.
  */
-QxIndex *qx_index_new(uint32_t dim, uint32_t user_tag);
+QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag);
 
 /*
  * Releases an index and everything that it owns.
@@ -117,7 +117,7 @@ QxIndex *qx_index_new(uint32_t dim, uint32_t user_tag);
  *
  * The arrays of earlier builds are not released (see qx_index_build).
  */
-void qx_index_free(QxIndex *index);
+void qx_index_free(QxIndex* index);
 
 /*
  * Reports the size of the sealed base and the numbers that identify the index.
@@ -129,29 +129,29 @@ void qx_index_free(QxIndex *index);
  *
  * Returns 0. The four outputs are written in this order; none may be null.
  */
-int32_t qx_index_stats(const QxIndex *index, uint64_t *n_base, uint32_t *dim, uint32_t *user_tag,
-                       int32_t *n_parts);
+int32_t qx_index_stats(const QxIndex* index, uint64_t* n_base, uint32_t* dim, uint32_t* user_tag,
+                       int32_t* n_parts);
 
 /*
  * Returns the snapshot counter: 0 for a new index, raised by exactly 1 by each qx_index_insert and
  * qx_index_delete that carries at least one row, and by nothing else.
  */
-uint64_t qx_index_snapshot(const QxIndex *index);
+uint64_t qx_index_snapshot(const QxIndex* index);
 
 /*
  * Returns 1 once an insert or a delete has carried at least one row, else 0. Nothing resets it.
  */
-uint32_t qx_index_mutated(const QxIndex *index);
+uint32_t qx_index_mutated(const QxIndex* index);
 
 /*
  * Returns 1 once a build has succeeded, else 0. Nothing resets it.
  */
-uint32_t qx_index_sealed(const QxIndex *index);
+uint32_t qx_index_sealed(const QxIndex* index);
 
 /*
  * Returns the number of delta rows: the distinct ids ever inserted, deleted ones included.
  */
-int64_t qx_index_delta_count(const QxIndex *index);
+int64_t qx_index_delta_count(const QxIndex* index);
 
 /*
  * Returns 1, the version of this interface and of the meaning of what it exports.
@@ -186,9 +186,9 @@ int32_t qx_runtime_format_version(void);
  * Delta rows and IVF centroids stored under another dimension are not converted: reading them
  * afterwards gives floats of neighbouring rows or ends the process (convention 9).
  */
-int32_t qx_index_build(QxIndex *index, const float *vectors, int64_t n, int32_t dim,
-                       const int64_t *ids, const int64_t *part_keys, const int32_t *part_starts,
-                       const int32_t *part_sizes, int32_t n_parts);
+int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t dim,
+                       const int64_t* ids, const int64_t* part_keys, const int32_t* part_starts,
+                       const int32_t* part_sizes, int32_t n_parts);
 
 /*
  * Copies the sealed base out, bit for bit, in base order.
@@ -198,7 +198,7 @@ int32_t qx_index_build(QxIndex *index, const float *vectors, int64_t n, int32_t 
  *
  * Returns the number of rows written; 0, with nothing written, before the first build.
  */
-int64_t qx_index_export_base(const QxIndex *index, float *out_vectors, int64_t *out_ids);
+int64_t qx_index_export_base(const QxIndex* index, float* out_vectors, int64_t* out_ids);
 
 /* ---- Exact search of the sealed base ----------------------------------------------------- */
 
@@ -214,8 +214,8 @@ int64_t qx_index_export_base(const QxIndex *index, float *out_vectors, int64_t *
  * below 1 or nothing is sealed. Deleted and superseded base rows are found too. A row whose score
  * is a NaN or at most -1e30f leaves a slot empty.
  */
-int32_t qx_index_search_full(const QxIndex *index, const float *query, int32_t k, int64_t *out_ids,
-                             float *out_scores);
+int32_t qx_index_search_full(const QxIndex* index, const float* query, int32_t k, int64_t* out_ids,
+                             float* out_scores);
 
 /*
  * Like qx_index_search_full, but over the rows of one partition.
@@ -230,8 +230,8 @@ int32_t qx_index_search_full(const QxIndex *index, const float *query, int32_t k
  * Returns the number of slots written, or 0 with nothing written: nothing is sealed, the key is
  * unknown, the partition's range is negative or leaves the base, or min(k, size) is below 1.
  */
-int32_t qx_index_search_partition(const QxIndex *index, int64_t key, const float *query, int32_t k,
-                                  int64_t *out_ids, float *out_scores);
+int32_t qx_index_search_partition(const QxIndex* index, int64_t key, const float* query, int32_t k,
+                                  int64_t* out_ids, float* out_scores);
 
 /*
  * Finds the best among listed ids of the sealed base, offered in the order of the list.
@@ -247,8 +247,8 @@ int32_t qx_index_search_partition(const QxIndex *index, int64_t key, const float
  * Returns the number of slots written: min(k, n_cand), however many candidates were found; or 0
  * with nothing written when that is below 1 or nothing is sealed.
  */
-int32_t qx_index_scatter_topk(const QxIndex *index, const int64_t *cand_ids, int32_t n_cand,
-                              const float *query, int32_t k, int64_t *out_ids, float *out_scores);
+int32_t qx_index_scatter_topk(const QxIndex* index, const int64_t* cand_ids, int32_t n_cand,
+                              const float* query, int32_t k, int64_t* out_ids, float* out_scores);
 
 /* ---- Tuner ------------------------------------------------------------------------------- */
 
@@ -260,7 +260,7 @@ int32_t qx_index_scatter_topk(const QxIndex *index, const int64_t *cand_ids, int
  *
  * Returns 0. The library itself uses neither.
  */
-int32_t qx_tuner_defaults(uint32_t *first, uint32_t *second);
+int32_t qx_tuner_defaults(uint32_t* first, uint32_t* second);
 
 /*
  * Lists the partitions of the sealed base that hold at least threshold rows, in table order.
@@ -271,8 +271,8 @@ int32_t qx_tuner_defaults(uint32_t *first, uint32_t *second);
  *
  * Returns the number of partitions listed, 0 before the first build.
  */
-int32_t qx_index_tuner_oversized(const QxIndex *index, int32_t threshold, int64_t *keys,
-                                 int64_t *sizes);
+int32_t qx_index_tuner_oversized(const QxIndex* index, int32_t threshold, int64_t* keys,
+                                 int64_t* sizes);
 
 /* ---- Mutation ---------------------------------------------------------------------------- */
 
@@ -285,10 +285,10 @@ int32_t qx_index_tuner_oversized(const QxIndex *index, int32_t threshold, int64_
  * n        number of rows; below 1 means no rows.
  *
  * Returns the snapshot counter after the call: raised by 1 if n is at least 1, else unchanged.
- * Memory grows by the vector and about 60 bytes for each new id. Overwriting a row after a build
- * with a larger dimension may end the process (convention 9).
+ * Memory grows with each new id, not with an overwritten one. Overwriting a row after a build with
+ * a larger dimension may end the process (convention 9).
  */
-uint64_t qx_index_insert(QxIndex *index, const float *vectors, const int64_t *ids, int32_t n);
+uint64_t qx_index_insert(QxIndex* index, const float* vectors, const int64_t* ids, int32_t n);
 
 /*
  * Marks ids as deleted: current reads no longer see their rows, sealed reads still do.
@@ -299,7 +299,7 @@ uint64_t qx_index_insert(QxIndex *index, const float *vectors, const int64_t *id
  * Returns the snapshot counter after the call: raised by 1 if n is at least 1, else unchanged.
  * Nothing is freed or moved, and tombstones are never reclaimed.
  */
-uint64_t qx_index_delete(QxIndex *index, const int64_t *ids, int32_t n);
+uint64_t qx_index_delete(QxIndex* index, const int64_t* ids, int32_t n);
 
 /* ---- IVF --------------------------------------------------------------------------------- */
 
@@ -319,19 +319,19 @@ uint64_t qx_index_delete(QxIndex *index, const int64_t *ids, int32_t n);
  * Returns 0. Nothing is validated: ids without a base row are skipped by the search, and offsets
  * outside 0 to n_ids end the process when the search scans their list (convention 9).
  */
-int32_t qx_index_set_ivf(QxIndex *index, int64_t key, int32_t nlist, int32_t nprobe,
-                         const float *centroids, const int64_t *list_ids,
-                         const int32_t *list_offsets, int32_t n_ids);
+int32_t qx_index_set_ivf(QxIndex* index, int64_t key, int32_t nlist, int32_t nprobe,
+                         const float* centroids, const int64_t* list_ids,
+                         const int32_t* list_offsets, int32_t n_ids);
 
 /*
  * Returns 1 if the key has an IVF structure, else 0.
  */
-int32_t qx_index_has_ivf(const QxIndex *index, int64_t key);
+int32_t qx_index_has_ivf(const QxIndex* index, int64_t key);
 
 /*
  * Releases all IVF structures with their keys. Returns 0.
  */
-int32_t qx_index_clear_ivf(QxIndex *index);
+int32_t qx_index_clear_ivf(QxIndex* index);
 
 /*
  * Changes the probe count of an IVF structure.
@@ -340,7 +340,7 @@ int32_t qx_index_clear_ivf(QxIndex *index);
  *
  * Returns 0, or -1 with nothing changed if the key has no structure.
  */
-int64_t qx_index_set_ivf_nprobe(QxIndex *index, int64_t key, int32_t nprobe);
+int64_t qx_index_set_ivf_nprobe(QxIndex* index, int64_t key, int32_t nprobe);
 
 /*
  * Finds good rows of the sealed base through an IVF structure: scores every centroid, then scans
@@ -359,8 +359,8 @@ int64_t qx_index_set_ivf_nprobe(QxIndex *index, int64_t key, int32_t nprobe);
  * ones are not. A dimension above that of the stored centroids ends the process, and so does a
  * scanned list that leaves list_ids (convention 9).
  */
-int32_t qx_index_search_ivf(const QxIndex *index, int64_t key, const float *query, int32_t k,
-                            int64_t *out_ids, float *out_scores);
+int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* query, int32_t k,
+                            int64_t* out_ids, float* out_scores);
 
 /* ---- Current reads: what is visible now -------------------------------------------------- */
 
@@ -377,8 +377,8 @@ int32_t qx_index_search_ivf(const QxIndex *index, int64_t key, const float *quer
  *
  * Returns k, however many candidates were found; or 0 with nothing written when k is below 1.
  */
-int64_t qx_index_search_mvcc(const QxIndex *index, const int64_t *ids, int32_t n,
-                             const float *query, uint32_t k, int64_t *out_ids, float *out_scores);
+int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
+                             const float* query, uint32_t k, int64_t* out_ids, float* out_scores);
 
 /*
  * Sets the label and the column values of ids. Metadata belongs to an id, whether or not it has a
@@ -394,8 +394,8 @@ int64_t qx_index_search_mvcc(const QxIndex *index, const int64_t *ids, int32_t n
  * Returns 0, or -1 with nothing changed if ncols is below the current number of columns. The value
  * -1 is the mark of a missing value: writing it reads as never written.
  */
-int32_t qx_index_set_rowmeta(QxIndex *index, const int64_t *ids, const int64_t *labels,
-                             const int64_t *values, int32_t ncols, int32_t n);
+int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* labels,
+                             const int64_t* values, int32_t ncols, int32_t n);
 
 /*
  * Reads the labels and column values of listed ids, visible or not.
@@ -408,8 +408,8 @@ int32_t qx_index_set_rowmeta(QxIndex *index, const int64_t *ids, const int64_t *
  * Returns ncols, the index's number of columns. A call with n = 0 writes nothing and gives the
  * number that sizes out_values.
  */
-int32_t qx_index_export_rowmeta(const QxIndex *index, const int64_t *ids, uint32_t n,
-                                int64_t *out_labels, int64_t *out_values);
+int32_t qx_index_export_rowmeta(const QxIndex* index, const int64_t* ids, uint32_t n,
+                                int64_t* out_labels, int64_t* out_values);
 
 /*
  * Finds the best visible rows whose id passes a test, offered in walk order (convention 7).
@@ -425,9 +425,9 @@ int32_t qx_index_export_rowmeta(const QxIndex *index, const int64_t *ids, uint32
  *
  * Returns k, however many rows passed; or 0 with nothing written when k is below 1.
  */
-int64_t qx_index_search_filtered(const QxIndex *index, uint32_t mode, int32_t column,
-                                 int64_t value, const float *query, uint32_t k, int64_t *out_ids,
-                                 float *out_scores);
+int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t column, int64_t value,
+                                 const float* query, uint32_t k, int64_t* out_ids,
+                                 float* out_scores);
 
 /*
  * Lists the ids of the visible rows that pass a test, in walk order.
@@ -437,8 +437,8 @@ int64_t qx_index_search_filtered(const QxIndex *index, uint32_t mode, int32_t co
  *
  * Returns the number of ids written.
  */
-int64_t qx_index_match_ids(const QxIndex *index, uint32_t mode, int32_t column, int64_t value,
-                           int64_t *out_ids);
+int64_t qx_index_match_ids(const QxIndex* index, uint32_t mode, int32_t column, int64_t value,
+                           int64_t* out_ids);
 
 /*
  * Lists the ids of all visible rows, in walk order.
@@ -447,12 +447,12 @@ int64_t qx_index_match_ids(const QxIndex *index, uint32_t mode, int32_t column, 
  *
  * Returns the number of ids written.
  */
-int64_t qx_index_visible_ids(const QxIndex *index, int64_t *out_ids);
+int64_t qx_index_visible_ids(const QxIndex* index, int64_t* out_ids);
 
 /*
  * Returns the number of visible rows.
  */
-int64_t qx_index_visible_count(const QxIndex *index);
+int64_t qx_index_visible_count(const QxIndex* index);
 
 /*
  * Copies all visible rows out, bit for bit, in walk order: enough to build a new index that
@@ -463,7 +463,7 @@ int64_t qx_index_visible_count(const QxIndex *index);
  *
  * Returns the number of rows written.
  */
-int64_t qx_index_export_visible(const QxIndex *index, float *out_vectors, int64_t *out_ids);
+int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_t* out_ids);
 
 #ifdef __cplusplus
 }
