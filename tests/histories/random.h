@@ -1,0 +1,102 @@
+// Random choices of a history. The same seed gives the same choices with every compiler and
+// standard library, so that a seed is enough to replay a history.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+namespace qx_test {
+
+class Random {
+ public:
+  explicit Random(std::uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15u + 1) {}
+
+  // 64 random bits, by the splitmix64 recurrence.
+  std::uint64_t bits() {
+    std::uint64_t mixed = state_ += 0x9E3779B97F4A7C15u;
+    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
+    return mixed ^ (mixed >> 31);
+  }
+
+  // A number from low to high, both included.
+  std::int64_t between(std::int64_t low, std::int64_t high) {
+    const std::uint64_t span = static_cast<std::uint64_t>(high - low) + 1;
+    return low + static_cast<std::int64_t>(bits() % span);
+  }
+  std::int32_t between32(std::int32_t low, std::int32_t high) {
+    return static_cast<std::int32_t>(between(low, high));
+  }
+
+  bool percent(int chance) { return between(0, 99) < chance; }
+
+  template <typename T>
+  const T& any_of(const std::vector<T>& choices) {
+    return choices[static_cast<std::size_t>(between(0, std::ssize(choices) - 1))];
+  }
+
+  template <typename T>
+  void shuffle(std::vector<T>& values) {
+    for (std::size_t i = values.size(); i > 1; --i) {
+      std::swap(values[i - 1],
+                values[static_cast<std::size_t>(between(0, static_cast<std::int64_t>(i) - 1))]);
+    }
+  }
+
+ private:
+  std::uint64_t state_;
+};
+
+// The kinds of component values that a history draws from.
+enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed };
+
+inline float special_float(Random& random) {
+  using Limits = std::numeric_limits<float>;
+  static const std::vector<float> choices = {
+      0.0f,
+      -0.0f,
+      1.0f,
+      -1.0f,
+      1e30f,
+      -1e30f,
+      1e15f,
+      -1e15f,
+      std::bit_cast<float>(0xF149F2CBu),  // just below -1e30f
+      Limits::max(),
+      -Limits::max(),
+      Limits::min(),
+      -Limits::min(),
+      Limits::denorm_min(),
+      -Limits::denorm_min(),
+      1e-20f,
+      -1e-20f,
+      Limits::infinity(),
+      -Limits::infinity(),
+      Limits::quiet_NaN()};
+  return random.any_of(choices);
+}
+
+inline float draw_float(Random& random, Values kind) {
+  if (kind == Values::kMixed) kind = random.percent(20) ? Values::kSpecial : Values::kTies;
+  switch (kind) {
+    case Values::kTies:
+      return static_cast<float>(random.between(-2, 2));
+    case Values::kSmooth:
+      return static_cast<float>(random.between(-(1 << 24), 1 << 24)) / (1 << 24);
+    case Values::kSpecial:
+      return special_float(random);
+    default:
+      return std::bit_cast<float>(static_cast<std::uint32_t>(random.bits()));
+  }
+}
+
+inline std::vector<float> draw_floats(Random& random, Values kind, std::int64_t count) {
+  std::vector<float> values;
+  for (std::int64_t i = 0; i < count; ++i) values.push_back(draw_float(random, kind));
+  return values;
+}
+
+}  // namespace qx_test
