@@ -1,0 +1,132 @@
+// The limits of a build. Bases at the limits do not fit into a machine, so acceptance is shown by
+// what a build does next: it looks at the ids, and then it allocates.
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+constexpr std::int64_t kLimit = std::int64_t{1} << 40;
+
+enum class Verdict { kRejected, kReadsTheIds, kOther };
+
+// How a build judges a shape, with ids of which only the first may be read. A rejected shape is
+// rejected before the ids are looked at; an accepted one runs into the unmapped page behind them.
+Verdict verdict_on(std::int64_t n, std::int32_t dim) {
+  static constexpr int kRejectedStatus = 41;
+  static constexpr int kReadStatus = 42;
+  const ChildEnd end = run_in_child([=] {
+    std::signal(SIGSEGV, [](int) { _exit(kReadStatus); });
+    const Index index(1);
+    const Guarded<std::int64_t> ids(1);
+    if (qx_index_build(index, nullptr, n, dim, ids.data(), nullptr, nullptr, nullptr, 0) == -1) {
+      _exit(kRejectedStatus);
+    }
+  });
+  if (end.exit_status == kRejectedStatus) return Verdict::kRejected;
+  return end.exit_status == kReadStatus ? Verdict::kReadsTheIds : Verdict::kOther;
+}
+
+TEST(BuildLimits, TwoToTheFortyRowsAreAccepted) {
+  EXPECT_EQ(verdict_on(kLimit, 0), Verdict::kReadsTheIds);
+  EXPECT_EQ(verdict_on(kLimit, 1), Verdict::kReadsTheIds);
+}
+
+TEST(BuildLimits, OneRowMoreIsRejectedEvenWithoutElements) {
+  EXPECT_EQ(verdict_on(kLimit + 1, 0), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(kLimit + 1, 1), Verdict::kRejected);
+}
+
+TEST(BuildLimits, TwoToTheFortyElementsAreAccepted) {
+  EXPECT_EQ(verdict_on(kLimit / 2, 2), Verdict::kReadsTheIds);
+  EXPECT_EQ(verdict_on(std::int64_t{1} << 10, 1 << 30), Verdict::kReadsTheIds);
+}
+
+TEST(BuildLimits, OneRowOfElementsMoreIsRejected) {
+  EXPECT_EQ(verdict_on(kLimit / 2 + 1, 2), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(kLimit, 2), Verdict::kRejected);
+  EXPECT_EQ(verdict_on((std::int64_t{1} << 10) + 1, 1 << 30), Verdict::kRejected);
+}
+
+TEST(BuildLimits, ANegativeRowCountIsRejected) {
+  EXPECT_EQ(verdict_on(-1, 1), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(-1, 0), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(INT64_MIN, 1), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(INT64_MIN, 0), Verdict::kRejected);
+}
+
+// Products that come out small, or negative, when cut to 64 bits.
+TEST(BuildLimits, AProductThatOverflowsIsRejected) {
+  EXPECT_EQ(verdict_on(kLimit, 1 << 23), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(kLimit, 1 << 24), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(kLimit, 1 << 30), Verdict::kRejected);
+  EXPECT_EQ(verdict_on(kLimit, INT32_MAX), Verdict::kRejected);
+  EXPECT_EQ(verdict_on((std::int64_t{1} << 39) + 1, 1 << 25), Verdict::kRejected);
+}
+
+TEST(BuildLimits, AnIdOfTwoToTheFortyIsRejected) {
+  const Index index(6);
+  EXPECT_EQ(build(index, 1, {kLimit}, {1}), -1);
+  EXPECT_EQ(build(index, 1, {3, kLimit, 4}, {1, 2, 3}), -1);
+  EXPECT_EQ(build(index, 1, {INT64_MAX}, {1}), -1);
+  EXPECT_EQ(qx_index_sealed(index), 0u);
+  EXPECT_EQ(stats(index), (Stats{0, 6, 0, 0}));
+}
+
+constexpr int kNoLimitStatus = 43;
+
+// Runs a build in an address space of 1 GiB. Where the limit has no effect it is not tried: it
+// would take the machine's memory.
+ChildEnd end_in_small_address_space(const std::function<void()>& body) {
+  return run_in_child([&] {
+    const rlimit address_space{1u << 30, 1u << 30};
+    const bool limited = setrlimit(RLIMIT_AS, &address_space) == 0 &&
+                         mmap(nullptr, std::size_t{1} << 31, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS,
+                              -1, 0) == MAP_FAILED;
+    if (!limited) _exit(kNoLimitStatus);
+    body();
+  });
+}
+
+// An accepted build that the machine cannot hold; a rejected one would return.
+void expect_accepted_beyond_memory(const std::function<void()>& body) {
+#if defined(QX_TEST_ADDRESS_SANITIZER)
+  GTEST_SKIP() << "the address sanitizer needs an unlimited address space";
+#endif
+  const ChildEnd end = end_in_small_address_space(body);
+  if (end.exit_status == kNoLimitStatus) GTEST_SKIP() << "the address space cannot be limited here";
+  EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
+  EXPECT_TRUE(is_allocation_line(end.standard_error)) << end.standard_error;
+}
+
+// The table of ids needs 8 TiB for it.
+TEST(BuildLimits, TheLargestIdIsAccepted) {
+  expect_accepted_beyond_memory([] {
+    const Index index(1);
+    build(index, 1, {0xFFFFFFFFFF}, {1});
+  });
+}
+
+TEST(BuildLimits, TheLargestIdIsAcceptedAmongOthers) {
+  expect_accepted_beyond_memory([] {
+    const Index index(1);
+    build(index, 0, {3, 0xFFFFFFFFFF, 4}, {});
+  });
+}
+
+// The vectors need 4 TiB.
+TEST(BuildLimits, ABaseOfTwoToTheFortyElementsIsAccepted) {
+  expect_accepted_beyond_memory([] {
+    const Index index(1);
+    const Ids ids(1 << 20, 7);
+    qx_index_build(index, nullptr, 1 << 20, 1 << 20, ids.data(), nullptr, nullptr, nullptr, 0);
+  });
+}
+
+}  // namespace
+}  // namespace qx_test

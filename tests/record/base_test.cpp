@@ -1,0 +1,118 @@
+// What a build leaves in the record.
+#include "qx_index.h"
+#include "record/fields.h"
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+Ids id_to_row(const QxIndex* index) {
+  return Ids(index->id_to_row, index->id_to_row + index->max_base_id + 1);
+}
+
+TEST(BaseRecord, WithoutRowsHasNoTable) {
+  const Index index(3);
+  seal(index, 2, {}, {});
+  EXPECT_EQ(index->sealed, 1u);
+  EXPECT_EQ(index->n_base, 0);
+  EXPECT_EQ(index->max_base_id, -1);
+  EXPECT_EQ(index->base_vectors, nullptr);
+  EXPECT_EQ(index->base_ids, nullptr);
+  EXPECT_EQ(index->part_keys, nullptr);
+  EXPECT_EQ(index->part_starts, nullptr);
+  EXPECT_EQ(index->part_sizes, nullptr);
+  EXPECT_EQ(index->id_to_row, nullptr);
+}
+
+TEST(BaseRecord, TheTableNamesTheLastRowOfEachId) {
+  const Index index(1);
+  seal(index, 1, {7, 3, 7}, {1, 2, 3});
+  EXPECT_EQ(index->max_base_id, 7);
+  EXPECT_EQ(id_to_row(index), (Ids{-1, -1, -1, 1, -1, -1, -1, 2}));
+}
+
+TEST(BaseRecord, TheTableEndsWithTheLargestIdWhereverItStands) {
+  const Index first(1);
+  seal(first, 1, {5, 0, 2}, {1, 2, 3});
+  EXPECT_EQ(first->max_base_id, 5);
+  EXPECT_EQ(id_to_row(first), (Ids{1, -1, 2, -1, -1, 0}));
+  const Index zero(1);
+  seal(zero, 1, {0}, {1});
+  EXPECT_EQ(zero->max_base_id, 0);
+  EXPECT_EQ(id_to_row(zero), Ids{0});
+}
+
+TEST(BaseRecord, HoldsCopiesOfTheHostsArrays) {
+  const Index index(9, 8);
+  seal(index, 2, {4, 2}, {1, 2, 3, 4}, {{-5, 6, 7}, {0, 1, -9}, {1, 99, 0}});
+  EXPECT_EQ(index->dim, 2u);
+  EXPECT_EQ(index->user_tag, 8u);
+  EXPECT_EQ(index->n_base, 2);
+  EXPECT_EQ(index->sealed, 1u);
+  EXPECT_EQ(index->n_parts, 3);
+  EXPECT_EQ(Floats(index->base_vectors, index->base_vectors + 4), (Floats{1, 2, 3, 4}));
+  EXPECT_EQ(Ids(index->base_ids, index->base_ids + 2), (Ids{4, 2}));
+  EXPECT_EQ(Ids(index->part_keys, index->part_keys + 3), (Ids{-5, 6, 7}));
+  EXPECT_EQ(Ints(index->part_starts, index->part_starts + 3), (Ints{0, 1, -9}));
+  EXPECT_EQ(Ints(index->part_sizes, index->part_sizes + 3), (Ints{1, 99, 0}));
+}
+
+// The whole record, byte for byte.
+std::vector<unsigned char> bytes_of(const QxIndex* index) {
+  std::vector<unsigned char> bytes(sizeof *index);
+  std::memcpy(bytes.data(), static_cast<const void*>(index), bytes.size());
+  return bytes;
+}
+
+TEST(BaseRecord, ARejectedBuildChangesNoByte) {
+  const Index index(1);
+  seal(index, 1, {4, 2}, {1, 2}, {{1}, {0}, {2}});
+  insert(index, {2}, {3});
+  const std::vector<unsigned char> before = bytes_of(index);
+  EXPECT_EQ(build(index, -1, {1}, {1}), -1);
+  EXPECT_EQ(build(index, 1, {1, -1}, {1, 2}), -1);
+  EXPECT_EQ(build(index, 1, {1, std::int64_t{1} << 40}, {1, 2}), -1);
+  EXPECT_EQ(qx_index_build(index, nullptr, 0, 1, nullptr, nullptr, nullptr, nullptr, -1), -1);
+  EXPECT_EQ(bytes_of(index), before);
+}
+
+TEST(BaseRecord, ARebuildReplacesEveryBaseFieldAndNoOther) {
+  const Index index(1);
+  seal_to_be_replaced(index, 1, {4, 2}, {1, 2}, {{1}, {0}, {2}});
+  insert(index, {9, 8}, {90, 80});
+  delete_ids(index, {2, 9});
+  set_rowmeta(index, {9}, {5}, {6}, 1);
+  set_ivf(index, 3, {1, 1, {1}, {4}, {0, 1}});
+  seal(index, 3, {1}, {1, 2, 3});
+  EXPECT_EQ(index->dim, 3u);
+  EXPECT_EQ(index->n_base, 1);
+  EXPECT_EQ(index->n_parts, 0);
+  EXPECT_EQ(index->part_keys, nullptr);
+  EXPECT_EQ(index->max_base_id, 1);
+  EXPECT_EQ(id_to_row(index), (Ids{-1, 0}));
+  EXPECT_EQ(index->snapshot, 2u);
+  EXPECT_EQ(values_of(index->delta_ids), (Ids{9, 8}));
+  EXPECT_EQ(values_of(index->delta_stamps), (Ids{1, 1}));
+  EXPECT_EQ(values_of(index->delta_vectors), (Floats{90, 80}));
+  EXPECT_EQ(value_of(index->deleted_at, 2), 2);
+  EXPECT_EQ(value_of(index->row_labels, 9), 5);
+  EXPECT_EQ(index->meta_ncols, 1);
+  EXPECT_EQ(value_of(index->ivf_map, 3), 0);
+  EXPECT_EQ(index->ivf_list.length, 1);
+}
+
+TEST(BaseRecord, MutationsLeaveTheBaseAndItsTable) {
+  const Index index(1);
+  seal(index, 1, {4, 2}, {1, 2});
+  const float* const vectors = index->base_vectors;
+  insert(index, {2, 3, 7}, {20, 30, 70});
+  delete_ids(index, {4, 5});
+  EXPECT_EQ(index->base_vectors, vectors);
+  EXPECT_EQ(Floats(vectors, vectors + 2), (Floats{1, 2}));
+  EXPECT_EQ(Ids(index->base_ids, index->base_ids + 2), (Ids{4, 2}));
+  EXPECT_EQ(id_to_row(index), (Ids{-1, -1, 1, -1, 0}));
+  EXPECT_EQ(index->n_base, 2);
+}
+
+}  // namespace
+}  // namespace qx_test

@@ -1,0 +1,24 @@
+// Views of the engine's arrays and maps that tests can compare.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "qx_index.h"
+
+namespace qx_test {
+
+template <typename T>
+std::vector<T> values_of(const qx::Array<T>& array) {
+  return array.length == 0 ? std::vector<T>()
+                           : std::vector<T>(array.data, array.data + array.length);
+}
+
+// The value of a key, or none: a key with the value 0 is not an absent key.
+inline std::optional<std::int64_t> value_of(const qx::Int64Map& map, std::int64_t key) {
+  const std::int64_t* const value = map.find(key);
+  return value == nullptr ? std::nullopt : std::optional<std::int64_t>(*value);
+}
+
+}  // namespace qx_test

@@ -1,0 +1,120 @@
+// Records that no call of the interface makes: what reads do not look at, what they take as absent,
+// and which checks end the process when an invariant is broken.
+#include "qx_index.h"
+#include "record/fields.h"
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+const Floats kOne{1};
+
+TEST(Invariants, NoReadLooksAtTheSnapshotOrTheStamps) {
+  const Index index(1);
+  seal(index, 1, {1, 2}, {1, 2});
+  insert(index, {2, 9}, {20, 90});
+  delete_ids(index, {1});
+  const Rows visible = export_visible(index);
+  const Found current = search_mvcc(index, {1, 2, 9}, kOne, 3);
+  index->snapshot = 0;
+  index->mutated = 0;
+  index->delta_stamps.at(0) = 1000;
+  index->delta_stamps.at(1) = -1;
+  EXPECT_EQ(export_visible(index), visible);
+  EXPECT_EQ(search_mvcc(index, {1, 2, 9}, kOne, 3), current);
+  EXPECT_EQ(search_filtered(index, kEveryId, kOne, 3), current);
+}
+
+TEST(Invariants, ATombstoneOfAnyValueButZeroHides) {
+  const Index index(1);
+  insert(index, {5}, {5});
+  for (const std::int64_t value : {std::int64_t{1}, std::int64_t{-1}, INT64_MIN, INT64_MAX}) {
+    index->deleted_at.assign(5, value);
+    EXPECT_EQ(visible_ids(index), Ids()) << "value " << value;
+    EXPECT_EQ(search_mvcc(index, {5}, kOne, 1), found({kEmptySlot})) << "value " << value;
+  }
+  index->deleted_at.assign(5, 0);
+  EXPECT_EQ(visible_ids(index), Ids{5});
+  EXPECT_EQ(search_mvcc(index, {5}, kOne, 1), found({{5, 5}}));
+}
+
+TEST(Invariants, AColumnBehindTheCurrentNumberMatchesNothing) {
+  const Index index(1);
+  insert(index, {5}, {5});
+  set_rowmeta(index, {5}, {0}, {7, 8}, 2);
+  index->meta_ncols = 1;
+  EXPECT_EQ(match_ids(index, {2, 0, 7}), Ids{5});
+  EXPECT_EQ(match_ids(index, {2, 1, 8}), Ids());
+  EXPECT_EQ(export_rowmeta(index, {5}), (Metadata{1, {0}, {7}}));
+}
+
+TEST(Invariants, AnIvfKeyWithANegativePositionIsAbsent) {
+  const Index index(1);
+  seal(index, 1, {1, 2}, {1, 2});
+  set_ivf(index, 7, {1, 1, {1}, {1}, {0, 1}});
+  index->ivf_map.assign(7, -1);
+  EXPECT_EQ(qx_index_has_ivf(index, 7), 0);
+  EXPECT_EQ(qx_index_set_ivf_nprobe(index, 7, 3), -1);
+  EXPECT_EQ(search_ivf(index, 7, kOne, 1), nothing_written());
+  set_ivf(index, 7, {1, 1, {1}, {2}, {0, 1}});
+  EXPECT_EQ(index->ivf_map.size(), 1);
+  EXPECT_EQ(value_of(index->ivf_map, 7), 1);
+  EXPECT_EQ(search_ivf(index, 7, kOne, 1), found({{2, 2}}));
+}
+
+TEST(Invariants, AnIvfPositionBehindTheListEndsTheProcess) {
+  const Index index(1);
+  set_ivf(index, 7, {1, 1, {1}, {1}, {0, 1}});
+  const auto behind = [&] { index->ivf_map.assign(7, 1); };
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    behind();
+    search_ivf(index, 7, kOne, 1);
+  }));
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    behind();
+    qx_index_set_ivf_nprobe(index, 7, 1);
+  }));
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    behind();
+    set_ivf(index, 7, {1, 1, {1}, {1}, {0, 1}});
+  }));
+}
+
+TEST(Invariants, OffsetsThatEndBeforeTheirListEndTheSearch) {
+  const Index index(1);
+  set_ivf(index, 7, {2, 1, {1, 2}, {1, 1}, {0, 1, 2}});
+  EXPECT_TRUE(ends_out_of_bounds(2, 2, [&] {
+    index->ivf_list.at(0).list_offsets.length = 2;
+    search_ivf(index, 7, kOne, 1);
+  }));
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    index->ivf_list.at(0).list_offsets.length = 1;
+    search_ivf(index, 7, kOne, 1);
+  }));
+}
+
+TEST(Invariants, AMissingColumnEndsTheProcess) {
+  const Index index(1);
+  insert(index, {5}, {5});
+  set_rowmeta(index, {5}, {0}, {7}, 1);
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    index->meta_ncols = 2;
+    match_ids(index, {2, 1, 7});
+  }));
+  EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
+    index->meta_ncols = 2;
+    export_rowmeta(index, {5});
+  }));
+}
+
+TEST(Invariants, AMissingStampEndsTheInsert) {
+  const Index index(1);
+  insert(index, {5}, {5});
+  EXPECT_TRUE(ends_out_of_bounds(0, 0, [&] {
+    index->delta_stamps.length = 0;
+    insert(index, {5}, {6});
+  }));
+}
+
+}  // namespace
+}  // namespace qx_test
