@@ -1,0 +1,163 @@
+// Every kernel against the numeric contract, written out as a plain loop: every dimension and block
+// size, lying rows and scattered rows, ordinary and special values, on guarded memory.
+#include "kernels/kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "histories/random.h"
+#include "support/guarded.h"
+
+namespace {
+
+using qx_test::Edge;
+using qx_test::Guarded;
+using qx_test::Random;
+using qx_test::Values;
+using Floats = std::vector<float>;
+
+constexpr std::int64_t kMostDims = 300;
+
+// Row counts around every multiple of a group of rows that a kernel may use.
+const std::vector<std::int64_t> kCounts = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  11, 12, 13, 15,
+                                           16, 17, 23, 24, 25, 31, 32, 33, 47, 48, 49, 63, 64, 65};
+
+float contract_score(const float* row, const float* query, std::int64_t dim) {
+  float sum = 0.0f;
+  for (std::int64_t j = 0; j < dim; ++j) sum = std::fma(row[j], query[j], sum);
+  return sum;
+}
+
+// The same bits, or two NaNs, whose payload is the only thing that a kernel may choose.
+bool same_score(float a, float b) {
+  return std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b) ||
+         (std::isnan(a) && std::isnan(b));
+}
+
+class EveryKernel : public testing::TestWithParam<const qx::Kernels*> {
+ protected:
+  void SetUp() override {
+    if (!GetParam()->supported()) GTEST_SKIP() << GetParam()->name << " does not run on this CPU";
+  }
+
+  // Compares `count` scores of rows that start where `row` says.
+  template <typename RowOf>
+  static void expect_scores(const Guarded<float>& scores, std::int64_t dim,
+                            const Guarded<float>& query, RowOf row) {
+    for (std::size_t i = 0; i < scores.size(); ++i) {
+      const float expected = contract_score(row(i), query.data(), dim);
+      ASSERT_TRUE(same_score(scores[i], expected))
+          << "dim " << dim << ", row " << i << " of " << scores.size() << ": " << scores[i]
+          << " instead of " << expected;
+    }
+    ASSERT_TRUE(scores.margins_intact());
+  }
+};
+
+TEST_P(EveryKernel, ScoresLyingRowsByTheContract) {
+  Random random(11);
+  Guarded<float> rows;
+  Guarded<float> query;
+  Guarded<float> scores;
+  for (std::int64_t dim = 0; dim <= kMostDims; ++dim) {
+    const auto kind = static_cast<Values>(dim % 5);
+    query.assign(draw_floats(random, kind, dim));
+    for (const std::int64_t count : kCounts) {
+      rows.assign(draw_floats(random, kind, count * dim),
+                  random.percent(50) ? Edge::kEnd : Edge::kStart);
+      scores.assign(Floats(static_cast<std::size_t>(count), 7.0f));
+      GetParam()->score_contiguous(rows.data(), count, dim, query.data(), scores.data());
+      expect_scores(scores, dim, query, [&](std::size_t i) {
+        return rows.data() + static_cast<std::int64_t>(i) * dim;
+      });
+    }
+  }
+}
+
+TEST_P(EveryKernel, ScoresScatteredRowsByTheContract) {
+  constexpr std::size_t kPlaces = 8;  // rows that each end, or start, at an unmapped page
+  Random random(12);
+  Guarded<float> places[kPlaces];
+  Guarded<float> query;
+  Guarded<float> scores;
+  for (std::int64_t dim = 0; dim <= kMostDims; ++dim) {
+    const auto kind = static_cast<Values>(dim % 5);
+    query.assign(draw_floats(random, kind, dim));
+    for (Guarded<float>& place : places) {
+      place.assign(draw_floats(random, kind, dim), random.percent(50) ? Edge::kEnd : Edge::kStart);
+    }
+    for (const std::int64_t count : kCounts) {
+      std::vector<const float*> rows;
+      for (std::int64_t i = 0; i < count; ++i) {
+        rows.push_back(places[random.between(0, kPlaces - 1)].data());
+      }
+      scores.assign(Floats(static_cast<std::size_t>(count), 7.0f));
+      GetParam()->score_scattered(rows.data(), count, dim, query.data(), scores.data());
+      expect_scores(scores, dim, query, [&](std::size_t i) { return rows[i]; });
+    }
+  }
+}
+
+TEST_P(EveryKernel, ScoresAVectorOfNoElementsAsPositiveZero) {
+  Guarded<float> scores(5, -7.0f);
+  GetParam()->score_contiguous(nullptr, 5, 0, nullptr, scores.data());
+  for (const float score : scores.values()) EXPECT_EQ(std::bit_cast<std::uint32_t>(score), 0u);
+}
+
+TEST_P(EveryKernel, RoundsOnceInEachStep) {
+  // 1 + 2^-12, squared, minus its own rounding: only a fused step keeps the last bit.
+  const float a = 1.0f + 0x1p-12f;
+  const Floats row = {-(1.0f + 0x1p-11f), a};
+  const Floats query = {1.0f, a};
+  float score = 0.0f;
+  GetParam()->score_contiguous(row.data(), 1, 2, query.data(), &score);
+  EXPECT_EQ(score, 0x1p-24f);
+}
+
+std::vector<const qx::Kernels*> listed_kernels() {
+  std::vector<const qx::Kernels*> listed;
+  for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
+    listed.push_back(*next);
+  }
+  return listed;
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, EveryKernel, testing::ValuesIn(listed_kernels()),
+                         [](const auto& kernel) { return std::string(kernel.param->name); });
+
+TEST(Dispatch, EndsItsListWithThePortableKernelWhichRunsEverywhere) {
+  EXPECT_EQ(listed_kernels().back(), &qx::kPortableKernels);
+  EXPECT_TRUE(qx::kPortableKernels.supported());
+}
+
+TEST(Dispatch, ChoosesTheFirstKernelOfTheListThatRunsHere) {
+  ASSERT_TRUE(qx::force_kernels(nullptr));
+  for (const qx::Kernels* kernel : listed_kernels()) {
+    if (!kernel->supported()) continue;
+    EXPECT_EQ(&qx::kernels(), kernel);
+    break;
+  }
+}
+
+TEST(Dispatch, ForcesAKernelByNameAndRefusesAnUnknownName) {
+  ASSERT_TRUE(qx::force_kernels("portable"));
+  EXPECT_EQ(&qx::kernels(), &qx::kPortableKernels);
+  EXPECT_FALSE(qx::force_kernels("abacus"));
+  EXPECT_FALSE(qx::force_kernels(""));
+  EXPECT_EQ(&qx::kernels(), &qx::kPortableKernels);
+  ASSERT_TRUE(qx::force_kernels(nullptr));
+}
+
+TEST(Dispatch, RefusesAKernelThatDoesNotRunHere) {
+  for (const qx::Kernels* kernel : listed_kernels()) {
+    EXPECT_EQ(qx::force_kernels(kernel->name), kernel->supported()) << kernel->name;
+  }
+  ASSERT_TRUE(qx::force_kernels(nullptr));
+}
+
+}  // namespace
