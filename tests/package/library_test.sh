@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Checks the shared library from outside: what it exports, imports, links and is called.
+# usage: library_test.sh LIBRARY SANITIZED(0|1)
+set -euo pipefail
+library=$1
+sanitized=$2
+here=$(dirname "$0")
+failed=0
+
+# Prints what differs between a stored list and the names on standard input.
+compare() {
+  if ! diff "$here/$1" - >&2; then
+    echo "library_test: $2 (< stored, > found)" >&2
+    failed=1
+  fi
+}
+
+# The sanitizers add symbols of their own; the rest of a sanitized library is checked all the same.
+nm --dynamic --defined-only --format=posix "$library" | awk '{ print $1 }' | sort |
+  { [ "$sanitized" = 1 ] && grep '^qx_' || cat; } |
+  compare exported_symbols.txt "the exported symbols differ from the stored list"
+
+soname=$(readelf --dynamic "$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
+if [ "$soname" != libqx_runtime.so.1 ]; then
+  echo "library_test: the SONAME is '$soname'" >&2
+  failed=1
+fi
+[ "$sanitized" = 1 ] && exit $failed
+
+# Everything that the library may call: the heap, blocks of memory, and one line to standard error.
+# No thread, lock, file or socket function is among them.
+unexpected=$(nm --dynamic --undefined-only --format=posix "$library" |
+  awk '$2 == "U" { sub("@.*", "", $1); print $1 }' | sort | comm -13 "$here/imported_symbols.txt" -)
+if [ -n "$unexpected" ]; then
+  echo "library_test: it imports what it may not call:" $unexpected >&2
+  failed=1
+fi
+
+for needed in $(readelf --dynamic "$library" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p'); do
+  case $needed in
+    libc.so.* | libm.so.* | libgcc_s.so.* | libstdc++.so.* | ld-linux*) ;;
+    *)
+      echo "library_test: it links $needed" >&2
+      failed=1
+      ;;
+  esac
+done
+exit $failed
