@@ -8,9 +8,9 @@
 
 namespace qx {
 
-// Rows scored by one kernel call. A block's scores stay in the first-level cache, and one indirect
-// call is spread over many rows.
-inline constexpr std::int64_t kBlockRows = 64;
+// Rows scored by one kernel call: a multiple of every kernel's group of rows. A block's scores stay
+// in the first-level cache, and one indirect call is spread over many rows.
+inline constexpr std::int64_t kBlockRows = 192;
 
 // Offers `count` rows that lie one after the other; row i reports ids[i].
 void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
@@ -24,15 +24,22 @@ class ScatteredScan {
 
   // Adds a row. Its vector must stay readable until finish().
   void add(const float* vector, std::int64_t id) {
+    __builtin_prefetch(vector);  // its block is scored up to kBlockRows rows later
     vectors_[pending_] = vector;
     ids_[pending_] = id;
-    if (++pending_ == kBlockRows) finish();
+    if (++pending_ == kBlockRows) flush();
   }
 
-  // Offers what was added since the last full block. Must be called after the last row.
-  void finish();
+  // Completes the results. Must be called after the last row.
+  void finish() {
+    flush();
+    topk_.finish();
+  }
 
  private:
+  // Offers what was added since the last full block.
+  void flush();
+
   std::int64_t width_;
   const float* query_;
   TopK& topk_;

@@ -8,26 +8,41 @@
 #include <immintrin.h>
 
 #define QX_AVX2 __attribute__((target("avx2,fma")))
+#define QX_AVX2_INLINE __attribute__((target("avx2,fma"), always_inline)) inline
 
 namespace qx {
 namespace {
 
 constexpr std::int64_t kLanes = 8;
-constexpr std::int64_t kGroup = 2 * kLanes;  // Two chains hide half of each other's latency.
-constexpr std::int64_t kStep = 4;            // Columns that one transposition turns.
+constexpr std::int64_t kStep = 4;   // columns that one transposition turns
+constexpr std::int64_t kLine = 16;  // floats of a cache line
+constexpr std::int64_t kLineBytes = 64;
+constexpr std::int64_t kMostGroups = 3;  // groups of eight rows that are walked side by side
 
-// Four columns of eight rows, turned so that columns[c] holds component c of rows 0 to 7.
+// Eight rows, at equal distances or anywhere.
+struct ContiguousRows {
+  const float* first;
+  std::int64_t dim;
+  const float* row(std::int64_t i) const { return first + i * dim; }
+};
+struct ScatteredRows {
+  const float* const* rows;
+  const float* row(std::int64_t i) const { return rows[i]; }
+};
+
+// Four columns of eight rows: column[c] holds component c of rows 0 to 7.
 struct Columns {
-  __m256 columns[kStep];
+  __m256 column[kStep];
 };
 
 // Rows i and i + 4 share a register, so that transposing 4 x 4 inside each 128-bit half puts the
 // rows into natural order without crossing the halves.
-QX_AVX2 inline Columns load_columns(const float* const* rows, std::int64_t at) {
+template <typename Rows>
+QX_AVX2_INLINE Columns load_columns(const Rows& rows, std::int64_t at) {
   __m256 pair[4];
   for (int i = 0; i < 4; ++i) {
-    const __m256 low = _mm256_castps128_ps256(_mm_loadu_ps(rows[i] + at));
-    pair[i] = _mm256_insertf128_ps(low, _mm_loadu_ps(rows[i + 4] + at), 1);
+    const __m256 low = _mm256_castps128_ps256(_mm_loadu_ps(rows.row(i) + at));
+    pair[i] = _mm256_insertf128_ps(low, _mm_loadu_ps(rows.row(i + 4) + at), 1);
   }
   const __m256 low01 = _mm256_unpacklo_ps(pair[0], pair[1]);
   const __m256 high01 = _mm256_unpackhi_ps(pair[0], pair[1]);
@@ -37,54 +52,230 @@ QX_AVX2 inline Columns load_columns(const float* const* rows, std::int64_t at) {
            _mm256_shuffle_ps(high01, high23, 0x44), _mm256_shuffle_ps(high01, high23, 0xEE)}};
 }
 
-// One column of eight rows, element by element: for rows shorter than a step.
-QX_AVX2 inline __m256 load_column(const float* const* rows, std::int64_t at) {
-  return _mm256_setr_ps(rows[0][at], rows[1][at], rows[2][at], rows[3][at], rows[4][at],
-                        rows[5][at], rows[6][at], rows[7][at]);
+// Adds the columns from `used` on to the sums; `factors` are the query's components at `at`.
+QX_AVX2_INLINE __m256 add_columns(const Columns& columns, std::int64_t used, const float* factors,
+                                  __m256 sums) {
+  for (std::int64_t c = used; c < kStep; ++c) {
+    sums = _mm256_fmadd_ps(columns.column[c], _mm256_broadcast_ss(factors + c), sums);
+  }
+  return sums;
 }
 
-// Scores kGroup rows. The columns that do not fill a step are taken from the row's last four, of
-// which the first have been used already: nothing is read past a row.
-QX_AVX2 void score_group(const float* const* rows, std::int64_t dim, const float* query,
-                         float* scores) {
-  __m256 sum0 = _mm256_setzero_ps();
-  __m256 sum1 = _mm256_setzero_ps();
+// One step of eight rows.
+template <typename Rows>
+QX_AVX2_INLINE __m256 add_step(const Rows& rows, std::int64_t at, const float* query, __m256 sums) {
+  return add_columns(load_columns(rows, at), 0, query + at, sums);
+}
+
+// Finishes eight rows from column `at`, after which less than a step is left. The columns are taken
+// from the row's last four, of which the first have been used already; rows shorter than a step are
+// gathered element by element. Nothing is read past a row.
+template <typename Rows>
+QX_AVX2_INLINE __m256 add_rest(const Rows& rows, std::int64_t at, std::int64_t dim,
+                               const float* query, __m256 sums) {
+  if (at == dim) return sums;
+  if (dim >= kStep) {
+    const std::int64_t last = dim - kStep;
+    return add_columns(load_columns(rows, last), at - last, query + last, sums);
+  }
+  for (; at < dim; ++at) {
+    const __m256 column =
+        _mm256_setr_ps(rows.row(0)[at], rows.row(1)[at], rows.row(2)[at], rows.row(3)[at],
+                       rows.row(4)[at], rows.row(5)[at], rows.row(6)[at], rows.row(7)[at]);
+    sums = _mm256_fmadd_ps(column, _mm256_broadcast_ss(query + at), sums);
+  }
+  return sums;
+}
+
+// Scores `Groups` groups of eight rows side by side: a chain of one group waits for its own last
+// step, and the others fill the wait. With Prefetches, each step also prefetches as many lines as
+// it reads, in address order from `ahead` on.
+template <int Groups, bool Prefetches, typename Rows>
+QX_AVX2_INLINE void score_groups(const Rows (&rows)[Groups], std::int64_t dim, const float* query,
+                                 const char* ahead, float* scores) {
+  __m256 sums[Groups];
+  for (int g = 0; g < Groups; ++g) sums[g] = _mm256_setzero_ps();
   std::int64_t j = 0;
   for (; j + kStep <= dim; j += kStep) {
-    const Columns block0 = load_columns(rows, j);
-    const Columns block1 = load_columns(rows + kLanes, j);
-    for (int c = 0; c < kStep; ++c) {
-      const __m256 factor = _mm256_broadcast_ss(query + j + c);
-      sum0 = _mm256_fmadd_ps(block0.columns[c], factor, sum0);
-      sum1 = _mm256_fmadd_ps(block1.columns[c], factor, sum1);
+#pragma GCC unroll 3
+    for (int g = 0; g < Groups; ++g) {
+      if constexpr (Prefetches) {
+        _mm_prefetch(ahead, _MM_HINT_T0);
+        _mm_prefetch(ahead + kLineBytes, _MM_HINT_T0);
+        ahead += 2 * kLineBytes;
+      }
+      sums[g] = add_step(rows[g], j, query, sums[g]);
     }
   }
-  if (j < dim && dim >= kStep) {
-    const Columns block0 = load_columns(rows, dim - kStep);
-    const Columns block1 = load_columns(rows + kLanes, dim - kStep);
-    for (std::int64_t c = j - (dim - kStep); c < kStep; ++c) {
-      const __m256 factor = _mm256_broadcast_ss(query + dim - kStep + c);
-      sum0 = _mm256_fmadd_ps(block0.columns[c], factor, sum0);
-      sum1 = _mm256_fmadd_ps(block1.columns[c], factor, sum1);
-    }
-  } else {
-    for (; j < dim; ++j) {
-      const __m256 factor = _mm256_broadcast_ss(query + j);
-      sum0 = _mm256_fmadd_ps(load_column(rows, j), factor, sum0);
-      sum1 = _mm256_fmadd_ps(load_column(rows + kLanes, j), factor, sum1);
-    }
+  for (int g = 0; g < Groups; ++g) {
+    _mm256_storeu_ps(scores + g * kLanes, add_rest(rows[g], j, dim, query, sums[g]));
   }
-  _mm256_storeu_ps(scores, sum0);
-  _mm256_storeu_ps(scores + kLanes, sum1);
 }
 
-// Scores fewer than kGroup rows, the last of which fills the lanes that are left over.
-void score_last_rows(const float* const* rows, std::int64_t count, std::int64_t dim,
-                     const float* query, float* scores) {
-  const float* group[kGroup];
-  float group_scores[kGroup];
-  for (std::int64_t i = 0; i < kGroup; ++i) group[i] = rows[i < count ? i : count - 1];
-  score_group(group, dim, query, group_scores);
+// ---- Contiguous rows in the caches ----
+
+// How far ahead of its rows a scan in the caches prefetches, and the longest row for which that
+// pays: 24 such rows and the lines ahead of them share the first-level cache.
+constexpr std::int64_t kCachedAheadBytes = 4096;
+constexpr std::int64_t kLongestCachedAhead = 192;
+
+template <int Groups, bool Prefetches>
+QX_AVX2 void score_cached_groups(const float* rows, std::int64_t dim, const float* query,
+                                 float* scores) {
+  ContiguousRows groups[Groups];
+  for (int g = 0; g < Groups; ++g) groups[g] = {rows + g * kLanes * dim, dim};
+  const std::int64_t block_bytes = Groups * kLanes * dim * 4;
+  const char* const next = reinterpret_cast<const char*>(rows) +
+                           (block_bytes > kCachedAheadBytes ? block_bytes : kCachedAheadBytes);
+  score_groups<Groups, Prefetches>(groups, dim, query, next, scores);
+}
+
+// The number of groups to walk side by side. Rows at a distance of a multiple of 2 KiB or 4 KiB
+// fall into few sets of the first-level cache: more of them at a time would push each other out.
+std::int64_t cached_groups(std::int64_t dim) {
+  if (dim == 0 || dim % 512 != 0) return kMostGroups;
+  return dim % 1024 == 0 ? 1 : 2;
+}
+
+// Scores whole groups; returns how many rows.
+template <bool Prefetches>
+QX_AVX2 std::int64_t score_cached(const float* rows, std::int64_t count, std::int64_t dim,
+                                  const float* query, float* scores) {
+  const std::int64_t at_once = cached_groups(dim);
+  std::int64_t i = 0;
+  for (; at_once >= 3 && i + 3 * kLanes <= count; i += 3 * kLanes) {
+    score_cached_groups<3, Prefetches>(rows + i * dim, dim, query, scores + i);
+  }
+  for (; at_once >= 2 && i + 2 * kLanes <= count; i += 2 * kLanes) {
+    score_cached_groups<2, Prefetches>(rows + i * dim, dim, query, scores + i);
+  }
+  for (; i + kLanes <= count; i += kLanes) {
+    score_cached_groups<1, Prefetches>(rows + i * dim, dim, query, scores + i);
+  }
+  return i;
+}
+
+// ---- Contiguous rows in memory ----
+//
+// Eight rows read column by column are eight short streams, which the hardware prefetcher follows
+// badly. So the kernel says what will be needed, a line of each row at a time.
+
+// Rows up to this length are prefetched column by column, kPacedLines lines ahead in their own row
+// and then in the row that takes its place. Longer ones are prefetched in address order into the
+// second-level cache, a block ahead, since their blocks do not fit the first, and fetched from
+// there a line before their use.
+constexpr std::int64_t kLongestPaced = 319;
+constexpr std::int64_t kPacedLines = 24;
+constexpr std::int64_t kLinearAheadBytes = 1024;
+constexpr std::int64_t kTinyAheadBytes = 4096;
+
+QX_AVX2_INLINE __m256 add_line(const ContiguousRows& rows, std::int64_t at, const float* query,
+                               __m256 sums) {
+#pragma GCC unroll 4
+  for (std::int64_t j = at; j < at + kLine; j += kStep) sums = add_step(rows, j, query, sums);
+  return sums;
+}
+
+QX_AVX2_INLINE __m256 finish_row(const ContiguousRows& rows, std::int64_t at, const float* query,
+                                 __m256 sums) {
+  for (; at + kStep <= rows.dim; at += kStep) sums = add_step(rows, at, query, sums);
+  return add_rest(rows, at, rows.dim, query, sums);
+}
+
+QX_AVX2 void score_paced(const ContiguousRows& rows, const float* query, float* scores) {
+  const std::int64_t lines = (rows.dim + kLine - 1) / kLine;
+  std::int64_t line = kPacedLines % lines;  // the line to prefetch, of the rows at `ahead`
+  ContiguousRows ahead{rows.first + kPacedLines / lines * kLanes * rows.dim, rows.dim};
+  __m256 sums = _mm256_setzero_ps();
+  for (std::int64_t j = 0; j < rows.dim; j += kLine, ++line) {
+    if (line == lines) {
+      line = 0;
+      ahead.first += kLanes * rows.dim;
+    }
+    for (std::int64_t i = 0; i < kLanes; ++i)
+      _mm_prefetch(ahead.row(i) + line * kLine, _MM_HINT_T1);
+    if (j + kLine <= rows.dim) {
+      sums = add_line(rows, j, query, sums);
+    } else {
+      sums = finish_row(rows, j, query, sums);
+    }
+  }
+  _mm256_storeu_ps(scores, sums);
+}
+
+QX_AVX2 void score_linear(const ContiguousRows& rows, const float* query, float* scores) {
+  const char* ahead = reinterpret_cast<const char*>(rows.row(kLanes)) + kLinearAheadBytes;
+  __m256 sums = _mm256_setzero_ps();
+  std::int64_t j = 0;
+  for (; j + kLine <= rows.dim; j += kLine) {
+#pragma GCC unroll 4
+    for (std::int64_t part = 0; part < 4; ++part, ahead += 2 * kLineBytes) {
+      _mm_prefetch(ahead, _MM_HINT_T1);
+      _mm_prefetch(ahead + kLineBytes, _MM_HINT_T1);
+      _mm_prefetch(rows.row(2 * part) + j + kLine, _MM_HINT_T0);
+      _mm_prefetch(rows.row(2 * part + 1) + j + kLine, _MM_HINT_T0);
+      sums = add_step(rows, j + part * kStep, query, sums);
+    }
+  }
+  _mm256_storeu_ps(scores, finish_row(rows, j, query, sums));
+}
+
+// Rows shorter than a line: several of them share one.
+QX_AVX2 void score_tiny(const ContiguousRows& rows, const float* query, float* scores) {
+  const char* const ahead = reinterpret_cast<const char*>(rows.first) + kTinyAheadBytes;
+  const std::int64_t bytes = kLanes * rows.dim * 4;
+  for (std::int64_t at = 0; at < bytes; at += kLineBytes) _mm_prefetch(ahead + at, _MM_HINT_T0);
+  _mm256_storeu_ps(scores, finish_row(rows, 0, query, _mm256_setzero_ps()));
+}
+
+// Scores whole groups; returns how many rows.
+QX_AVX2 std::int64_t score_streaming(const float* rows, std::int64_t count, std::int64_t dim,
+                                     const float* query, float* scores) {
+  const auto score = dim < kLine ? score_tiny : dim <= kLongestPaced ? score_paced : score_linear;
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) score({rows + i * dim, dim}, query, scores + i);
+  return i;
+}
+
+// ---- Scattered rows ----
+
+// Scores two groups of eight rows, and prefetches the `following` rows of the list behind them:
+// whenever a line of these rows is begun, the same line of those. Nobody else can: each row begins
+// at an address of its own.
+QX_AVX2 void score_scattered_pair(const float* const* rows, std::int64_t following,
+                                  std::int64_t dim, const float* query, float* scores) {
+  const float* const* const next = rows + 2 * kLanes;
+  const ScatteredRows low{rows};
+  const ScatteredRows high{rows + kLanes};
+  __m256 low_sums = _mm256_setzero_ps();
+  __m256 high_sums = _mm256_setzero_ps();
+  std::int64_t j = 0;
+  for (; j + kStep <= dim; j += kStep) {
+    if (j % kLine == 0) {
+      for (std::int64_t i = 0; i < following; ++i) _mm_prefetch(next[i] + j, _MM_HINT_T0);
+    }
+    low_sums = add_step(low, j, query, low_sums);
+    high_sums = add_step(high, j, query, high_sums);
+  }
+  // The end of a row may lie on one more line than its beginning lets expect.
+  for (std::int64_t i = 0; i < following && dim > 0; ++i) {
+    _mm_prefetch(next[i] + dim - 1, _MM_HINT_T0);
+  }
+  _mm256_storeu_ps(scores, add_rest(low, j, dim, query, low_sums));
+  _mm256_storeu_ps(scores + kLanes, add_rest(high, j, dim, query, high_sums));
+}
+
+// ---- The functions of the table ----
+
+// Scores fewer than eight rows; the last of them fills the lanes that are left over.
+template <typename Rows>
+QX_AVX2 void score_last_rows(const Rows& rows, std::int64_t count, std::int64_t dim,
+                             const float* query, float* scores) {
+  const float* filled[kLanes];
+  float group_scores[kLanes];
+  for (std::int64_t i = 0; i < kLanes; ++i) filled[i] = rows.row(i < count ? i : count - 1);
+  const ScatteredRows group[1] = {{filled}};
+  score_groups<1, false>(group, dim, query, nullptr, group_scores);
   for (std::int64_t i = 0; i < count; ++i) scores[i] = group_scores[i];
 }
 
@@ -93,21 +284,29 @@ bool supported() {
   return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
 }
 
-void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
-                     const float* query, float* scores) {
-  const std::int64_t whole = count - count % kGroup;
-  for (std::int64_t i = 0; i < whole; i += kGroup) score_group(rows + i, dim, query, scores + i);
-  if (whole < count) score_last_rows(rows + whole, count - whole, dim, query, scores + whole);
+QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                             const float* query, float* scores) {
+  std::int64_t i = 0;
+  for (; i + 2 * kLanes <= count; i += 2 * kLanes) {
+    const std::int64_t left = count - i - 2 * kLanes;
+    score_scattered_pair(rows + i, left < 2 * kLanes ? left : 2 * kLanes, dim, query, scores + i);
+  }
+  for (; i + kLanes <= count; i += kLanes) {
+    const ScatteredRows group[1] = {{rows + i}};
+    score_groups<1, false>(group, dim, query, nullptr, scores + i);
+  }
+  if (i < count) score_last_rows(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
 }
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      float* scores) {
-  for (std::int64_t first = 0; first < count; first += kGroup) {
-    const float* group[kGroup];
-    const std::int64_t size = count - first < kGroup ? count - first : kGroup;
-    for (std::int64_t i = 0; i < size; ++i) group[i] = rows + (first + i) * dim;
-    score_scattered(group, size, dim, query, scores + first);
-  }
+                      bool streaming, float* scores) {
+  const bool prefetches = dim >= kLine && dim <= kLongestCachedAhead;
+  const auto score = streaming    ? score_streaming
+                     : prefetches ? score_cached<true>
+                                  : score_cached<false>;
+  const std::int64_t i = score(rows, count, dim, query, scores);
+  if (i == count) return;
+  score_last_rows(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
 }
 
 }  // namespace
@@ -118,4 +317,5 @@ extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguo
 }  // namespace qx
 
 #undef QX_AVX2
+#undef QX_AVX2_INLINE
 #endif

@@ -10,7 +10,8 @@
 // per SIMD lane; a row is never split.
 //
 // A kernel knows rows, a query and scores. It knows no ids, no deletes and no index. It reads no
-// element outside the given rows and the query, and writes exactly the given scores.
+// element outside the given rows and the query (it may prefetch beyond, which reads nothing), and
+// writes exactly the given scores.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +24,11 @@ struct Kernels {
   // Whether this CPU and its operating system can run the functions below.
   bool (*supported)();
 
-  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim.
+  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim. `streaming`
+  // says that they are part of a scan too large for the caches, and that what follows them is next;
+  // it changes the speed and nothing else.
   void (*score_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
-                           const float* query, float* scores);
+                           const float* query, bool streaming, float* scores);
 
   // Scores `count` rows that lie anywhere: row i starts at rows[i].
   void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
