@@ -29,7 +29,7 @@ Array<float> score_centroids(const QxIvf& ivf, std::int64_t width, const float* 
   Array<float> scores;
   scores.data = static_cast<float*>(allocate(ivf.nlist, sizeof(float)));
   scores.length = scores.capacity = ivf.nlist;
-  kernels().score_contiguous(centroids, ivf.nlist, width, query, false, scores.data);
+  kernels().score_contiguous(centroids, ivf.nlist, width, query, Reach::kNear, scores.data);
   return scores;
 }
 

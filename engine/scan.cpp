@@ -7,19 +7,25 @@
 namespace qx {
 namespace {
 
-// A scan of more bytes than this comes from memory, not from the caches.
-constexpr std::int64_t kCachedBytes = std::int64_t{20} << 20;
+// Scans of up to so many bytes find their rows in the second-level, or the last-level, cache.
+constexpr std::int64_t kNearBytes = std::int64_t{1} << 20;
+constexpr std::int64_t kFarBytes = std::int64_t{20} << 20;
+
+Reach reach_of(std::int64_t bytes) {
+  if (bytes <= kNearBytes) return Reach::kNear;
+  return bytes <= kFarBytes ? Reach::kFar : Reach::kMemory;
+}
 
 }  // namespace
 
 void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                      std::int64_t width, const float* query, TopK& topk) {
   const auto score = kernels().score_contiguous;
-  const bool streaming = count * width > kCachedBytes / std::int64_t{sizeof(float)};
+  const Reach reach = reach_of(count * width * std::int64_t{sizeof(float)});
   float scores[kBlockRows];
   for (std::int64_t first = 0; first < count; first += kBlockRows) {
     const std::int64_t size = std::min(kBlockRows, count - first);
-    score(rows + first * width, size, width, query, streaming, scores);
+    score(rows + first * width, size, width, query, reach, scores);
     topk.offer(scores, ids + first, size);
   }
   topk.finish();

@@ -155,7 +155,7 @@ QX_AVX2 std::int64_t score_cached(const float* rows, std::int64_t count, std::in
   return i;
 }
 
-// ---- Contiguous rows in memory ----
+// ---- Contiguous rows in memory, or in the last-level cache ----
 //
 // Eight rows read column by column are eight short streams, which the hardware prefetcher follows
 // badly. So the kernel says what will be needed, a line of each row at a time.
@@ -203,21 +203,32 @@ QX_AVX2 void score_paced(const ContiguousRows& rows, const float* query, float* 
   _mm256_storeu_ps(scores, sums);
 }
 
+template <int Groups>
 QX_AVX2 void score_linear(const ContiguousRows& rows, const float* query, float* scores) {
-  const char* ahead = reinterpret_cast<const char*>(rows.row(kLanes)) + kLinearAheadBytes;
-  __m256 sums = _mm256_setzero_ps();
+  const char* ahead = reinterpret_cast<const char*>(rows.row(Groups * kLanes)) + kLinearAheadBytes;
+  ContiguousRows group[Groups];
+  __m256 sums[Groups];
+  for (int g = 0; g < Groups; ++g) {
+    group[g] = {rows.row(g * kLanes), rows.dim};
+    sums[g] = _mm256_setzero_ps();
+  }
   std::int64_t j = 0;
   for (; j + kLine <= rows.dim; j += kLine) {
 #pragma GCC unroll 4
-    for (std::int64_t part = 0; part < 4; ++part, ahead += 2 * kLineBytes) {
-      _mm_prefetch(ahead, _MM_HINT_T1);
-      _mm_prefetch(ahead + kLineBytes, _MM_HINT_T1);
-      _mm_prefetch(rows.row(2 * part) + j + kLine, _MM_HINT_T0);
-      _mm_prefetch(rows.row(2 * part + 1) + j + kLine, _MM_HINT_T0);
-      sums = add_step(rows, j + part * kStep, query, sums);
+    for (std::int64_t part = 0; part < 4; ++part) {
+#pragma GCC unroll 2
+      for (int g = 0; g < Groups; ++g, ahead += 2 * kLineBytes) {
+        _mm_prefetch(ahead, _MM_HINT_T1);
+        _mm_prefetch(ahead + kLineBytes, _MM_HINT_T1);
+        _mm_prefetch(group[g].row(2 * part) + j + kLine, _MM_HINT_T0);
+        _mm_prefetch(group[g].row(2 * part + 1) + j + kLine, _MM_HINT_T0);
+        sums[g] = add_step(group[g], j + part * kStep, query, sums[g]);
+      }
     }
   }
-  _mm256_storeu_ps(scores, finish_row(rows, j, query, sums));
+  for (int g = 0; g < Groups; ++g) {
+    _mm256_storeu_ps(scores + g * kLanes, finish_row(group[g], j, query, sums[g]));
+  }
 }
 
 // Rows shorter than a line: several of them share one.
@@ -229,11 +240,26 @@ QX_AVX2 void score_tiny(const ContiguousRows& rows, const float* query, float* s
 }
 
 // Scores whole groups; returns how many rows.
-QX_AVX2 std::int64_t score_streaming(const float* rows, std::int64_t count, std::int64_t dim,
-                                     const float* query, float* scores) {
-  const auto score = dim < kLine ? score_tiny : dim <= kLongestPaced ? score_paced : score_linear;
+QX_AVX2 std::int64_t score_from_memory(const float* rows, std::int64_t count, std::int64_t dim,
+                                       const float* query, float* scores) {
+  const auto score = dim < kLine            ? score_tiny
+                     : dim <= kLongestPaced ? score_paced
+                                            : score_linear<1>;
   std::int64_t i = 0;
   for (; i + kLanes <= count; i += kLanes) score({rows + i * dim, dim}, query, scores + i);
+  return i;
+}
+
+// The same for long rows in the last-level cache, which is fast enough to be worth two groups.
+QX_AVX2 std::int64_t score_long_far(const float* rows, std::int64_t count, std::int64_t dim,
+                                    const float* query, float* scores) {
+  std::int64_t i = 0;
+  for (; cached_groups(dim) >= 2 && i + 2 * kLanes <= count; i += 2 * kLanes) {
+    score_linear<2>({rows + i * dim, dim}, query, scores + i);
+  }
+  for (; i + kLanes <= count; i += kLanes) {
+    score_linear<1>({rows + i * dim, dim}, query, scores + i);
+  }
   return i;
 }
 
@@ -355,13 +381,17 @@ QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::
   if (i < count) score_last_rows(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
 }
 
+// The way to score whole groups of contiguous rows.
+auto contiguous_way(std::int64_t dim, Reach reach) {
+  if (dim >= 1 && dim < kStep) return score_shortest;
+  if (reach == Reach::kMemory) return score_from_memory;
+  if (dim >= kLine && dim <= kLongestCachedAhead) return score_cached<true>;
+  return reach == Reach::kFar && dim > kLongestCachedAhead ? score_long_far : score_cached<false>;
+}
+
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      bool streaming, float* scores) {
-  const auto score = dim >= 1 && dim < kStep                      ? score_shortest
-                     : streaming                                  ? score_streaming
-                     : dim >= kLine && dim <= kLongestCachedAhead ? score_cached<true>
-                                                                  : score_cached<false>;
-  const std::int64_t i = score(rows, count, dim, query, scores);
+                      Reach reach, float* scores) {
+  const std::int64_t i = contiguous_way(dim, reach)(rows, count, dim, query, scores);
   if (i == count) return;
   score_last_rows(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
 }

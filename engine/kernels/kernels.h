@@ -18,17 +18,20 @@
 
 namespace qx {
 
+// Where the rows of a scan come from: the first two levels of cache, the last one, or memory.
+enum class Reach { kNear, kFar, kMemory };
+
 struct Kernels {
   const char* name;
 
   // Whether this CPU and its operating system can run the functions below.
   bool (*supported)();
 
-  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim. `streaming`
-  // says that they are part of a scan too large for the caches, and that what follows them is next;
-  // it changes the speed and nothing else.
+  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim. They are part
+  // of a scan whose rows are as near as `reach` says, and what follows them in memory is next; that
+  // changes the speed and nothing else.
   void (*score_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
-                           const float* query, bool streaming, float* scores);
+                           const float* query, Reach reach, float* scores);
 
   // Scores `count` rows that lie anywhere: row i starts at rows[i].
   void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,

@@ -33,7 +33,7 @@ void score_scattered(const float* const* rows, std::int64_t count, std::int64_t 
 }
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      bool /*streaming*/, float* scores) {
+                      Reach /*reach*/, float* scores) {
   for (std::int64_t first = 0; first < count; first += kGroup) {
     const float* group[kGroup];
     const std::int64_t size = count - first < kGroup ? count - first : kGroup;

@@ -70,10 +70,9 @@ TEST_P(EveryKernel, ScoresLyingRowsByTheContract) {
     for (const std::int64_t count : kCounts) {
       rows.assign(draw_floats(random, kind, count * dim),
                   random.percent(50) ? Edge::kEnd : Edge::kStart);
-      for (const bool streaming : {false, true}) {
+      for (const qx::Reach reach : {qx::Reach::kNear, qx::Reach::kFar, qx::Reach::kMemory}) {
         scores.assign(Floats(static_cast<std::size_t>(count), 7.0f));
-        GetParam()->score_contiguous(rows.data(), count, dim, query.data(), streaming,
-                                     scores.data());
+        GetParam()->score_contiguous(rows.data(), count, dim, query.data(), reach, scores.data());
         expect_scores(scores, dim, query, [&](std::size_t i) {
           return rows.data() + static_cast<std::int64_t>(i) * dim;
         });
@@ -108,7 +107,7 @@ TEST_P(EveryKernel, ScoresScatteredRowsByTheContract) {
 
 TEST_P(EveryKernel, ScoresAVectorOfNoElementsAsPositiveZero) {
   Guarded<float> scores(5, -7.0f);
-  GetParam()->score_contiguous(nullptr, 5, 0, nullptr, false, scores.data());
+  GetParam()->score_contiguous(nullptr, 5, 0, nullptr, qx::Reach::kNear, scores.data());
   for (const float score : scores.values()) EXPECT_EQ(std::bit_cast<std::uint32_t>(score), 0u);
 }
 
@@ -118,7 +117,7 @@ TEST_P(EveryKernel, RoundsOnceInEachStep) {
   const Floats row = {-(1.0f + 0x1p-11f), a};
   const Floats query = {1.0f, a};
   float score = 0.0f;
-  GetParam()->score_contiguous(row.data(), 1, 2, query.data(), false, &score);
+  GetParam()->score_contiguous(row.data(), 1, 2, query.data(), qx::Reach::kNear, &score);
   EXPECT_EQ(score, 0x1p-24f);
 }
 
