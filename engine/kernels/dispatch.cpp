@@ -10,6 +10,8 @@ namespace {
 constexpr const Kernels* kBestFirst[] = {
 #if defined(__x86_64__)
     &kAvx2Kernels,
+#elif defined(__aarch64__)
+    &kNeonKernels,
 #endif
     &kPortableKernels,
     nullptr,

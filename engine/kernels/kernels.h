@@ -43,6 +43,8 @@ struct Kernels {
 extern const Kernels kPortableKernels;
 #if defined(__x86_64__)
 extern const Kernels kAvx2Kernels;
+#elif defined(__aarch64__)
+extern const Kernels kNeonKernels;
 #endif
 
 // The kernels that the engine calls: the best that run here, unless a test forced others.
