@@ -9,6 +9,7 @@ namespace {
 
 constexpr const Kernels* kBestFirst[] = {
 #if defined(__x86_64__)
+    &kAvx512Kernels,
     &kAvx2Kernels,
 #elif defined(__aarch64__)
     &kNeonKernels,

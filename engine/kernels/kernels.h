@@ -43,6 +43,7 @@ struct Kernels {
 extern const Kernels kPortableKernels;
 #if defined(__x86_64__)
 extern const Kernels kAvx2Kernels;
+extern const Kernels kAvx512Kernels;
 #elif defined(__aarch64__)
 extern const Kernels kNeonKernels;
 #endif
