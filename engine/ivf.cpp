@@ -1,12 +1,17 @@
 // IVF structures, stored as the host gives them, and the search through one of them. It sees the
 // sealed base alone.
-#include "kernels/kernels.h"
+#include <algorithm>
+#include <numeric>
+
 #include "qx_index.h"
 #include "rows.h"
 #include "scan.h"
 
 namespace qx {
 namespace {
+
+// Lists chosen in one pass over the scores of the centroids: their places are on the stack.
+constexpr std::int64_t kListsPerPass = 48;
 
 void release_arrays(QxIvf& ivf) {
   ivf.centroids.release();
@@ -29,32 +34,49 @@ Array<float> score_centroids(const QxIvf& ivf, std::int64_t width, const float* 
   Array<float> scores;
   scores.data = static_cast<float*>(allocate(ivf.nlist, sizeof(float)));
   scores.length = scores.capacity = ivf.nlist;
-  kernels().score_contiguous(centroids, ivf.nlist, width, query, Reach::kNear, scores.data);
+  score_contiguous(centroids, ivf.nlist, width, query, scores.data);
   return scores;
 }
 
-// The first list with the highest score, or -1 when none is above kEmptyScore. A NaN never is.
-std::int32_t best_list(const Array<float>& scores) {
-  float best = kEmptyScore;
-  std::int32_t list = -1;
-  for (std::int32_t c = 0; c < static_cast<std::int32_t>(scores.length); ++c) {
-    if (scores.data[c] > best) {
-      best = scores.data[c];
-      list = c;
-    }
+// Chooses the best lists among those not chosen yet, and takes their scores away, so that they are
+// not chosen again. Fills `lists`, best first, -1 where none is left: a list whose score is a NaN
+// or not above kEmptyScore is never chosen, and among equal scores the first list comes first.
+void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists) {
+  float best_scores[kListsPerPass];
+  TopK best(lists, best_scores, wanted);
+  for (std::int64_t first = 0; first < scores.length; first += kBlockRows) {
+    std::int64_t numbers[kBlockRows];
+    const std::int64_t count = std::min(kBlockRows, scores.length - first);
+    std::iota(numbers, numbers + count, first);
+    best.offer(scores.data + first, numbers, count);
   }
-  return list;
+  best.finish();
+  for (std::int64_t i = 0; i < wanted && lists[i] >= 0; ++i) scores.data[lists[i]] = kEmptyScore;
 }
 
 // Adds the members of a list that have a base row.
-void add_list(const QxIndex& index, const QxIvf& ivf, std::int32_t list, ScatteredScan& scan) {
+void add_list(const QxIndex& index, const QxIvf& ivf, std::int64_t list, ScatteredScan& scan) {
   const std::int64_t first = ivf.list_offsets.at(list);
-  const std::int64_t count = ivf.list_offsets.at(std::int64_t{list} + 1) - first;
+  const std::int64_t count = ivf.list_offsets.at(list + 1) - first;
   if (count < 1) return;
   const std::int64_t* const ids = ivf.list_ids.range(first, count);
   for (std::int64_t i = 0; i < count; ++i) {
     const std::int64_t row = base_row_of(index, ids[i]);
     if (row >= 0) scan.add(base_vector(index, row), ids[i]);
+  }
+}
+
+// Adds the members of the nprobe best lists, best list first.
+void add_best_lists(const QxIndex& index, const QxIvf& ivf, Array<float>& scores,
+                    ScatteredScan& scan) {
+  for (std::int64_t left = ivf.nprobe; left > 0; left -= kListsPerPass) {
+    std::int64_t lists[kListsPerPass];
+    const std::int64_t wanted = std::min(left, kListsPerPass);
+    choose_lists(scores, wanted, lists);
+    for (std::int64_t i = 0; i < wanted; ++i) {
+      if (lists[i] < 0) return;
+      add_list(index, ivf, lists[i], scan);
+    }
   }
 }
 
@@ -112,12 +134,7 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
   qx::TopK topk(out_ids, out_scores, k);
   qx::ScatteredScan scan(width, query, topk);
   qx::Array<float> coarse = qx::score_centroids(*ivf, width, query);
-  for (std::int32_t probe = 0; probe < ivf->nprobe; ++probe) {
-    const std::int32_t list = qx::best_list(coarse);
-    if (list < 0) break;
-    coarse.data[list] = qx::kEmptyScore;
-    qx::add_list(*index, *ivf, list, scan);
-  }
+  qx::add_best_lists(*index, *ivf, coarse, scan);
   scan.finish();
   coarse.release();
   return k;

@@ -18,6 +18,12 @@ Reach reach_of(std::int64_t bytes) {
 
 }  // namespace
 
+void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
+                      float* scores) {
+  const Reach reach = reach_of(count * width * std::int64_t{sizeof(float)});
+  kernels().score_contiguous(rows, count, width, query, reach, scores);
+}
+
 void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                      std::int64_t width, const float* query, TopK& topk) {
   const auto score = kernels().score_contiguous;

@@ -12,6 +12,10 @@ namespace qx {
 // in the first-level cache, and one indirect call is spread over many rows.
 inline constexpr std::int64_t kBlockRows = 192;
 
+// Scores `count` rows that lie one after the other.
+void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
+                      float* scores);
+
 // Offers `count` rows that lie one after the other; row i reports ids[i].
 void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                      std::int64_t width, const float* query, TopK& topk);

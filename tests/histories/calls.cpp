@@ -248,9 +248,12 @@ void History::erase() {
 
 void History::set_ivf() {
   const std::int64_t key = random_.percent(90) ? random_.between(-1, 2) : draw_id();
-  const std::int32_t nlist =
-      random_.percent(10) ? random_.between32(-3, 0) : random_.between32(1, 70) % 24 + 1;
-  const std::int32_t nprobe = random_.between32(-1, 8) * (random_.percent(10) ? 1000 : 1);
+  std::int32_t nlist = random_.between32(1, 24);
+  if (random_.percent(10)) nlist = random_.between32(-3, 0);
+  if (random_.percent(10)) nlist = random_.between32(49, 130);
+  std::int32_t nprobe = random_.between32(-1, 8);
+  if (random_.percent(20)) nprobe = random_.between32(40, 130);
+  if (random_.percent(5)) nprobe = INT32_MAX;
   const std::int64_t n_ids = random_.percent(10) ? 0 : random_.between(1, 120);
   const Ids list_ids = draw_ids(n_ids);
   const std::vector<std::int32_t> offsets = draw_offsets(nlist, n_ids);
