@@ -13,8 +13,8 @@ std::int64_t next_snapshot(QxIndex& index) {
   return static_cast<std::int64_t>(++index.snapshot);
 }
 
+// Completes the row of an id that has just become a key of delta_pos.
 void append_row(QxIndex& index, const float* vector, std::int64_t id, std::int64_t stamp) {
-  index.delta_pos.insert_new(id, index.delta_ids.length);
   index.delta_ids.append(id);
   index.delta_stamps.append(stamp);
   index.delta_vectors.append(vector, qx::row_width(index));
@@ -34,11 +34,18 @@ uint64_t qx_index_insert(QxIndex* index, const float* vectors, const int64_t* id
   const std::int64_t stamp = next_snapshot(*index);
   const std::int64_t width = qx::row_width(*index);
   for (std::int64_t i = 0; i < n; ++i) {
+    if (i + qx::Int64Map::kAhead < n) {
+      index->deleted_at.prefetch(ids[i + qx::Int64Map::kAhead]);
+      index->delta_pos.prefetch(ids[i + qx::Int64Map::kAhead]);
+    }
     if (std::int64_t* const tombstone = index->deleted_at.find(ids[i])) *tombstone = 0;
-    if (const std::int64_t* const row = index->delta_pos.find(ids[i])) {
-      overwrite_row(*index, *row, vectors + i * width, stamp);
-    } else {
+    bool inserted;
+    const std::int64_t row =
+        *index->delta_pos.find_or_insert(ids[i], index->delta_ids.length, &inserted);
+    if (inserted) {
       append_row(*index, vectors + i * width, ids[i], stamp);
+    } else {
+      overwrite_row(*index, row, vectors + i * width, stamp);
     }
   }
   return index->snapshot;
@@ -47,6 +54,6 @@ uint64_t qx_index_insert(QxIndex* index, const float* vectors, const int64_t* id
 uint64_t qx_index_delete(QxIndex* index, const int64_t* ids, int32_t n) {
   if (n < 1) return index->snapshot;
   const std::int64_t stamp = next_snapshot(*index);
-  for (std::int32_t i = 0; i < n; ++i) index->deleted_at.assign(ids[i], stamp);
+  index->deleted_at.assign_batch(ids, n, [&](std::int64_t) { return stamp; });
   return index->snapshot;
 }

@@ -3,8 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "histories/random.h"
@@ -12,6 +15,7 @@
 namespace {
 
 using qx::Int64Map;
+using WideMap = qx::BasicInt64Map<4>;  // its slots widen at 32 of them
 using qx_test::Random;
 using Keys = std::vector<std::int64_t>;
 
@@ -53,7 +57,8 @@ Keys random_keys(std::int64_t count) {
   return keys;
 }
 
-void expect_equal(const Int64Map& map, const std::unordered_map<std::int64_t, std::int64_t>& model,
+template <typename Map>
+void expect_equal(const Map& map, const std::unordered_map<std::int64_t, std::int64_t>& model,
                   const Keys& absent) {
   ASSERT_EQ(map.size(), static_cast<std::int64_t>(model.size()));
   for (const auto& [key, value] : model) {
@@ -73,12 +78,14 @@ struct NamedKeys {
 
 class MapWithKeys : public testing::TestWithParam<NamedKeys> {};
 
-TEST_P(MapWithKeys, HoldsTheLastValueOfEveryKeyAndNoOther) {
-  Int64Map map;
+// Twice as many assignments as there are keys, one in two of them to any of the keys.
+template <typename Map>
+void expect_the_last_values(const Keys& keys) {
+  Map map;
   std::unordered_map<std::int64_t, std::int64_t> model;
   Random random(9);
-  for (const std::int64_t key : GetParam().keys) {
-    const std::int64_t again = random.any_of(GetParam().keys);
+  for (const std::int64_t key : keys) {
+    const std::int64_t again = random.any_of(keys);
     for (const std::int64_t assigned : {key, again}) {
       const auto value = static_cast<std::int64_t>(random.bits());
       map.assign(assigned, value);
@@ -86,11 +93,71 @@ TEST_P(MapWithKeys, HoldsTheLastValueOfEveryKeyAndNoOther) {
     }
   }
   Keys near;
-  for (const std::int64_t key : GetParam().keys) {
+  for (const std::int64_t key : keys) {
     near.push_back(key ^ 1);
     near.push_back(key ^ INT64_MIN);
   }
   expect_equal(map, model, near);
+  map.release();
+}
+
+TEST_P(MapWithKeys, HoldsTheLastValueOfEveryKeyAndNoOther) {
+  expect_the_last_values<Int64Map>(GetParam().keys);
+  expect_the_last_values<WideMap>(GetParam().keys);
+}
+
+// Asks for all the keys in batches of any size, against get().
+template <typename Map>
+void expect_batches_equal_single_gets(const Map& map, const Keys& keys, Random& random) {
+  std::int64_t guess = 0;
+  for (std::int64_t first = 0; first < std::ssize(keys);) {
+    const std::int64_t most = std::min<std::int64_t>(Map::kBatch, std::ssize(keys) - first);
+    const std::int64_t count = random.percent(70) ? most : random.between(0, most);
+    std::int64_t values[Map::kBatch];
+    map.get_batch(keys.data() + first, count, -7, values, guess);
+    for (std::int64_t i = 0; i < count; ++i) {
+      const std::int64_t key = keys[static_cast<std::size_t>(first + i)];
+      ASSERT_EQ(values[i], map.get(key, -7)) << "key " << key;
+    }
+    first += count;
+  }
+}
+
+// The keys as they are, with some left out, with absent ones between them, and in any order.
+template <typename Map>
+void expect_batches_in_any_order(const Keys& keys) {
+  Map map;
+  Random random(10);
+  expect_batches_equal_single_gets(map, keys, random);
+  map.assign_batch(keys.data(), std::ssize(keys), [](std::int64_t i) { return 3 * i; });
+  expect_batches_equal_single_gets(map, keys, random);
+  for (const int percent_absent : {0, 5, 50, 100}) {
+    Keys asked;
+    for (const std::int64_t key : keys) {
+      if (random.percent(95)) asked.push_back(key);
+      if (random.percent(percent_absent)) asked.push_back(~key);
+    }
+    expect_batches_equal_single_gets(map, asked, random);
+    for (std::int64_t& key : asked) std::swap(key, asked[random.bits() % asked.size()]);
+    expect_batches_equal_single_gets(map, asked, random);
+  }
+  map.release();
+}
+
+TEST_P(MapWithKeys, AnswersBatchesLikeSingleQuestions) {
+  expect_batches_in_any_order<Int64Map>(GetParam().keys);
+  expect_batches_in_any_order<WideMap>(GetParam().keys);
+}
+
+TEST_P(MapWithKeys, KeepsTheOrderOfFirstInsertion) {
+  Int64Map map;
+  for (int round = 0; round < 2; ++round) {
+    map.assign_batch(GetParam().keys.data(), std::ssize(GetParam().keys),
+                     [&](std::int64_t i) { return i + round; });
+  }
+  Keys order;
+  for (const auto& entry : map) order.push_back(entry.key);
+  EXPECT_EQ(order, GetParam().keys);
   map.release();
 }
 
@@ -123,7 +190,7 @@ TEST(Map, OwnsNoStorageUntilItsFirstKey) {
 
 TEST(Map, AssignsThroughTheFoundValue) {
   Int64Map map;
-  map.insert_new(-8, 1);
+  map.assign(-8, 1);
   *map.find(-8) = 2;
   EXPECT_EQ(map.get(-8, 0), 2);
   EXPECT_EQ(map.size(), 1);
