@@ -11,13 +11,45 @@ namespace {
 // What a missing label or column value reads as, everywhere.
 constexpr std::int64_t kMissing = -1;
 
-// Whether an id passes the test: any id in mode 0, the label's in mode 1, a column's in the others.
-bool _match(const QxIndex& index, std::int64_t id, std::int32_t mode, std::int32_t column,
-            std::int64_t value) {
-  if (mode == 0) return true;
-  if (mode == 1) return index.row_labels.get(id, kMissing) == value;
-  if (column < 0 || column >= index.meta_ncols) return false;
-  return index.meta_columns.at(column).get(id, kMissing) == value;
+// The predicate: every id in mode 0, a label's value in mode 1, a column's in the others. It judges
+// the blocks of one walk.
+class Predicate {
+ public:
+  Predicate(const QxIndex& index, std::uint32_t mode, std::int32_t column, std::int64_t value)
+      : index_(index), mode_(mode), column_(column), value_(value) {}
+
+  // Which of the ids pass. Neighbours are judged together, visible or not: metadata attached in
+  // the order of the rows is then read in its own order.
+  std::uint64_t _match(const std::int64_t* ids, std::int64_t count) {
+    if (mode_ == 0) return all_rows(count);
+    if (mode_ == 1) return have_value(index_.row_labels, ids, count);
+    if (column_ < 0 || column_ >= index_.meta_ncols) return 0;
+    return have_value(index_.meta_columns.at(column_), ids, count);
+  }
+
+ private:
+  std::uint64_t have_value(const Int64Map& map, const std::int64_t* ids, std::int64_t count) {
+    std::int64_t values[kBlock];
+    map.get_batch(ids, count, kMissing, values, guess_);
+    std::uint64_t mask = 0;
+    for (std::int64_t i = 0; i < count; ++i) mask |= std::uint64_t{values[i] == value_} << i;
+    return mask;
+  }
+
+  const QxIndex& index_;
+  const std::uint32_t mode_;
+  const std::int32_t column_;
+  const std::int64_t value_;
+  std::int64_t guess_ = 0;
+};
+
+// Walks over the blocks of all rows; their masks are of the rows that are visible and pass.
+template <typename Visit>
+void walk_passing(const QxIndex& index, Predicate predicate, Visit&& visit) {
+  walk_rows(index, [&](RowBlock block) {
+    if (block.visible != 0) block.visible &= predicate._match(block.ids, block.count);
+    visit(block);
+  });
 }
 
 }  // namespace
@@ -28,11 +60,10 @@ int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* 
   if (ncols < index->meta_ncols) return -1;
   while (index->meta_columns.length < ncols) index->meta_columns.append(qx::Int64Map());
   index->meta_ncols = ncols;
-  for (std::int64_t i = 0; i < n; ++i) {
-    index->row_labels.assign(ids[i], labels[i]);
-    for (std::int64_t c = 0; c < ncols; ++c) {
-      index->meta_columns.at(c).assign(ids[i], values[i * ncols + c]);
-    }
+  index->row_labels.assign_batch(ids, n, [&](std::int64_t i) { return labels[i]; });
+  for (std::int64_t c = 0; c < ncols; ++c) {
+    index->meta_columns.at(c).assign_batch(ids, n,
+                                           [&](std::int64_t i) { return values[i * ncols + c]; });
   }
   return 0;
 }
@@ -56,10 +87,15 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
   qx::ScatteredScan scan(qx::row_width(*index), query, topk);
-  qx::walk_visible(*index, [&](const qx::RowRef& ref) {
-    if (qx::_match(*index, ref.id, static_cast<std::int32_t>(mode), column, value)) {
-      scan.add(qx::vector_of(*index, ref), ref.id);
+  qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
+    if (!block.in_delta && block.whole()) {
+      scan.add_contiguous(qx::base_vector(*index, block.first), block.ids, block.count,
+                          index->n_base);
+      return;
     }
+    qx::for_each_bit(block.visible, [&](std::int64_t i) {
+      scan.add(qx::vector_of(*index, block.in_delta, block.first + i), block.ids[i]);
+    });
   });
   scan.finish();
   return results;
@@ -68,10 +104,8 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
 int64_t qx_index_match_ids(const QxIndex* index, uint32_t mode, int32_t column, int64_t value,
                            int64_t* out_ids) {
   std::int64_t count = 0;
-  qx::walk_visible(*index, [&](const qx::RowRef& ref) {
-    if (qx::_match(*index, ref.id, static_cast<std::int32_t>(mode), column, value)) {
-      out_ids[count++] = ref.id;
-    }
+  qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
+    count += qx::copy_selected(block.ids, block.visible, out_ids + count);
   });
   return count;
 }

@@ -19,6 +19,11 @@ inline std::int64_t base_row_of(const QxIndex& index, std::int64_t id) {
   return id < 0 || id > index.max_base_id ? -1 : index.id_to_row[id];
 }
 
+// Starts to load what base_row_of() will read.
+inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
+  if (id >= 0 && id <= index.max_base_id) __builtin_prefetch(index.id_to_row + id);
+}
+
 inline const float* base_vector(const QxIndex& index, std::int64_t row) {
   return index.base_vectors + row * row_width(index);
 }

@@ -24,16 +24,21 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t width,
   kernels().score_contiguous(rows, count, width, query, reach, scores);
 }
 
-void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                     std::int64_t width, const float* query, TopK& topk) {
+void offer_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                      std::int64_t whole_rows, std::int64_t width, const float* query, TopK& topk) {
   const auto score = kernels().score_contiguous;
-  const Reach reach = reach_of(count * width * std::int64_t{sizeof(float)});
+  const Reach reach = reach_of(whole_rows * width * std::int64_t{sizeof(float)});
   float scores[kBlockRows];
   for (std::int64_t first = 0; first < count; first += kBlockRows) {
     const std::int64_t size = std::min(kBlockRows, count - first);
     score(rows + first * width, size, width, query, reach, scores);
     topk.offer(scores, ids + first, size);
   }
+}
+
+void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                     std::int64_t width, const float* query, TopK& topk) {
+  offer_contiguous(rows, ids, count, count, width, query, topk);
   topk.finish();
 }
 

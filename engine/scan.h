@@ -16,7 +16,12 @@ inline constexpr std::int64_t kBlockRows = 192;
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
                       float* scores);
 
-// Offers `count` rows that lie one after the other; row i reports ids[i].
+// Offers `count` rows that lie one after the other, of `whole_rows` that the scan will go through;
+// row i reports ids[i].
+void offer_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                      std::int64_t whole_rows, std::int64_t width, const float* query, TopK& topk);
+
+// Offers all `count` rows of a scan, which lie one after the other, and completes the results.
 void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                      std::int64_t width, const float* query, TopK& topk);
 
@@ -32,6 +37,14 @@ class ScatteredScan {
     vectors_[pending_] = vector;
     ids_[pending_] = id;
     if (++pending_ == kBlockRows) flush();
+  }
+
+  // Adds rows that lie one after the other, after what was added before. They are a part of
+  // `whole_rows` rows that lie so.
+  void add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                      std::int64_t whole_rows) {
+    flush();
+    offer_contiguous(rows, ids, count, whole_rows, width_, query_, topk_);
   }
 
   // Completes the results. Must be called after the last row.

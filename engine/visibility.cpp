@@ -2,6 +2,7 @@
 // visible.
 #include "visibility.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "scan.h"
@@ -12,9 +13,14 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
   qx::ScatteredScan scan(qx::row_width(*index), query, topk);
-  for (std::int32_t i = 0; i < n; ++i) {
-    qx::RowRef ref;
-    if (qx::find_visible(*index, ids[i], &ref)) scan.add(qx::vector_of(*index, ref), ids[i]);
+  qx::Changes lookups(*index);
+  for (std::int64_t first = 0; first < n; first += qx::kBlock) {
+    const std::int64_t count = std::min<std::int64_t>(qx::kBlock, n - first);
+    qx::FoundRow rows[qx::kBlock];
+    const std::uint64_t visible = qx::find_visible(*index, lookups, ids + first, count, rows);
+    qx::for_each_bit(visible, [&](std::int64_t i) {
+      scan.add(qx::vector_of(*index, rows[i].in_delta, rows[i].row), ids[first + i]);
+    });
   }
   scan.finish();
   return results;
@@ -22,25 +28,30 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
 
 int64_t qx_index_visible_ids(const QxIndex* index, int64_t* out_ids) {
   std::int64_t count = 0;
-  qx::walk_visible(*index, [&](const qx::RowRef& ref) { out_ids[count++] = ref.id; });
+  qx::walk_rows(*index, [&](const qx::RowBlock& block) {
+    count += qx::copy_selected(block.ids, block.visible, out_ids + count);
+  });
   return count;
 }
 
 int64_t qx_index_visible_count(const QxIndex* index) {
   std::int64_t count = 0;
-  qx::walk_visible(*index, [&](const qx::RowRef&) { ++count; });
+  qx::walk_rows(*index, [&](const qx::RowBlock& block) { count += std::popcount(block.visible); });
   return count;
 }
 
 int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_t* out_ids) {
   const std::int64_t width = qx::row_width(*index);
   std::int64_t count = 0;
-  qx::walk_visible(*index, [&](const qx::RowRef& ref) {
-    if (width > 0) {
-      std::memcpy(out_vectors + count * width, qx::vector_of(*index, ref),
-                  static_cast<std::size_t>(width) * sizeof(float));
-    }
-    out_ids[count++] = ref.id;
+  qx::walk_rows(*index, [&](const qx::RowBlock& block) {
+    qx::for_each_bit(block.visible, [&](std::int64_t i) {
+      if (width > 0) {
+        std::memcpy(out_vectors + count * width,
+                    qx::vector_of(*index, block.in_delta, block.first + i),
+                    static_cast<std::size_t>(width) * sizeof(float));
+      }
+      out_ids[count++] = block.ids[i];
+    });
   });
   return count;
 }

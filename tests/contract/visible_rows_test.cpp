@@ -1,5 +1,7 @@
 // What is visible now: the walk behind the count, the listing and the export.
 #include <limits>
+#include <set>
+#include <string>
 
 #include "support/host.h"
 
@@ -130,6 +132,54 @@ TEST(VisibleRows, MakeAnIndexThatAnswersAlike) {
   EXPECT_EQ(search_filtered(copy, kEveryId, {1}, 5),
             found({{9, 90}, {2, 5}, {1, 5}, {3, 5}, kEmptySlot}));
   EXPECT_EQ(search_filtered(index, kEveryId, {1}, 5), search_filtered(copy, kEveryId, {1}, 5));
+}
+
+// A base of many rows, with changes to one id in `stride`, against the rule applied row by row. Ids
+// are `spread` apart, in an order of their own, and every 50th row repeats the id of the one
+// before.
+void expect_rule_in_many_rows(std::int64_t spread, std::int64_t stride) {
+  constexpr std::int64_t kRows = 20011;
+  Ids base;
+  for (std::int64_t r = 0; r < kRows; ++r) {
+    base.push_back(r % 50 == 49 ? base.back() : r * 7919 % kRows * spread + r % spread);
+  }
+  Ids inserted = {-5, kHighestId};
+  Ids deleted = {-6, kLowestId};
+  for (std::int64_t r = 0; r < kRows; r += stride) {
+    inserted.push_back(base[static_cast<std::size_t>(r)]);
+    deleted.push_back(base[static_cast<std::size_t>(kRows - 1 - r)]);
+  }
+  const Ids again(deleted.begin() + static_cast<std::ptrdiff_t>(deleted.size() / 2), deleted.end());
+  const Index index(0);
+  seal(index, 0, base, {});
+  insert(index, inserted, {});
+  delete_ids(index, deleted);
+  insert(index, again, {});
+
+  std::set<std::int64_t> in_delta(inserted.begin(), inserted.end());
+  std::set<std::int64_t> gone(deleted.begin(), deleted.end());
+  for (const std::int64_t id : again) {
+    gone.erase(id);
+    if (in_delta.insert(id).second) inserted.push_back(id);
+  }
+  Ids expected;
+  std::set<std::int64_t> listed;
+  for (const std::int64_t id : inserted) {
+    if (gone.count(id) == 0 && listed.insert(id).second) expected.push_back(id);
+  }
+  for (const std::int64_t id : base) {
+    if (in_delta.count(id) == 0 && gone.count(id) == 0) expected.push_back(id);
+  }
+  expect_visible(index, {expected, {}});
+}
+
+TEST(VisibleRows, FollowTheRuleInABaseOfManyRows) {
+  for (const std::int64_t spread : {1, 3, 250}) {
+    for (const std::int64_t stride : {1, 2, 13, 500, 20000}) {
+      SCOPED_TRACE("spread " + std::to_string(spread) + ", stride " + std::to_string(stride));
+      expect_rule_in_many_rows(spread, stride);
+    }
+  }
 }
 
 }  // namespace
