@@ -29,11 +29,12 @@ bool find_max_id(const std::int64_t* ids, std::int64_t n, std::int64_t* max_id) 
   return true;
 }
 
-// A block with a copy of `count` elements; null, without reading, for none.
+// A block of `allocate` with a copy of `count` elements; null, without reading, for none.
 template <typename T>
-T* copy_block(const T* source, std::int64_t count) {
+T* copy_block(const T* source, std::int64_t count,
+              void* (*allocate)(std::int64_t, std::size_t) = qx::allocate) {
   if (count == 0) return nullptr;
-  void* const block = qx::allocate(count, sizeof(T));
+  void* const block = allocate(count, sizeof(T));
   return static_cast<T*>(std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(T)));
 }
 
@@ -107,7 +108,7 @@ int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t 
   std::int64_t max_id = -1;
   if (!valid_shape(n, dim, n_parts) || !find_max_id(ids, n, &max_id)) return -1;
   // The arrays of an earlier build stay allocated: the contract, which the header tells the host.
-  index->base_vectors = copy_block(vectors, n * dim);
+  index->base_vectors = copy_block(vectors, n * dim, qx::allocate_at_line);
   index->base_ids = copy_block(ids, n);
   index->part_keys = copy_block(part_keys, n_parts);
   index->part_starts = copy_block(part_starts, n_parts);

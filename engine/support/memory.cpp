@@ -28,6 +28,15 @@ void* allocate(std::int64_t count, std::size_t element_bytes) {
   return block;
 }
 
+void* allocate_at_line(std::int64_t count, std::size_t element_bytes) {
+  constexpr std::size_t kLineBytes = 64;
+  const std::size_t bytes = block_bytes(count, element_bytes);
+  if (bytes == 0) return nullptr;
+  void* const block = std::aligned_alloc(kLineBytes, (bytes + kLineBytes - 1) & ~(kLineBytes - 1));
+  if (block == nullptr) abort_allocation(kThisFile, SourcePlace::here());
+  return block;
+}
+
 void* allocate_zeroed(std::int64_t count, std::size_t element_bytes) {
   const std::size_t bytes = block_bytes(count, element_bytes);
   if (bytes == 0) return nullptr;

@@ -10,7 +10,11 @@ namespace qx {
 // A new block of `count` elements of `element_bytes` each, aligned for any element type.
 void* allocate(std::int64_t count, std::size_t element_bytes);
 
-// The same, every byte 0.
+// The same, beginning at a cache line, for what is read by the line: a vector of whole lines then
+// lies on no line more than it fills.
+void* allocate_at_line(std::int64_t count, std::size_t element_bytes);
+
+// The same as allocate(), every byte 0.
 void* allocate_zeroed(std::int64_t count, std::size_t element_bytes);
 
 // Moves a block (or null) to `count` elements, keeping what fits. `count` is above 0.

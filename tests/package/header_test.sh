@@ -3,6 +3,7 @@
 # error, and checks that it declares exactly the exported functions.
 # usage: header_test.sh INCLUDE_DIRECTORY
 set -euo pipefail
+export LC_ALL=C  # one order of names everywhere
 header="$1/qx_runtime.h"
 flags=(-fsyntax-only -pedantic -Wall -Wextra -Werror)
 

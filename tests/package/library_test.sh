@@ -2,6 +2,7 @@
 # Checks the shared library from outside: what it exports, imports, links and is called.
 # usage: library_test.sh LIBRARY SANITIZED(0|1)
 set -euo pipefail
+export LC_ALL=C  # one order of names everywhere
 library=$1
 sanitized=$2
 here=$(dirname "$0")

@@ -74,6 +74,7 @@ extern "C" {
 
 void* __real_malloc(std::size_t bytes);
 void* __real_calloc(std::size_t count, std::size_t bytes);
+void* __real_aligned_alloc(std::size_t alignment, std::size_t bytes);
 void* __real_realloc(void* block, std::size_t bytes);
 void __real_free(void* block);
 
@@ -87,6 +88,13 @@ void* __wrap_malloc(std::size_t bytes) {
 void* __wrap_calloc(std::size_t count, std::size_t bytes) {
   if (next_fails()) return nullptr;
   void* const block = __real_calloc(count, bytes);
+  note(block, false);
+  return block;
+}
+
+void* __wrap_aligned_alloc(std::size_t alignment, std::size_t bytes) {
+  if (next_fails()) return nullptr;
+  void* const block = __real_aligned_alloc(alignment, bytes);
   note(block, false);
   return block;
 }

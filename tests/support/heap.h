@@ -1,6 +1,6 @@
 // A heap that records what the engine asks of it and can fail any allocation. The engine's calls of
-// malloc, calloc, realloc and free reach it because the target test_heap makes the linker wrap
-// them.
+// malloc, aligned_alloc, calloc, realloc and free reach it because the target test_heap makes the
+// linker wrap them.
 #pragma once
 
 #include <cstdint>
