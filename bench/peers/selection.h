@@ -1,0 +1,62 @@
+// The selection of the best rows for peers that only compute scores. It is as good as it gets for
+// few results: sixteen scores at a time are compared with the last slot, and few of them enter.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+namespace bench {
+// Files under different compiler flags include this: each must keep the code that it compiled, and
+// the linker must not replace it by another file's.
+namespace {
+
+class Selection {
+ public:
+  explicit Selection(std::int64_t k)
+      : scores_(static_cast<std::size_t>(k), -std::numeric_limits<float>::infinity()),
+        rows_(static_cast<std::size_t>(k), -1) {}
+
+  float best() const { return scores_.front(); }
+
+  // Offers the scores of the rows from `first` on.
+  void offer(const float* scores, std::int64_t first, std::int64_t count) {
+    std::int64_t i = 0;
+    for (; i + kRun <= count; i += kRun) {
+      if (any_above(scores + i, scores_.back())) offer_singly(scores + i, first + i, kRun);
+    }
+    offer_singly(scores + i, first + i, count - i);
+  }
+
+ private:
+  static constexpr std::int64_t kRun = 16;
+
+  static bool any_above(const float* scores, float bar) {
+    int above = 0;
+    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar;
+    return above != 0;
+  }
+
+  void offer_singly(const float* scores, std::int64_t first, std::int64_t count) {
+    for (std::int64_t i = 0; i < count; ++i) {
+      if (scores[i] > scores_.back()) insert(scores[i], first + i);
+    }
+  }
+
+  void insert(float score, std::int64_t row) {
+    std::size_t slot = scores_.size() - 1;
+    for (; slot > 0 && scores_[slot - 1] < score; --slot) {
+      scores_[slot] = scores_[slot - 1];
+      rows_[slot] = rows_[slot - 1];
+    }
+    scores_[slot] = score;
+    rows_[slot] = row;
+  }
+
+  std::vector<float> scores_;
+  std::vector<std::int64_t> rows_;
+};
+
+}  // namespace
+}  // namespace bench
