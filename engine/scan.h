@@ -43,7 +43,7 @@ class ScatteredScan {
   // `whole_rows` rows that lie so.
   void add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                       std::int64_t whole_rows) {
-    flush();
+    if (pending_ > 0) flush();
     offer_contiguous(rows, ids, count, whole_rows, width_, query_, topk_);
   }
 
