@@ -1,6 +1,7 @@
 // The life of an index: creation, release, the accessors, the bulk build of the sealed base and
 // its export.
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <new>
 
@@ -29,13 +30,44 @@ bool find_max_id(const std::int64_t* ids, std::int64_t n, std::int64_t* max_id) 
   return true;
 }
 
-// A block of `allocate` with a copy of `count` elements; null, without reading, for none.
+// A block with a copy of `count` elements; null, without reading, for none.
 template <typename T>
-T* copy_block(const T* source, std::int64_t count,
-              void* (*allocate)(std::int64_t, std::size_t) = qx::allocate) {
+T* copy_block(const T* source, std::int64_t count) {
   if (count == 0) return nullptr;
-  void* const block = allocate(count, sizeof(T));
+  void* const block = qx::allocate(count, sizeof(T));
   return static_cast<T*>(std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(T)));
+}
+
+// The largest magnitude of `count` floats, NaNs aside.
+float largest_magnitude(const float* floats, std::int64_t count) {
+  constexpr std::int64_t kLanes = 16;  // maxima side by side, which compilers turn into SIMD
+  float largest[kLanes] = {};
+  const auto take = [&](std::int64_t lane, float value) {
+    const float magnitude = std::abs(value);
+    largest[lane] = magnitude > largest[lane] ? magnitude : largest[lane];
+  };
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (std::int64_t lane = 0; lane < kLanes; ++lane) take(lane, floats[i + lane]);
+  }
+  for (; i < count; ++i) take(0, floats[i]);
+  return *std::max_element(largest, largest + kLanes);
+}
+
+// A block with a copy of `count` floats and, behind them, their largest magnitude; null for none.
+// The floats are looked at while the copy has them in the cache.
+float* copy_vectors(const float* source, std::int64_t count) {
+  if (count == 0) return nullptr;
+  auto* const block = static_cast<float*>(qx::allocate_at_line(count + 1, sizeof(float)));
+  constexpr std::int64_t kPart = 16384;
+  float largest = 0;
+  for (std::int64_t first = 0; first < count; first += kPart) {
+    const std::int64_t size = std::min(kPart, count - first);
+    std::memcpy(block + first, source + first, static_cast<std::size_t>(size) * sizeof(float));
+    largest = std::max(largest, largest_magnitude(block + first, size));
+  }
+  block[count] = largest;
+  return block;
 }
 
 template <typename T>
@@ -108,7 +140,7 @@ int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t 
   std::int64_t max_id = -1;
   if (!valid_shape(n, dim, n_parts) || !find_max_id(ids, n, &max_id)) return -1;
   // The arrays of an earlier build stay allocated: the contract, which the header tells the host.
-  index->base_vectors = copy_block(vectors, n * dim, qx::allocate_at_line);
+  index->base_vectors = copy_vectors(vectors, n * dim);
   index->base_ids = copy_block(ids, n);
   index->part_keys = copy_block(part_keys, n_parts);
   index->part_starts = copy_block(part_starts, n_parts);

@@ -55,20 +55,19 @@ void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists
 }
 
 // Adds the members of a list that have a base row.
-void add_list(const QxIndex& index, const QxIvf& ivf, std::int64_t list, ScatteredScan& scan) {
+void add_list(const QxIndex& index, const QxIvf& ivf, std::int64_t list, Scan& scan) {
   const std::int64_t first = ivf.list_offsets.at(list);
   const std::int64_t count = ivf.list_offsets.at(list + 1) - first;
   if (count < 1) return;
   const std::int64_t* const ids = ivf.list_ids.range(first, count);
   for (std::int64_t i = 0; i < count; ++i) {
     const std::int64_t row = base_row_of(index, ids[i]);
-    if (row >= 0) scan.add(base_vector(index, row), ids[i]);
+    if (row >= 0) scan.add(base_vector(index, row), ids[i], true);
   }
 }
 
 // Adds the members of the nprobe best lists, best list first.
-void add_best_lists(const QxIndex& index, const QxIvf& ivf, Array<float>& scores,
-                    ScatteredScan& scan) {
+void add_best_lists(const QxIndex& index, const QxIvf& ivf, Array<float>& scores, Scan& scan) {
   for (std::int64_t left = ivf.nprobe; left > 0; left -= kListsPerPass) {
     std::int64_t lists[kListsPerPass];
     const std::int64_t wanted = std::min(left, kListsPerPass);
@@ -132,7 +131,7 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
   if (ivf == nullptr || k < 1 || ivf->nlist < 1) return 0;
   const std::int64_t width = qx::row_width(*index);
   qx::TopK topk(out_ids, out_scores, k);
-  qx::ScatteredScan scan(width, query, topk);
+  qx::Scan scan({query, width, ivf->list_ids.length, qx::base_magnitude(*index)}, topk);
   qx::Array<float> coarse = qx::score_centroids(*ivf, width, query);
   qx::add_best_lists(*index, *ivf, coarse, scan);
   scan.finish();

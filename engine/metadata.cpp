@@ -21,7 +21,7 @@ class Predicate {
   // Which of the ids pass. Neighbours are judged together, visible or not: metadata attached in
   // the order of the rows is then read in its own order.
   std::uint64_t _match(const std::int64_t* ids, std::int64_t count) {
-    if (mode_ == 0) return all_rows(count);
+    if (mode_ == 0) return first_bits(count);
     if (mode_ == 1) return have_value(index_.row_labels, ids, count);
     if (column_ < 0 || column_ >= index_.meta_ncols) return 0;
     return have_value(index_.meta_columns.at(column_), ids, count);
@@ -86,15 +86,17 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   const auto results = static_cast<std::int32_t>(k);
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
-  qx::ScatteredScan scan(qx::row_width(*index), query, topk);
+  const std::int64_t rows = index->n_base + index->delta_ids.length;
+  qx::Scan scan({query, qx::row_width(*index), rows, qx::base_magnitude(*index)}, topk);
   qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
-    if (!block.in_delta && block.whole()) {
-      scan.add_contiguous(qx::base_vector(*index, block.first), block.ids, block.count,
-                          index->n_base);
+    if (!block.in_delta && 2 * std::popcount(block.visible) > block.count) {
+      scan.add_masked(qx::base_vector(*index, block.first), block.ids, block.count, block.visible,
+                      index->n_base);
       return;
     }
     qx::for_each_bit(block.visible, [&](std::int64_t i) {
-      scan.add(qx::vector_of(*index, block.in_delta, block.first + i), block.ids[i]);
+      const float* const vector = qx::vector_of(*index, block.in_delta, block.first + i);
+      scan.add(vector, block.ids[i], !block.in_delta);
     });
   });
   scan.finish();

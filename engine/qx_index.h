@@ -48,8 +48,8 @@ struct QxIndex {
   std::int64_t n_base = 0;
   std::uint32_t sealed = 0;
   std::int32_t n_parts = 0;
-  float* base_vectors = nullptr;      // n_base x dim
-  std::int64_t* base_ids = nullptr;   // n_base
+  float* base_vectors = nullptr;     // n_base x dim, then their largest magnitude, if there are any
+  std::int64_t* base_ids = nullptr;  // n_base
   std::int64_t* part_keys = nullptr;  // n_parts, ascending if the host kept its word
   std::int32_t* part_starts = nullptr;
   std::int32_t* part_sizes = nullptr;

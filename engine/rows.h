@@ -28,6 +28,13 @@ inline const float* base_vector(const QxIndex& index, std::int64_t row) {
   return index.base_vectors + row * row_width(index);
 }
 
+// No component of a base vector is larger in magnitude; infinite if one is. The build leaves the
+// number behind the last vector.
+inline float base_magnitude(const QxIndex& index) {
+  const std::int64_t floats = index.n_base * row_width(index);
+  return floats == 0 ? 0 : index.base_vectors[floats];
+}
+
 // The vector of a delta row, wholly inside delta_vectors or the process ends: a build may have
 // changed the dimension since the row was inserted. Null for vectors of no elements.
 inline float* delta_vector(QxIndex& index, std::int64_t row) {

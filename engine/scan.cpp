@@ -1,11 +1,15 @@
 #include "scan.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "kernels/kernels.h"
+#include "support/bits.h"
 
 namespace qx {
 namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // Scans of up to so many bytes find their rows in the second-level, or the last-level, cache.
 constexpr std::int64_t kNearBytes = std::int64_t{1} << 20;
@@ -16,37 +20,183 @@ Reach reach_of(std::int64_t bytes) {
   return bytes <= kFarBytes ? Reach::kFar : Reach::kMemory;
 }
 
+Reach reach_of_rows(std::int64_t rows, std::int64_t width) {
+  return reach_of(rows * width * std::int64_t{sizeof(float)});
+}
+
+// Rows that lie one after the other, those without a bit in the masks left out; without masks, all.
+struct ContiguousBlock {
+  const float* rows;
+  std::int64_t count;
+  std::int64_t width;
+  Reach reach;
+  const std::uint64_t* masks;
+
+  const float* vector(std::int64_t i) const { return rows + i * width; }
+  void estimate(const float* query, float* estimates) const {
+    kernels().estimate_contiguous(rows, count, width, query, reach, estimates);
+  }
+  std::uint64_t rows_of(std::int64_t first) const {
+    return masks == nullptr ? ~std::uint64_t{0} : masks[first / Scan::kMaskRows];
+  }
+  void score(const float* query, float* scores) const {
+    kernels().score_contiguous(rows, count, width, query, reach, scores);
+    for (std::int64_t first = 0; first < count; first += Scan::kMaskRows) {
+      const std::int64_t size = std::min(Scan::kMaskRows, count - first);
+      // What is left out gets a score that beats nothing.
+      for_each_bit(~rows_of(first) & first_bits(size),
+                   [&](std::int64_t i) { scores[first + i] = kNaN; });
+    }
+  }
+};
+
+// Rows that lie anywhere. Of those that are not bounded, no estimate is known.
+struct ScatteredBlock {
+  const float* const* vectors;
+  std::int64_t count;
+  std::int64_t width;
+  const std::int64_t* unbounded;
+  std::int64_t unbounded_count;
+
+  const float* vector(std::int64_t i) const { return vectors[i]; }
+  void estimate(const float* query, float* estimates) const {
+    kernels().estimate_scattered(vectors, count, width, query, estimates);
+    for (std::int64_t i = 0; i < unbounded_count; ++i) estimates[unbounded[i]] = kNaN;
+  }
+  std::uint64_t rows_of(std::int64_t /*first*/) const { return ~std::uint64_t{0}; }
+  void score(const float* query, float* scores) const {
+    kernels().score_scattered(vectors, count, width, query, scores);
+  }
+};
+
+static_assert(kBlockRows <= Screen::kMostLearned);
+
 }  // namespace
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
                       float* scores) {
-  const Reach reach = reach_of(count * width * std::int64_t{sizeof(float)});
-  kernels().score_contiguous(rows, count, width, query, reach, scores);
+  kernels().score_contiguous(rows, count, width, query, reach_of_rows(count, width), scores);
 }
 
-void offer_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                      std::int64_t whole_rows, std::int64_t width, const float* query, TopK& topk) {
-  const auto score = kernels().score_contiguous;
-  const Reach reach = reach_of(whole_rows * width * std::int64_t{sizeof(float)});
-  float scores[kBlockRows];
+void Scan::add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                          std::int64_t whole_rows) {
+  flush_run();
+  flush_pending();
+  const Reach reach = reach_of_rows(whole_rows, width_);
   for (std::int64_t first = 0; first < count; first += kBlockRows) {
     const std::int64_t size = std::min(kBlockRows, count - first);
-    score(rows + first * width, size, width, query, reach, scores);
-    topk.offer(scores, ids + first, size);
+    scan_block(ContiguousBlock{rows + first * width_, size, width_, reach, nullptr}, ids + first,
+               size);
   }
 }
 
-void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                     std::int64_t width, const float* query, TopK& topk) {
-  offer_contiguous(rows, ids, count, count, width, query, topk);
-  topk.finish();
+void Scan::add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
+                      std::uint64_t mask, std::int64_t whole_rows) {
+  flush_pending();
+  const bool follows = run_ids_ + run_count_ == ids && run_rows_ + run_count_ * width_ == rows;
+  if (run_count_ > 0 && (!follows || run_count_ % kMaskRows != 0)) flush_run();
+  if (run_count_ == 0) {
+    run_rows_ = rows;
+    run_ids_ = ids;
+    run_whole_rows_ = whole_rows;
+  }
+  run_masks_[run_count_ / kMaskRows] = mask;
+  run_count_ += count;
+  if (run_count_ > kBlockRows - kMaskRows) flush_run();
 }
 
-void ScatteredScan::flush() {
-  float scores[kBlockRows];
-  kernels().score_scattered(vectors_, pending_, width_, query_, scores);
-  topk_.offer(scores, ids_, pending_);
-  pending_ = 0;
+void Scan::flush_run() {
+  if (run_count_ == 0) return;
+  const Reach reach = reach_of_rows(run_whole_rows_, width_);
+  const ContiguousBlock block{run_rows_, run_count_, width_, reach, run_masks_};
+  scan_block(block, run_ids_, run_count_);
+  run_count_ = 0;
+}
+
+void Scan::flush_pending() {
+  if (pending_ == 0) return;
+  const ScatteredBlock block{vectors_, pending_, width_, unbounded_, unbounded_count_};
+  scan_block(block, ids_, pending_);
+  pending_ = unbounded_count_ = 0;
+}
+
+template <typename Block>
+void Scan::scan_block(const Block& block, const std::int64_t* ids, std::int64_t count) {
+  float values[kBlockRows];
+  if (screen_.pays() && exact_blocks_ == 0) {
+    block.estimate(query_, values);
+    choose_candidates(block, values, ids, count);
+  } else {
+    exact_blocks_ = std::max<std::int64_t>(exact_blocks_ - 1, 0);
+    offer_candidates();
+    block.score(query_, values);
+    topk_.offer(values, ids, count);
+  }
+}
+
+template <typename Block>
+void Scan::choose_candidates(const Block& block, const float* estimates, const std::int64_t* ids,
+                             std::int64_t count) {
+  const float limit = screen_.limit(topk_.bar());
+  std::int64_t places[kBlockRows];
+  float chosen_estimates[kBlockRows];
+  std::int64_t chosen = 0;
+  for (std::int64_t first = 0; first < count; first += kMaskRows) {
+    const std::int64_t size = std::min(kMaskRows, count - first);
+    const std::uint64_t rows = kernels().not_below(estimates + first, size, limit);
+    for_each_bit(rows & block.rows_of(first), [&](std::int64_t i) {
+      places[chosen] = first + i;
+      chosen_estimates[chosen++] = estimates[first + i];
+    });
+  }
+  if (chosen == 0) return;
+  screen_.learn(chosen_estimates, chosen);
+  const float limit_now = screen_.limit(topk_.bar());
+  const std::int64_t earlier = candidates_;
+  for (std::int64_t i = 0; i < chosen; ++i) {
+    if (chosen_estimates[i] < limit_now) continue;
+    candidate_vectors_[candidates_] = block.vector(places[i]);
+    candidate_ids_[candidates_] = ids[places[i]];
+    candidate_estimates_[candidates_] = chosen_estimates[i];
+    ++candidates_;
+  }
+  const std::int64_t added = candidates_ - earlier;
+  if (candidates_ > kFewCandidates) thin_candidates();
+  if (4 * added > count) {
+    exact_blocks_ = next_exact_blocks_;
+    next_exact_blocks_ = std::min(2 * next_exact_blocks_, kMostExactBlocks);
+  } else {
+    next_exact_blocks_ = 1;
+  }
+  if (candidates_ > kFewCandidates) offer_candidates();
+}
+
+void Scan::thin_candidates() {
+  const float limit = screen_.limit(topk_.bar());
+  std::int64_t kept = 0;
+  for (std::int64_t i = 0; i < candidates_; ++i) {
+    candidate_vectors_[kept] = candidate_vectors_[i];
+    candidate_ids_[kept] = candidate_ids_[i];
+    candidate_estimates_[kept] = candidate_estimates_[i];
+    kept += candidate_estimates_[i] < limit ? 0 : 1;
+  }
+  candidates_ = kept;
+}
+
+void Scan::offer_candidates() {
+  if (candidates_ == 0) return;
+  float scores[kFewCandidates + kBlockRows];
+  kernels().score_scattered(candidate_vectors_, candidates_, width_, query_, scores);
+  topk_.offer(scores, candidate_ids_, candidates_);
+  candidates_ = 0;
+}
+
+void Scan::finish() {
+  flush_run();
+  flush_pending();
+  thin_candidates();
+  offer_candidates();
+  topk_.finish();
 }
 
 }  // namespace qx

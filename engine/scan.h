@@ -1,68 +1,126 @@
-// From rows to results: scores rows block by block and offers them to a top-k buffer, in order.
-// Every search ends here. It knows vectors and the ids to report, not why the rows were chosen.
+// From rows to results: estimates or scores rows block by block, and offers to a top-k buffer, in
+// order, those that may enter. Every search ends here. It knows vectors and the ids to report, not
+// why the rows were chosen.
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
+#include "screen.h"
 #include "support/topk.h"
 
 namespace qx {
 
-// Rows scored by one kernel call: a multiple of every kernel's group of rows. A block's scores stay
-// in the first-level cache, and one indirect call is spread over many rows.
+// Rows that one kernel call takes: a multiple of every kernel's group of rows. A block's scores
+// stay in the first-level cache, and one indirect call is spread over many rows.
 inline constexpr std::int64_t kBlockRows = 192;
 
 // Scores `count` rows that lie one after the other.
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
                       float* scores);
 
-// Offers `count` rows that lie one after the other, of `whole_rows` that the scan will go through;
-// row i reports ids[i].
-void offer_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                      std::int64_t whole_rows, std::int64_t width, const float* query, TopK& topk);
+// What a scan goes through.
+struct ScanOf {
+  const float* query;
+  std::int64_t width;
+  std::int64_t rows;  // about how many will be added
+  float magnitude;    // no component of a bounded row is larger; may be infinite
+};
 
-// Offers all `count` rows of a scan, which lie one after the other, and completes the results.
-void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                     std::int64_t width, const float* query, TopK& topk);
-
-// Offers rows that lie anywhere, one by one, in the order in which they are added.
-class ScatteredScan {
+// A scan of rows that are added in their order. Its results are those of scoring every row; rows
+// that an estimate rules out are not scored.
+class Scan {
  public:
-  ScatteredScan(std::int64_t width, const float* query, TopK& topk)
-      : width_(width), query_(query), topk_(topk) {}
+  Scan(const ScanOf& of, TopK& topk)
+      : query_(of.query),
+        width_(of.width),
+        topk_(topk),
+        screen_(of.query, of.width, of.magnitude, of.rows, topk.k()) {
+    // Each line of the query is read for each row, or each few: half of the loads of an estimate.
+    if (!screen_.pays() || width_ > kLongestCopied) return;
+    std::memcpy(query_at_line_, query_, static_cast<std::size_t>(width_) * sizeof(float));
+    query_ = query_at_line_;
+  }
+  Scan(const Scan&) = delete;
+  Scan& operator=(const Scan&) = delete;
 
-  // Adds a row. Its vector must stay readable until finish().
-  void add(const float* vector, std::int64_t id) {
-    __builtin_prefetch(vector);  // its block is scored up to kBlockRows rows later
+  // Adds a row, bounded or not. Vectors must stay readable until finish().
+  void add(const float* vector, std::int64_t id, bool bounded) {
+    if (run_count_ > 0) flush_run();
+    __builtin_prefetch(vector);  // its block is looked at up to kBlockRows rows later
     vectors_[pending_] = vector;
     ids_[pending_] = id;
-    if (++pending_ == kBlockRows) flush();
+    if (!bounded) unbounded_[unbounded_count_++] = pending_;
+    if (++pending_ == kBlockRows) flush_pending();
   }
 
-  // Adds rows that lie one after the other, after what was added before. They are a part of
-  // `whole_rows` rows that lie so.
+  // Adds `count` bounded rows that lie one after the other, a part of `whole_rows` that do.
   void add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                      std::int64_t whole_rows) {
-    if (pending_ > 0) flush();
-    offer_contiguous(rows, ids, count, whole_rows, width_, query_, topk_);
-  }
+                      std::int64_t whole_rows);
+
+  // Adds those of kMaskRows such rows, or fewer, that a mask selects. Worth it if most are.
+  void add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
+                  std::uint64_t mask, std::int64_t whole_rows);
+  static constexpr std::int64_t kMaskRows = 64;
 
   // Completes the results. Must be called after the last row.
-  void finish() {
-    flush();
-    topk_.finish();
-  }
+  void finish();
 
  private:
-  // Offers what was added since the last full block.
-  void flush();
+  // Candidates that wait for their scores, beyond those of the latest block.
+  static constexpr std::int64_t kFewCandidates = 64;
+  static constexpr std::int64_t kMostExactBlocks = 32;
+  static constexpr std::int64_t kMasks = kBlockRows / kMaskRows;
 
-  std::int64_t width_;
+  void flush_run();
+  void flush_pending();
+
+  // Takes a block through estimates or scores. A block can estimate and score its rows and name the
+  // vector of each; `amend` sets the values of rows that are not what they seem.
+  template <typename Block>
+  void scan_block(const Block& block, const std::int64_t* ids, std::int64_t count);
+
+  // Makes candidates of the rows of a block that an estimate does not rule out.
+  template <typename Block>
+  void choose_candidates(const Block& block, const float* estimates, const std::int64_t* ids,
+                         std::int64_t count);
+
+  // Drops the candidates that are ruled out by now.
+  void thin_candidates();
+
+  // Scores the candidates and offers them.
+  void offer_candidates();
+
+  static constexpr std::int64_t kLongestCopied = 2048;
+  alignas(64) float query_at_line_[kLongestCopied];
   const float* query_;
+  std::int64_t width_;
   TopK& topk_;
+  Screen screen_;
+
+  // Rows of add(), and which of them are not bounded.
   std::int64_t pending_ = 0;
+  std::int64_t unbounded_count_ = 0;
   const float* vectors_[kBlockRows];
   std::int64_t ids_[kBlockRows];
+  std::int64_t unbounded_[kBlockRows];
+
+  // Rows of add_masked().
+  std::int64_t run_count_ = 0;
+  std::int64_t run_whole_rows_ = 0;
+  const float* run_rows_ = nullptr;
+  const std::int64_t* run_ids_ = nullptr;
+  std::uint64_t run_masks_[kMasks];
+
+  // Where most rows enter, estimates are wasted: then a number of blocks is scored at once, each
+  // time twice as many.
+  std::int64_t exact_blocks_ = 0;
+  std::int64_t next_exact_blocks_ = 1;
+
+  std::int64_t candidates_ = 0;
+  const float* candidate_vectors_[kFewCandidates + kBlockRows];
+  std::int64_t candidate_ids_[kFewCandidates + kBlockRows];
+  float candidate_estimates_[kFewCandidates + kBlockRows];
 };
 
 }  // namespace qx

@@ -12,14 +12,15 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
   const auto results = static_cast<std::int32_t>(k);
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
-  qx::ScatteredScan scan(qx::row_width(*index), query, topk);
+  qx::Scan scan({query, qx::row_width(*index), n, qx::base_magnitude(*index)}, topk);
   qx::Changes lookups(*index);
   for (std::int64_t first = 0; first < n; first += qx::kBlock) {
     const std::int64_t count = std::min<std::int64_t>(qx::kBlock, n - first);
     qx::FoundRow rows[qx::kBlock];
     const std::uint64_t visible = qx::find_visible(*index, lookups, ids + first, count, rows);
     qx::for_each_bit(visible, [&](std::int64_t i) {
-      scan.add(qx::vector_of(*index, rows[i].in_delta, rows[i].row), ids[first + i]);
+      const auto [in_delta, row] = rows[i];
+      scan.add(qx::vector_of(*index, in_delta, row), ids[first + i], !in_delta);
     });
   }
   scan.finish();

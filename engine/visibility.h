@@ -8,15 +8,13 @@
 #include "hidden_ids.h"
 #include "qx_index.h"
 #include "rows.h"
+#include "support/bits.h"
 
 namespace qx {
 
 // Rows are judged up to this many at a time, one bit of a mask for each.
 inline constexpr std::int64_t kBlock = Int64Map::kBatch;
 static_assert(kBlock == 64);
-
-// The mask of the first `count` rows of a block; `count` is 1 to kBlock.
-inline std::uint64_t all_rows(std::int64_t count) { return ~std::uint64_t{0} >> (kBlock - count); }
 
 // Consecutive rows of one generation with their ids, and which of them a read sees.
 struct RowBlock {
@@ -26,17 +24,11 @@ struct RowBlock {
   const std::int64_t* ids;
   std::uint64_t visible;
 
-  bool whole() const { return visible == all_rows(count); }
+  bool whole() const { return visible == first_bits(count); }
 };
 
 inline const float* vector_of(const QxIndex& index, bool in_delta, std::int64_t row) {
   return in_delta ? delta_vector(index, row) : base_vector(index, row);
-}
-
-// Calls visit(i) for every bit of a mask, in order.
-template <typename Visit>
-void for_each_bit(std::uint64_t mask, Visit&& visit) {
-  for (; mask != 0; mask &= mask - 1) visit(std::int64_t{std::countr_zero(mask)});
 }
 
 // Copies the ids that a mask selects, in order, and returns how many they are.
@@ -108,7 +100,7 @@ void walk_blocks(const std::int64_t* ids, std::int64_t count, bool in_delta, Hid
                  Visit&& visit) {
   for (std::int64_t first = 0; first < count; first += kBlock) {
     const std::int64_t size = std::min(kBlock, count - first);
-    const std::uint64_t visible = all_rows(size) & ~hidden_of(ids + first, size);
+    const std::uint64_t visible = first_bits(size) & ~hidden_of(ids + first, size);
     visit(RowBlock{in_delta, first, size, ids + first, visible});
   }
 }
@@ -157,7 +149,7 @@ template <typename Visit>
     if (!set.exact()) confirm_hidden(set, lookups, ids, (count + kBlock - 1) / kBlock, hidden);
     for (std::int64_t i = 0; i < count; i += kBlock) {
       const std::int64_t size = std::min(kBlock, count - i);
-      visit(RowBlock{false, start + i, size, ids + i, all_rows(size) & ~hidden[i / kBlock]});
+      visit(RowBlock{false, start + i, size, ids + i, first_bits(size) & ~hidden[i / kBlock]});
     }
   }
 }

@@ -8,6 +8,7 @@
 #include <immintrin.h>
 
 #define QX_AVX2 __attribute__((target("avx2,fma")))
+#define QX_AVX2_LAMBDA __attribute__((target("avx2,fma"), always_inline))
 #define QX_AVX2_INLINE __attribute__((target("avx2,fma"), always_inline)) inline
 
 namespace qx {
@@ -291,6 +292,94 @@ QX_AVX2 void score_scattered_pair(const float* const* rows, std::int64_t followi
   _mm256_storeu_ps(scores + kLanes, add_rest(high, j, dim, query, high_sums));
 }
 
+// ---- Estimates ----
+//
+// Here a register holds eight components of one row, and the sums of its lanes are added at last.
+
+// The query's last eight components, without those that whole steps of eight columns have used.
+QX_AVX2_INLINE __m256 query_rest(const float* query, std::int64_t dim) {
+  static constexpr std::int32_t kSelected[2 * kLanes] = {0,  0,  0,  0,  0,  0,  0,  0,
+                                                         -1, -1, -1, -1, -1, -1, -1, -1};
+  const auto* const selected = reinterpret_cast<const float*>(kSelected + dim % kLanes);
+  return _mm256_and_ps(_mm256_loadu_ps(query + dim - kLanes), _mm256_loadu_ps(selected));
+}
+
+// Estimates `Abreast` rows of at least eight components, each in `Chains` chains.
+template <int Abreast, int Chains, typename Rows>
+QX_AVX2_INLINE void estimate_abreast(const Rows& rows, std::int64_t dim, const float* query,
+                                     __m256 rest, float* estimates) {
+  __m256 sums[Abreast][Chains];
+  for (auto& row_sums : sums) {
+    for (__m256& sum : row_sums) sum = _mm256_setzero_ps();
+  }
+  const auto add = [&](std::int64_t at, __m256 factors, int chain) QX_AVX2_LAMBDA {
+#pragma GCC unroll 8
+    for (int i = 0; i < Abreast; ++i) {
+      sums[i][chain] = _mm256_fmadd_ps(_mm256_loadu_ps(rows.row(i) + at), factors, sums[i][chain]);
+    }
+  };
+  std::int64_t j = 0;
+  for (; j + Chains * kLanes <= dim; j += Chains * kLanes) {
+#pragma GCC unroll 4
+    for (int c = 0; c < Chains; ++c) {
+      add(j + c * kLanes, _mm256_loadu_ps(query + j + c * kLanes), c);
+    }
+  }
+  for (; j + kLanes <= dim; j += kLanes) add(j, _mm256_loadu_ps(query + j), 0);
+  if (j < dim) add(dim - kLanes, rest, 0);
+  for (auto& row_sums : sums) {
+    for (int c = 1; c < Chains; ++c) row_sums[0] = _mm256_add_ps(row_sums[0], row_sums[c]);
+  }
+  if constexpr (Abreast == 1) {
+    const __m128 half =
+        _mm_add_ps(_mm256_castps256_ps128(sums[0][0]), _mm256_extractf128_ps(sums[0][0], 1));
+    const __m128 pair = _mm_add_ps(half, _mm_movehl_ps(half, half));
+    _mm_store_ss(estimates, _mm_add_ss(pair, _mm_movehdup_ps(pair)));
+  } else {
+    static_assert(Abreast % 4 == 0);
+#pragma GCC unroll 2
+    for (int i = 0; i < Abreast; i += 4) {
+      const __m256 pairs = _mm256_hadd_ps(_mm256_hadd_ps(sums[i][0], sums[i + 1][0]),
+                                          _mm256_hadd_ps(sums[i + 2][0], sums[i + 3][0]));
+      _mm_storeu_ps(estimates + i,
+                    _mm_add_ps(_mm256_castps256_ps128(pairs), _mm256_extractf128_ps(pairs, 1)));
+    }
+  }
+}
+
+// Rows of up to so many floats are estimated side by side wherever they are: four of them are one
+// stream. Longer ones are, in the near caches; from afar, and when four of them fill much of the
+// first-level cache, the hardware prefetcher does better with one row after the other.
+constexpr std::int64_t kLongestAbreast = 64;
+constexpr std::int64_t kLongestAbreastNear = 640;
+
+QX_AVX2 void estimate_long_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
+                                      const float* query, Reach reach, float* estimates) {
+  const __m256 rest = query_rest(query, dim);
+  std::int64_t i = 0;
+  if (dim <= (reach == Reach::kNear ? kLongestAbreastNear : kLongestAbreast)) {
+    for (; i + 4 <= count; i += 4) {
+      estimate_abreast<4, 1>(ContiguousRows{rows + i * dim, dim}, dim, query, rest, estimates + i);
+    }
+  }
+  for (; i < count; ++i) {
+    estimate_abreast<1, 4>(ContiguousRows{rows + i * dim, dim}, dim, query, rest, estimates + i);
+  }
+}
+
+// Eight rows that lie anywhere keep as many lines on their way as a core can.
+QX_AVX2 void estimate_long_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                                     const float* query, float* estimates) {
+  const __m256 rest = query_rest(query, dim);
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    estimate_abreast<8, 1>(ScatteredRows{rows + i}, dim, query, rest, estimates + i);
+  }
+  for (; i < count; ++i) {
+    estimate_abreast<1, 4>(ScatteredRows{rows + i}, dim, query, rest, estimates + i);
+  }
+}
+
 // ---- Rows of one to three floats ----
 //
 // Eight of them fill one to three registers, from which each column is taken by itself. The
@@ -351,14 +440,16 @@ QX_AVX2 std::int64_t score_shortest(const float* rows, std::int64_t count, std::
 // ---- The functions of the table ----
 
 // Scores fewer than eight rows; the last of them fills the lanes that are left over.
-template <typename Rows>
+template <int Groups, typename Rows>
 QX_AVX2 void score_last_rows(const Rows& rows, std::int64_t count, std::int64_t dim,
                              const float* query, float* scores) {
-  const float* filled[kLanes];
-  float group_scores[kLanes];
-  for (std::int64_t i = 0; i < kLanes; ++i) filled[i] = rows.row(i < count ? i : count - 1);
-  const ScatteredRows group[1] = {{filled}};
-  score_groups<1, false>(group, dim, query, nullptr, group_scores);
+  const float* filled[Groups * kLanes];
+  float group_scores[Groups * kLanes];
+  for (std::int64_t i = 0; i < Groups * kLanes; ++i)
+    filled[i] = rows.row(i < count ? i : count - 1);
+  ScatteredRows groups[Groups];
+  for (int g = 0; g < Groups; ++g) groups[g] = {filled + g * kLanes};
+  score_groups<Groups, false>(groups, dim, query, nullptr, group_scores);
   for (std::int64_t i = 0; i < count; ++i) scores[i] = group_scores[i];
 }
 
@@ -374,11 +465,10 @@ QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::
     const std::int64_t left = count - i - 2 * kLanes;
     score_scattered_pair(rows + i, left < 2 * kLanes ? left : 2 * kLanes, dim, query, scores + i);
   }
-  for (; i + kLanes <= count; i += kLanes) {
-    const ScatteredRows group[1] = {{rows + i}};
-    score_groups<1, false>(group, dim, query, nullptr, scores + i);
-  }
-  if (i < count) score_last_rows(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
+  if (i == count) return;
+  const auto score_last =
+      count - i > kLanes ? score_last_rows<2, ScatteredRows> : score_last_rows<1, ScatteredRows>;
+  score_last(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
 }
 
 // The way to score whole groups of contiguous rows.
@@ -393,7 +483,31 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
                       Reach reach, float* scores) {
   const std::int64_t i = contiguous_way(dim, reach)(rows, count, dim, query, scores);
   if (i == count) return;
-  score_last_rows(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
+  score_last_rows<1>(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
+}
+
+void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
+                         const float* query, Reach reach, float* estimates) {
+  const auto way = dim < kLanes ? score_contiguous : estimate_long_contiguous;
+  way(rows, count, dim, query, reach, estimates);
+}
+
+void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                        const float* query, float* estimates) {
+  const auto way = dim < kLanes ? score_scattered : estimate_long_scattered;
+  way(rows, count, dim, query, estimates);
+}
+
+QX_AVX2 std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
+  const __m256 limits = _mm256_set1_ps(limit);
+  std::uint64_t bits = 0;
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    const __m256 above = _mm256_cmp_ps(_mm256_loadu_ps(numbers + i), limits, _CMP_NLT_UQ);
+    bits |= static_cast<std::uint64_t>(_mm256_movemask_ps(above)) << i;
+  }
+  for (; i < count; ++i) bits |= static_cast<std::uint64_t>(numbers[i] < limit ? 0 : 1) << i;
+  return bits;
 }
 
 // Eight numbers at a time: their words are gathered, and the wanted bits shifted to the top, where
@@ -425,11 +539,18 @@ QX_AVX2 std::uint64_t test_bits(const std::uint32_t* words, int shift, const std
 
 }  // namespace
 
-extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguous, score_scattered,
+extern constinit const Kernels kAvx2Kernels = {"avx2",
+                                               supported,
+                                               score_contiguous,
+                                               score_scattered,
+                                               estimate_contiguous,
+                                               estimate_scattered,
+                                               not_below,
                                                test_bits};
 
 }  // namespace qx
 
 #undef QX_AVX2
+#undef QX_AVX2_LAMBDA
 #undef QX_AVX2_INLINE
 #endif

@@ -199,6 +199,20 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   kAvx2Kernels.score_contiguous(rows + i * dim, count - i, dim, query, reach, scores + i);
 }
 
+void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
+                         const float* query, Reach reach, float* estimates) {
+  kAvx2Kernels.estimate_contiguous(rows, count, dim, query, reach, estimates);
+}
+
+void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                        const float* query, float* estimates) {
+  kAvx2Kernels.estimate_scattered(rows, count, dim, query, estimates);
+}
+
+std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
+  return kAvx2Kernels.not_below(numbers, count, limit);
+}
+
 std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
                         std::int64_t count) {
   return kAvx2Kernels.test_bits(words, shift, numbers, count);
@@ -206,8 +220,9 @@ std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_
 
 }  // namespace
 
-extern constinit const Kernels kAvx512Kernels = {"avx512", supported, score_contiguous,
-                                                 score_scattered, test_bits};
+extern constinit const Kernels kAvx512Kernels = {
+    "avx512",           supported, score_contiguous, score_scattered, estimate_contiguous,
+    estimate_scattered, not_below, test_bits};
 
 }  // namespace qx
 

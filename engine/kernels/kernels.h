@@ -9,6 +9,16 @@
 // NaN may differ, and no NaN enters a result. Speed comes from scoring many rows at once, one row
 // per SIMD lane; a row is never split.
 //
+// An estimate of a score is the sum of the same products, but added in any order, in as many chains
+// as suit the CPU, and rounded wherever that falls. So it needs no transposition, and is as fast as
+// memory; its bits differ from kernel to kernel and reach no result. With a the sum of the
+// products' magnitudes, e = 2^-24 and dim * e < 1, both the score and the estimate are within
+//
+//     a * dim * e / (1 - dim * e) + dim * 2^-126
+//
+// of the exact product, provided that twice a is finite. The estimate of a row that holds a NaN is
+// a NaN; with infinities in the row or the query, or an overflow, it may be anything.
+//
 // A kernel knows rows, a query and scores, or numbers and bits. It knows no ids, no deletes and no
 // index. It reads no element outside of what it is given (it may prefetch beyond, which reads
 // nothing), and writes exactly the given scores.
@@ -36,6 +46,19 @@ struct Kernels {
   // Scores `count` rows that lie anywhere: row i starts at rows[i].
   void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
                           const float* query, float* scores);
+
+  // Estimates the scores of rows that lie one after the other; faster if the query begins at a
+  // cache line.
+  void (*estimate_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
+                              const float* query, Reach reach, float* estimates);
+
+  // Estimates the scores of rows that lie anywhere.
+  void (*estimate_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
+                             const float* query, float* estimates);
+
+  // Compares up to 64 numbers with a limit: bit i of the result says that numbers[i] is not below
+  // it. A NaN is not.
+  std::uint64_t (*not_below)(const float* numbers, std::int64_t count, float limit);
 
   // Tests one bit for each of up to 64 numbers: bit i of the result is bit numbers[i] >> shift of
   // `words`. Every number is at least 0, and names a bit below 2^31 of them.

@@ -93,6 +93,24 @@ void score_last_rows(const float* const* rows, std::int64_t count, std::int64_t 
   for (std::int64_t i = 0; i < count; ++i) scores[i] = group_scores[i];
 }
 
+// Estimates four rows of at least four components, side by side; a register holds four components
+// of one row, and the sums of its lanes are added at last.
+void estimate_four(const float* const* rows, std::int64_t dim, const float* query,
+                   float* estimates) {
+  float32x4_t sums[kLanes] = {vdupq_n_f32(0), vdupq_n_f32(0), vdupq_n_f32(0), vdupq_n_f32(0)};
+  std::int64_t j = 0;
+  for (; j + kStep <= dim; j += kStep) {
+    const float32x4_t factors = vld1q_f32(query + j);
+    for (std::int64_t i = 0; i < kLanes; ++i) {
+      sums[i] = vfmaq_f32(sums[i], vld1q_f32(rows[i] + j), factors);
+    }
+  }
+  for (std::int64_t i = 0; i < kLanes; ++i) {
+    estimates[i] = vaddvq_f32(sums[i]);
+    for (std::int64_t rest = j; rest < dim; ++rest) estimates[i] += rows[i][rest] * query[rest];
+  }
+}
+
 // Every AArch64 CPU has these instructions.
 bool supported() { return true; }
 
@@ -113,6 +131,27 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   }
 }
 
+void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                        const float* query, float* estimates) {
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) estimate_four(rows + i, dim, query, estimates + i);
+  score_scattered(rows + i, count - i, dim, query, estimates + i);
+}
+
+void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
+                         const float* query, Reach /*reach*/, float* estimates) {
+  for (std::int64_t i = 0; i < count; i += kRows) {
+    const float* group[kRows];
+    const std::int64_t size = count - i < kRows ? count - i : kRows;
+    for (std::int64_t r = 0; r < size; ++r) group[r] = rows + (i + r) * dim;
+    estimate_scattered(group, size, dim, query, estimates + i);
+  }
+}
+
+std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
+  return kPortableKernels.not_below(numbers, count, limit);
+}
+
 std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
                         std::int64_t count) {
   return kPortableKernels.test_bits(words, shift, numbers, count);
@@ -120,7 +159,13 @@ std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_
 
 }  // namespace
 
-extern constinit const Kernels kNeonKernels = {"neon", supported, score_contiguous, score_scattered,
+extern constinit const Kernels kNeonKernels = {"neon",
+                                               supported,
+                                               score_contiguous,
+                                               score_scattered,
+                                               estimate_contiguous,
+                                               estimate_scattered,
+                                               not_below,
                                                test_bits};
 
 }  // namespace qx

@@ -33,6 +33,11 @@ class TopK {
     std::fill_n(ids_, k_, kEmptyId);
   }
 
+  std::int64_t k() const { return k_; }
+
+  // What a candidate must beat to enter, or less: between merges of a batch it may have risen.
+  float bar() const { return scores_[k_ - 1]; }
+
   // Offers a block in order: a candidate enters if it beats the last slot, behind all of its
   // equals. A NaN beats nothing. Few candidates of a long scan enter, so a run is first compared
   // with the last slot as a whole, by a loop without branches that compilers turn into SIMD.
