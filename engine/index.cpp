@@ -55,18 +55,11 @@ float largest_magnitude(const float* floats, std::int64_t count) {
 }
 
 // A block with a copy of `count` floats and, behind them, their largest magnitude; null for none.
-// The floats are looked at while the copy has them in the cache.
 float* copy_vectors(const float* source, std::int64_t count) {
   if (count == 0) return nullptr;
   auto* const block = static_cast<float*>(qx::allocate_at_line(count + 1, sizeof(float)));
-  constexpr std::int64_t kPart = 16384;
-  float largest = 0;
-  for (std::int64_t first = 0; first < count; first += kPart) {
-    const std::int64_t size = std::min(kPart, count - first);
-    std::memcpy(block + first, source + first, static_cast<std::size_t>(size) * sizeof(float));
-    largest = std::max(largest, largest_magnitude(block + first, size));
-  }
-  block[count] = largest;
+  std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(float));
+  block[count] = largest_magnitude(block, count);
   return block;
 }
 

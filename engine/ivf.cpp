@@ -6,6 +6,7 @@
 #include "qx_index.h"
 #include "rows.h"
 #include "scan.h"
+#include "support/bits.h"
 
 namespace qx {
 namespace {
@@ -54,15 +55,40 @@ void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists
   for (std::int64_t i = 0; i < wanted && lists[i] >= 0; ++i) scores.data[lists[i]] = kEmptyScore;
 }
 
+// Adds members of a list, up to a mask of them, that have a base row. Where the base lies in the
+// order of the lists, their rows lie one after the other.
+void add_members(const QxIndex& index, const std::int64_t* ids, std::int64_t count, Scan& scan) {
+  std::int64_t rows[Scan::kMaskRows];
+  std::int64_t gaps = 0;
+  for (std::int64_t i = 0; i < count; ++i) {
+    rows[i] = base_row_of(index, ids[i]);
+    gaps |= rows[i] ^ (rows[0] + i);
+  }
+  if (gaps == 0 && rows[0] >= 0) {
+    const float* const vectors = base_vector(index, rows[0]);
+    scan.add_masked(vectors, ids, count, first_bits(count), index.n_base);
+    return;
+  }
+  for (std::int64_t i = 0; i < count; ++i) {
+    if (rows[i] >= 0) scan.add(base_vector(index, rows[i]), ids[i], true);
+  }
+}
+
 // Adds the members of a list that have a base row.
 void add_list(const QxIndex& index, const QxIvf& ivf, std::int64_t list, Scan& scan) {
   const std::int64_t first = ivf.list_offsets.at(list);
   const std::int64_t count = ivf.list_offsets.at(list + 1) - first;
   if (count < 1) return;
   const std::int64_t* const ids = ivf.list_ids.range(first, count);
-  for (std::int64_t i = 0; i < count; ++i) {
-    const std::int64_t row = base_row_of(index, ids[i]);
-    if (row >= 0) scan.add(base_vector(index, row), ids[i], true);
+  for (std::int64_t i = 0; i < std::min(Scan::kMaskRows, count); ++i) {
+    prefetch_base_row_of(index, ids[i]);
+  }
+  for (std::int64_t i = 0; i < count; i += Scan::kMaskRows) {
+    const std::int64_t next = i + Scan::kMaskRows;
+    for (std::int64_t j = next; j < std::min(next + Scan::kMaskRows, count); ++j) {
+      prefetch_base_row_of(index, ids[j]);
+    }
+    add_members(index, ids + i, std::min(Scan::kMaskRows, count - i), scan);
   }
 }
 

@@ -113,7 +113,7 @@ QX_AVX2_INLINE void score_groups(const Rows (&rows)[Groups], std::int64_t dim, c
   }
 }
 
-// ---- Contiguous rows in the caches ----
+// ---- Contiguous rows ----
 
 // How far ahead of its rows a scan in the caches prefetches, and the longest row for which that
 // pays: 24 such rows and the lines ahead of them share the first-level cache.
@@ -152,114 +152,6 @@ QX_AVX2 std::int64_t score_cached(const float* rows, std::int64_t count, std::in
   }
   for (; i + kLanes <= count; i += kLanes) {
     score_cached_groups<1, Prefetches>(rows + i * dim, dim, query, scores + i);
-  }
-  return i;
-}
-
-// ---- Contiguous rows in memory, or in the last-level cache ----
-//
-// Eight rows read column by column are eight short streams, which the hardware prefetcher follows
-// badly. So the kernel says what will be needed, a line of each row at a time.
-
-// Rows up to this length are prefetched column by column, kPacedLines lines ahead in their own row
-// and then in the row that takes its place. Longer ones are prefetched in address order into the
-// second-level cache, a block ahead, since their blocks do not fit the first, and fetched from
-// there a line before their use.
-constexpr std::int64_t kLongestPaced = 319;
-constexpr std::int64_t kPacedLines = 24;
-constexpr std::int64_t kLinearAheadBytes = 1024;
-constexpr std::int64_t kTinyAheadBytes = 4096;
-
-QX_AVX2_INLINE __m256 add_line(const ContiguousRows& rows, std::int64_t at, const float* query,
-                               __m256 sums) {
-#pragma GCC unroll 4
-  for (std::int64_t j = at; j < at + kLine; j += kStep) sums = add_step(rows, j, query, sums);
-  return sums;
-}
-
-QX_AVX2_INLINE __m256 finish_row(const ContiguousRows& rows, std::int64_t at, const float* query,
-                                 __m256 sums) {
-  for (; at + kStep <= rows.dim; at += kStep) sums = add_step(rows, at, query, sums);
-  return add_rest(rows, at, rows.dim, query, sums);
-}
-
-QX_AVX2 void score_paced(const ContiguousRows& rows, const float* query, float* scores) {
-  const std::int64_t lines = (rows.dim + kLine - 1) / kLine;
-  std::int64_t line = kPacedLines % lines;  // the line to prefetch, of the rows at `ahead`
-  ContiguousRows ahead{rows.first + kPacedLines / lines * kLanes * rows.dim, rows.dim};
-  __m256 sums = _mm256_setzero_ps();
-  for (std::int64_t j = 0; j < rows.dim; j += kLine, ++line) {
-    if (line == lines) {
-      line = 0;
-      ahead.first += kLanes * rows.dim;
-    }
-    for (std::int64_t i = 0; i < kLanes; ++i)
-      _mm_prefetch(ahead.row(i) + line * kLine, _MM_HINT_T1);
-    if (j + kLine <= rows.dim) {
-      sums = add_line(rows, j, query, sums);
-    } else {
-      sums = finish_row(rows, j, query, sums);
-    }
-  }
-  _mm256_storeu_ps(scores, sums);
-}
-
-template <int Groups>
-QX_AVX2 void score_linear(const ContiguousRows& rows, const float* query, float* scores) {
-  const char* ahead = reinterpret_cast<const char*>(rows.row(Groups * kLanes)) + kLinearAheadBytes;
-  ContiguousRows group[Groups];
-  __m256 sums[Groups];
-  for (int g = 0; g < Groups; ++g) {
-    group[g] = {rows.row(g * kLanes), rows.dim};
-    sums[g] = _mm256_setzero_ps();
-  }
-  std::int64_t j = 0;
-  for (; j + kLine <= rows.dim; j += kLine) {
-#pragma GCC unroll 4
-    for (std::int64_t part = 0; part < 4; ++part) {
-#pragma GCC unroll 2
-      for (int g = 0; g < Groups; ++g, ahead += 2 * kLineBytes) {
-        _mm_prefetch(ahead, _MM_HINT_T1);
-        _mm_prefetch(ahead + kLineBytes, _MM_HINT_T1);
-        _mm_prefetch(group[g].row(2 * part) + j + kLine, _MM_HINT_T0);
-        _mm_prefetch(group[g].row(2 * part + 1) + j + kLine, _MM_HINT_T0);
-        sums[g] = add_step(group[g], j + part * kStep, query, sums[g]);
-      }
-    }
-  }
-  for (int g = 0; g < Groups; ++g) {
-    _mm256_storeu_ps(scores + g * kLanes, finish_row(group[g], j, query, sums[g]));
-  }
-}
-
-// Rows shorter than a line: several of them share one.
-QX_AVX2 void score_tiny(const ContiguousRows& rows, const float* query, float* scores) {
-  const char* const ahead = reinterpret_cast<const char*>(rows.first) + kTinyAheadBytes;
-  const std::int64_t bytes = kLanes * rows.dim * 4;
-  for (std::int64_t at = 0; at < bytes; at += kLineBytes) _mm_prefetch(ahead + at, _MM_HINT_T0);
-  _mm256_storeu_ps(scores, finish_row(rows, 0, query, _mm256_setzero_ps()));
-}
-
-// Scores whole groups; returns how many rows.
-QX_AVX2 std::int64_t score_from_memory(const float* rows, std::int64_t count, std::int64_t dim,
-                                       const float* query, float* scores) {
-  const auto score = dim < kLine            ? score_tiny
-                     : dim <= kLongestPaced ? score_paced
-                                            : score_linear<1>;
-  std::int64_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) score({rows + i * dim, dim}, query, scores + i);
-  return i;
-}
-
-// The same for long rows in the last-level cache, which is fast enough to be worth two groups.
-QX_AVX2 std::int64_t score_long_far(const float* rows, std::int64_t count, std::int64_t dim,
-                                    const float* query, float* scores) {
-  std::int64_t i = 0;
-  for (; cached_groups(dim) >= 2 && i + 2 * kLanes <= count; i += 2 * kLanes) {
-    score_linear<2>({rows + i * dim, dim}, query, scores + i);
-  }
-  for (; i + kLanes <= count; i += kLanes) {
-    score_linear<1>({rows + i * dim, dim}, query, scores + i);
   }
   return i;
 }
@@ -474,9 +366,9 @@ QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::
 // The way to score whole groups of contiguous rows.
 auto contiguous_way(std::int64_t dim, Reach reach) {
   if (dim >= 1 && dim < kStep) return score_shortest;
-  if (reach == Reach::kMemory) return score_from_memory;
-  if (dim >= kLine && dim <= kLongestCachedAhead) return score_cached<true>;
-  return reach == Reach::kFar && dim > kLongestCachedAhead ? score_long_far : score_cached<false>;
+  // The hardware follows short rows well while they are in the caches.
+  const bool followed = dim < kLine && reach != Reach::kMemory;
+  return followed || dim > kLongestCachedAhead ? score_cached<false> : score_cached<true>;
 }
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,

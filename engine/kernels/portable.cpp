@@ -19,27 +19,55 @@ void score_group(const float* const* rows, std::int64_t dim, const float* query,
   for (std::int64_t i = 0; i < kGroup; ++i) scores[i] = sums[i];
 }
 
-// An estimate has several chains, and rows are walked side by side: plain loops of a fixed length,
-// which any compiler turns into SIMD of the width that it was told of.
-constexpr std::int64_t kChains = 8;
+// The widest registers that the compiler was told of, by way of the vector extension that g++ and
+// clang share. On a CPU without FMA this is what makes the library fast.
+#if defined(__AVX__)
+constexpr std::int64_t kLanes = 8;
+#else
+constexpr std::int64_t kLanes = 4;
+#endif
+typedef float Lanes __attribute__((vector_size(kLanes * sizeof(float))));
+typedef float Four __attribute__((vector_size(4 * sizeof(float))));
+
+template <typename Vector>
+Vector load(const float* from) {
+  Vector loaded;
+  __builtin_memcpy(&loaded, from, sizeof(Vector));
+  return loaded;
+}
+
+Four halve(const Lanes& lanes) {
+  float parts[kLanes];
+  __builtin_memcpy(parts, &lanes, sizeof(parts));
+  Four four = load<Four>(parts);
+  for (std::int64_t i = 4; i < kLanes; i += 4) four += load<Four>(parts + i);
+  return four;
+}
+
+// The sums of a's and b's even and odd elements: a0 + a2, b0 + b2, a1 + a3, b1 + b3.
+Four add_pairs(Four a, Four b) {
+  return __builtin_shufflevector(a, b, 0, 4, 1, 5) + __builtin_shufflevector(a, b, 2, 6, 3, 7);
+}
+
+// Rows that are estimated side by side.
 constexpr std::int64_t kAbreast = 4;
 
 // Estimates kAbreast rows.
 void estimate_abreast(const float* const* rows, std::int64_t dim, const float* query,
                       float* estimates) {
-  float sums[kAbreast][kChains] = {};
+  Lanes sums[kAbreast] = {};
   std::int64_t j = 0;
-  for (; j + kChains <= dim; j += kChains) {
-    for (std::int64_t i = 0; i < kAbreast; ++i) {
-      for (std::int64_t c = 0; c < kChains; ++c) sums[i][c] += rows[i][j + c] * query[j + c];
-    }
+  for (; j + kLanes <= dim; j += kLanes) {
+    const auto factors = load<Lanes>(query + j);
+    for (std::int64_t i = 0; i < kAbreast; ++i) sums[i] += load<Lanes>(rows[i] + j) * factors;
   }
-  for (std::int64_t i = 0; i < kAbreast; ++i) {
-    for (std::int64_t rest = j; rest < dim; ++rest) {
-      sums[i][rest - j] += rows[i][rest] * query[rest];
-    }
-    const float* const s = sums[i];
-    estimates[i] = ((s[0] + s[4]) + (s[2] + s[6])) + ((s[1] + s[5]) + (s[3] + s[7]));
+  const Four first = add_pairs(halve(sums[0]), halve(sums[1]));
+  const Four last = add_pairs(halve(sums[2]), halve(sums[3]));
+  const Four all = __builtin_shufflevector(first, last, 0, 1, 4, 5) +
+                   __builtin_shufflevector(first, last, 2, 3, 6, 7);
+  __builtin_memcpy(estimates, &all, sizeof(all));
+  for (; j < dim; ++j) {
+    for (std::int64_t i = 0; i < kAbreast; ++i) estimates[i] += rows[i][j] * query[j];
   }
 }
 
@@ -47,13 +75,15 @@ bool supported() { return true; }
 
 void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
                      const float* query, float* scores) {
-  const std::int64_t whole = count - count % kGroup;
-  for (std::int64_t i = 0; i < whole; i += kGroup) score_group(rows + i, dim, query, scores + i);
-  for (std::int64_t i = whole; i < count; ++i) {
-    float sum = 0.0f;
-    for (std::int64_t j = 0; j < dim; ++j) sum = __builtin_fmaf(rows[i][j], query[j], sum);
-    scores[i] = sum;
-  }
+  std::int64_t i = 0;
+  for (; i + kGroup <= count; i += kGroup) score_group(rows + i, dim, query, scores + i);
+  if (i == count) return;
+  // Fewer rows: the last of them fills the group.
+  const float* filled[kGroup];
+  float group_scores[kGroup];
+  for (std::int64_t r = 0; r < kGroup; ++r) filled[r] = rows[i + r < count ? i + r : count - 1];
+  score_group(filled, dim, query, group_scores);
+  for (std::int64_t r = 0; i + r < count; ++r) scores[i + r] = group_scores[r];
 }
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
