@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
-#include <functional>
+#include <cstring>
 
 namespace qx {
 
@@ -23,7 +23,8 @@ static_assert(std::bit_cast<std::uint32_t>(kEmptyScore) == 0xF149F2CA);
 //
 // Invariants: k >= 1; scores never rise from slot 0 to slot k - 1; among equal scores the earlier
 // arrival comes first; no slot holds a NaN, and none an occupied score of kEmptyScore or below.
-// Candidates of the batch have arrived after all that are in the slots.
+// Candidates of the batch have arrived after all that are in the slots, and are in the order of
+// their arrival; the batch always has room for a run.
 class TopK {
  public:
   // Takes k slots and empties them.
@@ -44,9 +45,15 @@ class TopK {
   void offer(const float* scores, const std::int64_t* ids, std::int64_t count) {
     std::int64_t first = 0;
     for (; first + kRun <= count; first += kRun) {
-      if (any_above(scores + first, scores_[k_ - 1])) take(scores + first, ids + first, kRun);
+      if (any_above(scores + first, scores_[k_ - 1])) {
+        take(scores + first, ids + first, count - first);
+      }
     }
-    take(scores + first, ids + first, count - first);
+    if (first == count) return;
+    float last_run[kRun];
+    std::fill_n(last_run, kRun, kEmptyScore);
+    std::copy_n(scores + first, count - first, last_run);
+    take(last_run, ids + first, kRun);
   }
 
   // Completes the slots. Must be called after the last offer.
@@ -56,13 +63,21 @@ class TopK {
 
  private:
   static constexpr std::int64_t kRun = 32;
+  static constexpr std::int64_t kLanes = 16;
   static constexpr std::int64_t kMostBatched = 256;
+  static constexpr std::int64_t kMovedAtOnce = 16;
 
-  // Candidates gathered before a merge, 0 for none; by measurement. A longer batch saves merges,
+  struct Candidate {
+    std::int64_t id;
+    float score;
+    std::uint32_t key;  // the score as a number that is the smaller, the better the score
+  };
+
+  // Room for candidates before a merge, 0 for none; by measurement. A longer batch saves merges,
   // but lets more candidates in by its staler bar, which costs a small buffer more than it saves.
   static std::int64_t batch_limit(std::int64_t k) {
-    if (k <= 48) return 0;
-    return k < 512 ? 64 : k < 4096 ? 128 : kMostBatched;
+    if (k <= kLanes) return 0;
+    return k < 256 ? 128 : kMostBatched;
   }
 
   // Whether any score of a whole run is above the bar.
@@ -72,12 +87,50 @@ class TopK {
     return any != 0;
   }
 
-  void take(const float* scores, const std::int64_t* ids, std::int64_t count) {
-    if (batch_limit_ > 0) {
-      gather(scores, ids, count);
-    } else {
-      for (std::int64_t i = 0; i < count; ++i) insert(scores[i], ids[i]);
+  // Bit i at place i. A loop that takes its bits from a table is turned into SIMD, one that shifts
+  // them is not.
+  struct RunBits {
+    std::uint32_t at[kRun] = {};
+    constexpr RunBits() {
+      for (std::int64_t i = 0; i < kRun; ++i) at[i] = std::uint32_t{1} << i;
     }
+  };
+
+  // Which scores of a whole run are above the bar, a bit for each.
+  static std::uint32_t which_above(const float* scores, float bar) {
+    static constexpr RunBits kBits;
+    std::uint32_t above = 0;
+    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? kBits.at[i] : 0;
+    return above;
+  }
+
+  // Takes what is above the bar of a whole run; `count` scores come from its first one on. Kept out
+  // of the loop over the runs, few of which get here, so that compilers inline that where the
+  // scores are made.
+  [[gnu::noinline]] void take(const float* scores, const std::int64_t* ids, std::int64_t count) {
+    std::uint32_t above = which_above(scores, scores_[k_ - 1]);
+    if (batch_limit_ > 0) {
+      gather(scores, ids, above);
+      return;
+    }
+    const float least = reached_by_all_lanes(scores, count);
+    for (; above != 0; above &= above - 1) {
+      const int i = std::countr_zero(above);
+      if (scores[i] >= least) insert(scores[i], ids[i]);
+    }
+  }
+
+  // A score that at least kLanes of the given ones reach. A buffer of no more slots will hold
+  // nothing below it in the end: where scores rise, most need not be inserted.
+  static float reached_by_all_lanes(const float* scores, std::int64_t count) {
+    float best[kLanes];
+    std::fill_n(best, kLanes, kEmptyScore);
+    for (std::int64_t first = 0; first + kLanes <= count; first += kLanes) {
+      for (std::int64_t i = 0; i < kLanes; ++i) {
+        best[i] = scores[first + i] > best[i] ? scores[first + i] : best[i];
+      }
+    }
+    return *std::min_element(best, best + kLanes);
   }
 
   void insert(float score, std::int64_t id) {
@@ -91,48 +144,72 @@ class TopK {
     ids_[slot] = id;
   }
 
-  void gather(const float* scores, const std::int64_t* ids, std::int64_t count) {
-    if (batch_size_ + count > batch_limit_) merge();
-    const float bar = scores_[k_ - 1];
-    for (std::int64_t i = 0; i < count; ++i) {
-      batch_scores_[batch_size_] = scores[i];
-      batch_ids_[batch_size_] = ids[i];
-      batch_size_ += scores[i] > bar ? 1 : 0;
+  void gather(const float* scores, const std::int64_t* ids, std::uint32_t above) {
+    for (; above != 0; above &= above - 1) {
+      const int i = std::countr_zero(above);
+      batch_[batch_size_++] = {ids[i], scores[i], key_of(scores[i])};
+    }
+    if (batch_size_ + kRun > batch_limit_) merge();
+  }
+
+  // Equal scores, such as -0 and +0, have equal keys.
+  static std::uint32_t key_of(float score) {
+    const auto bits = std::bit_cast<std::uint32_t>(score + 0.0f);
+    return (bits >> 31) != 0 ? bits : bits ^ 0x7FFFFFFFu;
+  }
+
+  // Sorts the batch by its keys, byte by byte from the low end, which keeps equals in order. No
+  // branch depends on a score. The best of a long scan are close: their high bytes are the same.
+  void sort_batch() {
+    std::uint32_t differing = 0;
+    for (std::int64_t i = 1; i < batch_size_; ++i) differing |= batch_[i].key ^ batch_[0].key;
+    for (int shift = 0; shift < 32; shift += 8) {
+      if ((differing >> shift & 0xFF) != 0) sort_batch_by_byte(shift);
     }
   }
 
-  // A number that is the larger, the better the candidate: its score's bits in an order of
-  // integers, -0 made +0, above the inverse of its place in the batch.
-  std::uint64_t rank(std::int64_t place) const {
-    const auto bits = std::bit_cast<std::uint32_t>(batch_scores_[place] + 0.0f);
-    const std::uint32_t ordered = (bits >> 31) != 0 ? ~bits : bits | 0x80000000u;
-    return (std::uint64_t{ordered} << 32) | static_cast<std::uint32_t>(~place);
-  }
-  static std::int64_t place_of(std::uint64_t rank) {
-    return static_cast<std::int64_t>(~static_cast<std::uint32_t>(rank));
+  void sort_batch_by_byte(int shift) {
+    const auto byte_of = [&](std::int64_t i) { return batch_[i].key >> shift & 0xFF; };
+    std::int32_t places[257] = {};  // of the next candidate with each byte
+    for (std::int64_t i = 0; i < batch_size_; ++i) ++places[byte_of(i) + 1];
+    for (int byte = 1; byte < 256; ++byte) places[byte] += places[byte - 1];
+    Candidate sorted[kMostBatched];
+    for (std::int64_t i = 0; i < batch_size_; ++i) sorted[places[byte_of(i)]++] = batch_[i];
+    std::copy_n(sorted, batch_size_, batch_);
   }
 
   // Merges the batch into the slots, from the last slot upwards. The m best of the batch enter if
   // the m-th of them beats the m-th slot from the end, which it then pushes out.
   void merge() {
-    std::uint64_t ranks[kMostBatched];
-    for (std::int64_t i = 0; i < batch_size_; ++i) ranks[i] = rank(i);
-    std::sort(ranks, ranks + batch_size_, std::greater<>());
+    sort_batch();
     std::int64_t entering = 0;
     const std::int64_t most = std::min(batch_size_, k_);
-    while (entering < most &&
-           batch_scores_[place_of(ranks[entering])] > scores_[k_ - 1 - entering]) {
-      ++entering;
-    }
-    std::int64_t from = k_ - 1 - entering;
-    for (std::int64_t to = k_ - 1; entering > 0; --to) {
-      const std::int64_t place = place_of(ranks[entering - 1]);
-      const bool slot_moves = from >= 0 && scores_[from] < batch_scores_[place];
-      scores_[to] = slot_moves ? scores_[from] : batch_scores_[place];
-      ids_[to] = slot_moves ? ids_[from] : batch_ids_[place];
-      (slot_moves ? from : entering) -= 1;
+    while (entering < most && batch_[entering].score > scores_[k_ - 1 - entering]) ++entering;
+    std::int64_t unmoved = k_ - entering;
+    for (; entering > 0; --entering) {
+      const Candidate& next = batch_[entering - 1];
+      unmoved = move_inferior(next.score, unmoved, entering);
+      scores_[unmoved + entering - 1] = next.score;
+      ids_[unmoved + entering - 1] = next.id;
     }
     batch_size_ = 0;
+  }
+
+  // Moves those of the first `unmoved` slots that are below a score down by `distance`, several at
+  // once while that many are. Returns how many stay.
+  std::int64_t move_inferior(float score, std::int64_t unmoved, std::int64_t distance) {
+    while (unmoved >= kMovedAtOnce && scores_[unmoved - kMovedAtOnce] < score) {
+      unmoved -= kMovedAtOnce;
+      float* const moved_scores = scores_ + unmoved;
+      std::int64_t* const moved_ids = ids_ + unmoved;
+      std::memmove(moved_scores + distance, moved_scores, kMovedAtOnce * sizeof(float));
+      std::memmove(moved_ids + distance, moved_ids, kMovedAtOnce * sizeof(std::int64_t));
+    }
+    for (; unmoved > 0 && scores_[unmoved - 1] < score; --unmoved) {
+      scores_[unmoved - 1 + distance] = scores_[unmoved - 1];
+      ids_[unmoved - 1 + distance] = ids_[unmoved - 1];
+    }
+    return unmoved;
   }
 
   std::int64_t* ids_;
@@ -140,8 +217,7 @@ class TopK {
   std::int64_t k_;
   std::int64_t batch_limit_;
   std::int64_t batch_size_ = 0;
-  float batch_scores_[kMostBatched];
-  std::int64_t batch_ids_[kMostBatched];
+  Candidate batch_[kMostBatched];
 };
 
 }  // namespace qx

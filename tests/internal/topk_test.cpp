@@ -15,6 +15,7 @@
 namespace {
 
 using qx_test::Random;
+using qx_test::special_float;
 using qx_test::Values;
 
 struct Hit {
@@ -73,8 +74,17 @@ TEST_P(TopKOfSize, KeepsTheBestOfRisingFallingAndEqualScores) {
   expect_best(std::vector<float>(5000, -0.0f), GetParam(), 192);
 }
 
+TEST_P(TopKOfSize, KeepsTheBestOfScoresThatRiseAmongUnusableOnes) {
+  Random random(5);
+  std::vector<float> scores;
+  for (int i = 0; i < 15000; ++i) {
+    scores.push_back(random.percent(20) ? special_float(random) : static_cast<float>(i / 3 - 2500));
+  }
+  for (const std::int64_t block : {20, 32, 100, 192}) expect_best(scores, GetParam(), block);
+}
+
 INSTANTIATE_TEST_SUITE_P(Sizes, TopKOfSize,
-                         testing::Values(1, 2, 10, 48, 49, 64, 100, 511, 512, 1000, 4095, 4096,
+                         testing::Values(1, 2, 10, 15, 16, 17, 48, 100, 255, 256, 1000, 4096,
                                          10000),
                          [](const auto& size) { return std::to_string(size.param); });
 

@@ -11,6 +11,7 @@ constexpr std::size_t kMostEvents = 4096;
 
 struct Event {
   const void* block;
+  std::size_t bytes;  // of a block that is had
   bool released;
 };
 
@@ -30,10 +31,21 @@ bool next_fails() {
   return failing_from_then_on ? allocations >= failing_number : allocations == failing_number;
 }
 
-void note(const void* block, bool released) {
-  if (!recording || block == nullptr) return;
+void note(const Event& event) {
+  if (!recording || event.block == nullptr) return;
   if (event_count == kMostEvents) std::abort();
-  events[event_count++] = {block, released};
+  events[event_count++] = event;
+}
+void note_had(const void* block, std::size_t bytes) { note({block, bytes, false}); }
+void note_released(const void* block) { note({block, 0, true}); }
+
+using Held = std::vector<Event>;
+
+// Takes a block away that was had while recording.
+void remove(Held& held, const void* block) {
+  const auto found =
+      std::find_if(held.begin(), held.end(), [&](const Event& had) { return had.block == block; });
+  if (found != held.end()) held.erase(found);
 }
 
 }  // namespace
@@ -48,14 +60,18 @@ HeapLog record_heap(const std::function<void()>& body) {
   recording = false;
   HeapLog log;
   log.allocations = allocations;
+  Held held;
   for (std::size_t i = 0; i < event_count; ++i) {
     if (!events[i].released) {
-      log.still_held.push_back(events[i].block);
+      held.push_back(events[i]);
       continue;
     }
     log.releases.push_back(events[i].block);
-    const auto held = std::find(log.still_held.begin(), log.still_held.end(), events[i].block);
-    if (held != log.still_held.end()) log.still_held.erase(held);
+    remove(held, events[i].block);
+  }
+  for (const Event& had : held) {
+    log.still_held.push_back(had.block);
+    log.held_bytes += static_cast<std::int64_t>(had.bytes);
   }
   return log;
 }
@@ -81,35 +97,35 @@ void __real_free(void* block);
 void* __wrap_malloc(std::size_t bytes) {
   if (next_fails()) return nullptr;
   void* const block = __real_malloc(bytes);
-  note(block, false);
+  note_had(block, bytes);
   return block;
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t bytes) {
   if (next_fails()) return nullptr;
   void* const block = __real_calloc(count, bytes);
-  note(block, false);
+  note_had(block, count * bytes);
   return block;
 }
 
 void* __wrap_aligned_alloc(std::size_t alignment, std::size_t bytes) {
   if (next_fails()) return nullptr;
   void* const block = __real_aligned_alloc(alignment, bytes);
-  note(block, false);
+  note_had(block, bytes);
   return block;
 }
 
 // A block that moves is given back at its old place and had at its new one.
 void* __wrap_realloc(void* block, std::size_t bytes) {
   if (next_fails()) return nullptr;
-  note(block, true);
+  note_released(block);
   void* const moved = __real_realloc(block, bytes);
-  note(moved, false);
+  note_had(moved, bytes);
   return moved;
 }
 
 void __wrap_free(void* block) {
-  note(block, true);
+  note_released(block);
   __real_free(block);
 }
 

@@ -13,6 +13,7 @@ struct HeapLog {
   std::int64_t allocations = 0;         // blocks asked for; a block that moves is asked for anew
   std::vector<const void*> releases;    // blocks given back, in order
   std::vector<const void*> still_held;  // blocks had while recording and not given back
+  std::int64_t held_bytes = 0;          // the sizes that these were asked for with
 };
 
 // What a piece of code did that calls nothing but the engine.

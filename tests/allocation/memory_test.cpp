@@ -1,0 +1,342 @@
+// Convention 12 of the header: its formula, written out as a host would, against the bytes that the
+// engine has asked the heap for.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <numeric>
+#include <set>
+#include <vector>
+
+#include "histories/random.h"
+#include "qx_runtime.h"
+#include "support/heap.h"
+#include "support/int64_map.h"
+
+namespace qx_test {
+namespace {
+
+using Ids = std::vector<std::int64_t>;
+
+// ---- The formula ----
+
+std::int64_t P(std::int64_t x) {
+  if (x < 1) return 0;
+  std::int64_t power = 1;
+  while (power < x) power *= 2;
+  return power;
+}
+
+std::int64_t M(std::int64_t x) {
+  if (x < 1) return 0;
+  if (x <= 2) return x == 1 ? 48 : 64;
+  return (x > (std::int64_t{1} << 27) ? 32 : 24) * P(x);
+}
+
+std::int64_t at_least_0(std::int64_t x) { return std::max<std::int64_t>(x, 0); }
+
+constexpr std::int64_t kIndexBytes = 384;
+
+std::int64_t base_bytes(std::int64_t n, std::int64_t dim, std::int64_t largest_id,
+                        std::int64_t n_parts) {
+  return (4 * n * dim + 63) / 64 * 64 + 8 * n + 8 * (largest_id + 1) + 16 * n_parts;
+}
+
+std::int64_t delta_bytes(std::int64_t r, std::int64_t floats) {
+  return M(r) + 16 * P(r) + 4 * P(floats);
+}
+
+// `columns` has, for each column, the distinct ids since it exists.
+std::int64_t metadata_bytes(std::int64_t ids, const std::vector<std::int64_t>& columns) {
+  std::int64_t bytes = M(ids) + 40 * P(std::ssize(columns));
+  for (const std::int64_t m : columns) bytes += M(m);
+  return bytes;
+}
+
+std::int64_t ivf_table_bytes(std::int64_t s) { return M(s) + 80 * P(s); }
+
+std::int64_t ivf_bytes(std::int64_t dim, std::int64_t nlist, std::int64_t n_ids) {
+  return 4 * at_least_0(dim * nlist) + 8 * at_least_0(n_ids) + 4 * at_least_0(nlist + 1);
+}
+
+// ---- The heap ----
+
+// Around the powers of two, and far from them.
+const std::vector<std::int64_t> kCounts = {0,   1,   2,   3,   4,   5,   6,    7,    8,    9,   10,
+                                           15,  16,  17,  31,  32,  33,  63,   64,   65,   100, 127,
+                                           128, 129, 255, 256, 257, 999, 1023, 1024, 1025, 3000};
+
+// The bytes that an index holds after the calls of `life`.
+std::int64_t bytes_after(std::uint32_t dim, const std::function<void(QxIndex*)>& life) {
+  QxIndex* index = nullptr;
+  const HeapLog log = record_heap([&] {
+    index = qx_index_new(dim, 0);
+    life(index);
+  });
+  std::vector<const void*> blocks = log.still_held;
+  for (const void* const block : record_heap([&] { qx_index_free(index); }).releases) {
+    std::erase(blocks, block);
+  }
+  for (const void* const block : blocks) std::free(const_cast<void*>(block));  // of earlier builds
+  return log.held_bytes;
+}
+
+std::int32_t count32(const Ids& ids) { return static_cast<std::int32_t>(ids.size()); }
+
+Ids ids_from(std::int64_t first, std::int64_t count) {
+  Ids ids(static_cast<std::size_t>(count));
+  std::iota(ids.begin(), ids.end(), first);
+  return ids;
+}
+
+std::vector<float> floats_of(std::int64_t count) {
+  return std::vector<float>(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
+}
+
+void build(QxIndex* index, const Ids& ids, std::int32_t dim, std::int32_t n_parts) {
+  const std::vector<float> vectors = floats_of(count32(ids) * std::int64_t{dim});
+  const Ids keys = ids_from(0, n_parts);
+  const std::vector<std::int32_t> ranges(static_cast<std::size_t>(n_parts));
+  ASSERT_EQ(qx_index_build(index, vectors.data(), count32(ids), dim, ids.data(), keys.data(),
+                           ranges.data(), ranges.data(), n_parts),
+            0);
+}
+
+void insert(QxIndex* index, const Ids& ids, std::int64_t dim) {
+  const std::vector<float> vectors = floats_of(count32(ids) * dim);
+  qx_index_insert(index, vectors.data(), ids.data(), count32(ids));
+}
+
+void set_rowmeta(QxIndex* index, const Ids& ids, std::int32_t ncols) {
+  const Ids values(ids.size() * static_cast<std::size_t>(ncols));
+  ASSERT_EQ(qx_index_set_rowmeta(index, ids.data(), ids.data(), values.data(), ncols, count32(ids)),
+            0);
+}
+
+void set_ivf(QxIndex* index, std::int64_t key, std::int32_t dim, std::int32_t nlist,
+             std::int32_t n_ids) {
+  const std::vector<float> centroids = floats_of(std::int64_t{dim} * nlist);
+  const Ids members(static_cast<std::size_t>(at_least_0(n_ids)));
+  const std::vector<std::int32_t> offsets(static_cast<std::size_t>(at_least_0(nlist + 1)));
+  qx_index_set_ivf(index, key, nlist, 1, centroids.data(), members.data(), offsets.data(), n_ids);
+}
+
+// ---- Each part of an index ----
+
+TEST(Memory, OfANewIndex) {
+  EXPECT_EQ(bytes_after(7, [](QxIndex*) {}), kIndexBytes);
+}
+
+TEST(Memory, OfABase) {
+  for (const std::int64_t n : kCounts) {
+    for (const std::int32_t dim : {0, 1, 3, 16, 100}) {
+      const std::int64_t first_id = 5 * dim;
+      EXPECT_EQ(
+          bytes_after(1, [&](QxIndex* index) { build(index, ids_from(first_id, n), dim, dim); }),
+          kIndexBytes + base_bytes(n, dim, n == 0 ? -1 : first_id + n - 1, dim))
+          << n << " rows of " << dim;
+    }
+  }
+}
+
+TEST(Memory, OfEveryBuild) {
+  EXPECT_EQ(bytes_after(1,
+                        [](QxIndex* index) {
+                          build(index, ids_from(0, 100), 3, 1);
+                          build(index, ids_from(7, 50), 5, 4);
+                        }),
+            kIndexBytes + base_bytes(100, 3, 99, 1) + base_bytes(50, 5, 56, 4));
+}
+
+TEST(Memory, OfADelta) {
+  for (const std::int64_t r : kCounts) {
+    for (const std::int32_t dim : {-1, 0, 1, 3, 16, 100}) {
+      const auto life = [&](QxIndex* index) { insert(index, ids_from(-9, r), std::max(dim, 0)); };
+      EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim), life),
+                kIndexBytes + delta_bytes(r, r * std::max(dim, 0)))
+          << r << " rows of " << dim;
+    }
+  }
+}
+
+TEST(Memory, OfADeltaOfSeveralDimensions) {
+  EXPECT_EQ(bytes_after(6,
+                        [](QxIndex* index) {
+                          insert(index, ids_from(0, 10), 6);
+                          build(index, {}, 4, 0);
+                          insert(index, ids_from(5, 10), 4);  // five of them are there already
+                        }),
+            kIndexBytes + delta_bytes(15, 10 * 6 + 5 * 4));
+}
+
+TEST(Memory, OfTombstones) {
+  for (const std::int64_t t : kCounts) {
+    const Ids ids = ids_from(1000, t);
+    EXPECT_EQ(
+        bytes_after(3, [&](QxIndex* index) { qx_index_delete(index, ids.data(), count32(ids)); }),
+        kIndexBytes + M(t))
+        << t;
+  }
+}
+
+// A map whose slots widen from 2^6 on stands for the engine's, whose do from 2^29 on.
+TEST(Memory, OfATableOfManyKeys) {
+  for (const std::int64_t x : {16, 17, 32, 33, 1000}) {
+    qx::BasicInt64Map<5> map;
+    const HeapLog log = record_heap([&] {
+      for (std::int64_t key = 0; key < x; ++key) map.assign(key, key);
+    });
+    EXPECT_EQ(log.held_bytes, (x > 16 ? 32 : 24) * P(x)) << x;
+    map.release();
+  }
+}
+
+TEST(Memory, OfMetadata) {
+  for (const std::int64_t m : kCounts) {
+    for (const std::int32_t ncols : {0, 1, 2, 3, 5, 17}) {
+      EXPECT_EQ(bytes_after(3, [&](QxIndex* index) { set_rowmeta(index, ids_from(3, m), ncols); }),
+                kIndexBytes + metadata_bytes(
+                                  m, std::vector<std::int64_t>(static_cast<std::size_t>(ncols), m)))
+          << m << " ids, " << ncols << " columns";
+    }
+  }
+}
+
+TEST(Memory, OfMetadataWhoseColumnsCameLater) {
+  EXPECT_EQ(bytes_after(3,
+                        [](QxIndex* index) {
+                          set_rowmeta(index, ids_from(0, 100), 1);
+                          set_rowmeta(index, ids_from(50, 100), 2);  // ids 50 to 149
+                          set_rowmeta(index, {}, 3);
+                        }),
+            kIndexBytes + metadata_bytes(150, {150, 100, 0}));
+}
+
+TEST(Memory, OfIvfStructures) {
+  for (const std::int64_t s : kCounts) {
+    if (s > 300) continue;  // what the record of the heap has room for
+    const auto life = [&](QxIndex* index) {
+      for (std::int64_t key = 0; key < s; ++key) set_ivf(index, key * 7, 3, 5, 11);
+    };
+    EXPECT_EQ(bytes_after(3, life), kIndexBytes + ivf_table_bytes(s) + s * ivf_bytes(3, 5, 11))
+        << s;
+  }
+}
+
+TEST(Memory, OfIvfStructuresOfAnyShape) {
+  for (const std::int32_t dim : {-2, 0, 1, 16}) {
+    for (const std::int32_t nlist : {-1, 0, 1, 5, 100}) {
+      if (dim < 0 && nlist < 0) continue;  // their product is above 0, and so is read
+      for (const std::int32_t n_ids : {-1, 0, 1, 1000}) {
+        EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim),
+                              [&](QxIndex* index) { set_ivf(index, 1, dim, nlist, n_ids); }),
+                  kIndexBytes + ivf_table_bytes(1) + ivf_bytes(dim, nlist, n_ids))
+            << dim << " x " << nlist << ", " << n_ids;
+      }
+    }
+  }
+}
+
+TEST(Memory, OfIvfStructuresReplacedAndCleared) {
+  const auto replaced = [](QxIndex* index) {
+    for (std::int64_t key = 0; key < 9; ++key) set_ivf(index, key, 3, 5, 11);
+    set_ivf(index, 4, 3, 100, 1000);
+  };
+  EXPECT_EQ(bytes_after(3, replaced),
+            kIndexBytes + ivf_table_bytes(9) + 8 * ivf_bytes(3, 5, 11) + ivf_bytes(3, 100, 1000));
+  EXPECT_EQ(bytes_after(3,
+                        [&](QxIndex* index) {
+                          replaced(index);
+                          qx_index_clear_ivf(index);
+                          set_ivf(index, 4, 3, 2, 2);
+                        }),
+            kIndexBytes + ivf_table_bytes(1) + ivf_bytes(3, 2, 2));
+}
+
+// ---- Any order ----
+
+// A life of random calls, and what the host knows of it.
+struct Life {
+  static constexpr std::int32_t kDim = 5;
+
+  QxIndex* index;
+  Random& random;
+  std::set<std::int64_t> inserted;
+  std::set<std::int64_t> deleted;
+  std::set<std::int64_t> with_metadata;
+  std::vector<std::set<std::int64_t>> columns;
+  std::int64_t bytes_of_builds = 0;
+
+  void run() {
+    const std::int64_t calls = random.between(0, 60);
+    for (std::int64_t call = 0; call < calls; ++call) step();
+  }
+
+  std::int64_t bytes() const {
+    std::vector<std::int64_t> column_ids;
+    for (const std::set<std::int64_t>& ids : columns) column_ids.push_back(std::ssize(ids));
+    return kIndexBytes + bytes_of_builds +
+           delta_bytes(std::ssize(inserted), std::ssize(inserted) * kDim) + M(std::ssize(deleted)) +
+           metadata_bytes(std::ssize(with_metadata), column_ids);
+  }
+
+  // Ids that repeat within the call and between calls, in any order.
+  Ids draw_ids() {
+    Ids ids(static_cast<std::size_t>(random.between(0, random.percent(20) ? 300 : 8)));
+    for (std::int64_t& id : ids) id = random.between(-20, random.percent(50) ? 20 : 1000);
+    return ids;
+  }
+
+  void step() {
+    const Ids ids = draw_ids();
+    const std::int64_t choice = random.between(0, 9);
+    if (choice < 4) {
+      insert(index, ids, kDim);
+      inserted.insert(ids.begin(), ids.end());
+    } else if (choice < 7) {
+      qx_index_delete(index, ids.data(), count32(ids));
+      deleted.insert(ids.begin(), ids.end());
+    } else if (choice < 9) {
+      set_metadata(ids);
+    } else {
+      const std::int64_t n = random.between(0, 40);
+      build(index, ids_from(n, n), kDim, 2);
+      bytes_of_builds += base_bytes(n, kDim, n == 0 ? -1 : 2 * n - 1, 2);
+    }
+  }
+
+  void set_metadata(const Ids& ids) {
+    if (random.percent(30)) columns.emplace_back();
+    set_rowmeta(index, ids, static_cast<std::int32_t>(columns.size()));
+    with_metadata.insert(ids.begin(), ids.end());
+    for (std::set<std::int64_t>& column : columns) column.insert(ids.begin(), ids.end());
+  }
+};
+
+TEST(Memory, AfterRandomCalls) {
+  Random random(12);
+  for (int number = 0; number < 300; ++number) {
+    std::int64_t expected = 0;
+    const std::int64_t bytes = bytes_after(Life::kDim, [&](QxIndex* index) {
+      Life life{.index = index,
+                .random = random,
+                .inserted = {},
+                .deleted = {},
+                .with_metadata = {},
+                .columns = {}};
+      life.run();
+      expected = life.bytes();
+    });
+    ASSERT_EQ(bytes, expected) << "life " << number;
+  }
+}
+
+TEST(Memory, TheExampleOfTheHeader) {
+  EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) + delta_bytes(10000, 10000 * 768),
+            3122210176);
+}
+
+}  // namespace
+}  // namespace qx_test
