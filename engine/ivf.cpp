@@ -55,40 +55,35 @@ void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists
   for (std::int64_t i = 0; i < wanted && lists[i] >= 0; ++i) scores.data[lists[i]] = kEmptyScore;
 }
 
-// Adds members of a list, up to a mask of them, that have a base row. Where the base lies in the
-// order of the lists, their rows lie one after the other.
-void add_members(const QxIndex& index, const std::int64_t* ids, std::int64_t count, Scan& scan) {
-  std::int64_t rows[Scan::kMaskRows];
-  std::int64_t gaps = 0;
-  for (std::int64_t i = 0; i < count; ++i) {
-    rows[i] = base_row_of(index, ids[i]);
-    gaps |= rows[i] ^ (rows[0] + i);
-  }
-  if (gaps == 0 && rows[0] >= 0) {
-    const float* const vectors = base_vector(index, rows[0]);
-    scan.add_masked(vectors, ids, count, first_bits(count), index.n_base);
-    return;
-  }
-  for (std::int64_t i = 0; i < count; ++i) {
-    if (rows[i] >= 0) scan.add(base_vector(index, rows[i]), ids[i], true);
-  }
+// Whether some ids are those of as many base rows that lie one after the other, from `first` on: as
+// where the base lies in the order of the lists. The rows' ids are cheaper to compare than to look
+// up.
+bool are_rows_from(const QxIndex& index, std::int64_t first, const std::int64_t* ids,
+                   std::int64_t count) {
+  return first >= 0 && count <= index.n_base - first && base_facts(index).distinct_ids != 0 &&
+         std::equal(ids, ids + count, index.base_ids + first);
 }
 
 // Adds the members of a list that have a base row.
 void add_list(const QxIndex& index, const QxIvf& ivf, std::int64_t list, Scan& scan) {
-  const std::int64_t first = ivf.list_offsets.at(list);
-  const std::int64_t count = ivf.list_offsets.at(list + 1) - first;
+  const std::int64_t begin = ivf.list_offsets.at(list);
+  const std::int64_t count = ivf.list_offsets.at(list + 1) - begin;
   if (count < 1) return;
-  const std::int64_t* const ids = ivf.list_ids.range(first, count);
-  for (std::int64_t i = 0; i < std::min(Scan::kMaskRows, count); ++i) {
-    prefetch_base_row_of(index, ids[i]);
-  }
-  for (std::int64_t i = 0; i < count; i += Scan::kMaskRows) {
-    const std::int64_t next = i + Scan::kMaskRows;
-    for (std::int64_t j = next; j < std::min(next + Scan::kMaskRows, count); ++j) {
-      prefetch_base_row_of(index, ids[j]);
+  const std::int64_t* const ids = ivf.list_ids.range(begin, count);
+  for (std::int64_t first = 0; first < count; first += Scan::kMaskRows) {
+    const std::int64_t end = std::min(first + Scan::kMaskRows, count);
+    const std::int64_t row = base_row_of(index, ids[first]);
+    if (are_rows_from(index, row, ids + first, end - first)) {
+      scan.add_masked(base_vector(index, row), ids + first, end - first, first_bits(end - first),
+                      index.n_base);
+      continue;
     }
-    add_members(index, ids + i, std::min(Scan::kMaskRows, count - i), scan);
+    const std::int64_t next_end = std::min(end + Scan::kMaskRows, count);
+    for (std::int64_t i = end; i < next_end; ++i) prefetch_base_row_of(index, ids[i]);
+    for (std::int64_t i = first; i < end; ++i) {
+      const std::int64_t member = base_row_of(index, ids[i]);
+      if (member >= 0) scan.add(base_vector(index, member), ids[i], true);
+    }
   }
 }
 
@@ -157,7 +152,7 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
   if (ivf == nullptr || k < 1 || ivf->nlist < 1) return 0;
   const std::int64_t width = qx::row_width(*index);
   qx::TopK topk(out_ids, out_scores, k);
-  qx::Scan scan({query, width, ivf->list_ids.length, qx::base_magnitude(*index)}, topk);
+  qx::Scan scan({query, width, ivf->list_ids.length, qx::base_facts(*index).magnitude}, topk);
   qx::Array<float> coarse = qx::score_centroids(*ivf, width, query);
   qx::add_best_lists(*index, *ivf, coarse, scan);
   scan.finish();

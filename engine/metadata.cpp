@@ -87,7 +87,7 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
   const std::int64_t rows = index->n_base + index->delta_ids.length;
-  qx::Scan scan({query, qx::row_width(*index), rows, qx::base_magnitude(*index)}, topk);
+  qx::Scan scan({query, qx::row_width(*index), rows, qx::base_facts(*index).magnitude}, topk);
   qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
     if (!block.in_delta && 2 * std::popcount(block.visible) > block.count) {
       scan.add_masked(qx::base_vector(*index, block.first), block.ids, block.count, block.visible,

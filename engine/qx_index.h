@@ -32,6 +32,12 @@ struct QxIvf {
   qx::Array<std::int32_t> list_offsets;  // nlist + 1: where each list starts, and the end
 };
 
+// What the build learns of a base and leaves behind the last vector.
+struct BaseFacts {
+  float magnitude;             // no component is larger in magnitude; infinite if one is
+  std::uint32_t distinct_ids;  // 1 if no id has two rows
+};
+
 // Invariants
 //   While sealed is 0, fields n_base to max_base_id have their initial values.
 //   id_to_row has max_base_id + 1 slots; slot i is -1 or the last row r with base_ids[r] == i.
@@ -48,8 +54,8 @@ struct QxIndex {
   std::int64_t n_base = 0;
   std::uint32_t sealed = 0;
   std::int32_t n_parts = 0;
-  float* base_vectors = nullptr;     // n_base x dim, then their largest magnitude, if there are any
-  std::int64_t* base_ids = nullptr;  // n_base
+  float* base_vectors = nullptr;      // n_base x dim, then BaseFacts, if there are any
+  std::int64_t* base_ids = nullptr;   // n_base
   std::int64_t* part_keys = nullptr;  // n_parts, ascending if the host kept its word
   std::int32_t* part_starts = nullptr;
   std::int32_t* part_sizes = nullptr;

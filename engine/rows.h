@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "qx_index.h"
 
@@ -14,25 +15,31 @@ inline std::int64_t row_width(const QxIndex& index) {
   return dim < 1 ? 0 : dim;
 }
 
+// Whether an id is within id_to_row.
+inline bool has_slot(const QxIndex& index, std::int64_t id) {
+  return static_cast<std::uint64_t>(id) < static_cast<std::uint64_t>(index.max_base_id + 1);
+}
+
 // The base row of an id, or -1.
 inline std::int64_t base_row_of(const QxIndex& index, std::int64_t id) {
-  return id < 0 || id > index.max_base_id ? -1 : index.id_to_row[id];
+  return has_slot(index, id) ? index.id_to_row[id] : -1;
 }
 
 // Starts to load what base_row_of() will read.
 inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
-  if (id >= 0 && id <= index.max_base_id) __builtin_prefetch(index.id_to_row + id);
+  if (has_slot(index, id)) __builtin_prefetch(index.id_to_row + id);
 }
 
 inline const float* base_vector(const QxIndex& index, std::int64_t row) {
   return index.base_vectors + row * row_width(index);
 }
 
-// No component of a base vector is larger in magnitude; infinite if one is. The build leaves the
-// number behind the last vector.
-inline float base_magnitude(const QxIndex& index) {
+// What the build learned of the base; nothing of vectors of no elements.
+inline BaseFacts base_facts(const QxIndex& index) {
   const std::int64_t floats = index.n_base * row_width(index);
-  return floats == 0 ? 0 : index.base_vectors[floats];
+  BaseFacts facts{0, 0};
+  if (floats > 0) std::memcpy(&facts, index.base_vectors + floats, sizeof(facts));
+  return facts;
 }
 
 // The vector of a delta row, wholly inside delta_vectors or the process ends: a build may have

@@ -122,7 +122,7 @@ void Scan::flush_pending() {
 
 template <typename Block>
 void Scan::scan_block(const Block& block, const std::int64_t* ids, std::int64_t count) {
-  float values[kBlockRows];
+  alignas(64) float values[kBlockRows];
   if (screen_.pays() && exact_blocks_ == 0) {
     block.estimate(query_, values);
     choose_candidates(block, values, ids, count);

@@ -12,7 +12,7 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
   const auto results = static_cast<std::int32_t>(k);
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
-  qx::Scan scan({query, qx::row_width(*index), n, qx::base_magnitude(*index)}, topk);
+  qx::Scan scan({query, qx::row_width(*index), n, qx::base_facts(*index).magnitude}, topk);
   qx::Changes lookups(*index);
   for (std::int64_t first = 0; first < n; first += qx::kBlock) {
     const std::int64_t count = std::min<std::int64_t>(qx::kBlock, n - first);

@@ -95,8 +95,8 @@
  *    2^27 + 1 keys on.
  *
  *      the index itself     384
- *      a build of n rows    4 n dim, rounded up to a multiple of 64, + 8 n
- *                           + 8 (largest id + 1) + 16 n_parts; again for each further build
+ *      a build of n rows    4 n dim + 8, rounded up to a multiple of 64, unless n dim is 0,
+ *                           + 8 n + 8 (largest id + 1) + 16 n_parts; again for each further build
  *      r delta rows         M(r) + 16 P(r) + 4 P(r dim)
  *      t deleted ids        M(t)
  *      metadata of m ids    M(m) + 40 P(ncols) + M(m) for each column
@@ -109,8 +109,8 @@
  *    Where the dimension has changed, r dim adds up those at which the rows were first inserted.
  *
  *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
- *    384 + 3,072,000,000 + 8,000,000 + 8,000,000 for the base, 393,216 + 262,144 + 33,554,432 for
- *    the delta: 3,122,210,176 bytes.
+ *    384 + 3,072,000,064 + 8,000,000 + 8,000,000 for the base, 393,216 + 262,144 + 33,554,432 for
+ *    the delta: 3,122,210,240 bytes.
  *
  *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
  *    a moment so do the old block of an array that grows (at most half as large as the new one),

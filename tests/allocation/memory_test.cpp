@@ -41,7 +41,8 @@ constexpr std::int64_t kIndexBytes = 384;
 
 std::int64_t base_bytes(std::int64_t n, std::int64_t dim, std::int64_t largest_id,
                         std::int64_t n_parts) {
-  return (4 * n * dim + 63) / 64 * 64 + 8 * n + 8 * (largest_id + 1) + 16 * n_parts;
+  const std::int64_t vectors = n * dim == 0 ? 0 : (4 * n * dim + 8 + 63) / 64 * 64;
+  return vectors + 8 * n + 8 * (largest_id + 1) + 16 * n_parts;
 }
 
 std::int64_t delta_bytes(std::int64_t r, std::int64_t floats) {
@@ -335,7 +336,7 @@ TEST(Memory, AfterRandomCalls) {
 
 TEST(Memory, TheExampleOfTheHeader) {
   EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) + delta_bytes(10000, 10000 * 768),
-            3122210176);
+            3122210240);
 }
 
 }  // namespace
