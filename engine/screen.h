@@ -42,7 +42,13 @@ class Screen {
   static constexpr std::int64_t kMostLearned = 192;
   void learn(const float* estimates, std::int64_t count) {
     static constexpr std::int64_t kNoIds[kMostLearned] = {};
-    if (tracks_) best_.offer(estimates, kNoIds, count);
+    static constexpr std::int64_t kFew = 16;
+    if (!tracks_) return;
+    if (count > kFew) {
+      best_.offer(estimates, kNoIds, count);
+    } else {
+      for (std::int64_t i = 0; i < count; ++i) best_.offer(estimates[i], 0);
+    }
   }
 
  private:

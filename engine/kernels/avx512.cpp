@@ -83,7 +83,7 @@ void score_scattered(const float* const* rows, std::int64_t count, std::int64_t 
 // Wide registers help where the second-level cache can fill them; from further away the AVX2 kernel
 // is as fast as the rows arrive, and with short rows the sums of the lanes cost more than they
 // save.
-constexpr std::int64_t kShortestOwnRow = 32;
+constexpr std::int64_t kShortestOwnRow = 64;
 
 void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
                          const float* query, Reach reach, float* estimates) {

@@ -56,6 +56,16 @@ class TopK {
     take(last_run, ids + first, kRun);
   }
 
+  // Offers one candidate.
+  void offer(float score, std::int64_t id) {
+    if (!(score > scores_[k_ - 1])) return;
+    if (batch_limit_ > 0) {
+      gather(&score, &id, 1);
+    } else {
+      insert(score, id);
+    }
+  }
+
   // Completes the slots. Must be called after the last offer.
   void finish() {
     if (batch_size_ > 0) merge();
@@ -65,6 +75,7 @@ class TopK {
   static constexpr std::int64_t kRun = 32;
   static constexpr std::int64_t kLanes = 16;
   static constexpr std::int64_t kMostBatched = 256;
+  static constexpr std::int64_t kFewBatched = 24;
   static constexpr std::int64_t kMovedAtOnce = 16;
 
   struct Candidate {
@@ -161,10 +172,23 @@ class TopK {
   // Sorts the batch by its keys, byte by byte from the low end, which keeps equals in order. No
   // branch depends on a score. The best of a long scan are close: their high bytes are the same.
   void sort_batch() {
+    if (batch_size_ <= kFewBatched) {
+      sort_few();
+      return;
+    }
     std::uint32_t differing = 0;
     for (std::int64_t i = 1; i < batch_size_; ++i) differing |= batch_[i].key ^ batch_[0].key;
     for (int shift = 0; shift < 32; shift += 8) {
       if ((differing >> shift & 0xFF) != 0) sort_batch_by_byte(shift);
+    }
+  }
+
+  void sort_few() {
+    for (std::int64_t i = 1; i < batch_size_; ++i) {
+      const Candidate moved = batch_[i];
+      std::int64_t at = i;
+      for (; at > 0 && batch_[at - 1].key > moved.key; --at) batch_[at] = batch_[at - 1];
+      batch_[at] = moved;
     }
   }
 
