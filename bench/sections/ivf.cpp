@@ -6,6 +6,7 @@
 
 #include "harness/base_bytes.h"
 #include "limits/read.h"
+#include "limits/touch.h"
 #include "peers/faiss_ivf.h"
 #include "sections/sections.h"
 
@@ -25,6 +26,7 @@ struct Arena {
         queries(random_floats(kQueries * dim, random)),
         faiss({vectors.data(), rows, dim}, nlist),
         lists(faiss.lists()),
+        id_to_row(ascending_ids(rows)),
         scattered_index(built_index(vectors.data(), ascending_ids(rows), dim)),
         sorted_index(built_index(sorted_vectors().data(), lists.rows, dim)) {
     attach(scattered_index.get());
@@ -61,6 +63,7 @@ struct Arena {
   Floats queries;
   FaissIvf faiss;
   Lists lists;
+  Ids id_to_row;          // of the vectors as they came
   Index scattered_index;  // over the vectors as they came
   Index sorted_index;     // over the sorted ones
 };
@@ -88,6 +91,19 @@ void read_all(const Arena& arena, const std::vector<Ids>& probed, const ReadLoop
   }
 }
 
+// Where the rows are scattered, they cannot be read faster than their lines can be touched.
+void touch_all(const Arena& arena, const std::vector<Ids>& probed, const TouchLoop& loop) {
+  const Table table{base_vectors(arena.scattered_index.get()), arena.id_to_row.data(), arena.dim};
+  for (const Ids& lists : probed) {
+    for (const std::int64_t list : lists) {
+      const auto at = static_cast<std::size_t>(list);
+      const std::int64_t first = arena.lists.offsets[at];
+      const std::int64_t length = arena.lists.offsets[at + 1] - first;
+      if (length > 0) consume(loop.touch(table, arena.lists.rows.data() + first, length));
+    }
+  }
+}
+
 // Sums are rounded in another order, so near ties may differ: nine of ten results must agree.
 void require_same_answer(Arena& arena, const QxIndex* index) {
   std::int64_t ids[kResults];
@@ -105,6 +121,7 @@ void require_same_answer(Arena& arena, const QxIndex* index) {
 
 void run_case(const Settings& settings, Results& results, Arena& arena, std::int64_t nprobe,
               const char* base, const Index& index) {
+  const bool scattered = &index == &arena.scattered_index;
   qx_index_set_ivf_nprobe(index.get(), kKey, static_cast<int32_t>(nprobe));
   arena.faiss.set_nprobe(nprobe);
   require_same_answer(arena, index.get());
@@ -120,7 +137,12 @@ void run_case(const Settings& settings, Results& results, Arena& arena, std::int
            consume(arena.faiss.search(arena.query(i), kResults));
          }
        }}};
+  for (const TouchLoop& loop : touch_loops()) {
+    if (!scattered) break;
+    contestants.push_back({loop.name, Role::kLimit, [&] { touch_all(arena, probed, loop); }});
+  }
   for (const ReadLoop& loop : read_loops()) {
+    if (scattered) break;
     contestants.push_back({loop.name, Role::kLimit, [&] { read_all(arena, probed, loop); }});
   }
   const Labels labels = {
