@@ -43,14 +43,28 @@ void copy_out(T* target, const T* source, std::int64_t count) {
   if (count > 0) std::memcpy(target, source, static_cast<std::size_t>(count) * sizeof(T));
 }
 
-// The table from ids to their last rows.
+// The table from ids to their last rows, and behind it how many rows are not the last of their id,
+// and which.
 std::int64_t* build_id_to_row(const std::int64_t* ids, std::int64_t n, std::int64_t max_id) {
   const std::int64_t slots = max_id + 1;
   if (slots == 0) return nullptr;
-  void* const block = qx::allocate(slots, sizeof(std::int64_t));
+  void* block = qx::allocate(slots + 1, sizeof(std::int64_t));
   std::memset(block, 0xFF, static_cast<std::size_t>(slots) * sizeof(std::int64_t));  // all -1
-  auto* const id_to_row = static_cast<std::int64_t*>(block);
-  for (std::int64_t r = 0; r < n; ++r) id_to_row[ids[r]] = r;
+  auto* id_to_row = static_cast<std::int64_t*>(block);
+  std::int64_t superseded = 0;
+  for (std::int64_t r = 0; r < n; ++r) {
+    superseded += id_to_row[ids[r]] >= 0 ? 1 : 0;
+    id_to_row[ids[r]] = r;
+  }
+  if (superseded > 0) {
+    block = qx::reallocate(block, slots + 1 + superseded, sizeof(std::int64_t));
+    id_to_row = static_cast<std::int64_t*>(block);
+    std::int64_t* next = id_to_row + slots + 1;
+    for (std::int64_t r = 0; r < n; ++r) {
+      if (id_to_row[ids[r]] != r) *next++ = r;
+    }
+  }
+  id_to_row[slots] = superseded;
   return id_to_row;
 }
 

@@ -35,6 +35,8 @@ struct QxIvf {
 // Invariants
 //   While sealed is 0, fields n_base to max_base_id have their initial values.
 //   id_to_row has max_base_id + 1 slots; slot i is -1 or the last row r with base_ids[r] == i.
+//   Behind the slots follow the number of rows that are not the last of their id, and these rows,
+//   ascending. Without base rows it is null.
 //   delta_pos maps id to p exactly when delta_ids[p] == id; delta_stamps is as long as delta_ids.
 //   delta_vectors holds, for each delta row, as many floats as dim was when the row was first
 //   inserted; row p is read at p * dim for today's dim.

@@ -24,6 +24,37 @@ inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
   if (id >= 0 && id <= index.max_base_id) __builtin_prefetch(index.id_to_row + id);
 }
 
+// Calls visit(row) with the base row, or -1, of every key of a map that can be the id of one and
+// that wanted(entry) says yes to. No branch depends on either, which are beyond prediction.
+template <typename Wanted, typename Visit>
+void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wanted, Visit&& visit) {
+  constexpr std::int64_t kListed = 64;  // so many loads are under way at once
+  const auto limit = static_cast<std::uint64_t>(index.max_base_id);
+  if (index.id_to_row == nullptr) return;
+  for (const Int64Map::Entry* next = map.begin(); next != map.end();) {
+    std::int64_t ids[kListed];
+    std::int64_t listed = 0;
+    for (; next != map.end() && listed < kListed; ++next) {
+      ids[listed] = next->key;
+      listed += static_cast<std::int64_t>(wanted(*next)) &
+                static_cast<std::int64_t>(static_cast<std::uint64_t>(next->key) <= limit);
+    }
+    for (std::int64_t i = 0; i < listed; ++i) __builtin_prefetch(index.id_to_row + ids[i]);
+    for (std::int64_t i = 0; i < listed; ++i) visit(index.id_to_row[ids[i]]);
+  }
+}
+
+// The base rows whose ids have another row behind them, ascending.
+struct RowList {
+  const std::int64_t* begin;
+  const std::int64_t* end;
+};
+inline RowList superseded_rows(const QxIndex& index) {
+  if (index.id_to_row == nullptr) return {nullptr, nullptr};
+  const std::int64_t* const count = index.id_to_row + index.max_base_id + 1;
+  return {count + 1, count + 1 + *count};
+}
+
 inline const float* base_vector(const QxIndex& index, std::int64_t row) {
   return index.base_vectors + row * row_width(index);
 }

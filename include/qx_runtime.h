@@ -79,8 +79,8 @@
  *    overwritten; or the offsets of an IVF list point outside its ids.
  *
  * 10. Cost. Reads allocate nothing, except qx_index_search_ivf: one array of nlist floats, released
- *    before it returns. The current reads that walk (filtered, match, visible) look at the id of
- *    every row, and at the vectors of those that pass alone, and use up to 160 KiB of the calling
+ *    before it returns. The current reads that walk (filtered, match, visible) take time for
+ *    every row, look at the vectors of those that pass alone, and use up to 160 KiB of the calling
  *    thread's stack. Nothing stored is reclaimed before qx_index_free, except by qx_index_clear_ivf
  *    and by replacing an IVF structure: tombstones, delta rows, metadata and the arrays of earlier
  *    builds stay.

@@ -396,37 +396,10 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   score_last_rows(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
 }
 
-// Eight numbers at a time: their words are gathered, and the wanted bits shifted to the top, where
-// the signs are taken.
-QX_AVX2 std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                                std::int64_t count) {
-  const __m128i right = _mm_cvtsi32_si128(shift);
-  const __m256i evens = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
-  std::uint64_t bits = 0;
-  std::int64_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    const auto* const from = reinterpret_cast<const __m256i*>(numbers + i);
-    const __m256i low = _mm256_srl_epi64(_mm256_loadu_si256(from), right);
-    const __m256i high = _mm256_srl_epi64(_mm256_loadu_si256(from + 1), right);
-    const __m256i at = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(low, evens),
-                                          _mm256_permutevar8x32_epi32(high, evens), 0xF0);
-    const __m256i gathered =
-        _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), _mm256_srli_epi32(at, 5), 4);
-    const __m256i left = _mm256_andnot_si256(at, _mm256_set1_epi32(31));
-    const __m256 tops = _mm256_castsi256_ps(_mm256_sllv_epi32(gathered, left));
-    bits |= static_cast<std::uint64_t>(_mm256_movemask_ps(tops)) << i;
-  }
-  for (; i < count; ++i) {
-    const std::int64_t at = numbers[i] >> shift;
-    bits |= static_cast<std::uint64_t>((words[at / 32] >> (at % 32)) & 1) << i;
-  }
-  return bits;
-}
-
 }  // namespace
 
-extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguous, score_scattered,
-                                               test_bits};
+extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguous,
+                                               score_scattered};
 
 }  // namespace qx
 

@@ -199,15 +199,10 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   kAvx2Kernels.score_contiguous(rows + i * dim, count - i, dim, query, reach, scores + i);
 }
 
-std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                        std::int64_t count) {
-  return kAvx2Kernels.test_bits(words, shift, numbers, count);
-}
-
 }  // namespace
 
 extern constinit const Kernels kAvx512Kernels = {"avx512", supported, score_contiguous,
-                                                 score_scattered, test_bits};
+                                                 score_scattered};
 
 }  // namespace qx
 

@@ -9,9 +9,9 @@
 // NaN may differ, and no NaN enters a result. Speed comes from scoring many rows at once, one row
 // per SIMD lane; a row is never split.
 //
-// A kernel knows rows, a query and scores, or numbers and bits. It knows no ids, no deletes and no
-// index. It reads no element outside of what it is given (it may prefetch beyond, which reads
-// nothing), and writes exactly the given scores.
+// A kernel knows rows, a query and scores. It knows no ids, no deletes and no index. It reads no
+// element outside of what it is given (it may prefetch beyond, which reads nothing), and writes
+// exactly the given scores.
 #pragma once
 
 #include <cstdint>
@@ -36,11 +36,6 @@ struct Kernels {
   // Scores `count` rows that lie anywhere: row i starts at rows[i].
   void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
                           const float* query, float* scores);
-
-  // Tests one bit for each of up to 64 numbers: bit i of the result is bit numbers[i] >> shift of
-  // `words`. Every number is at least 0, and names a bit below 2^31 of them.
-  std::uint64_t (*test_bits)(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                             std::int64_t count);
 };
 // For every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read, and every
 // score is +0.0.

@@ -113,15 +113,10 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   }
 }
 
-std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                        std::int64_t count) {
-  return kPortableKernels.test_bits(words, shift, numbers, count);
-}
-
 }  // namespace
 
-extern constinit const Kernels kNeonKernels = {"neon", supported, score_contiguous, score_scattered,
-                                               test_bits};
+extern constinit const Kernels kNeonKernels = {"neon", supported, score_contiguous,
+                                               score_scattered};
 
 }  // namespace qx
 

@@ -42,19 +42,9 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   }
 }
 
-std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                        std::int64_t count) {
-  std::uint64_t bits = 0;
-  for (std::int64_t i = 0; i < count; ++i) {
-    const std::int64_t at = numbers[i] >> shift;
-    bits |= static_cast<std::uint64_t>((words[at / 32] >> (at % 32)) & 1) << i;
-  }
-  return bits;
-}
-
 }  // namespace
 
 extern constinit const Kernels kPortableKernels = {"portable", supported, score_contiguous,
-                                                   score_scattered, test_bits};
+                                                   score_scattered};
 
 }  // namespace qx

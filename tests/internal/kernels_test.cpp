@@ -121,31 +121,6 @@ TEST_P(EveryKernel, RoundsOnceInEachStep) {
   EXPECT_EQ(score, 0x1p-24f);
 }
 
-TEST_P(EveryKernel, TestsTheBitOfEveryNumber) {
-  Random random(13);
-  Guarded<std::uint32_t> words;
-  Guarded<std::int64_t> numbers;
-  for (const int shift : {0, 1, 7, 20}) {
-    for (const std::int64_t count : kCounts) {
-      if (count > 64) continue;
-      std::vector<std::uint32_t> bits(static_cast<std::size_t>(random.between(1, 40)));
-      for (std::uint32_t& word : bits) word = static_cast<std::uint32_t>(random.bits());
-      const std::int64_t numbers_end = (std::ssize(bits) * 32) << shift;
-      std::vector<std::int64_t> drawn;
-      std::uint64_t expected = 0;
-      for (std::int64_t i = 0; i < count; ++i) {
-        drawn.push_back(i == 0 ? numbers_end - 1 : random.between(0, numbers_end - 1));
-        const auto bit = static_cast<std::size_t>(drawn.back() >> shift);
-        if ((bits[bit / 32] >> (bit % 32) & 1) != 0) expected |= std::uint64_t{1} << i;
-      }
-      words.assign(bits, random.percent(50) ? Edge::kEnd : Edge::kStart);
-      numbers.assign(drawn, random.percent(50) ? Edge::kEnd : Edge::kStart);
-      EXPECT_EQ(GetParam()->test_bits(words.data(), shift, numbers.data(), count), expected)
-          << count << " numbers, shift " << shift;
-    }
-  }
-}
-
 std::vector<const qx::Kernels*> listed_kernels() {
   std::vector<const qx::Kernels*> listed;
   for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
