@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "kernels/kernels.h"
 #include "qx_index.h"
 #include "row_set.h"
 #include "rows.h"
@@ -48,13 +49,7 @@ inline std::int64_t copy_selected(const std::int64_t* ids, std::uint64_t mask, s
   } else if (selected * 4 < kBlock) {
     for_each_bit(mask, [&](std::int64_t i) { *out++ = ids[i]; });
   } else {
-    // An id that is not selected is overwritten by the next. The last one is selected, so no place
-    // behind it is touched.
-    const std::int64_t end = kBlock - std::countl_zero(mask);
-    for (std::int64_t i = 0; i < end; ++i) {
-      *out = ids[i];
-      out += (mask >> i) & 1;
-    }
+    kernels().copy_selected(ids, mask, selected, out);
   }
   return selected;
 }

@@ -7,8 +7,8 @@
 #if defined(__x86_64__)
 #include <immintrin.h>
 
-#define QX_AVX2 __attribute__((target("avx2,fma")))
-#define QX_AVX2_INLINE __attribute__((target("avx2,fma"), always_inline)) inline
+#define QX_AVX2 __attribute__((target("avx2,fma,popcnt")))
+#define QX_AVX2_INLINE __attribute__((target("avx2,fma,popcnt"), always_inline)) inline
 
 namespace qx {
 namespace {
@@ -364,7 +364,8 @@ QX_AVX2 void score_last_rows(const Rows& rows, std::int64_t count, std::int64_t 
 
 bool supported() {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+         __builtin_cpu_supports("popcnt");
 }
 
 QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
@@ -396,10 +397,35 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   score_last_rows(ContiguousRows{rows + i * dim, dim}, count - i, dim, query, scores + i);
 }
 
+// Where the halves of the selected ones among four numbers go, by their mask: each number is two
+// lanes of 32 bits.
+alignas(32) constexpr std::int32_t kGathering[16][8] = {
+    {0, 0, 0, 0, 0, 0, 0, 0}, {0, 1, 0, 0, 0, 0, 0, 0}, {2, 3, 0, 0, 0, 0, 0, 0},
+    {0, 1, 2, 3, 0, 0, 0, 0}, {4, 5, 0, 0, 0, 0, 0, 0}, {0, 1, 4, 5, 0, 0, 0, 0},
+    {2, 3, 4, 5, 0, 0, 0, 0}, {0, 1, 2, 3, 4, 5, 0, 0}, {6, 7, 0, 0, 0, 0, 0, 0},
+    {0, 1, 6, 7, 0, 0, 0, 0}, {2, 3, 6, 7, 0, 0, 0, 0}, {0, 1, 2, 3, 6, 7, 0, 0},
+    {4, 5, 6, 7, 0, 0, 0, 0}, {0, 1, 4, 5, 6, 7, 0, 0}, {2, 3, 4, 5, 6, 7, 0, 0},
+    {0, 1, 2, 3, 4, 5, 6, 7}};
+
+// Four numbers at a time, while four places are left: what is written too much is overwritten by
+// the next four.
+QX_AVX2 void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                           std::int64_t* out) {
+  const std::int64_t* const end = out + selected;
+  for (; end - out >= 4; numbers += 4, mask >>= 4) {
+    const auto* const gathering = reinterpret_cast<const __m256i*>(kGathering[mask & 15]);
+    const __m256i four = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(numbers));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
+                        _mm256_permutevar8x32_epi32(four, _mm256_load_si256(gathering)));
+    out += __builtin_popcountll(mask & 15);
+  }
+  kPortableKernels.copy_selected(numbers, mask, end - out, out);
+}
+
 }  // namespace
 
-extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguous,
-                                               score_scattered};
+extern constinit const Kernels kAvx2Kernels = {"avx2", supported, score_contiguous, score_scattered,
+                                               copy_selected};
 
 }  // namespace qx
 

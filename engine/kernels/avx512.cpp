@@ -16,8 +16,9 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-#define QX_AVX512 __attribute__((target("avx512f,avx512dq,avx2,fma")))
-#define QX_AVX512_INLINE __attribute__((target("avx512f,avx512dq,avx2,fma"), always_inline)) inline
+#define QX_AVX512 __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt")))
+#define QX_AVX512_INLINE \
+  __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt"), always_inline)) inline
 
 namespace qx {
 namespace {
@@ -199,10 +200,24 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   kAvx2Kernels.score_contiguous(rows + i * dim, count - i, dim, query, reach, scores + i);
 }
 
+// Eight numbers at a time. They are gathered in a register and stored from there by a mask: the
+// instruction that does both at once is slow on some CPUs.
+QX_AVX512 void copy_selected(const std::int64_t* numbers, std::uint64_t mask,
+                             std::int64_t /*selected*/, std::int64_t* out) {
+  for (; mask != 0; numbers += 8, mask >>= 8) {
+    const auto chosen = static_cast<__mmask8>(mask);
+    const int count = __builtin_popcount(chosen);
+    const __m512i gathered =
+        _mm512_maskz_compress_epi64(chosen, _mm512_maskz_loadu_epi64(chosen, numbers));
+    _mm512_mask_storeu_epi64(out, static_cast<__mmask8>((1u << count) - 1), gathered);
+    out += count;
+  }
+}
+
 }  // namespace
 
 extern constinit const Kernels kAvx512Kernels = {"avx512", supported, score_contiguous,
-                                                 score_scattered};
+                                                 score_scattered, copy_selected};
 
 }  // namespace qx
 

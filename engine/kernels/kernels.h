@@ -9,9 +9,9 @@
 // NaN may differ, and no NaN enters a result. Speed comes from scoring many rows at once, one row
 // per SIMD lane; a row is never split.
 //
-// A kernel knows rows, a query and scores. It knows no ids, no deletes and no index. It reads no
-// element outside of what it is given (it may prefetch beyond, which reads nothing), and writes
-// exactly the given scores.
+// A kernel knows rows, a query and scores, or numbers and bits. It knows no ids, no deletes and no
+// index. It reads no element outside of what it is given (it may prefetch beyond, which reads
+// nothing), and writes exactly the given scores and numbers.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +36,11 @@ struct Kernels {
   // Scores `count` rows that lie anywhere: row i starts at rows[i].
   void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
                           const float* query, float* scores);
+
+  // Copies number i of up to 64 for each bit i of `mask`, in order, one behind the other. The mask
+  // has `selected` bits. Numbers behind the last selected one are not read.
+  void (*copy_selected)(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                        std::int64_t* out);
 };
 // For every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read, and every
 // score is +0.0.

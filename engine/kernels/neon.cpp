@@ -113,10 +113,15 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   }
 }
 
+void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                   std::int64_t* out) {
+  kPortableKernels.copy_selected(numbers, mask, selected, out);
+}
+
 }  // namespace
 
-extern constinit const Kernels kNeonKernels = {"neon", supported, score_contiguous,
-                                               score_scattered};
+extern constinit const Kernels kNeonKernels = {"neon", supported, score_contiguous, score_scattered,
+                                               copy_selected};
 
 }  // namespace qx
 

@@ -42,9 +42,20 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, c
   }
 }
 
+// Without a branch on the bits: a number that is not selected is overwritten by the next. The last
+// one is selected, so no place behind it is touched.
+void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                   std::int64_t* out) {
+  const std::int64_t* const end = out + selected;
+  for (; out != end; ++numbers, mask >>= 1) {
+    *out = *numbers;
+    out += mask & 1;
+  }
+}
+
 }  // namespace
 
 extern constinit const Kernels kPortableKernels = {"portable", supported, score_contiguous,
-                                                   score_scattered};
+                                                   score_scattered, copy_selected};
 
 }  // namespace qx

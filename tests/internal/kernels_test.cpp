@@ -121,6 +121,30 @@ TEST_P(EveryKernel, RoundsOnceInEachStep) {
   EXPECT_EQ(score, 0x1p-24f);
 }
 
+TEST_P(EveryKernel, CopiesTheSelectedNumbersAndTouchesNoOther) {
+  Random random(13);
+  Guarded<std::int64_t> numbers;
+  for (int round = 0; round < 3000; ++round) {
+    const std::int64_t count = random.between(0, 64);
+    const int percent = random.between32(0, 100);
+    std::vector<std::int64_t> drawn;
+    std::vector<std::int64_t> expected;
+    std::uint64_t mask = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+      drawn.push_back(static_cast<std::int64_t>(random.bits()));
+      // The last one is selected: what follows it is not there.
+      if (i + 1 < count && !random.percent(percent)) continue;
+      mask |= std::uint64_t{1} << i;
+      expected.push_back(drawn.back());
+    }
+    numbers.assign(drawn, random.percent(50) ? Edge::kEnd : Edge::kStart);
+    Guarded<std::int64_t> out(expected.size(), -7);
+    GetParam()->copy_selected(numbers.data(), mask, std::ssize(expected), out.data());
+    ASSERT_EQ(out.values(), expected) << "mask " << mask;
+    ASSERT_TRUE(out.margins_intact()) << "mask " << mask;
+  }
+}
+
 std::vector<const qx::Kernels*> listed_kernels() {
   std::vector<const qx::Kernels*> listed;
   for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
