@@ -28,7 +28,10 @@ inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
 // that wanted(entry) says yes to. No branch depends on either, which are beyond prediction.
 template <typename Wanted, typename Visit>
 void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wanted, Visit&& visit) {
-  constexpr std::int64_t kListed = 64;  // so many loads are under way at once
+  // So many loads are started together, into the second-level cache, which takes more of them at a
+  // time than the first.
+  constexpr std::int64_t kListed = 512;
+  constexpr int kSecondLevel = 2;
   const auto limit = static_cast<std::uint64_t>(index.max_base_id);
   if (index.id_to_row == nullptr) return;
   for (const Int64Map::Entry* next = map.begin(); next != map.end();) {
@@ -39,7 +42,9 @@ void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wante
       listed += static_cast<std::int64_t>(wanted(*next)) &
                 static_cast<std::int64_t>(static_cast<std::uint64_t>(next->key) <= limit);
     }
-    for (std::int64_t i = 0; i < listed; ++i) __builtin_prefetch(index.id_to_row + ids[i]);
+    for (std::int64_t i = 0; i < listed; ++i) {
+      __builtin_prefetch(index.id_to_row + ids[i], 0, kSecondLevel);
+    }
     for (std::int64_t i = 0; i < listed; ++i) visit(index.id_to_row[ids[i]]);
   }
 }

@@ -152,15 +152,27 @@ class BasicInt64Map {
     return static_cast<std::int64_t>(slot & ((Slot{1} << bits_) - 1)) - 1;
   }
 
-  // The first slot from `at` on that is empty or carries the tag.
+  // Whether a slot is neither empty nor carries the tag.
+  template <typename Slot>
+  bool is_foreign(Slot slot, Slot wanted) const {
+    return (slot != 0) & ((slot ^ wanted) >> bits_ != 0);
+  }
+
+  // The first slot from `at` on that is not foreign.
   template <typename Slot>
   std::uint64_t next_candidate(std::uint64_t at, Slot wanted) const {
     const std::uint64_t last = (std::uint64_t{1} << bits_) - 1;
     at &= last;
-    while (table<Slot>()[at] != 0 && (table<Slot>()[at] ^ wanted) >> bits_ != 0) {
-      at = (at + 1) & last;
-    }
+    while (is_foreign(table<Slot>()[at], wanted)) at = (at + 1) & last;
     return at;
+  }
+
+  // The same from the home slot on, for keys whose searches differ in length: as most of them end
+  // in the first two slots, no branch depends on the first.
+  template <typename Slot>
+  std::uint64_t first_candidate(std::uint64_t home, Slot wanted) const {
+    const std::uint64_t foreign = is_foreign(table<Slot>()[home], wanted) ? 1 : 0;
+    return next_candidate<Slot>(home + foreign, wanted);
   }
 
   // The slot that holds the key, or the empty one where it belongs.
@@ -230,7 +242,7 @@ class BasicInt64Map {
     }
     for (std::int64_t i = 0; i < count; ++i) {
       const Slot wanted = tag<Slot>(hashes[i]);
-      positions[i] = position(table<Slot>()[next_candidate(hashes[i] >> (64 - bits_), wanted)]);
+      positions[i] = position(table<Slot>()[first_candidate(hashes[i] >> (64 - bits_), wanted)]);
       __builtin_prefetch(entries_.data + std::max<std::int64_t>(positions[i], 0));
     }
     // Hits and misses mix, so no branch depends on them.
@@ -240,7 +252,7 @@ class BasicInt64Map {
       const bool found = candidate && entry.key == keys[i];
       values[i] = found ? entry.value : otherwise;
       guess = found ? positions[i] + 1 : guess;
-      if (candidate && !found) values[i] = get(keys[i], otherwise);
+      if (candidate & !found) values[i] = get(keys[i], otherwise);
     }
   }
 
