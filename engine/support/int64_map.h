@@ -10,8 +10,8 @@
 //
 // Entries and table share one block, so that a growing map asks the system for each page once.
 // Memory of n entries: with c the smallest power of two that is not below n, nor below 4, 16 bytes
-// times c and 4 bytes times 2c (8 bytes each from 2^29 slots on). That is 24 bytes per entry where n
-// is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
+// times c and 4 bytes times 2c (8 bytes each from 2^29 slots on). That is 24 bytes per entry where
+// n is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
 #pragma once
 
 #include <algorithm>
