@@ -16,7 +16,7 @@ constexpr std::int64_t kEnough = 10;
 class LargeBase {
  public:
   // Ids are drawn, so that some stand in several rows, near each other and far apart.
-  LargeBase(std::int64_t id_end, std::int64_t changes) : index_(1), random_(id_end), end_(id_end) {
+  LargeBase(std::int64_t id_end, std::int64_t changes) : index_(1), random_(5), end_(id_end) {
     for (std::int64_t row = 0; row < kRows; ++row) base_.push_back(random_.between(0, end_ - 1));
     seal(index_, 1, base_, Floats(base_.size(), 1.0f));
     const Ids inserted = draw(changes);
