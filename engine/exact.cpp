@@ -12,7 +12,7 @@ namespace {
 void scan_base(const QxIndex& index, std::int64_t first, std::int64_t count, const float* query,
                std::int64_t k, int64_t* out_ids, float* out_scores) {
   qx::TopK topk(out_ids, out_scores, k);
-  qx::Scan scan({query, qx::row_width(index), count, qx::base_facts(index).magnitude}, topk);
+  qx::Scan scan({query, qx::row_width(index), count, qx::base_magnitude(index)}, topk);
   scan.add_contiguous(qx::base_vector(index, first), index.base_ids + first, count, count);
   scan.finish();
 }
@@ -63,7 +63,7 @@ int32_t qx_index_scatter_topk(const QxIndex* index, const int64_t* cand_ids, int
   const std::int32_t results = std::min(k, n_cand);
   if (index->sealed == 0 || results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
-  qx::Scan scan({query, qx::row_width(*index), n_cand, qx::base_facts(*index).magnitude}, topk);
+  qx::Scan scan({query, qx::row_width(*index), n_cand, qx::base_magnitude(*index)}, topk);
   for (std::int32_t i = 0; i < n_cand; ++i) {
     const std::int64_t row = qx::base_row_of(*index, cand_ids[i]);
     if (row >= 0) scan.add(qx::base_vector(*index, row), cand_ids[i], true);

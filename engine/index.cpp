@@ -54,13 +54,13 @@ float largest_magnitude(const float* floats, std::int64_t count) {
   return *std::max_element(largest, largest + kLanes);
 }
 
-// A block with a copy of `count` floats and room for BaseFacts behind them; null for none.
+// A block with a copy of `count` floats and, behind them, their largest magnitude; null for none.
 float* copy_vectors(const float* source, std::int64_t count) {
   if (count == 0) return nullptr;
-  constexpr std::int64_t kFactsFloats = sizeof(BaseFacts) / sizeof(float);
-  void* const block = qx::allocate_at_line(count + kFactsFloats, sizeof(float));
-  const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(float);
-  return static_cast<float*>(std::memcpy(block, source, bytes));
+  auto* const block = static_cast<float*>(qx::allocate_at_line(count + 1, sizeof(float)));
+  std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(float));
+  block[count] = largest_magnitude(block, count);
+  return block;
 }
 
 template <typename T>
@@ -68,21 +68,28 @@ void copy_out(T* target, const T* source, std::int64_t count) {
   if (count > 0) std::memcpy(target, source, static_cast<std::size_t>(count) * sizeof(T));
 }
 
-// The table from ids to their last rows; says whether every id has but one.
-std::int64_t* build_id_to_row(const std::int64_t* ids, std::int64_t n, std::int64_t max_id,
-                              bool* distinct_ids) {
-  *distinct_ids = true;
+// The table from ids to their last rows, and behind it how many rows are not the last of their id,
+// and which.
+std::int64_t* build_id_to_row(const std::int64_t* ids, std::int64_t n, std::int64_t max_id) {
   const std::int64_t slots = max_id + 1;
   if (slots == 0) return nullptr;
-  void* const block = qx::allocate(slots, sizeof(std::int64_t));
+  void* block = qx::allocate(slots + 1, sizeof(std::int64_t));
   std::memset(block, 0xFF, static_cast<std::size_t>(slots) * sizeof(std::int64_t));  // all -1
-  auto* const id_to_row = static_cast<std::int64_t*>(block);
-  std::int64_t earlier = -1;  // stays so while no id has a row already
+  auto* id_to_row = static_cast<std::int64_t*>(block);
+  std::int64_t superseded = 0;
   for (std::int64_t r = 0; r < n; ++r) {
-    earlier &= id_to_row[ids[r]];
+    superseded += id_to_row[ids[r]] >= 0 ? 1 : 0;
     id_to_row[ids[r]] = r;
   }
-  *distinct_ids = earlier < 0;
+  if (superseded > 0) {
+    block = qx::reallocate(block, slots + 1 + superseded, sizeof(std::int64_t));
+    id_to_row = static_cast<std::int64_t*>(block);
+    std::int64_t* next = id_to_row + slots + 1;
+    for (std::int64_t r = 0; r < n; ++r) {
+      if (id_to_row[ids[r]] != r) *next++ = r;
+    }
+  }
+  id_to_row[slots] = superseded;
   return id_to_row;
 }
 
@@ -145,12 +152,7 @@ int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t 
   index->part_keys = copy_block(part_keys, n_parts);
   index->part_starts = copy_block(part_starts, n_parts);
   index->part_sizes = copy_block(part_sizes, n_parts);
-  bool distinct_ids = false;
-  index->id_to_row = build_id_to_row(ids, n, max_id, &distinct_ids);
-  if (const std::int64_t floats = n * dim; floats > 0) {
-    const BaseFacts facts{largest_magnitude(index->base_vectors, floats), distinct_ids ? 1U : 0U};
-    std::memcpy(index->base_vectors + floats, &facts, sizeof(facts));
-  }
+  index->id_to_row = build_id_to_row(ids, n, max_id);
   index->max_base_id = max_id;
   index->dim = static_cast<uint32_t>(dim);
   index->n_base = n;

@@ -60,7 +60,7 @@ void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists
 // up.
 bool are_rows_from(const QxIndex& index, std::int64_t first, const std::int64_t* ids,
                    std::int64_t count) {
-  return first >= 0 && count <= index.n_base - first && base_facts(index).distinct_ids != 0 &&
+  return first >= 0 && count <= index.n_base - first && superseded_rows(index).empty() &&
          std::equal(ids, ids + count, index.base_ids + first);
 }
 
@@ -152,7 +152,7 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
   if (ivf == nullptr || k < 1 || ivf->nlist < 1) return 0;
   const std::int64_t width = qx::row_width(*index);
   qx::TopK topk(out_ids, out_scores, k);
-  qx::Scan scan({query, width, ivf->list_ids.length, qx::base_facts(*index).magnitude}, topk);
+  qx::Scan scan({query, width, ivf->list_ids.length, qx::base_magnitude(*index)}, topk);
   qx::Array<float> coarse = qx::score_centroids(*ivf, width, query);
   qx::add_best_lists(*index, *ivf, coarse, scan);
   scan.finish();

@@ -1,4 +1,5 @@
 // Labels and columns per id, the predicate over them, and the reads that it restricts.
+#include <algorithm>
 #include <cstdint>
 
 #include "qx_index.h"
@@ -27,6 +28,30 @@ class Predicate {
     return have_value(index_.meta_columns.at(column_), ids, count);
   }
 
+  // Few rows that pass are found faster from the metadata, one entry after the other, than from the
+  // rows. A sample tells whether they are few; of a predicate that missing metadata passes, those
+  // that do not pass.
+  bool pays_ahead(const QxIndex& index) const {
+    constexpr std::int64_t kSample = 256;
+    const Int64Map* const map = metadata();
+    if (map == nullptr || !RowSet::pays(map->size(), index.n_base)) return false;
+    const std::int64_t step = std::max<std::int64_t>(map->size() / kSample, 1);
+    std::int64_t sampled = 0;
+    std::int64_t marked = 0;
+    for (std::int64_t i = 0; i < map->size(); i += step) {
+      ++sampled;
+      marked += is_marked(map->begin()[i]) ? 1 : 0;
+    }
+    return marked * 4 <= sampled;
+  }
+
+  void mark(const QxIndex& index, RowSet& rows, std::int64_t first, std::int64_t count) const {
+    rows.reset(first, count, missing_passes());
+    for_each_base_row(
+        index, *metadata(), [&](const Int64Map::Entry& entry) { return is_marked(entry); },
+        [&](std::int64_t row) { missing_passes() ? rows.remove(row) : rows.add(row); });
+  }
+
  private:
   std::uint64_t have_value(const Int64Map& map, const std::int64_t* ids, std::int64_t count) {
     std::int64_t values[kBlock];
@@ -34,6 +59,21 @@ class Predicate {
     std::uint64_t mask = 0;
     for (std::int64_t i = 0; i < count; ++i) mask |= std::uint64_t{values[i] == value_} << i;
     return mask;
+  }
+
+  // The map that is asked, if there is one.
+  const Int64Map* metadata() const {
+    if (mode_ == 0) return nullptr;
+    if (mode_ == 1) return &index_.row_labels;
+    const bool exists =
+        column_ >= 0 && column_ < index_.meta_ncols && column_ < index_.meta_columns.length;
+    return exists ? &index_.meta_columns.at(column_) : nullptr;
+  }
+
+  // An id without metadata reads as kMissing. Where that passes, the entries tell which ids do not.
+  bool missing_passes() const { return value_ == kMissing; }
+  bool is_marked(const Int64Map::Entry& entry) const {
+    return (entry.value == value_) != missing_passes();
   }
 
   const QxIndex& index_;
@@ -46,10 +86,7 @@ class Predicate {
 // Walks over the blocks of all rows; their masks are of the rows that are visible and pass.
 template <typename Visit>
 void walk_passing(const QxIndex& index, Predicate predicate, Visit&& visit) {
-  walk_rows(index, [&](RowBlock block) {
-    if (block.visible != 0) block.visible &= predicate._match(block.ids, block.count);
-    visit(block);
-  });
+  walk_rows(index, predicate, visit);
 }
 
 }  // namespace
@@ -87,7 +124,7 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
   const std::int64_t rows = index->n_base + index->delta_ids.length;
-  qx::Scan scan({query, qx::row_width(*index), rows, qx::base_facts(*index).magnitude}, topk);
+  qx::Scan scan({query, qx::row_width(*index), rows, qx::base_magnitude(*index)}, topk);
   qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
     if (!block.in_delta && 2 * std::popcount(block.visible) > block.count) {
       scan.add_masked(qx::base_vector(*index, block.first), block.ids, block.count, block.visible,

@@ -32,15 +32,11 @@ struct QxIvf {
   qx::Array<std::int32_t> list_offsets;  // nlist + 1: where each list starts, and the end
 };
 
-// What the build learns of a base and leaves behind the last vector.
-struct BaseFacts {
-  float magnitude;             // no component is larger in magnitude; infinite if one is
-  std::uint32_t distinct_ids;  // 1 if no id has two rows
-};
-
 // Invariants
 //   While sealed is 0, fields n_base to max_base_id have their initial values.
 //   id_to_row has max_base_id + 1 slots; slot i is -1 or the last row r with base_ids[r] == i.
+//   Behind the slots follow the number of rows that are not the last of their id, and these rows,
+//   ascending. Without base rows it is null.
 //   delta_pos maps id to p exactly when delta_ids[p] == id; delta_stamps is as long as delta_ids.
 //   delta_vectors holds, for each delta row, as many floats as dim was when the row was first
 //   inserted; row p is read at p * dim for today's dim.
@@ -54,7 +50,7 @@ struct QxIndex {
   std::int64_t n_base = 0;
   std::uint32_t sealed = 0;
   std::int32_t n_parts = 0;
-  float* base_vectors = nullptr;      // n_base x dim, then BaseFacts, if there are any
+  float* base_vectors = nullptr;      // n_base x dim; behind them the base's magnitude
   std::int64_t* base_ids = nullptr;   // n_base
   std::int64_t* part_keys = nullptr;  // n_parts, ascending if the host kept its word
   std::int32_t* part_starts = nullptr;

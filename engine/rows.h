@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 #include "qx_index.h"
 
@@ -30,16 +29,52 @@ inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
   if (has_slot(index, id)) __builtin_prefetch(index.id_to_row + id);
 }
 
+// Calls visit(row) with the base row, or -1, of every key of a map that can be the id of one and
+// that wanted(entry) says yes to. No branch depends on either, which are beyond prediction.
+template <typename Wanted, typename Visit>
+void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wanted, Visit&& visit) {
+  // So many loads are started together, into the second-level cache, which takes more of them at a
+  // time than the first.
+  constexpr std::int64_t kListed = 512;
+  constexpr int kSecondLevel = 2;
+  const auto limit = static_cast<std::uint64_t>(index.max_base_id);
+  if (index.id_to_row == nullptr) return;
+  for (const Int64Map::Entry* next = map.begin(); next != map.end();) {
+    std::int64_t ids[kListed];
+    std::int64_t listed = 0;
+    for (; next != map.end() && listed < kListed; ++next) {
+      ids[listed] = next->key;
+      listed += static_cast<std::int64_t>(wanted(*next)) &
+                static_cast<std::int64_t>(static_cast<std::uint64_t>(next->key) <= limit);
+    }
+    for (std::int64_t i = 0; i < listed; ++i) {
+      __builtin_prefetch(index.id_to_row + ids[i], 0, kSecondLevel);
+    }
+    for (std::int64_t i = 0; i < listed; ++i) visit(index.id_to_row[ids[i]]);
+  }
+}
+
+// The base rows whose ids have another row behind them, ascending.
+struct RowList {
+  const std::int64_t* begin;
+  const std::int64_t* end;
+  bool empty() const { return begin == end; }
+};
+inline RowList superseded_rows(const QxIndex& index) {
+  if (index.id_to_row == nullptr) return {nullptr, nullptr};
+  const std::int64_t* const count = index.id_to_row + index.max_base_id + 1;
+  return {count + 1, count + 1 + *count};
+}
+
 inline const float* base_vector(const QxIndex& index, std::int64_t row) {
   return index.base_vectors + row * row_width(index);
 }
 
-// What the build learned of the base; nothing of vectors of no elements.
-inline BaseFacts base_facts(const QxIndex& index) {
+// No component of a base vector is larger in magnitude; infinite if one is. The build leaves it
+// behind the last vector; where vectors have no elements, it is 0.
+inline float base_magnitude(const QxIndex& index) {
   const std::int64_t floats = index.n_base * row_width(index);
-  BaseFacts facts{0, 0};
-  if (floats > 0) std::memcpy(&facts, index.base_vectors + floats, sizeof(facts));
-  return facts;
+  return floats == 0 ? 0 : index.base_vectors[floats];
 }
 
 // The vector of a delta row, wholly inside delta_vectors or the process ends: a build may have

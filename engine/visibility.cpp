@@ -12,7 +12,7 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
   const auto results = static_cast<std::int32_t>(k);
   if (results < 1) return 0;
   qx::TopK topk(out_ids, out_scores, results);
-  qx::Scan scan({query, qx::row_width(*index), n, qx::base_facts(*index).magnitude}, topk);
+  qx::Scan scan({query, qx::row_width(*index), n, qx::base_magnitude(*index)}, topk);
   qx::Changes lookups(*index);
   for (std::int64_t first = 0; first < n; first += qx::kBlock) {
     const std::int64_t count = std::min<std::int64_t>(qx::kBlock, n - first);
@@ -29,7 +29,7 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
 
 int64_t qx_index_visible_ids(const QxIndex* index, int64_t* out_ids) {
   std::int64_t count = 0;
-  qx::walk_rows(*index, [&](const qx::RowBlock& block) {
+  qx::walk_rows(*index, qx::EveryId(), [&](const qx::RowBlock& block) {
     count += qx::copy_selected(block.ids, block.visible, out_ids + count);
   });
   return count;
@@ -37,14 +37,15 @@ int64_t qx_index_visible_ids(const QxIndex* index, int64_t* out_ids) {
 
 int64_t qx_index_visible_count(const QxIndex* index) {
   std::int64_t count = 0;
-  qx::walk_rows(*index, [&](const qx::RowBlock& block) { count += std::popcount(block.visible); });
+  qx::walk_rows(*index, qx::EveryId(),
+                [&](const qx::RowBlock& block) { count += std::popcount(block.visible); });
   return count;
 }
 
 int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_t* out_ids) {
   const std::int64_t width = qx::row_width(*index);
   std::int64_t count = 0;
-  qx::walk_rows(*index, [&](const qx::RowBlock& block) {
+  qx::walk_rows(*index, qx::EveryId(), [&](const qx::RowBlock& block) {
     qx::for_each_bit(block.visible, [&](std::int64_t i) {
       if (width > 0) {
         std::memcpy(out_vectors + count * width,

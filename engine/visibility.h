@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <utility>
 
-#include "hidden_ids.h"
+#include "kernels/kernels.h"
 #include "qx_index.h"
+#include "row_set.h"
 #include "rows.h"
 #include "support/bits.h"
 
@@ -39,13 +41,7 @@ inline std::int64_t copy_selected(const std::int64_t* ids, std::uint64_t mask, s
   } else if (selected * 4 < kBlock) {
     for_each_bit(mask, [&](std::int64_t i) { *out++ = ids[i]; });
   } else {
-    // An id that is not selected is overwritten by the next. The last one is selected, so no place
-    // behind it is touched.
-    const std::int64_t end = kBlock - std::countl_zero(mask);
-    for (std::int64_t i = 0; i < end; ++i) {
-      *out = ids[i];
-      out += (mask >> i) & 1;
-    }
+    kernels().copy_selected(ids, mask, selected, out);
   }
   return selected;
 }
@@ -82,10 +78,14 @@ class Changes {
     return mask | deleted(ids, count);
   }
 
-  // The same, said the other way round: adds every id that hides its base rows to a set.
-  void add_hiding_ids(HiddenIds& set) const {
-    for (const auto& entry : index_.delta_pos) set.add(entry.key, true);
-    for (const auto& entry : index_.deleted_at) set.add(entry.key, entry.value != 0);
+  // The same, said the other way round: takes the base rows of all ids that hide them out of a set;
+  // where an id has several base rows, only the last.
+  void remove_hidden(RowSet& rows) const {
+    const auto remove = [&](std::int64_t row) { rows.remove(row); };
+    const auto has_row = [](const Int64Map::Entry& entry) { return entry.value >= 0; };
+    const auto counts = [](const Int64Map::Entry& entry) { return entry.value != 0; };
+    for_each_base_row(index_, index_.delta_pos, has_row, remove);
+    for_each_base_row(index_, index_.deleted_at, counts, remove);
   }
 
  private:
@@ -94,87 +94,115 @@ class Changes {
   std::int64_t delta_guess_ = 0;
 };
 
-// Cuts `count` rows into blocks; hidden_of(ids, size) says which rows of a block are not visible.
-template <typename HiddenOf, typename Visit>
-void walk_blocks(const std::int64_t* ids, std::int64_t count, bool in_delta, HiddenOf&& hidden_of,
-                 Visit&& visit) {
-  for (std::int64_t first = 0; first < count; first += kBlock) {
-    const std::int64_t size = std::min(kBlock, count - first);
-    const std::uint64_t visible = first_bits(size) & ~hidden_of(ids + first, size);
-    visit(RowBlock{in_delta, first, size, ids + first, visible});
+// A walk may have a test besides visibility, which looks at ids alone. It says
+//   _match(ids, count)      which of up to kBlock ids pass;
+//   pays_ahead(index)       whether to mark the base rows that pass before the walk comes to them;
+//   mark(index, rows, first, count)  makes the set that of the passing ones among these base rows;
+//                           where an id has several base rows, the last must be right.
+// This one passes every id.
+struct EveryId {
+  std::uint64_t _match(const std::int64_t*, std::int64_t count) { return first_bits(count); }
+  bool pays_ahead(const QxIndex&) const { return false; }
+  void mark(const QxIndex&, RowSet& rows, std::int64_t first, std::int64_t count) const {
+    rows.reset(first, count, true);
+  }
+};
+
+// How a walk finds out about base rows: by marking rows in a set ahead, or by asking for each
+// block.
+struct Plan {
+  bool mark_hidden;
+  bool ask_hidden;
+  bool mark_passing;
+  bool ask_passing;
+};
+
+// Asks for a block what no set knows.
+template <typename Test>
+void ask_about(const Plan& plan, Changes& lookups, Test& test, RowBlock& block) {
+  if (plan.ask_hidden) block.visible &= ~lookups.hide_base_rows(block.ids, block.count);
+  if (plan.ask_passing && block.visible != 0) block.visible &= test._match(block.ids, block.count);
+}
+
+// Calls visit(block) for the blocks of rows `first` to `end` - 1, after judge(block) has taken the
+// rows that are not visible.
+template <typename Judge, typename Visit>
+void walk_blocks(const std::int64_t* ids, std::int64_t first, std::int64_t end, bool in_delta,
+                 Judge&& judge, Visit&& visit) {
+  for (; first < end; first += kBlock) {
+    const std::int64_t size = std::min(kBlock, end - first);
+    RowBlock block{in_delta, first, size, ids + first, first_bits(size)};
+    judge(block);
+    visit(std::as_const(block));
   }
 }
 
-// Leaves of the possibly hidden rows of a span those that are. Gathering them over many blocks
-// fills the batches of lookups.
-inline void confirm_hidden(const HiddenIds& set, Changes& lookups, const std::int64_t* ids,
-                           std::int64_t blocks, std::uint64_t* hidden) {
-  std::int64_t listed[kBlock];
-  std::int64_t places[kBlock];
-  std::int64_t count = 0;
-  const auto confirm = [&] {
-    for_each_bit(lookups.hide_base_rows(listed, count), [&](std::int64_t i) {
-      hidden[places[i] / kBlock] |= std::uint64_t{1} << (places[i] % kBlock);
-    });
-    count = 0;
+// Marking goes from ids to rows and finds the last row of an id. This puts right the others among
+// rows `first` to `first + count - 1`.
+template <typename Test>
+void mark_superseded(const QxIndex& index, const Plan& plan, Changes& lookups, Test& test,
+                     RowSet& rows, std::int64_t first, std::int64_t count) {
+  const RowList all = superseded_rows(index);
+  const std::int64_t* next = std::lower_bound(all.begin, all.end, first);
+  const std::int64_t* const end = std::lower_bound(next, all.end, first + count);
+  while (next != end) {
+    const std::int64_t size = std::min<std::int64_t>(kBlock, end - next);
+    std::int64_t ids[kBlock];
+    for (std::int64_t i = 0; i < size; ++i) ids[i] = index.base_ids[next[i]];
+    std::uint64_t marked = first_bits(size);
+    if (plan.mark_hidden) marked &= ~lookups.hide_base_rows(ids, size);
+    if (plan.mark_passing) marked &= test._match(ids, size);
+    for (std::int64_t i = 0; i < size; ++i) {
+      rows.remove(next[i]);
+      if (((marked >> i) & 1) != 0) rows.add(next[i]);
+    }
+    next += size;
+  }
+}
+
+// The base part of a walk by way of a set. Not inlined: no walk that can do without the set has to
+// carry its stack.
+template <typename Test, typename Visit>
+[[gnu::noinline]] void walk_base_by_set(const QxIndex& index, const Plan& plan, Changes& lookups,
+                                        Test& test, Visit&& visit) {
+  RowSet rows;
+  const auto judge = [&](RowBlock& block) {
+    block.visible &= rows.block(block.first);
+    if (block.visible != 0) ask_about(plan, lookups, test, block);
   };
-  for (std::int64_t block = 0; block < blocks; ++block) {
-    const std::uint64_t maybe = hidden[block];
-    hidden[block] = 0;
-    for_each_bit(maybe, [&](std::int64_t i) {
-      places[count] = block * kBlock + i;
-      listed[count] = ids[places[count]];
-      count += set.ask_again(listed[count]) ? 1 : 0;
-      if (count == kBlock) confirm();
-    });
-  }
-  if (count != 0) confirm();
-}
-
-// The base part of a walk by way of a set of the hidden ids. Not inlined: no walk that can do
-// without the set has to carry its stack.
-template <typename Visit>
-[[gnu::noinline]] void walk_base_by_set(const QxIndex& index, Visit&& visit) {
-  HiddenIds set(index.max_base_id);
-  Changes lookups(index);
-  lookups.add_hiding_ids(set);
-  constexpr std::int64_t kSpanBlocks = 16;
-  for (std::int64_t start = 0; start < index.n_base; start += kSpanBlocks * kBlock) {
-    const std::int64_t* const ids = index.base_ids + start;
-    const std::int64_t count = std::min(kSpanBlocks * kBlock, index.n_base - start);
-    std::uint64_t hidden[kSpanBlocks];
-    for (std::int64_t i = 0; i < count; i += kBlock) {
-      hidden[i / kBlock] = set.ask(ids + i, std::min(kBlock, count - i));
+  for (std::int64_t first = 0; first < index.n_base; first += RowSet::kMostRows) {
+    const std::int64_t count = std::min(RowSet::kMostRows, index.n_base - first);
+    if (plan.mark_passing) {
+      test.mark(index, rows, first, count);
+    } else {
+      rows.reset(first, count, true);
     }
-    if (!set.exact()) confirm_hidden(set, lookups, ids, (count + kBlock - 1) / kBlock, hidden);
-    for (std::int64_t i = 0; i < count; i += kBlock) {
-      const std::int64_t size = std::min(kBlock, count - i);
-      visit(RowBlock{false, start + i, size, ids + i, first_bits(size) & ~hidden[i / kBlock]});
-    }
+    if (plan.mark_hidden) lookups.remove_hidden(rows);
+    mark_superseded(index, plan, lookups, test, rows, first, count);
+    walk_blocks(index.base_ids, first, first + count, false, judge, visit);
   }
 }
 
 // Calls visit(RowBlock) for all rows, visible or not: delta rows in delta order, then base rows in
-// base order.
-template <typename Visit>
-void walk_rows(const QxIndex& index, Visit&& visit) {
+// base order. To a walk with a test, a row that fails it is not visible.
+template <typename Test, typename Visit>
+void walk_rows(const QxIndex& index, Test&& test, Visit&& visit) {
   Changes lookups(index);
-  const auto deleted = [&](const std::int64_t* ids, std::int64_t count) {
-    return lookups.deleted(ids, count);
+  const auto judge_delta = [&](RowBlock& block) {
+    block.visible &= ~lookups.deleted(block.ids, block.count);
+    if (block.visible != 0) block.visible &= test._match(block.ids, block.count);
   };
-  walk_blocks(index.delta_ids.data, index.delta_ids.length, true, deleted, visit);
+  walk_blocks(index.delta_ids.data, 0, index.delta_ids.length, true, judge_delta, visit);
 
   const std::int64_t changes = index.delta_pos.size() + index.deleted_at.size();
-  const auto none = [](const std::int64_t*, std::int64_t) { return std::uint64_t{0}; };
-  const auto hidden = [&](const std::int64_t* ids, std::int64_t count) {
-    return lookups.hide_base_rows(ids, count);
-  };
-  if (changes == 0) {
-    walk_blocks(index.base_ids, index.n_base, false, none, visit);
-  } else if (HiddenIds::pays(changes, index.n_base, index.max_base_id)) {
-    walk_base_by_set(index, visit);
+  const bool mark_hidden = changes > 0 && RowSet::pays(changes, index.n_base);
+  const bool mark_passing = test.pays_ahead(index);
+  const Plan plan = {mark_hidden, changes > 0 && !mark_hidden, mark_passing, !mark_passing};
+  if (mark_hidden || mark_passing) {
+    walk_base_by_set(index, plan, lookups, test, visit);
   } else {
-    walk_blocks(index.base_ids, index.n_base, false, hidden, visit);
+    const auto judge = [&](RowBlock& block) { ask_about(plan, lookups, test, block); };
+    walk_blocks(index.base_ids, 0, index.n_base, false, judge, visit);
   }
 }
 

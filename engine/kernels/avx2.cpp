@@ -7,9 +7,9 @@
 #if defined(__x86_64__)
 #include <immintrin.h>
 
-#define QX_AVX2 __attribute__((target("avx2,fma")))
-#define QX_AVX2_LAMBDA __attribute__((target("avx2,fma"), always_inline))
-#define QX_AVX2_INLINE __attribute__((target("avx2,fma"), always_inline)) inline
+#define QX_AVX2 __attribute__((target("avx2,fma,popcnt")))
+#define QX_AVX2_LAMBDA __attribute__((target("avx2,fma,popcnt"), always_inline))
+#define QX_AVX2_INLINE __attribute__((target("avx2,fma,popcnt"), always_inline)) inline
 
 namespace qx {
 namespace {
@@ -347,7 +347,8 @@ QX_AVX2 void score_last_rows(const Rows& rows, std::int64_t count, std::int64_t 
 
 bool supported() {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+         __builtin_cpu_supports("popcnt");
 }
 
 QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
@@ -402,43 +403,37 @@ QX_AVX2 std::uint64_t not_below(const float* numbers, std::int64_t count, float 
   return bits;
 }
 
-// Eight numbers at a time: their words are gathered, and the wanted bits shifted to the top, where
-// the signs are taken.
-QX_AVX2 std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                                std::int64_t count) {
-  const __m128i right = _mm_cvtsi32_si128(shift);
-  const __m256i evens = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
-  std::uint64_t bits = 0;
-  std::int64_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    const auto* const from = reinterpret_cast<const __m256i*>(numbers + i);
-    const __m256i low = _mm256_srl_epi64(_mm256_loadu_si256(from), right);
-    const __m256i high = _mm256_srl_epi64(_mm256_loadu_si256(from + 1), right);
-    const __m256i at = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(low, evens),
-                                          _mm256_permutevar8x32_epi32(high, evens), 0xF0);
-    const __m256i gathered =
-        _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), _mm256_srli_epi32(at, 5), 4);
-    const __m256i left = _mm256_andnot_si256(at, _mm256_set1_epi32(31));
-    const __m256 tops = _mm256_castsi256_ps(_mm256_sllv_epi32(gathered, left));
-    bits |= static_cast<std::uint64_t>(_mm256_movemask_ps(tops)) << i;
+// Where the halves of the selected ones among four numbers go, by their mask: each number is two
+// lanes of 32 bits.
+alignas(32) constexpr std::int32_t kGathering[16][8] = {
+    {0, 0, 0, 0, 0, 0, 0, 0}, {0, 1, 0, 0, 0, 0, 0, 0}, {2, 3, 0, 0, 0, 0, 0, 0},
+    {0, 1, 2, 3, 0, 0, 0, 0}, {4, 5, 0, 0, 0, 0, 0, 0}, {0, 1, 4, 5, 0, 0, 0, 0},
+    {2, 3, 4, 5, 0, 0, 0, 0}, {0, 1, 2, 3, 4, 5, 0, 0}, {6, 7, 0, 0, 0, 0, 0, 0},
+    {0, 1, 6, 7, 0, 0, 0, 0}, {2, 3, 6, 7, 0, 0, 0, 0}, {0, 1, 2, 3, 6, 7, 0, 0},
+    {4, 5, 6, 7, 0, 0, 0, 0}, {0, 1, 4, 5, 6, 7, 0, 0}, {2, 3, 4, 5, 6, 7, 0, 0},
+    {0, 1, 2, 3, 4, 5, 6, 7}};
+
+// Four numbers at a time, while four places are left: what is written too much is overwritten by
+// the next four.
+QX_AVX2 void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                           std::int64_t* out) {
+  const std::int64_t* const end = out + selected;
+  for (; end - out >= 4; numbers += 4, mask >>= 4) {
+    const auto* const gathering = reinterpret_cast<const __m256i*>(kGathering[mask & 15]);
+    const __m256i four = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(numbers));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
+                        _mm256_permutevar8x32_epi32(four, _mm256_load_si256(gathering)));
+    out += __builtin_popcountll(mask & 15);
   }
-  for (; i < count; ++i) {
-    const std::int64_t at = numbers[i] >> shift;
-    bits |= static_cast<std::uint64_t>((words[at / 32] >> (at % 32)) & 1) << i;
-  }
-  return bits;
+  kPortableKernels.copy_selected(numbers, mask, end - out, out);
 }
 
 }  // namespace
 
-extern constinit const Kernels kAvx2Kernels = {"avx2",
-                                               supported,
-                                               score_contiguous,
-                                               score_scattered,
-                                               estimate_contiguous,
-                                               estimate_scattered,
-                                               not_below,
-                                               test_bits};
+extern constinit const Kernels kAvx2Kernels = {
+    "avx2",          supported,           score_contiguous,
+    score_scattered, estimate_contiguous, estimate_scattered,
+    not_below,       copy_selected};
 
 }  // namespace qx
 

@@ -21,7 +21,7 @@
 //
 // A kernel knows rows, a query and scores, or numbers and bits. It knows no ids, no deletes and no
 // index. It reads no element outside of what it is given (it may prefetch beyond, which reads
-// nothing), and writes exactly the given scores.
+// nothing), and writes exactly the given scores and numbers.
 #pragma once
 
 #include <cstdint>
@@ -60,10 +60,10 @@ struct Kernels {
   // it. A NaN is not.
   std::uint64_t (*not_below)(const float* numbers, std::int64_t count, float limit);
 
-  // Tests one bit for each of up to 64 numbers: bit i of the result is bit numbers[i] >> shift of
-  // `words`. Every number is at least 0, and names a bit below 2^31 of them.
-  std::uint64_t (*test_bits)(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                             std::int64_t count);
+  // Copies number i of up to 64 for each bit i of `mask`, in order, one behind the other. The mask
+  // has `selected` bits. Numbers behind the last selected one are not read.
+  void (*copy_selected)(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                        std::int64_t* out);
 };
 // For every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read, and every
 // score is +0.0.

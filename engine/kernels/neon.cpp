@@ -152,21 +152,17 @@ std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
   return kPortableKernels.not_below(numbers, count, limit);
 }
 
-std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                        std::int64_t count) {
-  return kPortableKernels.test_bits(words, shift, numbers, count);
+void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                   std::int64_t* out) {
+  kPortableKernels.copy_selected(numbers, mask, selected, out);
 }
 
 }  // namespace
 
-extern constinit const Kernels kNeonKernels = {"neon",
-                                               supported,
-                                               score_contiguous,
-                                               score_scattered,
-                                               estimate_contiguous,
-                                               estimate_scattered,
-                                               not_below,
-                                               test_bits};
+extern constinit const Kernels kNeonKernels = {
+    "neon",          supported,           score_contiguous,
+    score_scattered, estimate_contiguous, estimate_scattered,
+    not_below,       copy_selected};
 
 }  // namespace qx
 

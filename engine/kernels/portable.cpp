@@ -133,20 +133,21 @@ std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
   return bits;
 }
 
-std::uint64_t test_bits(const std::uint32_t* words, int shift, const std::int64_t* numbers,
-                        std::int64_t count) {
-  std::uint64_t bits = 0;
-  for (std::int64_t i = 0; i < count; ++i) {
-    const std::int64_t at = numbers[i] >> shift;
-    bits |= static_cast<std::uint64_t>((words[at / 32] >> (at % 32)) & 1) << i;
+// Without a branch on the bits: a number that is not selected is overwritten by the next. The last
+// one is selected, so no place behind it is touched.
+void copy_selected(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
+                   std::int64_t* out) {
+  const std::int64_t* const end = out + selected;
+  for (; out != end; ++numbers, mask >>= 1) {
+    *out = *numbers;
+    out += mask & 1;
   }
-  return bits;
 }
 
 }  // namespace
 
 extern constinit const Kernels kPortableKernels = {
     "portable",          supported,          score_contiguous, score_scattered,
-    estimate_contiguous, estimate_scattered, not_below,        test_bits};
+    estimate_contiguous, estimate_scattered, not_below,        copy_selected};
 
 }  // namespace qx

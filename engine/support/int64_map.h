@@ -8,13 +8,15 @@
 // Whoever has many keys hands them over together: the memory of later keys is then on its way
 // while earlier ones are worked on, and keys in the order of their insertion need no probe at all.
 //
-// Memory of n entries: 16 bytes times the smallest power of two not below n, and 4 bytes times the
-// smallest not below 2n (at least 8; 8 bytes each from 2^29 slots on). That is 24 bytes per entry
-// where n is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
+// Entries and table share one block, so that a growing map asks the system for each page once.
+// Memory of n entries: with c the smallest power of two that is not below n, nor below 4, 16 bytes
+// times c and 4 bytes times 2c (8 bytes each from 2^29 slots on). That is 24 bytes per entry where
+// n is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "support/array.h"
 #include "support/memory.h"
@@ -22,7 +24,8 @@
 namespace qx {
 
 // Invariants: a map without entries owns no storage. Otherwise the table has 2^bits slots, at least
-// twice the number of entries, so a probe always ends at an empty slot. A slot has 32 bits while
+// twice the number of entries, so a probe always ends at an empty slot; it lies in the block of the
+// entries, behind room for half as many entries as there are slots. A slot has 32 bits while
 // bits is at most kNarrowBits, and 64 above. Slot value 0 is empty; any other has position + 1 of
 // an entry in its low `bits` bits and as many low bits of the key's hash as fit above. Every entry
 // stands in exactly one slot, and no two entries have the same key.
@@ -117,9 +120,8 @@ class BasicInt64Map {
   // How many keys ahead of its work a loop over keys calls prefetch().
   static constexpr std::int64_t kAhead = 16;
 
-  // Gives the storage back, the table before the entries; the map is empty afterwards.
+  // Gives the storage back; the map is empty afterwards.
   void release() {
-    qx::release(slots_);
     entries_.release();
     *this = BasicInt64Map();
   }
@@ -152,15 +154,27 @@ class BasicInt64Map {
     return static_cast<std::int64_t>(slot & ((Slot{1} << bits_) - 1)) - 1;
   }
 
-  // The first slot from `at` on that is empty or carries the tag.
+  // Whether a slot is neither empty nor carries the tag.
+  template <typename Slot>
+  bool is_foreign(Slot slot, Slot wanted) const {
+    return (slot != 0) & ((slot ^ wanted) >> bits_ != 0);
+  }
+
+  // The first slot from `at` on that is not foreign.
   template <typename Slot>
   std::uint64_t next_candidate(std::uint64_t at, Slot wanted) const {
     const std::uint64_t last = (std::uint64_t{1} << bits_) - 1;
     at &= last;
-    while (table<Slot>()[at] != 0 && (table<Slot>()[at] ^ wanted) >> bits_ != 0) {
-      at = (at + 1) & last;
-    }
+    while (is_foreign(table<Slot>()[at], wanted)) at = (at + 1) & last;
     return at;
+  }
+
+  // The same from the home slot on, for keys whose searches differ in length: as most of them end
+  // in the first two slots, no branch depends on the first.
+  template <typename Slot>
+  std::uint64_t first_candidate(std::uint64_t home, Slot wanted) const {
+    const std::uint64_t foreign = is_foreign(table<Slot>()[home], wanted) ? 1 : 0;
+    return next_candidate<Slot>(home + foreign, wanted);
   }
 
   // The slot that holds the key, or the empty one where it belongs.
@@ -230,7 +244,7 @@ class BasicInt64Map {
     }
     for (std::int64_t i = 0; i < count; ++i) {
       const Slot wanted = tag<Slot>(hashes[i]);
-      positions[i] = position(table<Slot>()[next_candidate(hashes[i] >> (64 - bits_), wanted)]);
+      positions[i] = position(table<Slot>()[first_candidate(hashes[i] >> (64 - bits_), wanted)]);
       __builtin_prefetch(entries_.data + std::max<std::int64_t>(positions[i], 0));
     }
     // Hits and misses mix, so no branch depends on them.
@@ -240,14 +254,21 @@ class BasicInt64Map {
       const bool found = candidate && entry.key == keys[i];
       values[i] = found ? entry.value : otherwise;
       guess = found ? positions[i] + 1 : guess;
-      if (candidate && !found) values[i] = get(keys[i], otherwise);
+      if (candidate & !found) values[i] = get(keys[i], otherwise);
     }
   }
 
+  // Doubles the table, and the room for entries before it. The entries stay where they are if the
+  // block can grow in place; the old table becomes room for entries.
   void grow() {
     bits_ = slots_ == nullptr ? kInitialBits : bits_ + 1;
-    qx::release(slots_);
-    slots_ = allocate_zeroed(std::int64_t{1} << bits_, slot_bytes());
+    const std::int64_t slots = std::int64_t{1} << bits_;
+    const std::size_t table_bytes = static_cast<std::size_t>(slots) * slot_bytes();
+    const auto table_entries = static_cast<std::int64_t>(table_bytes / sizeof(Entry));
+    entries_.capacity = slots / 2;
+    entries_.data = static_cast<Entry*>(
+        reallocate(entries_.data, entries_.capacity + table_entries, sizeof(Entry)));
+    slots_ = std::memset(entries_.data + entries_.capacity, 0, table_bytes);
     if (wide()) {
       fill_table<std::uint64_t>();
     } else {

@@ -37,14 +37,6 @@ void* allocate_at_line(std::int64_t count, std::size_t element_bytes) {
   return block;
 }
 
-void* allocate_zeroed(std::int64_t count, std::size_t element_bytes) {
-  const std::size_t bytes = block_bytes(count, element_bytes);
-  if (bytes == 0) return nullptr;
-  void* const block = std::calloc(bytes, 1);
-  if (block == nullptr) abort_allocation(kThisFile, SourcePlace::here());
-  return block;
-}
-
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes) {
   void* const moved = std::realloc(block, block_bytes(count, element_bytes));
   if (moved == nullptr) abort_allocation(kThisFile, SourcePlace::here());

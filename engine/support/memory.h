@@ -14,9 +14,6 @@ void* allocate(std::int64_t count, std::size_t element_bytes);
 // lies on no line more than it fills.
 void* allocate_at_line(std::int64_t count, std::size_t element_bytes);
 
-// The same as allocate(), every byte 0.
-void* allocate_zeroed(std::int64_t count, std::size_t element_bytes);
-
 // Moves a block (or null) to `count` elements, keeping what fits. `count` is above 0.
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes);
 

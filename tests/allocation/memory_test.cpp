@@ -31,7 +31,7 @@ std::int64_t P(std::int64_t x) {
 
 std::int64_t M(std::int64_t x) {
   if (x < 1) return 0;
-  if (x <= 2) return x == 1 ? 48 : 64;
+  if (x <= 4) return 96;
   return (x > (std::int64_t{1} << 27) ? 32 : 24) * P(x);
 }
 
@@ -40,9 +40,10 @@ std::int64_t at_least_0(std::int64_t x) { return std::max<std::int64_t>(x, 0); }
 constexpr std::int64_t kIndexBytes = 384;
 
 std::int64_t base_bytes(std::int64_t n, std::int64_t dim, std::int64_t largest_id,
-                        std::int64_t n_parts) {
-  const std::int64_t vectors = n * dim == 0 ? 0 : (4 * n * dim + 8 + 63) / 64 * 64;
-  return vectors + 8 * n + 8 * (largest_id + 1) + 16 * n_parts;
+                        std::int64_t n_parts, std::int64_t repeated = 0) {
+  const std::int64_t vectors = n * dim == 0 ? 0 : (4 * n * dim + 4 + 63) / 64 * 64;
+  const std::int64_t table = n == 0 ? 0 : 8 * (largest_id + 2 + repeated);
+  return vectors + 8 * n + table + 16 * n_parts;
 }
 
 std::int64_t delta_bytes(std::int64_t r, std::int64_t floats) {
@@ -139,6 +140,18 @@ TEST(Memory, OfABase) {
           kIndexBytes + base_bytes(n, dim, n == 0 ? -1 : first_id + n - 1, dim))
           << n << " rows of " << dim;
     }
+  }
+}
+
+TEST(Memory, OfABaseWithRepeatedIds) {
+  for (const std::int64_t n : {1, 2, 65, 1000}) {
+    Ids ids = ids_from(3, n);
+    ids.insert(ids.begin(), ids.begin(), ids.begin() + n / 2);
+    ids.insert(ids.end(), 4, ids.back());
+    const std::int64_t rows = n + n / 2 + 4;
+    EXPECT_EQ(bytes_after(1, [&](QxIndex* index) { build(index, ids, 2, 0); }),
+              kIndexBytes + base_bytes(rows, 2, n + 2, 0, n / 2 + 4))
+        << n << " ids";
   }
 }
 
@@ -336,7 +349,7 @@ TEST(Memory, AfterRandomCalls) {
 
 TEST(Memory, TheExampleOfTheHeader) {
   EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) + delta_bytes(10000, 10000 * 768),
-            3122210240);
+            3122210248);
 }
 
 }  // namespace

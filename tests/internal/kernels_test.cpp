@@ -121,28 +121,27 @@ TEST_P(EveryKernel, RoundsOnceInEachStep) {
   EXPECT_EQ(score, 0x1p-24f);
 }
 
-TEST_P(EveryKernel, TestsTheBitOfEveryNumber) {
+TEST_P(EveryKernel, CopiesTheSelectedNumbersAndTouchesNoOther) {
   Random random(13);
-  Guarded<std::uint32_t> words;
   Guarded<std::int64_t> numbers;
-  for (const int shift : {0, 1, 7, 20}) {
-    for (const std::int64_t count : kCounts) {
-      if (count > 64) continue;
-      std::vector<std::uint32_t> bits(static_cast<std::size_t>(random.between(1, 40)));
-      for (std::uint32_t& word : bits) word = static_cast<std::uint32_t>(random.bits());
-      const std::int64_t numbers_end = (std::ssize(bits) * 32) << shift;
-      std::vector<std::int64_t> drawn;
-      std::uint64_t expected = 0;
-      for (std::int64_t i = 0; i < count; ++i) {
-        drawn.push_back(i == 0 ? numbers_end - 1 : random.between(0, numbers_end - 1));
-        const auto bit = static_cast<std::size_t>(drawn.back() >> shift);
-        if ((bits[bit / 32] >> (bit % 32) & 1) != 0) expected |= std::uint64_t{1} << i;
-      }
-      words.assign(bits, random.percent(50) ? Edge::kEnd : Edge::kStart);
-      numbers.assign(drawn, random.percent(50) ? Edge::kEnd : Edge::kStart);
-      EXPECT_EQ(GetParam()->test_bits(words.data(), shift, numbers.data(), count), expected)
-          << count << " numbers, shift " << shift;
+  for (int round = 0; round < 3000; ++round) {
+    const std::int64_t count = random.between(0, 64);
+    const int percent = random.between32(0, 100);
+    std::vector<std::int64_t> drawn;
+    std::vector<std::int64_t> expected;
+    std::uint64_t mask = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+      drawn.push_back(static_cast<std::int64_t>(random.bits()));
+      // The last one is selected: what follows it is not there.
+      if (i + 1 < count && !random.percent(percent)) continue;
+      mask |= std::uint64_t{1} << i;
+      expected.push_back(drawn.back());
     }
+    numbers.assign(drawn, random.percent(50) ? Edge::kEnd : Edge::kStart);
+    Guarded<std::int64_t> out(expected.size(), -7);
+    GetParam()->copy_selected(numbers.data(), mask, std::ssize(expected), out.data());
+    ASSERT_EQ(out.values(), expected) << "mask " << mask;
+    ASSERT_TRUE(out.margins_intact()) << "mask " << mask;
   }
 }
 

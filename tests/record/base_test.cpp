@@ -31,6 +31,15 @@ TEST(BaseRecord, TheTableNamesTheLastRowOfEachId) {
   EXPECT_EQ(id_to_row(index), (Ids{-1, -1, -1, 1, -1, -1, -1, 2}));
 }
 
+TEST(BaseRecord, TheRowsThatAreNotTheLastOfTheirIdFollowTheTable) {
+  const Index index(1);
+  seal(index, 1, {2, 1, 2, 0, 2, 1}, {1, 2, 3, 4, 5, 6});
+  EXPECT_EQ(Ids(index->id_to_row, index->id_to_row + 7), (Ids{3, 5, 4, 3, 0, 1, 2}));
+  const Index distinct(1);
+  seal(distinct, 1, {2, 1}, {1, 2});
+  EXPECT_EQ(Ids(distinct->id_to_row, distinct->id_to_row + 4), (Ids{-1, 1, 0, 0}));
+}
+
 TEST(BaseRecord, TheTableEndsWithTheLargestIdWhereverItStands) {
   const Index first(1);
   seal(first, 1, {5, 0, 2}, {1, 2, 3});
