@@ -51,7 +51,7 @@ class Random {
 };
 
 // The kinds of component values that a history draws from.
-enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed };
+enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kGiants };
 
 inline float special_float(Random& random) {
   using Limits = std::numeric_limits<float>;
@@ -88,6 +88,9 @@ inline float draw_float(Random& random, Values kind) {
       return static_cast<float>(random.between(-(1 << 24), 1 << 24)) / (1 << 24);
     case Values::kSpecial:
       return special_float(random);
+    case Values::kGiants:  // sums that depend on the order of their additions
+      if (random.percent(30)) return random.percent(50) ? 0x1p+22f : -0x1p+22f;
+      return draw_float(random, Values::kSmooth);
     default:
       return std::bit_cast<float>(static_cast<std::uint32_t>(random.bits()));
   }
