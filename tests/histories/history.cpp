@@ -212,9 +212,10 @@ std::int32_t History::draw_candidate_count() {
   return long_ && random_.percent(50) ? random_.between32(300, 1200) : draw_count();
 }
 
-// Queries of small factors leave the giants their order.
+// Equal factors let giants cancel.
 Floats History::draw_query() {
-  return draw_floats(random_, values_ == Values::kGiants ? Values::kTies : values_, model_.width());
+  if (values_ != Values::kGiants) return draw_floats(random_, values_, model_.width());
+  return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);
 }
 
 std::int32_t History::draw_small_k(std::int64_t near) {
