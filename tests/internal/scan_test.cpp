@@ -61,20 +61,32 @@ class Fixed {
       ids.push_back(random.between(-5, 3 * count));
       scores.push_back(qx_test::contract_score(row(i), query.data(), width));
     }
-    // Rows that are not bounded: some of them up to a million times as large as the others.
-    for (std::int64_t i = 0; i < kOutside; ++i) {
-      const float scale = std::ldexp(1.0f, static_cast<int>(random.between(0, 20)));
-      const float* const model = row(random.between(0, count - 1));
-      for (std::int64_t j = 0; j < width; ++j) outside[at(i * width + j)] = model[j] * scale;
-      outside_scores.push_back(qx_test::contract_score(outside_row(i), query.data(), width));
-    }
+    for (std::int64_t i = 0; i < kOutside; ++i) draw_outside(random, i);
     sorted = scores;
     const auto no_number = [](float score) { return std::isnan(score); };
     sorted.erase(std::remove_if(sorted.begin(), sorted.end(), no_number), sorted.end());
     std::sort(sorted.begin(), sorted.end());
   }
 
-  static constexpr std::int64_t kOutside = 40;
+  // Row i of those that are not bounded: one of the others, up to a million times as large, or with
+  // two giants that cancel, beside which its score is lost, though not its rank.
+  void draw_outside(Random& random, std::int64_t i) {
+    const float* const model = row(random.between(0, count - 1));
+    float* const made = outside.data() + i * width;
+    const float scale = std::ldexp(1.0f, static_cast<int>(random.between(0, 20)));
+    const bool cancels = i % 2 == 0;
+    for (std::int64_t j = 0; j < width; ++j) made[j] = model[j] * (cancels ? 1 : scale);
+    const std::int64_t first = random.between(0, width - 2);
+    const std::int64_t second = random.between(first + 1, width - 1);
+    const float giant = magnitude * scale * 64;
+    if (cancels && query[at(first)] != 0 && query[at(second)] != 0) {
+      made[first] = giant / query[at(first)];
+      made[second] = -giant / query[at(second)];
+    }
+    outside_scores.push_back(qx_test::contract_score(made, query.data(), width));
+  }
+
+  static constexpr std::int64_t kOutside = 60;
   static std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
   const float* row(std::int64_t i) const { return vectors.data() + i * width; }
   const float* outside_row(std::int64_t i) const { return outside.data() + i * width; }
@@ -163,7 +175,7 @@ class Compared {
         break;
       case Way::kUnbounded:
         for (std::int64_t i = first; i < first + size; ++i) {
-          random_.percent(3) ? add_outside(random_.between(0, Fixed::kOutside - 1)) : add_one(i);
+          random_.percent(5) ? add_outside(random_.between(0, Fixed::kOutside - 1)) : add_one(i);
         }
         break;
       default:
