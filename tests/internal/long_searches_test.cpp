@@ -66,16 +66,22 @@ class Both {
     seal(index_, width(), ids_, rows_.vectors, parts);
   }
 
-  // New ids and known ones; vectors of the base, some of them a thousand times as large.
+  // New ids and known ones; vectors of the base, some of them with giants that cancel, which no
+  // vector of the base has.
   void insert_rows(std::int64_t count) {
+    const float giant = magnitude_of(rows_.vectors) * 0x1p+12f;
     Ids ids;
     Floats vectors;
     for (std::int64_t i = 0; i < count; ++i) {
       ids.push_back(random_.between(0, 2 * rows_.count));
-      const float scale = random_.percent(5) ? 1000.0f : 1.0f;
-      for (const float component : row(random_.between(0, last_row()))) {
-        vectors.push_back(component * scale);
+      Floats vector = row(random_.between(0, last_row()));
+      const auto first = static_cast<std::size_t>(random_.between(0, rows_.width - 3));
+      const float factors = rows_.query[first] * rows_.query[first + 2];
+      if (random_.percent(30) && factors != 0) {
+        vector[first] = giant * rows_.query[first + 2];
+        vector[first + 2] = -giant * rows_.query[first];
       }
+      vectors.insert(vectors.end(), vector.begin(), vector.end());
     }
     model_.insert(vectors, ids);
     insert(index_, ids, vectors);

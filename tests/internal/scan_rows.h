@@ -28,7 +28,7 @@ enum class Family {
   kNaNs,          // NaNs among finite components
   kSubnormals,    // nothing else
   kLow,           // scores around the one of an empty slot
-  kAllNegative,   // every component below 0, and every score
+  kAllNegative,   // every component below 0; every score is, or giants cancel
   kZeroQuery,     // every score is 0
   kNaNQuery,      // every score is a NaN
   kInfiniteQuery  // infinite scores, and NaNs
@@ -72,6 +72,20 @@ inline void draw_cancelling(Random& random, ScanRows& rows) {
     const float giant = 0x1p+20f * static_cast<float>(random.between(4, 8));
     row[at] = giant / rows.query[static_cast<std::size_t>(at)];
     row[opposite] = -giant / rows.query[static_cast<std::size_t>(opposite)];
+  }
+}
+
+// The same of negative components alone, by factors of alternating sign.
+inline void draw_negative_cancelling(Random& random, ScanRows& rows) {
+  for (std::int64_t j = 0; j < rows.width; ++j) {
+    rows.query[static_cast<std::size_t>(j)] = j % 2 == 0 ? 1.0f : -1.0f;
+  }
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    float* const row = rows.row(i);
+    for (std::int64_t j = 0; j < rows.width; ++j) row[j] = -std::abs(unit(random)) - 0x1p-30f;
+    const float giant = -0x1p+20f * static_cast<float>(random.between(4, 8));
+    row[2 * random.between(0, rows.width / 2 - 1)] = giant;
+    row[2 * random.between(0, rows.width / 2 - 1) + 1] = giant;
   }
 }
 
@@ -169,6 +183,10 @@ inline ScanRows draw_scan_rows(Random& random, Family family, std::int64_t width
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   ScanRows rows{width, count, std::vector<float>(static_cast<std::size_t>(width)),
                 std::vector<float>(static_cast<std::size_t>(width * count))};
+  if (family == Family::kAllNegative && random.percent(50)) {
+    draw_negative_cancelling(random, rows);
+    return rows;
+  }
   switch (family) {
     case Family::kCancelling:
       draw_cancelling(random, rows);
