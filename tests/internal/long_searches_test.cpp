@@ -69,7 +69,7 @@ class Both {
   // New ids and known ones; vectors of the base, some of them with giants that cancel, which no
   // vector of the base has.
   void insert_rows(std::int64_t count) {
-    const float giant = magnitude_of(rows_.vectors) * 0x1p+12f;
+    const float giant = magnitude_of(rows_.vectors) * 0x1p+22f;
     Ids ids;
     Floats vectors;
     for (std::int64_t i = 0; i < count; ++i) {
