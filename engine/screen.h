@@ -49,6 +49,7 @@ class Screen {
     } else {
       for (std::int64_t i = 0; i < count; ++i) best_.offer(estimates[i], 0);
     }
+    best_.finish();
   }
 
  private:

@@ -85,11 +85,9 @@ void History::tuner() {
 void History::build() {
   if (sparse_ && model_.sealed) return;
   const std::int32_t dim = model_.sealed && random_.percent(70) ? model_.dim : draw_build_dim();
-  const std::int64_t most = std::max<std::int64_t>(1, 12000 / std::max(dim, 20));
-  const std::int64_t n =
-      random_.percent(8)
-          ? 0
-          : random_.between(1, random_.percent(75) ? std::min<std::int64_t>(most, 40) : most);
+  const std::int64_t most = std::max<std::int64_t>(1, (long_ ? 40000 : 12000) / std::max(dim, 20));
+  const std::int64_t usual = long_ || random_.percent(25) ? most : std::min<std::int64_t>(most, 40);
+  const std::int64_t n = random_.percent(8) ? 0 : random_.between(long_ ? usual / 2 : 1, usual);
   const Floats vectors = draw_floats(random_, values_, n * dim);
   const Ids ids = draw_base_ids(n);
   const std::int32_t n_parts = random_.between32(0, 6);
@@ -200,7 +198,7 @@ void History::search_partition() {
 
 void History::scatter_topk() {
   const Floats query = draw_query();
-  const std::int32_t count = draw_count();
+  const std::int32_t count = draw_candidate_count();
   const Ids candidates = draw_ids(count);
   const std::int32_t k = draw_k(count < 0 ? 1 : count);
   begin("qx_index_scatter_topk", numbers({count, k}));
@@ -254,7 +252,7 @@ void History::set_ivf() {
   std::int32_t nprobe = random_.between32(-1, 8);
   if (random_.percent(20)) nprobe = random_.between32(40, 130);
   if (random_.percent(5)) nprobe = INT32_MAX;
-  const std::int64_t n_ids = random_.percent(10) ? 0 : random_.between(1, 120);
+  const std::int64_t n_ids = random_.percent(10) ? 0 : random_.between(1, long_ ? 1200 : 120);
   const Ids list_ids = draw_ids(n_ids);
   const std::vector<std::int32_t> offsets = draw_offsets(nlist, n_ids);
   // Two large negative numbers have a large positive product, too large to hand over here.
@@ -312,7 +310,7 @@ void History::search_ivf() {
 
 void History::search_mvcc() {
   const Floats query = draw_query();
-  const std::int32_t n = draw_count();
+  const std::int32_t n = draw_candidate_count();
   const Ids candidates = draw_ids(n);
   const auto k = static_cast<std::uint32_t>(draw_small_k(std::max(n, 0)));
   begin("qx_index_search_mvcc", numbers({n, k}));

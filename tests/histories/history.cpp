@@ -13,15 +13,24 @@ namespace {
 constexpr std::int64_t kUntouchedId = 0x5A5A5A5A5A5A5A5A;
 constexpr float kUntouchedFloat = 12345.678f;
 
+// Infinities and the like, of which a long base would have some for sure, leave nothing to
+// estimate.
+Values draw_values(Random& random, bool is_long) {
+  static const std::vector<Values> finite = {Values::kTies, Values::kSmooth, Values::kGiants};
+  return is_long && random.percent(90) ? random.any_of(finite)
+                                       : static_cast<Values>(random.between(0, 5));
+}
+
 }  // namespace
 
 History::History(std::uint64_t seed, CallCounts& calls, bool trace)
     : random_(seed),
       calls_(calls),
       trace_(trace),
-      values_(static_cast<Values>(random_.between(0, 4))),
+      long_(random_.percent(7)),
+      values_(draw_values(random_, long_)),
       sparse_(random_.percent(1)),
-      id_span_(random_.percent(70) ? random_.between(1, 60) : random_.between(61, 4096)),
+      id_span_(!long_ && random_.percent(70) ? random_.between(1, 60) : random_.between(61, 4096)),
       model_(draw_new_dim(), static_cast<std::uint32_t>(random_.bits())) {
   begin("qx_index_new", "dim " + std::to_string(model_.dim));
   index_ = qx_index_new(static_cast<std::uint32_t>(model_.dim), model_.user_tag);
@@ -59,7 +68,8 @@ std::string History::play() {
   }();
   const auto steps = random_.between(5, 60);
   for (step_ = 0; step_ < steps && !ended_; ++step_) {
-    (this->*random_.any_of(by_weight).call)();
+    const auto call = long_ && step_ == 0 ? &History::build : random_.any_of(by_weight).call;
+    (this->*call)();
     check_inputs();
     if (!disagreement_.empty()) break;
   }
@@ -161,6 +171,7 @@ std::uint32_t History::draw_new_dim() {
 
 std::int32_t History::draw_build_dim() {
   if (random_.percent(5)) return 0;
+  if (long_) return random_.between32(8, 40);
   if (random_.percent(10)) return random_.between32(64, 300);
   return random_.percent(75) ? random_.between32(1, 20) : random_.between32(21, 70);
 }
@@ -195,6 +206,16 @@ std::int32_t History::draw_count() {
   if (random_.percent(6)) return random_.percent(50) ? 0 : random_.between32(-3, -1);
   if (random_.percent(1)) return INT32_MIN;
   return random_.percent(85) ? random_.between32(1, 12) : random_.between32(13, 150);
+}
+
+std::int32_t History::draw_candidate_count() {
+  return long_ && random_.percent(50) ? random_.between32(300, 1200) : draw_count();
+}
+
+// Equal factors let giants cancel.
+Floats History::draw_query() {
+  if (values_ != Values::kGiants) return draw_floats(random_, values_, model_.width());
+  return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);
 }
 
 std::int32_t History::draw_small_k(std::int64_t near) {

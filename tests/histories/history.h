@@ -67,11 +67,12 @@ class History {
   std::int64_t draw_id();
   Ids draw_ids(std::int64_t count);
   std::int32_t draw_count();
+  std::int32_t draw_candidate_count();
   std::int32_t draw_k(std::int64_t near);
   std::int32_t draw_small_k(std::int64_t near);
   Predicate draw_predicate();
   std::vector<std::int32_t> draw_offsets(std::int32_t nlist, std::int64_t n_ids);
-  Floats draw_query() { return draw_floats(random_, values_, model_.width()); }
+  Floats draw_query();
   Edge draw_edge() { return random_.percent(75) ? Edge::kEnd : Edge::kStart; }
 
   // Comparing.
@@ -105,6 +106,7 @@ class History {
   Random random_;
   CallCounts& calls_;
   bool trace_;
+  bool long_;  // bases of thousands of rows, of which a search scores only few
   Values values_;
   bool sparse_;           // base ids up to 2^22, in a history of one build
   std::int64_t id_span_;  // most ids are below it

@@ -11,12 +11,16 @@
 #include <vector>
 
 #include "histories/random.h"
+#include "internal/every_kernel.h"
+#include "internal/sums.h"
 #include "support/guarded.h"
 
 namespace {
 
+using qx_test::contract_score;
 using qx_test::Edge;
 using qx_test::Guarded;
+using qx_test::listed_kernels;
 using qx_test::Random;
 using qx_test::Values;
 using Floats = std::vector<float>;
@@ -27,24 +31,14 @@ constexpr std::int64_t kMostDims = 300;
 const std::vector<std::int64_t> kCounts = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  11, 12, 13, 15,
                                            16, 17, 23, 24, 25, 31, 32, 33, 47, 48, 49, 63, 64, 65};
 
-float contract_score(const float* row, const float* query, std::int64_t dim) {
-  float sum = 0.0f;
-  for (std::int64_t j = 0; j < dim; ++j) sum = std::fma(row[j], query[j], sum);
-  return sum;
-}
-
 // The same bits, or two NaNs, whose payload is the only thing that a kernel may choose.
 bool same_score(float a, float b) {
   return std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b) ||
          (std::isnan(a) && std::isnan(b));
 }
 
-class EveryKernel : public testing::TestWithParam<const qx::Kernels*> {
+class EveryKernel : public qx_test::OfAKernel {
  protected:
-  void SetUp() override {
-    if (!GetParam()->supported()) GTEST_SKIP() << GetParam()->name << " does not run on this CPU";
-  }
-
   // Compares `count` scores of rows that start where `row` says.
   template <typename RowOf>
   static void expect_scores(const Guarded<float>& scores, std::int64_t dim,
@@ -145,16 +139,8 @@ TEST_P(EveryKernel, CopiesTheSelectedNumbersAndTouchesNoOther) {
   }
 }
 
-std::vector<const qx::Kernels*> listed_kernels() {
-  std::vector<const qx::Kernels*> listed;
-  for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
-    listed.push_back(*next);
-  }
-  return listed;
-}
-
 INSTANTIATE_TEST_SUITE_P(Kernels, EveryKernel, testing::ValuesIn(listed_kernels()),
-                         [](const auto& kernel) { return std::string(kernel.param->name); });
+                         qx_test::kernel_name);
 
 TEST(Dispatch, EndsItsListWithThePortableKernelWhichRunsEverywhere) {
   EXPECT_EQ(listed_kernels().back(), &qx::kPortableKernels);

@@ -1,6 +1,9 @@
 // What a build leaves in the record.
+#include <limits>
+
 #include "qx_index.h"
 #include "record/fields.h"
+#include "rows.h"
 #include "support/host.h"
 
 namespace qx_test {
@@ -64,6 +67,62 @@ TEST(BaseRecord, HoldsCopiesOfTheHostsArrays) {
   EXPECT_EQ(Ids(index->part_keys, index->part_keys + 3), (Ids{-5, 6, 7}));
   EXPECT_EQ(Ints(index->part_starts, index->part_starts + 3), (Ints{0, 1, -9}));
   EXPECT_EQ(Ints(index->part_sizes, index->part_sizes + 3), (Ints{1, 99, 0}));
+}
+
+// The number behind the last vector.
+float kept_magnitude(const Floats& vectors, std::int32_t dim) {
+  const Index index(1);
+  Ids ids;
+  for (std::size_t i = 0; i < vectors.size(); i += static_cast<std::size_t>(dim)) {
+    ids.push_back(std::ssize(ids));
+  }
+  seal(index, dim, ids, vectors);
+  return qx::base_magnitude(*index);
+}
+
+TEST(BaseRecord, KeepsTheLargestMagnitudeWhereverItStands) {
+  for (std::size_t count = 1; count <= 70; ++count) {
+    for (std::size_t at = 0; at < count; ++at) {
+      for (const float largest : {3.5f, -3.5f}) {
+        Floats vectors(count, at % 2 == 0 ? 2.0f : -2.0f);
+        vectors[at] = largest;
+        ASSERT_EQ(kept_magnitude(vectors, 1), 3.5f) << "position " << at << " of " << count;
+      }
+    }
+  }
+}
+
+TEST(BaseRecord, KeepsTheLargestMagnitudeOfALongBase) {
+  constexpr std::size_t kCount = 50000;
+  for (const std::size_t at : {0u, 16383u, 16384u, 16385u, 32767u, 32768u, 49151u, 49999u}) {
+    Floats vectors(kCount, -0.5f);
+    vectors[at] = -0.75f;
+    EXPECT_EQ(kept_magnitude(vectors, 10), 0.75f) << "position " << at;
+  }
+}
+
+TEST(BaseRecord, NoNaNHidesTheLargestMagnitude) {
+  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+  for (std::size_t at = 0; at < 40; ++at) {
+    for (std::size_t spoiled = 0; spoiled < 40; ++spoiled) {
+      if (spoiled == at) continue;
+      Floats vectors(40, 1.0f);
+      vectors[at] = -7;
+      vectors[spoiled] = at % 2 == 0 ? kNaN : -kNaN;
+      ASSERT_EQ(kept_magnitude(vectors, 4), 7.0f) << "position " << at << ", NaN " << spoiled;
+    }
+  }
+  EXPECT_EQ(kept_magnitude(Floats(40, kNaN), 4), 0.0f);
+}
+
+TEST(BaseRecord, KeepsAnInfinityAndTheSmallestMagnitudes) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  constexpr float kSmallest = std::numeric_limits<float>::denorm_min();
+  EXPECT_EQ(kept_magnitude({1, -kInfinity, 2}, 1), kInfinity);
+  EXPECT_EQ(kept_magnitude({kInfinity}, 1), kInfinity);
+  EXPECT_EQ(kept_magnitude({0, -kSmallest, 0}, 3), kSmallest);
+  EXPECT_EQ(kept_magnitude({-0.0f}, 1), 0.0f);
+  EXPECT_EQ(kept_magnitude({}, 5), 0.0f);
 }
 
 // The whole record, byte for byte.

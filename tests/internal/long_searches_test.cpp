@@ -1,0 +1,216 @@
+// Every search over bases of thousands of rows, of which the engine scores only few: all that the
+// model returns, by id and by bit, under every kernel.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "internal/every_kernel.h"
+#include "internal/scan_rows.h"
+#include "model.h"
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+// An index and the model of it.
+class Both {
+ public:
+  Both(Random& random, Family family, int changed_percent)
+      : random_(random),
+        rows_(draw_scan_rows(random, family, random.between(16, 100), random.between(2000, 3000))),
+        model_(1, 0),
+        index_(1) {
+    build();
+    insert_rows(rows_.count * changed_percent / 100);
+    erase(rows_.count * changed_percent / 100);
+    attach_labels();
+    attach_ivf();
+  }
+
+  void compare_all() {
+    for (const std::int32_t k : {1, 10, 48, 49, 300}) {
+      const Floats query = random_.percent(80) ? rows_.query : row(random_.between(0, last_row()));
+      full(query, k);
+      partition(query, k);
+      candidates(query, k);
+      filtered(query, k);
+      ivf(query, k);
+    }
+  }
+
+ private:
+  static constexpr std::int64_t kPartitions = 3;
+  static constexpr std::int64_t kLists = 12;
+
+  std::int64_t last_row() const { return rows_.count - 1; }
+  std::int32_t width() const { return static_cast<std::int32_t>(rows_.width); }
+  Floats row(std::int64_t i) { return Floats(rows_.row(i), rows_.row(i) + rows_.width); }
+
+  // Ids in a random order, a few of them repeated.
+  void build() {
+    for (std::int64_t i = 0; i < rows_.count; ++i) ids_.push_back(i);
+    random_.shuffle(ids_);
+    for (int i = 0; i < 20; ++i) {
+      ids_[static_cast<std::size_t>(random_.between(0, last_row()))] = random_.any_of(ids_);
+    }
+    Partitions parts;
+    for (std::int64_t p = 0; p < kPartitions; ++p) {
+      parts.keys.push_back(p);
+      parts.starts.push_back(static_cast<std::int32_t>(p * 100));
+      parts.sizes.push_back(static_cast<std::int32_t>(rows_.count - p * 250));
+    }
+    model_.build(rows_.vectors, rows_.count, width(), ids_, parts.keys, parts.starts, parts.sizes,
+                 kPartitions);
+    seal(index_, width(), ids_, rows_.vectors, parts);
+  }
+
+  // New ids and known ones; vectors of the base, some of them with giants that cancel, which no
+  // vector of the base has.
+  void insert_rows(std::int64_t count) {
+    const float giant = magnitude_of(rows_.vectors) * 0x1p+22f;
+    Ids ids;
+    Floats vectors;
+    for (std::int64_t i = 0; i < count; ++i) {
+      ids.push_back(random_.between(0, 2 * rows_.count));
+      Floats vector = row(random_.between(0, last_row()));
+      const auto first = static_cast<std::size_t>(random_.between(0, rows_.width - 3));
+      const float factors = rows_.query[first] * rows_.query[first + 2];
+      if (random_.percent(30) && factors != 0) {
+        vector[first] = giant * rows_.query[first + 2];
+        vector[first + 2] = -giant * rows_.query[first];
+      }
+      vectors.insert(vectors.end(), vector.begin(), vector.end());
+    }
+    model_.insert(vectors, ids);
+    insert(index_, ids, vectors);
+  }
+
+  void erase(std::int64_t count) {
+    Ids ids;
+    for (std::int64_t i = 0; i < count; ++i) ids.push_back(random_.between(0, rows_.count));
+    model_.erase(ids);
+    delete_ids(index_, ids);
+  }
+
+  // Label 0 for one id in ten, 1 for one in three, 2 for the rest.
+  void attach_labels() {
+    Ids labels;
+    for (std::size_t i = 0; i < ids_.size(); ++i) {
+      labels.push_back(random_.percent(10) ? 0 : random_.percent(33) ? 1 : 2);
+    }
+    model_.set_rowmeta(ids_, labels, {}, 0);
+    set_rowmeta(index_, ids_, labels, {}, 0);
+  }
+
+  void attach_ivf() {
+    const Ivf ivf{kLists, 9, draw_floats(random_, Values::kSmooth, kLists * rows_.width), ids_,
+                  [&] {
+                    Ints offsets;
+                    for (std::int64_t list = 0; list <= kLists; ++list) {
+                      offsets.push_back(static_cast<std::int32_t>(rows_.count * list / kLists));
+                    }
+                    return offsets;
+                  }()};
+    model_.ivfs[5] = {ivf.nlist, ivf.nprobe, ivf.centroids, ivf.list_ids, ivf.list_offsets};
+    set_ivf(index_, 5, ivf);
+  }
+
+  // Compares a search of the model, which fills k slots, with the engine's under every kernel.
+  template <typename Expect, typename Call>
+  void compare(const char* search, std::int64_t k, Expect expect, Call call) {
+    Ids ids(static_cast<std::size_t>(k));
+    Floats scores(ids.size());
+    Found expected{expect(ids, scores), {}};
+    ASSERT_EQ(expected.returned, k) << search;
+    for (std::size_t i = 0; i < ids.size(); ++i) expected.slots.push_back({ids[i], scores[i]});
+    for (const qx::Kernels* kernels : listed_kernels()) {
+      if (!qx::force_kernels(kernels->name)) continue;
+      EXPECT_EQ(call(), expected) << search << ", k " << k << ", kernel " << kernels->name;
+    }
+    qx::force_kernels(nullptr);
+  }
+
+  void full(const Floats& query, std::int32_t k) {
+    compare(
+        "search_full", k,
+        [&](Ids& ids, Floats& scores) { return model_.search_full(query, k, ids, scores); },
+        [&] { return search_full(index_, query, k); });
+  }
+
+  void partition(const Floats& query, std::int32_t k) {
+    const std::int64_t key = random_.between(0, kPartitions - 1);
+    compare(
+        "search_partition", k,
+        [&](Ids& ids, Floats& scores) {
+          return model_.search_partition(key, query, k, ids, scores);
+        },
+        [&] { return search_partition(index_, key, query, k); });
+  }
+
+  // A third of the rows by their ids, with some that do not exist and some twice.
+  void candidates(const Floats& query, std::int32_t k) {
+    Ids listed;
+    for (std::int64_t i = 0; i < rows_.count / 3; ++i) {
+      listed.push_back(random_.between(-1, rows_.count + 100));
+    }
+    const auto count = static_cast<std::int32_t>(listed.size());
+    compare(
+        "scatter_topk", k,
+        [&](Ids& ids, Floats& scores) {
+          return model_.scatter_topk(listed, count, query, k, ids, scores);
+        },
+        [&] { return scatter(index_, listed, query, k); });
+    const auto wanted = static_cast<std::uint32_t>(k);
+    compare(
+        "search_mvcc", k,
+        [&](Ids& ids, Floats& scores) {
+          return model_.search_mvcc(listed, query, wanted, ids, scores);
+        },
+        [&] { return search_mvcc(index_, listed, query, wanted); });
+  }
+
+  void filtered(const Floats& query, std::int32_t k) {
+    const auto wanted = static_cast<std::uint32_t>(k);
+    const std::int64_t label = random_.between(0, 2);
+    for (const std::uint32_t mode : {0u, 1u}) {
+      compare(
+          "search_filtered", k,
+          [&](Ids& ids, Floats& scores) {
+            return model_.search_filtered({mode, 0, label}, query, wanted, ids, scores);
+          },
+          [&] {
+            return search_filtered(index_, {mode, 0, label}, query, wanted);
+          });
+    }
+  }
+
+  void ivf(const Floats& query, std::int32_t k) {
+    compare(
+        "search_ivf", k,
+        [&](Ids& ids, Floats& scores) { return model_.search_ivf(5, query, k, ids, scores); },
+        [&] { return search_ivf(index_, 5, query, k); });
+  }
+
+  Random& random_;
+  ScanRows rows_;
+  Model model_;
+  Index index_;
+  Ids ids_;
+};
+
+class LongSearches : public testing::TestWithParam<int> {};
+
+TEST_P(LongSearches, ReturnWhatTheModelReturns) {
+  Random random(static_cast<std::uint64_t>(5000 + GetParam()));
+  for (const int changed_percent : {0, 3, 30}) {
+    SCOPED_TRACE("changed percent " + std::to_string(changed_percent));
+    Both(random, static_cast<Family>(GetParam()), changed_percent).compare_all();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, LongSearches, testing::Range(0, kFamilies));
+
+}  // namespace
+}  // namespace qx_test

@@ -1,0 +1,226 @@
+// Rows for scans, made so that a screen that is wrong anywhere leaves out the wrong row.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "histories/random.h"
+
+namespace qx_test {
+
+enum class Family {
+  kSmooth,
+  kIntegers,      // many exact ties
+  kTwoValued,     // components 0 and 1
+  kAllEqual,      // one row again and again
+  kDuplicates,    // few different rows, the best ones everywhere
+  kAscending,     // every row enters
+  kDescending,    // none after the first does
+  kClustered,     // scores a few units in the last place apart
+  kCancelling,    // giants that cancel, and a rest that rounding has spoiled
+  kOutlier,       // one giant among tiny rows
+  kMixed,         // magnitudes from 2^-140 to 2^60
+  kHuge,          // products overflow
+  kInfinities,    // infinite components
+  kNaNs,          // NaNs among finite components
+  kSubnormals,    // nothing else
+  kLow,           // scores around the one of an empty slot
+  kAllNegative,   // every component below 0; every score is, or giants cancel
+  kZeroQuery,     // every score is 0
+  kNaNQuery,      // every score is a NaN
+  kInfiniteQuery  // infinite scores, and NaNs
+};
+inline constexpr int kFamilies = static_cast<int>(Family::kInfiniteQuery) + 1;
+
+struct ScanRows {
+  std::int64_t width;
+  std::int64_t count;
+  std::vector<float> query;
+  std::vector<float> vectors;
+
+  float* row(std::int64_t i) { return vectors.data() + i * width; }
+};
+
+// The largest magnitude of floats, NaNs aside.
+inline float magnitude_of(const std::vector<float>& floats) {
+  float largest = 0;
+  for (const float value : floats) {
+    if (std::abs(value) > largest) largest = std::abs(value);
+  }
+  return largest;
+}
+
+inline float unit(Random& random) { return draw_float(random, Values::kSmooth); }
+
+inline float power(Random& random, int low, int high) {
+  return std::ldexp(1 + std::abs(unit(random)), static_cast<int>(random.between(low, high))) *
+         (random.percent(50) ? 1.0f : -1.0f);
+}
+
+// A query of ones and twos, and rows of giants that cancel: what is left of the small components
+// depends on the order in which they are added.
+inline void draw_cancelling(Random& random, ScanRows& rows) {
+  for (float& q : rows.query) q = random.percent(50) ? 1.0f : 2.0f;
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    float* const row = rows.row(i);
+    for (std::int64_t j = 0; j < rows.width; ++j) row[j] = unit(random);
+    const std::int64_t at = random.between(0, rows.width - 1);
+    const std::int64_t opposite = (at + random.between(1, rows.width - 1)) % rows.width;
+    const float giant = 0x1p+20f * static_cast<float>(random.between(4, 8));
+    row[at] = giant / rows.query[static_cast<std::size_t>(at)];
+    row[opposite] = -giant / rows.query[static_cast<std::size_t>(opposite)];
+  }
+}
+
+// The same of negative components alone, by factors of alternating sign.
+inline void draw_negative_cancelling(Random& random, ScanRows& rows) {
+  for (std::int64_t j = 0; j < rows.width; ++j) {
+    rows.query[static_cast<std::size_t>(j)] = j % 2 == 0 ? 1.0f : -1.0f;
+  }
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    float* const row = rows.row(i);
+    for (std::int64_t j = 0; j < rows.width; ++j) row[j] = -std::abs(unit(random)) - 0x1p-30f;
+    const float giant = -0x1p+20f * static_cast<float>(random.between(4, 8));
+    row[2 * random.between(0, rows.width / 2 - 1)] = giant;
+    row[2 * random.between(0, rows.width / 2 - 1) + 1] = giant;
+  }
+}
+
+// Rows that differ from one row in the last bits of some components.
+inline void draw_clustered(Random& random, ScanRows& rows) {
+  for (float& q : rows.query) q = unit(random);
+  for (std::int64_t j = 0; j < rows.width; ++j) rows.row(0)[j] = unit(random);
+  for (std::int64_t i = 1; i < rows.count; ++i) {
+    for (std::int64_t j = 0; j < rows.width; ++j) {
+      const float direction = random.percent(50) ? 2.0f : -2.0f;
+      const float same = rows.row(0)[j];
+      rows.row(i)[j] = random.percent(30) ? std::nextafter(same, direction) : same;
+    }
+  }
+}
+
+// Rows whose scores rise, or fall, from one to the next.
+inline void draw_steps(Random& random, ScanRows& rows, bool rising) {
+  for (float& q : rows.query) q = 1 + std::abs(unit(random));
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    const auto step = static_cast<float>(rising ? i : rows.count - i);
+    for (std::int64_t j = 0; j < rows.width; ++j) rows.row(i)[j] = step;
+  }
+}
+
+inline void draw_duplicates(Random& random, ScanRows& rows) {
+  constexpr std::int64_t kDifferent = 7;
+  for (float& q : rows.query) q = unit(random);
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    if (i < kDifferent) {
+      for (std::int64_t j = 0; j < rows.width; ++j) rows.row(i)[j] = unit(random);
+    } else {
+      std::copy_n(rows.row(random.between(0, kDifferent - 1)), rows.width, rows.row(i));
+    }
+  }
+}
+
+// Replaces some components, the last ones more often.
+inline void sprinkle(Random& random, ScanRows& rows, const std::vector<float>& values) {
+  for (std::int64_t i = 0; i < rows.count; ++i) {
+    if (!random.percent(10)) continue;
+    const std::int64_t from = random.percent(50) ? 0 : std::max<std::int64_t>(0, rows.width - 8);
+    rows.row(i)[random.between(from, rows.width - 1)] = random.any_of(values);
+  }
+}
+
+inline float draw_component(Random& random, Family family) {
+  switch (family) {
+    case Family::kIntegers:
+      return static_cast<float>(random.between(-2, 2));
+    case Family::kTwoValued:
+      return static_cast<float>(random.between(0, 1));
+    case Family::kOutlier:
+      return unit(random) * 1e-10f;
+    case Family::kMixed:
+      return power(random, -140, 60);
+    case Family::kHuge:
+      return power(random, 90, 120);
+    case Family::kSubnormals:
+      return power(random, -149, -130);
+    case Family::kLow:
+      return power(random, 88, 102);
+    case Family::kAllNegative:
+      return -std::abs(unit(random)) - 0x1p-30f;
+    default:
+      return unit(random);
+  }
+}
+
+inline float draw_factor(Random& random, Family family) {
+  switch (family) {
+    case Family::kIntegers:
+    case Family::kTwoValued:
+      return static_cast<float>(random.between(-2, 2));
+    case Family::kOutlier:
+    case Family::kMixed:
+      return power(random, -3, 3);
+    case Family::kHuge:
+      return power(random, 5, 10);
+    case Family::kSubnormals:
+      return random.percent(50) ? power(random, -149, -120) : unit(random);
+    case Family::kAllNegative:
+      return std::abs(unit(random)) + 0x1p-30f;
+    case Family::kZeroQuery:
+      return random.percent(50) ? 0.0f : -0.0f;
+    default:
+      return unit(random);
+  }
+}
+
+// `count` rows of `width` components, both above 1, and a query for them.
+inline ScanRows draw_scan_rows(Random& random, Family family, std::int64_t width,
+                               std::int64_t count) {
+  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  ScanRows rows{width, count, std::vector<float>(static_cast<std::size_t>(width)),
+                std::vector<float>(static_cast<std::size_t>(width * count))};
+  if (family == Family::kAllNegative && random.percent(50)) {
+    draw_negative_cancelling(random, rows);
+    return rows;
+  }
+  switch (family) {
+    case Family::kCancelling:
+      draw_cancelling(random, rows);
+      return rows;
+    case Family::kClustered:
+      draw_clustered(random, rows);
+      return rows;
+    case Family::kAscending:
+    case Family::kDescending:
+      draw_steps(random, rows, family == Family::kAscending);
+      return rows;
+    case Family::kDuplicates:
+      draw_duplicates(random, rows);
+      return rows;
+    default:
+      break;
+  }
+  for (float& factor : rows.query) factor = draw_factor(random, family);
+  for (float& component : rows.vectors) component = draw_component(random, family);
+  const auto any_place = static_cast<std::size_t>(random.between(0, width - 1));
+  if (family == Family::kAllEqual) {
+    for (std::int64_t i = 1; i < count; ++i) std::copy_n(rows.row(0), width, rows.row(i));
+  } else if (family == Family::kOutlier) {
+    for (std::int64_t j = 0; j < width; ++j) rows.row(count / 2)[j] = unit(random) * 1e18f;
+  } else if (family == Family::kInfinities) {
+    sprinkle(random, rows, {kInfinity, -kInfinity, kNaN});
+  } else if (family == Family::kNaNs) {
+    sprinkle(random, rows, {kNaN, -kNaN});
+  } else if (family == Family::kNaNQuery) {
+    rows.query[any_place] = kNaN;
+  } else if (family == Family::kInfiniteQuery) {
+    rows.query[any_place] = random.percent(50) ? kInfinity : -kInfinity;
+  }
+  return rows;
+}
+
+}  // namespace qx_test

@@ -1,0 +1,344 @@
+// Scans against the plain rule, which scores every row by the contract and sorts: the same ids and
+// the same bits, however rows arrive and whatever they hold, under every kernel.
+#include "scan.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "internal/every_kernel.h"
+#include "internal/scan_rows.h"
+#include "internal/sums.h"
+#include "support/bits.h"
+#include "support/guarded.h"
+
+namespace {
+
+using qx_test::Edge;
+using qx_test::Family;
+using qx_test::Guarded;
+using qx_test::Random;
+using qx_test::ScanRows;
+using Floats = std::vector<float>;
+using Ids = std::vector<std::int64_t>;
+
+// How rows are added.
+enum class Way {
+  kContiguous,   // in one piece
+  kPieces,       // in contiguous pieces
+  kOneByOne,     // in order
+  kAnywhere,     // in no order, some repeatedly
+  kMasked,       // in masked blocks, whole but for the last
+  kInterrupted,  // in masked blocks, some short and some left out
+  kWithoutBest,  // in masked blocks that leave out the best rows
+  kUnbounded,    // one by one, some of them not bounded
+  kMixed         // all of it
+};
+constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
+
+struct Result {
+  Ids ids;
+  Floats scores;
+  bool operator==(const Result& other) const {
+    return ids == other.ids && scores.size() == other.scores.size() &&
+           std::memcmp(scores.data(), other.scores.data(), scores.size() * sizeof(float)) == 0;
+  }
+};
+
+// Rows with what they are by the contract, placed where one element too many faults.
+class Fixed {
+ public:
+  Fixed(Random& random, ScanRows rows)
+      : width(rows.width),
+        count(rows.count),
+        magnitude(qx_test::magnitude_of(rows.vectors)),
+        vectors(rows.vectors),
+        query(rows.query),
+        outside(Floats(static_cast<std::size_t>(width * kOutside))) {
+    for (std::int64_t i = 0; i < count; ++i) {
+      ids.push_back(random.between(-5, 3 * count));
+      scores.push_back(qx_test::contract_score(row(i), query.data(), width));
+    }
+    for (std::int64_t i = 0; i < kOutside; ++i) draw_outside(random, i);
+    sorted = scores;
+    const auto no_number = [](float score) { return std::isnan(score); };
+    sorted.erase(std::remove_if(sorted.begin(), sorted.end(), no_number), sorted.end());
+    std::sort(sorted.begin(), sorted.end());
+  }
+
+  // Row i of those that are not bounded: one of the others, up to a million times as large, or with
+  // two giants that cancel, beside which its score is lost, though not its rank.
+  void draw_outside(Random& random, std::int64_t i) {
+    const float* const model = row(random.between(0, count - 1));
+    float* const made = outside.data() + i * width;
+    const float scale = std::ldexp(1.0f, static_cast<int>(random.between(0, 20)));
+    const bool cancels = i % 2 == 0;
+    for (std::int64_t j = 0; j < width; ++j) made[j] = model[j] * (cancels ? 1 : scale);
+    const std::int64_t first = random.between(0, width - 2);
+    const std::int64_t second = random.between(first + 1, width - 1);
+    const float giant = magnitude * scale * 64;
+    if (cancels && query[at(first)] != 0 && query[at(second)] != 0) {
+      made[first] = giant / query[at(first)];
+      made[second] = -giant / query[at(second)];
+    }
+    outside_scores.push_back(qx_test::contract_score(made, query.data(), width));
+  }
+
+  static constexpr std::int64_t kOutside = 60;
+  static std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
+  const float* row(std::int64_t i) const { return vectors.data() + i * width; }
+  const float* outside_row(std::int64_t i) const { return outside.data() + i * width; }
+  // Whether fewer than about a tenth of the rows are better.
+  bool is_good(std::int64_t i) const {
+    return !sorted.empty() && scores[at(i)] >= sorted[sorted.size() - 1 - sorted.size() / 10];
+  }
+
+  std::int64_t width;
+  std::int64_t count;
+  float magnitude;
+  Guarded<float> vectors;
+  Guarded<float> query;
+  Guarded<float> outside;
+  Ids ids;
+  Floats scores;
+  Floats outside_scores;
+  Floats sorted;
+};
+
+// A scan and, beside it, the plain list of what has arrived.
+class Compared {
+ public:
+  Compared(const Fixed& rows, Random& random, std::int64_t told_rows, float told_magnitude,
+           std::int64_t k)
+      : rows_(rows),
+        random_(random),
+        out_ids_(static_cast<std::size_t>(k), 77),
+        out_scores_(static_cast<std::size_t>(k), 77.0f),
+        topk_(out_ids_.data(), out_scores_.data(), k),
+        scan_({rows.query.data(), rows.width, told_rows, told_magnitude}, topk_) {}
+
+  void add_all(Way way) {
+    std::int64_t first = 0;
+    while (first < rows_.count) {
+      const auto now = way == Way::kMixed ? static_cast<Way>(random_.between(0, kWays - 2)) : way;
+      const bool whole = way != Way::kMixed && now != Way::kPieces;
+      const std::int64_t most = rows_.count - first;
+      const std::int64_t size = whole ? most : std::min(most, random_.between(1, 700));
+      add(now, first, size);
+      first += size;
+    }
+  }
+
+  Result finish() {
+    scan_.finish();
+    EXPECT_TRUE(out_ids_.margins_intact() && out_scores_.margins_intact());
+    return {out_ids_.values(), out_scores_.values()};
+  }
+
+  // What the slots must hold: a candidate enters if it beats the last one, behind its equals.
+  Result expected() const {
+    std::vector<Arrival> entering;
+    for (const Arrival& arrival : arrivals_) {
+      if (arrival.score > qx::kEmptyScore) entering.push_back(arrival);
+    }
+    std::stable_sort(entering.begin(), entering.end(),
+                     [](const Arrival& a, const Arrival& b) { return a.score > b.score; });
+    entering.resize(out_ids_.size(), Arrival{qx::kEmptyId, qx::kEmptyScore});
+    Result result;
+    for (const Arrival& arrival : entering) {
+      result.ids.push_back(arrival.id);
+      result.scores.push_back(arrival.score);
+    }
+    return result;
+  }
+
+ private:
+  struct Arrival {
+    std::int64_t id;
+    float score;
+  };
+
+  void add(Way way, std::int64_t first, std::int64_t size) {
+    switch (way) {
+      case Way::kContiguous:
+      case Way::kPieces:
+        for (std::int64_t i = first; i < first + size; ++i) arrive(i);
+        scan_.add_contiguous(rows_.row(first), ids() + first, size, whole_rows());
+        break;
+      case Way::kOneByOne:
+      case Way::kAnywhere:
+        for (std::int64_t i = first; i < first + size; ++i) {
+          add_one(way == Way::kOneByOne ? i : random_.between(0, rows_.count - 1));
+        }
+        break;
+      case Way::kUnbounded:
+        for (std::int64_t i = first; i < first + size; ++i) {
+          random_.percent(5) ? add_outside(random_.between(0, Fixed::kOutside - 1)) : add_one(i);
+        }
+        break;
+      default:
+        add_masked(way, first, size);
+        break;
+    }
+  }
+
+  void add_one(std::int64_t i) {
+    arrive(i);
+    scan_.add(rows_.row(i), rows_.ids[Fixed::at(i)], true);
+  }
+
+  void add_outside(std::int64_t i) {
+    arrivals_.push_back({1000000 + i, rows_.outside_scores[Fixed::at(i)]});
+    scan_.add(rows_.outside_row(i), 1000000 + i, false);
+  }
+
+  void add_masked(Way way, std::int64_t first, std::int64_t size) {
+    const int chance = static_cast<int>(random_.between(2, 100));
+    for (std::int64_t at = first; at < first + size;) {
+      std::int64_t block = std::min(qx::Scan::kMaskRows, first + size - at);
+      if (way == Way::kInterrupted && random_.percent(20)) block = random_.between(1, block);
+      std::uint64_t mask = 0;
+      for (std::int64_t i = 0; i < block; ++i) {
+        const bool left_out = way == Way::kWithoutBest
+                                  ? rows_.is_good(at + i) && random_.percent(90)
+                                  : !random_.percent(chance);
+        mask |= std::uint64_t{left_out ? 0u : 1u} << i;
+      }
+      if (way != Way::kInterrupted || random_.percent(85)) {
+        qx::for_each_bit(mask, [&](std::int64_t i) { arrive(at + i); });
+        scan_.add_masked(rows_.row(at), ids() + at, block, mask, whole_rows());
+      }
+      at += block;
+    }
+  }
+
+  void arrive(std::int64_t i) {
+    arrivals_.push_back({rows_.ids[Fixed::at(i)], rows_.scores[Fixed::at(i)]});
+  }
+
+  const std::int64_t* ids() const { return rows_.ids.data(); }
+
+  // Any number: it tells a kernel how near the rows are.
+  std::int64_t whole_rows() { return random_.percent(70) ? rows_.count : 100000000 / rows_.width; }
+
+  const Fixed& rows_;
+  Random& random_;
+  Guarded<std::int64_t> out_ids_;
+  Guarded<float> out_scores_;
+  qx::TopK topk_;
+  qx::Scan scan_;
+  std::vector<Arrival> arrivals_;
+};
+
+std::int64_t draw_width(Random& random) {
+  static const Ids widths = {8,  9,  12, 15, 16, 17, 24,  31,  32,  33,  40,  47,
+                             48, 63, 64, 65, 96, 97, 100, 128, 200, 255, 256, 300};
+  static const Ids wide = {639, 640, 641, 768, 2047, 2048, 2049};
+  return random.percent(8) ? random.any_of(wide) : random.any_of(widths);
+}
+
+std::int64_t draw_k(Random& random, std::int64_t rows) {
+  static const Ids choices = {1, 1, 2, 10, 47, 48, 49, 64, 100, 1000};
+  if (random.percent(20)) return rows / 4 + random.between(-1, 1);
+  return random.any_of(choices);
+}
+
+ScanRows draw_rows(Random& random, Family family) {
+  const std::int64_t width = draw_width(random);
+  const std::int64_t most = width > 300 ? 800 : 3000;
+  return draw_scan_rows(random, family, width, random.between(400, most));
+}
+
+class EveryScan : public qx_test::UnderAKernel {};
+
+TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
+  for (int family = 0; family < qx_test::kFamilies; ++family) {
+    Random random(static_cast<std::uint64_t>(3000 + family));
+    for (int draw = 0; draw < 4; ++draw) {
+      const Fixed rows(random, draw_rows(random, static_cast<Family>(family)));
+      for (int way = 0; way < kWays; ++way) {
+        for (int repeat = 0; repeat < 3; ++repeat) {
+          const std::int64_t k = draw_k(random, rows.count);
+          const std::int64_t told = random.percent(80) ? rows.count : 3 * rows.count;
+          Compared scan(rows, random, told, rows.magnitude, k);
+          scan.add_all(static_cast<Way>(way));
+          ASSERT_EQ(scan.finish(), scan.expected())
+              << "family " << family << ", way " << way << ", width " << rows.width << ", "
+              << rows.count << " rows, k " << k;
+        }
+      }
+    }
+  }
+}
+
+// Copies of the best row around every multiple of a block, and around the number of candidates
+// that wait at most: of equals, the first to arrive come first.
+TEST_P(EveryScan, KeepsTheOrderOfEqualsAcrossBlocks) {
+  Random random(3100);
+  for (const std::int64_t around : {64, 128, 192, 256, 384, 576}) {
+    ScanRows drawn = draw_scan_rows(random, Family::kSmooth, 24, 1500);
+    for (std::int64_t i = 1; i < drawn.count; ++i) {
+      const std::int64_t from_multiple = (i + 2) % around;
+      if (from_multiple < 5) std::copy_n(drawn.row(0), drawn.width, drawn.row(i));
+    }
+    for (std::int64_t j = 0; j < drawn.width; ++j) drawn.query[Fixed::at(j)] = drawn.row(0)[j];
+    const Fixed rows(random, drawn);
+    for (int way = 0; way < kWays; ++way) {
+      for (const std::int64_t k : {1, 2, 10, 48, 49, 100}) {
+        Compared scan(rows, random, rows.count, rows.magnitude, k);
+        scan.add_all(static_cast<Way>(way));
+        ASSERT_EQ(scan.finish(), scan.expected())
+            << "around " << around << ", way " << way << ", k " << k;
+      }
+    }
+  }
+}
+
+// The sharpest rows are sharp: their estimates are in another order than their scores, so that
+// only what is known of the error keeps the right rows.
+TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
+  for (const Family family : {Family::kCancelling, Family::kClustered}) {
+    Random random(3200);
+    const Fixed rows(random, draw_scan_rows(random, family, 64, 1000));
+    Floats estimates(Fixed::at(rows.count));
+    GetParam()->estimate_contiguous(rows.vectors.data(), rows.count, rows.width, rows.query.data(),
+                                    qx::Reach::kNear, estimates.data());
+    std::int64_t swapped = 0;
+    std::int64_t other_sign = 0;
+    for (std::size_t i = 1; i < estimates.size(); ++i) {
+      const float by_score = rows.scores[i] - rows.scores[i - 1];
+      const float by_estimate = estimates[i] - estimates[i - 1];
+      swapped += by_score * by_estimate < 0 ? 1 : 0;
+      other_sign += rows.scores[i] * estimates[i] < 0 ? 1 : 0;
+    }
+    EXPECT_GT(swapped, 10);
+    if (family == Family::kCancelling) {
+      EXPECT_GT(other_sign, 10);
+    }
+  }
+}
+
+// What the scans of these tests prove, they prove of estimates: a scan that is told too small a
+// magnitude trusts its estimates too far, and returns other rows.
+TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
+  Random random(3300);
+  for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMasked, Way::kMixed}) {
+    for (const std::int64_t k : {1, 10, 48, 49, 300}) {
+      bool wrong = false;
+      for (int draw = 0; draw < 60 && !wrong; ++draw) {
+        const Fixed rows(random, draw_scan_rows(random, Family::kCancelling, 24, 6000));
+        Compared scan(rows, random, rows.count, 0x1p-30f, k);
+        scan.add_all(way);
+        wrong = !(scan.finish() == scan.expected());
+      }
+      EXPECT_TRUE(wrong) << "way " << static_cast<int>(way) << ", k " << k;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, EveryScan, testing::ValuesIn(qx_test::listed_kernels()),
+                         qx_test::kernel_name);
+
+}  // namespace

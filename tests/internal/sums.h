@@ -1,0 +1,69 @@
+// Sums for the tests of kernels and scans: the score as the numeric contract says it, and the exact
+// sum of a row's products, which no rounding has touched.
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+namespace qx_test {
+
+inline float contract_score(const float* row, const float* query, std::int64_t dim) {
+  float sum = 0.0f;
+  for (std::int64_t j = 0; j < dim; ++j) sum = std::fma(row[j], query[j], sum);
+  return sum;
+}
+
+// A sum of doubles without any rounding: parts that do not overlap, the smallest first. A product
+// of two floats is a double, also where it would be far below the smallest float.
+class ExactSum {
+ public:
+  ExactSum() = default;
+  ExactSum(const float* row, const float* query, std::int64_t dim) {
+    for (std::int64_t j = 0; j < dim; ++j) {
+      const double product = double{row[j]} * double{query[j]};
+      add(product);
+      magnitudes_ += std::abs(product);
+    }
+    dim_ = static_cast<double>(dim);
+  }
+
+  // How far a float is from the exact sum.
+  double distance(float value) const {
+    ExactSum difference = *this;
+    difference.add(-double{value});
+    double sum = 0;
+    for (const double part : difference.parts_) sum += part;
+    return std::abs(sum);
+  }
+
+  // How far a score, or an estimate, may be from it, as kernels.h states.
+  double bound() const {
+    constexpr double e = 0x1p-24;
+    return magnitudes_ * dim_ * e / (1 - dim_ * e) + dim_ * 0x1p-126;
+  }
+
+  // The sum of the products' magnitudes.
+  double magnitudes() const { return magnitudes_; }
+
+ private:
+  void add(double value) {
+    std::size_t kept = 0;
+    for (const double part : parts_) {
+      const double sum = value + part;
+      const double added = sum - value;
+      const double lost = (value - (sum - added)) + (part - added);
+      if (lost != 0) parts_[kept++] = lost;
+      value = sum;
+    }
+    parts_.resize(kept);
+    parts_.push_back(value);
+  }
+
+  std::vector<double> parts_;
+  double magnitudes_ = 0;
+  double dim_ = 0;
+};
+
+}  // namespace qx_test
