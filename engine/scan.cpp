@@ -36,6 +36,7 @@ struct ContiguousBlock {
   void estimate(const float* query, float* estimates) const {
     kernels().estimate_contiguous(rows, count, width, query, reach, estimates);
   }
+  bool whole() const { return masks == nullptr; }
   std::uint64_t rows_of(std::int64_t first) const {
     return masks == nullptr ? ~std::uint64_t{0} : masks[first / Scan::kMaskRows];
   }
@@ -63,6 +64,7 @@ struct ScatteredBlock {
     kernels().estimate_scattered(vectors, count, width, query, estimates);
     for (std::int64_t i = 0; i < unbounded_count; ++i) estimates[unbounded[i]] = kNaN;
   }
+  bool whole() const { return true; }
   std::uint64_t rows_of(std::int64_t /*first*/) const { return ~std::uint64_t{0}; }
   void score(const float* query, float* scores) const {
     kernels().score_scattered(vectors, count, width, query, scores);
@@ -137,6 +139,8 @@ void Scan::scan_block(const Block& block, const std::int64_t* ids, std::int64_t 
 template <typename Block>
 void Scan::choose_candidates(const Block& block, const float* estimates, const std::int64_t* ids,
                              std::int64_t count) {
+  const bool first_look = screen_.knows_nothing() && block.whole();
+  if (first_look) screen_.learn(estimates, count);
   const float limit = screen_.limit(topk_.bar());
   std::int64_t places[kBlockRows];
   float chosen_estimates[kBlockRows];
@@ -150,7 +154,7 @@ void Scan::choose_candidates(const Block& block, const float* estimates, const s
     });
   }
   if (chosen == 0) return;
-  screen_.learn(chosen_estimates, chosen);
+  if (!first_look) screen_.learn(chosen_estimates, chosen);
   const float limit_now = screen_.limit(topk_.bar());
   const std::int64_t earlier = candidates_;
   for (std::int64_t i = 0; i < chosen; ++i) {

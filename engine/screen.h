@@ -52,6 +52,8 @@ class Screen {
     best_.finish();
   }
 
+  bool knows_nothing() const { return tracks_ && best_.bar() == kEmptyScore; }
+
  private:
   // Below this width a score costs no more than an estimate.
   static constexpr std::int64_t kShortestRow = 8;
