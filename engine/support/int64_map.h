@@ -210,11 +210,25 @@ class BasicInt64Map {
     return guess < entries_.length && i < count && entries_.data[guess].key == keys[i];
   }
 
+  // Whether all keys are those of the entries from `guess` on; without branches, as SIMD.
+  bool are_next(const std::int64_t* keys, std::int64_t count, std::int64_t guess) const {
+    if (count > entries_.length - guess) return false;
+    std::int64_t differing = 0;
+    for (std::int64_t i = 0; i < count; ++i) differing |= entries_.data[guess + i].key ^ keys[i];
+    return differing == 0;
+  }
+
   // get_batch() for keys that follow the entries from `guess` on. A key whose successor is there
   // instead is probably absent: its search has time until the end, when its slot is loaded. Any
   // other is searched at once, as the guess may be lost.
   void get_in_order(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
                     std::int64_t* values, std::int64_t& guess) const {
+    if (are_next(keys, count, guess)) {
+      const Entry* const next = entries_.data + guess;
+      for (std::int64_t i = 0; i < count; ++i) values[i] = next[i].value;
+      guess += count;
+      return;
+    }
     std::int64_t skipped[kBatch];
     std::int64_t skips = 0;
     for (std::int64_t i = 0; i < count; ++i) {
