@@ -80,10 +80,10 @@
  *
  * 10. Cost. Reads allocate nothing, except qx_index_search_ivf: one array of nlist floats, released
  *    before it returns. The current reads that walk (filtered, match, visible) take time for
- *    every row, look at the vectors of those that pass alone, and use up to 160 KiB of the calling
- *    thread's stack. Nothing stored is reclaimed before qx_index_free, except by qx_index_clear_ivf
- *    and by replacing an IVF structure: tombstones, delta rows, metadata and the arrays of earlier
- *    builds stay.
+ *    every row, look at the vectors of those that pass alone, and use up to 192 KiB of the calling
+ *    thread's stack; other calls use up to 64 KiB. Nothing stored is reclaimed before
+ *    qx_index_free, except by qx_index_clear_ivf and by replacing an IVF structure: tombstones,
+ *    delta rows, metadata and the arrays of earlier builds stay.
  *
  * 11. Limits. At most 2^40 base rows and 2^40 base vector elements; base ids below 2^40; row
  *    counts of one call, k, partitions and IVF lists up to 2^31 - 1. There is no other limit than
