@@ -12,7 +12,7 @@ namespace qx {
 // the set, for i below count_. Other bits have no value.
 class RowSet {
  public:
-  // 128 KiB. No function of the engine but the walks needs more than a few KiB of stack.
+  // 128 KiB, most of the stack that a walk needs.
   static constexpr std::int64_t kMostRows = std::int64_t{1} << 20;
 
   // Whether to go through `entries` ids that are marked, once for each span of a base of `rows`
