@@ -66,8 +66,8 @@ class TopK {
     }
   }
 
-  // Completes the slots: merges what has been gathered. Must be called after the last offer, and may
-  // be earlier for an exact bar.
+  // Completes the slots: merges what has been gathered. Must be called after the last offer, and
+  // may be earlier for an exact bar.
   void finish() {
     if (batch_size_ > 0) merge();
   }
