@@ -192,8 +192,9 @@ QX_AVX2 void score_scattered_pair(const float* const* rows, std::int64_t followi
 QX_AVX2_INLINE __m256 query_rest(const float* query, std::int64_t dim) {
   static constexpr std::int32_t kSelected[2 * kLanes] = {0,  0,  0,  0,  0,  0,  0,  0,
                                                          -1, -1, -1, -1, -1, -1, -1, -1};
-  const auto* const selected = reinterpret_cast<const float*>(kSelected + dim % kLanes);
-  return _mm256_and_ps(_mm256_loadu_ps(query + dim - kLanes), _mm256_loadu_ps(selected));
+  const auto* const selected = reinterpret_cast<const __m256i*>(kSelected + dim % kLanes);
+  return _mm256_and_ps(_mm256_loadu_ps(query + dim - kLanes),
+                       _mm256_castsi256_ps(_mm256_loadu_si256(selected)));
 }
 
 // Estimates `Abreast` rows of at least eight components, each in `Chains` chains.

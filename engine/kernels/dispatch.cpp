@@ -23,9 +23,10 @@ constexpr const Kernels* kBestFirst[] = {
 constinit std::atomic<const Kernels*> chosen{nullptr};
 
 const Kernels* best_supported() {
-  const Kernels* const* candidate = kBestFirst;
-  while (!(*candidate)->supported()) ++candidate;
-  return *candidate;
+  for (const Kernels* const* candidate = kBestFirst; *candidate != nullptr; ++candidate) {
+    if ((*candidate)->supported()) return *candidate;
+  }
+  return &kPortableKernels;
 }
 
 }  // namespace

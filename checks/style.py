@@ -1,0 +1,62 @@
+"""Reads the tracked sources for what ./check style promises. Prints each finding and their number."""
+import pathlib
+import re
+import subprocess
+import sys
+
+LONGEST_LINE = 100
+LONGEST_FUNCTION = 60
+WORDS = ["TO" + "DO", "FIX" + "ME", "X" + "XX", "ha" + "ck", "sim" + "ply", "obvi" + "ously"]
+BANNED = re.compile(r"\b(" + "|".join(WORDS) + r")\b", re.IGNORECASE)
+SOURCES = {".h", ".c", ".cpp"}
+FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench")
+
+
+def functions(lines):
+    """The first line and length of each function whose closing brace stands in its opening column."""
+    start = None
+    for number, line in enumerate(lines, 1):
+        if re.match(r"(  )?[\w\[][^;={}]*\($|(  )?[\w\[~][^;]*\(.*[^;]$", line) and start is None:
+            start = (number, len(line) - len(line.lstrip()))
+        elif start and line == " " * start[1] + "}":
+            yield start[0], number - start[0] + 1
+            start = None
+        elif start and not line.startswith(" ") or line.endswith(";") and start and number == start[0]:
+            start = None
+
+
+def findings_of(path):
+    lines = path.read_text(encoding="utf-8").splitlines()
+    for number, line in enumerate(lines, 1):
+        if path.suffix in SOURCES and len(line) > LONGEST_LINE:
+            yield f"{path}:{number}: {len(line)} columns"
+        word = BANNED.search(line)
+        if word:
+            yield f"{path}:{number}: the word '{word.group()}'"
+    if path.suffix in SOURCES:
+        for number, length in functions(lines):
+            if length > LONGEST_FUNCTION:
+                yield f"{path}:{number}: a function of {length} lines"
+
+
+def unnamed():
+    for path in sorted(pathlib.Path("engine").rglob("*.*")):
+        name = str(path.relative_to("engine"))
+        if path.suffix in SOURCES and f"`{name}`" not in pathlib.Path("engine/README.md").read_text():
+            yield f"{path}: not named in engine/README.md"
+    for path in sorted(pathlib.Path("checks").iterdir()):
+        if path.name != "README.md" and f"`{path.name}`" not in pathlib.Path("checks/README.md").read_text():
+            yield f"{path}: not named in checks/README.md"
+
+
+def main():
+    listed = subprocess.run(["git", "ls-files", "--", *FOLDERS], check=True, capture_output=True, text=True)
+    paths = [pathlib.Path(name) for name in listed.stdout.splitlines()]
+    text = [path for path in paths if path.suffix in SOURCES or path.suffix in {".sh", ".md"}]
+    findings = [finding for path in text for finding in findings_of(path)] + list(unnamed())
+    print("\n".join(findings), end="\n" if findings else "")
+    print(f"style: {len(text)} files, {len(findings)} findings")
+    return 1 if findings else 0
+
+
+sys.exit(main())
