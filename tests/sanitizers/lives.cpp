@@ -15,24 +15,18 @@
 #if defined(QX_TEST_MEMORY_SANITIZER)
 #include <sanitizer/msan_interface.h>
 
-#include <new>
-
 // The standard library is not compiled with the sanitizer, which does not see what its compiled
 // parts write into the nodes of the model's maps. So what the tests take by `new` counts as
-// written. The engine never uses `new`: what it takes by malloc counts as unwritten until it writes
-// there.
-void* operator new(std::size_t bytes) {
-  void* const block = std::malloc(bytes == 0 ? 1 : bytes);
-  if (block == nullptr) std::abort();
+// written; the linker puts this in the place of `new`. The engine never uses it: what it takes by
+// malloc counts as unwritten until it writes there.
+extern "C" {
+void* __real__Znwm(std::size_t bytes);
+void* __wrap__Znwm(std::size_t bytes) {
+  void* const block = __real__Znwm(bytes);
   __msan_unpoison(block, bytes);
   return block;
 }
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return operator new(bytes);
 }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
 #endif
 
 int main(int count, char** arguments) {
