@@ -93,7 +93,7 @@ QX_AVX2_INLINE __m256 add_rest(const Rows& rows, std::int64_t at, std::int64_t d
 // it reads, in address order from `ahead` on.
 template <int Groups, bool Prefetches, typename Rows>
 QX_AVX2_INLINE void score_groups(const Rows (&rows)[Groups], std::int64_t dim, const float* query,
-                                 const char* ahead, float* scores) {
+                                 std::uintptr_t ahead, float* scores) {
   __m256 sums[Groups];
   for (int g = 0; g < Groups; ++g) sums[g] = _mm256_setzero_ps();
   std::int64_t j = 0;
@@ -101,8 +101,8 @@ QX_AVX2_INLINE void score_groups(const Rows (&rows)[Groups], std::int64_t dim, c
 #pragma GCC unroll 3
     for (int g = 0; g < Groups; ++g) {
       if constexpr (Prefetches) {
-        _mm_prefetch(ahead, _MM_HINT_T0);
-        _mm_prefetch(ahead + kLineBytes, _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(ahead + kLineBytes), _MM_HINT_T0);
         ahead += 2 * kLineBytes;
       }
       sums[g] = add_step(rows[g], j, query, sums[g]);
@@ -126,8 +126,10 @@ QX_AVX2 void score_cached_groups(const float* rows, std::int64_t dim, const floa
   ContiguousRows groups[Groups];
   for (int g = 0; g < Groups; ++g) groups[g] = {rows + g * kLanes * dim, dim};
   const std::int64_t block_bytes = Groups * kLanes * dim * 4;
-  const char* const next = reinterpret_cast<const char*>(rows) +
-                           (block_bytes > kCachedAheadBytes ? block_bytes : kCachedAheadBytes);
+  // An address, not a pointer: it may lie outside of the rows, which may even be null.
+  const auto next = reinterpret_cast<std::uintptr_t>(rows) +
+                    static_cast<std::uintptr_t>(
+                        block_bytes > kCachedAheadBytes ? block_bytes : kCachedAheadBytes);
   score_groups<Groups, Prefetches>(groups, dim, query, next, scores);
 }
 
@@ -382,7 +384,7 @@ QX_AVX2 void score_last_rows(const Rows& rows, std::int64_t count, std::int64_t 
     filled[i] = rows.row(i < count ? i : count - 1);
   ScatteredRows groups[Groups];
   for (int g = 0; g < Groups; ++g) groups[g] = {filled + g * kLanes};
-  score_groups<Groups, false>(groups, dim, query, nullptr, group_scores);
+  score_groups<Groups, false>(groups, dim, query, 0, group_scores);
   for (std::int64_t i = 0; i < count; ++i) scores[i] = group_scores[i];
 }
 

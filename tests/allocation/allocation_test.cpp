@@ -119,12 +119,19 @@ TEST(FailedAllocation, NoMoreThanTheWholeLifeAllocates) {
 }
 
 TEST(FailedAllocation, TrapsAlsoWhenStandardErrorIsClosed) {
-  const ChildEnd end = run_in_child([] {
-    close(STDERR_FILENO);
-    qx_test::with_failing_allocation(1, true, [] { qx_index_new(1, 1); });
-  });
-  EXPECT_TRUE(end.trapped);
-  EXPECT_EQ(end.standard_error, "");
+  Scenario scenario;
+  const std::int64_t allocations = record_heap([&] { scenario.whole_life(); }).allocations;
+  for (std::int64_t number = 1; number <= allocations; ++number) {
+    for (const bool from_then_on : {false, true}) {
+      const ChildEnd end = run_in_child([&] {
+        alarm(60);  // which would end a hang, and not by a trap
+        close(STDERR_FILENO);
+        qx_test::with_failing_allocation(number, from_then_on, [&] { scenario.whole_life(); });
+      });
+      EXPECT_TRUE(end.trapped) << "allocation " << number << ", exit status " << end.exit_status;
+      EXPECT_EQ(end.standard_error, "");
+    }
+  }
 }
 
 TEST(FailedAllocation, OfASizeThatNoAddressSpaceHolds) {

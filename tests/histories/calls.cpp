@@ -83,12 +83,13 @@ void History::tuner() {
 // ---- The sealed base ----
 
 void History::build() {
-  if (sparse_ && model_.sealed) return;
+  if ((sparse_ || !may_rebuild_) && model_.sealed) return;
+  rebuilt_ |= model_.sealed;
   const std::int32_t dim = model_.sealed && random_.percent(70) ? model_.dim : draw_build_dim();
   const std::int64_t most = std::max<std::int64_t>(1, (long_ ? 40000 : 12000) / std::max(dim, 20));
   const std::int64_t usual = long_ || random_.percent(25) ? most : std::min<std::int64_t>(most, 40);
   const std::int64_t n = random_.percent(8) ? 0 : random_.between(long_ ? usual / 2 : 1, usual);
-  const Floats vectors = draw_floats(random_, values_, n * dim);
+  const Floats vectors = draw_array(n * dim);
   const Ids ids = draw_base_ids(n);
   const std::int32_t n_parts = random_.between32(0, 6);
   Ids keys;
@@ -220,7 +221,7 @@ void History::scatter_topk() {
 void History::insert() {
   const std::int32_t n = draw_count();
   const Ids ids = draw_ids(n);
-  const Floats vectors = draw_floats(random_, values_, std::ssize(ids) * model_.width());
+  const Floats vectors = draw_array(std::ssize(ids) * model_.width());
   begin("qx_index_insert", numbers({n}));
   const float* const placed = input(vectors);
   const std::int64_t* const placed_ids = input(ids);
@@ -258,7 +259,7 @@ void History::set_ivf() {
   // Two large negative numbers have a large positive product, too large to hand over here.
   const std::int64_t n_floats = std::int64_t{model_.dim} * nlist;
   if (n_floats > 100000) return;
-  const Floats centroids = draw_floats(random_, values_, n_floats);
+  const Floats centroids = draw_array(n_floats);
   const auto count = static_cast<std::int32_t>(n_ids == 0 && random_.percent(50) ? -4 : n_ids);
   begin("qx_index_set_ivf", "key, nlist, nprobe, n_ids = " + numbers({key, nlist, nprobe, count}));
   check(qx_index_set_ivf(index_, key, nlist, nprobe, input(centroids), input(list_ids),

@@ -2,6 +2,7 @@
 #include "histories/history.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "kernels/kernels.h"
 #include "support/child.h"
@@ -23,8 +24,8 @@ Values draw_values(Random& random, bool is_long) {
 
 }  // namespace
 
-History::History(std::uint64_t seed, CallCounts& calls, bool trace)
-    : random_(seed),
+History::History(Random random, CallCounts& calls, bool trace)
+    : random_(std::move(random)),
       calls_(calls),
       trace_(trace),
       long_(random_.percent(7)),
@@ -67,7 +68,7 @@ std::string History::play() {
     return repeated;
   }();
   const auto steps = random_.between(5, 60);
-  for (step_ = 0; step_ < steps && !ended_; ++step_) {
+  for (step_ = 0; step_ < steps && !ended_ && !random_.exhausted(); ++step_) {
     const auto call = long_ && step_ == 0 ? &History::build : random_.any_of(by_weight).call;
     (this->*call)();
     check_inputs();
@@ -180,8 +181,9 @@ Ids History::draw_base_ids(std::int64_t n) {
   Ids ids;
   const std::int64_t span = sparse_ ? (1 << 22) : id_span_;
   const bool permuted = random_.percent(50);
-  for (std::int64_t i = 0; i < n; ++i) ids.push_back(permuted ? i : random_.between(0, span));
-  if (permuted && random_.percent(60)) random_.shuffle(ids);
+  Random& random = random_.for_array(n);
+  for (std::int64_t i = 0; i < n; ++i) ids.push_back(permuted ? i : random.between(0, span));
+  if (permuted && random.percent(60)) random.shuffle(ids);
   return ids;
 }
 
@@ -212,9 +214,13 @@ std::int32_t History::draw_candidate_count() {
   return long_ && random_.percent(50) ? random_.between32(300, 1200) : draw_count();
 }
 
+Floats History::draw_array(std::int64_t count) {
+  return draw_floats(random_.for_array(count), values_, count);
+}
+
 // Equal factors let giants cancel.
 Floats History::draw_query() {
-  if (values_ != Values::kGiants) return draw_floats(random_, values_, model_.width());
+  if (values_ != Values::kGiants) return draw_array(model_.width());
   return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);
 }
 

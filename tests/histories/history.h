@@ -1,5 +1,5 @@
-// One random history: a life of an index, made call by call from a seed, in which the engine and
-// the naive model must agree on every result and on every element of every buffer.
+// One random history: a life of an index, made call by call by random choices, in which the engine
+// and the naive model must agree on every result and on every element of every buffer.
 #pragma once
 
 #include <cstdint>
@@ -20,13 +20,19 @@ using CallCounts = std::map<std::string, std::int64_t>;
 class History {
  public:
   // `trace` prints every call to standard output.
-  History(std::uint64_t seed, CallCounts& calls, bool trace);
+  History(Random random, CallCounts& calls, bool trace);
   ~History();
   History(const History&) = delete;
   History& operator=(const History&) = delete;
 
   // Plays the history. Returns an empty text, or what disagreed and where.
   std::string play();
+
+  // Leaves rebuilds out, which keep the arrays of the earlier base allocated by contract.
+  void forbid_rebuilds() { may_rebuild_ = false; }
+
+  // Whether a further build has replaced a base.
+  bool rebuilt() const { return rebuilt_; }
 
  private:
   using Predicate = Model::Predicate;
@@ -72,6 +78,7 @@ class History {
   std::int32_t draw_small_k(std::int64_t near);
   Predicate draw_predicate();
   std::vector<std::int32_t> draw_offsets(std::int32_t nlist, std::int64_t n_ids);
+  Floats draw_array(std::int64_t count);
   Floats draw_query();
   Edge draw_edge() { return random_.percent(75) ? Edge::kEnd : Edge::kStart; }
 
@@ -113,6 +120,8 @@ class History {
   Model model_;
   QxIndex* index_;
   bool ended_ = false;
+  bool may_rebuild_ = true;
+  bool rebuilt_ = false;
   int step_ = 0;
   std::string last_call_;
   std::string disagreement_;

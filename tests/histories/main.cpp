@@ -36,7 +36,7 @@ TEST(Histories, AgreeWithTheModel) {
     std::snprintf(replay_line, sizeof replay_line,
                   "replay: history_tests --seed %llu --count 1 --trace\n",
                   static_cast<unsigned long long>(seed));
-    const std::string disagreement = qx_test::History(seed, calls, trace).play();
+    const std::string disagreement = qx_test::History(qx_test::Random(seed), calls, trace).play();
     ASSERT_EQ(disagreement, "") << replay_line;
   }
   std::int64_t total = 0;

@@ -1,11 +1,14 @@
 // Random choices of a history. The same seed gives the same choices with every compiler and
-// standard library, so that a seed is enough to replay a history.
+// standard library, so that a seed is enough to replay a history. Bytes can make the choices
+// instead, for a fuzzer that looks for those that lead somewhere new.
 #pragma once
 
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
+#include <span>
 #include <vector>
 
 namespace qx_test {
@@ -14,8 +17,23 @@ class Random {
  public:
   explicit Random(std::uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15u + 1) {}
 
+  // Choices made by bytes, each by as few of them as it needs; when none are left, by zeros.
+  explicit Random(std::span<const std::uint8_t> bytes) : from_bytes_(true), bytes_(bytes) {}
+
+  // Whether there were bytes and none are left.
+  bool exhausted() const { return from_bytes_ && bytes_.empty(); }
+
+  // Who makes the choices for an array. Bytes make those of short arrays one by one; for a long one
+  // two of them are a seed, or the array would use up the bytes of a whole history.
+  Random& for_array(std::int64_t count) {
+    if (!from_bytes_ || count <= kShortArray) return *this;
+    array_ = std::make_unique<Random>(take(2));
+    return *array_;
+  }
+
   // 64 random bits, by the splitmix64 recurrence.
   std::uint64_t bits() {
+    if (from_bytes_) return take(8);
     std::uint64_t mixed = state_ += 0x9E3779B97F4A7C15u;
     mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
     mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
@@ -25,7 +43,9 @@ class Random {
   // A number from low to high, both included.
   std::int64_t between(std::int64_t low, std::int64_t high) {
     const std::uint64_t span = static_cast<std::uint64_t>(high - low) + 1;
-    return low + static_cast<std::int64_t>(bits() % span);
+    const std::uint64_t chosen =
+        from_bytes_ ? take((static_cast<std::size_t>(std::bit_width(span - 1)) + 7) / 8) : bits();
+    return low + static_cast<std::int64_t>(chosen % span);
   }
   std::int32_t between32(std::int32_t low, std::int32_t high) {
     return static_cast<std::int32_t>(between(low, high));
@@ -47,7 +67,22 @@ class Random {
   }
 
  private:
-  std::uint64_t state_;
+  static constexpr std::int64_t kShortArray = 16;
+
+  // A number of so many bytes, the lowest first.
+  std::uint64_t take(std::size_t count) {
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < count && !bytes_.empty(); ++i) {
+      number |= std::uint64_t{bytes_.front()} << (8 * i);
+      bytes_ = bytes_.subspan(1);
+    }
+    return number;
+  }
+
+  std::uint64_t state_ = 0;
+  bool from_bytes_ = false;
+  std::span<const std::uint8_t> bytes_;
+  std::unique_ptr<Random> array_;
 };
 
 // The kinds of component values that a history draws from.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "histories/random.h"
+#include "internal/colliding_keys.h"
 
 namespace {
 
@@ -19,25 +20,9 @@ using WideMap = qx::BasicInt64Map<4>;  // its slots widen at 32 of them
 using qx_test::Random;
 using Keys = std::vector<std::int64_t>;
 
-// The key that the map's hash takes to `hash`: both multiplications are by odd numbers and the fold
-// is its own inverse, so the hash can be walked backwards.
-std::int64_t key_of_hash(std::uint64_t hash) {
-  const auto inverse = [](std::uint64_t odd) {
-    std::uint64_t x = odd;  // right in the low 3 bits; each round doubles that
-    for (int round = 0; round < 5; ++round) x *= 2 - odd * x;
-    return x;
-  };
-  hash *= inverse(0xD6E8FEB86659FD93u);
-  hash ^= hash >> 32;
-  return static_cast<std::int64_t>(hash * inverse(0x9E3779B97F4A7C15u));
-}
-
-// Keys that all start at the same slot of any table up to 2^20 slots and carry the same tag.
 Keys colliding_keys() {
   Keys keys;
-  for (std::uint64_t i = 0; i < 200; ++i) {
-    keys.push_back(key_of_hash((std::uint64_t{0xABCDE} << 44) | (i << 24) | 0x123456u));
-  }
+  for (std::uint64_t i = 0; i < 200; ++i) keys.push_back(qx_test::colliding_key(i));
   return keys;
 }
 

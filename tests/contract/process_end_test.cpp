@@ -1,0 +1,114 @@
+// The end of the process, wherever host data can cause it: exactly one line, then the trap, also
+// where standard error takes no line.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+// Delta rows 11 and 12 of dimension 2 (four floats) and two centroids of it, under dimension 3.
+class Widened : public Index {
+ public:
+  Widened() : Index(2) {
+    insert(*this, {11, 12}, {1, 2, 3, 4});
+    set_ivf(*this, 7, {2, 1, {1, 2, 3, 4}, {5, 6}, {0, 1, 2}});
+    seal(*this, 3, {5, 6}, Floats(6, 1));
+  }
+};
+
+const Floats kOnes(3, 1);
+
+// A call that ends the process, and the numbers of its line.
+struct End {
+  std::string name;
+  std::int64_t index;
+  std::int64_t length;
+  void (*call)();
+};
+
+void PrintTo(const End& end, std::ostream* out) { *out << end.name; }
+
+// One list of two ids between these offsets.
+void search_list(std::int32_t begin, std::int32_t end) {
+  const Index index(1);
+  seal(index, 1, {5, 6}, {1, 2});
+  set_ivf(index, 7, {1, 1, {1}, {5, 6}, {begin, end}});
+  search_ivf(index, 7, {1}, 1);
+}
+
+const std::vector<End> kEnds = {
+    {"SearchOfAListedDeltaRow", 4, 4, [] { search_mvcc(Widened(), {12}, kOnes, 1); }},
+    {"FilteredSearch", 4, 4, [] { search_filtered(Widened(), kEveryId, kOnes, 1); }},
+    {"ExportOfVisibleRows", 4, 4, [] { export_visible(Widened()); }},
+    {"OverwritingADeltaRow", 4, 4, [] { insert(Widened(), {12}, kOnes); }},
+    {"SearchOfCentroids", 4, 4, [] { search_ivf(Widened(), 7, kOnes, 1); }},
+    {"OffsetsThatEndBehindTheIds", 2, 2, [] { search_list(0, 3); }},
+    {"OffsetsThatStartBehindTheIds", 9, 2, [] { search_list(9, 10); }},
+    {"OffsetsThatStartBeforeTheIds", -1, 2, [] { search_list(-1, 2); }},
+    {"TheLargestOffset", INT32_MAX - 1, 2, [] { search_list(INT32_MAX - 1, INT32_MAX); }},
+    {"TheSmallestOffset", INT32_MIN, 2, [] { search_list(INT32_MIN, 0); }},
+};
+
+class ProcessEnd : public testing::TestWithParam<End> {
+ protected:
+  // Runs the call in a child, after `prepare`; the alarm would end a hang, and not by a trap.
+  static ChildEnd run(void (*prepare)()) {
+    return run_in_child([prepare] {
+      alarm(60);
+      prepare();
+      GetParam().call();
+    });
+  }
+};
+
+void let_be() {}
+
+void close_standard_error() { close(STDERR_FILENO); }
+
+void fill_the_device() {
+  const int full = open("/dev/full", O_WRONLY);
+  if (full < 0 || dup2(full, STDERR_FILENO) < 0) _exit(3);
+}
+
+// Full, and not waiting for its reader.
+void fill_the_pipe() {
+  int ends[2];
+  if (pipe(ends) != 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) != 0) _exit(3);
+  const char block[512] = {};
+  while (write(ends[1], block, sizeof block) > 0) continue;
+  while (write(ends[1], block, 1) > 0) continue;
+  if (dup2(ends[1], STDERR_FILENO) < 0) _exit(3);
+}
+
+// Without the signal, which would end the process itself.
+void break_the_pipe() {
+  std::signal(SIGPIPE, SIG_IGN);
+  int ends[2];
+  if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) _exit(3);
+  close(ends[0]);
+}
+
+TEST_P(ProcessEnd, WritesItsLineOnceAndTraps) {
+  const ChildEnd end = run(let_be);
+  EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
+  EXPECT_TRUE(is_bounds_line(end.standard_error, GetParam().index, GetParam().length))
+      << end.standard_error;
+}
+
+TEST_P(ProcessEnd, TrapsWhereStandardErrorTakesNoLine) {
+  for (void (*prepare)() : {close_standard_error, fill_the_device, fill_the_pipe, break_the_pipe}) {
+    const ChildEnd end = run(prepare);
+    EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
+    EXPECT_EQ(end.standard_error, "");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(HostData, ProcessEnd, testing::ValuesIn(kEnds),
+                         [](const auto& end) { return end.param.name; });
+
+}  // namespace
+}  // namespace qx_test

@@ -1,0 +1,162 @@
+// Bytes choose a kernel, rows and a query, on guarded memory. Scores must have the bits of the
+// numeric contract, estimates must be within their bound, comparing and copying must be exact.
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "fuzz/target.h"
+#include "histories/random.h"
+#include "internal/sums.h"
+#include "kernels/kernels.h"
+#include "support/guarded.h"
+
+namespace {
+
+using qx::Kernels;
+using qx_test::Edge;
+using qx_test::ExactSum;
+using qx_test::Guarded;
+using qx_test::Random;
+using qx_test::require;
+using qx_test::Values;
+using Floats = std::vector<float>;
+
+constexpr std::int64_t kMostFloats = 20000;
+
+std::vector<const Kernels*> kernels_that_run() {
+  std::vector<const Kernels*> run;
+  for (const Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
+    if ((*next)->supported()) run.push_back(*next);
+  }
+  return run;
+}
+
+Edge draw_edge(Random& random) { return random.percent(50) ? Edge::kEnd : Edge::kStart; }
+
+Floats draw_array(Random& random, std::int64_t count) {
+  const auto kind = static_cast<Values>(random.between(0, 5));
+  return draw_floats(random.for_array(count), kind, count);
+}
+
+bool all_finite(const float* numbers, std::int64_t count) {
+  return std::all_of(numbers, numbers + count, [](float number) { return std::isfinite(number); });
+}
+
+bool has_nan(const float* numbers, std::int64_t count) {
+  return std::any_of(numbers, numbers + count, [](float number) { return std::isnan(number); });
+}
+
+void check_score(float score, const float* row, const float* query, std::int64_t dim) {
+  const float expected = qx_test::contract_score(row, query, dim);
+  require(std::bit_cast<std::uint32_t>(score) == std::bit_cast<std::uint32_t>(expected) ||
+              (std::isnan(score) && std::isnan(expected)),
+          "a score");
+}
+
+void check_estimate(float estimate, const float* row, const float* query, std::int64_t dim) {
+  require(!has_nan(row, dim) || std::isnan(estimate), "the estimate of a row with a NaN");
+  if (!all_finite(row, dim) || !all_finite(query, dim)) return;
+  const ExactSum exact(row, query, dim);
+  if (2 * exact.magnitudes() >= double{std::numeric_limits<float>::max()}) return;
+  require(exact.distance(estimate) <= exact.bound(), "an estimate outside its bound");
+}
+
+struct Rows {
+  std::int64_t count;
+  std::int64_t dim;
+  qx::Reach reach;
+};
+
+void play_lying_rows(Random& random, const Kernels& kernels, const Rows& shape) {
+  const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
+  const Guarded<float> rows(draw_array(random, shape.count * shape.dim), draw_edge(random));
+  const auto count = static_cast<std::size_t>(shape.count);
+  Guarded<float> scores(count, 7.0f, draw_edge(random));
+  Guarded<float> estimates(count, 7.0f, draw_edge(random));
+  kernels.score_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.reach,
+                           scores.data());
+  kernels.estimate_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.reach,
+                              estimates.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    const float* const row = rows.data() + static_cast<std::int64_t>(i) * shape.dim;
+    check_score(scores[i], row, query.data(), shape.dim);
+    check_estimate(estimates[i], row, query.data(), shape.dim);
+  }
+  require(scores.margins_intact() && estimates.margins_intact(), "written beside the outputs");
+}
+
+void play_scattered_rows(Random& random, const Kernels& kernels, const Rows& shape) {
+  constexpr std::size_t kPlaces = 4;  // rows that each end, or start, at an unmapped page
+  const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
+  Guarded<float> places[kPlaces];
+  for (Guarded<float>& place : places) {
+    const Edge edge = draw_edge(random);
+    place.assign(draw_array(random, shape.dim), edge);
+  }
+  std::vector<const float*> addresses;
+  for (std::int64_t i = 0; i < shape.count; ++i) {
+    addresses.push_back(places[random.between(0, kPlaces - 1)].data());
+  }
+  const Guarded<const float*> rows(addresses);
+  Guarded<float> scores(addresses.size(), 7.0f, draw_edge(random));
+  Guarded<float> estimates(addresses.size(), 7.0f, draw_edge(random));
+  kernels.score_scattered(rows.data(), shape.count, shape.dim, query.data(), scores.data());
+  kernels.estimate_scattered(rows.data(), shape.count, shape.dim, query.data(), estimates.data());
+  for (std::size_t i = 0; i < addresses.size(); ++i) {
+    check_score(scores[i], addresses[i], query.data(), shape.dim);
+    check_estimate(estimates[i], addresses[i], query.data(), shape.dim);
+  }
+  require(scores.margins_intact() && estimates.margins_intact(), "written beside the outputs");
+}
+
+void play_comparison(Random& random, const Kernels& kernels) {
+  const std::int64_t count = random.between(0, 64);
+  const Guarded<float> numbers(draw_array(random, count), draw_edge(random));
+  const float limit = random.percent(50) && count > 0
+                          ? numbers[static_cast<std::size_t>(random.between(0, count - 1))]
+                          : draw_array(random, 1)[0];
+  std::uint64_t expected = 0;
+  for (std::int64_t i = 0; i < count; ++i) {
+    if (!(numbers[static_cast<std::size_t>(i)] < limit)) expected |= std::uint64_t{1} << i;
+  }
+  require(kernels.not_below(numbers.data(), count, limit) == expected, "a comparison");
+}
+
+void play_copy(Random& random, const Kernels& kernels) {
+  const std::uint64_t mask = random.bits();
+  const auto numbers_needed = static_cast<std::int64_t>(std::bit_width(mask));
+  std::vector<std::int64_t> drawn;
+  std::vector<std::int64_t> expected;
+  Random& source = random.for_array(numbers_needed);
+  for (std::int64_t i = 0; i < numbers_needed; ++i) {
+    drawn.push_back(static_cast<std::int64_t>(source.bits()));
+    if ((mask >> i & 1) != 0) expected.push_back(drawn.back());
+  }
+  const Guarded<std::int64_t> numbers(drawn, draw_edge(random));
+  Guarded<std::int64_t> out(expected.size(), -7, draw_edge(random));
+  kernels.copy_selected(numbers.data(), mask, std::ssize(expected), out.data());
+  require(out.equals(expected) && out.margins_intact(), "a copy of selected numbers");
+}
+
+void play(Random& random) {
+  static const std::vector<const Kernels*> run = kernels_that_run();
+  const Kernels& kernels = *random.any_of(run);
+  const std::int64_t way = random.between(0, 3);
+  if (way == 2) return play_comparison(random, kernels);
+  if (way == 3) return play_copy(random, kernels);
+  const std::int64_t dim = random.percent(80) ? random.between(0, 70) : random.between(0, 2100);
+  const std::int64_t most =
+      std::min<std::int64_t>(200, kMostFloats / std::max<std::int64_t>(dim, 1));
+  const Rows shape = {random.between(0, most), dim, static_cast<qx::Reach>(random.between(0, 2))};
+  way == 0 ? play_lying_rows(random, kernels, shape) : play_scattered_rows(random, kernels, shape);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t count) {
+  Random random{std::span(bytes, count)};
+  for (int calls = 0; calls < 8 && !random.exhausted(); ++calls) play(random);
+  return 0;
+}

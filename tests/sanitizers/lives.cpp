@@ -1,0 +1,55 @@
+// Plays random histories without a test framework, for tools that must see every instruction that
+// runs: lives [--no-rebuilds] FIRST_SEED COUNT.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "histories/history.h"
+
+#if defined(__has_feature)
+#if __has_feature(memory_sanitizer)
+#define QX_TEST_MEMORY_SANITIZER 1
+#endif
+#endif
+
+#if defined(QX_TEST_MEMORY_SANITIZER)
+#include <sanitizer/msan_interface.h>
+
+// The standard library is not compiled with the sanitizer, which does not see what its compiled
+// parts write into the nodes of the model's maps. So what the tests take by `new` counts as
+// written; the linker puts this in the place of `new`. The engine never uses it: what it takes by
+// malloc counts as unwritten until it writes there.
+extern "C" {
+void* __real__Znwm(std::size_t bytes);
+void* __wrap__Znwm(std::size_t bytes) {
+  void* const block = __real__Znwm(bytes);
+  __msan_unpoison(block, bytes);
+  return block;
+}
+}
+#endif
+
+int main(int count, char** arguments) {
+  const bool no_rebuilds = count == 4 && std::strcmp(arguments[1], "--no-rebuilds") == 0;
+  if (count != (no_rebuilds ? 4 : 3)) {
+    std::fprintf(stderr, "usage: lives [--no-rebuilds] FIRST_SEED COUNT\n");
+    return 2;
+  }
+  const std::uint64_t first = std::strtoull(arguments[count - 2], nullptr, 10);
+  const std::uint64_t histories = std::strtoull(arguments[count - 1], nullptr, 10);
+  qx_test::CallCounts calls;
+  for (std::uint64_t seed = first; seed - first < histories; ++seed) {
+    qx_test::History history(qx_test::Random(seed), calls, false);
+    if (no_rebuilds) history.forbid_rebuilds();
+    const std::string disagreement = history.play();
+    if (disagreement.empty()) continue;
+    std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), disagreement.c_str());
+    return 1;
+  }
+  std::int64_t total = 0;
+  for (const auto& [function, number] : calls) total += number;
+  std::printf("%llu histories, %lld calls of %zu functions\n",
+              static_cast<unsigned long long>(histories), static_cast<long long>(total),
+              calls.size());
+  return histories == 0 ? 1 : 0;
+}
