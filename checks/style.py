@@ -1,7 +1,6 @@
-"""Reads the tracked sources for what ./check style promises. Prints each finding and their number."""
+"""Reads the sources for what ./check style promises. Prints each finding and their number."""
 import pathlib
 import re
-import subprocess
 import sys
 
 LONGEST_LINE = 100
@@ -50,8 +49,7 @@ def unnamed():
 
 
 def main():
-    listed = subprocess.run(["git", "ls-files", "--", *FOLDERS], check=True, capture_output=True, text=True)
-    paths = [pathlib.Path(name) for name in listed.stdout.splitlines()]
+    paths = sorted(path for folder in FOLDERS for path in pathlib.Path(folder).rglob("*"))
     text = [path for path in paths if path.suffix in SOURCES or path.suffix in {".sh", ".md"}]
     findings = [finding for path in text for finding in findings_of(path)] + list(unnamed())
     print("\n".join(findings), end="\n" if findings else "")

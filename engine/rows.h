@@ -37,7 +37,6 @@ void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wante
   // time than the first.
   constexpr std::int64_t kListed = 512;
   constexpr int kSecondLevel = 2;
-  const auto limit = static_cast<std::uint64_t>(index.max_base_id);
   if (index.id_to_row == nullptr) return;
   for (const Int64Map::Entry* next = map.begin(); next != map.end();) {
     std::int64_t ids[kListed];
@@ -45,7 +44,7 @@ void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wante
     for (; next != map.end() && listed < kListed; ++next) {
       ids[listed] = next->key;
       listed += static_cast<std::int64_t>(wanted(*next)) &
-                static_cast<std::int64_t>(static_cast<std::uint64_t>(next->key) <= limit);
+                static_cast<std::int64_t>(has_slot(index, next->key));
     }
     for (std::int64_t i = 0; i < listed; ++i) {
       __builtin_prefetch(index.id_to_row + ids[i], 0, kSecondLevel);

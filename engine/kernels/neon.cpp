@@ -121,14 +121,21 @@ void score_scattered(const float* const* rows, std::int64_t count, std::int64_t 
   if (i < count) score_last_rows(rows + i, count - i, dim, query, scores + i);
 }
 
-void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      Reach /*reach*/, float* scores) {
+// Hands rows that lie one after the other, by their addresses, to a function for scattered rows.
+template <typename Scattered>
+void by_address(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
+                float* values, Scattered scattered) {
   for (std::int64_t i = 0; i < count; i += kRows) {
     const float* group[kRows];
     const std::int64_t size = count - i < kRows ? count - i : kRows;
     for (std::int64_t r = 0; r < size; ++r) group[r] = rows + (i + r) * dim;
-    score_scattered(group, size, dim, query, scores + i);
+    scattered(group, size, dim, query, values + i);
   }
+}
+
+void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
+                      Reach /*reach*/, float* scores) {
+  by_address(rows, count, dim, query, scores, score_scattered);
 }
 
 void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
@@ -140,12 +147,7 @@ void estimate_scattered(const float* const* rows, std::int64_t count, std::int64
 
 void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
                          const float* query, Reach /*reach*/, float* estimates) {
-  for (std::int64_t i = 0; i < count; i += kRows) {
-    const float* group[kRows];
-    const std::int64_t size = count - i < kRows ? count - i : kRows;
-    for (std::int64_t r = 0; r < size; ++r) group[r] = rows + (i + r) * dim;
-    estimate_scattered(group, size, dim, query, estimates + i);
-  }
+  by_address(rows, count, dim, query, estimates, estimate_scattered);
 }
 
 std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {

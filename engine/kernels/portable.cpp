@@ -86,14 +86,21 @@ void score_scattered(const float* const* rows, std::int64_t count, std::int64_t 
   for (std::int64_t r = 0; i + r < count; ++r) scores[i + r] = group_scores[r];
 }
 
+// Hands rows that lie one after the other, by their addresses, to a function for scattered rows.
+template <std::int64_t Rows, typename Scattered>
+void by_address(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
+                float* values, Scattered scattered) {
+  for (std::int64_t first = 0; first < count; first += Rows) {
+    const float* group[Rows];
+    const std::int64_t size = count - first < Rows ? count - first : Rows;
+    for (std::int64_t i = 0; i < size; ++i) group[i] = rows + (first + i) * dim;
+    scattered(group, size, dim, query, values + first);
+  }
+}
+
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
                       Reach /*reach*/, float* scores) {
-  for (std::int64_t first = 0; first < count; first += kGroup) {
-    const float* group[kGroup];
-    const std::int64_t size = count - first < kGroup ? count - first : kGroup;
-    for (std::int64_t i = 0; i < size; ++i) group[i] = rows + (first + i) * dim;
-    score_scattered(group, size, dim, query, scores + first);
-  }
+  by_address<kGroup>(rows, count, dim, query, scores, score_scattered);
 }
 
 void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
@@ -107,12 +114,7 @@ void estimate_scattered(const float* const* rows, std::int64_t count, std::int64
 
 void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
                          const float* query, Reach /*reach*/, float* estimates) {
-  for (std::int64_t first = 0; first < count; first += kAbreast) {
-    const float* group[kAbreast];
-    const std::int64_t size = count - first < kAbreast ? count - first : kAbreast;
-    for (std::int64_t i = 0; i < size; ++i) group[i] = rows + (first + i) * dim;
-    estimate_scattered(group, size, dim, query, estimates + first);
-  }
+  by_address<kAbreast>(rows, count, dim, query, estimates, estimate_scattered);
 }
 
 std::uint64_t not_below(const float* numbers, std::int64_t count, float limit) {
