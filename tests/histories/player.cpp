@@ -1,6 +1,7 @@
 #include "histories/player.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "kernels/kernels.h"
 #include "support/child.h"
@@ -91,7 +92,9 @@ void Player::place_inputs(const Call& call) {
 void Player::place_outputs(const Call& call, const Answer& expected) {
   const auto place = [&](auto& buffer, const auto& after, int array) {
     auto untouched = after;
-    std::memset(untouched.data(), kUntouchedByte, untouched.size() * sizeof untouched[0]);
+    if (!untouched.empty()) {
+      std::memset(untouched.data(), kUntouchedByte, untouched.size() * sizeof untouched[0]);
+    }
     buffer.assign(untouched, edge_of(call, array));
   };
   place(out_ids_, expected.ids, 6);
