@@ -4,17 +4,17 @@
 #include <utility>
 
 #include "fuzz/target.h"
-#include "histories/history.h"
+#include "histories/player.h"
 #include "support/heap.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t count) {
+  const qx_test::Life life = qx_test::draw_life(qx_test::Random(std::span(bytes, count)));
   std::string disagreement;
   bool rebuilt = false;
   const qx_test::HeapLog log = qx_test::record_heap([&] {
-    qx_test::CallCounts calls;
-    qx_test::History history(qx_test::Random(std::span(bytes, count)), calls, false);
-    disagreement = history.play();
-    rebuilt = history.rebuilt();
+    qx_test::Player player(qx_test::UnderKernels::kAll, false);
+    disagreement = player.play(life);
+    rebuilt = player.rebuilt();
   });
   qx_test::require(disagreement.empty(), disagreement);
   qx_test::require(rebuilt || log.still_held.empty(), "memory is held after the index was freed");

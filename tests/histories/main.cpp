@@ -1,53 +1,84 @@
-// Plays random histories: history_tests [--seed N] [--count N] [--trace] [GoogleTest options].
-// Without options it plays the histories of `./check`.
+// Plays random histories, by default those of `./check`:
+//
+//   history_tests [--seed N] [--count N | --calls N] [--workers N] [--progress] [--trace]
+//                 [--replay FILE] [GoogleTest options]
+//
+// A history that fails is shrunk and printed as a program that replays it; --replay also writes the
+// program to a file.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <charconv>
-#include <csignal>
 #include <cstdio>
+#include <string>
 #include <string_view>
 
-#include "histories/history.h"
+#include "cpus/digest.h"
+#include "histories/life.h"
+#include "histories/series.h"
 
 namespace {
 
-std::uint64_t first_seed = 1;
-std::uint64_t history_count = 1000;
-bool trace = false;
+qx_test::SeriesOptions options;
+std::string replay_file;
 
-constexpr std::size_t kFunctions = 30;
+constexpr std::int64_t kFunctions = 30;
 
-// What replays the history that is being played, ready to be written when the process ends in it.
-char replay_line[100];
+// Below this many histories some function may not have had its turn, nor is their length average.
+constexpr std::uint64_t kEnoughForAverages = 500;
+constexpr std::uint64_t kLeastComparedOnAverage = 25;
 
-void write_replay_line(int signal) {
-  std::signal(signal, SIG_DFL);
-  (void)!write(STDOUT_FILENO, replay_line, std::char_traits<char>::length(replay_line));
-  std::raise(signal);
+void report_failure(std::uint64_t seed, const std::string& failure) {
+  std::printf("%s\nreplay: history_tests --seed %llu --count 1 --trace\n", failure.c_str(),
+              static_cast<unsigned long long>(seed));
+  if (options.trace) return;
+  const std::string source = qx_test::shrunk_replay(seed, failure);
+  std::printf("%s\n", source.empty() ? "by itself it does not fail again" : source.c_str());
+  if (replay_file.empty() || source.empty()) return;
+  std::FILE* const file = std::fopen(replay_file.c_str(), "w");
+  ASSERT_NE(file, nullptr) << replay_file;
+  EXPECT_EQ(std::fwrite(source.data(), 1, source.size(), file), source.size());
+  EXPECT_EQ(std::fclose(file), 0);
 }
 
-// Below this many histories some function may not have had its turn.
-constexpr std::uint64_t kEnoughForEveryFunction = 500;
-
 TEST(Histories, AgreeWithTheModel) {
-  qx_test::CallCounts calls;
-  for (std::uint64_t seed = first_seed; seed - first_seed < history_count; ++seed) {
-    std::snprintf(replay_line, sizeof replay_line,
-                  "replay: history_tests --seed %llu --count 1 --trace\n",
-                  static_cast<unsigned long long>(seed));
-    const std::string disagreement = qx_test::History(qx_test::Random(seed), calls, trace).play();
-    ASSERT_EQ(disagreement, "") << replay_line;
+  const qx_test::SeriesResult result = qx_test::play_series(options);
+  std::printf(
+      "%llu histories, seeds %llu to %llu, %lld calls of %lld functions, "
+      "%lld of them compared with the model, %.1f s\n",
+      static_cast<unsigned long long>(result.histories),
+      static_cast<unsigned long long>(options.first_seed),
+      static_cast<unsigned long long>(result.last_seed), static_cast<long long>(result.made),
+      static_cast<long long>(result.functions), static_cast<long long>(result.compared),
+      result.seconds);
+  if (result.failed_seed) {
+    report_failure(*result.failed_seed, result.failure);
+    FAIL() << "seed " << *result.failed_seed << ": " << result.failure;
   }
-  std::int64_t total = 0;
-  for (const auto& [function, count] : calls) total += count;
-  std::printf("%llu histories from seed %llu, %lld calls of %zu functions\n",
-              static_cast<unsigned long long>(history_count),
-              static_cast<unsigned long long>(first_seed), static_cast<long long>(total),
-              calls.size());
-  if (history_count >= kEnoughForEveryFunction) {
-    EXPECT_EQ(calls.size(), kFunctions);
+  if (result.histories >= kEnoughForAverages) {
+    EXPECT_EQ(result.functions, kFunctions);
+    EXPECT_GE(result.compared,
+              static_cast<std::int64_t>(kLeastComparedOnAverage * result.histories));
   }
+}
+
+// Every seed that was ever printed must replay elsewhere.
+TEST(Histories, AreTheSameWithEveryCompilerAndOnEveryCpu) {
+  qx_test::Digest digest;
+  for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+    for (const qx_test::Call& call : qx_test::draw_life(qx_test::Random(seed))) {
+      digest.add(static_cast<int>(call.function));
+      for (const std::int64_t number : call.numbers) digest.add(number);
+      digest.add(call.floats);
+      for (const auto* const numbers : {&call.ids, &call.more_ids, &call.values}) {
+        digest.add(*numbers);
+      }
+      digest.add(call.ints);
+      digest.add(call.more_ints);
+      digest.add(call.starts);
+      digest.add(call.spare);
+    }
+  }
+  EXPECT_EQ(digest.text(), "982b490087b29ebbf1871e6e910fefde");
 }
 
 bool parse_number(const char* text, std::uint64_t* number) {
@@ -56,19 +87,29 @@ bool parse_number(const char* text, std::uint64_t* number) {
   return error == std::errc() && end == digits.data() + digits.size();
 }
 
+bool parse_option(std::string_view option, const char* value, bool* took_value) {
+  *took_value = false;
+  if (option == "--trace") return options.trace = true;
+  if (option == "--progress") return options.progress = true;
+  if (value == nullptr) return false;
+  *took_value = true;
+  if (option == "--replay") {
+    replay_file = value;
+    return true;
+  }
+  if (option == "--seed") return parse_number(value, &options.first_seed);
+  if (option == "--count") return parse_number(value, &options.histories);
+  if (option == "--calls") return parse_number(value, &options.calls);
+  return option == "--workers" && parse_number(value, &options.workers) && options.workers > 0;
+}
+
 bool parse_options(int count, char** arguments) {
   for (int i = 1; i < count; ++i) {
-    const std::string_view option(arguments[i]);
-    const bool has_value = i + 1 < count;
-    if (option == "--trace") {
-      trace = true;
-    } else if (option == "--seed" && has_value && parse_number(arguments[i + 1], &first_seed)) {
-      ++i;
-    } else if (option == "--count" && has_value && parse_number(arguments[i + 1], &history_count)) {
-      ++i;
-    } else {
+    bool took_value = false;
+    if (!parse_option(arguments[i], i + 1 < count ? arguments[i + 1] : nullptr, &took_value)) {
       return false;
     }
+    i += took_value ? 1 : 0;
   }
   return true;
 }
@@ -78,13 +119,11 @@ bool parse_options(int count, char** arguments) {
 int main(int count, char** arguments) {
   testing::InitGoogleTest(&count, arguments);
   if (!parse_options(count, arguments)) {
-    std::fprintf(stderr, "usage: history_tests [--seed N] [--count N] [--trace]\n");
+    std::fprintf(stderr,
+                 "usage: history_tests [--seed N] [--count N | --calls N] [--workers N] "
+                 "[--progress] [--trace] [--replay FILE]\n");
     return 2;
   }
-  for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGTRAP}) {
-    const auto earlier = std::signal(signal, write_replay_line);
-    if (earlier != SIG_DFL) std::signal(signal, earlier);  // a sanitizer's says more
-  }
-  if (trace) std::setvbuf(stdout, nullptr, _IONBF, 0);
+  if (options.trace) std::setvbuf(stdout, nullptr, _IONBF, 0);
   return RUN_ALL_TESTS();
 }

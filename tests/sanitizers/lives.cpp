@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "histories/history.h"
+#include "histories/player.h"
 
 #if defined(__has_feature)
 #if __has_feature(memory_sanitizer)
@@ -39,9 +39,11 @@ int main(int count, char** arguments) {
   const std::uint64_t histories = std::strtoull(arguments[count - 1], nullptr, 10);
   qx_test::CallCounts calls;
   for (std::uint64_t seed = first; seed - first < histories; ++seed) {
-    qx_test::History history(qx_test::Random(seed), calls, false);
-    if (no_rebuilds) history.forbid_rebuilds();
-    const std::string disagreement = history.play();
+    qx_test::Player player(qx_test::UnderKernels::kAll, false);
+    const std::string disagreement = player.play(
+        qx_test::draw_life(qx_test::Random(seed), no_rebuilds ? qx_test::Rebuilds::kLeftOut
+                                                              : qx_test::Rebuilds::kAllowed));
+    for (const auto& [function, number] : player.calls()) calls[function] += number;
     if (disagreement.empty()) continue;
     std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), disagreement.c_str());
     return 1;

@@ -1,0 +1,66 @@
+// Plays a life on the engine and compares every answer with the model's.
+#pragma once
+
+#include <array>
+#include <map>
+#include <string>
+
+#include "histories/life.h"
+#include "qx_runtime.h"
+#include "support/guarded.h"
+
+namespace qx_test {
+
+// How often each function has been called.
+using CallCounts = std::map<std::string, std::int64_t>;
+
+enum class UnderKernels { kAll, kChosen };
+
+class Player {
+ public:
+  // `trace` prints every call to standard output. Reads are made under every kernel of this
+  // machine, or only under the one that a host of this machine meets.
+  Player(UnderKernels kernels, bool trace) : kernels_(kernels), trace_(trace) {}
+  ~Player() { qx_index_free(index_); }
+  Player(const Player&) = delete;
+  Player& operator=(const Player&) = delete;
+
+  // Plays a life. Returns an empty text, or what disagreed and where.
+  std::string play(const Life& life);
+
+  const CallCounts& calls() const { return calls_; }
+  // Whether a further build has replaced a base, whose arrays nobody owns then.
+  bool rebuilt() const { return rebuilt_; }
+  // The calls that have something to compare: all but those that create and release.
+  std::int64_t compared() const { return compared_; }
+
+ private:
+  void perform(const Call& call);
+  Answer ask(const Call& call);
+  void ask_search(const Call& call, Answer& answer);
+  void compare(const Call& call, const Answer& expected);
+  void expect_end(const Call& call, const Answer& expected);
+  void place_inputs(const Call& call);
+  void place_outputs(const Call& call, const Answer& expected);
+  void check(const Call& call, bool agrees, const char* what);
+  void check_inputs(const Call& call);
+
+  UnderKernels kernels_;
+  bool trace_;
+  Model model_{0, 0};
+  QxIndex* index_ = nullptr;
+  bool ended_ = false;
+  bool rebuilt_ = false;
+  std::size_t step_ = 0;
+  CallCounts calls_;
+  std::int64_t compared_ = 0;
+  std::string disagreement_;
+
+  Guarded<float> floats_;
+  Guarded<std::int64_t> ids_, more_ids_, values_;
+  Guarded<std::int32_t> ints_, more_ints_;
+  Guarded<std::int64_t> out_ids_, out_values_;
+  Guarded<float> out_floats_;
+};
+
+}  // namespace qx_test

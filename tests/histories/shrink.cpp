@@ -1,0 +1,285 @@
+// Delta debugging: first whole calls go, then rows, ids and lists, and last the values that are
+// left become plain ones. Each pass keeps what still fails, until no pass finds anything.
+#include "histories/shrink.h"
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <set>
+
+namespace qx_test {
+namespace {
+
+// Bit for bit, for a NaN does not equal itself.
+bool same(const Floats& a, const Floats& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](float x, float y) {
+    return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y);
+  });
+}
+
+bool same(const Call& a, const Call& b) {
+  return a.function == b.function && a.numbers == b.numbers && same(a.floats, b.floats) &&
+         a.ids == b.ids && a.more_ids == b.more_ids && a.values == b.values && a.ints == b.ints &&
+         a.more_ints == b.more_ints && a.starts == b.starts && a.spare == b.spare;
+}
+
+bool same(const Life& a, const Life& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](const Call& x, const Call& y) { return same(x, y); });
+}
+
+using Clock = std::chrono::steady_clock;
+
+class Shrinker {
+ public:
+  Shrinker(const Life& life, const std::function<bool(const Life&)>& fails, int seconds)
+      : best_(made_valid(life)), fails_(fails), end_(Clock::now() + std::chrono::seconds(seconds)) {
+    if (!fails_(best_)) best_ = life;
+  }
+
+  Life run() {
+    do {
+      improved_ = false;
+      drop_calls();
+      drop_components();
+      for (std::size_t call = 0; call < best_.size(); ++call) drop_elements(call);
+      rename_ids();
+      for (std::size_t call = 0; call < best_.size(); ++call) simplify(call);
+    } while (improved_ && Clock::now() < end_);
+    return best_;
+  }
+
+ private:
+  // Keeps a life that still fails.
+  bool keep_if_failing(const Life& candidate) {
+    if (Clock::now() >= end_) return false;
+    Life valid = made_valid(candidate);
+    if (same(valid, best_) || !fails_(valid)) return false;
+    best_ = std::move(valid);
+    improved_ = true;
+    return true;
+  }
+
+  // Removes spans of `size()` elements, halving their length down to one. `without` gives the life
+  // without `count` elements from `first` on.
+  template <typename Size, typename Without>
+  void drop_spans(Size size, Without without) {
+    for (std::size_t span = std::max<std::size_t>(size(), 1); span > 0; span /= 2) {
+      for (std::size_t first = 0; first < size();) {
+        const std::size_t count = std::min(span, size() - first);
+        const std::size_t before = size();
+        if (!keep_if_failing(without(first, count)) || size() >= before) first += count;
+      }
+    }
+  }
+
+  void drop_calls() {
+    drop_spans([&] { return best_.size(); },
+               [&](std::size_t first, std::size_t count) {
+                 Life life = best_;
+                 const auto at = life.begin() + static_cast<std::ptrdiff_t>(first);
+                 life.erase(at, at + static_cast<std::ptrdiff_t>(count));
+                 return life;
+               });
+  }
+
+  // One component less in every vector: column `j` of all calls goes.
+  void drop_components() {
+    for (std::int64_t j = 0; j < widest();) {
+      const std::int64_t before = widest();
+      if (!keep_if_failing(without_component(j)) || widest() >= before) ++j;
+    }
+  }
+
+  std::int64_t widest() const {
+    std::int64_t most = 0;
+    for (const Call& call : best_) most = std::max(most, width_of(call));
+    return most;
+  }
+
+  static std::int64_t width_of(const Call& call) {
+    const std::int64_t rows = rows_of(call);
+    return rows == 0 ? 0 : std::ssize(call.floats) / rows;
+  }
+
+  static std::int64_t rows_of(const Call& call) {
+    if (call.function == Function::kBuild || call.function == Function::kInsert) {
+      return std::ssize(call.ids);
+    }
+    if (call.function == Function::kSetIvf) return std::max<std::int64_t>(call.numbers[1], 0);
+    return call.floats.empty() ? 0 : 1;
+  }
+
+  Life without_component(std::int64_t j) const {
+    Life life = best_;
+    for (Call& call : life) {
+      const std::int64_t width = width_of(call);
+      Floats narrower;
+      for (std::int64_t i = 0; i < std::ssize(call.floats); ++i) {
+        if (width == 0 || i % width != j) narrower.push_back(call.floats[std::size_t(i)]);
+      }
+      if (width > 0) call.floats = narrower;
+      if (call.function == Function::kNew && static_cast<std::int32_t>(call.numbers[0]) > j) {
+        --call.numbers[0];
+      }
+      if (call.function == Function::kBuild && call.numbers[kBuildDim] > j) {
+        --call.numbers[kBuildDim];
+      }
+    }
+    return life;
+  }
+
+  // Without rows, ids, lists and partitions of one call, and what belongs to them.
+  void drop_elements(std::size_t at) {
+    drop_of(
+        at, [](Call& call) -> std::size_t { return call.ids.size(); }, &drop_ids);
+    if (at >= best_.size()) return;
+    if (best_[at].function == Function::kBuild) {
+      drop_of(
+          at, [](Call& call) { return call.more_ids.size(); }, &drop_partitions);
+    } else if (best_[at].function == Function::kSetIvf) {
+      drop_of(
+          at, [](Call& call) { return call.ints.empty() ? 0 : call.ints.size() - 1; }, &drop_lists);
+    }
+  }
+
+  template <typename Size>
+  void drop_of(std::size_t at, Size size, void (*drop)(Call&, std::size_t, std::size_t)) {
+    drop_spans([&] { return at < best_.size() ? size(best_[at]) : 0; },
+               [&](std::size_t first, std::size_t count) {
+                 Life life = best_;
+                 drop(life[at], first, count);
+                 return life;
+               });
+  }
+
+  template <typename T>
+  static void erase_rows(std::vector<T>& values, std::size_t first, std::size_t count,
+                         std::size_t width) {
+    const std::size_t from = std::min(values.size(), first * width);
+    const std::size_t to = std::min(values.size(), (first + count) * width);
+    values.erase(values.begin() + static_cast<std::ptrdiff_t>(from),
+                 values.begin() + static_cast<std::ptrdiff_t>(to));
+  }
+
+  static void drop_ids(Call& call, std::size_t first, std::size_t count) {
+    const std::size_t rows = call.ids.size();
+    if (call.function == Function::kBuild || call.function == Function::kInsert) {
+      erase_rows(call.floats, first, count, call.floats.size() / rows);
+    } else if (call.function == Function::kSetRowmeta) {
+      erase_rows(call.values, first, count, call.values.size() / rows);
+      erase_rows(call.more_ids, first, count, 1);
+    } else if (call.function == Function::kSetIvf) {
+      for (std::int32_t& offset : call.ints) {
+        const std::int64_t behind = std::int64_t{offset} - static_cast<std::int64_t>(first);
+        if (offset > static_cast<std::int64_t>(rows) || behind <= 0) continue;
+        offset -= static_cast<std::int32_t>(std::min(behind, static_cast<std::int64_t>(count)));
+      }
+    }
+    erase_rows(call.ids, first, count, 1);
+  }
+
+  static void drop_partitions(Call& call, std::size_t first, std::size_t count) {
+    erase_rows(call.more_ids, first, count, 1);
+    erase_rows(call.ints, first, count, 1);
+    erase_rows(call.more_ints, first, count, 1);
+  }
+
+  static void drop_lists(Call& call, std::size_t first, std::size_t count) {
+    const auto nlist = static_cast<std::size_t>(std::max<std::int64_t>(call.numbers[1], 1));
+    erase_rows(call.floats, first, count, call.floats.size() / nlist);
+    erase_rows(call.ints, first, count, 1);
+    call.numbers[1] -= static_cast<std::int64_t>(count);
+  }
+
+  // Small numbers for the ids, the same in every call.
+  void rename_ids() {
+    std::set<std::int64_t> ids;
+    for (const Call& call : best_) ids.insert(call.ids.begin(), call.ids.end());
+    std::int64_t next = 0;
+    for (const std::int64_t id : ids) {
+      while (ids.count(next) != 0 && next < id) ++next;
+      if (id >= 0 && next >= id) continue;
+      Life life = best_;
+      for (Call& call : life) std::replace(call.ids.begin(), call.ids.end(), id, next);
+      if (keep_if_failing(life)) ++next;
+    }
+  }
+
+  // Plainer numbers and values in one call.
+  void simplify(std::size_t at) {
+    simplify_all<std::uint32_t>(at, [](Call& c) { return &c.starts; }, {0});
+    simplify_all<std::int64_t>(at, [](Call& c) { return &c.spare; }, {0});
+    for (std::size_t i = 0; at < best_.size() && i < traits(best_[at].function).numbers; ++i) {
+      const std::int64_t now = best_[at].numbers[i];
+      simplify_all<std::int64_t>(at, [i](Call& c) { return &c.numbers[i]; },
+                                 {0, 1, now / 2, now - 1});
+    }
+    simplify_elements<float>(at, [](Call& c) -> Floats& { return c.floats; }, {0.0f, 1.0f, 2.0f});
+    simplify_elements<std::int64_t>(at, [](Call& c) -> Ids& { return c.more_ids; }, {0, 1});
+    simplify_elements<std::int64_t>(at, [](Call& c) -> Ids& { return c.values; }, {0, 1});
+    simplify_elements<std::int32_t>(at, [](Call& c) -> Ints& { return c.ints; }, {0, 1});
+    simplify_elements<std::int32_t>(at, [](Call& c) -> Ints& { return c.more_ints; }, {0, 1});
+  }
+
+  template <typename T, typename Place>
+  void simplify_all(std::size_t at, Place place, const std::vector<T>& choices) {
+    for (const T choice : choices) {
+      if (at >= best_.size()) return;
+      Life life = best_;
+      T& value = *place(life[at]);
+      if (!is_plainer(choice, value)) continue;
+      value = choice;
+      if (keep_if_failing(life)) return;
+    }
+  }
+
+  // All elements at once; where that does not fail, each by itself.
+  template <typename T, typename Elements>
+  void simplify_elements(std::size_t at, Elements elements, std::initializer_list<T> choices) {
+    if (at >= best_.size()) return;
+    for (const T choice : choices) {
+      Life life = best_;
+      auto& values = elements(life[at]);
+      const auto plainer = [&](T value) { return is_plainer(choice, value); };
+      if (std::none_of(values.begin(), values.end(), plainer)) continue;
+      std::replace_if(values.begin(), values.end(), plainer, choice);
+      if (keep_if_failing(life)) return;
+    }
+    for (std::size_t i = 0; at < best_.size() && i < elements(best_[at]).size(); ++i) {
+      simplify_all<T>(
+          at, [&](Call& c) { return &elements(c)[i]; }, choices);
+    }
+  }
+
+  // An order in which every change goes down, so that passes come to an end.
+  template <typename T>
+  static bool is_plainer(T a, T b) {
+    if constexpr (std::is_same_v<T, float>) {
+      const auto rank = [](float value) {
+        if (std::bit_cast<std::uint32_t>(value) == 0) return 0;
+        return value == 1.0f ? 1 : value == 2.0f ? 2 : 3;
+      };
+      return rank(a) < rank(b);
+    } else {
+      const auto rank = [](T value) {
+        const auto bits = static_cast<std::uint64_t>(value);
+        return static_cast<std::int64_t>(value) < 0 ? ~bits + (std::uint64_t{1} << 63) : bits;
+      };
+      return rank(a) < rank(b);
+    }
+  }
+
+  Life best_;
+  const std::function<bool(const Life&)>& fails_;
+  Clock::time_point end_;
+  bool improved_ = false;
+};
+
+}  // namespace
+
+Life shrink(const Life& life, const std::function<bool(const Life&)>& fails, int seconds) {
+  return Shrinker(life, fails, seconds).run();
+}
+
+}  // namespace qx_test
