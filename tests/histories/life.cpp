@@ -73,15 +73,43 @@ void answer_search(Answer& answer, const Model& model, const Call& call) {
   }
 }
 
-void answer_call(Answer& answer, Model& model, const Call& call) {
+void answer_listing(Answer& answer, const Model& model, const Call& call) {
   const auto& n = call.numbers;
   switch (call.function) {
-    case Function::kNew:
-      model = Model(static_cast<std::uint32_t>(n[0]), static_cast<std::uint32_t>(n[1]));
+    case Function::kExportBase:
+      grant(answer, call, model.n_base(), std::ssize(model.base_vectors));
+      answer.result = model.export_base(answer.floats, answer.ids);
       break;
-    case Function::kFree:
-    case Function::kFreeNull:
+    case Function::kTunerOversized:
+      grant(answer, call, std::ssize(model.part_keys), -1, std::ssize(model.part_keys));
+      answer.result = model.tuner_oversized(int32(n[0]), answer.ids, answer.values);
       break;
+    case Function::kExportRowmeta:
+      grant(answer, call, std::ssize(call.ids), -1,
+            std::ssize(call.ids) * std::ssize(model.columns));
+      answer.result = model.export_rowmeta(call.ids, answer.ids, answer.values);
+      break;
+    case Function::kMatchIds:
+      grant(answer, call, model.visible_count(), -1);
+      answer.result = model.match_ids(predicate_of(call), answer.ids);
+      break;
+    case Function::kVisibleIds:
+      grant(answer, call, model.visible_count(), -1);
+      answer.result = model.match_ids({0, 0, 0}, answer.ids);
+      break;
+    case Function::kExportVisible: {
+      const std::int64_t rows = model.visible_count();
+      grant(answer, call, rows, rows * model.width());
+      answer.result = model.export_visible(answer.floats, answer.ids);
+      break;
+    }
+    default:
+      answer_search(answer, model, call);
+  }
+}
+
+void answer_accessor(Answer& answer, const Model& model, const Call& call) {
+  switch (call.function) {
     case Function::kStats:
       answer.numbers = {model.n_base(), static_cast<std::uint32_t>(model.dim), model.user_tag,
                         std::ssize(model.part_keys)};
@@ -101,20 +129,32 @@ void answer_call(Answer& answer, Model& model, const Call& call) {
     case Function::kFormatVersion:
       answer.result = 1;
       break;
-    case Function::kBuild:
-      answer.result = model.build(call.floats, n[kBuildN], int32(n[kBuildDim]), call.ids,
-                                  call.more_ids, call.ints, call.more_ints, int32(n[kBuildParts]));
-      break;
-    case Function::kExportBase:
-      grant(answer, call, model.n_base(), std::ssize(model.base_vectors));
-      answer.result = model.export_base(answer.floats, answer.ids);
-      break;
     case Function::kTunerDefaults:
       answer.numbers = {20000, 980};
       break;
-    case Function::kTunerOversized:
-      grant(answer, call, std::ssize(model.part_keys), -1, std::ssize(model.part_keys));
-      answer.result = model.tuner_oversized(int32(n[0]), answer.ids, answer.values);
+    case Function::kHasIvf:
+      answer.result = static_cast<std::int64_t>(model.ivfs.count(call.numbers[0]));
+      break;
+    case Function::kVisibleCount:
+      answer.result = model.visible_count();
+      break;
+    default:
+      answer_listing(answer, model, call);
+  }
+}
+
+void answer_call(Answer& answer, Model& model, const Call& call) {
+  const auto& n = call.numbers;
+  switch (call.function) {
+    case Function::kNew:
+      model = Model(static_cast<std::uint32_t>(n[0]), static_cast<std::uint32_t>(n[1]));
+      break;
+    case Function::kFree:
+    case Function::kFreeNull:
+      break;
+    case Function::kBuild:
+      answer.result = model.build(call.floats, n[kBuildN], int32(n[kBuildDim]), call.ids,
+                                  call.more_ids, call.ints, call.more_ints, int32(n[kBuildParts]));
       break;
     case Function::kInsert:
       answer.result = as_int64(model.insert(call.floats, call.ids));
@@ -126,9 +166,6 @@ void answer_call(Answer& answer, Model& model, const Call& call) {
       model.ivfs[n[kIvfKey]] = {int32(n[kIvfNlist]), int32(n[kIvfNprobe]), call.floats, call.ids,
                                 call.ints};
       break;
-    case Function::kHasIvf:
-      answer.result = static_cast<std::int64_t>(model.ivfs.count(n[0]));
-      break;
     case Function::kClearIvf:
       model.ivfs.clear();
       break;
@@ -138,30 +175,8 @@ void answer_call(Answer& answer, Model& model, const Call& call) {
     case Function::kSetRowmeta:
       answer.result = model.set_rowmeta(call.ids, call.more_ids, call.values, int32(n[0]));
       break;
-    case Function::kExportRowmeta:
-      grant(answer, call, std::ssize(call.ids), -1,
-            std::ssize(call.ids) * std::ssize(model.columns));
-      answer.result = model.export_rowmeta(call.ids, answer.ids, answer.values);
-      break;
-    case Function::kMatchIds:
-      grant(answer, call, model.visible_count(), -1);
-      answer.result = model.match_ids(predicate_of(call), answer.ids);
-      break;
-    case Function::kVisibleIds:
-      grant(answer, call, model.visible_count(), -1);
-      answer.result = model.match_ids({0, 0, 0}, answer.ids);
-      break;
-    case Function::kVisibleCount:
-      answer.result = model.visible_count();
-      break;
-    case Function::kExportVisible: {
-      const std::int64_t rows = model.visible_count();
-      grant(answer, call, rows, rows * model.width());
-      answer.result = model.export_visible(answer.floats, answer.ids);
-      break;
-    }
     default:
-      answer_search(answer, model, call);
+      answer_accessor(answer, model, call);
   }
 }
 

@@ -1,10 +1,11 @@
 // Plays random histories, by default those of `./check`:
 //
 //   history_tests [--seed N] [--count N | --calls N] [--workers N] [--progress] [--trace]
-//                 [--replay FILE] [GoogleTest options]
+//                 [--replay FILE | --program FILE] [GoogleTest options]
 //
 // A history that fails is shrunk and printed as a program that replays it; --replay also writes the
-// program to a file.
+// program to a file. --program writes the whole life of the first seed as such a program, and plays
+// nothing.
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -14,18 +15,35 @@
 
 #include "cpus/digest.h"
 #include "histories/life.h"
+#include "histories/replay.h"
 #include "histories/series.h"
 
 namespace {
 
 qx_test::SeriesOptions options;
 std::string replay_file;
+std::string program_file;
 
 constexpr std::int64_t kFunctions = 30;
 
 // Below this many histories some function may not have had its turn, nor is their length average.
 constexpr std::uint64_t kEnoughForAverages = 500;
 constexpr std::uint64_t kLeastComparedOnAverage = 25;
+
+bool write_file(const std::string& name, const std::string& text) {
+  std::FILE* const file = std::fopen(name.c_str(), "w");
+  if (file == nullptr) return false;
+  const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  return std::fclose(file) == 0 && written;
+}
+
+int write_program() {
+  const std::uint64_t seed = options.first_seed;
+  const std::string comment = " * The life of seed " + std::to_string(seed) + ".\n";
+  if (write_file(program_file, replay_source(draw_life(qx_test::Random(seed)), comment))) return 0;
+  std::perror(program_file.c_str());
+  return 1;
+}
 
 void report_failure(std::uint64_t seed, const std::string& failure) {
   std::printf("%s\nreplay: history_tests --seed %llu --count 1 --trace\n", failure.c_str(),
@@ -34,10 +52,7 @@ void report_failure(std::uint64_t seed, const std::string& failure) {
   const std::string source = qx_test::shrunk_replay(seed, failure);
   std::printf("%s\n", source.empty() ? "by itself it does not fail again" : source.c_str());
   if (replay_file.empty() || source.empty()) return;
-  std::FILE* const file = std::fopen(replay_file.c_str(), "w");
-  ASSERT_NE(file, nullptr) << replay_file;
-  EXPECT_EQ(std::fwrite(source.data(), 1, source.size(), file), source.size());
-  EXPECT_EQ(std::fclose(file), 0);
+  EXPECT_TRUE(write_file(replay_file, source)) << replay_file;
 }
 
 TEST(Histories, AgreeWithTheModel) {
@@ -93,8 +108,8 @@ bool parse_option(std::string_view option, const char* value, bool* took_value) 
   if (option == "--progress") return options.progress = true;
   if (value == nullptr) return false;
   *took_value = true;
-  if (option == "--replay") {
-    replay_file = value;
+  if (option == "--replay" || option == "--program") {
+    (option == "--replay" ? replay_file : program_file) = value;
     return true;
   }
   if (option == "--seed") return parse_number(value, &options.first_seed);
@@ -121,9 +136,10 @@ int main(int count, char** arguments) {
   if (!parse_options(count, arguments)) {
     std::fprintf(stderr,
                  "usage: history_tests [--seed N] [--count N | --calls N] [--workers N] "
-                 "[--progress] [--trace] [--replay FILE]\n");
+                 "[--progress] [--trace] [--replay FILE | --program FILE]\n");
     return 2;
   }
+  if (!program_file.empty()) return write_program();
   if (options.trace) std::setvbuf(stdout, nullptr, _IONBF, 0);
   return RUN_ALL_TESTS();
 }

@@ -105,8 +105,13 @@ void Player::place_outputs(const Call& call, const Answer& expected) {
 }
 
 Answer Player::ask(const Call& call) {
-  const auto& n = call.numbers;
   Answer answer;
+  ask_change(call, answer);
+  return answer;
+}
+
+void Player::ask_change(const Call& call, Answer& answer) {
+  const auto& n = call.numbers;
   const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
   switch (call.function) {
     case Function::kNew:
@@ -119,6 +124,39 @@ Answer Player::ask(const Call& call) {
     case Function::kFreeNull:
       qx_index_free(nullptr);
       break;
+    case Function::kBuild:
+      give(qx_index_build(index_, floats_.data(), n[kBuildN], int32(n[kBuildDim]), ids_.data(),
+                          more_ids_.data(), ints_.data(), more_ints_.data(),
+                          int32(n[kBuildParts])));
+      break;
+    case Function::kInsert:
+      give(qx_index_insert(index_, floats_.data(), ids_.data(), int32(n[0])));
+      break;
+    case Function::kDelete:
+      give(qx_index_delete(index_, ids_.data(), int32(n[0])));
+      break;
+    case Function::kSetIvf:
+      give(qx_index_set_ivf(index_, n[kIvfKey], int32(n[kIvfNlist]), int32(n[kIvfNprobe]),
+                            floats_.data(), ids_.data(), ints_.data(), int32(n[kIvfIds])));
+      break;
+    case Function::kClearIvf:
+      give(qx_index_clear_ivf(index_));
+      break;
+    case Function::kSetIvfNprobe:
+      give(qx_index_set_ivf_nprobe(index_, n[0], int32(n[1])));
+      break;
+    case Function::kSetRowmeta:
+      give(qx_index_set_rowmeta(index_, ids_.data(), more_ids_.data(), values_.data(), int32(n[0]),
+                                int32(n[1])));
+      break;
+    default:
+      ask_accessor(call, answer);
+  }
+}
+
+void Player::ask_accessor(const Call& call, Answer& answer) {
+  const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
+  switch (call.function) {
     case Function::kStats: {
       std::uint64_t n_base = 1;
       std::uint32_t dim = 1;
@@ -143,14 +181,6 @@ Answer Player::ask(const Call& call) {
     case Function::kFormatVersion:
       give(qx_runtime_format_version());
       break;
-    case Function::kBuild:
-      give(qx_index_build(index_, floats_.data(), n[kBuildN], int32(n[kBuildDim]), ids_.data(),
-                          more_ids_.data(), ints_.data(), more_ints_.data(),
-                          int32(n[kBuildParts])));
-      break;
-    case Function::kExportBase:
-      give(qx_index_export_base(index_, out_floats_.data(), out_ids_.data()));
-      break;
     case Function::kTunerDefaults: {
       std::uint32_t first = 0;
       std::uint32_t second = 0;
@@ -158,31 +188,26 @@ Answer Player::ask(const Call& call) {
       answer.numbers = {first, second};
       break;
     }
+    case Function::kHasIvf:
+      give(qx_index_has_ivf(index_, call.numbers[0]));
+      break;
+    case Function::kVisibleCount:
+      give(qx_index_visible_count(index_));
+      break;
+    default:
+      ask_listing(call, answer);
+  }
+}
+
+void Player::ask_listing(const Call& call, Answer& answer) {
+  const auto& n = call.numbers;
+  const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
+  switch (call.function) {
+    case Function::kExportBase:
+      give(qx_index_export_base(index_, out_floats_.data(), out_ids_.data()));
+      break;
     case Function::kTunerOversized:
       give(qx_index_tuner_oversized(index_, int32(n[0]), out_ids_.data(), out_values_.data()));
-      break;
-    case Function::kInsert:
-      give(qx_index_insert(index_, floats_.data(), ids_.data(), int32(n[0])));
-      break;
-    case Function::kDelete:
-      give(qx_index_delete(index_, ids_.data(), int32(n[0])));
-      break;
-    case Function::kSetIvf:
-      give(qx_index_set_ivf(index_, n[kIvfKey], int32(n[kIvfNlist]), int32(n[kIvfNprobe]),
-                            floats_.data(), ids_.data(), ints_.data(), int32(n[kIvfIds])));
-      break;
-    case Function::kHasIvf:
-      give(qx_index_has_ivf(index_, n[0]));
-      break;
-    case Function::kClearIvf:
-      give(qx_index_clear_ivf(index_));
-      break;
-    case Function::kSetIvfNprobe:
-      give(qx_index_set_ivf_nprobe(index_, n[0], int32(n[1])));
-      break;
-    case Function::kSetRowmeta:
-      give(qx_index_set_rowmeta(index_, ids_.data(), more_ids_.data(), values_.data(), int32(n[0]),
-                                int32(n[1])));
       break;
     case Function::kExportRowmeta:
       give(qx_index_export_rowmeta(index_, ids_.data(), uint32(n[0]), out_ids_.data(),
@@ -194,16 +219,12 @@ Answer Player::ask(const Call& call) {
     case Function::kVisibleIds:
       give(qx_index_visible_ids(index_, out_ids_.data()));
       break;
-    case Function::kVisibleCount:
-      give(qx_index_visible_count(index_));
-      break;
     case Function::kExportVisible:
       give(qx_index_export_visible(index_, out_floats_.data(), out_ids_.data()));
       break;
     default:
       ask_search(call, answer);
   }
-  return answer;
 }
 
 void Player::ask_search(const Call& call, Answer& answer) {

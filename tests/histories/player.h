@@ -36,7 +36,11 @@ class Player {
 
  private:
   void perform(const Call& call);
+  // The engine's answer; each of the others hands on the functions that are not of its kind.
   Answer ask(const Call& call);
+  void ask_change(const Call& call, Answer& answer);
+  void ask_accessor(const Call& call, Answer& answer);
+  void ask_listing(const Call& call, Answer& answer);
   void ask_search(const Call& call, Answer& answer);
   void compare(const Call& call, const Answer& expected);
   void expect_end(const Call& call, const Answer& expected);

@@ -1,7 +1,9 @@
 #include "histories/replay.h"
 
+#include <array>
 #include <bit>
 #include <cstdio>
+#include <sstream>
 
 namespace qx_test {
 namespace {
@@ -139,6 +141,42 @@ std::string constant(const std::string& name, const std::vector<T>& values) {
   return text + "};\n";
 }
 
+// The C arguments of each function, in the order of the enumeration: arrays by their names, scalars
+// by their types and places in `numbers`. Without blanks.
+constexpr std::array<const char*, 31> kArguments = {
+    "uint32:0,uint32:1",                                                  // new
+    "index",                                                              // free
+    "NULL",                                                               // free
+    "index,&uint64:0,&uint32:1,&uint32:2,&int32:3",                       // stats
+    "index",                                                              // snapshot
+    "index",                                                              // mutated
+    "index",                                                              // sealed
+    "index",                                                              // delta_count
+    "",                                                                   // format_version
+    "index,floats,int64:0,int32:1,ids,more_ids,ints,more_ints,int32:2",   // build
+    "index,out_floats,out_ids",                                           // export_base
+    "index,floats,int32:0,out_ids,out_floats",                            // search_full
+    "index,int64:0,floats,int32:1,out_ids,out_floats",                    // search_partition
+    "index,ids,int32:0,floats,int32:1,out_ids,out_floats",                // scatter_topk
+    "&uint32:0,&uint32:1",                                                // tuner_defaults
+    "index,int32:0,out_ids,out_values",                                   // tuner_oversized
+    "index,floats,ids,int32:0",                                           // insert
+    "index,ids,int32:0",                                                  // delete
+    "index,int64:0,int32:1,int32:2,floats,ids,ints,int32:3",              // set_ivf
+    "index,int64:0",                                                      // has_ivf
+    "index",                                                              // clear_ivf
+    "index,int64:0,int32:1",                                              // set_ivf_nprobe
+    "index,int64:0,floats,int32:1,out_ids,out_floats",                    // search_ivf
+    "index,ids,int32:0,floats,uint32:1,out_ids,out_floats",               // search_mvcc
+    "index,ids,more_ids,values,int32:0,int32:1",                          // set_rowmeta
+    "index,ids,uint32:0,out_ids,out_values",                              // export_rowmeta
+    "index,uint32:0,int32:1,int64:2,floats,uint32:3,out_ids,out_floats",  // search_filtered
+    "index,uint32:0,int32:1,int64:2,out_ids",                             // match_ids
+    "index,out_ids",                                                      // visible_ids
+    "index",                                                              // visible_count
+    "index,out_floats,out_ids",                                           // export_visible
+};
+
 class Writer {
  public:
   Writer(const Life& life, const std::string& comment)
@@ -163,19 +201,8 @@ class Writer {
   std::string block(const Call& call, const Answer& answer) {
     before_.clear();
     after_.clear();
-    array_ = 0;
     const std::string at = std::to_string(++calls_);
-    const std::string floats = input("floats", call.floats, call);
-    const std::string ids = input("ids", call.ids, call);
-    const std::string more = input("more_ids", call.more_ids, call);
-    const std::string values = input("values", call.values, call);
-    const std::string ints = input("ints", call.ints, call);
-    const std::string more_ints = input("more_ints", call.more_ints, call);
-    const std::string in_floats = "(const float*)" + floats;
-    const std::string in_ids = "(const int64_t*)" + ids;
-    const std::string arguments = call_text(
-        call, answer, in_floats, in_ids, "(const int64_t*)" + more, "(const int64_t*)" + values,
-        "(const int32_t*)" + ints, "(const int32_t*)" + more_ints);
+    const std::string arguments = call_text(call, answer);
     std::string code = "  { /* " + at + " */\n" + before_;
     if (answer.end) {
       code += "    if (is_child(" + at + ", \"index " + std::to_string(answer.end->index) +
@@ -196,149 +223,73 @@ class Writer {
     return "    result(" + at + ", (int64_t)" + made + ", " + number(answer.result) + ");\n";
   }
 
+  std::string call_text(const Call& call, const Answer& answer) {
+    const auto function = static_cast<std::size_t>(call.function);
+    std::istringstream words(kArguments.at(function));
+    std::string made;
+    for (std::string word; std::getline(words, word, ',');) {
+      made += (made.empty() ? "" : ", ") + argument(word, call, answer);
+    }
+    return std::string(traits(call.function).name) + "(" + made + ")";
+  }
+
+  // What the call hands over for a word of kArguments.
+  std::string argument(const std::string& word, const Call& call, const Answer& answer) {
+    if (word == "floats") return input(word, "const float*", 0, call.floats, call);
+    if (word == "ids") return input(word, "const int64_t*", 1, call.ids, call);
+    if (word == "more_ids") return input(word, "const int64_t*", 2, call.more_ids, call);
+    if (word == "values") return input(word, "const int64_t*", 3, call.values, call);
+    if (word == "ints") return input(word, "const int32_t*", 4, call.ints, call);
+    if (word == "more_ints") return input(word, "const int32_t*", 5, call.more_ints, call);
+    if (word == "out_ids") return output(word, "int64_t*", 6, answer.ids, call, answer);
+    if (word == "out_floats") return output(word, "float*", 7, answer.floats, call, answer);
+    if (word == "out_values") return output(word, "int64_t*", 8, answer.values, call, answer);
+    const std::size_t colon = word.find(':');
+    if (colon == std::string::npos) return word;
+    const std::string type = word.substr(0, colon) + "_t";
+    const std::size_t i = std::stoul(word.substr(colon + 1));
+    if (type[0] == '&') return output_number(type.substr(1), i, answer);
+    return "(" + type + ")" + number(call.numbers.at(i));
+  }
+
+  static bool at_start(const Call& call, int array) { return (call.starts >> array & 1) != 0; }
+
   template <typename T>
-  std::string input(const std::string& name, const std::vector<T>& values, const Call& call) {
-    const bool at_start = (call.starts >> array_++ & 1) != 0;
-    if (!takes(call.function, name)) return name;
+  std::string input(const std::string& name, const char* type, int array,
+                    const std::vector<T>& values, const Call& call) {
     before_ += constant(name + "_", values);
     before_ += "    const Block " + name + " = input(" + name + "_, " +
-               std::to_string(values.size() * sizeof(T)) + ", " + (at_start ? "1" : "0") + ");\n";
+               std::to_string(values.size() * sizeof(T)) + ", " +
+               (at_start(call, array) ? "1" : "0") + ");\n";
     after_ += "    same(" + std::to_string(calls_) + ", " + name + ", " + name +
               "_, \"an input was changed\");\n";
-    return name + ".data";
-  }
-
-  static bool takes(Function function, const std::string& name) {
-    const bool build = function == Function::kBuild;
-    const bool ivf = function == Function::kSetIvf;
-    const bool meta = function == Function::kSetRowmeta;
-    if (name == "floats") {
-      return build || ivf || function == Function::kInsert || traits(function).k >= 0;
-    }
-    if (name == "ids") return build || traits(function).count >= 0;
-    if (name == "more_ids") return build || meta;
-    if (name == "values") return meta;
-    return name == "ints" ? build || ivf : build;
+    return std::string("(") + type + ")" + name + ".data";
   }
 
   template <typename T>
-  std::string output(const std::string& name, const std::vector<T>& after, const Call& call,
-                     int array, bool compared) {
-    const bool at_start = (call.starts >> array & 1) != 0;
+  std::string output(const std::string& name, const char* type, int array,
+                     const std::vector<T>& after, const Call& call, const Answer& answer) {
     before_ += "    const Block " + name + " = block(" + std::to_string(after.size() * sizeof(T)) +
-               ", " + (at_start ? "1" : "0") + ");\n";
-    if (compared) {
+               ", " + (at_start(call, array) ? "1" : "0") + ");\n";
+    if (!answer.end) {
       before_ += constant(name + "_", after);
       after_ += "    same(" + std::to_string(calls_) + ", " + name + ", " + name + "_, \"other " +
                 name.substr(4) + "\");\n";
     }
-    return std::string(std::is_same_v<T, float> ? "(float*)" : "(int64_t*)") + name + ".data";
+    return std::string("(") + type + ")" + name + ".data";
   }
 
-  std::string plain_numbers(const char* type, const Ids& expected, const std::string& made) {
-    std::string names;
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-      const std::string name = "number" + std::to_string(i);
-      const bool is_base = expected.size() == 4 && i == 0;
-      const bool is_parts = expected.size() == 4 && i == 3;
-      before_ += std::string("    ") +
-                 (is_base    ? "uint64_t"
-                  : is_parts ? "int32_t"
-                             : type) +
-                 " " + name + " = 1;\n";
-      names += (i == 0 ? "&" : ", &") + name;
-      after_ += "    result(" + std::to_string(calls_) + ", (int64_t)" + name + ", " +
-                number(expected[i]) + ");\n";
-    }
-    return made + names + ")";
-  }
-
-  std::string call_text(const Call& call, const Answer& answer, const std::string& floats,
-                        const std::string& ids, const std::string& more, const std::string& values,
-                        const std::string& ints, const std::string& more_ints) {
-    const std::string made = std::string(traits(call.function).name) + "(";
-    const auto n = [&](std::size_t i) { return number(call.numbers[i]); };
-    const auto int32 = [&](std::size_t i) { return "(int32_t)" + n(i); };
-    const auto uint32 = [&](std::size_t i) { return "(uint32_t)" + n(i); };
-    const auto out_ids = [&] { return output("out_ids", answer.ids, call, 6, !answer.end); };
-    const auto out_floats = [&] {
-      return output("out_floats", answer.floats, call, 7, !answer.end);
-    };
-    const auto out_values = [&] {
-      return output("out_values", answer.values, call, 8, !answer.end);
-    };
-    const auto hits = [&] {
-      const std::string written = out_ids();
-      return ", " + written + ", " + out_floats() + ")";
-    };
-    switch (call.function) {
-      case Function::kNew:
-        return made + uint32(0) + ", " + uint32(1) + ")";
-      case Function::kFreeNull:
-        return made + "NULL)";
-      case Function::kFormatVersion:
-        return made + ")";
-      case Function::kStats:
-        return plain_numbers("uint32_t", answer.numbers, made + "index, ");
-      case Function::kTunerDefaults:
-        return plain_numbers("uint32_t", answer.numbers, made);
-      case Function::kBuild:
-        return made + "index, " + floats + ", " + n(0) + ", " + int32(1) + ", " + ids + ", " +
-               more + ", " + ints + ", " + more_ints + ", " + int32(2) + ")";
-      case Function::kExportBase:
-      case Function::kExportVisible: {
-        const std::string written = out_floats();
-        return made + "index, " + written + ", " + out_ids() + ")";
-      }
-      case Function::kSearchFull:
-        return made + "index, " + floats + ", " + int32(0) + hits();
-      case Function::kSearchPartition:
-      case Function::kSearchIvf:
-        return made + "index, " + n(0) + ", " + floats + ", " + int32(1) + hits();
-      case Function::kScatterTopk:
-        return made + "index, " + ids + ", " + int32(0) + ", " + floats + ", " + int32(1) + hits();
-      case Function::kSearchMvcc:
-        return made + "index, " + ids + ", " + int32(0) + ", " + floats + ", " + uint32(1) + hits();
-      case Function::kSearchFiltered:
-        return made + "index, " + uint32(0) + ", " + int32(1) + ", " + n(2) + ", " + floats + ", " +
-               uint32(3) + hits();
-      case Function::kTunerOversized: {
-        const std::string written = out_ids();
-        return made + "index, " + int32(0) + ", " + written + ", " + out_values() + ")";
-      }
-      case Function::kInsert:
-        return made + "index, " + floats + ", " + ids + ", " + int32(0) + ")";
-      case Function::kDelete:
-        return made + "index, " + ids + ", " + int32(0) + ")";
-      case Function::kSetIvf:
-        return made + "index, " + n(0) + ", " + int32(1) + ", " + int32(2) + ", " + floats + ", " +
-               ids + ", " + ints + ", " + int32(3) + ")";
-      case Function::kHasIvf:
-        return made + "index, " + n(0) + ")";
-      case Function::kSetIvfNprobe:
-        return made + "index, " + n(0) + ", " + int32(1) + ")";
-      case Function::kSetRowmeta:
-        return made + "index, " + ids + ", " + more + ", " + values + ", " + int32(0) + ", " +
-               int32(1) + ")";
-      case Function::kExportRowmeta: {
-        const std::string written = out_ids();
-        return made + "index, " + ids + ", " + uint32(0) + ", " + written + ", " + out_values() +
-               ")";
-      }
-      case Function::kMatchIds:
-        return made + "index, " + uint32(0) + ", " + int32(1) + ", " + n(2) + ", " + out_ids() +
-               ")";
-      case Function::kVisibleIds:
-        return made + "index, " + out_ids() + ")";
-      default:
-        return made + "index)";
-    }
+  std::string output_number(const std::string& type, std::size_t i, const Answer& answer) {
+    const std::string name = "number" + std::to_string(i);
+    before_ += "    " + type + " " + name + " = 1;\n";
+    after_ += "    result(" + std::to_string(calls_) + ", (int64_t)" + name + ", " +
+              number(answer.numbers.at(i)) + ");\n";
+    return "&" + name;
   }
 
   std::string text_;
   std::string before_;
   std::string after_;
-  int array_ = 0;
   int calls_ = 0;
   Model model_{0, 0};
 };

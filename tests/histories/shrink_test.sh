@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Plants a fault in the engine, lets the histories find it, and takes the shrunk replay: it must be
-# C99 of few calls, fail with the fault and pass without.
+# C99 of few calls, fail with the fault and pass without. Also plays whole lives as programs.
 # usage: shrink_test.sh FAULTY_HISTORY_TESTS SOURCE_DIRECTORY STATIC_LIBRARY C_COMPILER CXX_COMPILER
 set -euo pipefail
 histories=$1
@@ -47,4 +47,16 @@ try_fault() {
 try_fault wrong-score 4
 try_fault crash 6
 try_fault write-beyond 4
-echo "shrink_test: 3 passed, 0 failed"
+
+# Whole lives as programs: each function is there, and the engine agrees.
+for seed in $(seq 20); do
+  "$histories" --seed "$seed" --program "$work/life.c"
+  "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -I"$source_directory/include" -c "$work/life.c" \
+    -o "$work/life.o"
+  "$cxx" "$work/life.o" "$library" -lm -o "$work/life"
+  (ulimit -c 0; "$work/life") || fail "the life of seed $seed differs as a program"
+  cat "$work/life.c" >>"$work/lives.c"
+done
+functions=$(grep -o 'qx_\(index\|runtime\|tuner\)_[a-z_]*(' "$work/lives.c" | sort -u | wc -l)
+[ "$functions" -eq 30 ] || fail "$functions functions in all lives"
+echo "shrink_test: 23 passed, 0 failed"
