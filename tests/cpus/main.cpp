@@ -1,14 +1,42 @@
-// Prints the digests of drawn lives of an index, which are the same on every CPU:
+// Plays drawn lives against the model and prints the digest of each, which is the same on every
+// CPU:
 //   digest --best                  the kernels that the engine chooses here
 //   digest KERNELS LIVES           a digest for each life, under the named kernels
-//   digest KERNELS LIFE --trace    one life, with the digest after each call
-// Ends with status 3 where the kernels do not run.
+//   digest KERNELS LIFE --trace    one life, with its calls
+// Ends with status 3 where the kernels do not run, 4 where the engine and the model disagree, and 5
+// where the lives did not call every function.
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string_view>
 
-#include "cpus/life.h"
+#include "histories/player.h"
 #include "kernels/kernels.h"
+
+namespace {
+
+constexpr std::size_t kFunctions = 30;
+
+// Fewer lives need not have called every function.
+constexpr std::uint64_t kEnoughForAll = 500;
+
+int play(std::uint64_t first, std::uint64_t last, bool trace) {
+  std::set<std::string> functions;
+  for (std::uint64_t seed = first; seed <= last; ++seed) {
+    qx_test::Player player(qx_test::UnderKernels::kChosen, trace);
+    const std::string disagreement = player.play(qx_test::draw_life(qx_test::Random(seed)));
+    if (!disagreement.empty()) {
+      std::fprintf(stderr, "life %llu: %s\n", static_cast<unsigned long long>(seed),
+                   disagreement.c_str());
+      return 4;
+    }
+    for (const auto& [function, calls] : player.calls()) functions.insert(function);
+    std::printf("%llu %s\n", static_cast<unsigned long long>(seed), player.digest().c_str());
+  }
+  return functions.size() == kFunctions || last - first < kEnoughForAll ? 0 : 5;
+}
+
+}  // namespace
 
 int main(int count, char** arguments) {
   if (count == 2 && std::string_view(arguments[1]) == "--best") {
@@ -22,9 +50,5 @@ int main(int count, char** arguments) {
     return 2;
   }
   if (!qx::force_kernels(arguments[1])) return 3;
-  for (std::uint64_t seed = trace ? last : 1; seed <= last; ++seed) {
-    qx_test::Life life(seed, trace);
-    std::printf("%llu %s\n", static_cast<unsigned long long>(seed), life.play().c_str());
-  }
-  return 0;
+  return play(trace ? last : 1, last, trace);
 }

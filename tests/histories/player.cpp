@@ -70,6 +70,15 @@ void Player::compare(const Call& call, const Answer& expected) {
   check(call,
         out_ids_.margins_intact() && out_floats_.margins_intact() && out_values_.margins_intact(),
         "written outside the outputs");
+  add_to_digest(answer);
+}
+
+void Player::add_to_digest(const Answer& answer) {
+  digest_.add(answer.result);
+  digest_.add(answer.numbers);
+  digest_.add(out_ids_.values());
+  digest_.add(out_floats_.values());
+  digest_.add(out_values_.values());
 }
 
 void Player::expect_end(const Call& call, const Answer& expected) {
@@ -80,6 +89,8 @@ void Player::expect_end(const Call& call, const Answer& expected) {
   check(call, child.trapped, "the process goes on, where its end was due");
   check(call, is_bounds_line(child.standard_error, expected.end->index, expected.end->length),
         "another last line");
+  digest_.add(expected.end->index);
+  digest_.add(expected.end->length);
 }
 
 void Player::place_inputs(const Call& call) {

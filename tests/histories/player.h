@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "cpus/digest.h"
 #include "histories/life.h"
 #include "qx_runtime.h"
 #include "support/guarded.h"
@@ -31,6 +32,8 @@ class Player {
   const CallCounts& calls() const { return calls_; }
   // Whether a further build has replaced a base, whose arrays nobody owns then.
   bool rebuilt() const { return rebuilt_; }
+  // The digest of everything that the calls gave back.
+  std::string digest() const { return digest_.text(); }
   // The calls that have something to compare: all but those that create and release.
   std::int64_t compared() const { return compared_; }
 
@@ -42,6 +45,7 @@ class Player {
   void ask_accessor(const Call& call, Answer& answer);
   void ask_listing(const Call& call, Answer& answer);
   void ask_search(const Call& call, Answer& answer);
+  void add_to_digest(const Answer& answer);
   void compare(const Call& call, const Answer& expected);
   void expect_end(const Call& call, const Answer& expected);
   void place_inputs(const Call& call);
@@ -59,6 +63,7 @@ class Player {
   CallCounts calls_;
   std::int64_t compared_ = 0;
   std::string disagreement_;
+  Digest digest_;
 
   Guarded<float> floats_;
   Guarded<std::int64_t> ids_, more_ids_, values_;
