@@ -1,0 +1,48 @@
+# What is installed: libraries, header, package files for CMake and pkg-config, and manual pages. The
+# package files find everything by their own place, so that an installed prefix can be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qx_runtime)
+install(TARGETS ${qx_libraries} EXPORT qx_runtimeTargets
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/qx_runtime.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT qx_runtimeTargets NAMESPACE qx_runtime:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/qx_runtimeConfig.cmake.in qx_runtimeConfig.cmake
+  INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(qx_runtimeConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/qx_runtimeConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/qx_runtimeConfigVersion.cmake
+  DESTINATION ${package_dir})
+
+# Folders that are given absolutely stay so.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(QX_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+  set(QX_PC_LIBDIR ${CMAKE_INSTALL_FULL_LIBDIR})
+  set(QX_PC_INCLUDEDIR ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+else()
+  file(RELATIVE_PATH upwards /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+  string(REGEX REPLACE "/$" "" upwards "${upwards}")
+  set(QX_PC_PREFIX "\${pcfiledir}/${upwards}")
+  set(QX_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+  set(QX_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+configure_file(cmake/qx_runtime.pc.in qx_runtime.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_runtime.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The manual pages are written from the header, by Python.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_Interpreter_FOUND)
+  set(pages ${CMAKE_CURRENT_BINARY_DIR}/man)
+  add_custom_command(OUTPUT ${pages}/man7/qx_runtime.7
+    COMMAND Python3::Interpreter ${PROJECT_SOURCE_DIR}/scripts/man_pages.py
+      ${pages} ${PROJECT_VERSION} ${QX_RELEASE_DATE}
+    DEPENDS include/qx_runtime.h scripts/man_pages.py scripts/header.py
+    COMMENT "Writing the manual pages")
+  add_custom_target(qx_runtime_man ALL DEPENDS ${pages}/man7/qx_runtime.7)
+  install(DIRECTORY ${pages}/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+else()
+  message(STATUS "qx_runtime: no Python, no manual pages")
+endif()

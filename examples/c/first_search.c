@@ -1,0 +1,48 @@
+/*
+ * The nearest neighbours of a query among vectors that are loaded once.
+ *
+ * Introduces: qx_runtime_format_version qx_index_new qx_index_build qx_index_sealed qx_index_stats
+ *             qx_index_search_full qx_index_free
+ *
+ * Prints:
+ *   interface 1
+ *   sealed 1: 4 rows of 3 floats in 0 partitions, tag 2026
+ *   2 found: id 30 (0.93), id 10 (0.80)
+ */
+#include <stdio.h>
+
+#include "qx_runtime.h"
+
+int main(void) {
+  /* Four vectors of length 1, so that the inner product is the cosine of the angle. */
+  const float vectors[4 * 3] = {1.0f, 0.0f, 0.0f, 0.0f, 1.0f, 0.0f,
+                                0.8f, 0.6f, 0.0f, 0.0f, 0.0f, 1.0f};
+  const int64_t ids[4] = {10, 20, 30, 40};
+  const float query[3] = {0.8f, 0.48f, 0.36f};
+  int64_t found[2];
+  float scores[2];
+  uint64_t rows;
+  uint32_t dim, tag;
+  int32_t parts, count;
+  QxIndex* index;
+
+  printf("interface %d\n", qx_runtime_format_version());
+
+  index = qx_index_new(3, 2026);
+  if (qx_index_build(index, vectors, 4, 3, ids, NULL, NULL, NULL, 0) != 0) {
+    fprintf(stderr, "the base was rejected\n");
+    qx_index_free(index);
+    return 1;
+  }
+  qx_index_stats(index, &rows, &dim, &tag, &parts);
+  printf("sealed %u: %u rows of %u floats in %d partitions, tag %u\n", qx_index_sealed(index),
+         (unsigned)rows, dim, parts, tag);
+
+  /* The host's arrays hold k slots each; the best comes first. */
+  count = qx_index_search_full(index, query, 2, found, scores);
+  printf("%d found: id %d (%.2f), id %d (%.2f)\n", count, (int)found[0], scores[0], (int)found[1],
+         scores[1]);
+
+  qx_index_free(index);
+  return 0;
+}

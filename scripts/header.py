@@ -1,0 +1,124 @@
+"""Reads include/qx_runtime.h: its overview, its conventions, and what it says of each function."""
+import dataclasses
+import pathlib
+import re
+
+HEADER = pathlib.Path(__file__).resolve().parents[1] / "include/qx_runtime.h"
+
+
+@dataclasses.dataclass
+class Function:
+    name: str
+    prototype: str  # as it is written, several lines of it too
+    section: str
+    summary: str  # the first sentence, without its full stop
+    description: list  # paragraphs
+    parameters: list  # pairs of names and what is said of them
+    result: str  # the paragraph that begins with "Returns", if there is one
+    notes: list  # paragraphs behind the parameters
+
+
+@dataclasses.dataclass
+class Header:
+    summary: str
+    overview: list  # paragraphs and, as tuples of lines, what is set as it is
+    conventions: list  # triples of number, title and such a list
+    functions: list
+
+
+def comment_lines(comment):
+    return [re.sub(r"^ \* ?", "", line).rstrip() for line in comment.splitlines()[1:-1]]
+
+
+def paragraphs(lines):
+    found, paragraph = [], []
+    for line in [*lines, ""]:
+        if line:
+            paragraph.append(line)
+        elif paragraph:
+            found.append(paragraph)
+            paragraph = []
+    return found
+
+
+def joined(lines):
+    return " ".join(line.strip() for line in lines)
+
+
+def blocks(lines, indent):
+    """Paragraphs of text; those that are indented further are kept as they are, as tuples."""
+    found = []
+    for paragraph in paragraphs(lines):
+        text = []
+        for line in paragraph:
+            plain = not line.startswith(" " * (indent + 2))
+            if plain:
+                text.append(line)
+                continue
+            if text:
+                found.append(joined(text))
+                text = []
+            if found and isinstance(found[-1], tuple) and line is not paragraph[0]:
+                found[-1] = (*found[-1], line[indent:])
+            else:
+                found.append((line[indent:],))
+        if text:
+            found.append(joined(text))
+    return found
+
+
+def parameters_of(paragraph):
+    """The pairs of a paragraph that lists parameters, or None: names, two blanks, text."""
+    listed = []
+    for line in paragraph:
+        match = re.match(r"(\w+(?:, \w+)*)  +(\S.*)", line)
+        if match:
+            listed.append([match[1], match[2]])
+        elif listed and line.startswith("   "):
+            listed[-1][1] += " " + line.strip()
+        else:
+            return None
+    return [tuple(pair) for pair in listed]
+
+
+def function_of(comment, prototype, section):
+    description, parameters, result, notes = [], [], "", []
+    for paragraph in paragraphs(comment_lines(comment)):
+        listed = parameters_of(paragraph)
+        text = joined(paragraph)
+        if listed:
+            parameters += listed
+        elif text.startswith("Returns "):
+            result = text
+        else:
+            (notes if parameters or result else description).append(text)
+    first = description[0] if description else result
+    summary = re.split(r"(?<=\w)[.:;](?: |$)", first)[0].rstrip(".")
+    return Function(re.search(r"(\w+)\(", prototype)[1], prototype, section, summary, description,
+                    parameters, result, notes)
+
+
+def read(path=HEADER):
+    text = path.read_text()
+    first = comment_lines(re.match(r"/\*.*?\*/", text, re.S)[0])
+    life = first.index("THE LIFE OF AN INDEX")
+    conventions = next(i for i, line in enumerate(first) if line.startswith("CONVENTIONS"))
+    opening = blocks(first[:life], 0)
+    summary = opening[0].split(": ", 1)[1].rstrip(".")
+    titled = []
+    for line in first[conventions + 1:]:
+        match = re.match(r"(\d+)\. ([^.]+)\. ?(.*)", line)
+        if match:
+            titled.append((int(match[1]), match[2], []))
+            line = "   " + match[3]
+        if titled:
+            titled[-1][2].append(line[3:])
+    functions, section = [], ""
+    for match in re.finditer(r"/\* -+ (.*?) -+ \*/|(/\*\n(?: \*[^\n]*\n)*? \*/)\n(\w[^;{]*?\([^;]*\);)",
+                             text):
+        if match[1]:
+            section = match[1]
+        else:
+            functions.append(function_of(match[2], match[3], section))
+    return Header(summary, opening[1:] + [("",)] + blocks(first[life + 1:conventions], 0),
+                  [(number, title, blocks(lines, 0)) for number, title, lines in titled], functions)

@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Installs the library, moves the prefix, and builds and runs hosts in C and C++ that find it there by
+# CMake and by pkg-config; then hosts that take the source tree into their own build.
+# usage: install_test.sh SOURCE_DIRECTORY
+set -euo pipefail
+source_directory=$(realpath "$1")
+consumer=$source_directory/tests/package/consumer
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+passed=0
+
+fail() {
+  echo "install_test: $*" >&2
+  [ ! -s "$work/log" ] || tail -n 30 "$work/log" >&2
+  exit 1
+}
+quietly() { "$@" >"$work/log" 2>&1 || fail "$* failed"; }
+# The hosts' answer.
+answers() { [ "$("$@")" = "id 4, score 0.50" ] || fail "$* answers differently"; passed=$((passed + 1)); }
+exists() { [ -e "$1" ] || fail "$1 is not installed"; passed=$((passed + 1)); }
+
+# install_into FOLDER [OPTION]...: FOLDER/usr is the prefix, which is then moved to FOLDER/moved.
+install_into() {
+  local folder=$1
+  shift
+  quietly cmake -S "$source_directory" -B "$folder/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DQX_BUILD_TESTS=OFF -DQX_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX=/usr "$@"
+  quietly cmake --build "$folder/build"
+  quietly env DESTDIR="$folder" cmake --install "$folder/build"
+  [ -z "$(grep -rl "$work" "$folder/usr")" ] || fail "installed files name the folder of the build"
+  mv "$folder/usr" "$folder/moved"
+  rm -rf "$folder/build"
+}
+
+# consume NAME [OPTION]...: builds the consumer and runs its hosts.
+consume() {
+  local build=$work/consume-$1
+  shift
+  quietly cmake -S "$consumer" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release "$@"
+  quietly cmake --build "$build" --target c_shared c_static cpp_shared cpp_static
+  local host
+  for host in c_shared c_static cpp_shared cpp_static; do answers "$build/$host"; done
+}
+
+# The shared and the static library, found in a moved prefix.
+install_into "$work/both"
+prefix=$work/both/moved
+libdir=$(dirname "$(find "$prefix" -name libqx_runtime.so)")
+for file in "$prefix/include/qx_runtime.h" "$libdir"/libqx_runtime.{a,so,so.1} \
+  "$prefix/share/man/man7/qx_runtime.7" "$prefix/share/man/man3/qx_index_search_full.3"; do
+  exists "$file"
+done
+[ "$(readlink "$libdir/libqx_runtime.so")" = libqx_runtime.so.1 ] || fail "no versioned links"
+[ "$(find "$prefix/share/man/man3" -name '*.3' | wc -l)" -eq 30 ] || fail "not 30 manual pages"
+consume find -DCMAKE_PREFIX_PATH="$prefix"
+
+# pkg_config COMPILER SOURCE: with the shared library and with the static one.
+pkg_config() {
+  local flags
+  export PKG_CONFIG_PATH=$libdir/pkgconfig
+  read -ra flags < <(pkg-config --cflags --libs qx_runtime)
+  quietly "$1" "$2" "${flags[@]}" -o "$work/host"
+  answers env LD_LIBRARY_PATH="$libdir" "$work/host"
+  read -ra flags < <(pkg-config --static --cflags --libs qx_runtime)
+  quietly "$1" -static "$2" "${flags[@]}" -o "$work/host"
+  answers "$work/host"
+}
+pkg_config gcc "$consumer/host.c"
+pkg_config g++ "$consumer/host.cpp"
+quietly mandoc -T lint -W warning "$prefix"/share/man/man*/*
+
+# Another folder for libraries, and no shared library.
+install_into "$work/static" -DBUILD_SHARED_LIBS=OFF -DCMAKE_INSTALL_LIBDIR=lib/of/its/own
+prefix=$work/static/moved
+libdir=$prefix/lib/of/its/own
+exists "$libdir/libqx_runtime.a"
+[ -z "$(find "$prefix" -name '*.so*')" ] || fail "there is a shared library"
+consume static -DCMAKE_PREFIX_PATH="$prefix" -Dqx_runtime_DIR="$libdir/cmake/qx_runtime"
+PKG_CONFIG_PATH=$libdir/pkgconfig
+read -ra flags < <(pkg-config --cflags --libs qx_runtime)
+quietly gcc "$consumer/host.c" "${flags[@]}" -lm -o "$work/host"
+answers "$work/host"
+
+# The source tree as a part of the consumer's build, which installs and tests nothing of it.
+consume subdirectory -DSOURCE="$source_directory"
+consume fetched -DSOURCE="$source_directory" -DFETCH=ON
+[ ! -e "$work/consume-subdirectory/qx_runtime/tests" ] || fail "a consumer builds the tests"
+
+echo "install_test: $passed passed, 0 failed"
