@@ -1,0 +1,71 @@
+"""Checks of what a caller hands over. Nothing is converted, so nothing is copied."""
+
+from __future__ import annotations
+
+import operator
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+Ids = npt.NDArray[np.int64]
+Floats = npt.NDArray[np.float32]
+
+ID_LIMIT = 1 << 40
+INT32_MAX = (1 << 31) - 1
+INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
+
+
+def array(what: str, value: Any, dtype: type, ndim: int) -> npt.NDArray[Any]:
+    """The value, if it is an array that the library can read where it lies."""
+    name = np.dtype(dtype).name
+    if not isinstance(value, np.ndarray):
+        raise TypeError(f"{what} must be a numpy array of {name}, not {type(value).__name__}; "
+                        f"np.asarray(..., dtype=np.{name}) makes one")
+    if value.dtype != np.dtype(dtype):
+        raise TypeError(f"{what} must be of {name}, not {value.dtype}")
+    if value.ndim != ndim:
+        raise ValueError(f"{what} must have {ndim} dimension{'s' if ndim > 1 else ''}, "
+                         f"not {value.ndim}")
+    if not value.flags.c_contiguous or not value.flags.aligned:
+        raise ValueError(f"{what} must be C-contiguous; np.ascontiguousarray makes it so")
+    return value
+
+
+def floats(what: str, value: Any, ndim: int, dim: int) -> Floats:
+    """Finite vectors of the dimension."""
+    checked = array(what, value, np.float32, ndim)
+    if checked.shape[-1] != dim:
+        raise ValueError(f"{what} must have {dim} components, not {checked.shape[-1]}")
+    if not np.isfinite(checked).all():
+        raise ValueError(f"{what} must be finite, without NaN and infinity")
+    return checked
+
+
+def ids(what: str, value: Any, limit: int = INT64_MAX) -> Ids:
+    """Ids from 0 to the limit."""
+    checked = array(what, value, np.int64, 1)
+    if checked.size > INT32_MAX and limit == INT64_MAX:
+        raise ValueError(f"{what} must be at most 2**31 - 1 in one call, not {checked.size}")
+    if checked.size and (checked.min() < 0 or checked.max() > limit):
+        wrong = checked[(checked < 0) | (checked > limit)][0]
+        raise ValueError(f"{what} must be from 0 to {limit}, not {wrong}")
+    return checked
+
+
+def number(what: str, value: Any, low: int, high: int) -> int:
+    """An integer from low to high."""
+    try:
+        integer = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what} must be an integer, not {type(value).__name__}") from None
+    if not low <= integer <= high:
+        raise ValueError(f"{what} must be from {low} to {high}, not {integer}")
+    return integer
+
+
+def seek(count: float) -> None:
+    """Raises MemoryError where so many bytes cannot be had; the engine would end the process."""
+    if count >= 1 << 62:
+        raise MemoryError(f"{count:.3g} bytes are needed")
+    np.empty(int(count), dtype=np.uint8)

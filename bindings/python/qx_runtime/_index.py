@@ -1,0 +1,468 @@
+"""The index."""
+
+from __future__ import annotations
+
+import ctypes
+import threading
+from collections.abc import Iterable, Iterator
+from typing import Any, NamedTuple, Optional
+
+import numpy as np
+
+from . import _arrays, _library
+from ._arrays import ID_LIMIT, INT32_MAX, INT64_MAX, INT64_MIN, Floats, Ids
+
+_lib = _library.load()
+_EMPTY_SCORE = np.float32(-1e30)
+
+
+class Hits(NamedTuple):
+    """What a search found, best first: as many ids and scores as rows were found."""
+
+    ids: Ids
+    scores: Floats
+
+
+class Rows(NamedTuple):
+    """Ids and their vectors, one row each."""
+
+    ids: Ids
+    vectors: Floats
+
+
+class Metadata(NamedTuple):
+    """Labels, and one row of column values for each id; -1 where there is none."""
+
+    labels: Ids
+    values: Ids
+
+
+class Partition(NamedTuple):
+    """Rows of the base that lie side by side: those from ``start`` on, ``size`` of them."""
+
+    key: int
+    start: int
+    size: int
+
+
+class Index:
+    """An index of vectors, searched by inner product.
+
+    >>> import numpy as np
+    >>> index = Index(2)
+    >>> index.build(np.array([[1, 0], [0, 1]], dtype=np.float32), np.array([10, 20]))
+    >>> index.search(np.array([0.6, 0.8], dtype=np.float32), 1)
+    Hits(ids=array([20]), scores=array([0.8], dtype=float32))
+
+    Vectors and queries are finite float32 arrays, ids are int64 arrays from 0 on, all C-contiguous:
+    they are read where they lie. Anything else raises TypeError or ValueError and changes nothing.
+
+    Threads may share an index: a lock lets one call in at a time. Calls release the interpreter's
+    lock, so other threads go on.
+    """
+
+    def __init__(self, dim: int, *, user_tag: int = 0) -> None:
+        self._handle: Optional[int] = None
+        self._lock = threading.Lock()
+        self._dim = _arrays.number("dim", dim, 1, INT32_MAX)
+        self._user_tag = _arrays.number("user_tag", user_tag, 0, (1 << 32) - 1)
+        self._columns = 0
+        self._partitions: tuple[Partition, ...] = ()
+        self._ivf_ids: dict[int, int] = {}
+        self._handle = _lib.qx_index_new(self._dim, self._user_tag)
+
+    # ---- Life ----
+
+    def close(self) -> None:
+        """Releases the index. Every other method then raises ValueError; closing again does nothing."""
+        with self._lock:
+            handle, self._handle = self._handle, None
+            _lib.qx_index_free(handle)
+
+    def __enter__(self) -> Index:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        if getattr(self, "_handle", None) is not None:
+            self.close()
+
+    def __repr__(self) -> str:
+        if self._handle is None:
+            return f"<qx_runtime.Index of dimension {self._dim}, closed>"
+        return (f"<qx_runtime.Index of dimension {self._dim}, {self.base_count} base rows, "
+                f"{self.delta_count} delta rows>")
+
+    def _open(self) -> int:
+        if self._handle is None:
+            raise ValueError("the index is closed")
+        return self._handle
+
+    def _ask(self, function: Any, *arguments: Any) -> Any:
+        """One call under the lock. Arrays are given as they are, and kept until it returns."""
+        given = [argument.ctypes.data if isinstance(argument, np.ndarray) else argument
+                 for argument in arguments]
+        with self._lock:
+            return function(self._open(), *given)
+
+    # ---- What it is ----
+
+    @property
+    def dim(self) -> int:
+        """The number of components of a vector."""
+        return self._dim
+
+    @property
+    def user_tag(self) -> int:
+        """The number that the index was created with."""
+        return self._user_tag
+
+    @property
+    def sealed(self) -> bool:
+        """Whether the base has been built."""
+        return bool(self._ask(_lib.qx_index_sealed))
+
+    @property
+    def mutated(self) -> bool:
+        """Whether rows have been inserted or deleted."""
+        return bool(self._ask(_lib.qx_index_mutated))
+
+    @property
+    def snapshot(self) -> int:
+        """A counter that each insert and delete of at least one row raises by one."""
+        return int(self._ask(_lib.qx_index_snapshot))
+
+    @property
+    def base_count(self) -> int:
+        """The number of base rows, deleted and replaced ones included."""
+        with self._lock:
+            return self._base_count(self._open())
+
+    @staticmethod
+    def _base_count(handle: int) -> int:
+        n_base, dim, tag, parts = (ctypes.c_uint64(), ctypes.c_uint32(), ctypes.c_uint32(),
+                                   ctypes.c_int32())
+        _lib.qx_index_stats(handle, *map(ctypes.addressof, (n_base, dim, tag, parts)))
+        return n_base.value
+
+    @property
+    def delta_count(self) -> int:
+        """The number of distinct ids that were ever inserted."""
+        return int(self._ask(_lib.qx_index_delta_count))
+
+    @property
+    def columns(self) -> int:
+        """The number of metadata columns."""
+        return self._columns
+
+    @property
+    def partitions(self) -> tuple[Partition, ...]:
+        """The partitions of the base."""
+        return self._partitions
+
+    def __len__(self) -> int:
+        """The number of visible rows."""
+        return int(self._ask(_lib.qx_index_visible_count))
+
+    def __iter__(self) -> Iterator[int]:
+        """The ids of the rows that are visible when the iteration begins."""
+        return iter(self.visible_ids().tolist())
+
+    def __contains__(self, id: object) -> bool:
+        """Whether a row of this id is visible.
+
+        >>> index = Index(1)
+        >>> _ = index.insert(np.array([[1]], dtype=np.float32), np.array([5]))
+        >>> 5 in index, 6 in index
+        (True, False)
+        """
+        try:
+            wanted = _arrays.number("id", id, 0, INT64_MAX)
+        except (TypeError, ValueError):
+            return False
+        # Every vector is finite, so each visible row scores 0 with the query of zeros.
+        query = np.zeros(self._dim, dtype=np.float32)
+        return bool(self._found_of(np.array([wanted], dtype=np.int64), query, 1).ids.size)
+
+    # ---- Changes ----
+
+    def build(self, vectors: Floats, ids: Optional[Ids] = None, *,
+              partitions: Iterable[tuple[int, int, int]] = ()) -> None:
+        """Seals the base: one row of `vectors` for each id, by default the row numbers.
+
+        `partitions` are (key, start, size), with ascending keys. An index is built once; for a
+        changed base build a new one, from :meth:`export`.
+        """
+        checked = _arrays.floats("vectors", vectors, 2, self._dim)
+        if ids is None:
+            ids = np.arange(len(checked), dtype=np.int64)
+        checked_ids = _arrays.ids("ids", ids, ID_LIMIT - 1)
+        _same_length("vectors", checked, "ids", checked_ids)
+        parts = _check_partitions(partitions, len(checked))
+        keys = np.array([part.key for part in parts], dtype=np.int64)
+        starts = np.array([part.start for part in parts], dtype=np.int32)
+        sizes = np.array([part.size for part in parts], dtype=np.int32)
+        largest = int(checked_ids.max()) if checked_ids.size else -1
+        with self._lock:
+            handle = self._open()
+            if _lib.qx_index_sealed(handle):
+                raise ValueError("the index is built already; make a new one")
+            _arrays.seek(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3))
+            result = _lib.qx_index_build(
+                handle, checked.ctypes.data, len(checked), self._dim, checked_ids.ctypes.data,
+                keys.ctypes.data, starts.ctypes.data, sizes.ctypes.data, len(parts))
+            if result != 0:
+                raise ValueError("the base is larger than 2**40 components")
+            self._partitions = parts
+
+    def insert(self, vectors: Floats, ids: Ids) -> int:
+        """Inserts rows, or replaces those of the ids. Returns the snapshot counter."""
+        checked = _arrays.floats("vectors", vectors, 2, self._dim)
+        checked_ids = _arrays.ids("ids", ids)
+        _same_length("vectors", checked, "ids", checked_ids)
+        with self._lock:
+            handle = self._open()
+            before = int(_lib.qx_index_delta_count(handle))
+            after = before + len(checked_ids)
+            if _power(after) > _power(before):
+                _arrays.seek((48.0 + 8 * self._dim) * _power(after))
+            return int(_lib.qx_index_insert(handle, checked.ctypes.data, checked_ids.ctypes.data,
+                                            len(checked_ids)))
+
+    def delete(self, ids: Ids) -> int:
+        """Hides the rows of the ids, if they have any. Returns the snapshot counter."""
+        checked = _arrays.ids("ids", ids)
+        return int(self._ask(_lib.qx_index_delete, checked, len(checked)))
+
+    def set_metadata(self, ids: Ids, labels: Ids, values: Optional[Ids] = None) -> None:
+        """Sets the label of each id, and its row of column values.
+
+        More columns than before widen the index; fewer raise ValueError. Without `values` the index
+        must have no columns. -1 stands for a value that is missing.
+        """
+        checked = _arrays.ids("ids", ids)
+        checked_labels = _arrays.array("labels", labels, np.int64, 1)
+        if values is None:
+            values = np.empty((len(checked), 0), dtype=np.int64)
+        checked_values = _arrays.array("values", values, np.int64, 2)
+        _same_length("labels", checked_labels, "ids", checked)
+        _same_length("values", checked_values, "ids", checked)
+        columns = _arrays.number("the number of columns", checked_values.shape[1], 0, INT32_MAX)
+        with self._lock:
+            handle = self._open()
+            if columns < self._columns:
+                raise ValueError(f"values must have {self._columns} columns or more, not {columns}")
+            _arrays.seek(96.0 * columns + 64.0 * len(checked) * (1 + columns))
+            _lib.qx_index_set_rowmeta(handle, checked.ctypes.data, checked_labels.ctypes.data,
+                                      checked_values.ctypes.data, columns, len(checked))
+            self._columns = columns
+
+    def set_ivf(self, key: int, centroids: Floats, list_ids: Ids,
+                list_offsets: np.ndarray[Any, np.dtype[np.int32]], nprobe: int) -> None:
+        """Attaches an inverted file: list c is ``list_ids[list_offsets[c]:list_offsets[c + 1]]``."""
+        checked_key = _arrays.number("key", key, INT64_MIN, INT64_MAX)
+        probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
+        checked = _arrays.floats("centroids", centroids, 2, self._dim)
+        checked_ids = _arrays.ids("list_ids", list_ids)
+        offsets = _arrays.array("list_offsets", list_offsets, np.int32, 1)
+        if len(offsets) != len(checked) + 1:
+            raise ValueError(f"list_offsets must have {len(checked) + 1} elements, one more than "
+                             f"there are centroids, not {len(offsets)}")
+        if (np.diff(offsets) < 0).any() or offsets[0] < 0 or offsets[-1] > len(checked_ids):
+            raise ValueError(f"list_offsets must ascend from 0 or more to at most "
+                             f"{len(checked_ids)}, the number of list_ids")
+        with self._lock:
+            handle = self._open()
+            _arrays.seek(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size + 4096)
+            _lib.qx_index_set_ivf(handle, checked_key, len(checked), probes, checked.ctypes.data,
+                                  checked_ids.ctypes.data, offsets.ctypes.data, len(checked_ids))
+            self._ivf_ids[checked_key] = len(checked_ids)
+
+    def set_nprobe(self, key: int, nprobe: int) -> None:
+        """Changes how many lists a search of the inverted file looks into."""
+        probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
+        with self._lock:
+            _lib.qx_index_set_ivf_nprobe(self._open(), self._ivf_key(key), probes)
+
+    def has_ivf(self, key: int) -> bool:
+        """Whether the key has an inverted file."""
+        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
+        return bool(self._ask(_lib.qx_index_has_ivf, checked))
+
+    def clear_ivf(self) -> None:
+        """Releases all inverted files."""
+        with self._lock:
+            _lib.qx_index_clear_ivf(self._open())
+            self._ivf_ids.clear()
+
+    def _ivf_key(self, key: int) -> int:
+        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
+        if checked not in self._ivf_ids:
+            raise ValueError(f"there is no inverted file under key {checked}")
+        return checked
+
+    # ---- Reads ----
+
+    def search(self, query: Floats, k: int, *, partition: Optional[int] = None,
+               candidates: Optional[Ids] = None, ivf: Optional[int] = None,
+               label: Optional[int] = None, column: Optional[tuple[int, int]] = None,
+               current: bool = False) -> Hits:
+        """Finds the k best rows, or all there are.
+
+        Of the sealed base, as it was built: all of it; those of one `partition`; those of
+        `candidates`; or by the inverted file under the key `ivf`.
+
+        Of the rows that are visible now, inserted ones included and deleted ones not: all of them
+        with `current`; those of `candidates` with `current`; those that have a `label`; those whose
+        `column`, given as (number, value), has a value.
+        """
+        wanted = _arrays.number("k", k, 0, INT32_MAX)
+        checked = _arrays.floats("query", query, 1, self._dim)
+        given = [name for name, value in (("partition", partition), ("candidates", candidates),
+                                          ("ivf", ivf), ("label", label), ("column", column))
+                 if value is not None]
+        if len(given) > 1:
+            raise ValueError(f"{given[0]} and {given[1]} cannot be given together")
+        if current and given and given[0] in ("partition", "ivf"):
+            raise ValueError(f"a search by {given[0]} sees the sealed base, not what is current")
+        if partition is not None:
+            key = _arrays.number("partition", partition, INT64_MIN, INT64_MAX)
+            return self._search(_lib.qx_index_search_partition, (key, checked), wanted, None)
+        if ivf is not None:
+            return self._search(_lib.qx_index_search_ivf, (ivf, checked), wanted, ivf)
+        if candidates is not None:
+            ids = _arrays.ids("candidates", candidates)
+            if current:
+                return self._found_of(ids, checked, wanted)
+            return self._hits(_lib.qx_index_scatter_topk, (ids, len(ids), checked), wanted,
+                              len(ids))
+        if label is not None:
+            value = _arrays.number("label", label, INT64_MIN, INT64_MAX)
+            return self._search(_lib.qx_index_search_filtered, (1, 0, value, checked), wanted, None)
+        if column is not None:
+            return self._search(_lib.qx_index_search_filtered, (2, *self._column(column), checked),
+                                wanted, None)
+        if current:
+            return self._search(_lib.qx_index_search_filtered, (0, 0, 0, checked), wanted, None)
+        return self._search(_lib.qx_index_search_full, (checked,), wanted, None)
+
+    def _column(self, column: tuple[int, int]) -> tuple[int, int]:
+        if not isinstance(column, tuple) or len(column) != 2:
+            raise TypeError("column must be a tuple of a column number and a value")
+        return (_arrays.number("the column number", column[0], 0, self._columns - 1),
+                _arrays.number("the column value", column[1], INT64_MIN, INT64_MAX))
+
+    def _found_of(self, ids: Ids, query: Floats, k: int) -> Hits:
+        return self._hits(_lib.qx_index_search_mvcc, (ids, len(ids), query), k, len(ids))
+
+    def _search(self, function: Any, arguments: tuple[Any, ...], k: int,
+                ivf: Optional[int]) -> Hits:
+        with self._lock:
+            handle = self._open()
+            most = (self._ivf_ids[self._ivf_key(ivf)] if ivf is not None else
+                    self._base_count(handle) + int(_lib.qx_index_delta_count(handle)))
+            return _fill(function, handle, arguments, min(k, most))
+
+    def _hits(self, function: Any, arguments: tuple[Any, ...], k: int, most: int) -> Hits:
+        with self._lock:
+            return _fill(function, self._open(), arguments, min(k, most))
+
+    def match(self, *, label: Optional[int] = None,
+              column: Optional[tuple[int, int]] = None) -> Ids:
+        """The ids of the visible rows that have the label, or the value in the column."""
+        if (label is None) == (column is None):
+            raise ValueError("one of label and column must be given")
+        if column is not None:
+            test = (2, *self._column(column))
+        else:
+            test = (1, 0, _arrays.number("label", label, INT64_MIN, INT64_MAX))
+        with self._lock:
+            handle = self._open()
+            ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
+            count = _lib.qx_index_match_ids(handle, *test, ids.ctypes.data)
+        return ids[:count].copy()
+
+    def metadata(self, ids: Ids) -> Metadata:
+        """The labels and column values of the ids, -1 where there is none."""
+        checked = _arrays.ids("ids", ids)
+        with self._lock:
+            handle = self._open()
+            labels = np.empty(len(checked), dtype=np.int64)
+            values = np.empty((len(checked), self._columns), dtype=np.int64)
+            _lib.qx_index_export_rowmeta(handle, checked.ctypes.data, len(checked),
+                                         labels.ctypes.data, values.ctypes.data)
+        return Metadata(labels, values)
+
+    def visible_ids(self) -> Ids:
+        """The ids of the visible rows: inserted ones first, then those of the base."""
+        with self._lock:
+            handle = self._open()
+            ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
+            _lib.qx_index_visible_ids(handle, ids.ctypes.data)
+        return ids
+
+    def export(self) -> Rows:
+        """All visible rows, in the order of :meth:`visible_ids`."""
+        with self._lock:
+            handle = self._open()
+            rows = self._rows(_lib.qx_index_visible_count(handle))
+            _lib.qx_index_export_visible(handle, rows.vectors.ctypes.data, rows.ids.ctypes.data)
+        return rows
+
+    def export_base(self) -> Rows:
+        """The base as it was built."""
+        with self._lock:
+            handle = self._open()
+            rows = self._rows(self._base_count(handle))
+            _lib.qx_index_export_base(handle, rows.vectors.ctypes.data, rows.ids.ctypes.data)
+        return rows
+
+    def _rows(self, count: int) -> Rows:
+        return Rows(np.empty(count, dtype=np.int64),
+                    np.empty((count, self._dim), dtype=np.float32))
+
+
+def _power(count: int) -> int:
+    return 0 if count == 0 else 1 << (count - 1).bit_length()
+
+
+def _same_length(what: str, array: np.ndarray[Any, Any], other: str,
+                 ids: np.ndarray[Any, Any]) -> None:
+    if len(array) != len(ids):
+        raise ValueError(f"{what} must have one row for each of the {len(ids)} {other}, "
+                         f"not {len(array)}")
+
+
+def _check_partitions(partitions: Iterable[tuple[int, int, int]],
+                      rows: int) -> tuple[Partition, ...]:
+    checked: list[Partition] = []
+    for given in partitions:
+        try:
+            key, start, size = given
+        except (TypeError, ValueError):
+            raise TypeError("a partition must be (key, start, size)") from None
+        part = Partition(_arrays.number("a partition key", key, INT64_MIN, INT64_MAX),
+                         _arrays.number("a partition's start", start, 0, INT32_MAX),
+                         _arrays.number("a partition's size", size, 0, INT32_MAX))
+        if checked and part.key <= checked[-1].key:
+            raise ValueError(f"partition keys must ascend, and {part.key} follows "
+                             f"{checked[-1].key}")
+        if part.start + part.size > rows:
+            raise ValueError(f"partition {part.key} ends behind the {rows} rows")
+        checked.append(part)
+    return tuple(checked)
+
+
+def _fill(function: Any, handle: int, arguments: tuple[Any, ...], k: int) -> Hits:
+    """Calls a search that fills k slots; gives those that a row reached."""
+    ids = np.empty(k, dtype=np.int64)
+    scores = np.empty(k, dtype=np.float32)
+    given = [argument.ctypes.data if isinstance(argument, np.ndarray) else argument
+             for argument in arguments]
+    count = function(handle, *given, k, ids.ctypes.data, scores.ctypes.data)
+    ids, scores = ids[:count], scores[:count]
+    if count and ids[-1] == -1:
+        count = int(np.count_nonzero(scores > _EMPTY_SCORE))
+    return Hits(ids[:count], scores[:count])
