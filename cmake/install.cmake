@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qx_runtime)
 install(TARGETS ${qx_libraries} EXPORT qx_runtimeTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/qx_runtime.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/qx_runtime.h bindings/cpp/qx_runtime.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT qx_runtimeTargets NAMESPACE qx_runtime:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/qx_runtimeConfig.cmake.in qx_runtimeConfig.cmake
   INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
