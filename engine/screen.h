@@ -3,11 +3,11 @@
 // the bars of top-k buffers; what a row is, it does not know.
 #pragma once
 
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 
+#include "support/room.h"
 #include "support/topk.h"
 
 namespace qx {
@@ -89,8 +89,8 @@ class Screen {
 
   double error_;
   bool pays_;
-  std::array<std::int64_t, kMostTracked> best_ids_;
-  std::array<float, kMostTracked> best_estimates_;
+  Room<std::int64_t, kMostTracked> best_ids_;
+  Room<float, kMostTracked> best_estimates_;
   TopK best_;
   bool tracks_;
 };

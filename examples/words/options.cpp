@@ -139,6 +139,13 @@ class Parser {
   Options options_;
 };
 
+// Reads a text that is a number and nothing else.
+bool is_number(std::string_view text, std::int64_t* number) {
+  const char* const end = text.data() + text.size();
+  const auto [read_end, error] = std::from_chars(text.data(), end, *number);
+  return error == std::errc() && read_end == end;
+}
+
 }  // namespace
 
 Options parse_options(const std::vector<std::string>& arguments) {
@@ -148,9 +155,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
 std::int64_t parse_number(std::string_view what, std::string_view text, std::int64_t smallest,
                           std::int64_t largest) {
   std::int64_t number = 0;
-  const char* const end = text.data() + text.size();
-  const std::from_chars_result result = std::from_chars(text.data(), end, number);
-  if (result.ec != std::errc() || result.ptr != end || number < smallest || number > largest) {
+  if (!is_number(text, &number) || number < smallest || number > largest) {
     throw UserError(std::string(what) + " takes a whole number from " + std::to_string(smallest) +
                     " to " + std::to_string(largest) + ", not " + in_quotes(text));
   }
