@@ -88,7 +88,7 @@ class Rows {
 
   static constexpr std::int64_t kRowBytes = kWidth * 4;
   // Whole pages, and no power of two: what wraps around at one meets other rows.
-  static constexpr std::int64_t kPieceRows = 8 * 16381;
+  static constexpr std::int64_t kPieceRows = std::int64_t{8} * 16381;
 
  private:
   void choose_champions() {
