@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "support/room.h"
+
 namespace qx {
 
 // What an empty slot holds. The score is also the bar that a first candidate must pass.
@@ -200,7 +202,7 @@ class TopK {
     for (int byte = 1; byte < 256; ++byte) places[byte] += places[byte - 1];
     Candidate sorted[kMostBatched];
     for (std::int64_t i = 0; i < batch_size_; ++i) sorted[places[byte_of(i)]++] = batch_[i];
-    std::copy_n(sorted, batch_size_, batch_);
+    std::copy_n(sorted, batch_size_, batch_.data());
   }
 
   // Merges the batch into the slots, from the last slot upwards. The m best of the batch enter if
@@ -242,7 +244,7 @@ class TopK {
   std::int64_t k_;
   std::int64_t batch_limit_;
   std::int64_t batch_size_ = 0;
-  Candidate batch_[kMostBatched];
+  Room<Candidate, kMostBatched> batch_;
 };
 
 }  // namespace qx
