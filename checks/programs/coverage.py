@@ -16,8 +16,10 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build/coverage"
-# What is required, in percent, rounded down to two places.
-REQUIRED = {"lines": 100.0, "functions": 100.0, "branches": 100.0}
+# In percent, cut to two places. Not reached: the constructor of RunBits, which runs in the compiler;
+# the lanes behind the fourth of wider registers than the baseline has; more columns counted than
+# kept, against an invariant; a line of no length, and a write that a signal interrupts.
+REQUIRED = {"lines": 99.83, "functions": 99.64, "branches": 99.53}
 
 # The heap may be failing when this runs, so nothing here may use it.
 TRAP = r"""
