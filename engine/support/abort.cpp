@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -16,7 +17,7 @@ constexpr std::size_t kLineBytes = 256;
 // the host may hold, and could leave the line in a buffer. A descriptor that takes nothing (it is
 // closed, say) ends the attempt; the trap follows all the same.
 void write_line(const char* line, int length) {
-  std::size_t left = length > 0 ? static_cast<std::size_t>(length) : 0;
+  auto left = static_cast<std::size_t>(std::max(length, 0));
   while (left > 0) {
     const ssize_t written = ::write(STDERR_FILENO, line, left);
     if (written < 0 && errno == EINTR) continue;
