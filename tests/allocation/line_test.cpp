@@ -58,7 +58,7 @@ class Line : public testing::Test {
 };
 
 TEST_F(Line, IsWholeWhereItIsTakenInPieces) {
-  for (const std::size_t size : {1, 2, 7, 50}) {
+  for (const std::size_t size : {1u, 2u, 7u, 50u}) {
     most_taken = size;
     const ChildEnd end = end_by_a_failed_allocation();
     EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;

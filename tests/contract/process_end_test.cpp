@@ -122,7 +122,8 @@ volatile std::sig_atomic_t strikes_left = 10;
 void strike(int) {
   const int error = errno;
   char block[512];
-  if (--strikes_left == 0) {
+  strikes_left = strikes_left - 1;
+  if (strikes_left == 0) {
     while (read(waiting_pipe[0], block, sizeof block) > 0) continue;
   }
   errno = error;
