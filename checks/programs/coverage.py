@@ -1,4 +1,6 @@
-"""Measures which lines, functions and branches of engine/ the tests reach: coverage [--histories N].
+"""Measures which lines, functions and branches of engine/ the tests reach.
+
+coverage [--histories N]
 
 On x86-64 by clang's source-based counts, because they know the branches of the source and no
 others: no arcs of exceptions, of static destructors or of inlined copies. A template's branch
@@ -102,7 +104,8 @@ def run_and_export(folder, test, code, options):
     counts = folder / "counts" / test
     shutil.rmtree(counts, ignore_errors=True)
     counts.mkdir(parents=True)
-    environment = dict(os.environ, QX_COVERAGE=str(counts), LLVM_PROFILE_FILE=f"{counts}/%m.profraw")
+    environment = dict(os.environ, QX_COVERAGE=str(counts),
+                       LLVM_PROFILE_FILE=f"{counts}/%m.profraw")
     run("nice", folder / "tests" / test, *options, env=environment)
     merged = counts / "all.profdata"
     run("llvm-profdata", "merge", "-sparse", "-o", merged, *counts.glob("*.profraw"))
@@ -139,9 +142,9 @@ def measure_neon(reached):
     folder = BUILD / "aarch64"
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
-    compiler = ["nice", "aarch64-linux-gnu-g++", "-std=c++20", "-ffp-contract=off", f"-I{ROOT}/engine",
-                f"-I{ROOT}/include", f"-I{ROOT}/tests", f"-isystem{GOOGLETEST}/include",
-                f"-isystem{GOOGLETEST}"]
+    compiler = ["nice", "aarch64-linux-gnu-g++", "-std=c++20", "-ffp-contract=off",
+                f"-I{ROOT}/engine", f"-I{ROOT}/include", f"-I{ROOT}/tests",
+                f"-isystem{GOOGLETEST}/include", f"-isystem{GOOGLETEST}"]
     kernel = ROOT / "engine/kernels/neon.cpp"
     rest = [path for path in sorted((ROOT / "engine").rglob("*.cpp")) if path != kernel]
     run(*compiler, "-O0", "-fno-exceptions", "--coverage", "-c", kernel, "-o", "neon.o", cwd=folder)
@@ -172,7 +175,8 @@ def main():
     if len(sys.argv) not in (1, 3) or not histories.isdigit():
         sys.exit("usage: ./check coverage [--histories N]")
     tests = [("contract_tests", "libqx_runtime.so", [])]
-    tests += [(test, f"tests/{test}", []) for test in ("record_tests", "internal_tests", "allocation_tests")]
+    tests += [(test, f"tests/{test}", [])
+              for test in ("record_tests", "internal_tests", "allocation_tests")]
     tests.append(("history_tests", "tests/history_tests", ["--count", histories]))
     reached = Reached()
     build(BUILD / "baseline", "", [test for test, _, _ in tests])

@@ -4,10 +4,10 @@ mutation [--sample N] [--seed S] [--jobs J]
   N mutants drawn by the seed (1 if none is given); without, all. J at a time, each in its own copy.
 
 A mutant is killed when a test fails, runs out of time, or no longer compiles while the engine does.
-One whose object code equals the original's is not counted, nor is one that does not compile or that
-equivalent_mutants.txt lists. A test or compiler that is ended from outside gives no verdict. Results
-are kept in build/mutation, so that a run that was stopped goes on where it was, as long as neither
-the engine nor a test has changed. kernels/neon.cpp is not compiled on x86-64: no mutants.
+One whose object code equals the original's is not counted, nor is one that does not compile or
+that equivalent_mutants.txt lists. A test or compiler that is ended from outside gives no verdict.
+Results are kept in build/mutation, so that a run that was stopped goes on where it was, as long as
+neither the engine nor a test has changed. kernels/neon.cpp is not compiled on x86-64: no mutants.
 """
 import argparse
 import collections
@@ -66,7 +66,8 @@ REPLACED = [
 NUMBER = re.compile(r"(?<![\w.])(\d+|0x[0-9A-F]+)(?=u?(?![\w.']))")
 STATEMENT = re.compile(r"^\s+(?!return\b|const\b|auto\b|std::\w+ \w+(;| =)|using\b|typedef\b)"
                        r"[\w:*.\[\]()<>+-]+.*;$")
-SKIPPED = re.compile(r"^\s*(//|#|template|static_assert|namespace|struct|class|inline const|extern)")
+SKIPPED = re.compile(r"^\s*(//|#|template|static_assert|namespace|struct|class|extern|"
+                     r"inline const)")
 
 Mutant = collections.namedtuple("Mutant", "file which line changed number kind")
 
@@ -119,7 +120,7 @@ def mutants_at(file, which, line, number):
 
 
 def read_listed():
-    """The listed mutants, each with its reason; `*` instead of a change stands for the whole line."""
+    """The listed mutants, each with its reason; `*` as the change is the whole line."""
     listed = {}
     for entry in EQUIVALENT.read_text().splitlines():
         if not entry or entry.startswith("#"):
@@ -134,6 +135,8 @@ def read_listed():
 
 def run(command, timeout, stopping, running, **options):
     """Runs in a session of its own; the exit status, or None when out of time, and the output."""
+    if stopping.is_set():
+        raise Stopped("the run was stopped")
     with subprocess.Popen([str(part) for part in command], start_new_session=True,
                           stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT, text=True,
                           errors="replace", **options) as process:
@@ -171,7 +174,8 @@ class Worker:
 
     def ninja(self, target):
         """Whether it builds; the copy's own warnings are no errors."""
-        status, output = self.run("ninja", "-C", self.build, "-j", "1", target, stdout=subprocess.PIPE)
+        status, output = self.run("ninja", "-C", self.build, "-j", "1", target,
+                                  stdout=subprocess.PIPE)
         if status != 0 and "error:" not in output and "undefined reference" not in output:
             raise Stopped(f"the build of {target} failed, and not by the mutant\n{output[-2000:]}")
         return status == 0
@@ -184,8 +188,8 @@ class Worker:
         test, options = TESTS[number]
         environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1")
         started = time.monotonic()
-        status, _ = self.run(self.build / "tests" / test, *options, timeout=timeout, env=environment,
-                             cwd=self.build, stdout=subprocess.DEVNULL)
+        status, _ = self.run(self.build / "tests" / test, *options, timeout=timeout,
+                             env=environment, cwd=self.build, stdout=subprocess.DEVNULL)
         self.times[number] = time.monotonic() - started
         return status == 0
 
@@ -196,9 +200,9 @@ class Worker:
         for name in COPIED:
             self.run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
         status, output = self.run(
-            "cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
-            "-DCMAKE_CXX_FLAGS_RELEASE=-O1", "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_EXAMPLES=OFF",
-            stdout=subprocess.PIPE)
+            "cmake", "-S", self.source, "-B", self.build, "-G", "Ninja",
+            "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1",
+            "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_EXAMPLES=OFF", stdout=subprocess.PIPE)
         if status != 0:
             raise Stopped(f"cmake failed\n{output[-2000:]}")
         for target in dict.fromkeys(["qx_objects", *(test for test, _ in TESTS)]):
@@ -212,7 +216,7 @@ class Worker:
         shutil.copytree(self.build, self.kept, symlinks=True)
 
     def go_back(self):
-        """Makes the build the original's again, in content and times: nothing is compiled for it."""
+        """Makes the build the original's again, in content and times; compiles nothing."""
         for folder, _, names in os.walk(self.kept):
             for name in names:
                 kept = os.path.join(folder, name)
@@ -285,11 +289,19 @@ def judge_all(mutants, results, jobs):
     for mutant in mutants:
         waiting.put(mutant)
     done = collections.Counter()
-    started = time.monotonic()
+    begun = []
+
+    def show():
+        count, minutes = sum(done.values()), (time.monotonic() - begun[0]) / 60
+        left = minutes / count * (len(mutants) - count)
+        print(f"{count} of {len(mutants)}, {done['survived']} survived, {minutes:.0f} minutes, "
+              f"about {left:.0f} left", end="\r" if sys.stderr.isatty() else "\n",
+              file=sys.stderr, flush=True)
 
     def work(number):
         worker = Worker(number, stopping, running)
         worker.prepare()
+        begun.append(time.monotonic())
         while not stopping.is_set():
             try:
                 mutant = waiting.get_nowait()
@@ -299,10 +311,7 @@ def judge_all(mutants, results, jobs):
             with lock:
                 results.keep(mutant, verdict)
                 done[verdict] += 1
-                count, taken = sum(done.values()), time.monotonic() - started
-                print(f"{count} of {len(mutants)}, {done['survived']} survived, "
-                      f"{taken / 60:.0f} minutes, about {taken / 60 / count * (len(mutants) - count):.0f} "
-                      "left", end="\r" if sys.stderr.isatty() else "\n", file=sys.stderr, flush=True)
+                show()
 
     def stop(*_):
         stopping.set()
@@ -383,8 +392,8 @@ def main():
         file, which, line, _ = place
         (excluded if (file, which, line.strip(), "*") in listed else everything).extend(found)
     lines = {mutant[:2] + (mutant.line,) for mutant in excluded}
-    print(f"{len(everything)} mutants in all; {len(excluded)} more are on {len(lines)} lines that are "
-          "left out, with their reasons, in equivalent_mutants.txt", flush=True)
+    print(f"{len(everything)} mutants in all; {len(excluded)} more are on {len(lines)} lines that "
+          "equivalent_mutants.txt leaves out", flush=True)
     mutants = everything
     if options.sample is not None:
         mutants = sorted(mutants, key=lambda mutant: drawn(options.seed, mutant))[:options.sample]
