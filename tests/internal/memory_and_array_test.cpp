@@ -34,5 +34,17 @@ TEST(Array, AnElementOutsideOfItEndsTheProcess) {
   array.release();
 }
 
+TEST(Array, NoElementsAreNeitherReadNorCounted) {
+  const int element = 4;
+  auto array = qx::Array<int>::copy_of(&element, 1);
+  for (const std::int64_t count : {std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
+    array.append(&element, count);
+    EXPECT_EQ(array.length, 1);
+    EXPECT_EQ(qx::Array<int>::copy_of(&element, count).data, nullptr);
+  }
+  EXPECT_EQ(array.at(0), 4);
+  array.release();
+}
+
 }  // namespace
 }  // namespace qx_test
