@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "support/room.h"
 
@@ -103,18 +104,18 @@ class TopK {
 
   // Bit i at place i. A loop that takes its bits from a table is turned into SIMD, one that shifts
   // them is not.
-  struct RunBits {
-    std::uint32_t at[kRun] = {};
-    constexpr RunBits() {
-      for (std::int64_t i = 0; i < kRun; ++i) at[i] = std::uint32_t{1} << i;
-    }
+  template <typename Places>
+  struct Bits;
+  template <std::int64_t... kPlaces>
+  struct Bits<std::integer_sequence<std::int64_t, kPlaces...>> {
+    static constexpr std::uint32_t at[] = {(std::uint32_t{1} << kPlaces)...};
   };
+  using RunBits = Bits<std::make_integer_sequence<std::int64_t, kRun>>;
 
   // Which scores of a whole run are above the bar, a bit for each.
   static std::uint32_t which_above(const float* scores, float bar) {
-    static constexpr RunBits kBits;
     std::uint32_t above = 0;
-    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? kBits.at[i] : 0;
+    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? RunBits::at[i] : 0;
     return above;
   }
 
