@@ -52,8 +52,8 @@ struct Data {
   Ids ids;
   Ids labels;
   Index index;
-  std::int64_t out_ids[kResults];
-  float out_scores[kResults];
+  std::int64_t out_ids[kResults] = {};
+  float out_scores[kResults] = {};
 };
 
 }  // namespace

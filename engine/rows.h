@@ -30,14 +30,14 @@ inline void prefetch_base_row_of(const QxIndex& index, std::int64_t id) {
 }
 
 // Calls visit(row) with the base row, or -1, of every key of a map that can be the id of one and
-// that wanted(entry) says yes to. No branch depends on either, which are beyond prediction.
+// that wanted(entry) says yes to. No branch depends on either, which are beyond prediction. There
+// are base rows.
 template <typename Wanted, typename Visit>
 void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wanted, Visit&& visit) {
   // So many loads are started together, into the second-level cache, which takes more of them at a
   // time than the first.
   constexpr std::int64_t kListed = 512;
   constexpr int kSecondLevel = 2;
-  if (index.id_to_row == nullptr) return;
   for (const Int64Map::Entry* next = map.begin(); next != map.end();) {
     std::int64_t ids[kListed];
     std::int64_t listed = 0;
@@ -53,14 +53,13 @@ void for_each_base_row(const QxIndex& index, const Int64Map& map, Wanted&& wante
   }
 }
 
-// The base rows whose ids have another row behind them, ascending.
+// The base rows whose ids have another row behind them, ascending. There are base rows.
 struct RowList {
   const std::int64_t* begin;
   const std::int64_t* end;
   bool empty() const { return begin == end; }
 };
 inline RowList superseded_rows(const QxIndex& index) {
-  if (index.id_to_row == nullptr) return {nullptr, nullptr};
   const std::int64_t* const count = index.id_to_row + index.max_base_id + 1;
   return {count + 1, count + 1 + *count};
 }

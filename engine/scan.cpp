@@ -110,15 +110,16 @@ void Scan::add_masked(const float* rows, const std::int64_t* ids, std::int64_t c
 void Scan::flush_run() {
   if (run_count_ == 0) return;
   const Reach reach = reach_of_rows(run_whole_rows_, width_);
-  const ContiguousBlock block{run_rows_, run_count_, width_, reach, run_masks_};
+  const ContiguousBlock block{run_rows_, run_count_, width_, reach, run_masks_.data()};
   scan_block(block, run_ids_, run_count_);
   run_count_ = 0;
 }
 
 void Scan::flush_pending() {
   if (pending_ == 0) return;
-  const ScatteredBlock block{vectors_, pending_, width_, unbounded_, unbounded_count_};
-  scan_block(block, ids_, pending_);
+  const ScatteredBlock block{vectors_.data(), pending_, width_, unbounded_.data(),
+                             unbounded_count_};
+  scan_block(block, ids_.data(), pending_);
   pending_ = unbounded_count_ = 0;
 }
 
@@ -190,8 +191,8 @@ void Scan::thin_candidates() {
 void Scan::offer_candidates() {
   if (candidates_ == 0) return;
   float scores[kFewCandidates + kBlockRows];
-  kernels().score_scattered(candidate_vectors_, candidates_, width_, query_, scores);
-  topk_.offer(scores, candidate_ids_, candidates_);
+  kernels().score_scattered(candidate_vectors_.data(), candidates_, width_, query_, scores);
+  topk_.offer(scores, candidate_ids_.data(), candidates_);
   candidates_ = 0;
 }
 

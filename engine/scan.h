@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "screen.h"
+#include "support/room.h"
 #include "support/topk.h"
 
 namespace qx {
@@ -101,16 +102,16 @@ class Scan {
   // Rows of add(), and which of them are not bounded.
   std::int64_t pending_ = 0;
   std::int64_t unbounded_count_ = 0;
-  const float* vectors_[kBlockRows];
-  std::int64_t ids_[kBlockRows];
-  std::int64_t unbounded_[kBlockRows];
+  Room<const float*, kBlockRows> vectors_;
+  Room<std::int64_t, kBlockRows> ids_;
+  Room<std::int64_t, kBlockRows> unbounded_;
 
   // Rows of add_masked().
   std::int64_t run_count_ = 0;
   std::int64_t run_whole_rows_ = 0;
   const float* run_rows_ = nullptr;
   const std::int64_t* run_ids_ = nullptr;
-  std::uint64_t run_masks_[kMasks];
+  Room<std::uint64_t, kMasks> run_masks_;
 
   // Where most rows enter, estimates are wasted: then a number of blocks is scored at once, each
   // time twice as many.
@@ -118,9 +119,9 @@ class Scan {
   std::int64_t next_exact_blocks_ = 1;
 
   std::int64_t candidates_ = 0;
-  const float* candidate_vectors_[kFewCandidates + kBlockRows];
-  std::int64_t candidate_ids_[kFewCandidates + kBlockRows];
-  float candidate_estimates_[kFewCandidates + kBlockRows];
+  Room<const float*, kFewCandidates + kBlockRows> candidate_vectors_;
+  Room<std::int64_t, kFewCandidates + kBlockRows> candidate_ids_;
+  Room<float, kFewCandidates + kBlockRows> candidate_estimates_;
 };
 
 }  // namespace qx

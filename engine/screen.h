@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "support/room.h"
 #include "support/topk.h"
 
 namespace qx {
@@ -22,7 +23,7 @@ class Screen {
   Screen(const float* query, std::int64_t width, float magnitude, std::int64_t rows, std::int64_t k)
       : error_(largest_error(query, width, magnitude)),
         pays_(std::isfinite(error_) && width >= kShortestRow && rows / 4 >= k),
-        best_(best_ids_, best_estimates_, k <= kMostTracked ? k : 1),
+        best_(best_ids_.data(), best_estimates_.data(), k <= kMostTracked ? k : 1),
         tracks_(k <= kMostTracked) {}
 
   // Whether estimates can save scores at all.
@@ -88,8 +89,8 @@ class Screen {
 
   double error_;
   bool pays_;
-  std::int64_t best_ids_[kMostTracked];
-  float best_estimates_[kMostTracked];
+  Room<std::int64_t, kMostTracked> best_ids_;
+  Room<float, kMostTracked> best_estimates_;
   TopK best_;
   bool tracks_;
 };

@@ -25,8 +25,6 @@ struct RowBlock {
   std::int64_t count;  // 1 to kBlock
   const std::int64_t* ids;
   std::uint64_t visible;
-
-  bool whole() const { return visible == first_bits(count); }
 };
 
 inline const float* vector_of(const QxIndex& index, bool in_delta, std::int64_t row) {

@@ -78,11 +78,11 @@ class Model {
   std::int32_t build(const Floats& vectors, std::int64_t n, std::int32_t new_dim, const Ids& ids,
                      const Ids& keys, const std::vector<std::int32_t>& starts,
                      const std::vector<std::int32_t>& sizes, std::int32_t n_parts) {
-    constexpr std::int64_t limit = 1099511627776;
-    if (new_dim < 0 || n_parts < 0 || n < 0 || n > limit) return -1;
-    if (new_dim > 0 && n > limit / new_dim) return -1;
+    constexpr std::int64_t kLimit = 1099511627776;
+    if (new_dim < 0 || n_parts < 0 || n < 0 || n > kLimit) return -1;
+    if (new_dim > 0 && n > kLimit / new_dim) return -1;
     for (const std::int64_t id : ids) {
-      if (id < 0 || id >= limit) return -1;
+      if (id < 0 || id >= kLimit) return -1;
     }
     base_vectors = vectors;
     base_ids = ids;

@@ -33,7 +33,7 @@ std::uint64_t touch_in_turn(const Table& table, const std::int64_t* ids, std::in
   const std::int64_t row_bytes = lookup.row_bytes();
   std::uint64_t sum = 0;
   for (std::int64_t i = 0; i < count; ++i) {
-    lookup.prefetch(i + 2 * kAhead);
+    lookup.prefetch(i + 2 * std::int64_t{kAhead});
     const char* const next = lookup.row(i + kAhead);
     const char* const row = lookup.row(i);
     for (std::int64_t at = 0; at < row_bytes; at += kLineBytes) {
@@ -58,7 +58,7 @@ std::uint64_t touch_side_by_side(const Table& table, const std::int64_t* ids, st
   std::uint64_t sum = 0;
   for (std::int64_t i = 0; i < count; i += kRows) {
     for (int r = 0; r < kRows; ++r) {
-      lookup.prefetch(i + 3 * kRows + r);
+      lookup.prefetch(i + 3 * std::int64_t{kRows} + r);
       rows[r] = next[r];
       next[r] = lookup.row(i + kRows + r);
     }

@@ -33,7 +33,7 @@ class OpenblasFlat : public FlatPeer {
 
  private:
   Matrix matrix_;
-  float scores_[kBlockRows];
+  float scores_[kBlockRows] = {};
 };
 
 }  // namespace

@@ -56,8 +56,8 @@ struct Arena {
   Queries queries;
   AbslIndex absl;
   Floats delta_vectors{0};
-  std::int64_t out_ids[kResults];
-  float out_scores[kResults];
+  std::int64_t out_ids[kResults] = {};
+  float out_scores[kResults] = {};
 };
 
 void add_touch_limits(std::vector<Contestant>& contestants, Arena& arena, const Candidates& lists) {

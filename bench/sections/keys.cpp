@@ -92,7 +92,7 @@ struct Arena {
 using Arenas = std::vector<std::unique_ptr<Arena>>;
 
 // The random keys are the baseline; each pattern is compared with them alone.
-Contestant contestant_of(Arena& arena, std::function<void(Arena&)> work) {
+Contestant contestant_of(Arena& arena, const std::function<void(Arena&)>& work) {
   const bool is_random = arena.pattern.key == spread;
   return {arena.pattern.name, is_random ? Role::kBaseline : Role::kEngine,
           [&arena, work] { work(arena); }};
@@ -123,7 +123,7 @@ void run_fill(const Settings& settings, Results& results, const Arenas& arenas,
 }
 
 void run_probe(const Settings& settings, Results& results, const Arenas& arenas,
-               const char* operation, std::function<void(Arena&)> probe) {
+               const char* operation, const std::function<void(Arena&)>& probe) {
   std::vector<Contestant> contestants;
   for (const auto& arena : arenas) contestants.push_back(contestant_of(*arena, probe));
   compare_patterns(settings, results, operation, kProbes, contestants);

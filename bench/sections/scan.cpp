@@ -64,8 +64,8 @@ struct Arena {
   FlatPeers peers;
   FlaggedEngine flagged;
   Queries queries;
-  std::int64_t out_ids[kResults];
-  float out_scores[kResults];
+  std::int64_t out_ids[kResults] = {};
+  float out_scores[kResults] = {};
 };
 
 void add_engine(std::vector<Contestant>& contestants, Arena& arena) {

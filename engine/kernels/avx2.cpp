@@ -88,6 +88,13 @@ QX_AVX2_INLINE __m256 add_rest(const Rows& rows, std::int64_t at, std::int64_t d
   return sums;
 }
 
+// A number, since what is ahead may lie past the rows, where no pointer may be computed.
+QX_AVX2_INLINE void prefetch_line(std::uintptr_t address) {
+  const auto* const line =
+      reinterpret_cast<const char*>(address);  // NOLINT(performance-no-int-to-ptr): see above
+  _mm_prefetch(line, _MM_HINT_T0);
+}
+
 // Scores `Groups` groups of eight rows side by side: a chain of one group waits for its own last
 // step, and the others fill the wait. With Prefetches, each step also prefetches as many lines as
 // it reads, in address order from `ahead` on.
@@ -101,8 +108,8 @@ QX_AVX2_INLINE void score_groups(const Rows (&rows)[Groups], std::int64_t dim, c
 #pragma GCC unroll 3
     for (int g = 0; g < Groups; ++g) {
       if constexpr (Prefetches) {
-        _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(ahead + kLineBytes), _MM_HINT_T0);
+        prefetch_line(ahead);
+        prefetch_line(ahead + kLineBytes);
         ahead += 2 * kLineBytes;
       }
       sums[g] = add_step(rows[g], j, query, sums[g]);

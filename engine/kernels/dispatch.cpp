@@ -22,11 +22,11 @@ constexpr const Kernels* kBestFirst[] = {
 // is enough; a constant initial value needs no code at load time.
 constinit std::atomic<const Kernels*> chosen{nullptr};
 
+// The last of the list runs everywhere.
 const Kernels* best_supported() {
-  for (const Kernels* const* candidate = kBestFirst; *candidate != nullptr; ++candidate) {
-    if ((*candidate)->supported()) return *candidate;
-  }
-  return &kPortableKernels;
+  const Kernels* const* candidate = kBestFirst;
+  while (!(*candidate)->supported()) ++candidate;
+  return *candidate;
 }
 
 }  // namespace

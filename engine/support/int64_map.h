@@ -82,7 +82,9 @@ class BasicInt64Map {
 
   // Gives a key its value, inserting the key if it is new.
   void assign(std::int64_t key, std::int64_t value) {
-    assign_batch(&key, 1, [&](std::int64_t) { return value; });
+    bool inserted;
+    std::int64_t* const present = find_or_insert(key, value, &inserted);
+    if (!inserted) *present = value;
   }
 
   // assign() for any number of keys in order; key i gets value_of(i).

@@ -6,6 +6,9 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <utility>
+
+#include "support/room.h"
 
 namespace qx {
 
@@ -101,18 +104,18 @@ class TopK {
 
   // Bit i at place i. A loop that takes its bits from a table is turned into SIMD, one that shifts
   // them is not.
-  struct RunBits {
-    std::uint32_t at[kRun] = {};
-    constexpr RunBits() {
-      for (std::int64_t i = 0; i < kRun; ++i) at[i] = std::uint32_t{1} << i;
-    }
+  template <typename Places>
+  struct Bits;
+  template <std::int64_t... kPlaces>
+  struct Bits<std::integer_sequence<std::int64_t, kPlaces...>> {
+    static constexpr std::uint32_t at[] = {(std::uint32_t{1} << kPlaces)...};
   };
+  using RunBits = Bits<std::make_integer_sequence<std::int64_t, kRun>>;
 
   // Which scores of a whole run are above the bar, a bit for each.
   static std::uint32_t which_above(const float* scores, float bar) {
-    static constexpr RunBits kBits;
     std::uint32_t above = 0;
-    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? kBits.at[i] : 0;
+    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? RunBits::at[i] : 0;
     return above;
   }
 
@@ -200,7 +203,7 @@ class TopK {
     for (int byte = 1; byte < 256; ++byte) places[byte] += places[byte - 1];
     Candidate sorted[kMostBatched];
     for (std::int64_t i = 0; i < batch_size_; ++i) sorted[places[byte_of(i)]++] = batch_[i];
-    std::copy_n(sorted, batch_size_, batch_);
+    std::copy_n(sorted, batch_size_, batch_.data());
   }
 
   // Merges the batch into the slots, from the last slot upwards. The m best of the batch enter if
@@ -242,7 +245,7 @@ class TopK {
   std::int64_t k_;
   std::int64_t batch_limit_;
   std::int64_t batch_size_ = 0;
-  Candidate batch_[kMostBatched];
+  Room<Candidate, kMostBatched> batch_;
 };
 
 }  // namespace qx

@@ -85,13 +85,13 @@ class Parser {
     } else if (name_ == "--letter") {
       options_.letter = parse_letter(value());
     } else if (name_ == "--length") {
-      options_.length = parse_number(name_, value(), 1, kLongestWord);
+      options_.length = number(1, kLongestWord);
     } else if (name_ == "--without") {
       options_.without.push_back(value());
     } else if (name_ == "--k") {
-      options_.k = static_cast<std::int32_t>(parse_number(name_, value(), 1, kLargestK));
+      options_.k = static_cast<std::int32_t>(number(1, kLargestK));
     } else if (name_ == "--nprobe") {
-      options_.probes = static_cast<std::int32_t>(parse_number(name_, value(), 1, kMostProbes));
+      options_.probes = static_cast<std::int32_t>(number(1, kMostProbes));
     } else if (name_ == "--data") {
       options_.data = value();
       if (options_.data.empty()) throw UserError("--data needs the name of a file");
@@ -105,6 +105,11 @@ class Parser {
     if (inline_value_) return *inline_value_;
     if (next_ == arguments_.size()) throw UserError(name_ + " needs a value");
     return arguments_[next_++];
+  }
+
+  std::int64_t number(std::int64_t smallest, std::int64_t largest) {
+    const std::string text = value();
+    return parse_number(name_, text, smallest, largest);
   }
 
   void add_words(const std::string& words) {
@@ -134,6 +139,13 @@ class Parser {
   Options options_;
 };
 
+// Reads a text that is a number and nothing else.
+bool is_number(std::string_view text, std::int64_t* number) {
+  const char* const end = text.data() + text.size();
+  const auto [read_end, error] = std::from_chars(text.data(), end, *number);
+  return error == std::errc() && read_end == end;
+}
+
 }  // namespace
 
 Options parse_options(const std::vector<std::string>& arguments) {
@@ -143,9 +155,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
 std::int64_t parse_number(std::string_view what, std::string_view text, std::int64_t smallest,
                           std::int64_t largest) {
   std::int64_t number = 0;
-  const char* end = text.data() + text.size();
-  const std::from_chars_result result = std::from_chars(text.data(), end, number);
-  if (result.ec != std::errc() || result.ptr != end || number < smallest || number > largest) {
+  if (!is_number(text, &number) || number < smallest || number > largest) {
     throw UserError(std::string(what) + " takes a whole number from " + std::to_string(smallest) +
                     " to " + std::to_string(largest) + ", not " + in_quotes(text));
   }

@@ -15,7 +15,7 @@ constexpr std::int32_t kListsPerProbe = 10;
 
 }  // namespace
 
-WordSearch::WordSearch(WordVectors data, CallLog& log)
+WordSearch::WordSearch(WordVectors&& data, CallLog& log)
     : dimension_(data.dimension),
       vocabulary_(std::move(data.words)),
       vectors_(std::move(data.values)),

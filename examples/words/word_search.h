@@ -20,7 +20,7 @@ constexpr std::int64_t kIvfKey = 0;
 class WordSearch {
  public:
   // The log outlives this object. Nothing is built yet.
-  WordSearch(WordVectors data, CallLog& log);
+  WordSearch(WordVectors&& data, CallLog& log);
 
   // Seals the words as the base: rows sorted by first letter, one partition for each letter.
   void seal();

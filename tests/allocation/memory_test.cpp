@@ -134,7 +134,7 @@ TEST(Memory, OfANewIndex) {
 TEST(Memory, OfABase) {
   for (const std::int64_t n : kCounts) {
     for (const std::int32_t dim : {0, 1, 3, 16, 100}) {
-      const std::int64_t first_id = 5 * dim;
+      const std::int64_t first_id = 5 * std::int64_t{dim};
       EXPECT_EQ(
           bytes_after(1, [&](QxIndex* index) { build(index, ids_from(first_id, n), dim, dim); }),
           kIndexBytes + base_bytes(n, dim, n == 0 ? -1 : first_id + n - 1, dim))
@@ -348,7 +348,8 @@ TEST(Memory, AfterRandomCalls) {
 }
 
 TEST(Memory, TheExampleOfTheHeader) {
-  EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) + delta_bytes(10000, 10000 * 768),
+  EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) +
+                delta_bytes(10000, std::int64_t{10000} * 768),
             3122210248);
 }
 

@@ -1,6 +1,7 @@
 // A life of an index that reaches every place where the engine allocates, growth included.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -12,16 +13,16 @@ struct Scenario {
   static constexpr std::int32_t kRows = 20;
   static constexpr std::int32_t kDim = 3;
 
-  std::vector<float> vectors = std::vector<float>(kRows * kDim, 0.5f);
+  std::vector<float> vectors = std::vector<float>(std::size_t{kRows} * kDim, 0.5f);
   std::vector<std::int64_t> ids;
-  std::vector<std::int64_t> values = std::vector<std::int64_t>(kRows * 2, 1);
+  std::vector<std::int64_t> values = std::vector<std::int64_t>(std::size_t{kRows} * 2, 1);
   std::vector<std::int64_t> part_keys = {1, 2};
   std::vector<std::int32_t> part_starts = {0, 10};
   std::vector<std::int32_t> part_sizes = {10, 10};
   std::vector<std::int32_t> list_offsets = {0, 8, kRows};
-  std::vector<std::int64_t> out_ids = std::vector<std::int64_t>(2 * kRows);
-  std::vector<std::int64_t> out_values = std::vector<std::int64_t>(2 * kRows);
-  std::vector<float> out_floats = std::vector<float>(2 * kRows * kDim);
+  std::vector<std::int64_t> out_ids = std::vector<std::int64_t>(2 * std::size_t{kRows});
+  std::vector<std::int64_t> out_values = std::vector<std::int64_t>(2 * std::size_t{kRows});
+  std::vector<float> out_floats = std::vector<float>(2 * std::size_t{kRows} * kDim);
 
   Scenario() {
     for (std::int64_t i = 0; i < kRows; ++i) ids.push_back(i);

@@ -79,8 +79,8 @@ class Stack : public testing::Test {
   std::vector<std::int64_t> ids_ = std::vector<std::int64_t>(kRows);
   std::vector<std::int64_t> labels_ = std::vector<std::int64_t>(kRows);
   std::vector<float> out_vectors_ = std::vector<float>(2 * std::size_t{kRows} * kDim);
-  std::vector<std::int64_t> out_ids_ = std::vector<std::int64_t>(2 * kRows);
-  std::vector<float> out_scores_ = std::vector<float>(2 * kRows);
+  std::vector<std::int64_t> out_ids_ = std::vector<std::int64_t>(2 * std::size_t{kRows});
+  std::vector<float> out_scores_ = std::vector<float>(2 * std::size_t{kRows});
 };
 
 TEST_F(Stack, OfWalks) {

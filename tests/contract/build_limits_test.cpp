@@ -53,6 +53,15 @@ TEST(BuildLimits, OneRowOfElementsMoreIsRejected) {
   EXPECT_EQ(verdict_on((std::int64_t{1} << 10) + 1, 1 << 30), Verdict::kRejected);
 }
 
+TEST(BuildLimits, ARejectedShapeIsNotRead) {
+  const Index index(1);
+  const auto build_nothing = [&](std::int64_t n, std::int32_t dim) {
+    return qx_index_build(index, nullptr, n, dim, nullptr, nullptr, nullptr, nullptr, 0);
+  };
+  EXPECT_EQ(build_nothing(kLimit, 2), -1);
+  EXPECT_EQ(build_nothing(kLimit, INT32_MAX), -1);
+}
+
 TEST(BuildLimits, ANegativeRowCountIsRejected) {
   EXPECT_EQ(verdict_on(-1, 1), Verdict::kRejected);
   EXPECT_EQ(verdict_on(-1, 0), Verdict::kRejected);

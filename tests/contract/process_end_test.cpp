@@ -1,8 +1,10 @@
 // The end of the process, wherever host data can cause it: exactly one line, then the trap, also
 // where standard error takes no line.
 #include <fcntl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "support/host.h"
@@ -74,19 +76,22 @@ void fill_the_device() {
   if (full < 0 || dup2(full, STDERR_FILENO) < 0) _exit(3);
 }
 
+// Leaves no room in a pipe whose writers do not wait.
+void fill(int pipe_end) {
+  const char block[512] = {};
+  while (write(pipe_end, block, sizeof block) > 0) continue;
+  while (write(pipe_end, block, 1) > 0) continue;
+}
+
 // Full, and not waiting for its reader.
 void fill_the_pipe() {
   int ends[2];
-  if (pipe(ends) != 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) != 0) _exit(3);
-  const char block[512] = {};
-  while (write(ends[1], block, sizeof block) > 0) continue;
-  while (write(ends[1], block, 1) > 0) continue;
+  if (pipe2(ends, O_NONBLOCK) != 0) _exit(3);
+  fill(ends[1]);
   if (dup2(ends[1], STDERR_FILENO) < 0) _exit(3);
 }
 
-// Without the signal, which would end the process itself.
 void break_the_pipe() {
-  std::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) _exit(3);
   close(ends[0]);
@@ -105,6 +110,45 @@ TEST_P(ProcessEnd, TrapsWhereStandardErrorTakesNoLine) {
     EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
     EXPECT_EQ(end.standard_error, "");
   }
+}
+
+// A pipe that is full until a timer has struck so often, each time interrupting the write that
+// waits for room.
+int waiting_pipe[2];
+volatile std::sig_atomic_t strikes_left = 10;
+
+void strike(int) {
+  const int error = errno;
+  char block[512];
+  strikes_left = strikes_left - 1;
+  if (strikes_left == 0) {
+    while (read(waiting_pipe[0], block, sizeof block) > 0) continue;
+  }
+  errno = error;
+}
+
+void wait_for_the_pipe() {
+  struct sigaction action = {};
+  action.sa_handler = strike;  // without SA_RESTART
+  const itimerval often = {{0, 2000}, {0, 2000}};
+  fill(waiting_pipe[1]);
+  if (fcntl(waiting_pipe[1], F_SETFL, 0) != 0 || dup2(waiting_pipe[1], STDERR_FILENO) < 0 ||
+      sigaction(SIGALRM, &action, nullptr) != 0 || setitimer(ITIMER_REAL, &often, nullptr) != 0) {
+    _exit(3);
+  }
+}
+
+TEST_P(ProcessEnd, WritesItsLineThoughSignalsInterruptIt) {
+  ASSERT_EQ(pipe2(waiting_pipe, O_NONBLOCK), 0);
+  const ChildEnd end = run(wait_for_the_pipe);
+  close(waiting_pipe[1]);
+  char written[512] = {};
+  EXPECT_GT(read(waiting_pipe[0], written, sizeof written - 1), 0);
+  close(waiting_pipe[0]);
+  std::string line = written;
+  remove_emulator_note(&line);
+  EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
+  EXPECT_TRUE(is_bounds_line(line, GetParam().index, GetParam().length)) << line;
 }
 
 INSTANTIATE_TEST_SUITE_P(HostData, ProcessEnd, testing::ValuesIn(kEnds),

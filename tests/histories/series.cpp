@@ -102,8 +102,7 @@ pid_t start_worker(const SeriesOptions& options, std::uint64_t worker, Shared& s
   }
   if (child == 0) {
     work(options, worker, shared);
-    std::fflush(nullptr);
-    _exit(0);
+    std::exit(0);
   }
   return child;
 }

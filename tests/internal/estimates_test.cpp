@@ -167,6 +167,7 @@ TEST_P(EveryEstimate, OfScatteredRowsIsWithinTheBound) {
       2 * kRowKinds;  // rows that each end, or start, at an unmapped page
   Random random(22);
   Guarded<float> places[kPlaces];
+  Guarded<const float*> addresses;
   Guarded<float> guarded_query;
   Guarded<float> estimates;
   for (const std::int64_t dim : dims()) {
@@ -189,7 +190,8 @@ TEST_P(EveryEstimate, OfScatteredRowsIsWithinTheBound) {
         rows.push_back(places[placed.back()].data());
       }
       estimates.assign(Floats(static_cast<std::size_t>(count), 7.0f));
-      GetParam()->estimate_scattered(rows.data(), count, dim, guarded_query.data(),
+      addresses.assign(rows, random.percent(50) ? Edge::kEnd : Edge::kStart);
+      GetParam()->estimate_scattered(addresses.data(), count, dim, guarded_query.data(),
                                      estimates.data());
       for (std::size_t i = 0; i < estimates.size(); ++i) {
         ASSERT_NO_FATAL_FAILURE(expect_estimate(estimates[i], exact[placed[i]]))

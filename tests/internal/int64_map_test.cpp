@@ -159,6 +159,34 @@ INSTANTIATE_TEST_SUITE_P(
                     NamedKeys{"Colliding", colliding_keys()}),
     [](const auto& pattern) { return pattern.param.name; });
 
+// How many slots the longest of the searches reads that insert 2048 multiples of a stride into a
+// table of twice as many slots.
+std::int64_t longest_search(std::uint64_t stride) {
+  constexpr int kBits = 12;
+  constexpr std::uint64_t kSlots = std::uint64_t{1} << kBits;
+  std::vector<bool> taken(kSlots);
+  std::int64_t longest = 0;
+  for (std::uint64_t i = 0; i < kSlots / 2; ++i) {
+    const auto key = static_cast<std::int64_t>(i * stride);
+    std::uint64_t at = qx::Int64Map::hash(key) >> (64 - kBits);
+    std::int64_t read = 1;
+    for (; taken[at]; at = (at + 1) % kSlots) ++read;
+    taken[at] = true;
+    longest = std::max(longest, read);
+  }
+  return longest;
+}
+
+TEST(Map, SpreadsKeysOfEveryStride) {
+  for (int shift = 0; shift < 53; ++shift) {
+    const std::uint64_t power = std::uint64_t{1} << shift;
+    for (const std::uint64_t stride : {power, power + 1, power - 1}) {
+      if (stride == 0) continue;
+      EXPECT_LE(longest_search(stride), 50) << "stride " << stride;
+    }
+  }
+}
+
 TEST(Map, OwnsNoStorageUntilItsFirstKey) {
   Int64Map map;
   EXPECT_EQ(map.size(), 0);

@@ -79,6 +79,7 @@ TEST_P(EveryKernel, ScoresScatteredRowsByTheContract) {
   constexpr std::size_t kPlaces = 8;  // rows that each end, or start, at an unmapped page
   Random random(12);
   Guarded<float> places[kPlaces];
+  Guarded<const float*> rows;
   Guarded<float> query;
   Guarded<float> scores;
   for (std::int64_t dim = 0; dim <= kMostDims; ++dim) {
@@ -88,10 +89,11 @@ TEST_P(EveryKernel, ScoresScatteredRowsByTheContract) {
       place.assign(draw_floats(random, kind, dim), random.percent(50) ? Edge::kEnd : Edge::kStart);
     }
     for (const std::int64_t count : kCounts) {
-      std::vector<const float*> rows;
+      std::vector<const float*> drawn;
       for (std::int64_t i = 0; i < count; ++i) {
-        rows.push_back(places[random.between(0, kPlaces - 1)].data());
+        drawn.push_back(places[random.between(0, kPlaces - 1)].data());
       }
+      rows.assign(drawn, random.percent(50) ? Edge::kEnd : Edge::kStart);
       scores.assign(Floats(static_cast<std::size_t>(count), 7.0f));
       GetParam()->score_scattered(rows.data(), count, dim, query.data(), scores.data());
       expect_scores(scores, dim, query, [&](std::size_t i) { return rows[i]; });

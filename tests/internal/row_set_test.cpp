@@ -7,6 +7,7 @@
 #include <set>
 
 #include "histories/random.h"
+#include "visibility.h"
 
 namespace {
 
@@ -66,6 +67,15 @@ TEST(RowSet, PaysForNoMoreThanTwoMarksARow) {
   EXPECT_FALSE(RowSet::pays(0, 0));
   EXPECT_TRUE(RowSet::pays(2 * RowSet::kMostRows, 10 * RowSet::kMostRows));
   EXPECT_FALSE(RowSet::pays(2 * RowSet::kMostRows + 1, 10 * RowSet::kMostRows));
+}
+
+TEST(RowSet, OfATestThatEveryIdPassesHoldsEveryRow) {
+  const QxIndex index;
+  const auto set = std::make_unique<RowSet>();
+  set->reset(0, 128, false);
+  qx::EveryId().mark(index, *set, 64, 128);
+  EXPECT_EQ(set->block(64), ~std::uint64_t{0});
+  EXPECT_EQ(set->block(128), ~std::uint64_t{0});
 }
 
 }  // namespace

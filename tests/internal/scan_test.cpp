@@ -50,7 +50,7 @@ struct Result {
 // Rows with what they are by the contract, placed where one element too many faults.
 class Fixed {
  public:
-  Fixed(Random& random, ScanRows rows)
+  Fixed(Random& random, const ScanRows& rows)
       : width(rows.width),
         count(rows.count),
         magnitude(qx_test::magnitude_of(rows.vectors)),

@@ -35,13 +35,19 @@ std::vector<Hit> sorted_best(const std::vector<float>& scores, std::int64_t k) {
   return hits;
 }
 
+constexpr std::int64_t kSingly = 0;
+
+// Offers the scores in blocks of this many, or singly.
 void expect_best(const std::vector<float>& scores, std::int64_t k, std::int64_t block) {
   std::vector<std::int64_t> ids(static_cast<std::size_t>(k));
   std::vector<float> kept(static_cast<std::size_t>(k));
   std::vector<std::int64_t> numbers;
   for (std::int64_t i = 0; i < std::ssize(scores); ++i) numbers.push_back(i);
   qx::TopK topk(ids.data(), kept.data(), k);
-  for (std::int64_t first = 0; first < std::ssize(scores); first += block) {
+  for (std::int64_t i = 0; block == kSingly && i < std::ssize(scores); ++i) {
+    topk.offer(scores[static_cast<std::size_t>(i)], i);
+  }
+  for (std::int64_t first = 0; block != kSingly && first < std::ssize(scores); first += block) {
     const std::int64_t count = std::min(block, static_cast<std::int64_t>(scores.size()) - first);
     topk.offer(scores.data() + first, numbers.data() + first, count);
   }
@@ -81,6 +87,13 @@ TEST_P(TopKOfSize, KeepsTheBestOfScoresThatRiseAmongUnusableOnes) {
     scores.push_back(random.percent(20) ? special_float(random) : static_cast<float>(i / 3 - 2500));
   }
   for (const std::int64_t block : {20, 32, 100, 192}) expect_best(scores, GetParam(), block);
+}
+
+TEST_P(TopKOfSize, KeepsTheBestOfScoresThatAreOfferedSingly) {
+  Random random(7);
+  for (const Values kind : {Values::kTies, Values::kSmooth, Values::kSpecial, Values::kBits}) {
+    expect_best(draw_floats(random, kind, 3000), GetParam(), kSingly);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, TopKOfSize,

@@ -107,6 +107,15 @@ TEST(Invariants, AMissingColumnEndsTheProcess) {
   }));
 }
 
+TEST(Invariants, AMissingColumnIsNotNoticedWhereNoRowIsAsked) {
+  const Index index(1);
+  seal(index, 1, {5}, {5});
+  delete_ids(index, {5});
+  set_rowmeta(index, {5}, {0}, {7}, 1);
+  index->meta_ncols = 2;
+  EXPECT_EQ(match_ids(index, {2, 1, 7}), Ids());
+}
+
 TEST(Invariants, AMissingStampEndsTheInsert) {
   const Index index(1);
   insert(index, {5}, {5});

@@ -54,6 +54,7 @@ Seen live(int number) {
 template <typename Body>
 void in_threads(Body body) {
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int number = 0; number < kThreads; ++number) threads.emplace_back(body, number);
   for (std::thread& thread : threads) thread.join();
 }

@@ -26,14 +26,13 @@ namespace {
   _exit(0);
 }
 
-// Under user-mode emulation the emulator adds a line of its own about the signal. It is not the
-// engine's, and only its last line can be one.
+}  // namespace
+
+// Only the last line can be the emulator's.
 void remove_emulator_note(std::string* text) {
   const std::size_t note = text->rfind("qemu: uncaught target signal");
   if (note != std::string::npos) text->erase(note);
 }
-
-}  // namespace
 
 ChildEnd run_in_child(const std::function<void()>& body) {
   std::fflush(nullptr);

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -281,7 +283,9 @@ template <typename T>
 std::vector<T> written(const Guarded<T>& buffer, T untouched) {
   EXPECT_TRUE(buffer.margins_intact());
   std::vector<T> values = buffer.values();
-  while (!values.empty() && std::memcmp(&values.back(), &untouched, sizeof(T)) == 0) {
+  using Bytes = std::array<std::byte, sizeof(T)>;
+  while (!values.empty() &&
+         std::bit_cast<Bytes>(values.back()) == std::bit_cast<Bytes>(untouched)) {
     values.pop_back();
   }
   return values;

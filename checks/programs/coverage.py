@@ -1,0 +1,193 @@
+"""Measures which lines, functions and branches of engine/ the tests reach.
+
+coverage [--histories N]
+
+On x86-64 by clang's source-based counts, because they know the branches of the source and no
+others: no arcs of exceptions, of static destructors or of inlined copies. A template's branch
+counts as reached when any instantiation, in any of the test programs, reaches it. The internal
+tests run a second time in a build for CPUs with AVX, where portable.cpp has wider registers.
+kernels/neon.cpp is measured by gcov, in the internal tests under emulation. The other kernels run
+natively; instruction sets that the CPU lacks stay unreached. A call that ends the process is
+counted too: the trap first writes the child's counts.
+"""
+import collections
+import gzip
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build/coverage"
+GOOGLETEST = pathlib.Path("/usr/src/googletest/googletest")
+REQUIRED = 100.0
+KINDS = ("lines", "functions", "branches")
+
+# The heap may be failing when this runs, so nothing here may use it.
+TRAP = r"""
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+uint64_t __llvm_profile_get_size_for_buffer(void);
+int __llvm_profile_write_buffer(char*);
+static char buffer[1 << 21];
+__attribute__((visibility("hidden"), noreturn)) void qx_coverage_trap(void) {
+  char name[4096];
+  const uint64_t size = __llvm_profile_get_size_for_buffer();
+  snprintf(name, sizeof name, "%s/child-%ld.profraw", getenv("QX_COVERAGE"), (long)getpid());
+  const int file = open(name, O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  if (file < 0 || size > sizeof buffer || __llvm_profile_write_buffer(buffer) != 0 ||
+      write(file, buffer, size) != (ssize_t)size) _exit(99);
+  __builtin_trap();
+}
+"""
+
+
+def run(*command, **options):
+    result = subprocess.run([str(part) for part in command], cwd=options.pop("cwd", ROOT),
+                            capture_output=True, text=True, **options)
+    if result.returncode != 0:
+        sys.exit(f"coverage: {command[0]} {command[1]} failed\n{result.stdout}{result.stderr}")
+    return result.stdout
+
+
+class Reached:
+    """How often each place was reached. A place is a kind, a file, a line, a column, an outcome."""
+
+    def __init__(self):
+        self.times = collections.Counter()
+
+    def add(self, kind, file, line, column, outcome, times):
+        self.times[kind, file, line, column, outcome] += times
+
+    def print(self):
+        """Prints what was not reached, and the figures; returns the kinds that fall short."""
+        figures, short = [], 0
+        for kind in KINDS:
+            places = {place: times for place, times in self.times.items() if place[0] == kind}
+            missed = sorted(place for place, times in places.items() if times == 0)
+            for _, file, line, column, outcome in missed:
+                print(f"not reached: {kind} {file}:{line}:{column} {outcome}".rstrip())
+            percent = int(10000 * (len(places) - len(missed)) / max(len(places), 1)) / 100
+            figures.append(f"{len(places) - len(missed)} of {len(places)} {kind} ({percent:.2f} %)")
+            short += not places or percent < REQUIRED
+        print(f"coverage of engine/: {', '.join(figures)}")
+        return short
+
+
+def engine_file(name):
+    path = pathlib.Path(name)
+    return str(path.relative_to(ROOT)) if (ROOT / "engine") in path.parents else None
+
+
+def build(folder, flags, target):
+    """Builds with clang and its counts."""
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / "trap.c").write_text(TRAP)
+    trap = folder / "trap.o"
+    run("clang", "-O1", "-fPIC", "-c", folder / "trap.c", "-o", trap)
+    counting = "-O1 -fprofile-instr-generate -fcoverage-mapping"
+    run("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
+        "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++", "-DQX_BUILD_EXAMPLES=OFF",
+        f"-DCMAKE_C_FLAGS={counting}",
+        f"-DCMAKE_CXX_FLAGS={counting} -ftrap-function=qx_coverage_trap {flags}",
+        f"-DCMAKE_EXE_LINKER_FLAGS={trap}", f"-DCMAKE_SHARED_LINKER_FLAGS={trap}")
+    run("nice", "cmake", "--build", folder, "--target", *target)
+
+
+def run_and_export(folder, test, code, options):
+    """Runs one test program; returns clang's counts of the engine's code in `code`."""
+    counts = folder / "counts" / test
+    shutil.rmtree(counts, ignore_errors=True)
+    counts.mkdir(parents=True)
+    environment = dict(os.environ, QX_COVERAGE=str(counts),
+                       LLVM_PROFILE_FILE=f"{counts}/%m.profraw")
+    run("nice", folder / "tests" / test, *options, env=environment)
+    merged = counts / "all.profdata"
+    run("llvm-profdata", "merge", "-sparse", "-o", merged, *counts.glob("*.profraw"))
+    for file in counts.glob("*.profraw"):
+        file.unlink()
+    shown = [folder / code, "-instr-profile", merged]
+    functions = json.loads(run("llvm-cov", "export", *shown))["data"][0]["functions"]
+    return functions, run("llvm-cov", "export", "-format=lcov", *shown).splitlines()
+
+
+def measure(reached, folder, test, code, options):
+    functions, lines = run_and_export(folder, test, code, options)
+    for function in functions:
+        # The first region is the body; its file is the function's.
+        line, column, *_, file_id, _, _ = function["regions"][0]
+        file = engine_file(function["filenames"][file_id])
+        if file:
+            reached.add("functions", file, line, column, "", function["count"])
+        for line, column, _, _, true, false, file_id, *_ in function["branches"]:
+            file = engine_file(function["filenames"][file_id])
+            if file:
+                reached.add("branches", file, line, column, "true", true)
+                reached.add("branches", file, line, column, "false", false)
+    for entry in lines:
+        if entry.startswith("SF:"):
+            file = engine_file(entry[3:])
+        elif entry.startswith("DA:") and file:
+            line, times = entry[3:].split(",")[:2]
+            reached.add("lines", file, int(line), 0, "", int(times))
+
+
+def measure_neon(reached):
+    """Runs the internal tests for AArch64; only the NEON kernel is compiled with counts."""
+    folder = BUILD / "aarch64"
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    compiler = ["nice", "aarch64-linux-gnu-g++", "-std=c++20", "-ffp-contract=off",
+                f"-I{ROOT}/engine", f"-I{ROOT}/include", f"-I{ROOT}/tests",
+                f"-isystem{GOOGLETEST}/include", f"-isystem{GOOGLETEST}"]
+    kernel = ROOT / "engine/kernels/neon.cpp"
+    rest = [path for path in sorted((ROOT / "engine").rglob("*.cpp")) if path != kernel]
+    run(*compiler, "-O0", "-fno-exceptions", "--coverage", "-c", kernel, "-o", "neon.o", cwd=folder)
+    run(*compiler, "-O1", "-static", *rest,
+        *sorted((ROOT / "tests/internal").glob("*.cpp")), ROOT / "tests/support/child.cpp",
+        GOOGLETEST / "src/gtest-all.cc", GOOGLETEST / "src/gtest_main.cc", "neon.o", "-lgcov",
+        "-o", "internal_tests", cwd=folder)
+    run("nice", "qemu-aarch64", folder / "internal_tests", cwd=folder)
+    run("aarch64-linux-gnu-gcov", "--branch-probabilities", "--json-format", "neon.o", cwd=folder)
+    with gzip.open(next(folder.glob("*.gcov.json.gz"))) as stored:
+        files = json.load(stored)["files"]
+    for counted in files:
+        file = engine_file(counted["file"])
+        if file != "engine/kernels/neon.cpp":
+            continue
+        for function in counted["functions"]:
+            reached.add("functions", file, function["start_line"], function["start_column"], "",
+                        function["execution_count"])
+        for line in counted["lines"]:
+            reached.add("lines", file, line["line_number"], 0, "", line["count"])
+            for number, branch in enumerate(line["branches"]):
+                reached.add("branches", file, line["line_number"], 0, f"outcome {number}",
+                            branch["count"])
+
+
+def main():
+    histories = sys.argv[2] if sys.argv[1:2] == ["--histories"] and len(sys.argv) == 3 else "3000"
+    if len(sys.argv) not in (1, 3) or not histories.isdigit():
+        sys.exit("usage: ./check coverage [--histories N]")
+    tests = [("contract_tests", "libqx_runtime.so", [])]
+    tests += [(test, f"tests/{test}", [])
+              for test in ("record_tests", "internal_tests", "allocation_tests")]
+    tests.append(("history_tests", "tests/history_tests", ["--count", histories]))
+    reached = Reached()
+    build(BUILD / "baseline", "", [test for test, _, _ in tests])
+    for test, code, options in tests:
+        measure(reached, BUILD / "baseline", test, code, options)
+    build(BUILD / "avx", "-mavx", ["internal_tests"])
+    measure(reached, BUILD / "avx", "internal_tests", "tests/internal_tests", [])
+    measure_neon(reached)
+    short = reached.print()
+    print(f"{3 - short} passed, {short} failed")
+    sys.exit(short > 0)
+
+
+main()

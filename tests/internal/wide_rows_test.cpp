@@ -1,0 +1,60 @@
+// Rows of widths at which the engine changes its way: their scores and results stay the same.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "histories/random.h"
+#include "internal/every_kernel.h"
+#include "scan.h"
+
+namespace qx_test {
+namespace {
+
+std::vector<float> small_numbers(std::size_t count) {
+  Random random(31);
+  std::vector<float> numbers(count);
+  for (float& number : numbers) number = static_cast<float>(random.between(-9, 9));
+  return numbers;
+}
+
+class WideRows : public UnderAKernel {};
+
+TEST_P(WideRows, ScoreAsThePortableKernelScoresThem) {
+  constexpr std::int64_t kRows = 43;
+  for (const std::int64_t dim : {510, 512, 1024, 1536, 2048}) {
+    const std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
+    std::vector<float> scores(kRows), expected(kRows);
+    for (const qx::Reach reach : {qx::Reach::kNear, qx::Reach::kMemory}) {
+      GetParam()->score_contiguous(rows.data(), kRows, dim, rows.data(), reach, scores.data());
+      qx::kPortableKernels.score_contiguous(rows.data(), kRows, dim, rows.data(), reach,
+                                            expected.data());
+      EXPECT_EQ(scores, expected) << dim;
+    }
+  }
+}
+
+TEST_P(WideRows, AreScannedWithTheHostsOwnQueryToo) {
+  constexpr std::int64_t kRows = 250;
+  for (const std::int64_t dim : {2047, 2048, 2049, 2051}) {
+    const std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
+    std::vector<std::int64_t> row_ids(kRows);
+    for (std::int64_t i = 0; i < kRows; ++i) row_ids[static_cast<std::size_t>(i)] = i;
+    std::vector<float> all(kRows);
+    qx::score_contiguous(rows.data(), kRows, dim, rows.data(), all.data());
+    std::int64_t id = -1;
+    float score = 0;
+    qx::TopK topk(&id, &score, 1);
+    qx::Scan scan({rows.data(), dim, kRows, 9}, topk);
+    scan.add_contiguous(rows.data(), row_ids.data(), kRows, kRows);
+    scan.finish();
+    const auto best = std::max_element(all.begin(), all.end());
+    EXPECT_EQ(id, best - all.begin());
+    EXPECT_EQ(score, *best);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, WideRows, testing::ValuesIn(listed_kernels()), kernel_name);
+
+}  // namespace
+}  // namespace qx_test
