@@ -1,0 +1,140 @@
+// SQLite's interface as this extension uses it: statements that clean up after themselves, and
+// errors as exceptions, which never leave the extension.
+#pragma once
+
+#include <sqlite3ext.h>
+
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+SQLITE_EXTENSION_INIT3
+
+namespace qx_sqlite {
+
+// An SQL error: a result code of SQLite and the message that the user sees.
+class SqlError : public std::runtime_error {
+ public:
+  SqlError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  explicit SqlError(const std::string& message) : SqlError(SQLITE_ERROR, message) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// The bytes of a value, valid until the value is converted or released.
+inline std::span<const std::byte> blob_of(sqlite3_value* value) {
+  const void* const bytes = sqlite3_value_blob(value);
+  return {static_cast<const std::byte*>(bytes),
+          static_cast<std::size_t>(sqlite3_value_bytes(value))};
+}
+inline std::string_view text_of(sqlite3_value* value) {
+  const auto* const text = reinterpret_cast<const char*>(sqlite3_value_text(value));
+  return {text == nullptr ? "" : text, static_cast<std::size_t>(sqlite3_value_bytes(value))};
+}
+
+// A prepared statement, kept for many runs. Each run binds, steps and resets.
+class Statement {
+ public:
+  Statement() = default;
+  Statement(sqlite3* database, const std::string& sql) : database_(database) {
+    check(sqlite3_prepare_v3(database, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement_,
+                             nullptr));
+  }
+  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(Statement&& other) noexcept
+      : database_(other.database_), statement_(std::exchange(other.statement_, nullptr)) {}
+  Statement& operator=(Statement&& other) noexcept {
+    std::swap(database_, other.database_);
+    std::swap(statement_, other.statement_);
+    return *this;
+  }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  explicit operator bool() const { return statement_ != nullptr; }
+
+  // Parameters count from 1.
+  void bind(int at, std::int64_t number) { check(sqlite3_bind_int64(statement_, at, number)); }
+  void bind(int at, std::string_view text) {
+    check(sqlite3_bind_text64(statement_, at, text.data(), text.size(), SQLITE_TRANSIENT,
+                              SQLITE_UTF8));
+  }
+  void bind(int at, std::span<const std::byte> bytes) {
+    check(sqlite3_bind_blob64(statement_, at, bytes.empty() ? kNoBytes : bytes.data(),
+                              bytes.size(), SQLITE_TRANSIENT));
+  }
+  void bind(int at, sqlite3_value* value) { check(sqlite3_bind_value(statement_, at, value)); }
+  void bind_null(int at) { check(sqlite3_bind_null(statement_, at)); }
+
+  // Whether there is a row.
+  bool step() {
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) return true;
+    if (result == SQLITE_DONE) return false;
+    const SqlError error(sqlite3_extended_errcode(database_), sqlite3_errmsg(database_));
+    sqlite3_reset(statement_);
+    throw error;
+  }
+  void reset() {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+  }
+  // For statements that give no rows.
+  void run() {
+    step();
+    reset();
+  }
+
+  // Columns count from 0.
+  int type(int column) const { return sqlite3_column_type(statement_, column); }
+  std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+  std::span<const std::byte> blob(int column) const {
+    const void* const bytes = sqlite3_column_blob(statement_, column);
+    return {static_cast<const std::byte*>(bytes),
+            static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+  }
+  sqlite3_value* value(int column) const { return sqlite3_column_value(statement_, column); }
+
+ private:
+  void check(int result) const {
+    if (result == SQLITE_OK) return;
+    throw SqlError(sqlite3_extended_errcode(database_), sqlite3_errmsg(database_));
+  }
+
+  // An empty BLOB has an address, too: null would be an SQL null.
+  static constexpr std::byte kNoBytes[1] = {};
+
+  sqlite3* database_ = nullptr;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+// Resets a statement at the end of a scope, however that is left.
+class Running {
+ public:
+  explicit Running(Statement& statement) : statement_(statement) {}
+  ~Running() { statement_.reset(); }
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+ private:
+  Statement& statement_;
+};
+
+inline void execute(sqlite3* database, const std::string& sql) { Statement(database, sql).run(); }
+
+// A name, as SQL takes it.
+inline std::string quoted(std::string_view name) {
+  std::string text = "\"";
+  for (const char letter : name) {
+    if (letter == '"') text += '"';
+    text += letter;
+  }
+  return text + '"';
+}
+
+}  // namespace qx_sqlite

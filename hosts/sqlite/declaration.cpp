@@ -1,0 +1,186 @@
+#include "declaration.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "database.h"
+
+namespace qx_sqlite {
+namespace {
+
+constexpr std::int64_t kLargestDim = 65536;
+constexpr std::string_view kSpaces = " \t\r\n";
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kSpaces);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
+}
+
+std::string lower(std::string_view text) {
+  std::string result(text);
+  for (char& letter : result) {
+    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+  }
+  return result;
+}
+
+// Words that spaces part, in lower case and with one space between them.
+std::string words(std::string_view text) {
+  std::string result;
+  for (text = trimmed(text); !text.empty();) {
+    const std::size_t end = std::min(text.find_first_of(kSpaces), text.size());
+    if (!result.empty()) result += ' ';
+    result += lower(text.substr(0, end));
+    text = trimmed(text.substr(end));
+  }
+  return result;
+}
+
+bool is_name(std::string_view text) {
+  const auto in_name = [](char letter) {
+    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || letter == '_' ||
+           (letter >= '0' && letter <= '9') || static_cast<unsigned char>(letter) >= 0x80;
+  };
+  return !text.empty() && !(text[0] >= '0' && text[0] <= '9') &&
+         std::all_of(text.begin(), text.end(), in_name);
+}
+
+std::int64_t dim_of(std::string_view text, std::string_view argument) {
+  std::int64_t dim = 0;
+  text = trimmed(text);
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), dim);
+  if (error != std::errc() || end != text.data() + text.size() || dim < 1 || dim > kLargestDim) {
+    throw SqlError("the dimension in '" + std::string(argument) + "' is no number from 1 to " +
+                   std::to_string(kLargestDim));
+  }
+  return dim;
+}
+
+class Reader {
+ public:
+  explicit Reader(const std::string& table) : table_(lower(table)) {}
+
+  void read(std::string_view argument) {
+    argument = trimmed(argument);
+    const std::size_t equals = argument.find('=');
+    if (equals != std::string_view::npos) {
+      option(trimmed(argument.substr(0, equals)), trimmed(argument.substr(equals + 1)), argument);
+    } else {
+      column(argument);
+    }
+  }
+
+  Declaration finish() {
+    if (declared_.vector_column < 0) {
+      throw SqlError("no column of vectors: declare one, as in 'embedding float[100]'");
+    }
+    return std::move(declared_);
+  }
+
+ private:
+  // dim=100, columns='length,band', partition=letter: short forms of columns.
+  void option(std::string_view name, std::string_view value, std::string_view argument) {
+    if (value.size() >= 2 && (value[0] == '\'' || value[0] == '"') && value.back() == value[0]) {
+      value = value.substr(1, value.size() - 2);
+    }
+    const std::string option = lower(name);
+    if (option == "dim") {
+      add("embedding", ColumnKind::kVector);
+      declared_.dim = dim_of(value, argument);
+    } else if (option == "columns") {
+      for (std::size_t end = 0; end != std::string_view::npos; value.remove_prefix(end + 1)) {
+        end = value.find(',');
+        add(trimmed(value.substr(0, end)), ColumnKind::kNumber);
+        if (end == std::string_view::npos) break;
+      }
+    } else if (option == "partition") {
+      add(trimmed(value), ColumnKind::kPartition);
+    } else {
+      throw SqlError("unknown option '" + std::string(name) + "': dim, columns and partition are");
+    }
+  }
+
+  void column(std::string_view argument) {
+    const bool extra = !argument.empty() && argument[0] == '+';
+    const std::string_view text = trimmed(argument.substr(extra));
+    const std::size_t end = std::min(text.find_first_of(kSpaces), text.size());
+    const std::string_view name = text.substr(0, end);
+    const std::string type = words(text.substr(end));
+    if (extra) {
+      if (!type.empty() && type != "text" && type != "integer" && type != "real" &&
+          type != "blob") {
+        throw SqlError("'" + std::string(argument) + "' is no text, integer, real or blob");
+      }
+      add(name, ColumnKind::kExtra, type);
+    } else if (type.starts_with("float[") && type.ends_with("]")) {
+      add(name, ColumnKind::kVector);
+      declared_.dim = dim_of(std::string_view(type).substr(6, type.size() - 7), argument);
+    } else if (type == "integer" || type == "int") {
+      add(name, ColumnKind::kNumber);
+    } else if (type == "integer partition key" || type == "int partition key") {
+      add(name, ColumnKind::kPartition);
+    } else {
+      throw SqlError("'" + std::string(argument) +
+                     "' is no column: one is 'name float[100]', 'name integer', 'name integer "
+                     "partition key' or '+name type'");
+    }
+  }
+
+  void add(std::string_view name, ColumnKind kind, const std::string& type = "") {
+    if (!is_name(name)) throw SqlError("'" + std::string(name) + "' is no name of a column");
+    const std::string key = lower(name);
+    for (const std::string_view taken : {"rowid", "oid", "_rowid_", "k", "score", "distance"}) {
+      if (key == taken) throw SqlError("the name " + key + " has a meaning of its own");
+    }
+    if (key == table_) throw SqlError("the column " + key + " has the name of the table");
+    for (const Column& other : declared_.columns) {
+      if (lower(other.name) == key) throw SqlError("two columns have the name " + key);
+      if (other.kind == kind && kind == ColumnKind::kVector) {
+        throw SqlError("a table has one column of vectors");
+      }
+      if (other.kind == kind && kind == ColumnKind::kPartition) {
+        throw SqlError("a table has one partition key");
+      }
+    }
+    if (kind == ColumnKind::kVector) {
+      declared_.vector_column = static_cast<int>(declared_.columns.size());
+    }
+    declared_.columns.push_back({std::string(name), kind, type});
+  }
+
+  std::string table_;
+  Declaration declared_;
+};
+
+}  // namespace
+
+int Declaration::partition_column() const {
+  for (std::size_t i = 0; i < columns.size(); ++i) {
+    if (columns[i].kind == ColumnKind::kPartition) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+std::string Declaration::schema(const std::string& table) const {
+  std::string text = "CREATE TABLE x(";
+  for (const Column& column : columns) {
+    text += quoted(column.name);
+    if (column.kind == ColumnKind::kVector) text += " BLOB";
+    if (column.kind == ColumnKind::kNumber || column.kind == ColumnKind::kPartition) {
+      text += " INTEGER";
+    }
+    if (column.kind == ColumnKind::kExtra && !column.type.empty()) text += " " + column.type;
+    text += ", ";
+  }
+  return text + quoted(table) + " HIDDEN, k HIDDEN, score REAL HIDDEN, distance REAL HIDDEN)";
+}
+
+Declaration read_declaration(const std::string& table, std::span<const char* const> arguments) {
+  Reader reader(table);
+  for (const char* const argument : arguments) reader.read(argument);
+  return reader.finish();
+}
+
+}  // namespace qx_sqlite

@@ -1,0 +1,452 @@
+#include "live_rows.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "vectors.h"
+
+namespace qx_sqlite {
+namespace {
+
+constexpr int kLabel = -1;
+constexpr int kNoNumber = -2;
+constexpr std::int64_t kIvfKey = 0;
+// With more changed rows, the index is made anew, and lists of an IVF are not searched.
+constexpr std::size_t kManyChanged = 10'000;
+
+// The engine marks a missing number by -1, so numbers below 0 are stored one lower.
+constexpr std::int64_t kMissing = -1;
+constexpr std::int64_t kLeastNumber = std::numeric_limits<std::int64_t>::min();
+std::int64_t stored(std::int64_t number) { return number < 0 ? number - 1 : number; }
+std::optional<std::int64_t> number_of(std::int64_t value) {
+  if (value == kMissing) return std::nullopt;
+  return value < 0 ? value + 1 : value;
+}
+
+bool is_label(const Column& column) { return sqlite3_stricmp(column.name.c_str(), "label") == 0; }
+
+// Rows as they are read from the table, ready for the engine.
+struct Rows {
+  std::vector<std::int64_t> ids;
+  Floats vectors;
+  std::vector<std::int64_t> labels;
+  std::vector<std::int64_t> values;
+  std::vector<std::optional<std::int64_t>> keys;  // of the partition
+};
+
+class RowReader {
+ public:
+  RowReader(const Declaration& declaration, const std::vector<int>& slots, std::int32_t columns)
+      : declaration_(declaration), slots_(slots), columns_(columns) {}
+
+  void read(const Statement& row, Rows* rows) const {
+    const std::int64_t rowid = row.integer(0);
+    if (row.type(0) != SQLITE_INTEGER || rowid < 0) fail(rowid, "a rowid below 0");
+    const std::size_t values_before = rows->values.size();
+    rows->values.resize(values_before + static_cast<std::size_t>(columns_), kMissing);
+    std::int64_t label = kMissing;
+    std::optional<std::int64_t> key;
+    for (std::size_t i = 0; i < slots_.size(); ++i) {
+      const int at = static_cast<int>(i) + 1;
+      if (declaration_.columns[i].kind == ColumnKind::kVector) {
+        read_vector(row, at, rowid, rows);
+        continue;
+      }
+      if (slots_[i] == kNoNumber || row.type(at) == SQLITE_NULL) continue;
+      if (row.type(at) != SQLITE_INTEGER || row.integer(at) == kLeastNumber) {
+        fail(rowid, "no number in " + declaration_.columns[i].name);
+      }
+      const std::int64_t number = row.integer(at);
+      if (declaration_.columns[i].kind == ColumnKind::kPartition) key = number;
+      if (slots_[i] == kLabel) {
+        label = stored(number);
+      } else {
+        rows->values[values_before + static_cast<std::size_t>(slots_[i])] = stored(number);
+      }
+    }
+    rows->ids.push_back(rowid);
+    rows->labels.push_back(label);
+    rows->keys.push_back(key);
+  }
+
+ private:
+  void read_vector(const Statement& row, int at, std::int64_t rowid, Rows* rows) const {
+    const std::span<const std::byte> bytes = row.blob(at);
+    if (row.type(at) != SQLITE_BLOB ||
+        static_cast<std::int64_t>(bytes.size()) != 4 * declaration_.dim) {
+      fail(rowid, "no vector of " + std::to_string(declaration_.dim) + " numbers");
+    }
+    try {
+      const Floats floats = floats_of(bytes);
+      rows->vectors.insert(rows->vectors.end(), floats.begin(), floats.end());
+    } catch (const SqlError& error) {
+      fail(rowid, error.what());
+    }
+  }
+
+  [[noreturn]] static void fail(std::int64_t rowid, const std::string& what) {
+    throw SqlError(SQLITE_CORRUPT_VTAB,
+                   "the stored row " + std::to_string(rowid) + " is damaged: " + what);
+  }
+
+  const Declaration& declaration_;
+  const std::vector<int>& slots_;
+  std::int32_t columns_;
+};
+
+// Rowids from here on stand beside the base: its table has a place for every smaller one.
+std::int64_t base_limit(std::size_t rows) {
+  return std::min(static_cast<std::int64_t>(rows) * 8 + (1 << 20), std::int64_t{1} << 40);
+}
+
+// Takes the rows with rowids from `limit` on out of `rows`.
+Rows take_sparse(Rows* rows, std::int64_t limit, std::size_t dim, std::size_t columns) {
+  Rows sparse;
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < rows->ids.size(); ++i) {
+    const auto vector = rows->vectors.begin() + static_cast<std::ptrdiff_t>(i * dim);
+    const auto values = rows->values.begin() + static_cast<std::ptrdiff_t>(i * columns);
+    if (rows->ids[i] >= limit) {
+      sparse.ids.push_back(rows->ids[i]);
+      sparse.labels.push_back(rows->labels[i]);
+      sparse.vectors.insert(sparse.vectors.end(), vector, vector + static_cast<std::ptrdiff_t>(dim));
+      sparse.values.insert(sparse.values.end(), values,
+                           values + static_cast<std::ptrdiff_t>(columns));
+      continue;
+    }
+    rows->ids[kept] = rows->ids[i];
+    rows->labels[kept] = rows->labels[i];
+    rows->keys[kept] = rows->keys[i];
+    std::copy_n(vector, dim, rows->vectors.begin() + static_cast<std::ptrdiff_t>(kept * dim));
+    std::copy_n(values, columns, rows->values.begin() + static_cast<std::ptrdiff_t>(kept * columns));
+    ++kept;
+  }
+  rows->ids.resize(kept);
+  rows->labels.resize(kept);
+  rows->keys.resize(kept);
+  rows->vectors.resize(kept * dim);
+  rows->values.resize(kept * columns);
+  return sparse;
+}
+
+// The rows come in the order of their keys, those without one first.
+std::vector<qx::Partition> partitions_of(const std::vector<std::optional<std::int64_t>>& keys) {
+  std::vector<qx::Partition> partitions;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (!keys[i]) continue;
+    if (partitions.empty() || partitions.back().key != *keys[i]) {
+      partitions.push_back({*keys[i], static_cast<std::int32_t>(i), 0});
+    }
+    ++partitions.back().size;
+  }
+  return partitions;
+}
+
+// The first k, by score and among equals by rowid.
+void order(qx::Hits* hits, std::size_t k) {
+  std::vector<qx::Hit> sorted(hits->begin(), hits->end());
+  std::sort(sorted.begin(), sorted.end(), [](const qx::Hit& a, const qx::Hit& b) {
+    return a.score != b.score ? a.score > b.score : a.id < b.id;
+  });
+  sorted.resize(std::min(sorted.size(), k));
+  hits->ids.clear();
+  hits->scores.clear();
+  for (const qx::Hit& hit : sorted) {
+    hits->ids.push_back(hit.id);
+    hits->scores.push_back(hit.score);
+  }
+}
+
+}  // namespace
+
+bool Condition::passes(std::optional<std::int64_t> number) const {
+  if (test == Test::kNull) return !number;
+  if (!number) return false;
+  switch (test) {
+    case Test::kEqual:
+      return *number == numbers[0];
+    case Test::kNotEqual:
+      return *number != numbers[0];
+    case Test::kLess:
+      return *number < numbers[0];
+    case Test::kLessOrEqual:
+      return *number <= numbers[0];
+    case Test::kGreater:
+      return *number > numbers[0];
+    case Test::kGreaterOrEqual:
+      return *number >= numbers[0];
+    case Test::kIn:
+      return std::binary_search(numbers.begin(), numbers.end(), *number);
+    default:
+      return test == Test::kNotNull;
+  }
+}
+
+const char* name_of(Way way) {
+  switch (way) {
+    case Way::kExact:
+      return "exact";
+    case Way::kCurrent:
+      return "current";
+    case Way::kPartition:
+      return "partition";
+    case Way::kFiltered:
+      return "filtered";
+    case Way::kIvf:
+      return "ivf";
+    default:
+      return "candidates";
+  }
+}
+
+LiveRows::LiveRows(Storage& storage, const Declaration& declaration)
+    : storage_(storage), declaration_(declaration) {
+  bool labelled = false;
+  for (const Column& column : declaration_.columns) {
+    if (column.kind == ColumnKind::kVector || column.kind == ColumnKind::kExtra) {
+      slots_.push_back(kNoNumber);
+    } else if (!labelled && is_label(column)) {
+      labelled = true;
+      slots_.push_back(kLabel);
+    } else {
+      slots_.push_back(number_columns_++);
+    }
+  }
+}
+
+void LiveRows::begin() {
+  writing_ = true;
+  loaded_while_writing_ = false;
+  entry_before_writing_ = entry_;
+  uncommitted_.clear();
+}
+
+void LiveRows::undo() {
+  if (loaded_while_writing_) index_.reset();
+  entry_ = entry_before_writing_;
+  doubtful_.insert(doubtful_.end(), uncommitted_.begin(), uncommitted_.end());
+}
+
+void LiveRows::end() {
+  writing_ = false;
+  loaded_while_writing_ = false;
+  uncommitted_.clear();
+}
+
+void LiveRows::catch_up() {
+  const std::int64_t generation = storage_.generation();
+  const std::int64_t last = storage_.last_entry();
+  if (!index_ || generation != generation_ ||
+      changed_.size() > kManyChanged + static_cast<std::size_t>(index_->size()) / 2) {
+    load();
+    generation_ = generation;
+  } else if (last != entry_ || !doubtful_.empty()) {
+    std::vector<std::int64_t> rowids = std::exchange(doubtful_, {});
+    {
+      Statement& statement = storage_.written_after();
+      const Running running(statement);
+      statement.bind(1, entry_);
+      while (statement.step()) rowids.push_back(statement.integer(0));
+    }
+    std::sort(rowids.begin(), rowids.end());
+    rowids.erase(std::unique(rowids.begin(), rowids.end()), rowids.end());
+    refresh(rowids);
+    if (writing_) uncommitted_.insert(uncommitted_.end(), rowids.begin(), rowids.end());
+  }
+  entry_ = last;
+}
+
+void LiveRows::load() {
+  index_.reset();
+  changed_.clear();
+  changed_set_.clear();
+  doubtful_.clear();
+  ivf_lists_ = 0;
+  if (writing_) loaded_while_writing_ = true;
+
+  Rows rows;
+  const RowReader reader(declaration_, slots_, number_columns_);
+  {
+    Statement& statement = storage_.all_rows();
+    const Running running(statement);
+    while (statement.step()) reader.read(statement, &rows);
+  }
+  Rows sparse = take_sparse(&rows, base_limit(rows.ids.size()),
+                            static_cast<std::size_t>(declaration_.dim),
+                            static_cast<std::size_t>(number_columns_));
+  qx::Index index(static_cast<std::int32_t>(declaration_.dim));
+  index.build(rows.vectors, rows.ids, partitions_of(rows.keys));
+  index.set_rowmeta(rows.ids, rows.labels, rows.values, number_columns_);
+  if (!sparse.ids.empty()) {
+    index.insert(sparse.vectors, sparse.ids);
+    index.set_rowmeta(sparse.ids, sparse.labels, sparse.values, number_columns_);
+    for (const std::int64_t id : sparse.ids) note_changed(id);
+  }
+  index_ = std::move(index);
+  attach_ivf();
+}
+
+void LiveRows::note_changed(std::int64_t rowid) {
+  if (changed_set_.insert(rowid).second) changed_.push_back(rowid);
+}
+
+void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
+  Rows rows;
+  std::vector<std::int64_t> gone;
+  const RowReader reader(declaration_, slots_, number_columns_);
+  try {
+    for (const std::int64_t rowid : rowids) {
+      Statement& statement = storage_.one_row();
+      const Running running(statement);
+      statement.bind(1, rowid);
+      if (statement.step()) {
+        reader.read(statement, &rows);
+      } else {
+        gone.push_back(rowid);
+      }
+      note_changed(rowid);
+    }
+    index_->insert(rows.vectors, rows.ids);
+    index_->set_rowmeta(rows.ids, rows.labels, rows.values, number_columns_);
+    index_->erase(gone);
+  } catch (...) {
+    index_.reset();
+    throw;
+  }
+}
+
+void LiveRows::attach_ivf() {
+  const std::optional<std::int64_t> nprobe = storage_.number("ivf_nprobe");
+  if (!nprobe) return;
+  const Floats centroids = floats_of(storage_.blob("ivf_centroids"));
+  const auto dim = static_cast<std::size_t>(declaration_.dim);
+  const std::size_t lists = centroids.size() / dim;
+  if (lists * dim != centroids.size() || lists == 0 || *nprobe < 1 || *nprobe > 1 << 30) {
+    throw SqlError(SQLITE_CORRUPT_VTAB, "the stored centroids are damaged");
+  }
+  std::vector<std::int64_t> numbers(lists);
+  for (std::size_t i = 0; i < lists; ++i) numbers[i] = static_cast<std::int64_t>(i);
+  qx::Index nearest(static_cast<std::int32_t>(declaration_.dim));
+  nearest.build(centroids, numbers);
+
+  const qx::Rows base = index_->export_base();
+  std::vector<std::vector<std::int64_t>> members(lists);
+  for (std::size_t i = 0; i < base.size(); ++i) {
+    const qx::Hits best = nearest.search_full(base.vector(i), 1);
+    members[best.empty() ? 0 : static_cast<std::size_t>(best.ids[0])].push_back(base.ids[i]);
+  }
+  std::vector<std::int64_t> ids;
+  std::vector<std::int32_t> offsets = {0};
+  for (const std::vector<std::int64_t>& list : members) {
+    ids.insert(ids.end(), list.begin(), list.end());
+    offsets.push_back(static_cast<std::int32_t>(ids.size()));
+  }
+  index_->set_ivf(kIvfKey, static_cast<std::int32_t>(*nprobe), centroids, ids, offsets);
+  ivf_lists_ = static_cast<std::int32_t>(lists);
+}
+
+qx::Filter LiveRows::filter(const Condition& condition) const {
+  const int slot = slots_[static_cast<std::size_t>(condition.column)];
+  const std::int64_t value = stored(condition.numbers[0]);
+  return slot == kLabel ? qx::Filter::label(value) : qx::Filter::column(slot, value);
+}
+
+Way LiveRows::way(const std::vector<Condition>& conditions) const {
+  if (conditions.empty()) {
+    if (ivf_lists_ > 0 && changed_.size() <= kManyChanged) return Way::kIvf;
+    return changed_.empty() ? Way::kExact : Way::kCurrent;
+  }
+  const Condition& first = conditions[0];
+  if (conditions.size() > 1 || first.column < 0 || first.test != Condition::Test::kEqual) {
+    return Way::kCandidates;
+  }
+  return first.column == declaration_.partition_column() && changed_.empty() ? Way::kPartition
+                                                                             : Way::kFiltered;
+}
+
+qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
+                          const std::vector<Condition>& conditions) const {
+  // No stored number is the least one, which has no place one lower.
+  for (const Condition& condition : conditions) {
+    if (condition.test == Condition::Test::kEqual && condition.numbers[0] == kLeastNumber) {
+      return {};
+    }
+  }
+  const Way taken = way(conditions);
+  const std::vector<std::int64_t> listed =
+      taken == Way::kCandidates ? candidates(conditions) : std::vector<std::int64_t>();
+  const auto best = [&](std::int64_t count) {
+    switch (taken) {
+      case Way::kExact:
+        return index_->search_full(query, count);
+      case Way::kCurrent:
+        return index_->search_filtered(qx::Filter::all(), query, count);
+      case Way::kPartition:
+        return index_->search_partition(conditions[0].numbers[0], query, count);
+      case Way::kFiltered:
+        return index_->search_filtered(filter(conditions[0]), query, count);
+      case Way::kIvf:
+        return ivf_hits(query, count);
+      default:
+        return changed_.empty() ? index_->scatter_topk(listed, query, count)
+                                : index_->search_mvcc(listed, query, count);
+    }
+  };
+  if (k == 0) return {};
+  // Rows of the last score may wait behind the k-th: all of them are needed to order by rowid.
+  const std::int64_t most = index_->size() + static_cast<std::int64_t>(changed_.size());
+  const auto last = static_cast<std::size_t>(std::min(k, most));
+  qx::Hits hits;
+  for (std::int64_t count = std::min(k, most) + 1;; count *= 2) {
+    hits = best(count);
+    if (static_cast<std::int64_t>(hits.size()) < count || hits.scores.back() != hits.scores[last - 1])
+      break;
+  }
+  order(&hits, last);
+  return hits;
+}
+
+// The lists know the base alone: what has changed since is left out of their rows, and searched in
+// full beside them.
+qx::Hits LiveRows::ivf_hits(std::span<const float> query, std::int64_t k) const {
+  qx::Hits hits = index_->search_mvcc(changed_, query, k);
+  const qx::Hits of_lists =
+      index_->search_ivf(kIvfKey, query, k + static_cast<std::int64_t>(changed_.size()));
+  for (const qx::Hit hit : of_lists) {
+    if (changed_set_.contains(hit.id)) continue;
+    hits.ids.push_back(hit.id);
+    hits.scores.push_back(hit.score);
+  }
+  order(&hits, static_cast<std::size_t>(k));
+  return hits;
+}
+
+std::vector<std::int64_t> LiveRows::candidates(const std::vector<Condition>& conditions) const {
+  using Test = Condition::Test;
+  const auto first = std::find_if(conditions.begin(), conditions.end(), [](const Condition& c) {
+    return c.column < 0 && (c.test == Test::kEqual || c.test == Test::kIn);
+  });
+  const auto equal = std::find_if(conditions.begin(), conditions.end(), [](const Condition& c) {
+    return c.column >= 0 && c.test == Test::kEqual;
+  });
+  std::vector<std::int64_t> ids = first != conditions.end()   ? first->numbers
+                                  : equal != conditions.end() ? index_->match_ids(filter(*equal))
+                                                              : index_->visible_ids();
+  const qx::RowMeta meta = index_->export_rowmeta(ids);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const bool passes = std::all_of(conditions.begin(), conditions.end(), [&](const Condition& c) {
+      if (c.column < 0) return c.passes(ids[i]);
+      const int slot = slots_[static_cast<std::size_t>(c.column)];
+      return c.passes(number_of(slot == kLabel
+                                    ? meta.labels[i]
+                                    : meta.values[i * static_cast<std::size_t>(meta.ncols) +
+                                                  static_cast<std::size_t>(slot)]));
+    });
+    if (passes) ids[kept++] = ids[i];
+  }
+  ids.resize(kept);
+  return ids;
+}
+
+}  // namespace qx_sqlite

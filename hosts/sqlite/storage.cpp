@@ -1,0 +1,209 @@
+#include "storage.h"
+
+#include <algorithm>
+
+namespace qx_sqlite {
+namespace {
+
+constexpr std::int64_t kVersion = 1;
+// A log of more entries is given up for a new generation: reading all rows is then as quick.
+constexpr std::int64_t kLongestLog = 100'000;
+
+std::int64_t random_number() {
+  std::int64_t number = 0;
+  sqlite3_randomness(sizeof number, &number);
+  return number;
+}
+
+}  // namespace
+
+Storage::Storage(sqlite3* database, std::string schema, std::string table,
+                 const Declaration& declaration)
+    : database_(database),
+      schema_(std::move(schema)),
+      table_(std::move(table)),
+      declaration_(declaration) {
+  const int partition = declaration_.partition_column();
+  const std::string order =
+      partition < 0 ? "rowid"
+                    : quoted(declaration_.columns[static_cast<std::size_t>(partition)].name) +
+                          ", rowid";
+  all_rows_sql_ = select_rows("ORDER BY " + order);
+  one_row_sql_ = select_rows("WHERE rowid = ?1");
+  written_after_sql_ = "SELECT DISTINCT rowid_ FROM " + name("log") + " WHERE entry > ?1";
+}
+
+std::string Storage::name(std::string_view suffix) const {
+  return quoted(schema_) + "." + quoted(table_ + "_" + std::string(suffix));
+}
+
+std::string Storage::select_rows(const std::string& rest) const {
+  std::string sql = "SELECT rowid";
+  for (const Column& column : declaration_.columns) sql += ", " + quoted(column.name);
+  return sql + " FROM " + name("rows") + " " + rest;
+}
+
+Statement& Storage::prepared(Statement& statement, const std::string& sql) {
+  if (!statement) statement = Statement(database_, sql);
+  return statement;
+}
+
+void Storage::create() {
+  std::string columns = "rowid INTEGER PRIMARY KEY";
+  for (const Column& column : declaration_.columns) {
+    columns += ", " + quoted(column.name);
+    if (column.kind == ColumnKind::kVector) columns += " BLOB NOT NULL";
+    if (column.kind == ColumnKind::kNumber || column.kind == ColumnKind::kPartition) {
+      columns += " INTEGER";
+    }
+    if (column.kind == ColumnKind::kExtra) columns += " " + column.type;
+  }
+  execute(database_, "CREATE TABLE " + name("rows") + "(" + columns + ")");
+  execute(database_,
+          "CREATE TABLE " + name("log") + "(entry INTEGER PRIMARY KEY, rowid_ INTEGER NOT NULL)");
+  execute(database_, "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value) WITHOUT ROWID");
+  set("version", kVersion);
+  set("generation", random_number());
+}
+
+void Storage::check() {
+  const std::optional<std::int64_t> version = number("version");
+  if (version != kVersion) {
+    throw SqlError(SQLITE_CORRUPT_VTAB, "the table " + table_ + " is not of version " +
+                                            std::to_string(kVersion) + " of its format");
+  }
+  if (!number("generation")) {
+    throw SqlError(SQLITE_CORRUPT_VTAB, table_ + "_state has no generation");
+  }
+}
+
+void Storage::drop() {
+  for (const char* const suffix : kTables) {
+    execute(database_, "DROP TABLE IF EXISTS " + name(suffix));
+  }
+}
+
+void Storage::rename(const std::string& table) {
+  for (const char* const suffix : kTables) {
+    execute(database_, "ALTER TABLE " + name(suffix) + " RENAME TO " + quoted(table + "_" + suffix));
+  }
+}
+
+std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** row,
+                             Conflict conflict, std::span<const std::byte> vector) {
+  std::string columns = "rowid";
+  std::string values = "?";
+  for (const Column& column : declaration_.columns) {
+    columns += ", " + quoted(column.name);
+    values += ", ?";
+  }
+  const std::string rest = "INTO " + name("rows") + "(" + columns + ") VALUES (" + values + ")";
+  Statement& statement = conflict == Conflict::kReplace
+                             ? prepared(replace_, "INSERT OR REPLACE " + rest)
+                             : prepared(insert_, "INSERT " + rest);
+  const Running running(statement);
+  if (rowid) {
+    statement.bind(1, *rowid);
+  } else {
+    statement.bind_null(1);
+  }
+  for (int i = 0; i < static_cast<int>(declaration_.columns.size()); ++i) {
+    if (i == declaration_.vector_column) {
+      statement.bind(i + 2, vector);
+    } else {
+      statement.bind(i + 2, row[i]);
+    }
+  }
+  statement.step();
+  const std::int64_t written = rowid ? *rowid : sqlite3_last_insert_rowid(database_);
+  note(written);
+  return written;
+}
+
+void Storage::remove(std::int64_t rowid) {
+  Statement& statement =
+      prepared(remove_, "DELETE FROM " + name("rows") + " WHERE rowid = ?1");
+  statement.bind(1, rowid);
+  statement.run();
+  note(rowid);
+}
+
+void Storage::note(std::int64_t rowid) {
+  if (last_entry() >= kLongestLog) {
+    begin_generation();
+    return;
+  }
+  Statement& statement = prepared(note_, "INSERT INTO " + name("log") + "(rowid_) VALUES (?1)");
+  statement.bind(1, rowid);
+  statement.run();
+}
+
+std::int64_t Storage::generation() {
+  const std::optional<std::int64_t> generation = number("generation");
+  if (!generation) throw SqlError(SQLITE_CORRUPT_VTAB, table_ + "_state has no generation");
+  return *generation;
+}
+
+void Storage::begin_generation() {
+  set("generation", random_number());
+  execute(database_, "DELETE FROM " + name("log"));
+}
+
+std::int64_t Storage::last_entry() {
+  Statement& statement =
+      prepared(last_entry_, "SELECT coalesce(max(entry), 0) FROM " + name("log"));
+  const Running running(statement);
+  statement.step();
+  return statement.integer(0);
+}
+
+std::optional<std::int64_t> Storage::number(std::string_view key) {
+  Statement& statement =
+      prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
+  const Running running(statement);
+  statement.bind(1, key);
+  if (!statement.step() || statement.type(0) != SQLITE_INTEGER) return std::nullopt;
+  return statement.integer(0);
+}
+
+std::vector<std::byte> Storage::blob(std::string_view key) {
+  Statement& statement =
+      prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
+  const Running running(statement);
+  statement.bind(1, key);
+  if (!statement.step() || statement.type(0) != SQLITE_BLOB) return {};
+  const std::span<const std::byte> bytes = statement.blob(0);
+  return {bytes.begin(), bytes.end()};
+}
+
+void Storage::set(std::string_view key, std::int64_t number) {
+  Statement& statement =
+      prepared(set_state_, "INSERT OR REPLACE INTO " + name("state") + " VALUES (?1, ?2)");
+  const Running running(statement);
+  statement.bind(1, key);
+  statement.bind(2, number);
+  statement.step();
+}
+
+void Storage::set(std::string_view key, std::span<const std::byte> bytes) {
+  Statement& statement =
+      prepared(set_state_, "INSERT OR REPLACE INTO " + name("state") + " VALUES (?1, ?2)");
+  const Running running(statement);
+  statement.bind(1, key);
+  statement.bind(2, bytes);
+  statement.step();
+}
+
+void Storage::forget(std::string_view key) {
+  Statement statement(database_, "DELETE FROM " + name("state") + " WHERE key = ?1");
+  statement.bind(1, key);
+  statement.run();
+}
+
+std::int64_t Storage::count() {
+  Statement statement(database_, "SELECT count(*) FROM " + name("rows"));
+  statement.step();
+  return statement.integer(0);
+}
+
+}  // namespace qx_sqlite
