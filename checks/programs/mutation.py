@@ -226,7 +226,9 @@ class Build:
                     continue
                 stored = os.stat(kept)
                 if not os.path.exists(built) or os.stat(built).st_mtime_ns != stored.st_mtime_ns:
-                    shutil.copy2(kept, built)
+                    # A killed test may still be ending: its program cannot be written over.
+                    shutil.copy2(kept, built + ".kept")
+                    os.replace(built + ".kept", built)
 
 
 class Worker:
