@@ -157,6 +157,71 @@ TEST(CppHeader, MovesItsIndex) {
   EXPECT_EQ(index.dim(), 4);
 }
 
+TEST(CppHeader, RefusesEveryCallOnAnIndexThatWasMovedFrom) {
+  qx::Index gone = full_index();
+  const qx::Index kept = std::move(gone);
+  Ids slots(2);
+  Floats scores(2);
+  const std::vector<std::function<void()>> calls = {
+      [&] { gone.handle(); },
+      [&] { gone.build(rows(1), Ids{1}); },
+      [&] { gone.insert(rows(1), Ids{1}); },
+      [&] { gone.insert({}, {}); },
+      [&] {
+        gone.set_ivf(1, 1, rows(1), Ids{1}, Offsets{0, 1});
+      },
+      [&] { gone.set_ivf_nprobe(1, 1); },
+      [&] { gone.clear_ivf(); },
+      [&] { gone.set_rowmeta(Ids{1}, Ids{1}, {}, 0); },
+      [&] { gone.export_rowmeta({}); },
+      [&] { gone.search_full(kQuery, 1); },
+      [&] { gone.search_full({}, slots, scores); },
+      [&] { gone.search_partition(9, kQuery, -1); },
+      [&] { gone.scatter_topk(Ids{1}, kQuery, 1); },
+      [&] { gone.search_mvcc(Ids{1}, kQuery, 1); },
+      [&] { gone.search_ivf(1, kQuery, 1); },
+      [&] { gone.search_filtered(qx::Filter::column(5, 1), kQuery, 1); },
+      [&] { gone.match_ids(qx::Filter::all()); },
+      [&] { gone.tuner_oversized(1); },
+      [&] { gone.export_visible(); },
+      [&] { gone.export_base(); },
+  };
+  for (const auto& call : calls) EXPECT_THROW(call(), qx::LogicError);
+  EXPECT_EQ(gone.dim(), 0);
+  EXPECT_EQ(gone.columns(), 0);
+  EXPECT_EQ(kept.size(), 20);
+}
+
+TEST(CppHeader, RefusesSlotsThatOverlap) {
+  const qx::Index index = full_index();
+  Ids ids = {1, 2, 3, 4};
+  Floats scores(4);
+  const std::span<float> query = std::span(scores).first(kDim);
+  const std::span<std::int64_t> two = std::span(ids).first(2);
+  const std::span<float> two_scores = std::span(scores).first(2);
+  EXPECT_THROW(index.search_full(query, two, two_scores), qx::InvalidArgument);
+  EXPECT_THROW(index.scatter_topk(ids, kQuery, two, two_scores), qx::InvalidArgument);
+  EXPECT_THROW(index.search_mvcc(ids, kQuery, two, two_scores), qx::InvalidArgument);
+  EXPECT_EQ(index.scatter_topk(Ids{1, 2}, kQuery, two, two_scores), 2u);
+}
+
+// The engine's next block is sought first, also where the rows alone would not ask for one.
+TEST(CppHeader, SeeksTheMemoryOfEachGrowth) {
+  qx::DistinctIds few;
+  few.add(Ids{1, 2, 2, 1, -7});
+  EXPECT_EQ(few.least(), 3);
+  EXPECT_EQ(few.most(), 3);
+  for (const std::int64_t step : {std::int64_t{1}, std::int64_t{1} << 20}) {
+    qx::DistinctIds many;
+    for (int twice = 0; twice < 2; ++twice) {
+      for (std::int64_t i = 0; i < 100000; ++i) many.add(Ids{i * step});
+    }
+    EXPECT_LE(many.least(), 100000);
+    EXPECT_GE(many.most(), 100000);
+    EXPECT_LE(many.most(), 150000);
+  }
+}
+
 struct Refusal {
   std::string name;
   std::function<void(qx::Index&)> call;
