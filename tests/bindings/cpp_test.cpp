@@ -2,7 +2,7 @@
 // nothing and never reaches the engine.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <bit>
 #include <functional>
 #include <limits>
 #include <string>
@@ -57,9 +57,10 @@ struct Expected {
 void expect_same(const qx::Hits& hits, const Expected& expected) {
   EXPECT_EQ(hits.ids, expected.ids);
   ASSERT_EQ(hits.scores.size(), expected.scores.size());
-  EXPECT_EQ(
-      std::memcmp(hits.scores.data(), expected.scores.data(), hits.scores.size() * sizeof(float)),
-      0);
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(hits.scores[i]),
+              std::bit_cast<std::uint32_t>(expected.scores[i]));
+  }
 }
 
 TEST(CppHeader, AnswersAsTheCInterface) {

@@ -48,25 +48,19 @@ class DistinctIds:
         mixed = ids.view(np.uint64) * np.uint64(0x9E3779B97F4A7C15)
         mixed = (mixed ^ (mixed >> np.uint64(29))) * np.uint64(0xBF58476D1CE4E5B9)
         mixed ^= mixed >> np.uint64(32)
-        while True:
-            chosen = mixed[mixed & np.uint64((1 << self._level) - 1) == 0]
-            # In pieces, so that many new ids raise the level before they take memory.
-            if self._add_all(chosen):
-                return
-
-    def _add_all(self, hashes: np.ndarray[tuple[int], np.dtype[np.uint64]]) -> bool:
-        for start in range(0, len(hashes), self.MOST):
-            self._sample.update(hashes[start:start + self.MOST].tolist())
-            if len(self._sample) > self.MOST:
+        # In pieces, so that many new ids raise the level before they take memory.
+        for start in range(0, len(mixed), self.MOST):
+            piece = mixed[start:start + self.MOST]
+            if self._level:
+                piece = piece[piece & np.uint64((1 << self._level) - 1) == 0]
+            self._sample.update(piece.tolist())
+            while len(self._sample) > self.MOST:
                 self._thin()
-                return False
-        return True
 
     def _thin(self) -> None:
-        while len(self._sample) > self.MOST:
-            self._level += 1
-            rest = (1 << self._level) - 1
-            self._sample = {hash for hash in self._sample if hash & rest == 0}
+        self._level += 1
+        rest = (1 << self._level) - 1
+        self._sample = {hash for hash in self._sample if hash & rest == 0}
 
     @property
     def least(self) -> float:
