@@ -290,14 +290,14 @@ class Index {
   }
 
   Hits scatter_topk(Ids candidates, Floats query, std::int64_t k) const {
-    return hits(k, std::ssize(candidates), [&](auto ids, auto scores) {
+    return hits(k, count_of(candidates), [&](auto ids, auto scores) {
       return scatter_topk(candidates, query, ids, scores);
     });
   }
   std::size_t scatter_topk(Ids candidates, Floats query, std::span<std::int64_t> ids,
                            std::span<float> scores) const {
     const std::int32_t k = check_search(query, ids, scores, candidates);
-    const std::int32_t count = int32("the number of candidates", std::ssize(candidates));
+    const std::int32_t count = count_of(candidates);
     return filled(ids, scores,
                   qx_index_scatter_topk(open(), candidates.data(), count, query.data(), k,
                                         ids.data(), scores.data()));
@@ -391,13 +391,13 @@ class Index {
   // ---- What is visible now ----
 
   Hits search_mvcc(Ids candidates, Floats query, std::int64_t k) const {
-    return hits(k, std::ssize(candidates),
+    return hits(k, count_of(candidates),
                 [&](auto ids, auto scores) { return search_mvcc(candidates, query, ids, scores); });
   }
   std::size_t search_mvcc(Ids candidates, Floats query, std::span<std::int64_t> ids,
                           std::span<float> scores) const {
     const std::int32_t k = check_search(query, ids, scores, candidates);
-    const std::int32_t count = int32("the number of candidates", std::ssize(candidates));
+    const std::int32_t count = count_of(candidates);
     return filled(ids, scores,
                   qx_index_search_mvcc(open(), candidates.data(), count, query.data(),
                                        static_cast<std::uint32_t>(k), ids.data(), scores.data()));
@@ -523,6 +523,11 @@ class Index {
     require(number <= std::numeric_limits<std::int32_t>::max(),
             [&] { return std::string(what) + " is " + text(number) + ", above 2^31 - 1"; });
     return static_cast<std::int32_t>(number);
+  }
+
+  std::int32_t count_of(Ids candidates) const {
+    open();
+    return int32("the number of candidates", std::ssize(candidates));
   }
 
   // Throws where so many bytes cannot be had.

@@ -193,6 +193,15 @@ TEST(CppHeader, RefusesEveryCallOnAnIndexThatWasMovedFrom) {
   EXPECT_EQ(kept.size(), 20);
 }
 
+TEST(CppHeader, RefusesTooManyCandidatesBeforeItTakesMemoryForSlots) {
+  const qx::Index index = full_index();
+  const std::int64_t never_read = 0;
+  const std::span<const std::int64_t> many(&never_read, std::size_t{1} << 31);
+  const std::int64_t k = std::numeric_limits<std::int64_t>::max();
+  EXPECT_THROW(index.scatter_topk(many, kQuery, k), qx::InvalidArgument);
+  EXPECT_THROW(index.search_mvcc(many, kQuery, k), qx::InvalidArgument);
+}
+
 TEST(CppHeader, RefusesSlotsThatOverlap) {
   const qx::Index index = full_index();
   Ids ids = {1, 2, 3, 4};
