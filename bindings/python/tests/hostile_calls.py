@@ -264,7 +264,8 @@ class Life:
 
     def wrong_ids(self, good):
         negative = np.append(good, self.rng.choice([-1, -(1 << 63)]))
-        return self.rng.choice([negative, self.not_this(good)])
+        wrong = self.not_this(good)
+        return self.rng.choice([negative, 5 if wrong is None else wrong])  # None may be left out
 
     def wrong_search(self):
         query, search = self.query(), self.index.search
