@@ -18,7 +18,7 @@ INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
 
 def array(what: str, value: Any, dtype: type, ndim: int) -> npt.NDArray[Any]:
     """The value, if it is an array that the library can read where it lies."""
-    name = np.dtype(dtype).name
+    name = dtype.__name__
     if not isinstance(value, np.ndarray):
         raise TypeError(f"{what} must be a numpy array of {name}, not {type(value).__name__}; "
                         f"np.asarray(..., dtype=np.{name}) makes one")
