@@ -152,12 +152,15 @@ TEST(CppHeader, MovesItsIndex) {
   other = std::move(index);
   EXPECT_EQ(other.size(), 20);
   EXPECT_EQ(other.search_ivf(1, kQuery, 2).size(), 2u);
-  EXPECT_THROW(index.size(), qx::LogicError);         // NOLINT(bugprone-use-after-move): the test
-  EXPECT_THROW(index.erase(Ids{1}), qx::LogicError);  // NOLINT(bugprone-use-after-move): the test
+  // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the test
+  EXPECT_THROW(index.size(), qx::LogicError);
+  EXPECT_THROW(index.erase(Ids{1}), qx::LogicError);
+  // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   index = qx::Index(4);
   EXPECT_EQ(index.dim(), 4);
 }
 
+// NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the test
 TEST(CppHeader, RefusesEveryCallOnAnIndexThatWasMovedFrom) {
   qx::Index gone = full_index();
   const qx::Index kept = std::move(gone);
@@ -192,6 +195,7 @@ TEST(CppHeader, RefusesEveryCallOnAnIndexThatWasMovedFrom) {
   EXPECT_EQ(gone.columns(), 0);
   EXPECT_EQ(kept.size(), 20);
 }
+// NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 
 TEST(CppHeader, RefusesTooManyCandidatesBeforeItTakesMemoryForSlots) {
   const qx::Index index = full_index();
@@ -239,7 +243,7 @@ struct Refusal {
 };
 
 const std::vector<Refusal>& refusals() {
-  static const auto kMost = std::numeric_limits<std::int32_t>::max();
+  static constexpr auto kMost = std::numeric_limits<std::int32_t>::max();
   static const std::vector<Refusal> all = {
       {"QueryWidth", [](qx::Index& i) { i.search_full(Floats(4), 1); }, "the query has 4 floats"},
       {"NegativeK", [](qx::Index& i) { i.search_full(kQuery, -1); }, "k is -1"},
