@@ -1,7 +1,7 @@
 """Makes the pages of the site that are not written by hand.
 
 site_pages.py PAGES    writes PAGES/reference.md from the public header, copies the plots of the
-                       benchmark to PAGES/plots, and puts its tables into PAGES/performance.md
+                       benchmark to PAGES/plots, and puts tables of docs/ into PAGES/performance.md
 """
 import pathlib
 import re
@@ -82,6 +82,12 @@ def benchmark_part(name):
     return "## " + found[0].strip()
 
 
+def word_recall():
+    """What the page of the word vectors says under its title, without the picture."""
+    paragraphs = (DOCS / "WORD_RECALL.md").read_text().split("\n\n")[2:]
+    return "\n\n".join(part for part in paragraphs if not part.startswith("![")).strip()
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit("usage: site_pages.py PAGES")
@@ -91,8 +97,9 @@ def main():
     for plot in (DOCS / "benchmarks").glob("*.svg"):
         shutil.copy(plot, pages / "plots")
     page = pages / "performance.md"
-    page.write_text(re.sub(r"(?m)^<!-- benchmarks: *(.*?) *-->$",
-                           lambda match: benchmark_part(match[1]), page.read_text()))
+    text = re.sub(r"(?m)^<!-- benchmarks: *(.*?) *-->$", lambda match: benchmark_part(match[1]),
+                  page.read_text())
+    page.write_text(text.replace("<!-- word recall -->", word_recall()))
 
 
 main()
