@@ -7,8 +7,8 @@ LONGEST_LINE = 100
 LONGEST_FUNCTION = 60
 WORDS = ["TO" + "DO", "FIX" + "ME", "X" + "XX", "ha" + "ck", "sim" + "ply", "obvi" + "ously"]
 BANNED = re.compile(r"\b(" + "|".join(WORDS) + r")\b", re.IGNORECASE)
-SOURCES = {".h", ".c", ".cpp"}
-FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench")
+SOURCES = {".h", ".hpp", ".c", ".cpp"}
+FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench", "bindings")
 
 
 def functions(lines):

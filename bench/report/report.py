@@ -25,6 +25,7 @@ TITLES = {
     "topk": ("The result buffer", tables.topk_table),
     "mutation": ("Insert, delete, metadata, build", tables.mutation_table),
     "keys": ("Patterned keys", tables.keys_table),
+    "header": ("The C++ header beside the C interface", tables.header_table),
 }
 
 

@@ -150,6 +150,17 @@ def keys_table(run):
         [("ns a key", per_item), ("**time × random keys**", lambda c: times(c.cost()))])
 
 
+def header_table(run):
+    def cost(case, name):
+        return f"{case.named(name)['median'] / case.fastest('baseline')['median']:.3f}"
+
+    return plain_table(
+        run, "header", [("call", "call"), ("rows", "rows"), ("dim", "dim"), ("k", "k")],
+        [("ns in C", lambda c: f"{c.fastest('baseline')['median'] * 1e9:.0f}"),
+         ("**slots, time × C**", lambda c: cost(c, "slots")),
+         ("results, time × C", lambda c: cost(c, "results"))])
+
+
 def targets_table(outcomes):
     rows = [[outcome.target.work, outcome.target.bound(), outcome.reached(),
              "yes" if outcome.met else "**no**"] for outcome in outcomes]

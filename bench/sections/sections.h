@@ -21,6 +21,7 @@ void run_ivf(const Settings& settings, Results& results);
 void run_topk(const Settings& settings, Results& results);
 void run_mutation(const Settings& settings, Results& results);
 void run_keys(const Settings& settings, Results& results);
+void run_header(const Settings& settings, Results& results);
 
 inline constexpr Section kSections[] = {
     {"scan", "exact search of the whole base, against reading its bytes and four peers", run_scan},
@@ -32,6 +33,7 @@ inline constexpr Section kSections[] = {
     {"topk", "the result buffer, against plain shifting insertion", run_topk},
     {"mutation", "insert, delete, metadata and build, against maps and copies", run_mutation},
     {"keys", "patterned keys, against random ones", run_keys},
+    {"header", "calls of the C++ header, against those of the C interface", run_header},
 };
 
 }  // namespace bench

@@ -9,9 +9,13 @@
 //   std::bad_alloc       memory that is not there
 //
 // So nothing that is given to this class ends the process, other than memory that goes away between
-// the look and the use, as on a machine that promises more than it has. What the calls do is said
-// in qx_runtime.h; each has the name of its function there. Nothing is converted: floats may be NaN
-// or infinite, and scores are the engine's, to the bit.
+// the look and the use, as on a machine that promises more than it has. Memory is sought
+// generously: a call may be refused though it would have fitted, where it asks for half of what is
+// left. What the calls do is said in qx_runtime.h; each has the name of its function there. Nothing
+// is converted: floats may be NaN or infinite, and scores are the engine's, to the bit.
+//
+// An index that was moved from throws qx::LogicError from all but dim and columns, which are 0, and
+// can be assigned to. The accessors of results (operator[], vector) do not check their positions.
 //
 //   qx::Index index(100);
 //   index.build(vectors, ids);
@@ -25,6 +29,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <new>
@@ -32,6 +37,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -118,6 +124,43 @@ struct PartitionSize {
   friend bool operator==(const PartitionSize&, const PartitionSize&) = default;
 };
 
+// How many distinct ids a table of the engine has at least and at most, where the engine does not
+// tell: exact for few of them, from a sample of their hashes for many.
+class DistinctIds {
+ public:
+  void add(std::span<const std::int64_t> ids) {
+    for (const std::int64_t id : ids) {
+      const std::uint64_t hash = hash_of(id);
+      if (!is_sampled(hash)) continue;
+      sample_.insert(hash);
+      if (sample_.size() > kMost) thin();
+    }
+  }
+  double least() const { return level_ == 0 ? count() : count() * 0.75; }
+  double most() const { return level_ == 0 ? count() : count() * 1.25; }
+
+ private:
+  static constexpr std::size_t kMost = 4096;  // a quarter is more than ten times the usual error
+
+  static std::uint64_t hash_of(std::int64_t id) {
+    std::uint64_t mixed = static_cast<std::uint64_t>(id) + 0x9E3779B97F4A7C15u;
+    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
+    return mixed ^ (mixed >> 31);
+  }
+  bool is_sampled(std::uint64_t hash) const { return std::countr_zero(hash) >= level_; }
+  double count() const {
+    return static_cast<double>(sample_.size()) * static_cast<double>(std::uint64_t{1} << level_);
+  }
+  void thin() {
+    ++level_;
+    std::erase_if(sample_, [&](std::uint64_t hash) { return !is_sampled(hash); });
+  }
+
+  std::unordered_set<std::uint64_t> sample_;  // hashes that end in so many zeros
+  int level_ = 0;
+};
+
 // Which ids pass.
 class Filter {
  public:
@@ -141,7 +184,8 @@ class Index {
   using Floats = std::span<const float>;
 
   explicit Index(std::int32_t dim, std::uint32_t user_tag = 0) : dim_(dim) {
-    require(dim >= 1, "the dimension is " + text(dim) + ", and must be 1 or more");
+    require(dim >= 1, [&] { return "the dimension is " + text(dim) + ", and must be 1 or more"; });
+    seek(kSlack);
     handle_ = qx_index_new(static_cast<std::uint32_t>(dim), user_tag);
   }
   ~Index() { qx_index_free(handle_); }
@@ -157,14 +201,14 @@ class Index {
     std::swap(handle_, other.handle_);
     std::swap(dim_, other.dim_);
     std::swap(ncols_, other.ncols_);
-    ivf_ids_.swap(other.ivf_ids_);
+    ivfs_.swap(other.ivfs_);
+    std::swap(erased_, other.erased_);
+    tables_.swap(other.tables_);
   }
 
-  // The handle, for calls of the C interface; the index keeps it.
-  QxIndex* handle() const {
-    if (handle_ == nullptr) throw LogicError("the index was moved from");
-    return handle_;
-  }
+  // The handle, for calls of the C interface that read; the index keeps it. What changes the index
+  // goes through this class, whose checks must know of it.
+  const QxIndex* handle() const { return open(); }
 
   // ---- Accessors ----
 
@@ -173,10 +217,10 @@ class Index {
   std::uint32_t user_tag() const { return stats().user_tag; }
   std::int32_t partitions() const { return stats().n_parts; }
   std::int32_t columns() const { return ncols_; }
-  std::uint64_t snapshot() const { return qx_index_snapshot(handle()); }
-  bool mutated() const { return qx_index_mutated(handle()) != 0; }
-  bool sealed() const { return qx_index_sealed(handle()) != 0; }
-  std::int64_t delta_count() const { return qx_index_delta_count(handle()); }
+  std::uint64_t snapshot() const { return qx_index_snapshot(open()); }
+  bool mutated() const { return qx_index_mutated(open()) != 0; }
+  bool sealed() const { return qx_index_sealed(open()) != 0; }
+  std::int64_t delta_count() const { return qx_index_delta_count(open()); }
 
   // ---- The sealed base ----
 
@@ -201,24 +245,26 @@ class Index {
       starts.push_back(part.start);
       sizes.push_back(part.size);
     }
+    const std::int32_t parts = int32("the number of partitions", std::ssize(keys));
     seek(4.0 * static_cast<double>(vectors.size()) + 16.0 * static_cast<double>(ids.size()) +
-         8.0 * static_cast<double>(largest + 3) + 16.0 * static_cast<double>(keys.size()));
-    const std::int32_t result = qx_index_build(handle(), vectors.data(), std::ssize(ids), dim_,
-                                               ids.data(), keys.data(), starts.data(), sizes.data(),
-                                               int32("the number of partitions", std::ssize(keys)));
+         8.0 * static_cast<double>(largest + 3) + 16.0 * parts + kSlack);
+    const std::int32_t result =
+        qx_index_build(open(), vectors.data(), std::ssize(ids), dim_, ids.data(), keys.data(),
+                       starts.data(), sizes.data(), parts);
     require(result == 0, "the base is larger than 2^40 rows or floats");
   }
 
   Rows export_base() const {
     Rows rows = rows_of(size());
-    qx_index_export_base(handle(), rows.vectors.data(), rows.ids.data());
+    qx_index_export_base(open(), rows.vectors.data(), rows.ids.data());
     return rows;
   }
 
   // ---- Searches of the sealed base ----
   //
   // Each comes in two forms: one gives Hits, as many as were found; the other fills the spans,
-  // whose common size is k, and gives the number found. Behind those the slots are unspecified.
+  // whose common size is k, and gives the number found. Behind those the slots are unspecified. The
+  // spans must overlap neither each other nor what is given.
 
   Hits search_full(Floats query, std::int64_t k) const {
     return hits(k, size(), [&](auto ids, auto scores) { return search_full(query, ids, scores); });
@@ -227,7 +273,7 @@ class Index {
                           std::span<float> scores) const {
     const std::int32_t k = check_search(query, ids, scores);
     return filled(ids, scores,
-                  qx_index_search_full(handle(), query.data(), k, ids.data(), scores.data()));
+                  qx_index_search_full(open(), query.data(), k, ids.data(), scores.data()));
   }
 
   // A key that no partition has finds nothing.
@@ -240,20 +286,20 @@ class Index {
     const std::int32_t k = check_search(query, ids, scores);
     return filled(
         ids, scores,
-        qx_index_search_partition(handle(), key, query.data(), k, ids.data(), scores.data()));
+        qx_index_search_partition(open(), key, query.data(), k, ids.data(), scores.data()));
   }
 
   Hits scatter_topk(Ids candidates, Floats query, std::int64_t k) const {
-    return hits(k, std::ssize(candidates), [&](auto ids, auto scores) {
+    return hits(k, count_of(candidates), [&](auto ids, auto scores) {
       return scatter_topk(candidates, query, ids, scores);
     });
   }
   std::size_t scatter_topk(Ids candidates, Floats query, std::span<std::int64_t> ids,
                            std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores);
-    const std::int32_t count = int32("the number of candidates", std::ssize(candidates));
+    const std::int32_t k = check_search(query, ids, scores, candidates);
+    const std::int32_t count = count_of(candidates);
     return filled(ids, scores,
-                  qx_index_scatter_topk(handle(), candidates.data(), count, query.data(), k,
+                  qx_index_scatter_topk(open(), candidates.data(), count, query.data(), k,
                                         ids.data(), scores.data()));
   }
 
@@ -264,7 +310,7 @@ class Index {
     std::vector<std::int64_t> keys(most);
     std::vector<std::int64_t> sizes(most);
     const auto count = static_cast<std::size_t>(
-        qx_index_tuner_oversized(handle(), threshold, keys.data(), sizes.data()));
+        qx_index_tuner_oversized(open(), threshold, keys.data(), sizes.data()));
     std::vector<PartitionSize> listed(count);
     for (std::size_t i = 0; i < count; ++i) listed[i] = {keys[i], sizes[i]};
     return listed;
@@ -275,15 +321,18 @@ class Index {
   std::uint64_t insert(Floats vectors, Ids ids) {
     check_rows("insert", vectors, ids);
     const std::int32_t n = int32("the number of rows", std::ssize(ids));
-    const double before = delta_bytes(delta_count());
-    const double after = delta_bytes(delta_count() + n);
-    if (after > before) seek(after);
-    return qx_index_insert(handle(), vectors.data(), ids.data(), n);
+    const auto rows = static_cast<double>(delta_count());
+    const double after = delta_bytes(rows + n);
+    if (after > delta_bytes(rows)) seek(after);
+    return qx_index_insert(open(), vectors.data(), ids.data(), n);
   }
 
   // The C function is qx_index_delete; `delete` is a word of the language.
   std::uint64_t erase(Ids ids) {
-    return qx_index_delete(handle(), ids.data(), int32("the number of ids", std::ssize(ids)));
+    QxIndex* const index = open();
+    const std::int32_t n = int32("the number of ids", std::ssize(ids));
+    seek(growth(erased_, ids));
+    return qx_index_delete(index, ids.data(), n);
   }
 
   // ---- IVF ----
@@ -291,6 +340,7 @@ class Index {
   // List c is list_ids from list_offsets[c] up to, but not including, list_offsets[c + 1].
   void set_ivf(std::int64_t key, std::int32_t nprobe, Floats centroids, Ids list_ids,
                std::span<const std::int32_t> list_offsets) {
+    QxIndex* const index = open();
     require(!list_offsets.empty(), "there is no offset; n lists have n + 1");
     const std::int32_t nlist = int32("the number of lists", std::ssize(list_offsets) - 1);
     const std::int32_t n_ids = int32("the number of ids in the lists", std::ssize(list_ids));
@@ -303,49 +353,53 @@ class Index {
       });
       last = offset;
     }
-    seek(4.0 * static_cast<double>(centroids.size()) + 8.0 * n_ids + 4.0 * nlist + 4096);
-    qx_index_set_ivf(handle(), key, nlist, nprobe, centroids.data(), list_ids.data(),
+    const auto keys = static_cast<double>(ivfs_.size() + 1);
+    seek(4.0 * static_cast<double>(centroids.size()) + 8.0 * n_ids + 4.0 * nlist +
+         table_bytes(keys) + 80 * power_of_two(keys) + kSlack);
+    Ivf& ivf = ivfs_[key];  // before the engine has it, since this may throw
+    qx_index_set_ivf(index, key, nlist, nprobe, centroids.data(), list_ids.data(),
                      list_offsets.data(), n_ids);
-    ivf_ids_[key] = n_ids;
+    ivf = {nlist, n_ids, true};
   }
 
-  bool has_ivf(std::int64_t key) const { return qx_index_has_ivf(handle(), key) != 0; }
+  bool has_ivf(std::int64_t key) const { return qx_index_has_ivf(open(), key) != 0; }
 
   void clear_ivf() {
-    qx_index_clear_ivf(handle());
-    ivf_ids_.clear();
+    qx_index_clear_ivf(open());
+    ivfs_.clear();
   }
 
   void set_ivf_nprobe(std::int64_t key, std::int32_t nprobe) {
     require(nprobe >= 0, [&] { return "nprobe is " + text(nprobe) + ", and must be 0 or more"; });
-    ids_of_ivf(key);
-    qx_index_set_ivf_nprobe(handle(), key, nprobe);
+    find_ivf(key);
+    qx_index_set_ivf_nprobe(open(), key, nprobe);
   }
 
   Hits search_ivf(std::int64_t key, Floats query, std::int64_t k) const {
-    return hits(k, ids_of_ivf(key),
+    return hits(k, find_ivf(key).n_ids,
                 [&](auto ids, auto scores) { return search_ivf(key, query, ids, scores); });
   }
   std::size_t search_ivf(std::int64_t key, Floats query, std::span<std::int64_t> ids,
                          std::span<float> scores) const {
-    ids_of_ivf(key);
+    const Ivf& ivf = find_ivf(key);
     const std::int32_t k = check_search(query, ids, scores);
+    seek(4.0 * ivf.nlist);
     return filled(ids, scores,
-                  qx_index_search_ivf(handle(), key, query.data(), k, ids.data(), scores.data()));
+                  qx_index_search_ivf(open(), key, query.data(), k, ids.data(), scores.data()));
   }
 
   // ---- What is visible now ----
 
   Hits search_mvcc(Ids candidates, Floats query, std::int64_t k) const {
-    return hits(k, std::ssize(candidates),
+    return hits(k, count_of(candidates),
                 [&](auto ids, auto scores) { return search_mvcc(candidates, query, ids, scores); });
   }
   std::size_t search_mvcc(Ids candidates, Floats query, std::span<std::int64_t> ids,
                           std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores);
-    const std::int32_t count = int32("the number of candidates", std::ssize(candidates));
+    const std::int32_t k = check_search(query, ids, scores, candidates);
+    const std::int32_t count = count_of(candidates);
     return filled(ids, scores,
-                  qx_index_search_mvcc(handle(), candidates.data(), count, query.data(),
+                  qx_index_search_mvcc(open(), candidates.data(), count, query.data(),
                                        static_cast<std::uint32_t>(k), ids.data(), scores.data()));
   }
 
@@ -357,31 +411,31 @@ class Index {
                               std::span<float> scores) const {
     check_filter(filter);
     const std::int32_t k = check_search(query, ids, scores);
-    return filled(ids, scores,
-                  qx_index_search_filtered(handle(), filter.mode_, filter.column_, filter.value_,
-                                           query.data(), static_cast<std::uint32_t>(k), ids.data(),
-                                           scores.data()));
+    return filled(
+        ids, scores,
+        qx_index_search_filtered(open(), filter.mode_, filter.column_, filter.value_, query.data(),
+                                 static_cast<std::uint32_t>(k), ids.data(), scores.data()));
   }
 
   std::vector<std::int64_t> match_ids(const Filter& filter) const {
     check_filter(filter);
     std::vector<std::int64_t> ids(static_cast<std::size_t>(visible_count()));
     ids.resize(static_cast<std::size_t>(
-        qx_index_match_ids(handle(), filter.mode_, filter.column_, filter.value_, ids.data())));
+        qx_index_match_ids(open(), filter.mode_, filter.column_, filter.value_, ids.data())));
     return ids;
   }
 
-  std::int64_t visible_count() const { return qx_index_visible_count(handle()); }
+  std::int64_t visible_count() const { return qx_index_visible_count(open()); }
 
   std::vector<std::int64_t> visible_ids() const {
     std::vector<std::int64_t> ids(static_cast<std::size_t>(visible_count()));
-    qx_index_visible_ids(handle(), ids.data());
+    qx_index_visible_ids(open(), ids.data());
     return ids;
   }
 
   Rows export_visible() const {
     Rows rows = rows_of(visible_count());
-    qx_index_export_visible(handle(), rows.vectors.data(), rows.ids.data());
+    qx_index_export_visible(open(), rows.vectors.data(), rows.ids.data());
     return rows;
   }
 
@@ -389,6 +443,8 @@ class Index {
 
   // `values` are ncols for each id, side by side.
   void set_rowmeta(Ids ids, Ids labels, Ids values, std::int32_t ncols) {
+    QxIndex* const index = open();
+    const std::int32_t n = int32("the number of ids", std::ssize(ids));
     require(ncols >= ncols_, [&] {
       return "ncols is " + text(ncols) + ", and the index has " + text(ncols_) + " columns";
     });
@@ -398,25 +454,42 @@ class Index {
       return text(values.size()) + " values for " + text(ids.size()) + " ids of " + text(ncols) +
              " columns";
     });
-    const std::int32_t n = int32("the number of ids", std::ssize(ids));
-    seek(96.0 * (ncols > ncols_ ? ncols : 0) + 64.0 * n * (1.0 + ncols));
-    qx_index_set_rowmeta(handle(), ids.data(), labels.data(), values.data(), ncols, n);
+    seek_for_rowmeta(ids, ncols);
+    qx_index_set_rowmeta(index, ids.data(), labels.data(), values.data(), ncols, n);
     ncols_ = ncols;
   }
 
   RowMeta export_rowmeta(Ids ids) const {
     const std::int32_t n = int32("the number of ids", std::ssize(ids));
+    seek(8.0 * n * (1.0 + ncols_));
     RowMeta meta;
     meta.ncols = ncols_;
     meta.labels.resize(ids.size());
     meta.values.resize(ids.size() * static_cast<std::size_t>(ncols_));
-    qx_index_export_rowmeta(handle(), ids.data(), static_cast<std::uint32_t>(n), meta.labels.data(),
+    qx_index_export_rowmeta(open(), ids.data(), static_cast<std::uint32_t>(n), meta.labels.data(),
                             meta.values.data());
     return meta;
   }
 
  private:
   static constexpr std::int64_t kIdLimit = std::int64_t{1} << 40;
+  static constexpr double kSlack = 4096;
+
+  struct Ivf {
+    std::int32_t nlist = 0;
+    std::int32_t n_ids = 0;
+    bool set = false;
+  };
+  // Columns that came with one call, and the ids that have had values in them since.
+  struct Table {
+    double columns;
+    DistinctIds ids;
+  };
+
+  QxIndex* open() const {
+    if (handle_ == nullptr) throw LogicError("the index was moved from");
+    return handle_;
+  }
 
   struct Stats {
     std::uint64_t n_base;
@@ -426,7 +499,7 @@ class Index {
   };
   Stats stats() const {
     Stats stats;
-    qx_index_stats(handle(), &stats.n_base, &stats.dim, &stats.user_tag, &stats.n_parts);
+    qx_index_stats(open(), &stats.n_base, &stats.dim, &stats.user_tag, &stats.n_parts);
     return stats;
   }
 
@@ -452,23 +525,57 @@ class Index {
     return static_cast<std::int32_t>(number);
   }
 
+  std::int32_t count_of(Ids candidates) const {
+    open();
+    return int32("the number of candidates", std::ssize(candidates));
+  }
+
   // Throws where so many bytes cannot be had.
   static void seek(double bytes) {
     constexpr double kMost = 0x1p+62;
+    if (bytes == 0) return;
     if (bytes > kMost) throw std::bad_alloc();
-    ::operator delete(::operator new(static_cast<std::size_t>(bytes)));
+    void* const found = ::operator new(static_cast<std::size_t>(bytes), std::nothrow);
+    if (found == nullptr) throw std::bad_alloc();
+    ::operator delete(found);
   }
 
-  static double power_of_two(std::int64_t least) {
-    return static_cast<double>(std::bit_ceil(static_cast<std::uint64_t>(least)));
+  // The memory of each kind of block, as qx_runtime.h gives it, or somewhat more.
+  static double power_of_two(double least) {
+    if (least < 1) return 0;
+    if (least > 0x1p+61) throw std::bad_alloc();
+    return static_cast<double>(std::bit_ceil(static_cast<std::uint64_t>(least + 0.75)));
   }
-  // At least what the delta takes with so many rows.
-  double delta_bytes(std::int64_t rows) const {
-    if (rows == 0) return 0;
-    return 48 * power_of_two(rows) + 4 * power_of_two(rows) * static_cast<double>(dim_) * 2;
+  static double table_bytes(double keys) { return keys == 0 ? 0 : 128 + 32 * power_of_two(keys); }
+  double delta_bytes(double rows) const {
+    return table_bytes(rows) + 16 * power_of_two(rows) + 4 * power_of_two(rows * dim_);
+  }
+
+  // Adds ids to those of a table. Returns the bytes for which the engine may now have to ask.
+  static double growth(DistinctIds& table, Ids ids) {
+    const double before = table_bytes(table.least());
+    table.add(ids);
+    const double after = table_bytes(table.most());
+    return after > before ? after : 0;
+  }
+
+  void seek_for_rowmeta(Ids ids, std::int32_t ncols) {
+    // The labels are one more column, which is there from the first call on.
+    const double more = 1.0 * ncols - ncols_ + (tables_.empty() ? 1 : 0);
+    double bytes = ncols > ncols_ ? 40 * power_of_two(ncols) : 0;
+    for (Table& table : tables_) bytes += table.columns * growth(table.ids, ids);
+    if (more > 0) {
+      Table added{more, {}};
+      bytes += more * growth(added.ids, ids);
+      seek(bytes);
+      tables_.push_back(std::move(added));
+    } else {
+      seek(bytes);
+    }
   }
 
   void check_width(const char* what, Floats floats, std::size_t rows) const {
+    open();  // or the dimension is 0
     const auto width = static_cast<std::size_t>(dim_);
     require(floats.size() / width == rows && floats.size() % width == 0, [&] {
       return std::string(what) + " has " + text(floats.size()) + " floats, not " + text(rows) +
@@ -491,33 +598,48 @@ class Index {
   }
 
   void check_filter(const Filter& filter) const {
+    open();
     require(filter.mode_ != 2 || (filter.column_ >= 0 && filter.column_ < ncols_),
             [&] { return "column " + text(filter.column_) + " of an index with " + text(ncols_); });
   }
 
+  template <typename One, typename Other>
+  static bool overlap(std::span<One> one, std::span<Other> other) {
+    const std::less<const void*> before;
+    return !one.empty() && !other.empty() && before(one.data(), other.data() + other.size()) &&
+           before(other.data(), one.data() + one.size());
+  }
+
   // Returns k.
-  std::int32_t check_search(Floats query, std::span<std::int64_t> ids,
-                            std::span<float> scores) const {
+  std::int32_t check_search(Floats query, std::span<std::int64_t> ids, std::span<float> scores,
+                            Ids candidates = {}) const {
+    open();
     require(query.size() == static_cast<std::size_t>(dim_), [&] {
       return "the query has " + text(query.size()) + " floats, and the dimension is " + text(dim_);
     });
     require(ids.size() == scores.size(), [&] {
       return text(ids.size()) + " slots for ids and " + text(scores.size()) + " for scores";
     });
+    require(!overlap(ids, scores) && !overlap(ids, query) && !overlap(ids, candidates) &&
+                !overlap(scores, query) && !overlap(scores, candidates),
+            "the slots overlap each other or what is given");
     return int32("k", std::ssize(ids));
   }
 
-  std::int64_t ids_of_ivf(std::int64_t key) const {
-    const auto found = ivf_ids_.find(key);
-    require(found != ivf_ids_.end(), [&] { return "there is no IVF under key " + text(key); });
+  const Ivf& find_ivf(std::int64_t key) const {
+    open();
+    const auto found = ivfs_.find(key);
+    require(found != ivfs_.end() && found->second.set,
+            [&] { return "there is no IVF under key " + text(key); });
     return found->second;
   }
 
   // No more slots than there can be results.
   template <typename Search>
-  static Hits hits(std::int64_t k, std::int64_t most, Search search) {
+  Hits hits(std::int64_t k, std::int64_t most, Search search) const {
+    open();
     require(k >= 0, [&] { return "k is " + text(k) + ", and must be 0 or more"; });
-    const auto slots = static_cast<std::size_t>(k < most ? k : most);
+    const auto slots = static_cast<std::size_t>(int32("k", k < most ? k : most));
     Hits hits{std::vector<std::int64_t>(slots), std::vector<float>(slots)};
     const std::size_t found = search(std::span(hits.ids), std::span(hits.scores));
     hits.ids.resize(found);
@@ -544,7 +666,9 @@ class Index {
   QxIndex* handle_ = nullptr;
   std::int32_t dim_ = 0;
   std::int32_t ncols_ = 0;
-  std::map<std::int64_t, std::int64_t> ivf_ids_;  // how many ids the lists of a key have
+  std::map<std::int64_t, Ivf> ivfs_;
+  DistinctIds erased_;
+  std::vector<Table> tables_;  // of the metadata
 };
 
 struct TunerDefaults {

@@ -8,6 +8,7 @@ the first two cases.
 import base64
 import ctypes.util
 import hashlib
+import io
 import os
 import pathlib
 import shutil
@@ -29,7 +30,7 @@ Version: {VERSION}
 Summary: Vector search in memory: nearest neighbours by inner product, exact to the bit
 License: Apache-2.0
 Requires-Python: >=3.9
-Requires-Dist: numpy>=1.20
+Requires-Dist: numpy>=1.21
 Description-Content-Type: text/markdown
 
 """
@@ -59,6 +60,10 @@ def package_files():
                   if path.suffix == ".py" or path.name == "py.typed")
 
 
+def metadata():
+    return (METADATA + (HERE / "README.md").read_text(encoding="utf-8")).encode()
+
+
 def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     del config_settings, metadata_directory
     with tempfile.TemporaryDirectory() as scratch:
@@ -71,7 +76,7 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     if library is not None:
         files[f"{NAME}/libqx_runtime.so.1"] = library
     info = f"{NAME}-{VERSION}.dist-info"
-    files[f"{info}/METADATA"] = (METADATA + (HERE / "README.md").read_text()).encode()
+    files[f"{info}/METADATA"] = metadata()
     pure = "true" if library is None else "false"
     files[f"{info}/WHEEL"] = (f"Wheel-Version: 1.0\nGenerator: qx_runtime\nRoot-Is-Purelib: {pure}\n"
                               f"Tag: {tag}\n").encode()
@@ -98,4 +103,7 @@ def build_sdist(sdist_directory, config_settings=None):
         for path in [HERE / "pyproject.toml", HERE / "backend.py", HERE / "README.md",
                      *package_files()]:
             archive.add(path, f"{name}/{path.relative_to(HERE)}")
+        information = tarfile.TarInfo(f"{name}/PKG-INFO")
+        information.size = len(metadata())
+        archive.addfile(information, io.BytesIO(metadata()))
     return f"{name}.tar.gz"

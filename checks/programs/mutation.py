@@ -4,6 +4,8 @@ mutation [--sample N] [--seed S] [--jobs J]
   N mutants drawn by the seed (1 if none is given); without, all. J at a time, each in its own copy.
 
 A mutant is killed when a test fails, runs out of time, or no longer compiles while the engine does.
+What survives is built a second time, under the address and undefined-behaviour sanitizers: a mutant
+that reads or writes where it must not is killed there.
 One whose object code equals the original's is not counted, nor is one that does not compile or
 that equivalent_mutants.txt lists. A test or compiler that is ended from outside gives no verdict.
 Results are kept in build/mutation, so that a run that was stopped goes on where it was, as long as
@@ -40,6 +42,10 @@ TESTS = [
     ("internal_tests", []),
     ("contract_tests", ["--gtest_filter=LargeBase.*"]),
 ]
+
+# Those that the sanitized build of a survivor runs.
+SANITIZED_TESTS = [0, 1, 2, 4]
+SANITIZER_OPTIONS = {"ASAN_OPTIONS": "detect_leaks=0:allocator_may_return_null=1"}
 
 # What ends a program from outside, and never because of a mutant.
 OUTSIDE = {-signal.SIGINT, -signal.SIGTERM, -signal.SIGHUP, -signal.SIGQUIT, -signal.SIGKILL}
@@ -159,73 +165,93 @@ def run(command, timeout, stopping, running, **options):
     return status, output
 
 
-class Worker:
-    """A copy of the sources, its build, and a second copy of that build to go back to."""
+class Build:
+    """A build of a worker's sources, and a copy of it to go back to."""
 
-    def __init__(self, number, stopping, running):
-        self.folder = WORK / f"worker-{number}"
-        self.source, self.build = self.folder / "source", self.folder / "build"
-        self.kept = self.folder / "kept"
-        self.control = stopping, running
-        self.times = {}
-
-    def run(self, *command, timeout=None, **options):
-        return run(["nice", *command], timeout, *self.control, **options)
+    def __init__(self, worker, name, flags):
+        self.worker, self.flags = worker, flags
+        self.folder, self.kept = worker.folder / name, worker.folder / f"{name}-kept"
+        self.timeouts = {}
 
     def ninja(self, target):
         """Whether it builds; the copy's own warnings are no errors."""
-        status, output = self.run("ninja", "-C", self.build, "-j", "1", target,
-                                  stdout=subprocess.PIPE)
+        status, output = self.worker.run("ninja", "-C", self.folder, "-j", "1", target,
+                                         stdout=subprocess.PIPE)
         if status != 0 and "error:" not in output and "undefined reference" not in output:
             raise Stopped(f"the build of {target} failed, and not by the mutant\n{output[-2000:]}")
         return status == 0
 
     def object_code(self):
         return {path: hashlib.sha256(path.read_bytes()).digest()
-                for path in self.build.glob("CMakeFiles/qx_objects.dir/**/*.o")}
+                for path in self.folder.glob("CMakeFiles/qx_objects.dir/**/*.o")}
 
-    def passes(self, number, timeout):
+    def passes(self, number, timeout=None):
         test, options = TESTS[number]
-        environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1")
-        started = time.monotonic()
-        status, _ = self.run(self.build / "tests" / test, *options, timeout=timeout,
-                             env=environment, cwd=self.build, stdout=subprocess.DEVNULL)
-        self.times[number] = time.monotonic() - started
+        environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", **SANITIZER_OPTIONS)
+        status, _ = self.worker.run(self.folder / "tests" / test, *options, timeout=timeout,
+                                    env=environment, cwd=self.folder, stdout=subprocess.DEVNULL)
         return status == 0
 
-    def prepare(self):
-        """Makes the copy and its build of the original, which must pass."""
-        shutil.rmtree(self.folder, ignore_errors=True)
-        self.source.mkdir(parents=True)
-        for name in COPIED:
-            self.run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
-        status, output = self.run(
-            "cmake", "-S", self.source, "-B", self.build, "-G", "Ninja",
-            "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1",
+    def notices(self):
+        """Whether a test that passed the original fails the mutant."""
+        return any(not self.ninja(TESTS[number][0]) or not self.passes(number, timeout)
+                   for number, timeout in self.timeouts.items())
+
+    def prepare(self, tests):
+        """Builds the original, whose tests must pass."""
+        status, output = self.worker.run(
+            "cmake", "-S", self.worker.source, "-B", self.folder, "-G", "Ninja",
+            "-DCMAKE_BUILD_TYPE=Release", f"-DCMAKE_CXX_FLAGS_RELEASE={self.flags}",
             "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_EXAMPLES=OFF", stdout=subprocess.PIPE)
         if status != 0:
             raise Stopped(f"cmake failed\n{output[-2000:]}")
-        for target in dict.fromkeys(["qx_objects", *(test for test, _ in TESTS)]):
+        for target in dict.fromkeys(["qx_objects", *(TESTS[number][0] for number in tests)]):
             if not self.ninja(target):
                 raise Stopped(f"the original does not build {target}")
-        for number, (test, _) in enumerate(TESTS):
-            if not self.passes(number, None):
-                raise Stopped(f"the original fails {test}")
-        self.timeouts = {number: 10 * taken + 5 for number, taken in self.times.items()}
+        for number in tests:
+            started = time.monotonic()
+            if not self.passes(number):
+                raise Stopped(f"the original fails {TESTS[number][0]}")
+            self.timeouts[number] = 10 * (time.monotonic() - started) + 5
         self.original_code = self.object_code()
-        shutil.copytree(self.build, self.kept, symlinks=True)
+        shutil.copytree(self.folder, self.kept, symlinks=True)
 
     def go_back(self):
         """Makes the build the original's again, in content and times; compiles nothing."""
         for folder, _, names in os.walk(self.kept):
             for name in names:
                 kept = os.path.join(folder, name)
-                built = os.path.join(self.build, os.path.relpath(kept, self.kept))
+                built = os.path.join(self.folder, os.path.relpath(kept, self.kept))
                 if os.path.islink(kept):
                     continue
                 stored = os.stat(kept)
                 if not os.path.exists(built) or os.stat(built).st_mtime_ns != stored.st_mtime_ns:
-                    shutil.copy2(kept, built)
+                    # A killed test may still be ending: its program cannot be written over.
+                    shutil.copy2(kept, built + ".kept")
+                    os.replace(built + ".kept", built)
+
+
+class Worker:
+    """A copy of the sources and its builds."""
+
+    def __init__(self, number, stopping, running):
+        self.folder = WORK / f"worker-{number}"
+        self.source = self.folder / "source"
+        self.control = stopping, running
+        self.plain = Build(self, "build", "-O1")
+        self.sanitized = Build(
+            self, "sanitized", "-O1 -fsanitize=address,undefined -fno-sanitize-recover=all")
+
+    def run(self, *command, timeout=None, **options):
+        return run(["nice", *command], timeout, *self.control, **options)
+
+    def prepare(self):
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.source.mkdir(parents=True)
+        for name in COPIED:
+            self.run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
+        self.plain.prepare(range(len(TESTS)))
+        self.sanitized.prepare(SANITIZED_TESTS)
 
     def judge(self, mutant):
         path = self.source / mutant.file
@@ -233,19 +259,21 @@ class Worker:
         lines = text.splitlines()
         lines[mutant.number - 1] = mutant.changed
         path.write_text("\n".join(lines) + "\n")
+        builds = [self.plain]
         try:
-            if not self.ninja("qx_objects"):
+            if not self.plain.ninja("qx_objects"):
                 return "did not compile"
-            if self.object_code() == self.original_code:
+            if self.plain.object_code() == self.plain.original_code:
                 return "equal code"
-            for number, (test, _) in enumerate(TESTS):
-                if not self.ninja(test) or not self.passes(number, self.timeouts[number]):
-                    return "killed"
-            return "survived"
+            if self.plain.notices():
+                return "killed"
+            builds.append(self.sanitized)
+            return "killed" if self.sanitized.notices() else "survived"
         finally:
             path.write_text(text)
             os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
-            self.go_back()
+            for build in builds:
+                build.go_back()
 
 
 class Results:

@@ -16,8 +16,8 @@ constexpr std::size_t kLineBytes = 256;
 
 // Writes straight to the descriptor: standard I/O would take the stream's lock, which a thread of
 // the host may hold, and could leave the line in a buffer. A descriptor that takes nothing (it is
-// closed, say) ends the attempt; the trap follows all the same, and so it does where nobody reads any
-// more: the signal of such a write would end the process before it.
+// closed, say) ends the attempt; the trap follows all the same. So it does where nobody reads any
+// more: the signal of such a write, which would end the process before it, is ignored.
 void write_line(const char* line, int length) {
   std::signal(SIGPIPE, SIG_IGN);
   auto left = static_cast<std::size_t>(std::max(length, 0));

@@ -108,14 +108,14 @@ class TopK {
   struct Bits;
   template <std::int64_t... kPlaces>
   struct Bits<std::integer_sequence<std::int64_t, kPlaces...>> {
-    static constexpr std::uint32_t at[] = {(std::uint32_t{1} << kPlaces)...};
+    static constexpr std::uint32_t kAt[] = {(std::uint32_t{1} << kPlaces)...};
   };
   using RunBits = Bits<std::make_integer_sequence<std::int64_t, kRun>>;
 
   // Which scores of a whole run are above the bar, a bit for each.
   static std::uint32_t which_above(const float* scores, float bar) {
     std::uint32_t above = 0;
-    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? RunBits::at[i] : 0;
+    for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar ? RunBits::kAt[i] : 0;
     return above;
   }
 

@@ -2,7 +2,7 @@
 // nothing and never reaches the engine.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <bit>
 #include <functional>
 #include <limits>
 #include <string>
@@ -57,9 +57,10 @@ struct Expected {
 void expect_same(const qx::Hits& hits, const Expected& expected) {
   EXPECT_EQ(hits.ids, expected.ids);
   ASSERT_EQ(hits.scores.size(), expected.scores.size());
-  EXPECT_EQ(
-      std::memcmp(hits.scores.data(), expected.scores.data(), hits.scores.size() * sizeof(float)),
-      0);
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(hits.scores[i]),
+              std::bit_cast<std::uint32_t>(expected.scores[i]));
+  }
 }
 
 TEST(CppHeader, AnswersAsTheCInterface) {
@@ -151,10 +152,88 @@ TEST(CppHeader, MovesItsIndex) {
   other = std::move(index);
   EXPECT_EQ(other.size(), 20);
   EXPECT_EQ(other.search_ivf(1, kQuery, 2).size(), 2u);
-  EXPECT_THROW(index.size(), qx::LogicError);         // NOLINT(bugprone-use-after-move): the test
-  EXPECT_THROW(index.erase(Ids{1}), qx::LogicError);  // NOLINT(bugprone-use-after-move): the test
+  // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the test
+  EXPECT_THROW(index.size(), qx::LogicError);
+  EXPECT_THROW(index.erase(Ids{1}), qx::LogicError);
+  // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   index = qx::Index(4);
   EXPECT_EQ(index.dim(), 4);
+}
+
+// NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the test
+TEST(CppHeader, RefusesEveryCallOnAnIndexThatWasMovedFrom) {
+  qx::Index gone = full_index();
+  const qx::Index kept = std::move(gone);
+  Ids slots(2);
+  Floats scores(2);
+  const std::vector<std::function<void()>> calls = {
+      [&] { gone.handle(); },
+      [&] { gone.build(rows(1), Ids{1}); },
+      [&] { gone.insert(rows(1), Ids{1}); },
+      [&] { gone.insert({}, {}); },
+      [&] {
+        gone.set_ivf(1, 1, rows(1), Ids{1}, Offsets{0, 1});
+      },
+      [&] { gone.set_ivf_nprobe(1, 1); },
+      [&] { gone.clear_ivf(); },
+      [&] { gone.set_rowmeta(Ids{1}, Ids{1}, {}, 0); },
+      [&] { gone.export_rowmeta({}); },
+      [&] { gone.search_full(kQuery, 1); },
+      [&] { gone.search_full({}, slots, scores); },
+      [&] { gone.search_partition(9, kQuery, -1); },
+      [&] { gone.scatter_topk(Ids{1}, kQuery, 1); },
+      [&] { gone.search_mvcc(Ids{1}, kQuery, 1); },
+      [&] { gone.search_ivf(1, kQuery, 1); },
+      [&] { gone.search_filtered(qx::Filter::column(5, 1), kQuery, 1); },
+      [&] { gone.match_ids(qx::Filter::all()); },
+      [&] { gone.tuner_oversized(1); },
+      [&] { gone.export_visible(); },
+      [&] { gone.export_base(); },
+  };
+  for (const auto& call : calls) EXPECT_THROW(call(), qx::LogicError);
+  EXPECT_EQ(gone.dim(), 0);
+  EXPECT_EQ(gone.columns(), 0);
+  EXPECT_EQ(kept.size(), 20);
+}
+// NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+
+TEST(CppHeader, RefusesTooManyCandidatesBeforeItTakesMemoryForSlots) {
+  const qx::Index index = full_index();
+  const std::int64_t never_read = 0;
+  const std::span<const std::int64_t> many(&never_read, std::size_t{1} << 31);
+  const std::int64_t k = std::numeric_limits<std::int64_t>::max();
+  EXPECT_THROW(index.scatter_topk(many, kQuery, k), qx::InvalidArgument);
+  EXPECT_THROW(index.search_mvcc(many, kQuery, k), qx::InvalidArgument);
+}
+
+TEST(CppHeader, RefusesSlotsThatOverlap) {
+  const qx::Index index = full_index();
+  Ids ids = {1, 2, 3, 4};
+  Floats scores(4);
+  const std::span<float> query = std::span(scores).first(kDim);
+  const std::span<std::int64_t> two = std::span(ids).first(2);
+  const std::span<float> two_scores = std::span(scores).first(2);
+  EXPECT_THROW(index.search_full(query, two, two_scores), qx::InvalidArgument);
+  EXPECT_THROW(index.scatter_topk(ids, kQuery, two, two_scores), qx::InvalidArgument);
+  EXPECT_THROW(index.search_mvcc(ids, kQuery, two, two_scores), qx::InvalidArgument);
+  EXPECT_EQ(index.scatter_topk(Ids{1, 2}, kQuery, two, two_scores), 2u);
+}
+
+// The engine's next block is sought first, also where the rows alone would not ask for one.
+TEST(CppHeader, SeeksTheMemoryOfEachGrowth) {
+  qx::DistinctIds few;
+  few.add(Ids{1, 2, 2, 1, -7});
+  EXPECT_EQ(few.least(), 3);
+  EXPECT_EQ(few.most(), 3);
+  for (const std::int64_t step : {std::int64_t{1}, std::int64_t{1} << 20}) {
+    qx::DistinctIds many;
+    for (int twice = 0; twice < 2; ++twice) {
+      for (std::int64_t i = 0; i < 100000; ++i) many.add(Ids{i * step});
+    }
+    EXPECT_LE(many.least(), 100000);
+    EXPECT_GE(many.most(), 100000);
+    EXPECT_LE(many.most(), 150000);
+  }
 }
 
 struct Refusal {
@@ -164,7 +243,7 @@ struct Refusal {
 };
 
 const std::vector<Refusal>& refusals() {
-  static const auto kMost = std::numeric_limits<std::int32_t>::max();
+  static constexpr auto kMost = std::numeric_limits<std::int32_t>::max();
   static const std::vector<Refusal> all = {
       {"QueryWidth", [](qx::Index& i) { i.search_full(Floats(4), 1); }, "the query has 4 floats"},
       {"NegativeK", [](qx::Index& i) { i.search_full(kQuery, -1); }, "k is -1"},

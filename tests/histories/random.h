@@ -45,7 +45,8 @@ class Random {
     const std::uint64_t span = static_cast<std::uint64_t>(high - low) + 1;
     const std::uint64_t chosen =
         from_bytes_ ? take((static_cast<std::size_t>(std::bit_width(span - 1)) + 7) / 8) : bits();
-    return low + static_cast<std::int64_t>(chosen % span);
+    // All numbers together are 2^64, which is 0 here.
+    return low + static_cast<std::int64_t>(span == 0 ? chosen : chosen % span);
   }
   std::int32_t between32(std::int32_t low, std::int32_t high) {
     return static_cast<std::int32_t>(between(low, high));

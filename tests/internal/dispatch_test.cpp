@@ -7,7 +7,7 @@
 #if defined(__x86_64__)
 extern "C" __attribute__((visibility("hidden"))) struct {
   unsigned vendor, type, subtype, features[1];
-} __cpu_model;
+} __cpu_model;  // NOLINT(readability-identifier-naming): the compilers' own name
 
 namespace qx_test {
 namespace {

@@ -163,8 +163,8 @@ TEST_P(EveryEstimate, OfLyingRowsIsWithinTheBound) {
 }
 
 TEST_P(EveryEstimate, OfScatteredRowsIsWithinTheBound) {
-  constexpr std::size_t kPlaces =
-      2 * kRowKinds;  // rows that each end, or start, at an unmapped page
+  // Rows that each end, or start, at an unmapped page.
+  constexpr std::size_t kPlaces = std::size_t{2} * kRowKinds;
   Random random(22);
   Guarded<float> places[kPlaces];
   Guarded<const float*> addresses;

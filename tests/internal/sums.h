@@ -40,8 +40,8 @@ class ExactSum {
 
   // How far a score, or an estimate, may be from it, as kernels.h states.
   double bound() const {
-    constexpr double e = 0x1p-24;
-    return magnitudes_ * dim_ * e / (1 - dim_ * e) + dim_ * 0x1p-126;
+    constexpr double kUnit = 0x1p-24;
+    return magnitudes_ * dim_ * kUnit / (1 - dim_ * kUnit) + dim_ * 0x1p-126;
   }
 
   // The sum of the products' magnitudes.

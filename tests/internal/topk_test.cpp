@@ -72,8 +72,11 @@ TEST_P(TopKOfSize, KeepsTheBestOfEveryKindOfScores) {
 }
 
 TEST_P(TopKOfSize, KeepsTheBestOfRisingFallingAndEqualScores) {
-  std::vector<float> rising;
-  for (int i = 0; i < 15000; ++i) rising.push_back(static_cast<float>(i / 2));
+  std::vector<float> rising(15000);
+  for (std::size_t i = 0; i < rising.size(); ++i) {
+    const std::size_t pair = i / 2;
+    rising[i] = static_cast<float>(pair);
+  }
   expect_best(rising, GetParam(), 192);
   std::reverse(rising.begin(), rising.end());
   expect_best(rising, GetParam(), 192);
@@ -82,9 +85,10 @@ TEST_P(TopKOfSize, KeepsTheBestOfRisingFallingAndEqualScores) {
 
 TEST_P(TopKOfSize, KeepsTheBestOfScoresThatRiseAmongUnusableOnes) {
   Random random(5);
-  std::vector<float> scores;
-  for (int i = 0; i < 15000; ++i) {
-    scores.push_back(random.percent(20) ? special_float(random) : static_cast<float>(i / 3 - 2500));
+  std::vector<float> scores(15000);
+  for (std::size_t i = 0; i < scores.size(); ++i) {
+    const int rising = static_cast<int>(i) / 3 - 2500;
+    scores[i] = random.percent(20) ? special_float(random) : static_cast<float>(rising);
   }
   for (const std::int64_t block : {20, 32, 100, 192}) expect_best(scores, GetParam(), block);
 }

@@ -71,8 +71,8 @@ class FarRows : public testing::Test {
   Ids place_at_edges() {
     const Ids rows = {kTwoTo31 / 32, kTwoTo31 / 8 - 1, kTwoTo31 / 8, kTwoTo32 / 8, kTwoTo31 - 1,
                       kTwoTo31,      kTwoTo32 - 1,     kTwoTo32,     kRows - 1};
-    const Ids ids = {kTwoTo32 + 1, kTwoTo31 - 1, kTwoTo31,     5,           kTwoTo32 - 1,
-                     kTwoTo32,     kTwoTo31 + 1, kTwoTo40 - 1, kTwoTo40 - 2};
+    Ids ids = {kTwoTo32 + 1, kTwoTo31 - 1, kTwoTo31,     5,           kTwoTo32 - 1,
+               kTwoTo32,     kTwoTo31 + 1, kTwoTo40 - 1, kTwoTo40 - 2};
     for (std::size_t i = 0; i < rows.size(); ++i) {
       place(ids[i], rows[i], static_cast<float>(i + 1));
     }

@@ -1,4 +1,4 @@
-"""Checks of what a caller hands over. Nothing is converted, so nothing is copied."""
+"""Checks of what a caller hands over. Nothing is converted."""
 
 from __future__ import annotations
 
@@ -18,18 +18,22 @@ INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
 
 def array(what: str, value: Any, dtype: type, ndim: int) -> npt.NDArray[Any]:
     """The value, if it is an array that the library can read where it lies."""
-    name = np.dtype(dtype).name
+    name = dtype.__name__
     if not isinstance(value, np.ndarray):
         raise TypeError(f"{what} must be a numpy array of {name}, not {type(value).__name__}; "
                         f"np.asarray(..., dtype=np.{name}) makes one")
-    if value.dtype != np.dtype(dtype):
-        raise TypeError(f"{what} must be of {name}, not {value.dtype}")
-    if value.ndim != ndim:
+    if isinstance(value, np.ma.MaskedArray):
+        raise TypeError(f"{what} must be a plain array, not a masked one")
+    # The same elements, without what a subclass may make of them.
+    plain: npt.NDArray[Any] = np.asarray(value)
+    if plain.dtype != np.dtype(dtype):
+        raise TypeError(f"{what} must be of {name}, not {plain.dtype}")
+    if plain.ndim != ndim:
         raise ValueError(f"{what} must have {ndim} dimension{'s' if ndim > 1 else ''}, "
-                         f"not {value.ndim}")
-    if not value.flags.c_contiguous or not value.flags.aligned:
+                         f"not {plain.ndim}")
+    if not plain.flags.c_contiguous or not plain.flags.aligned:
         raise ValueError(f"{what} must be C-contiguous; np.ascontiguousarray makes it so")
-    return value
+    return plain
 
 
 def floats(what: str, value: Any, ndim: int, dim: int) -> Floats:
@@ -54,18 +58,13 @@ def ids(what: str, value: Any, limit: int = INT64_MAX) -> Ids:
 
 
 def number(what: str, value: Any, low: int, high: int) -> int:
-    """An integer from low to high."""
+    """An integer from low to high, of no subclass: those may compare otherwise. A bool is none."""
     try:
-        integer = operator.index(value)
+        if isinstance(value, (bool, np.bool_)):
+            raise TypeError
+        integer = int.__add__(operator.index(value), 0)
     except TypeError:
         raise TypeError(f"{what} must be an integer, not {type(value).__name__}") from None
     if not low <= integer <= high:
         raise ValueError(f"{what} must be from {low} to {high}, not {integer}")
     return integer
-
-
-def seek(count: float) -> None:
-    """Raises MemoryError where so many bytes cannot be had; the engine would end the process."""
-    if count >= 1 << 62:
-        raise MemoryError(f"{count:.3g} bytes are needed")
-    np.empty(int(count), dtype=np.uint8)

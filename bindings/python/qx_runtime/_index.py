@@ -5,11 +5,11 @@ from __future__ import annotations
 import ctypes
 import threading
 from collections.abc import Iterable, Iterator
-from typing import Any, NamedTuple, Optional
+from typing import Any, NamedTuple, NoReturn, Optional
 
 import numpy as np
 
-from . import _arrays, _library
+from . import _arrays, _library, _memory
 from ._arrays import ID_LIMIT, INT32_MAX, INT64_MAX, INT64_MIN, Floats, Ids
 
 _lib = _library.load()
@@ -55,10 +55,15 @@ class Index:
     Hits(ids=array([20]), scores=array([0.8], dtype=float32))
 
     Vectors and queries are finite float32 arrays, ids are int64 arrays from 0 on, all C-contiguous:
-    they are read where they lie. Anything else raises TypeError or ValueError and changes nothing.
+    they are read where they lie. Anything else raises TypeError or ValueError and changes nothing;
+    memory that is not there raises MemoryError, also where a call that asks for half of what is left
+    might just have fitted.
 
     Threads may share an index: a lock lets one call in at a time. Calls release the interpreter's
-    lock, so other threads go on.
+    lock, so other threads go on. What they write into an array during a call may or may not be seen,
+    and no more than that: what the engine must be able to trust is copied before it is checked. An
+    array must keep its memory during a call. A signal handler must not use an index that it may have
+    interrupted.
     """
 
     def __init__(self, dim: int, *, user_tag: int = 0) -> None:
@@ -66,9 +71,12 @@ class Index:
         self._lock = threading.Lock()
         self._dim = _arrays.number("dim", dim, 1, INT32_MAX)
         self._user_tag = _arrays.number("user_tag", user_tag, 0, (1 << 32) - 1)
-        self._columns = 0
         self._partitions: tuple[Partition, ...] = ()
-        self._ivf_ids: dict[int, int] = {}
+        self._ivfs: dict[int, tuple[int, int]] = {}  # how many ids and lists there are at most
+        self._deleted = _memory.DistinctIds()
+        # The metadata: columns that came with one call, and the ids that had values in them since.
+        self._tables: list[tuple[int, _memory.DistinctIds]] = []
+        _memory.seek(_memory.SLACK)
         self._handle = _lib.qx_index_new(self._dim, self._user_tag)
 
     # ---- Life ----
@@ -89,11 +97,17 @@ class Index:
         if getattr(self, "_handle", None) is not None:
             self.close()
 
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("an Index is neither copied nor pickled; build another from export()")
+
     def __repr__(self) -> str:
-        if self._handle is None:
-            return f"<qx_runtime.Index of dimension {self._dim}, closed>"
-        return (f"<qx_runtime.Index of dimension {self._dim}, {self.base_count} base rows, "
-                f"{self.delta_count} delta rows>")
+        with self._lock:
+            if self._handle is None:
+                return f"<qx_runtime.Index of dimension {self._dim}, closed>"
+            base = self._base_count(self._handle)
+            delta = _lib.qx_index_delta_count(self._handle)
+        return (f"<qx_runtime.Index of dimension {self._dim}, {base} base rows, "
+                f"{delta} delta rows>")
 
     def _open(self) -> int:
         if self._handle is None:
@@ -155,7 +169,13 @@ class Index:
     @property
     def columns(self) -> int:
         """The number of metadata columns."""
-        return self._columns
+        with self._lock:
+            return self._column_count(self._open())
+
+    @staticmethod
+    def _column_count(handle: int) -> int:
+        """Asked for each time: a number kept here would be behind if a signal came between."""
+        return int(_lib.qx_index_export_rowmeta(handle, None, 0, None, None))
 
     @property
     def partitions(self) -> tuple[Partition, ...]:
@@ -198,7 +218,9 @@ class Index:
         checked = _arrays.floats("vectors", vectors, 2, self._dim)
         if ids is None:
             ids = np.arange(len(checked), dtype=np.int64)
-        checked_ids = _arrays.ids("ids", ids, ID_LIMIT - 1)
+        # A copy, since the largest id decides over memory: no thread may raise it any more.
+        given_ids = _arrays.array("ids", ids, np.int64, 1)
+        checked_ids = _arrays.ids("ids", given_ids.copy(), ID_LIMIT - 1)
         _same_length("vectors", checked, "ids", checked_ids)
         parts = _check_partitions(partitions, len(checked))
         keys = np.array([part.key for part in parts], dtype=np.int64)
@@ -209,7 +231,8 @@ class Index:
             handle = self._open()
             if _lib.qx_index_sealed(handle):
                 raise ValueError("the index is built already; make a new one")
-            _arrays.seek(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3))
+            _memory.seek(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3) +
+                         16 * len(parts) + _memory.SLACK)
             result = _lib.qx_index_build(
                 handle, checked.ctypes.data, len(checked), self._dim, checked_ids.ctypes.data,
                 keys.ctypes.data, starts.ctypes.data, sizes.ctypes.data, len(parts))
@@ -225,16 +248,19 @@ class Index:
         with self._lock:
             handle = self._open()
             before = int(_lib.qx_index_delta_count(handle))
-            after = before + len(checked_ids)
-            if _power(after) > _power(before):
-                _arrays.seek((48.0 + 8 * self._dim) * _power(after))
+            after = _memory.delta_bytes(before + len(checked_ids), self._dim)
+            if after > _memory.delta_bytes(before, self._dim):
+                _memory.seek(after)
             return int(_lib.qx_index_insert(handle, checked.ctypes.data, checked_ids.ctypes.data,
                                             len(checked_ids)))
 
     def delete(self, ids: Ids) -> int:
         """Hides the rows of the ids, if they have any. Returns the snapshot counter."""
         checked = _arrays.ids("ids", ids)
-        return int(self._ask(_lib.qx_index_delete, checked, len(checked)))
+        with self._lock:
+            handle = self._open()
+            _memory.seek(self._deleted.growth(checked))
+            return int(_lib.qx_index_delete(handle, checked.ctypes.data, len(checked)))
 
     def set_metadata(self, ids: Ids, labels: Ids, values: Optional[Ids] = None) -> None:
         """Sets the label of each id, and its row of column values.
@@ -252,12 +278,20 @@ class Index:
         columns = _arrays.number("the number of columns", checked_values.shape[1], 0, INT32_MAX)
         with self._lock:
             handle = self._open()
-            if columns < self._columns:
-                raise ValueError(f"values must have {self._columns} columns or more, not {columns}")
-            _arrays.seek(96.0 * columns + 64.0 * len(checked) * (1 + columns))
+            before = self._column_count(handle)
+            if columns < before:
+                raise ValueError(f"values must have {before} columns or more, not {columns}")
+            self._seek_for_metadata(checked, before, columns)
             _lib.qx_index_set_rowmeta(handle, checked.ctypes.data, checked_labels.ctypes.data,
                                       checked_values.ctypes.data, columns, len(checked))
-            self._columns = columns
+
+    def _seek_for_metadata(self, ids: Ids, before: int, columns: int) -> None:
+        # The labels are one more column, which is there from the first call on.
+        more = columns + 1 - sum(count for count, _ in self._tables)
+        tables = self._tables + ([(more, _memory.DistinctIds())] if more > 0 else [])
+        widened = 40 * _memory.power(columns) if columns > before else 0
+        _memory.seek(widened + sum(count * table.growth(ids) for count, table in tables))
+        self._tables = tables
 
     def set_ivf(self, key: int, centroids: Floats, list_ids: Ids,
                 list_offsets: np.ndarray[Any, np.dtype[np.int32]], nprobe: int) -> None:
@@ -266,25 +300,33 @@ class Index:
         probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
         checked = _arrays.floats("centroids", centroids, 2, self._dim)
         checked_ids = _arrays.ids("list_ids", list_ids)
-        offsets = _arrays.array("list_offsets", list_offsets, np.int32, 1)
+        _arrays.number("the number of centroids", len(checked), 0, INT32_MAX)
+        # A copy, since they say where the engine reads: no thread may change them any more.
+        offsets = _arrays.array("list_offsets", list_offsets, np.int32, 1).copy()
         if len(offsets) != len(checked) + 1:
             raise ValueError(f"list_offsets must have {len(checked) + 1} elements, one more than "
                              f"there are centroids, not {len(offsets)}")
-        if (np.diff(offsets) < 0).any() or offsets[0] < 0 or offsets[-1] > len(checked_ids):
+        if (offsets[1:] < offsets[:-1]).any() or offsets[0] < 0 or offsets[-1] > len(checked_ids):
             raise ValueError(f"list_offsets must ascend from 0 or more to at most "
                              f"{len(checked_ids)}, the number of list_ids")
         with self._lock:
             handle = self._open()
-            _arrays.seek(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size + 4096)
+            keys = len(self._ivfs) + 1
+            _memory.seek(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size +
+                         _memory.table_bytes(keys) + 80 * _memory.power(keys) + _memory.SLACK)
+            # First here, so that a signal in between leaves no inverted file that is not known.
+            self._ivfs[checked_key] = (len(checked_ids), len(checked))
             _lib.qx_index_set_ivf(handle, checked_key, len(checked), probes, checked.ctypes.data,
                                   checked_ids.ctypes.data, offsets.ctypes.data, len(checked_ids))
-            self._ivf_ids[checked_key] = len(checked_ids)
 
     def set_nprobe(self, key: int, nprobe: int) -> None:
         """Changes how many lists a search of the inverted file looks into."""
+        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
         probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
         with self._lock:
-            _lib.qx_index_set_ivf_nprobe(self._open(), self._ivf_key(key), probes)
+            handle = self._open()
+            self._ivf(checked)
+            _lib.qx_index_set_ivf_nprobe(handle, checked, probes)
 
     def has_ivf(self, key: int) -> bool:
         """Whether the key has an inverted file."""
@@ -295,13 +337,12 @@ class Index:
         """Releases all inverted files."""
         with self._lock:
             _lib.qx_index_clear_ivf(self._open())
-            self._ivf_ids.clear()
+            self._ivfs.clear()
 
-    def _ivf_key(self, key: int) -> int:
-        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
-        if checked not in self._ivf_ids:
-            raise ValueError(f"there is no inverted file under key {checked}")
-        return checked
+    def _ivf(self, key: int) -> tuple[int, int]:
+        if key not in self._ivfs:
+            raise ValueError(f"there is no inverted file under key {key}")
+        return self._ivfs[key]
 
     # ---- Reads ----
 
@@ -331,7 +372,8 @@ class Index:
             key = _arrays.number("partition", partition, INT64_MIN, INT64_MAX)
             return self._search(_lib.qx_index_search_partition, (key, checked), wanted, None)
         if ivf is not None:
-            return self._search(_lib.qx_index_search_ivf, (ivf, checked), wanted, ivf)
+            key = _arrays.number("ivf", ivf, INT64_MIN, INT64_MAX)
+            return self._search(_lib.qx_index_search_ivf, (key, checked), wanted, key)
         if candidates is not None:
             ids = _arrays.ids("candidates", candidates)
             if current:
@@ -351,7 +393,10 @@ class Index:
     def _column(self, column: tuple[int, int]) -> tuple[int, int]:
         if not isinstance(column, tuple) or len(column) != 2:
             raise TypeError("column must be a tuple of a column number and a value")
-        return (_arrays.number("the column number", column[0], 0, self._columns - 1),
+        columns = self.columns  # which never become fewer
+        if columns == 0:
+            raise ValueError("the index has no columns")
+        return (_arrays.number("the column number", column[0], 0, columns - 1),
                 _arrays.number("the column value", column[1], INT64_MIN, INT64_MAX))
 
     def _found_of(self, ids: Ids, query: Floats, k: int) -> Hits:
@@ -361,8 +406,11 @@ class Index:
                 ivf: Optional[int]) -> Hits:
         with self._lock:
             handle = self._open()
-            most = (self._ivf_ids[self._ivf_key(ivf)] if ivf is not None else
-                    self._base_count(handle) + int(_lib.qx_index_delta_count(handle)))
+            if ivf is not None:
+                most, lists = self._ivf(ivf)
+                _memory.seek(4.0 * lists)
+            else:
+                most = self._base_count(handle) + int(_lib.qx_index_delta_count(handle))
             return _fill(function, handle, arguments, min(k, most))
 
     def _hits(self, function: Any, arguments: tuple[Any, ...], k: int, most: int) -> Hits:
@@ -390,7 +438,9 @@ class Index:
         with self._lock:
             handle = self._open()
             labels = np.empty(len(checked), dtype=np.int64)
-            values = np.empty((len(checked), self._columns), dtype=np.int64)
+            columns = self._column_count(handle)
+            _memory.seek(8.0 * len(checked) * columns)
+            values = np.empty((len(checked), columns), dtype=np.int64)
             _lib.qx_index_export_rowmeta(handle, checked.ctypes.data, len(checked),
                                          labels.ctypes.data, values.ctypes.data)
         return Metadata(labels, values)
@@ -422,10 +472,6 @@ class Index:
     def _rows(self, count: int) -> Rows:
         return Rows(np.empty(count, dtype=np.int64),
                     np.empty((count, self._dim), dtype=np.float32))
-
-
-def _power(count: int) -> int:
-    return 0 if count == 0 else 1 << (count - 1).bit_length()
 
 
 def _same_length(what: str, array: np.ndarray[Any, Any], other: str,

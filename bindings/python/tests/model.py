@@ -5,8 +5,8 @@ import numpy as np
 
 def score(query, vector):
     """One chain of fused multiply-adds; float64 holds each product of float32 exactly, and the sum of
-    the small whole numbers that the tests use."""
-    return np.float32(np.dot(query.astype(np.float64), vector.astype(np.float64)))
+    the small whole numbers that the tests use. A sum that starts from +0 is never -0."""
+    return np.float32(0.0 + np.dot(query.astype(np.float64), vector.astype(np.float64)))
 
 
 class Model:

@@ -1,6 +1,8 @@
 """What is not as it must be raises a clear error, and changes nothing."""
 
+import copy
 import gc
+import pickle
 import threading
 
 import numpy as np
@@ -63,6 +65,7 @@ NOT_IDS = [
     (np.array([[1]]), ValueError, "must have 1 dimension, not 2"),
     (np.arange(4)[::2], ValueError, "C-contiguous"),
     (np.array([-1]), ValueError, "must be from 0 to"),
+    (np.ma.array([1], mask=[True]), TypeError, "not a masked one"),
 ]
 
 
@@ -77,7 +80,8 @@ def test_ids_that_are_none(index, wrong, error, message):
 
 
 @pytest.mark.parametrize("k,error", [(-1, ValueError), (1 << 31, ValueError), (1 << 70, ValueError),
-                                     (1.0, TypeError), ("1", TypeError), (None, TypeError)])
+                                     (1.0, TypeError), ("1", TypeError), (None, TypeError),
+                                     (True, TypeError), (np.bool_(True), TypeError)])
 def test_a_k_that_is_none(index, k, error):
     with pytest.raises(error, match="k must be"):
         index.search(QUERY, k)
@@ -235,3 +239,115 @@ def test_an_index_that_nobody_holds_is_released():
     index.insert(vectors(1), ids(1))
     del index
     gc.collect()
+
+
+def test_offsets_whose_differences_overflow(index):
+    """In 32 bits each of these offsets looks no smaller than the one before it."""
+    most, least = (1 << 31) - 1, -(1 << 31)
+    offsets = np.array([0, most, least, -1, 0], dtype=np.int32)
+    with pytest.raises(ValueError, match="ascend"):
+        index.set_ivf(1, np.ones((4, 3), dtype=np.float32), ids(), offsets, 4)
+
+
+class Changed(np.ndarray):
+    """An array whose attributes lie."""
+
+    ctypes = property(lambda self: pytest.fail("asked for"))
+    size = property(lambda self: 0)
+
+    def copy(self):
+        return pytest.fail("asked for")
+
+
+def test_subclasses_are_read_as_plain_arrays(index):
+    assert index.search(QUERY.view(Changed), 9).ids.tolist() == [3, 2, 1, 0]
+    assert index.metadata(ids(1).view(Changed)).labels.tolist() == [8]
+    with pytest.raises(ValueError, match="must be from 0 to"):
+        index.delete(ids(-5).view(Changed))
+
+
+def test_integers_that_compare_otherwise(index):
+    class Liar(int):
+        __le__ = __ge__ = __lt__ = __gt__ = lambda self, other: True
+
+    with pytest.raises(ValueError, match="k must be"):
+        index.search(QUERY, Liar(1 << 40))
+    with pytest.raises(ValueError, match="dim must be"):
+        qx_runtime.Index(Liar(-3))
+
+
+def test_an_integer_that_uses_the_index(index):
+    """No code of the caller runs under the lock."""
+    class Asker:
+        def __index__(self):
+            return 9 if len(index) else 0
+
+    assert len(index.search(QUERY, 1, ivf=Asker()).ids) == 1
+    index.set_nprobe(Asker(), 1)
+    assert index.has_ivf(Asker())
+
+
+def test_an_index_is_neither_copied_nor_pickled(index):
+    """A copy would release the same handle a second time."""
+    for call in (copy.copy, copy.deepcopy, pickle.dumps):
+        with pytest.raises(TypeError, match="neither copied nor pickled"):
+            call(index)
+
+
+def test_memory_is_sought_for_every_growth(monkeypatch):
+    """Also where a growing block depends on what earlier calls brought."""
+    index, sought = qx_runtime.Index(3), []
+    monkeypatch.setattr(qx_runtime._memory, "seek", sought.append)
+
+    def asked(call):
+        sought.clear()
+        call()
+        return max(sought, default=0)
+
+    index.insert(vectors(5), np.arange(5))
+    assert asked(lambda: index.insert(vectors(1), ids(5))) > 4 * 32  # 18 floats do not fit into 16
+    assert asked(lambda: index.insert(vectors(1), ids(6))) == 0
+    index.delete(np.arange(1024))
+    assert asked(lambda: index.delete(ids(7, 8))) == 0
+    assert asked(lambda: index.delete(ids(1024))) > 24 * 2048
+    table = np.zeros((1024, 2), dtype=np.int64)
+    index.set_metadata(np.arange(1024), np.arange(1024), table)
+    assert asked(lambda: index.set_metadata(ids(1), ids(1), table[:1])) == 0
+    assert asked(lambda: index.set_metadata(ids(1024), ids(1), table[:1])) > 3 * 24 * 2048
+
+
+@pytest.mark.parametrize("step", [1, 2, 1 << 20, 12345])
+def test_a_count_of_distinct_ids(step):
+    counted = qx_runtime._memory.DistinctIds()
+    counted.add(ids(1, 2, 2, 1))
+    assert counted.least == counted.most == 2
+    for _ in range(2):
+        counted.add(np.arange(100000) * step)
+    assert 50000 < counted.least <= 100002 and 100000 <= counted.most < 150000
+
+
+def test_ids_and_offsets_that_another_thread_changes():
+    """What decides over memory and places is copied before it is checked."""
+    seen = {}
+
+    def stand_in(name):
+        original = getattr(qx_runtime._index._lib, name)
+
+        def call(*given):
+            seen[name] = given
+            return original(*given)
+        return call
+
+    index = qx_runtime.Index(3)
+    base_ids, offsets = ids(0, 1), np.array([0, 1], dtype=np.int32)
+    for name, call in (("qx_index_build", lambda: index.build(vectors(2), base_ids)),
+                       ("qx_index_set_ivf",
+                        lambda: index.set_ivf(1, vectors(1), ids(1), offsets, 1))):
+        original = getattr(qx_runtime._index._lib, name)
+        setattr(qx_runtime._index._lib, name, stand_in(name))
+        try:
+            call()
+        finally:
+            setattr(qx_runtime._index._lib, name, original)
+    assert base_ids.ctypes.data not in seen["qx_index_build"]
+    assert offsets.ctypes.data not in seen["qx_index_set_ivf"]

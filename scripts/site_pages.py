@@ -1,0 +1,105 @@
+"""Makes the pages of the site that are not written by hand.
+
+site_pages.py PAGES    writes PAGES/reference.md from the public header, copies the plots of the
+                       benchmark to PAGES/plots, and puts tables of docs/ into PAGES/performance.md
+"""
+import pathlib
+import re
+import shutil
+import sys
+import textwrap
+
+import header
+
+DOCS = pathlib.Path(__file__).resolve().parents[1] / "docs"
+
+
+def marked(text, names):
+    """Text as Markdown reads it: every function is a link, and nothing is taken for markup."""
+    text = re.sub(r"([\\`*_<>\[\]#|])", r"\\\1", text)
+    def link(match):
+        plain = match[0].replace("\\", "")
+        return f"[`{plain}`](#{plain})" if plain in names else f"`{plain}`"
+    return re.sub(r"\bqx\\_(?:\w|\\_)+", link, text)
+
+
+def set_blocks(blocks, names):
+    lines = []
+    for block in blocks:
+        if block == ("",):
+            continue
+        if isinstance(block, tuple):
+            lines += ["```text", *textwrap.dedent("\n".join(block)).splitlines(), "```", ""]
+        else:
+            lines += [marked(block, names), ""]
+    return lines
+
+
+def function_lines(function, names):
+    lines = [f"### {function.name} {{: #{function.name} }}", "", "```c",
+             function.prototype, "```", ""]
+    lines += set_blocks(function.description, names)
+    if function.parameters:
+        lines += ["| parameter | meaning |", "|---|---|"]
+        lines += [f"| `{name}` | {marked(text, names)} |" for name, text in function.parameters]
+        lines.append("")
+    if function.result:
+        lines += [marked(function.result, names), ""]
+    return lines + set_blocks(function.notes, names)
+
+
+def reference(read):
+    names = {function.name for function in read.functions}
+    lines = ["# Reference", "", f"All {len(names)} functions of `qx_runtime.h`, in its words. This "
+             "page is made from the header's own comments.", ""]
+    lines += ["| family | functions |", "|---|---|"]
+    sections = {}
+    for function in read.functions:
+        sections.setdefault(function.section, []).append(function)
+    for section, functions in sections.items():
+        links = " ".join(f"[`{function.name}`](#{function.name})" for function in functions)
+        lines.append(f"| {section} | {links} |")
+    lines += ["", "## Overview", "", *set_blocks(read.overview, names), "## Conventions", ""]
+    for number, title, blocks in read.conventions:
+        lines += [f"### {number}. {title} {{: #convention-{number} }}", "",
+                  *set_blocks(blocks, names)]
+    for section, functions in sections.items():
+        lines += [f"## {section}", ""]
+        for function in functions:
+            lines += function_lines(function, names)
+    return "\n".join(lines) + "\n"
+
+
+def benchmark_part(name):
+    """The part of the report under a heading that begins with the name; "" is the machine."""
+    report = (DOCS / "BENCHMARKS.md").read_text()
+    parts = re.split(r"(?m)^## ", report)
+    if not name:
+        return parts[0][parts[0].index("| machine"):].strip()
+    found = [part for part in parts[1:] if part.startswith(name)]
+    if len(found) != 1:
+        sys.exit(f"site_pages: BENCHMARKS.md has {len(found)} parts named '{name}'")
+    return "## " + found[0].strip()
+
+
+def word_recall():
+    """What the page of the word vectors says under its title, without the picture."""
+    paragraphs = (DOCS / "WORD_RECALL.md").read_text().split("\n\n")[2:]
+    return "\n\n".join(part for part in paragraphs if not part.startswith("![")).strip()
+
+
+def main():
+    if len(sys.argv) != 2:
+        sys.exit("usage: site_pages.py PAGES")
+    pages = pathlib.Path(sys.argv[1])
+    (pages / "reference.md").write_text(reference(header.read()))
+    (pages / "plots").mkdir(exist_ok=True)
+    for plot in (DOCS / "benchmarks").glob("*.svg"):
+        shutil.copy(plot, pages / "plots")
+    page = pages / "performance.md"
+    text = re.sub(r"(?m)^<!-- benchmarks: *(.*?) *-->$", lambda match: benchmark_part(match[1]),
+                  page.read_text())
+    page.write_text(text.replace("<!-- word recall -->", word_recall()))
+
+
+main()

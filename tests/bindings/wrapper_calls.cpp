@@ -1,0 +1,634 @@
+// Calls of the C++ header with hostile arguments among good ones, by lives drawn from seeds. What a
+// call must do is decided here a second time, from the header's words: refuse by the exception that
+// it documents, or answer as the model in every bit. What was refused must have changed nothing.
+//
+//   wrapper_calls [--calls N] [--seed S]     lives of seeds S, S + 1, ... until N calls are made
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "histories/random.h"
+#include "model.h"
+#include "qx_runtime.hpp"
+
+namespace {
+
+using qx_test::Floats;
+using qx_test::Ids;
+using qx_test::Model;
+using qx_test::Random;
+using Offsets = std::vector<std::int32_t>;
+using IdSpan = std::span<const std::int64_t>;
+using FloatSpan = std::span<const float>;
+
+constexpr std::int64_t kMost32 = std::numeric_limits<std::int32_t>::max();
+constexpr std::size_t kTooMany = std::size_t{1} << 31;
+constexpr int kCallsOfALife = 150;
+
+// What to say wherever the process ends.
+char replay_line[128];
+void say_replay() {
+  [[maybe_unused]] const auto written = write(STDERR_FILENO, replay_line, std::strlen(replay_line));
+}
+void end_by_signal(int number) {
+  say_replay();
+  std::signal(number, SIG_DFL);
+  std::raise(number);
+}
+[[noreturn]] void fail(const std::string& what) {
+  std::fprintf(stderr, "wrapper_calls: %s\n", what.c_str());
+  say_replay();
+  std::exit(1);
+}
+void expect(bool holds, const char* what) {
+  if (!holds) fail(what);
+}
+
+enum class End { kReturned, kInvalidArgument, kLogicError, kNoMemory };
+
+template <typename Call>
+End end_of(Call call) {
+  try {
+    call();
+    return End::kReturned;
+  } catch (const qx::InvalidArgument& error) {
+    expect(error.what()[0] != '\0', "an exception without a message");
+    return End::kInvalidArgument;
+  } catch (const qx::LogicError&) {
+    return End::kLogicError;
+  } catch (const std::bad_alloc&) {
+    return End::kNoMemory;
+  } catch (const std::exception& error) {
+    fail(std::string("an exception that is not documented: ") + error.what());
+  }
+}
+
+template <typename T>
+bool same_bits(const std::vector<T>& one, const std::vector<T>& other) {
+  return one.size() == other.size() &&
+         (one.empty() || std::memcmp(one.data(), other.data(), one.size() * sizeof(T)) == 0);
+}
+
+class Life {
+ public:
+  explicit Life(std::uint64_t seed)
+      : random_(seed),
+        dim_(random_.between32(1, 6)),
+        index_(dim_, 9),
+        model_(static_cast<std::uint32_t>(dim_), 9) {}
+
+  // Returns how many calls were made.
+  std::int64_t play() {
+    static constexpr void (Life::*kSteps[])() = {
+        &Life::build,       &Life::insert,    &Life::insert,      &Life::erase,
+        &Life::set_ivf,     &Life::probe,     &Life::set_rowmeta, &Life::export_rowmeta,
+        &Life::search,      &Life::search,    &Life::search,      &Life::search,
+        &Life::search,      &Life::search,    &Life::search,      &Life::list,
+        &Life::read_counts, &Life::oversized, &Life::move_away,   &Life::other_index};
+    for (int i = 0; i < kCallsOfALife; ++i) {
+      (this->*kSteps[random_.between(0, std::ssize(kSteps) - 1)])();
+    }
+    read_counts();
+    list();
+    return calls_;
+  }
+
+ private:
+  bool hostile() { return random_.percent(25); }
+
+  template <typename Call>
+  void must(End expected, const char* name, Call call) {
+    ++calls_;
+    const End end = end_of(call);
+    if (end != expected) {
+      fail(std::string(name) + " ended as " + std::to_string(static_cast<int>(end)) + ", not " +
+           std::to_string(static_cast<int>(expected)));
+    }
+  }
+  static End when(bool fits) { return fits ? End::kReturned : End::kInvalidArgument; }
+
+  // ---- Arguments ----
+
+  std::int64_t any_id() {
+    static const Ids edges = {-1,      std::numeric_limits<std::int64_t>::min(),
+                              kMost32, std::numeric_limits<std::int64_t>::max(),
+                              -2,      std::int64_t{1} << 40};
+    return random_.percent(8) ? random_.any_of(edges) : random_.between(0, 40);
+  }
+  Ids some_ids() {
+    Ids ids(static_cast<std::size_t>(random_.percent(1) ? random_.between(0, 900)
+                                                        : random_.between(0, 9)));
+    for (std::int64_t& id : ids) id = any_id();
+    return ids;
+  }
+  Floats some_floats(std::size_t rows) {
+    return qx_test::draw_floats(random_, qx_test::Values::kMixed,
+                                static_cast<std::int64_t>(rows) * dim_);
+  }
+  // Of another size than is right, or right by chance.
+  template <typename T>
+  void spoil(std::vector<T>& elements) {
+    if (elements.empty() || random_.percent(50)) {
+      elements.resize(elements.size() + static_cast<std::size_t>(random_.between(1, dim_ + 1)));
+    } else {
+      elements.resize(static_cast<std::size_t>(random_.between(0, std::ssize(elements) - 1)));
+    }
+  }
+
+  // ---- Changes ----
+
+  void build() {
+    if (model_.sealed && !hostile()) return;
+    Ids ids(static_cast<std::size_t>(random_.between(0, 30)));
+    for (std::int64_t& id : ids) id = random_.between(0, random_.percent(2) ? 5000 : 40);
+    Floats vectors = some_floats(ids.size());
+    std::vector<qx::Partition> parts = some_partitions(std::ssize(ids));
+    End expected = model_.sealed ? End::kLogicError : End::kReturned;
+    if (hostile()) {
+      const auto kind = random_.between(0, 3);
+      if (kind == 0) spoil(vectors);
+      if (kind == 1) ids.push_back(random_.any_of(Ids{-1, std::int64_t{1} << 40, 3}));
+      if (kind == 2 && !ids.empty()) ids[0] = (std::int64_t{1} << 40) - random_.between(0, 1);
+      if (kind == 3) parts.push_back(wrong_partition(parts, std::ssize(ids)));
+      if (!model_.sealed) expected = end_of_build(vectors, ids, kind == 3);
+    }
+    must(expected, "build", [&] { index_.build(vectors, ids, parts); });
+    if (expected != End::kReturned) return;
+    Ids keys;
+    Offsets starts;
+    Offsets sizes;
+    for (const qx::Partition& part : parts) {
+      keys.push_back(part.key);
+      starts.push_back(part.start);
+      sizes.push_back(part.size);
+    }
+    model_.build(vectors, std::ssize(ids), dim_, ids, keys, starts, sizes,
+                 static_cast<std::int32_t>(keys.size()));
+  }
+  End end_of_build(const Floats& vectors, const Ids& ids, bool wrong_parts) const {
+    if (vectors.size() != ids.size() * static_cast<std::size_t>(dim_)) {
+      return End::kInvalidArgument;
+    }
+    std::int64_t largest = 0;
+    for (const std::int64_t id : ids) {
+      if (id < 0 || id >= std::int64_t{1} << 40) return End::kInvalidArgument;
+      largest = std::max(largest, id);
+    }
+    if (wrong_parts) return End::kInvalidArgument;
+    return largest > std::int64_t{1} << 38 ? End::kNoMemory : End::kReturned;
+  }
+  std::vector<qx::Partition> some_partitions(std::int64_t rows) {
+    std::vector<qx::Partition> parts;
+    std::int64_t key = random_.between(-5, 5);
+    for (std::int64_t left = random_.between(0, 4); left > 0; --left) {
+      const std::int64_t start = random_.between(0, rows);
+      parts.push_back({key, static_cast<std::int32_t>(start),
+                       static_cast<std::int32_t>(random_.between(0, rows - start))});
+      key += random_.between(1, 3);
+    }
+    return parts;
+  }
+  qx::Partition wrong_partition(const std::vector<qx::Partition>& parts, std::int64_t rows) {
+    constexpr auto kLeast = std::numeric_limits<std::int32_t>::min();
+    constexpr auto kLargest = std::numeric_limits<std::int32_t>::max();
+    const std::int64_t key = parts.empty() ? 0 : parts.back().key + 1;
+    const auto count = static_cast<std::int32_t>(rows);
+    const std::vector<qx::Partition> wrong = {
+        {key, count, 1},       {key, -1, 1},        {key, 0, -1},      {key, kLargest, kLargest},
+        {key, kLeast, kLeast}, {key, 0, count + 1}, {key, 1, kLargest}};
+    if (!parts.empty() && random_.percent(30)) return {parts.back().key, 0, 0};
+    return random_.any_of(wrong);
+  }
+
+  void insert() {
+    const Ids ids = some_ids();
+    Floats vectors = some_floats(ids.size());
+    if (hostile() && random_.percent(20)) {
+      const std::size_t many = kTooMany * static_cast<std::size_t>(dim_);
+      must(End::kInvalidArgument, "insert",
+           [&] { index_.insert(FloatSpan(&never_read_float_, many), too_many_ids()); });
+      return;
+    }
+    if (hostile()) spoil(vectors);
+    const bool fits = vectors.size() == ids.size() * static_cast<std::size_t>(dim_);
+    std::uint64_t snapshot = 0;
+    must(when(fits), "insert", [&] { snapshot = index_.insert(vectors, ids); });
+    if (fits) expect(snapshot == model_.insert(vectors, ids), "insert: another snapshot");
+  }
+  // Refused by its size, before an element is read.
+  IdSpan too_many_ids() const { return {&never_read_id_, kTooMany}; }
+
+  void erase() {
+    if (hostile()) {
+      must(End::kInvalidArgument, "erase", [&] { index_.erase(too_many_ids()); });
+      return;
+    }
+    Ids ids = some_ids();
+    if (random_.between(0, 999) == 0) ids.resize(6000, random_.between(100, 1 << 30));
+    for (std::size_t i = 1000; i < ids.size(); ++i) ids[i] += static_cast<std::int64_t>(i) * 97;
+    std::uint64_t snapshot = 0;
+    must(End::kReturned, "erase", [&] { snapshot = index_.erase(ids); });
+    expect(snapshot == model_.erase(ids), "erase: another snapshot");
+  }
+
+  void set_ivf() {
+    const std::int64_t key = random_.between(-1, 3);
+    if (random_.percent(10)) {
+      must(End::kReturned, "clear_ivf", [&] { index_.clear_ivf(); });
+      model_.ivfs.clear();
+    }
+    const Ids list_ids = some_ids();
+    Offsets offsets(static_cast<std::size_t>(random_.between(1, 5)));
+    for (std::int32_t& offset : offsets) {
+      offset = random_.between32(0, static_cast<std::int32_t>(list_ids.size()));
+    }
+    std::sort(offsets.begin(), offsets.end());
+    Floats centroids = some_floats(offsets.size() - 1);
+    std::int32_t nprobe = random_.between32(0, 6);
+    if (hostile()) {
+      spoil_ivf(key, centroids, offsets, nprobe, static_cast<std::int32_t>(list_ids.size()));
+    }
+    const bool fits = nprobe >= 0 && !offsets.empty() &&
+                      centroids.size() == (offsets.size() - 1) * static_cast<std::size_t>(dim_) &&
+                      std::is_sorted(offsets.begin(), offsets.end()) && offsets.front() >= 0 &&
+                      offsets.back() <= std::ssize(list_ids);
+    must(when(fits), "set_ivf", [&] { index_.set_ivf(key, nprobe, centroids, list_ids, offsets); });
+    if (!fits) return;
+    model_.ivfs[key] = {static_cast<std::int32_t>(offsets.size()) - 1, nprobe, centroids, list_ids,
+                        offsets};
+  }
+  void spoil_ivf(std::int64_t key, Floats& centroids, Offsets& offsets, std::int32_t& nprobe,
+                 std::int32_t n_ids) {
+    constexpr auto kLeast = std::numeric_limits<std::int32_t>::min();
+    constexpr auto kLargest = std::numeric_limits<std::int32_t>::max();
+    const auto at = static_cast<std::size_t>(random_.between(0, std::ssize(offsets) - 1));
+    const auto kind = random_.between(0, 4);
+    if (kind == 0) spoil(centroids);
+    if (kind == 1) nprobe = random_.any_of(Offsets{-1, kLeast});
+    if (kind == 2) spoil(offsets);
+    if (kind == 3) offsets[at] = random_.any_of(Offsets{-1, kLeast, kLargest, n_ids + 1});
+    if (kind == 4) {
+      must(End::kInvalidArgument, "set_ivf",
+           [&] { index_.set_ivf(key, nprobe, centroids, too_many_ids(), offsets); });
+    }
+  }
+
+  void probe() {
+    const std::int64_t key = random_.between(-1, 4);
+    const std::int32_t nprobe = random_.any_of(
+        Offsets{0, 1, 2, 9, static_cast<std::int32_t>(kMost32), -1, -static_cast<int>(kMost32)});
+    const bool fits = nprobe >= 0 && model_.ivfs.contains(key);
+    must(when(fits), "set_ivf_nprobe", [&] { index_.set_ivf_nprobe(key, nprobe); });
+    if (fits) model_.set_ivf_nprobe(key, nprobe);
+  }
+
+  void set_rowmeta() {
+    const Ids ids = some_ids();
+    const auto has = static_cast<std::int32_t>(model_.columns.size());
+    std::int32_t ncols = has + (has < 5 && random_.percent(10) ? 1 : 0);
+    Ids labels(ids.size());
+    Ids values(ids.size() * static_cast<std::size_t>(ncols));
+    for (std::int64_t& label : labels) label = random_.between(-1, 3);
+    for (std::int64_t& value : values) value = random_.between(-1, 3);
+    End expected = End::kReturned;
+    if (hostile()) {
+      const auto kind = random_.between(0, 4);
+      if (kind == 0) spoil(labels);
+      if (kind == 1) spoil(values);
+      if (kind == 2) ncols = -random_.between32(1, 9) * (1 << 27);
+      if (kind == 3 && has > 0) ncols = has - 1;
+      const bool fits = labels.size() == ids.size() && ncols >= has &&
+                        values.size() == ids.size() * static_cast<std::size_t>(ncols);
+      expected = when(fits);
+      if (kind == 4) {
+        const std::int32_t many = random_.any_of(Offsets{1 << 30, 0x7FFFFFFF});
+        must(End::kNoMemory, "set_rowmeta", [&] { index_.set_rowmeta({}, {}, {}, many); });
+        must(End::kInvalidArgument, "set_rowmeta",
+             [&] { index_.set_rowmeta(too_many_ids(), too_many_ids(), {}, ncols); });
+      }
+    }
+    must(expected, "set_rowmeta", [&] { index_.set_rowmeta(ids, labels, values, ncols); });
+    if (expected == End::kReturned) model_.set_rowmeta(ids, labels, values, ncols);
+  }
+
+  void export_rowmeta() {
+    const Ids ids = some_ids();
+    qx::RowMeta meta;
+    if (hostile()) {
+      must(End::kInvalidArgument, "export_rowmeta", [&] { index_.export_rowmeta(too_many_ids()); });
+    }
+    must(End::kReturned, "export_rowmeta", [&] { meta = index_.export_rowmeta(ids); });
+    Ids labels(ids.size());
+    Ids values(ids.size() * model_.columns.size());
+    expect(meta.ncols == model_.export_rowmeta(ids, labels, values), "export_rowmeta: columns");
+    expect(meta.labels == labels && meta.values == values, "export_rowmeta: other values");
+  }
+
+  // ---- Searches ----
+
+  enum class Way { kFull, kPartition, kScatter, kIvf, kMvcc, kFiltered };
+
+  struct Search {
+    Way way;
+    std::int64_t key = 0;
+    Model::Predicate test = {};
+    Ids given;
+    IdSpan candidates;
+    Floats query;
+    bool fits = true;
+  };
+  Search some_search() {
+    Search search{.way = static_cast<Way>(random_.between(0, 5)),
+                  .key = random_.between(-3, 6),
+                  .given = some_ids(),
+                  .candidates = {},
+                  .query = some_floats(1)};
+    search.candidates = search.given;
+    if (search.way == Way::kIvf && !model_.ivfs.empty() && !hostile()) {
+      search.key = model_.ivfs.begin()->first;
+    }
+    if (search.way == Way::kIvf) search.fits = model_.ivfs.contains(search.key);
+    if (search.way == Way::kFiltered) search.test = some_test();
+    if (search.way == Way::kFiltered) search.fits = fits(search.test);
+    if (hostile() && random_.percent(40)) {
+      spoil(search.query);
+      search.fits = false;
+    }
+    if ((search.way == Way::kScatter || search.way == Way::kMvcc) && random_.percent(5)) {
+      search.candidates = too_many_ids();
+      search.fits = false;
+    }
+    return search;
+  }
+  Model::Predicate some_test() {
+    const auto mode = static_cast<std::uint32_t>(random_.between(0, 2));
+    std::int32_t column = random_.between32(0, 1);
+    if (hostile())
+      column = random_.any_of(Offsets{-1, 5, 6, static_cast<int>(kMost32), -2147483647});
+    return {mode, column, random_.between(-1, 3)};
+  }
+  bool fits(const Model::Predicate& test) const {
+    return test.mode != 2 || (test.column >= 0 && test.column < std::ssize(model_.columns));
+  }
+  static qx::Filter filter_of(const Model::Predicate& test) {
+    if (test.mode == 0) return qx::Filter::all();
+    if (test.mode == 1) return qx::Filter::label(test.value);
+    return qx::Filter::column(test.column, test.value);
+  }
+
+  template <typename... Slots>  // k, or spans for ids and scores
+  auto answer(const Search& s, const Slots&... slots) const {
+    switch (s.way) {
+      case Way::kFull:
+        return index_.search_full(s.query, slots...);
+      case Way::kPartition:
+        return index_.search_partition(s.key, s.query, slots...);
+      case Way::kScatter:
+        return index_.scatter_topk(s.candidates, s.query, slots...);
+      case Way::kIvf:
+        return index_.search_ivf(s.key, s.query, slots...);
+      case Way::kMvcc:
+        return index_.search_mvcc(s.candidates, s.query, slots...);
+      default:
+        return index_.search_filtered(filter_of(s.test), s.query, slots...);
+    }
+  }
+  qx::Hits expected_of(const Search& s, std::int64_t wanted) const {
+    const auto k = static_cast<std::int32_t>(std::min<std::int64_t>(wanted, 2000));
+    const auto unsigned_k = static_cast<std::uint32_t>(k);
+    qx::Hits hits{Ids(static_cast<std::size_t>(k)), Floats(static_cast<std::size_t>(k))};
+    std::int64_t found = 0;
+    if (s.way == Way::kFull) found = model_.search_full(s.query, k, hits.ids, hits.scores);
+    if (s.way == Way::kPartition) {
+      found = model_.search_partition(s.key, s.query, k, hits.ids, hits.scores);
+    }
+    if (s.way == Way::kScatter) {
+      found = model_.scatter_topk(s.given, static_cast<std::int32_t>(s.given.size()), s.query, k,
+                                  hits.ids, hits.scores);
+    }
+    if (s.way == Way::kIvf) found = model_.search_ivf(s.key, s.query, k, hits.ids, hits.scores);
+    if (s.way == Way::kMvcc) {
+      found = model_.search_mvcc(s.given, s.query, unsigned_k, hits.ids, hits.scores);
+    }
+    if (s.way == Way::kFiltered) {
+      found = model_.search_filtered(s.test, s.query, unsigned_k, hits.ids, hits.scores);
+    }
+    auto filled = static_cast<std::size_t>(found);
+    while (filled > 0 && hits.scores[filled - 1] == -1e30f) --filled;  // no row has this score
+    hits.ids.resize(filled);
+    hits.scores.resize(filled);
+    return hits;
+  }
+
+  void search() {
+    const Search s = some_search();
+    if (random_.percent(50)) {
+      search_into_slots(s);
+      return;
+    }
+    constexpr auto kLeast = std::numeric_limits<std::int64_t>::min();
+    std::int64_t k = random_.between(0, 12);
+    if (hostile()) {
+      k = random_.any_of(Ids{-1, kLeast, kMost32, kMost32 + 1, -kMost32 - 1, ~kLeast, 100});
+    }
+    const bool fits = s.fits && k >= 0;
+    qx::Hits hits;
+    must(when(fits), "a search", [&] { hits = answer(s, k); });
+    if (fits) compare(s, k, hits);
+  }
+  void compare(const Search& s, std::int64_t k, const qx::Hits& hits) const {
+    const qx::Hits expected = expected_of(s, k);
+    expect(hits.ids == expected.ids && same_bits(hits.scores, expected.scores),
+           "a search: another answer");
+  }
+
+  // Guards behind the slots must stay.
+  void search_into_slots(const Search& s) {
+    Ids ids(static_cast<std::size_t>(random_.between(0, 12)) + 1, 77);
+    Floats scores(ids.size(), 7.5f);
+    std::span<std::int64_t> id_slots = std::span(ids).first(ids.size() - 1);
+    std::span<float> score_slots = std::span(scores).first(id_slots.size());
+    const std::size_t k = id_slots.size();
+    bool fits = s.fits;
+    if (hostile()) {
+      const auto kind = random_.between(0, 2);
+      if (kind == 0) score_slots = std::span(scores);
+      if (kind == 1) id_slots = {ids.data(), kTooMany};
+      if (kind == 2 && !s.query.empty()) {  // onto the query
+        id_slots = std::span(ids).first(1);
+        score_slots = {const_cast<float*>(s.query.data()), 1};
+      }
+      fits = fits && kind == 2 && s.query.empty();
+    }
+    std::size_t found = 0;
+    must(when(fits), "a search into slots", [&] { found = answer(s, id_slots, score_slots); });
+    expect(ids.back() == 77 && scores.back() == 7.5f, "a search wrote behind its slots");
+    if (!fits) return;
+    ids.resize(found);
+    scores.resize(found);
+    compare(s, static_cast<std::int64_t>(k), {ids, scores});
+  }
+
+  // ---- Lists and counts ----
+
+  void list() {
+    const Model::Predicate test = some_test();
+    Ids found;
+    must(when(fits(test)), "match_ids", [&] { found = index_.match_ids(filter_of(test)); });
+    if (fits(test)) {
+      Ids expected(model_.delta_ids.size() + model_.base_ids.size());
+      expected.resize(static_cast<std::size_t>(model_.match_ids(test, expected)));
+      expect(found == expected, "match_ids: other ids");
+    }
+    qx::Rows rows;
+    Ids ids(static_cast<std::size_t>(model_.visible_count()));
+    Floats vectors(ids.size() * static_cast<std::size_t>(dim_));
+    model_.export_visible(vectors, ids);
+    must(End::kReturned, "export_visible", [&] { rows = index_.export_visible(); });
+    expect(rows.ids == ids && same_bits(rows.vectors, vectors), "export_visible: other rows");
+    must(End::kReturned, "visible_ids", [&] { found = index_.visible_ids(); });
+    expect(found == ids, "visible_ids: other ids");
+    must(End::kReturned, "export_base", [&] { rows = index_.export_base(); });
+    expect(rows.ids == model_.base_ids && same_bits(rows.vectors, model_.base_vectors),
+           "export_base: other rows");
+  }
+
+  void read_counts() {
+    must(End::kReturned, "the counts", [&] {
+      const qx::Index& index = index_;
+      expect(index.dim() == dim_ && index.user_tag() == 9, "another dimension or tag");
+      expect(index.size() == model_.n_base(), "another size");
+      expect(index.partitions() == std::ssize(model_.part_keys), "other partitions");
+      expect(index.columns() == std::ssize(model_.columns), "other columns");
+      expect(index.snapshot() == model_.snapshot && index.mutated() == model_.mutated,
+             "another snapshot");
+      expect(index.sealed() == model_.sealed, "sealed otherwise");
+      expect(index.delta_count() == std::ssize(model_.delta_ids), "other inserted rows");
+      expect(index.visible_count() == model_.visible_count(), "another visible count");
+      for (std::int64_t key = -2; key < 5; ++key) {
+        expect(index.has_ivf(key) == model_.ivfs.contains(key), "other IVF keys");
+      }
+    });
+  }
+
+  void oversized() {
+    const std::int32_t threshold =
+        random_.any_of(Offsets{0, 1, 5, -1, -2147483647 - 1, static_cast<int>(kMost32)});
+    Ids keys(model_.part_keys.size());
+    Ids sizes(keys.size());
+    const auto count = model_.tuner_oversized(threshold, keys, sizes);
+    std::vector<qx::PartitionSize> listed;
+    must(End::kReturned, "tuner_oversized", [&] { listed = index_.tuner_oversized(threshold); });
+    expect(std::ssize(listed) == count, "tuner_oversized: another count");
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+      expect(listed[i] == qx::PartitionSize{keys[i], sizes[i]}, "tuner_oversized: other sizes");
+    }
+    expect(qx::tuner_defaults().first == 20000, "other defaults");
+  }
+
+  // ---- Life ----
+
+  void move_away() {
+    qx::Index kept = std::move(index_);
+    const Floats query = some_floats(1);
+    const std::vector<std::function<void()>> calls = {
+        [&] { index_.handle(); },
+        [&] { index_.size(); },
+        [&] { index_.build(query, Ids{1}); },
+        [&] { index_.insert(query, Ids{1}); },
+        [&] { index_.insert({}, {}); },
+        [&] { index_.erase({}); },
+        [&] {
+          index_.set_ivf(0, 0, query, {}, Offsets{0, 0});
+        },
+        [&] { index_.set_ivf_nprobe(0, 0); },
+        [&] { index_.clear_ivf(); },
+        [&] { index_.has_ivf(0); },
+        [&] { index_.set_rowmeta({}, {}, {}, 0); },
+        [&] { index_.export_rowmeta({}); },
+        [&] { index_.match_ids(filter_of(some_test())); },
+        [&] { index_.visible_ids(); },
+        [&] { index_.export_visible(); },
+        [&] { index_.export_base(); },
+        [&] { index_.tuner_oversized(0); },
+        [&] { answer(some_search(), std::int64_t{1}); },
+    };
+    must(End::kLogicError, "a call on what was moved from", random_.any_of(calls));
+    if (random_.percent(50)) {
+      index_ = std::move(kept);
+    } else {
+      index_.swap(kept);
+    }
+    qx::Index& itself = index_;
+    index_ = std::move(itself);
+  }
+
+  void other_index() {
+    const std::int32_t dim = random_.any_of(Offsets{0, -1, -2147483647 - 1, 1, 0x7FFFFFFF});
+    must(when(dim >= 1), "Index", [&] {
+      const qx::Index other(dim);
+      expect(other.dim() == dim && other.visible_ids().empty(), "an empty index that is not");
+    });
+  }
+
+  Random random_;
+  std::int32_t dim_;
+  qx::Index index_;
+  Model model_;
+  std::int64_t calls_ = 0;
+  std::int64_t never_read_id_ = 0;
+  float never_read_float_ = 0;
+};
+
+std::uint64_t number_of(const char* text) {
+  char* end = nullptr;
+  const std::uint64_t number = std::strtoull(text, &end, 10);
+  if (end == text || *end != '\0') fail(std::string("no number: ") + text);
+  return number;
+}
+
+}  // namespace
+
+// Sanitizers: memory that no machine has is refused, and what ends the process tells the seed.
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1:max_allocation_size_mb=4096:detect_leaks=0";
+}
+extern "C" void __asan_on_error();
+extern "C" void __asan_on_error() { say_replay(); }
+
+int main(int count, char** arguments) {
+  std::uint64_t calls = 20000;
+  std::uint64_t seed = 1;
+  for (int i = 1; i + 1 < count; i += 2) {
+    const std::string name = arguments[i];
+    if (name != "--calls" && name != "--seed") fail("usage: wrapper_calls [--calls N] [--seed S]");
+    (name == "--calls" ? calls : seed) = number_of(arguments[i + 1]);
+  }
+#if !defined(__SANITIZE_ADDRESS__)
+  const rlimit few{std::uint64_t{1} << 32, std::uint64_t{1} << 32};
+  setrlimit(RLIMIT_AS, &few);
+#endif
+  for (const int number : {SIGILL, SIGTRAP, SIGABRT}) std::signal(number, end_by_signal);
+  const auto start = std::chrono::steady_clock::now();
+  std::uint64_t done = 0;
+  std::uint64_t next = seed;
+  for (; done < calls; ++next) {
+    std::snprintf(replay_line, sizeof(replay_line), "replay: wrapper_calls --calls 1 --seed %llu\n",
+                  static_cast<unsigned long long>(next));
+    done += static_cast<std::uint64_t>(Life(next).play());
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  std::printf("C++: %llu calls of %llu lives as they must be, seeds %llu to %llu, %.1f s\n",
+              static_cast<unsigned long long>(done), static_cast<unsigned long long>(next - seed),
+              static_cast<unsigned long long>(seed), static_cast<unsigned long long>(next - 1),
+              took.count());
+  return 0;
+}
