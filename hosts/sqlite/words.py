@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Loads the word vectors of this repository into a table of SQLite and asks for neighbours.
+
+words.py [--database FILE] [--extension FILE] [WORD]...
+"""
+import argparse
+import pathlib
+import sqlite3
+import struct
+import sys
+import time
+
+import numpy as np
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+SAMPLE = ROOT / "data/words-20000.qxw"
+STEP = 1000
+
+
+def read_words():
+    """The words, the most frequent first, and their vectors, of length 1."""
+    data = SAMPLE.read_bytes()
+    magic, version, count, dim, text_bytes = struct.unpack_from("<8s4I", data)
+    if magic != b"QXWORDS\n" or version != 1 or len(data) != 32 + text_bytes + 2 * count * dim:
+        sys.exit(f"words: {SAMPLE.name} is no file of words")
+    words = data[32:32 + text_bytes].decode().splitlines()
+    vectors = np.frombuffer(data, dtype="<f2", offset=32 + text_bytes).reshape(count, dim)
+    vectors = vectors.astype("<f4")
+    return words, vectors / np.linalg.norm(vectors, axis=1, keepdims=True)
+
+
+def load(database):
+    words, vectors = read_words()
+    started = time.monotonic()
+    database.execute("BEGIN")
+    database.execute(f"CREATE VIRTUAL TABLE words USING qx(embedding float[{vectors.shape[1]}], "
+                     "length integer, letter integer partition key, +word text)")
+    for first in range(0, len(words), STEP):
+        database.executemany(
+            "INSERT INTO words(rowid, embedding, length, letter, word) VALUES (?, ?, ?, ?, ?)",
+            [(i, vectors[i].tobytes(), len(words[i]), ord(words[i][0]), words[i])
+             for i in range(first, min(first + STEP, len(words)))])
+        print(f"\r{first + STEP:,} of {len(words):,} words", end="", file=sys.stderr)
+    database.execute("COMMIT")
+    print(f" in {time.monotonic() - started:.1f} s", file=sys.stderr)
+
+
+def show_neighbours(database, word):
+    row = database.execute("SELECT embedding, rowid FROM words WHERE word = ?", [word]).fetchone()
+    if row is None:
+        print(f"{word}: not among the words")
+        return
+    for title, condition in (("nearest", ""), ("of up to 5 letters", "AND length <= 5"),
+                             (f"with {word[0]}", f"AND letter = {ord(word[0])}")):
+        started = time.perf_counter()
+        found = database.execute(
+            f"SELECT word, score FROM words WHERE embedding MATCH ? AND k = 6 AND rowid <> ? "
+            f"{condition} ORDER BY distance", [*row]).fetchall()
+        milliseconds = 1000 * (time.perf_counter() - started)
+        print(f"{word}, {title} ({milliseconds:.1f} ms): "
+              + ", ".join(f"{other} {score:.2f}" for other, score in found))
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="words.py", description=__doc__.splitlines()[0])
+    parser.add_argument("--database", default=":memory:")
+    parser.add_argument("--extension", default=str(ROOT / "build/hosts/hosts/sqlite/qx"))
+    parser.add_argument("words", nargs="*", default=["king", "river"])
+    options = parser.parse_args()
+    try:
+        database = sqlite3.connect(options.database, isolation_level=None)
+        database.enable_load_extension(True)
+        database.load_extension(options.extension)
+        if not database.execute("SELECT 1 FROM sqlite_schema WHERE name = 'words'").fetchone():
+            load(database)
+        for word in options.words:
+            show_neighbours(database, word)
+    except (sqlite3.Error, AttributeError) as error:
+        sys.exit(f"words: {error}")
+
+
+if __name__ == "__main__":
+    main()
