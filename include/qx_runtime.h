@@ -393,23 +393,7 @@ int64_t qx_index_set_ivf_nprobe(QxIndex* index, int64_t key, int32_t nprobe);
 int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* query, int32_t k,
                             int64_t* out_ids, float* out_scores);
 
-/* ---- Current reads: what is visible now -------------------------------------------------- */
-
-/*
- * Finds the best among listed ids as they are now, offered in the order of the list: an id stands
- * for its delta row if it has one, else for its base row; deleted and unknown ids are skipped.
- *
- * ids         n ids; an id listed twice may fill two slots.
- * n           number of candidates; below 1 means none.
- * query       dim floats.
- * k           number of results wanted, read as a signed number.
- * out_ids     receives k ids, best first; -1 in slots that no candidate reached.
- * out_scores  receives their scores.
- *
- * Returns k, however many candidates were found; or 0 with nothing written when k is below 1.
- */
-int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
-                             const float* query, uint32_t k, int64_t* out_ids, float* out_scores);
+/* ---- Metadata ---------------------------------------------------------------------------- */
 
 /*
  * Sets the label and the column values of ids. Metadata belongs to an id, whether or not it has a
@@ -441,6 +425,24 @@ int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* 
  */
 int32_t qx_index_export_rowmeta(const QxIndex* index, const int64_t* ids, uint32_t n,
                                 int64_t* out_labels, int64_t* out_values);
+
+/* ---- Current reads: what is visible now -------------------------------------------------- */
+
+/*
+ * Finds the best among listed ids as they are now, offered in the order of the list: an id stands
+ * for its delta row if it has one, else for its base row; deleted and unknown ids are skipped.
+ *
+ * ids         n ids; an id listed twice may fill two slots.
+ * n           number of candidates; below 1 means none.
+ * query       dim floats.
+ * k           number of results wanted, read as a signed number.
+ * out_ids     receives k ids, best first; -1 in slots that no candidate reached.
+ * out_scores  receives their scores.
+ *
+ * Returns k, however many candidates were found; or 0 with nothing written when k is below 1.
+ */
+int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
+                             const float* query, uint32_t k, int64_t* out_ids, float* out_scores);
 
 /*
  * Finds the best visible rows whose id passes a test, offered in walk order (convention 7).
