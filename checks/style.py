@@ -8,7 +8,7 @@ LONGEST_FUNCTION = 60
 WORDS = ["TO" + "DO", "FIX" + "ME", "X" + "XX", "ha" + "ck", "sim" + "ply", "obvi" + "ously"]
 BANNED = re.compile(r"\b(" + "|".join(WORDS) + r")\b", re.IGNORECASE)
 SOURCES = {".h", ".hpp", ".c", ".cpp"}
-FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench", "bindings")
+FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench", "bindings", "hosts")
 
 
 def functions(lines):

@@ -65,8 +65,8 @@ class Statement {
                               SQLITE_UTF8));
   }
   void bind(int at, std::span<const std::byte> bytes) {
-    check(sqlite3_bind_blob64(statement_, at, bytes.empty() ? kNoBytes : bytes.data(),
-                              bytes.size(), SQLITE_TRANSIENT));
+    check(sqlite3_bind_blob64(statement_, at, bytes.empty() ? kNoBytes : bytes.data(), bytes.size(),
+                              SQLITE_TRANSIENT));
   }
   void bind(int at, sqlite3_value* value) { check(sqlite3_bind_value(statement_, at, value)); }
   void bind_null(int at) { check(sqlite3_bind_null(statement_, at)); }

@@ -92,8 +92,8 @@ int open_table(sqlite3* database, int count, const char* const* arguments, sqlit
                    const std::string name = given[2];
                    auto table = std::make_unique<Table>(database, given[1], given[2],
                                                         read_declaration(name, given.subspan(3)));
-                   const int declared = sqlite3_declare_vtab(
-                       database, table->declaration.schema(name).c_str());
+                   const int declared =
+                       sqlite3_declare_vtab(database, table->declaration.schema(name).c_str());
                    if (declared != SQLITE_OK) throw SqlError(declared, sqlite3_errmsg(database));
                    sqlite3_vtab_config(database, SQLITE_VTAB_CONSTRAINT_SUPPORT, 1);
                    if (create) table->storage.create();
@@ -202,8 +202,8 @@ int filter(sqlite3_vtab_cursor* base, int number, const char* plan, int count,
       cursor->hits = table->live.search(search.query, search.k, search.conditions);
       return SQLITE_OK;
     }
-    cursor->rows = Statement(table->database, table->storage.select_rows(
-                                                  number == kOneRow ? "WHERE rowid = ?1" : ""));
+    cursor->rows = Statement(
+        table->database, table->storage.select_rows(number == kOneRow ? "WHERE rowid = ?1" : ""));
     if (number == kOneRow) cursor->rows.bind(1, arguments[0]);
     cursor->has_row = cursor->rows.step();
     return SQLITE_OK;
@@ -333,9 +333,8 @@ class Command {
     Statement statement(table_->database, table_->storage.select_rows(""));
     for (std::int64_t row = 0; statement.step(); ++row) {
       if (row % step != 0) continue;
-      const Floats vector =
-          vector_of(statement.value(table_->declaration.vector_column + 1),
-                    table_->declaration.dim, "the stored vectors");
+      const Floats vector = vector_of(statement.value(table_->declaration.vector_column + 1),
+                                      table_->declaration.dim, "the stored vectors");
       sample.insert(sample.end(), vector.begin(), vector.end());
     }
     // A few steps of SQLite's own machine, which call the host's progress handler.
@@ -355,8 +354,8 @@ class Command {
 
 // The numbers and the vector of a row, checked.
 std::vector<std::byte> checked(const Declaration& declaration, sqlite3_value** row) {
-  for (const int hidden : {declaration.k_column(), declaration.score_column(),
-                           declaration.distance_column()}) {
+  for (const int hidden :
+       {declaration.k_column(), declaration.score_column(), declaration.distance_column()}) {
     if (sqlite3_value_type(row[hidden]) != SQLITE_NULL) {
       throw SqlError("k, score and distance cannot be written");
     }
@@ -374,8 +373,8 @@ std::vector<std::byte> checked(const Declaration& declaration, sqlite3_value** r
         if (sqlite3_value_type(value) != SQLITE_NULL &&
             (sqlite3_value_type(value) != SQLITE_INTEGER ||
              sqlite3_value_int64(value) == std::numeric_limits<std::int64_t>::min())) {
-          throw SqlError(SQLITE_MISMATCH, "the column " + column.name +
-                                              " takes integers above -2^63, and null");
+          throw SqlError(SQLITE_MISMATCH,
+                         "the column " + column.name + " takes integers above -2^63, and null");
         }
         break;
       case ColumnKind::kExtra:

@@ -109,7 +109,8 @@ Rows take_sparse(Rows* rows, std::int64_t limit, std::size_t dim, std::size_t co
     if (rows->ids[i] >= limit) {
       sparse.ids.push_back(rows->ids[i]);
       sparse.labels.push_back(rows->labels[i]);
-      sparse.vectors.insert(sparse.vectors.end(), vector, vector + static_cast<std::ptrdiff_t>(dim));
+      sparse.vectors.insert(sparse.vectors.end(), vector,
+                            vector + static_cast<std::ptrdiff_t>(dim));
       sparse.values.insert(sparse.values.end(), values,
                            values + static_cast<std::ptrdiff_t>(columns));
       continue;
@@ -118,7 +119,8 @@ Rows take_sparse(Rows* rows, std::int64_t limit, std::size_t dim, std::size_t co
     rows->labels[kept] = rows->labels[i];
     rows->keys[kept] = rows->keys[i];
     std::copy_n(vector, dim, rows->vectors.begin() + static_cast<std::ptrdiff_t>(kept * dim));
-    std::copy_n(values, columns, rows->values.begin() + static_cast<std::ptrdiff_t>(kept * columns));
+    std::copy_n(values, columns,
+                rows->values.begin() + static_cast<std::ptrdiff_t>(kept * columns));
     ++kept;
   }
   rows->ids.resize(kept);
@@ -271,9 +273,9 @@ void LiveRows::load() {
     const Running running(statement);
     while (statement.step()) reader.read(statement, &rows);
   }
-  Rows sparse = take_sparse(&rows, base_limit(rows.ids.size()),
-                            static_cast<std::size_t>(declaration_.dim),
-                            static_cast<std::size_t>(number_columns_));
+  Rows sparse =
+      take_sparse(&rows, base_limit(rows.ids.size()), static_cast<std::size_t>(declaration_.dim),
+                  static_cast<std::size_t>(number_columns_));
   qx::Index index(static_cast<std::int32_t>(declaration_.dim));
   index.build(rows.vectors, rows.ids, partitions_of(rows.keys));
   index.set_rowmeta(rows.ids, rows.labels, rows.values, number_columns_);
@@ -399,7 +401,8 @@ qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
   qx::Hits hits;
   for (std::int64_t count = std::min(k, most) + 1;; count *= 2) {
     hits = best(count);
-    if (static_cast<std::int64_t>(hits.size()) < count || hits.scores.back() != hits.scores[last - 1])
+    if (static_cast<std::int64_t>(hits.size()) < count ||
+        hits.scores.back() != hits.scores[last - 1])
       break;
   }
   order(&hits, last);

@@ -1,11 +1,10 @@
 // The rows of a table in memory: an index of the engine that is kept in step with the table.
 #pragma once
 
-#include <qx_runtime.hpp>
-
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <qx_runtime.hpp>
 #include <unordered_set>
 #include <vector>
 
@@ -16,8 +15,17 @@ namespace qx_sqlite {
 
 // A condition on a column of numbers, or on the rowid (column -1).
 struct Condition {
-  enum class Test { kEqual, kNotEqual, kLess, kLessOrEqual, kGreater, kGreaterOrEqual, kIn, kNull,
-                    kNotNull };
+  enum class Test {
+    kEqual,
+    kNotEqual,
+    kLess,
+    kLessOrEqual,
+    kGreater,
+    kGreaterOrEqual,
+    kIn,
+    kNull,
+    kNotNull
+  };
   int column;
   Test test;
   std::vector<std::int64_t> numbers;  // ascending and distinct; one, but for kIn

@@ -94,7 +94,8 @@ class Planner {
     }
     info_->orderByConsumed = ordered;
     finish(way_of(conditions_));
-    // SQLite may ask again without a limit: that plan is for want of another, and fails when it runs.
+    // SQLite may ask again without a limit: that plan is for want of another, and fails when it
+    // runs.
     if (!limited) info_->estimatedCost = 1e12;
     return SQLITE_OK;
   }
@@ -194,7 +195,8 @@ Condition read_condition(const std::string& name, int column, char sign, sqlite3
     Condition condition{column, Test::kIn, {}};
     sqlite3_value* member = nullptr;
     int result = sqlite3_vtab_in_first(value, &member);
-    for (; result == SQLITE_OK && member != nullptr; result = sqlite3_vtab_in_next(value, &member)) {
+    for (; result == SQLITE_OK && member != nullptr;
+         result = sqlite3_vtab_in_next(value, &member)) {
       if (const auto number = whole_number(member, name)) condition.numbers.push_back(*number);
     }
     if (result != SQLITE_OK && result != SQLITE_DONE) throw SqlError(result, "IN cannot be read");
@@ -251,9 +253,9 @@ Search read_search(const Declaration& declaration, const char* plan, int count,
     const std::string_view token = tokens.substr(0, end);
     tokens.remove_prefix(std::min(end + 1, tokens.size()));
     if (token == "m") {
-      search.query = vector_of(
-          arguments[i], declaration.dim,
-          declaration.columns[static_cast<std::size_t>(declaration.vector_column)].name);
+      search.query =
+          vector_of(arguments[i], declaration.dim,
+                    declaration.columns[static_cast<std::size_t>(declaration.vector_column)].name);
     } else if (token == "k") {
       k = count_of(arguments[i], "k");
     } else if (token == "l") {
@@ -263,8 +265,7 @@ Search read_search(const Declaration& declaration, const char* plan, int count,
       offset = std::clamp<std::int64_t>(sqlite3_value_int64(arguments[i]), 0, kLargestK);
     } else {
       int column = 0;
-      const auto [sign, error] =
-          std::from_chars(token.data(), token.data() + token.size(), column);
+      const auto [sign, error] = std::from_chars(token.data(), token.data() + token.size(), column);
       if (error != std::errc() || sign + 1 != token.data() + token.size()) {
         throw SqlError("the plan of the search is damaged");
       }
@@ -273,7 +274,8 @@ Search read_search(const Declaration& declaration, const char* plan, int count,
     }
   }
   if (!k && !limit) {
-    throw SqlError("a search needs 'k = N', or from SQLite 3.41 on 'LIMIT N', as its number of rows");
+    throw SqlError(
+        "a search needs 'k = N', or from SQLite 3.41 on 'LIMIT N', as its number of rows");
   }
   search.k = k.value_or(kLargestK);
   if (limit) search.k = std::min(search.k, std::min(*limit, kLargestK - offset) + offset);

@@ -25,9 +25,9 @@ Storage::Storage(sqlite3* database, std::string schema, std::string table,
       declaration_(declaration) {
   const int partition = declaration_.partition_column();
   const std::string order =
-      partition < 0 ? "rowid"
-                    : quoted(declaration_.columns[static_cast<std::size_t>(partition)].name) +
-                          ", rowid";
+      partition < 0
+          ? "rowid"
+          : quoted(declaration_.columns[static_cast<std::size_t>(partition)].name) + ", rowid";
   all_rows_sql_ = select_rows("ORDER BY " + order);
   one_row_sql_ = select_rows("WHERE rowid = ?1");
   written_after_sql_ = "SELECT DISTINCT rowid_ FROM " + name("log") + " WHERE entry > ?1";
@@ -61,7 +61,8 @@ void Storage::create() {
   execute(database_, "CREATE TABLE " + name("rows") + "(" + columns + ")");
   execute(database_,
           "CREATE TABLE " + name("log") + "(entry INTEGER PRIMARY KEY, rowid_ INTEGER NOT NULL)");
-  execute(database_, "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value) WITHOUT ROWID");
+  execute(database_,
+          "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value) WITHOUT ROWID");
   set("version", kVersion);
   set("generation", random_number());
 }
@@ -85,7 +86,8 @@ void Storage::drop() {
 
 void Storage::rename(const std::string& table) {
   for (const char* const suffix : kTables) {
-    execute(database_, "ALTER TABLE " + name(suffix) + " RENAME TO " + quoted(table + "_" + suffix));
+    execute(database_,
+            "ALTER TABLE " + name(suffix) + " RENAME TO " + quoted(table + "_" + suffix));
   }
 }
 
@@ -121,8 +123,7 @@ std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** 
 }
 
 void Storage::remove(std::int64_t rowid) {
-  Statement& statement =
-      prepared(remove_, "DELETE FROM " + name("rows") + " WHERE rowid = ?1");
+  Statement& statement = prepared(remove_, "DELETE FROM " + name("rows") + " WHERE rowid = ?1");
   statement.bind(1, rowid);
   statement.run();
   note(rowid);
@@ -158,8 +159,7 @@ std::int64_t Storage::last_entry() {
 }
 
 std::optional<std::int64_t> Storage::number(std::string_view key) {
-  Statement& statement =
-      prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
+  Statement& statement = prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
   const Running running(statement);
   statement.bind(1, key);
   if (!statement.step() || statement.type(0) != SQLITE_INTEGER) return std::nullopt;
@@ -167,8 +167,7 @@ std::optional<std::int64_t> Storage::number(std::string_view key) {
 }
 
 std::vector<std::byte> Storage::blob(std::string_view key) {
-  Statement& statement =
-      prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
+  Statement& statement = prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
   const Running running(statement);
   statement.bind(1, key);
   if (!statement.step() || statement.type(0) != SQLITE_BLOB) return {};

@@ -4,8 +4,8 @@
 //   NAME_log    the rowids written since the generation began, in the order of writing
 //   NAME_state  the generation, and what else is known of the table
 //
-// Whoever holds the rows in memory reads the generation and the log to catch up: with its own writes
-// as with those of another connection.
+// Whoever holds the rows in memory reads the generation and the log to catch up: with its own
+// writes as with those of another connection.
 #pragma once
 
 #include <array>
@@ -51,8 +51,8 @@ class Storage {
   void set(std::string_view key, std::span<const std::byte> bytes);
   void forget(std::string_view key);
 
-  // Statements: all rows in the order of partitions and rowids; one row; all rowids written after an
-  // entry, each once. The rows' columns are the rowid, then the declared ones.
+  // Statements: all rows in the order of partitions and rowids; one row; all rowids written after
+  // an entry, each once. The rows' columns are the rowid, then the declared ones.
   Statement& all_rows() { return prepared(all_rows_, all_rows_sql_); }
   Statement& one_row() { return prepared(one_row_, one_row_sql_); }
   Statement& written_after() { return prepared(written_after_, written_after_sql_); }
