@@ -1,0 +1,380 @@
+// Searches of a sharded index: what rank 0 was asked goes to all ranks, each searches its engines,
+// and the lists are merged on their way back.
+#include <algorithm>
+#include <cstddef>
+#include <limits>
+#include <numeric>
+#include <string>
+
+#include "sharded_index.hpp"
+
+namespace qx {
+namespace {
+
+// Base rows come after every delta row, in the walk of one index.
+constexpr std::int64_t kFirstBaseKey = std::int64_t{1} << 62;
+constexpr std::int64_t kBytesOfLists = std::int64_t{1} << 26;
+
+std::size_t at(std::int64_t position) { return static_cast<std::size_t>(position); }
+
+void require(bool condition, const std::string& message) {
+  if (!condition) throw InvalidArgument(message);
+}
+
+}  // namespace
+
+// ---- Asking ----
+
+// Checks what rank 0 was given and makes room for its results. Results are at most `most`.
+ShardedIndex::Asked ShardedIndex::ask(Floats queries, std::int64_t k, std::int64_t most,
+                                      std::vector<Hits>& found) const {
+  constexpr std::int64_t kMostResults = std::numeric_limits<std::int32_t>::max() / 32;
+  require(queries.size() % at(dim_) == 0, "the queries are " + std::to_string(queries.size()) +
+                                              " floats, no multiple of the dimension " +
+                                              std::to_string(dim_));
+  require(k >= 0, "k is " + std::to_string(k) + ", and must be 0 or more");
+  const std::int64_t results = std::min(k, most);
+  require(results <= kMostResults, "k is above " + std::to_string(kMostResults));
+  const std::int64_t count = std::ssize(queries) / dim_;
+  found.resize(at(count));
+  for (Hits& hits : found) {
+    hits.ids.reserve(at(results));
+    hits.scores.reserve(at(results));
+  }
+  return {count, results, {}, 0};
+}
+
+// Room for the searches of one round. Its growth is the same on every rank.
+void ShardedIndex::make_room(std::int64_t k, std::int64_t queries) {
+  const std::size_t lists = at(k * queries);
+  const std::size_t floats = at(queries * dim_);
+  if (lists <= lists_.size() && floats <= queries_.size() && at(k) <= slot_ids_.size()) return;
+  ranks_.together([&] {
+    lists_.resize(std::max(lists, lists_.size()));
+    queries_.resize(std::max(floats, queries_.size()));
+    parts_.resize(std::max(at(2 * k), parts_.size()));
+    slot_scores_.resize(std::max(at(k), slot_scores_.size()));
+    slot_ids_.resize(std::max(at(k), slot_ids_.size()));
+  });
+}
+
+template <typename Local>
+void ShardedIndex::run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local) {
+  if (asked.k == 0) return;
+  const auto bytes_each = static_cast<std::int64_t>(sizeof(Entry)) * asked.k;
+  const std::int64_t step = std::max<std::int64_t>(1, kBytesOfLists / bytes_each);
+  for (std::int64_t first = 0; first < asked.queries; first += step) {
+    const std::int64_t count = std::min(step, asked.queries - first);
+    make_room(asked.k, count);
+    const std::span<float> sent = std::span(queries_).first(at(count * dim_));
+    if (ranks_.is_root()) {
+      const Floats part = queries.subspan(at(first * dim_), sent.size());
+      std::copy(part.begin(), part.end(), sent.begin());
+    }
+    ranks_.broadcast(sent);
+    const std::span<Entry> lists = std::span(lists_).first(at(count * asked.k));
+    std::fill(lists.begin(), lists.end(), Entry());
+    local(sent.data(), lists, count);
+    reduce_to_root(lists, asked.k, ranks_.handle());
+    if (!ranks_.is_root()) continue;
+    for (std::int64_t q = 0; q < count; ++q) {
+      append_hits(lists.subspan(at(q * asked.k), at(asked.k)), found[at(first + q)]);
+    }
+  }
+}
+
+// ---- The sealed base ----
+
+std::vector<Hits> ShardedIndex::search_full(Floats queries, std::int64_t k) {
+  check_whole();
+  std::vector<Hits> found;
+  const Asked asked = ranks_.from_root([&] { return ask(queries, k, total_rows_, found); });
+  run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
+    for (std::int64_t q = 0; q < count; ++q) {
+      search_base(sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
+    }
+  });
+  return found;
+}
+
+void ShardedIndex::search_base(const float* query, std::span<Entry> list) {
+  const std::int32_t count =
+      qx_index_search_full(base_->handle(), query, static_cast<std::int32_t>(list.size()),
+                           slot_ids_.data(), slot_scores_.data());
+  for (std::size_t i = 0; i < at(count); ++i) {
+    if (!(slot_scores_[i] > -1e30f)) break;
+    list[i] = {first_row_ + slot_ids_[i], id_of_row(slot_ids_[i]), slot_scores_[i]};
+  }
+}
+
+// ---- What is visible now ----
+
+std::vector<Hits> ShardedIndex::search_filtered(RowTest test, Floats queries, std::int64_t k) {
+  check_whole();
+  std::vector<Hits> found;
+  const Asked asked = ranks_.from_root([&] {
+    Asked made = ask(queries, k, total_rows_ + next_sequence_, found);
+    made.test = test;
+    return made;
+  });
+  run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
+    for (std::int64_t q = 0; q < count; ++q) {
+      search_current(asked.test, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
+    }
+  });
+  return found;
+}
+
+void ShardedIndex::search_current(const RowTest& test, const float* query, std::span<Entry> list) {
+  const std::span<Entry> of_delta = std::span(parts_).first(list.size());
+  const std::span<Entry> of_base = std::span(parts_).subspan(list.size(), list.size());
+  const auto search = [&](const Index& engine) {
+    qx_index_search_filtered(engine.handle(), test.mode, test.column, test.value, query,
+                             static_cast<std::uint32_t>(list.size()), slot_ids_.data(),
+                             slot_scores_.data());
+  };
+  // An id may be -1 in the delta, so that the score says whether a slot is empty.
+  search(*delta_);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const bool filled = slot_scores_[i] > -1e30f;
+    of_delta[i] =
+        filled ? Entry{owned_.find(slot_ids_[i])->second.sequence, slot_ids_[i], slot_scores_[i]}
+               : Entry();
+  }
+  search(*base_);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const std::int64_t row = slot_ids_[i];
+    const bool filled = slot_scores_[i] > -1e30f;
+    of_base[i] =
+        filled ? Entry{kFirstBaseKey + first_row_ + row, id_of_row(row), slot_scores_[i]} : Entry();
+  }
+  merge_lists(of_delta.data(), of_base.data(), std::ssize(list), list.data());
+}
+
+// ---- Candidates ----
+
+template <typename Local>
+Hits ShardedIndex::search_candidates(Ids candidates, Floats query, std::int64_t k, Local local) {
+  check_whole();
+  std::vector<Hits> found;
+  const Asked asked = ranks_.from_root([&] {
+    require(query.size() == at(dim_), "the query has " + std::to_string(query.size()) +
+                                          " floats, and the dimension is " + std::to_string(dim_));
+    require(std::ssize(candidates) <= std::numeric_limits<std::int32_t>::max(),
+            "there are more than 2^31 - 1 candidates");
+    return ask(query, k, std::ssize(candidates), found);
+  });
+  const std::vector<std::int64_t> all = shared_ids(candidates);
+  run(query, asked, found, [&](const float* sent, std::span<Entry> list, std::int64_t) {
+    ranks_.together([&] { local(Ids(all), sent, list); });
+  });
+  return found.empty() ? Hits() : std::move(found.front());
+}
+
+Hits ShardedIndex::search_mvcc(Ids candidates, Floats query, std::int64_t k) {
+  const auto local = [&](Ids ids, const float* sent, std::span<Entry> list) {
+    const auto search = [&](const Index& engine, const Candidates& own, Entry* out) {
+      qx_index_search_mvcc(
+          engine.handle(), own.ids.data(), static_cast<std::int32_t>(own.ids.size()), sent,
+          static_cast<std::uint32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
+      take_by_place(own, &engine == &*base_, std::ssize(list), out);
+    };
+    Entry* const parts = parts_.data();
+    search(*delta_, delta_candidates(ids), parts);
+    search(*base_, base_candidates(ids), parts + list.size());
+    merge_lists(parts, parts + list.size(), std::ssize(list), list.data());
+  };
+  return search_candidates(candidates, query, k, local);
+}
+
+Hits ShardedIndex::scatter_topk(Ids candidates, Floats query, std::int64_t k) {
+  const auto local = [&](Ids ids, const float* sent, std::span<Entry> list) {
+    const Candidates own = base_candidates(ids);
+    const std::int32_t count = qx_index_scatter_topk(
+        base_->handle(), own.ids.data(), static_cast<std::int32_t>(own.ids.size()), sent,
+        static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
+    std::fill(slot_scores_.begin() + count, slot_scores_.begin() + std::ssize(list), -1e30f);
+    take_by_place(own, true, std::ssize(list), list.data());
+  };
+  return search_candidates(candidates, query, k, local);
+}
+
+ShardedIndex::Candidates ShardedIndex::base_candidates(Ids ids) const {
+  Candidates own;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const std::int64_t row = find_row(ids[i]);
+    if (row < 0) continue;
+    own.ids.push_back(row);
+    own.places.push_back(static_cast<std::int64_t>(i));
+  }
+  return own;
+}
+
+ShardedIndex::Candidates ShardedIndex::delta_candidates(Ids ids) const {
+  Candidates own;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (!owns(ids[i])) continue;
+    own.ids.push_back(ids[i]);
+    own.places.push_back(static_cast<std::int64_t>(i));
+  }
+  return own;
+}
+
+// Makes entries of the slots. A candidate listed twice has two slots, the earlier place first.
+void ShardedIndex::take_by_place(const Candidates& candidates, bool base, std::int64_t k,
+                                 Entry* list) const {
+  std::map<std::int64_t, std::vector<std::int64_t>> places;
+  for (std::size_t i = candidates.ids.size(); i-- > 0;) {
+    places[candidates.ids[i]].push_back(candidates.places[i]);
+  }
+  for (std::int64_t i = 0; i < k; ++i) {
+    list[i] = Entry();
+    if (!(slot_scores_[at(i)] > -1e30f)) continue;
+    const std::int64_t found = slot_ids_[at(i)];
+    std::vector<std::int64_t>& left = places[found];
+    list[i] = {left.back(), base ? id_of_row(found) : found, slot_scores_[at(i)]};
+    left.pop_back();
+  }
+}
+
+// ---- IVF ----
+
+void ShardedIndex::set_ivf(std::int64_t key, std::int32_t nprobe, Floats centroids, Ids list_ids,
+                           std::span<const std::int32_t> list_offsets) {
+  check_whole();
+  struct Shape {
+    std::int64_t key;
+    std::int32_t nprobe;
+    std::int32_t nlist;
+  };
+  const Shape shape = ranks_.from_root([&] {
+    require(!list_offsets.empty(), "there is no offset; n lists have n + 1");
+    require(std::ssize(list_offsets) <= std::numeric_limits<std::int32_t>::max(),
+            "there are more than 2^31 - 2 lists");
+    require(centroids.size() == (list_offsets.size() - 1) * at(dim_),
+            "the centroids are " + std::to_string(centroids.size()) + " floats, and the lists " +
+                std::to_string(list_offsets.size() - 1));
+    require(nprobe >= 0, "nprobe is " + std::to_string(nprobe) + ", and must be 0 or more");
+    std::int32_t last = 0;
+    for (const std::int32_t offset : list_offsets) {
+      require(offset >= last && offset <= std::ssize(list_ids),
+              "an offset is " + std::to_string(offset) + ", outside " + std::to_string(last) +
+                  " to " + std::to_string(list_ids.size()));
+      last = offset;
+    }
+    return Shape{key, nprobe, static_cast<std::int32_t>(list_offsets.size() - 1)};
+  });
+  const std::vector<std::int64_t> all = shared_ids(list_ids);
+  std::vector<float> middles;
+  std::vector<std::int32_t> offsets;
+  ranks_.together([&] {
+    middles.resize(at(shape.nlist) * at(dim_));
+    offsets.resize(at(shape.nlist) + 1);
+    if (!ranks_.is_root()) return;
+    std::copy(centroids.begin(), centroids.end(), middles.begin());
+    std::copy(list_offsets.begin(), list_offsets.end(), offsets.begin());
+  });
+  ranks_.broadcast(std::span(middles));
+  ranks_.broadcast(std::span(offsets));
+  std::map<std::int64_t, Ivf> made;
+  ranks_.together([&] {
+    Ivf ivf{.nprobe = shape.nprobe,
+            .nlist = shape.nlist,
+            .n_ids = std::ssize(all),
+            .centroids = Index(dim_),
+            .rows = {},
+            .begins = {},
+            .list_of_row = {},
+            .place_of_row = {}};
+    std::vector<std::int64_t> numbers(at(shape.nlist));
+    std::iota(numbers.begin(), numbers.end(), 0);
+    ivf.centroids.build(middles, numbers);
+    place_rows(ivf, all, offsets);
+    made.emplace(shape.key, std::move(ivf));
+  });
+  ivfs_.erase(shape.key);
+  ivfs_.merge(made);
+}
+
+// Keeps of each list the rows that lie here.
+void ShardedIndex::place_rows(Ivf& ivf, Ids list_ids,
+                              std::span<const std::int32_t> list_offsets) const {
+  ivf.list_of_row.assign(at(rows_), -1);
+  ivf.place_of_row.assign(at(rows_), 0);
+  for (std::int32_t list = 0; list < ivf.nlist; ++list) {
+    ivf.begins.push_back(ivf.rows.size());
+    const std::int32_t begin = list_offsets[at(list)];
+    for (std::int32_t i = begin; i < list_offsets[at(list) + 1]; ++i) {
+      const std::int64_t row = find_row(list_ids[at(i)]);
+      if (row < 0) continue;
+      require(ivf.list_of_row[at(row)] < 0,
+              "the id " + std::to_string(list_ids[at(i)]) + " stands in the lists twice");
+      ivf.list_of_row[at(row)] = list;
+      ivf.place_of_row[at(row)] = i - begin;
+      ivf.rows.push_back(row);
+    }
+  }
+  ivf.begins.push_back(ivf.rows.size());
+}
+
+void ShardedIndex::set_ivf_nprobe(std::int64_t key, std::int32_t nprobe) {
+  check_whole();
+  struct Probes {
+    std::int64_t key;
+    std::int32_t nprobe;
+  };
+  const Probes probes = ranks_.from_root([&] {
+    require(nprobe >= 0, "nprobe is " + std::to_string(nprobe) + ", and must be 0 or more");
+    require(ivfs_.count(key) != 0, "there is no IVF under key " + std::to_string(key));
+    return Probes{key, nprobe};
+  });
+  ivfs_.find(probes.key)->second.nprobe = probes.nprobe;
+}
+
+void ShardedIndex::clear_ivf() { ivfs_.clear(); }
+
+std::vector<Hits> ShardedIndex::search_ivf(std::int64_t key, Floats queries, std::int64_t k) {
+  check_whole();
+  std::vector<Hits> found;
+  const Asked asked = ranks_.from_root([&] {
+    const auto ivf = ivfs_.find(key);
+    require(ivf != ivfs_.end(), "there is no IVF under key " + std::to_string(key));
+    Asked made = ask(queries, k, ivf->second.n_ids, found);
+    made.key = key;
+    return made;
+  });
+  const Ivf& ivf = ivfs_.find(asked.key)->second;
+  run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
+    ranks_.together([&] {
+      for (std::int64_t q = 0; q < count; ++q) {
+        search_lists(ivf, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
+      }
+    });
+  });
+  return found;
+}
+
+// The lists of the best centroids, as an exact search of the centroids finds them, are the same on
+// every rank; the rows in them are offered as candidates, in the order of the lists.
+void ShardedIndex::search_lists(const Ivf& ivf, const float* query, std::span<Entry> list) {
+  const Hits lists = ivf.centroids.search_full({query, at(dim_)}, std::min(ivf.nprobe, ivf.nlist));
+  std::vector<std::int64_t> rows;
+  std::vector<std::int64_t> probe_of_list(at(ivf.nlist));
+  for (std::size_t probe = 0; probe < lists.size(); ++probe) {
+    const auto chosen = at(lists.ids[probe]);
+    probe_of_list[chosen] = static_cast<std::int64_t>(probe);
+    rows.insert(rows.end(), ivf.rows.begin() + static_cast<std::ptrdiff_t>(ivf.begins[chosen]),
+                ivf.rows.begin() + static_cast<std::ptrdiff_t>(ivf.begins[chosen + 1]));
+  }
+  const std::int32_t count = qx_index_scatter_topk(
+      base_->handle(), rows.data(), static_cast<std::int32_t>(rows.size()), query,
+      static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
+  for (std::size_t i = 0; i < at(count); ++i) {
+    if (!(slot_scores_[i] > -1e30f)) break;
+    const std::int64_t row = slot_ids_[i];
+    const std::int64_t probe = probe_of_list[at(ivf.list_of_row[at(row)])];
+    list[i] = {(probe << 32) + ivf.place_of_row[at(row)], id_of_row(row), slot_scores_[i]};
+  }
+}
+
+}  // namespace qx
