@@ -172,11 +172,12 @@ void run(const Options& options, const Communicator& world) {
   }
 }
 
-// Every rank has the same arguments, so that all end alike; rank 0 speaks.
+// All ranks end alike, whichever of them could not go on; rank 0 speaks.
 int run_all(int count, char** arguments) {
   const Communicator world(MPI_COMM_WORLD);
   try {
-    const Options options = read_options(count, arguments);
+    Options options;
+    world.together([&] { options = read_options(count, arguments); });
     if (!options.help) {
       run(options, world);
     } else if (world.is_root()) {

@@ -282,11 +282,13 @@ void ShardedIndex::insert(Floats vectors, Ids ids) {
   const std::int64_t step = std::max<std::int64_t>(1, kBytesPerPart / (4 * std::int64_t{dim_}));
   for (std::int64_t first = 0; first < count; first += step) {
     const std::int64_t rows = std::min(step, count - first);
-    if (ranks_.is_root()) {
-      insert_part(vectors.subspan(at(first * dim_), at(rows * dim_)),
-                  ids.subspan(at(first), at(rows)));
-    } else {
-      insert_part({}, {});
+    const bool gives = ranks_.is_root();
+    try {
+      insert_part(gives ? vectors.subspan(at(first * dim_), at(rows * dim_)) : Floats(),
+                  gives ? ids.subspan(at(first), at(rows)) : Ids());
+    } catch (...) {
+      broken_ = broken_ || first > 0;  // half a call has been made
+      throw;
     }
   }
   ++snapshot_;
