@@ -49,7 +49,9 @@ class History {
   History& operator=(const History&) = delete;
 
   void play() {
+    if (percent(15)) describe(0);  // columns that no id has
     if (percent(90)) build();
+    search();
     const std::int64_t steps = between(10, 40);
     for (std::int64_t step = 0; step < steps; ++step) {
       act();
@@ -105,7 +107,7 @@ class History {
     ++counts_.changes;
     if (drawn <= 40) return insert();
     if (drawn <= 60) return erase();
-    if (drawn <= 80) return describe();
+    if (drawn <= 80) return describe(between(0, 60));
     if (drawn <= 92) return attach_lists();
     build();
   }
@@ -168,9 +170,9 @@ class History {
     qx_index_delete(reference_, ids.data(), static_cast<std::int32_t>(ids.size()));
   }
 
-  void describe() {
-    const Ids ids = draw_ids(between(0, 60));
-    columns_ += percent(30) ? static_cast<std::int32_t>(between(0, 2)) : 0;
+  void describe(std::int64_t count) {
+    const Ids ids = draw_ids(count);
+    columns_ += count == 0 || percent(30) ? static_cast<std::int32_t>(between(0, 2)) : 0;
     Ids labels(ids.size());
     Ids values(ids.size() * static_cast<std::size_t>(columns_));
     for (std::int64_t& label : labels) label = between(-1, 3);
@@ -229,7 +231,8 @@ class History {
 
   void search_current(const Floats& asked, std::int64_t queries, std::int64_t k) {
     const qx::RowTest test{static_cast<std::uint32_t>(between(0, 2)),
-                           static_cast<std::int32_t>(between(-1, columns_)), between(-1, 3)};
+                           static_cast<std::int32_t>(between(-1, columns_)),
+                           percent(40) ? -1 : between(-1, 3)};
     const auto found = index_.search_filtered(is_root() ? test : qx::RowTest{}, own(asked), k);
     compare_all("search_filtered", found, queries, k,
                 [&](std::int64_t q, std::int64_t* ids, float* scores) {
