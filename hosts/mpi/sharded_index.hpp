@@ -70,6 +70,10 @@ class ShardedIndex {
   // As in the engine, but that a base row may stand in the lists once.
   void set_ivf(std::int64_t key, std::int32_t nprobe, Floats centroids, Ids list_ids,
                std::span<const std::int32_t> list_offsets);
+  // The same for lists that no rank needs to hold: rank 0 gives the centroids, and each rank the
+  // list of each of its rows, or -1. A list has its rows in the order of the base.
+  void set_ivf_by_row(std::int64_t key, std::int32_t nprobe, Floats centroids,
+                      std::span<const std::int32_t> list_of_row);
   void set_ivf_nprobe(std::int64_t key, std::int32_t nprobe);
   void clear_ivf();
 
@@ -92,12 +96,17 @@ class ShardedIndex {
   struct Ivf {
     std::int32_t nprobe = 0;
     std::int32_t nlist = 0;
-    std::int64_t n_ids = 0;
+    std::int64_t n_ids = 0;  // on all ranks
     Index centroids;
     std::vector<std::int64_t> rows;
     std::vector<std::size_t> begins;  // nlist + 1, into `rows`
     std::vector<std::int32_t> list_of_row;
     std::vector<std::int64_t> place_of_row;
+  };
+  struct IvfShape {
+    std::int64_t key;
+    std::int32_t nprobe;
+    std::int32_t nlist;
   };
   // What rank 0 was asked for.
   struct Asked {
@@ -133,7 +142,11 @@ class ShardedIndex {
   void insert_part(Floats vectors, Ids ids);
   void take_in(Ids ids, Floats own_vectors, std::int64_t first_sequence);
 
+  std::int32_t check_centroids(std::int32_t nprobe, Floats centroids) const;
+  Ivf share_centroids(const IvfShape& shape, Floats centroids) const;
+  void attach(std::int64_t key, Ivf& ivf);
   void place_rows(Ivf& ivf, Ids list_ids, std::span<const std::int32_t> list_offsets) const;
+  void place_own_rows(Ivf& ivf, std::span<const std::int32_t> list_of_row) const;
 
   Asked ask(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
   void make_room(std::int64_t k, std::int64_t queries);
@@ -170,5 +183,16 @@ class ShardedIndex {
   std::vector<std::int64_t> slot_ids_;
   std::vector<float> slot_scores_;
 };
+
+// A step that changes this rank: where it fails on some rank, it may have been done on others.
+template <typename Step>
+void ShardedIndex::change(Step&& step) {
+  try {
+    ranks_.together(step);
+  } catch (...) {
+    broken_ = true;
+    throw;
+  }
+}
 
 }  // namespace qx

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <limits>
-#include <numeric>
 #include <string>
 
 #include "sharded_index.hpp"
+#include "support.hpp"
 
 namespace qx {
 namespace {
@@ -14,12 +14,6 @@ namespace {
 // Base rows come after every delta row, in the walk of one index.
 constexpr std::int64_t kFirstBaseKey = std::int64_t{1} << 62;
 constexpr std::int64_t kBytesOfLists = std::int64_t{1} << 26;
-
-std::size_t at(std::int64_t position) { return static_cast<std::size_t>(position); }
-
-void require(bool condition, const std::string& message) {
-  if (!condition) throw InvalidArgument(message);
-}
 
 }  // namespace
 
@@ -151,6 +145,29 @@ void ShardedIndex::search_current(const RowTest& test, const float* query, std::
   merge_lists(of_delta.data(), of_base.data(), std::ssize(list), list.data());
 }
 
+// ---- Through lists; the rest is in sharded_ivf.cpp ----
+
+std::vector<Hits> ShardedIndex::search_ivf(std::int64_t key, Floats queries, std::int64_t k) {
+  check_whole();
+  std::vector<Hits> found;
+  const Asked asked = ranks_.from_root([&] {
+    const auto ivf = ivfs_.find(key);
+    require(ivf != ivfs_.end(), "there is no IVF under key " + std::to_string(key));
+    Asked made = ask(queries, k, ivf->second.n_ids, found);
+    made.key = key;
+    return made;
+  });
+  const Ivf& ivf = ivfs_.find(asked.key)->second;
+  run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
+    ranks_.together([&] {
+      for (std::int64_t q = 0; q < count; ++q) {
+        search_lists(ivf, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
+      }
+    });
+  });
+  return found;
+}
+
 // ---- Candidates ----
 
 template <typename Local>
@@ -234,146 +251,6 @@ void ShardedIndex::take_by_place(const Candidates& candidates, bool base, std::i
     std::vector<std::int64_t>& left = places[found];
     list[i] = {left.back(), base ? id_of_row(found) : found, slot_scores_[at(i)]};
     left.pop_back();
-  }
-}
-
-// ---- IVF ----
-
-void ShardedIndex::set_ivf(std::int64_t key, std::int32_t nprobe, Floats centroids, Ids list_ids,
-                           std::span<const std::int32_t> list_offsets) {
-  check_whole();
-  struct Shape {
-    std::int64_t key;
-    std::int32_t nprobe;
-    std::int32_t nlist;
-  };
-  const Shape shape = ranks_.from_root([&] {
-    require(!list_offsets.empty(), "there is no offset; n lists have n + 1");
-    require(std::ssize(list_offsets) <= std::numeric_limits<std::int32_t>::max(),
-            "there are more than 2^31 - 2 lists");
-    require(centroids.size() == (list_offsets.size() - 1) * at(dim_),
-            "the centroids are " + std::to_string(centroids.size()) + " floats, and the lists " +
-                std::to_string(list_offsets.size() - 1));
-    require(nprobe >= 0, "nprobe is " + std::to_string(nprobe) + ", and must be 0 or more");
-    std::int32_t last = 0;
-    for (const std::int32_t offset : list_offsets) {
-      require(offset >= last && offset <= std::ssize(list_ids),
-              "an offset is " + std::to_string(offset) + ", outside " + std::to_string(last) +
-                  " to " + std::to_string(list_ids.size()));
-      last = offset;
-    }
-    return Shape{key, nprobe, static_cast<std::int32_t>(list_offsets.size() - 1)};
-  });
-  const std::vector<std::int64_t> all = shared_ids(list_ids);
-  std::vector<float> middles;
-  std::vector<std::int32_t> offsets;
-  ranks_.together([&] {
-    middles.resize(at(shape.nlist) * at(dim_));
-    offsets.resize(at(shape.nlist) + 1);
-    if (!ranks_.is_root()) return;
-    std::copy(centroids.begin(), centroids.end(), middles.begin());
-    std::copy(list_offsets.begin(), list_offsets.end(), offsets.begin());
-  });
-  ranks_.broadcast(std::span(middles));
-  ranks_.broadcast(std::span(offsets));
-  std::map<std::int64_t, Ivf> made;
-  ranks_.together([&] {
-    Ivf ivf{.nprobe = shape.nprobe,
-            .nlist = shape.nlist,
-            .n_ids = std::ssize(all),
-            .centroids = Index(dim_),
-            .rows = {},
-            .begins = {},
-            .list_of_row = {},
-            .place_of_row = {}};
-    std::vector<std::int64_t> numbers(at(shape.nlist));
-    std::iota(numbers.begin(), numbers.end(), 0);
-    ivf.centroids.build(middles, numbers);
-    place_rows(ivf, all, offsets);
-    made.emplace(shape.key, std::move(ivf));
-  });
-  ivfs_.erase(shape.key);
-  ivfs_.merge(made);
-}
-
-// Keeps of each list the rows that lie here.
-void ShardedIndex::place_rows(Ivf& ivf, Ids list_ids,
-                              std::span<const std::int32_t> list_offsets) const {
-  ivf.list_of_row.assign(at(rows_), -1);
-  ivf.place_of_row.assign(at(rows_), 0);
-  for (std::int32_t list = 0; list < ivf.nlist; ++list) {
-    ivf.begins.push_back(ivf.rows.size());
-    const std::int32_t begin = list_offsets[at(list)];
-    for (std::int32_t i = begin; i < list_offsets[at(list) + 1]; ++i) {
-      const std::int64_t row = find_row(list_ids[at(i)]);
-      if (row < 0) continue;
-      require(ivf.list_of_row[at(row)] < 0,
-              "the id " + std::to_string(list_ids[at(i)]) + " stands in the lists twice");
-      ivf.list_of_row[at(row)] = list;
-      ivf.place_of_row[at(row)] = i - begin;
-      ivf.rows.push_back(row);
-    }
-  }
-  ivf.begins.push_back(ivf.rows.size());
-}
-
-void ShardedIndex::set_ivf_nprobe(std::int64_t key, std::int32_t nprobe) {
-  check_whole();
-  struct Probes {
-    std::int64_t key;
-    std::int32_t nprobe;
-  };
-  const Probes probes = ranks_.from_root([&] {
-    require(nprobe >= 0, "nprobe is " + std::to_string(nprobe) + ", and must be 0 or more");
-    require(ivfs_.count(key) != 0, "there is no IVF under key " + std::to_string(key));
-    return Probes{key, nprobe};
-  });
-  ivfs_.find(probes.key)->second.nprobe = probes.nprobe;
-}
-
-void ShardedIndex::clear_ivf() { ivfs_.clear(); }
-
-std::vector<Hits> ShardedIndex::search_ivf(std::int64_t key, Floats queries, std::int64_t k) {
-  check_whole();
-  std::vector<Hits> found;
-  const Asked asked = ranks_.from_root([&] {
-    const auto ivf = ivfs_.find(key);
-    require(ivf != ivfs_.end(), "there is no IVF under key " + std::to_string(key));
-    Asked made = ask(queries, k, ivf->second.n_ids, found);
-    made.key = key;
-    return made;
-  });
-  const Ivf& ivf = ivfs_.find(asked.key)->second;
-  run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
-    ranks_.together([&] {
-      for (std::int64_t q = 0; q < count; ++q) {
-        search_lists(ivf, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
-      }
-    });
-  });
-  return found;
-}
-
-// The lists of the best centroids, as an exact search of the centroids finds them, are the same on
-// every rank; the rows in them are offered as candidates, in the order of the lists.
-void ShardedIndex::search_lists(const Ivf& ivf, const float* query, std::span<Entry> list) {
-  const Hits lists = ivf.centroids.search_full({query, at(dim_)}, std::min(ivf.nprobe, ivf.nlist));
-  std::vector<std::int64_t> rows;
-  std::vector<std::int64_t> probe_of_list(at(ivf.nlist));
-  for (std::size_t probe = 0; probe < lists.size(); ++probe) {
-    const auto chosen = at(lists.ids[probe]);
-    probe_of_list[chosen] = static_cast<std::int64_t>(probe);
-    rows.insert(rows.end(), ivf.rows.begin() + static_cast<std::ptrdiff_t>(ivf.begins[chosen]),
-                ivf.rows.begin() + static_cast<std::ptrdiff_t>(ivf.begins[chosen + 1]));
-  }
-  const std::int32_t count = qx_index_scatter_topk(
-      base_->handle(), rows.data(), static_cast<std::int32_t>(rows.size()), query,
-      static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
-  for (std::size_t i = 0; i < at(count); ++i) {
-    if (!(slot_scores_[i] > -1e30f)) break;
-    const std::int64_t row = slot_ids_[i];
-    const std::int64_t probe = probe_of_list[at(ivf.list_of_row[at(row)])];
-    list[i] = {(probe << 32) + ivf.place_of_row[at(row)], id_of_row(row), slot_scores_[i]};
   }
 }
 

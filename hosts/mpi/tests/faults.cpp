@@ -114,6 +114,13 @@ void listed_twice() {
   index.set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, offsets);
 }
 
+void list_outside() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(2));
+  const std::vector<std::int32_t> lists = {0, is_last() ? 3 : -1};
+  index.set_ivf_by_row(1, 1, Floats(3), lists);
+}
+
 void no_lists() {
   qx::ShardedIndex index(MPI_COMM_WORLD, 1);
   index.search_ivf(1, Floats(1), 1);
@@ -179,6 +186,7 @@ int run_case(const std::string& name) {
       {"wrong_query", wrong_query},
       {"wrong_metadata", wrong_metadata},
       {"listed_twice", listed_twice},
+      {"list_outside", list_outside},
       {"no_lists", no_lists},
       {"missing_file", missing_file},
       {"short_file", short_file},

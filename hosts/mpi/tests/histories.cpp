@@ -108,7 +108,8 @@ class History {
     if (drawn <= 40) return insert();
     if (drawn <= 60) return erase();
     if (drawn <= 80) return describe(between(0, 60));
-    if (drawn <= 92) return attach_lists();
+    if (drawn <= 87) return attach_lists();
+    if (drawn <= 93) return attach_lists_by_row();
     build();
   }
 
@@ -128,14 +129,14 @@ class History {
     for (std::size_t i = 0; numbered && i < pool.size(); ++i)
       pool[i] = static_cast<std::int64_t>(i);
     const auto [first, count] = draw_range(rows);
-    const auto from = static_cast<std::size_t>(first);
-    const auto size = static_cast<std::size_t>(count);
+    from_ = static_cast<std::size_t>(first);
+    size_ = static_cast<std::size_t>(count);
     const std::span<const float> part = std::span(vectors).subspan(
-        from * static_cast<std::size_t>(dim_), size * static_cast<std::size_t>(dim_));
+        from_ * static_cast<std::size_t>(dim_), size_ * static_cast<std::size_t>(dim_));
     if (numbered) {
       index_.build(part);
     } else {
-      index_.build(part, std::span<const std::int64_t>(pool).subspan(from, size));
+      index_.build(part, std::span<const std::int64_t>(pool).subspan(from_, size_));
     }
     base_ids_ = pool;
     has_lists_ = false;
@@ -199,6 +200,28 @@ class History {
     const Floats centroids = draw_vectors(lists);
     index_.set_ivf(kIvfKey, 1, own(centroids), own(listed), own(offsets));
     index_.set_ivf_nprobe(kIvfKey, is_root() ? probes : -3);
+    qx_index_set_ivf(reference_, kIvfKey, lists, probes, centroids.data(), listed.data(),
+                     offsets.data(), static_cast<std::int32_t>(listed.size()));
+    has_lists_ = true;
+  }
+
+  // Each rank gives the lists of its own rows; the one engine gets them in the order of the base.
+  void attach_lists_by_row() {
+    const auto lists = static_cast<std::int32_t>(between(1, 20));
+    std::vector<std::int32_t> list_of_row(base_ids_.size());
+    for (std::int32_t& list : list_of_row) list = static_cast<std::int32_t>(between(-1, lists - 1));
+    Ids listed;
+    std::vector<std::int32_t> offsets = {0};
+    for (std::int32_t list = 0; list < lists; ++list) {
+      for (std::size_t row = 0; row < list_of_row.size(); ++row) {
+        if (list_of_row[row] == list) listed.push_back(base_ids_[row]);
+      }
+      offsets.push_back(static_cast<std::int32_t>(listed.size()));
+    }
+    const auto probes = static_cast<std::int32_t>(between(1, lists));
+    const Floats centroids = draw_vectors(lists);
+    index_.set_ivf_by_row(kIvfKey, is_root() ? probes : -1, own(centroids),
+                          std::span<const std::int32_t>(list_of_row).subspan(from_, size_));
     qx_index_set_ivf(reference_, kIvfKey, lists, probes, centroids.data(), listed.data(),
                      offsets.data(), static_cast<std::int32_t>(listed.size()));
     has_lists_ = true;
@@ -310,6 +333,8 @@ class History {
   qx::ShardedIndex index_;
   QxIndex* reference_;
   Ids base_ids_;
+  std::size_t from_ = 0;  // this rank's range of the base
+  std::size_t size_ = 0;
   std::int32_t columns_ = 0;
   bool has_lists_ = false;
 };
