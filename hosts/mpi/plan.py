@@ -5,8 +5,8 @@ plan.py                 prints the tables of docs/SCALE.md
 plan.py --write FILE    writes them between the marks of the file
 plan.py --check FILE    fails if the file has others
 
-What a core reads in a second, and its spread, is taken from docs/BENCHMARKS.md; what a network and a
-machine give is assumed, and can be said: --latency-us, --gbit, --machine-gbs.
+What a core reads in a second, and its spread, is taken from docs/BENCHMARKS.md; what a network and
+a machine give is assumed, and can be said: --latency-us, --gbit, --machine-gbs.
 """
 import argparse
 import math
@@ -36,7 +36,8 @@ def measured(options):
     text = BENCHMARKS.read_text()
     dram = text[text.index("### DRAM"):text.index("## Search of listed ids")]
     scan = re.search(rf"^\| {DIM} \| ([\d.]+) \|.*\| -(\d+) … \+(\d+) % \|$", dram, re.MULTILINE)
-    listed = re.search(rf"^\| scatter_topk \| {DIM} \| 100000 \| 0 \| ([\d.]+) \|", text, re.MULTILINE)
+    listed = re.search(rf"^\| scatter_topk \| {DIM} \| 100000 \| 0 \| ([\d.]+) \|", text,
+                       re.MULTILINE)
     core = float(scan[1]) * 1e9
     # Where all ranks of a machine read at once, its memory may give each less.
     shared = min(core, options.machine_gbs * 1e9 / options.ranks)
@@ -90,7 +91,8 @@ def lists_for(rows, core, listed):
 
 
 def wire_table():
-    lines = ["| ranks | hops, one after the other | bytes of a result list, k = 10 | k = 100 | k = 1000 |",
+    lines = ["| ranks | hops, one after the other | bytes of a result list, k = 10 | k = 100 "
+             "| k = 1000 |",
              "|---:|---:|---:|---:|---:|"]
     for ranks in (2, 4, 16, 64, 256, 1024):
         hops = math.ceil(math.log2(ranks))
@@ -123,7 +125,8 @@ def network_table(options):
     _, core, spread, listed = measured(options)
     rows = 10_000_000
     lists, local = lists_for(rows, core, listed)
-    lines = [f"| ranks of 10 million rows, {lists:,} lists | a query | of it on the network, and waiting |",
+    lines = [f"| ranks of 10 million rows, {lists:,} lists | a query "
+             "| of it on the network, and waiting |",
              "|---:|---:|---:|"]
     for ranks in (1, 16, 256, 1024, 4096):
         whole = simulate(local, spread, ranks, 1, options)

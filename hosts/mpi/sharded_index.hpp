@@ -115,6 +115,12 @@ class ShardedIndex {
     RowTest test;
     std::int64_t key;
   };
+  // For how much there is room on every rank: k, entries of lists, and queries.
+  struct Room {
+    std::int64_t k = 0;
+    std::int64_t entries = 0;
+    std::int64_t queries = 0;
+  };
   // Rows of this rank that are candidates, in the order of the list, with their places in it.
   struct Candidates {
     std::vector<std::int64_t> ids;
@@ -177,6 +183,7 @@ class ShardedIndex {
   std::int32_t columns_ = 0;
   std::map<std::int64_t, Ivf> ivfs_;
   // Room that searches use again, so that the usual one asks for no memory and cannot fail.
+  Room room_;
   std::vector<float> queries_;
   std::vector<Entry> lists_;
   std::vector<Entry> parts_;

@@ -38,18 +38,21 @@ ShardedIndex::Asked ShardedIndex::ask(Floats queries, std::int64_t k, std::int64
   return {count, results, {}, 0};
 }
 
-// Room for the searches of one round. Its growth is the same on every rank.
+// Room for the searches of one round. Whether it is asked for depends on what all ranks know alike:
+// after a failure, one may have more than another.
 void ShardedIndex::make_room(std::int64_t k, std::int64_t queries) {
-  const std::size_t lists = at(k * queries);
-  const std::size_t floats = at(queries * dim_);
-  if (lists <= lists_.size() && floats <= queries_.size() && at(k) <= slot_ids_.size()) return;
+  if (k <= room_.k && k * queries <= room_.entries && queries <= room_.queries) return;
+  const Room wanted{std::max(k, room_.k), std::max(k * queries, room_.entries),
+                    std::max(queries, room_.queries)};
   ranks_.together([&] {
-    lists_.resize(std::max(lists, lists_.size()));
-    queries_.resize(std::max(floats, queries_.size()));
-    parts_.resize(std::max(at(2 * k), parts_.size()));
-    slot_scores_.resize(std::max(at(k), slot_scores_.size()));
-    slot_ids_.resize(std::max(at(k), slot_ids_.size()));
+    lists_.resize(at(wanted.entries));
+    queries_.resize(at(wanted.queries * dim_));
+    parts_.resize(at(2 * wanted.k));
+    slot_scores_.resize(at(wanted.k));
+    slot_ids_.resize(at(wanted.k));
+    make_merge_room(wanted.k);
   });
+  room_ = wanted;
 }
 
 template <typename Local>

@@ -8,7 +8,7 @@ namespace {
 
 constexpr int kBytesOnTheWire = 8 + 8 + 4;
 
-// What the callback below merges into. MPI gives it no argument of ours, so it is sized before.
+// What the callback below merges into: MPI gives it no argument of ours.
 std::vector<Entry>& scratch() {
   thread_local std::vector<Entry> entries;
   return entries;
@@ -72,11 +72,15 @@ void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entr
   }
 }
 
+void make_merge_room(std::int64_t k) {
+  const std::size_t entries = std::max(scratch().size(), static_cast<std::size_t>(k));
+  scratch().resize(entries);
+}
+
 void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks) {
   if (lists.empty()) return;
   int rank = 0;
   MPI_Comm_rank(ranks, &rank);
-  scratch().resize(static_cast<std::size_t>(k));
   const ListType type(k);
   const MergeOperation merge;
   const auto count = static_cast<int>(std::ssize(lists) / k);

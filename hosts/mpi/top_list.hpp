@@ -30,6 +30,10 @@ inline bool comes_before(const Entry& one, const Entry& other) {
 // The first entries of two sorted lists taken together; all three lists have one length.
 void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entry* merged);
 
+// Makes room for the merges of lists of up to k entries. To be called before reduce_to_root, which
+// asks for no memory of its own, since a rank that lacked it would leave the others waiting.
+void make_merge_room(std::int64_t k);
+
 // Merges the lists of all ranks into those of rank 0: `lists` holds some of k entries each, one
 // after the other.
 void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks);

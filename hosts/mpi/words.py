@@ -34,7 +34,8 @@ def write_files(folder, vectors, asked):
 def search(options):
     """The lines that the tool prints: query, place, id, score."""
     # mpirun wants to be told twice that root may run it.
-    environment = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
+    environment = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1",
+                                "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
     command = ["mpirun", "--oversubscribe", "-n", str(options.ranks), str(options.tool),
                "--vectors", str(options.folder / "vectors.npy"),
                "--queries", str(options.folder / "queries.npy"), "--k", str(NEIGHBOURS)]

@@ -97,6 +97,21 @@ void no_memory_in_a_change() {
   }
 }
 
+// A search for which one rank has no room, and one for which all have.
+void no_memory_in_a_search() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(std::size_t{1} << 21));
+  if (is_last()) limit_memory();
+  const Floats query(rank_here() == 0 ? 1 : 0);
+  try {
+    index.search_full(query, std::int64_t{1} << 22);
+  } catch (const std::bad_alloc& error) {
+    const std::vector<qx::Hits> found = index.search_full(query, 2);
+    const std::size_t rows = index.ranks().from_root([&] { return found.front().size(); });
+    throw std::runtime_error(std::string(error.what()) + "; then found " + std::to_string(rows));
+  }
+}
+
 void wrong_query() {
   qx::ShardedIndex index(MPI_COMM_WORLD, 4);
   index.search_full(Floats(rank_here() == 0 ? 5 : 4), 1);
@@ -183,6 +198,7 @@ int run_case(const std::string& name) {
       {"id_outside", id_outside},
       {"no_memory", no_memory},
       {"no_memory_in_a_change", no_memory_in_a_change},
+      {"no_memory_in_a_search", no_memory_in_a_search},
       {"wrong_query", wrong_query},
       {"wrong_metadata", wrong_metadata},
       {"listed_twice", listed_twice},

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -126,8 +127,7 @@ class History {
     std::shuffle(pool.begin(), pool.end(), random_);
     pool.resize(std::min(pool.size(), static_cast<std::size_t>(rows)));
     while (std::ssize(pool) < rows) pool.push_back(200000 + std::ssize(pool));
-    for (std::size_t i = 0; numbered && i < pool.size(); ++i)
-      pool[i] = static_cast<std::int64_t>(i);
+    if (numbered) std::iota(pool.begin(), pool.end(), 0);
     const auto [first, count] = draw_range(rows);
     from_ = static_cast<std::size_t>(first);
     size_ = static_cast<std::size_t>(count);
