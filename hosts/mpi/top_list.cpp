@@ -6,8 +6,6 @@
 namespace qx {
 namespace {
 
-constexpr int kBytesOnTheWire = 8 + 8 + 4;
-
 // What the callback below merges into: MPI gives it no argument of ours.
 std::vector<Entry>& scratch() {
   thread_local std::vector<Entry> entries;
@@ -21,14 +19,14 @@ class ListType {
     const int lengths[] = {1, 1, 1};
     const MPI_Aint places[] = {offsetof(Entry, key), offsetof(Entry, id), offsetof(Entry, score)};
     const MPI_Datatype types[] = {MPI_INT64_T, MPI_INT64_T, MPI_FLOAT};
-    MPI_Datatype packed = MPI_DATATYPE_NULL;
-    MPI_Type_create_struct(3, lengths, places, types, &packed);
+    MPI_Datatype aligned = MPI_DATATYPE_NULL;
+    MPI_Type_create_struct(3, lengths, places, types, &aligned);
     MPI_Datatype entry = MPI_DATATYPE_NULL;
-    MPI_Type_create_resized(packed, 0, sizeof(Entry), &entry);
+    MPI_Type_create_resized(aligned, 0, sizeof(Entry), &entry);
     MPI_Type_contiguous(static_cast<int>(k), entry, &list_);
     MPI_Type_commit(&list_);
     MPI_Type_free(&entry);
-    MPI_Type_free(&packed);
+    MPI_Type_free(&aligned);
   }
   ~ListType() { MPI_Type_free(&list_); }
   ListType(const ListType&) = delete;
@@ -42,7 +40,7 @@ class ListType {
 void merge_callback(void* in, void* in_out, int* count, MPI_Datatype* type) {
   int size = 0;
   MPI_Type_size(*type, &size);
-  const std::int64_t k = size / kBytesOnTheWire;
+  const std::int64_t k = size / static_cast<std::int64_t>(sizeof(Entry));
   Entry* const merged = scratch().data();
   for (std::int64_t list = 0; list < *count; ++list) {
     const Entry* const one = static_cast<const Entry*>(in) + list * k;
@@ -93,7 +91,7 @@ void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks) {
 void append_hits(std::span<const Entry> list, Hits& hits) {
   for (const Entry& entry : list) {
     if (!(entry.score > -1e30f)) break;  // the rest is empty too
-    hits.ids.push_back(entry.id);
+    hits.ids.push_back(std::int64_t{entry.id});
     hits.scores.push_back(entry.score);
   }
 }

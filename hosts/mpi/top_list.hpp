@@ -16,11 +16,16 @@
 
 namespace qx {
 
+// Without padding: MPI counts on none behind the last entry of a list, and makes its own buffers
+// that much smaller.
+#pragma pack(push, 4)
 struct Entry {
   std::int64_t key = std::numeric_limits<std::int64_t>::max();
   std::int64_t id = -1;
   float score = -1e30f;  // the engine's own mark of an empty slot; every row's score is above it
 };
+#pragma pack(pop)
+static_assert(sizeof(Entry) == 20);
 
 inline bool comes_before(const Entry& one, const Entry& other) {
   if (one.score != other.score) return one.score > other.score;
