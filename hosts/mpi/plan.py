@@ -25,7 +25,7 @@ ENGINE_ROW = 8 + 8  # the id and the table of ids, which are local numbers
 HOST_ROW = 8 + 8  # the id and its place in the order of ids
 LISTS_ROW = 8 + 4 + 8  # of an IVF structure: the row, its list, its place there
 ENTRY = 20
-HEADER = 556  # what rank 0 was asked, with room for an error
+HEADER = 544  # what rank 0 was asked, with room for an error
 USABLE = 0.9  # of a machine's memory
 SIMULATED = 300
 
