@@ -1,0 +1,112 @@
+// The ranks that share one index, and how they agree on an error.
+//
+// A rank that throws alone would leave the others waiting for it for ever. So what may fail runs
+// inside `together` or `from_root`: all ranks learn of the first failure, and all throw the same.
+// A failure travels in a block of fixed size, because memory may be what has run out.
+#pragma once
+
+#include <mpi.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <qx_runtime.hpp>
+#include <span>
+#include <stdexcept>
+#include <type_traits>
+
+namespace qx {
+
+enum class FailureKind : std::int32_t { kNone, kArgument, kLogic, kMemory, kOther };
+
+struct Failure {
+  FailureKind kind;
+  char text[500];
+};
+
+// Memory that is not there, with the rank that lacks it.
+class OutOfMemory : public std::bad_alloc {
+ public:
+  explicit OutOfMemory(const char* text);
+  const char* what() const noexcept override { return text_; }
+
+ private:
+  char text_[sizeof(Failure::text)];
+};
+
+// What is being thrown, as a block that can be sent. To be called in a handler.
+Failure current_failure();
+
+// Throws what the block says; nothing for kNone.
+void raise(const Failure& failure);
+
+class Communicator {
+ public:
+  explicit Communicator(MPI_Comm ranks);
+  ~Communicator();
+  Communicator(const Communicator&) = delete;
+  Communicator& operator=(const Communicator&) = delete;
+
+  MPI_Comm handle() const { return ranks_; }
+  int rank() const { return rank_; }
+  int size() const { return size_; }
+  bool is_root() const { return rank_ == 0; }
+
+  // Runs a step on every rank. If it throws on any, every rank throws what the lowest of those
+  // threw, with that rank's number before the message.
+  template <typename Step>
+  void together(Step&& step) const {
+    Failure failure{};
+    try {
+      step();
+    } catch (...) {
+      failure = current_failure();
+    }
+    agree(failure);
+  }
+
+  // Runs a step on rank 0 and gives its result, or what it threw, to every rank.
+  template <typename Make>
+  auto from_root(Make&& make) const {
+    using Value = std::invoke_result_t<Make>;
+    static_assert(std::is_trivially_copyable_v<Value>);
+    struct Message {
+      Failure failure;
+      Value value;
+    } message{};
+    if (is_root()) {
+      try {
+        message.value = make();
+      } catch (...) {
+        message.failure = current_failure();
+      }
+    }
+    broadcast_bytes(&message, sizeof message, 0);
+    raise(message.failure);
+    return message.value;
+  }
+
+  // Copies the numbers of one rank into the spans of all, which have one size.
+  template <typename Number>
+  void broadcast(std::span<Number> numbers, int root = 0) const {
+    static_assert(std::is_trivially_copyable_v<Number>);
+    broadcast_bytes(numbers.data(), numbers.size_bytes(), root);
+  }
+
+  std::int64_t sum(std::int64_t number) const { return reduced(number, MPI_SUM); }
+  std::int64_t least(std::int64_t number) const { return reduced(number, MPI_MIN); }
+  std::int64_t most(std::int64_t number) const { return reduced(number, MPI_MAX); }
+  // The sum over the ranks before this one.
+  std::int64_t sum_before(std::int64_t number) const;
+
+ private:
+  void agree(const Failure& failure) const;
+  void broadcast_bytes(void* bytes, std::size_t count, int root) const;
+  std::int64_t reduced(std::int64_t number, MPI_Op operation) const;
+
+  MPI_Comm ranks_ = MPI_COMM_NULL;
+  int rank_ = 0;
+  int size_ = 1;
+};
+
+}  // namespace qx

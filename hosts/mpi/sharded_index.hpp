@@ -1,0 +1,205 @@
+// One index over many machines: each rank of an MPI communicator holds a part of the rows in
+// engines of its own, and a search gives what one engine with all rows would give, in every bit.
+//
+// Every call is collective: all ranks make the same calls in the same order. What a call is given
+// counts on rank 0 alone, but for `build`, to which each rank gives its own rows; results are on
+// rank 0, and empty elsewhere. An error is thrown on every rank alike. After an error in the midst
+// of a change (memory that one rank lacks), ranks may differ: the index then refuses every call.
+//
+//   qx::ShardedIndex index(MPI_COMM_WORLD, 100);
+//   index.build(my_vectors);                         rows of rank 0 first, then of rank 1, ...
+//   index.insert(vectors, ids);
+//   std::vector<qx::Hits> found = index.search_filtered({}, queries, 10);
+//
+// Two engines to a rank. The base engine has the rank's rows under their local numbers, so that its
+// table of ids is small whatever the ids are. The delta engine has the rows that were inserted,
+// under their own ids, on the one rank that owns the id: the owner is a hash of the id. An id that
+// is inserted or deleted has its base row deleted where it lies, for ever, since what an insert
+// brings back is the delta row.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <qx_runtime.hpp>
+#include <span>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "communicator.hpp"
+#include "top_list.hpp"
+
+namespace qx {
+
+// Which rows pass: mode, column and value of qx_index_search_filtered. Every row, as it stands.
+struct RowTest {
+  std::uint32_t mode = 0;
+  std::int32_t column = 0;
+  std::int64_t value = 0;
+};
+
+// The first row of a rank and the number of its rows, when `rows` are dealt out evenly.
+std::pair<std::int64_t, std::int64_t> rows_of_rank(int rank, int ranks, std::int64_t rows);
+
+class ShardedIndex {
+ public:
+  using Ids = std::span<const std::int64_t>;
+  using Floats = std::span<const float>;
+
+  // The communicator is duplicated. MPI must outlive the index.
+  ShardedIndex(MPI_Comm ranks, std::int32_t dim);
+  ShardedIndex(const ShardedIndex&) = delete;
+  ShardedIndex& operator=(const ShardedIndex&) = delete;
+
+  const Communicator& ranks() const { return ranks_; }
+  std::int32_t dim() const { return dim_; }
+  std::int64_t size() const { return total_rows_; }  // of the base, on all ranks
+  std::uint64_t snapshot() const { return snapshot_; }
+  std::int64_t visible_count() const;
+
+  // Seals a base of the rows that each rank gives, or replaces it. Ids are distinct, from 0 to
+  // 2^40 - 1; without them, a row's id is its number. Delta, tombstones and metadata stay; IVF
+  // structures do not.
+  void build(Floats vectors, std::optional<Ids> ids = std::nullopt);
+
+  void insert(Floats vectors, Ids ids);
+  void erase(Ids ids);
+  void set_rowmeta(Ids ids, Ids labels, Ids values, std::int32_t ncols);
+
+  // As in the engine, but that a base row may stand in the lists once.
+  void set_ivf(std::int64_t key, std::int32_t nprobe, Floats centroids, Ids list_ids,
+               std::span<const std::int32_t> list_offsets);
+  // The same for lists that no rank needs to hold: rank 0 gives the centroids, and each rank the
+  // list of each of its rows, or -1. A list has its rows in the order of the base.
+  void set_ivf_by_row(std::int64_t key, std::int32_t nprobe, Floats centroids,
+                      std::span<const std::int32_t> list_of_row);
+  void set_ivf_nprobe(std::int64_t key, std::int32_t nprobe);
+  void clear_ivf();
+
+  // The k best rows for each query; the queries lie one after the other.
+  std::vector<Hits> search_full(Floats queries, std::int64_t k);
+  std::vector<Hits> search_filtered(RowTest test, Floats queries, std::int64_t k);
+  std::vector<Hits> search_ivf(std::int64_t key, Floats queries, std::int64_t k);
+  Hits search_mvcc(Ids candidates, Floats query, std::int64_t k);
+  Hits scatter_topk(Ids candidates, Floats query, std::int64_t k);
+
+ private:
+  // An id that this rank owns.
+  struct Owned {
+    std::int64_t sequence = -1;  // when it was first inserted, or -1
+    bool deleted = false;
+    bool described = false;  // has had metadata
+  };
+  // The part of an IVF structure that lies here: all centroids, and of each list the rows of this
+  // rank, in the list's order; of each row its list and its place in the list of all ranks.
+  struct Ivf {
+    std::int32_t nprobe = 0;
+    std::int32_t nlist = 0;
+    std::int64_t n_ids = 0;  // on all ranks
+    Index centroids;
+    std::vector<std::int64_t> rows;
+    std::vector<std::size_t> begins;  // nlist + 1, into `rows`
+    std::vector<std::int32_t> list_of_row;
+    std::vector<std::int64_t> place_of_row;
+  };
+  struct IvfShape {
+    std::int64_t key;
+    std::int32_t nprobe;
+    std::int32_t nlist;
+  };
+  // What rank 0 was asked for.
+  struct Asked {
+    std::int64_t queries;
+    std::int64_t k;
+    RowTest test;
+    std::int64_t key;
+  };
+  // For how much there is room on every rank: k, entries of lists, and queries.
+  struct Room {
+    std::int64_t k = 0;
+    std::int64_t entries = 0;
+    std::int64_t queries = 0;
+  };
+  // Rows of this rank that are candidates, in the order of the list, with their places in it.
+  struct Candidates {
+    std::vector<std::int64_t> ids;
+    std::vector<std::int64_t> places;
+  };
+
+  int owner_of(std::int64_t id) const;
+  bool owns(std::int64_t id) const { return owner_of(id) == ranks_.rank(); }
+  std::int64_t find_row(std::int64_t id) const;
+  std::int64_t id_of_row(std::int64_t row) const;
+  void check_whole() const;
+  template <typename Step>
+  void change(Step&& step);
+  std::vector<std::int64_t> shared_ids(Ids ids) const;
+
+  void check_given(Floats vectors, const std::optional<Ids>& ids) const;
+  void check_distinct(Ids ids) const;
+  void route(Ids ids, std::vector<std::int64_t>& received) const;
+  void replay_changes();
+  void replay_changes_of(int owner);
+  void hide_rows(Ids ids);
+  void describe_rows(Ids ids, Ids labels, Ids values, std::int32_t ncols);
+
+  std::vector<float> scatter_vectors(Ids ids, Floats vectors) const;
+  void insert_part(Floats vectors, Ids ids);
+  void take_in(Ids ids, Floats own_vectors, std::int64_t first_sequence);
+
+  std::int32_t check_centroids(std::int32_t nprobe, Floats centroids) const;
+  Ivf share_centroids(const IvfShape& shape, Floats centroids) const;
+  void attach(std::int64_t key, Ivf& ivf);
+  void place_rows(Ivf& ivf, Ids list_ids, std::span<const std::int32_t> list_offsets) const;
+  void place_own_rows(Ivf& ivf, std::span<const std::int32_t> list_of_row) const;
+
+  Asked ask(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
+  void make_room(std::int64_t k, std::int64_t queries);
+  template <typename Local>
+  void run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local);
+  void search_base(const float* query, std::span<Entry> list);
+  void search_current(const RowTest& test, const float* query, std::span<Entry> list);
+  void search_lists(const Ivf& ivf, const float* query, std::span<Entry> list);
+  template <typename Local>
+  Hits search_candidates(Ids candidates, Floats query, std::int64_t k, Local local);
+  Candidates base_candidates(Ids ids) const;
+  Candidates delta_candidates(Ids ids) const;
+  void take_by_place(const Candidates& candidates, bool base, std::int64_t k, Entry* list) const;
+
+  Communicator ranks_;
+  std::int32_t dim_;
+  bool broken_ = false;
+  std::optional<Index> base_;
+  std::optional<Index> delta_;
+  std::int64_t rows_ = 0;
+  std::int64_t first_row_ = 0;
+  std::int64_t total_rows_ = 0;
+  std::vector<std::int64_t> ids_;         // of the local rows; empty where ids are row numbers
+  std::vector<std::int64_t> rows_by_id_;  // sorted by ids_
+  std::unordered_map<std::int64_t, Owned> owned_;
+  std::int64_t next_sequence_ = 0;
+  std::uint64_t snapshot_ = 0;
+  std::int32_t columns_ = 0;
+  std::map<std::int64_t, Ivf> ivfs_;
+  // Room that searches use again, so that the usual one asks for no memory and cannot fail.
+  Room room_;
+  std::vector<float> queries_;
+  std::vector<Entry> lists_;
+  std::vector<Entry> parts_;
+  std::vector<std::int64_t> slot_ids_;
+  std::vector<float> slot_scores_;
+};
+
+// A step that changes this rank: where it fails on some rank, it may have been done on others.
+template <typename Step>
+void ShardedIndex::change(Step&& step) {
+  try {
+    ranks_.together(step);
+  } catch (...) {
+    broken_ = true;
+    throw;
+  }
+}
+
+}  // namespace qx

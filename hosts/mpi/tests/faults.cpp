@@ -1,0 +1,227 @@
+// Calls that fail on one rank, and a rank that dies: every rank must throw the same, and none wait.
+//
+//   mpirun -n RANKS qx_mpi_faults CASE
+#include <fcntl.h>
+#include <mpi.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "npy_file.hpp"
+#include "sharded_index.hpp"
+
+namespace {
+
+using Ids = std::vector<std::int64_t>;
+using Floats = std::vector<float>;
+
+int rank_here() {
+  int rank = 0;
+  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  return rank;
+}
+
+bool is_last() {
+  int ranks = 0;
+  MPI_Comm_size(MPI_COMM_WORLD, &ranks);
+  return rank_here() == ranks - 1;
+}
+
+// From now on this rank gets no more than some bytes above what it has.
+void limit_memory() {
+  long pages = 0;
+  std::FILE* const statm = std::fopen("/proc/self/statm", "r");
+  if (statm == nullptr || std::fscanf(statm, "%ld", &pages) != 1) std::abort();
+  std::fclose(statm);
+  const auto bytes = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE)) + (rlim_t{64} << 20);
+  const rlimit limit{bytes, bytes};
+  if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
+}
+
+void other_dimension() { qx::ShardedIndex(MPI_COMM_WORLD, is_last() ? 5 : 4); }
+
+void no_dimension() { qx::ShardedIndex(MPI_COMM_WORLD, 0); }
+
+void odd_vectors() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
+  index.build(Floats(is_last() ? 7 : 8));
+}
+
+void same_ids() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  const Ids ids = {rank_here() + std::int64_t{10}, is_last() ? std::int64_t{10} : rank_here() + 50};
+  index.build(Floats(2), ids);
+}
+
+void some_ids() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  if (is_last()) return index.build(Floats(1));
+  index.build(Floats(1), Ids{rank_here()});
+}
+
+void id_outside() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(1), Ids{is_last() ? -1 : rank_here()});
+}
+
+void no_memory() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 20);
+  const Floats rows(is_last() ? std::size_t{64} << 20 : std::size_t{1} << 20);
+  if (is_last()) limit_memory();
+  index.build(rows);
+}
+
+// A change that one rank cannot make, and the call after it.
+void no_memory_in_a_change() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 16);
+  if (is_last()) limit_memory();
+  // Few rows to a call, so that the engine's own array is what cannot grow.
+  Ids ids(20);
+  for (std::size_t i = 0; i < ids.size(); ++i) ids[i] = static_cast<std::int64_t>(i);
+  const Floats rows(rank_here() == 0 ? ids.size() << 16 : 0);
+  try {
+    for (std::int64_t call = 0; call < 400; ++call) {
+      for (std::int64_t& id : ids) id += 20;
+      index.insert(rows, ids);
+    }
+  } catch (const std::bad_alloc&) {
+    index.search_filtered({}, Floats(rank_here() == 0 ? 1 << 16 : 0), 1);
+  }
+}
+
+// A search for which one rank has no room, and one for which all have.
+void no_memory_in_a_search() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(std::size_t{1} << 21));
+  if (is_last()) limit_memory();
+  const Floats query(rank_here() == 0 ? 1 : 0);
+  try {
+    index.search_full(query, std::int64_t{1} << 22);
+  } catch (const std::bad_alloc& error) {
+    const std::vector<qx::Hits> found = index.search_full(query, 2);
+    const std::size_t rows = index.ranks().from_root([&] { return found.front().size(); });
+    throw std::runtime_error(std::string(error.what()) + "; then found " + std::to_string(rows));
+  }
+}
+
+void wrong_query() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
+  index.search_full(Floats(rank_here() == 0 ? 5 : 4), 1);
+}
+
+void wrong_metadata() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
+  index.set_rowmeta(Ids(3), Ids(2), {}, 0);
+}
+
+void listed_twice() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(2));
+  const std::vector<std::int32_t> offsets = {0, 2, 3};
+  index.set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, offsets);
+}
+
+void list_outside() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.build(Floats(2));
+  const std::vector<std::int32_t> lists = {0, is_last() ? 3 : -1};
+  index.set_ivf_by_row(1, 1, Floats(3), lists);
+}
+
+void no_lists() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
+  index.search_ivf(1, Floats(1), 1);
+}
+
+// The last rank's file is missing or short; the others' are whole.
+void file_of_one_rank(const char* path) {
+  const qx::Communicator world(MPI_COMM_WORLD);
+  world.together([&] {
+    if (is_last()) qx::NpyFile(path, qx::NpyFile::Content::kVectors);
+  });
+}
+
+void missing_file() { file_of_one_rank("no-such-file.npy"); }
+
+void short_file() {
+  const char* const path = "short.npy";
+  if (!is_last()) return file_of_one_rank(path);
+  const int file = open(path, O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
+  const char header[] = "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 2), }";
+  const char length[2] = {sizeof header - 1, 0};
+  bool written = write(file, "\x93NUMPY\x01\x00", 8) == 8;
+  written = written && write(file, length, 2) == 2;
+  written = written && write(file, header, sizeof header - 1) == sizeof header - 1;
+  written = written && ftruncate(file, 10 + static_cast<off_t>(sizeof header) - 1 + 23) == 0;
+  close(file);
+  file_of_one_rank(written ? path : "not written");
+}
+
+// A rank that is killed while the others search.
+void killed() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
+  index.build(Floats(400));
+  for (std::int64_t search = 0;; ++search) {
+    if (search == 100 && is_last()) std::raise(SIGKILL);
+    index.search_full(Floats(4), 3);
+  }
+}
+
+// Prints what rank 0 caught, when all ranks have caught the same.
+int report(const std::string& caught) {
+  char text[512] = {};
+  std::snprintf(text, sizeof text, "%s", caught.c_str());
+  char root_text[512];
+  std::memcpy(root_text, text, sizeof text);
+  MPI_Bcast(root_text, sizeof root_text, MPI_CHAR, 0, MPI_COMM_WORLD);
+  int same = std::strcmp(text, root_text) == 0 ? 1 : 0;
+  MPI_Allreduce(MPI_IN_PLACE, &same, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
+  if (rank_here() == 0) std::printf("%s\n", same == 1 ? text : "ranks caught different errors");
+  return same == 1 ? 0 : 1;
+}
+
+int run_case(const std::string& name) {
+  const std::map<std::string, std::function<void()>> cases = {
+      {"other_dimension", other_dimension},
+      {"no_dimension", no_dimension},
+      {"odd_vectors", odd_vectors},
+      {"same_ids", same_ids},
+      {"some_ids", some_ids},
+      {"id_outside", id_outside},
+      {"no_memory", no_memory},
+      {"no_memory_in_a_change", no_memory_in_a_change},
+      {"no_memory_in_a_search", no_memory_in_a_search},
+      {"wrong_query", wrong_query},
+      {"wrong_metadata", wrong_metadata},
+      {"listed_twice", listed_twice},
+      {"list_outside", list_outside},
+      {"no_lists", no_lists},
+      {"missing_file", missing_file},
+      {"short_file", short_file},
+      {"killed", killed}};
+  const auto found = cases.find(name);
+  if (found == cases.end()) return 2;
+  try {
+    found->second();
+  } catch (const std::exception& error) {
+    return report(error.what());
+  }
+  return report("nothing was thrown");
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  MPI_Init(&count, &arguments);
+  const int result = run_case(count == 2 ? arguments[1] : "");
+  MPI_Finalize();
+  return result;
+}

@@ -1,0 +1,49 @@
+// Result lists of fixed length, and their merge: the k best of two lists are the k best of all rows
+// that either has seen, so ranks may be merged in any order, two at a time.
+//
+// The order is the engine's own: the better score first, then the row that a single index would
+// have offered earlier. `key` says how early; no two rows of a search have the same, so that the
+// order is total and the merge gives the same list whichever ranks are merged first.
+#pragma once
+
+#include <mpi.h>
+
+#include <cstdint>
+#include <limits>
+#include <qx_runtime.hpp>
+#include <span>
+#include <vector>
+
+namespace qx {
+
+// Without padding: MPI counts on none behind the last entry of a list, and makes its own buffers
+// that much smaller.
+#pragma pack(push, 4)
+struct Entry {
+  std::int64_t key = std::numeric_limits<std::int64_t>::max();
+  std::int64_t id = -1;
+  float score = -1e30f;  // the engine's own mark of an empty slot; every row's score is above it
+};
+#pragma pack(pop)
+static_assert(sizeof(Entry) == 20);
+
+inline bool comes_before(const Entry& one, const Entry& other) {
+  if (one.score != other.score) return one.score > other.score;
+  return one.key < other.key;
+}
+
+// The first entries of two sorted lists taken together; all three lists have one length.
+void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entry* merged);
+
+// Makes room for the merges of lists of up to k entries. To be called before reduce_to_root, which
+// asks for no memory of its own, since a rank that lacked it would leave the others waiting.
+void make_merge_room(std::int64_t k);
+
+// Merges the lists of all ranks into those of rank 0: `lists` holds some of k entries each, one
+// after the other.
+void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks);
+
+// Adds the entries that are not empty.
+void append_hits(std::span<const Entry> list, Hits& hits);
+
+}  // namespace qx
