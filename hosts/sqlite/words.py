@@ -38,9 +38,14 @@ def read_sample():
     return words, vectors.astype("<f4")
 
 
-def load(database, full):
+def read_words(full=False):
+    """The words, the most frequent first, and their vectors, of length 1."""
     words, vectors = read_all_words() if full else read_sample()
-    vectors /= np.linalg.norm(vectors, axis=1, keepdims=True)
+    return words, vectors / np.linalg.norm(vectors, axis=1, keepdims=True)
+
+
+def load(database, full):
+    words, vectors = read_words(full)
     started = time.monotonic()
     database.execute("BEGIN")
     database.execute(f"CREATE VIRTUAL TABLE words USING qx(embedding float[{vectors.shape[1]}], "
