@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Measures the extension beside sqlite-vec, in the same rounds, and writes docs/SQLITE.md.
 
-bench.py --qx FILE --vec FILE --words JSON [--rows N] [--rounds N]
+bench.py --qx FILE --vec FILE [--rows N] [--rounds N]
 """
 import argparse
-import json
 import os
 import pathlib
 import platform
@@ -15,6 +14,8 @@ import tempfile
 import time
 
 import numpy as np
+
+from words import read_words
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = ROOT / "docs/SQLITE.md"
@@ -134,22 +135,16 @@ def unit(vectors):
     return (vectors / np.linalg.norm(vectors, axis=1, keepdims=True)).astype("<f4")
 
 
-def words(path):
-    entries = json.loads(pathlib.Path(path).read_text())["vectors"]
-    return unit(np.array([vector[:100] for vector in entries.values()], dtype=np.float64))
-
-
 def main():
     parser = argparse.ArgumentParser(prog="bench.py", description=__doc__.splitlines()[0])
     parser.add_argument("--qx", required=True)
     parser.add_argument("--vec", required=True)
-    parser.add_argument("--words", required=True)
     parser.add_argument("--rows", type=int, default=1_000_000)
     parser.add_argument("--rounds", type=int, default=21)
     parser.add_argument("--folder", help="where the databases are made")
     options = parser.parse_args()
     load_before = os.getloadavg()[0]
-    vectors = words(options.words)
+    vectors = read_words(full=True)[1]
     tables = measure(f"{len(vectors):,} words of dimension 100", vectors, options.rounds, options)
     drawn = np.random.default_rng(1).standard_normal((options.rows, 128), dtype=np.float32)
     tables += measure(f"{options.rows:,} drawn vectors of dimension 128", unit(drawn),

@@ -175,21 +175,16 @@ std::vector<std::byte> Storage::blob(std::string_view key) {
   return {bytes.begin(), bytes.end()};
 }
 
-void Storage::set(std::string_view key, std::int64_t number) {
-  Statement& statement =
-      prepared(set_state_, "INSERT OR REPLACE INTO " + name("state") + " VALUES (?1, ?2)");
-  const Running running(statement);
-  statement.bind(1, key);
-  statement.bind(2, number);
-  statement.step();
-}
+void Storage::set(std::string_view key, std::int64_t number) { set_value(key, number); }
+void Storage::set(std::string_view key, std::span<const std::byte> bytes) { set_value(key, bytes); }
 
-void Storage::set(std::string_view key, std::span<const std::byte> bytes) {
+template <typename Value>
+void Storage::set_value(std::string_view key, Value value) {
   Statement& statement =
       prepared(set_state_, "INSERT OR REPLACE INTO " + name("state") + " VALUES (?1, ?2)");
   const Running running(statement);
   statement.bind(1, key);
-  statement.bind(2, bytes);
+  statement.bind(2, value);
   statement.step();
 }
 

@@ -64,6 +64,8 @@ class Storage {
   std::string name(std::string_view suffix) const;
   Statement& prepared(Statement& statement, const std::string& sql);
   void note(std::int64_t rowid);
+  template <typename Value>
+  void set_value(std::string_view key, Value value);
 
   sqlite3* database_;
   std::string schema_;
