@@ -1,148 +1,15 @@
 #include "live_rows.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "vectors.h"
 
 namespace qx_sqlite {
 namespace {
 
-constexpr int kLabel = -1;
-constexpr int kNoNumber = -2;
 constexpr std::int64_t kIvfKey = 0;
 // With more changed rows, the index is made anew, and lists of an IVF are not searched.
 constexpr std::size_t kManyChanged = 10'000;
-
-// The engine marks a missing number by -1, so numbers below 0 are stored one lower.
-constexpr std::int64_t kMissing = -1;
-constexpr std::int64_t kLeastNumber = std::numeric_limits<std::int64_t>::min();
-std::int64_t stored(std::int64_t number) { return number < 0 ? number - 1 : number; }
-std::optional<std::int64_t> number_of(std::int64_t value) {
-  if (value == kMissing) return std::nullopt;
-  return value < 0 ? value + 1 : value;
-}
-
-bool is_label(const Column& column) { return sqlite3_stricmp(column.name.c_str(), "label") == 0; }
-
-// Rows as they are read from the table, ready for the engine.
-struct Rows {
-  std::vector<std::int64_t> ids;
-  Floats vectors;
-  std::vector<std::int64_t> labels;
-  std::vector<std::int64_t> values;
-  std::vector<std::optional<std::int64_t>> keys;  // of the partition
-};
-
-class RowReader {
- public:
-  RowReader(const Declaration& declaration, const std::vector<int>& slots, std::int32_t columns)
-      : declaration_(declaration), slots_(slots), columns_(columns) {}
-
-  void read(const Statement& row, Rows* rows) const {
-    const std::int64_t rowid = row.integer(0);
-    if (row.type(0) != SQLITE_INTEGER || rowid < 0) fail(rowid, "a rowid below 0");
-    const std::size_t values_before = rows->values.size();
-    rows->values.resize(values_before + static_cast<std::size_t>(columns_), kMissing);
-    std::int64_t label = kMissing;
-    std::optional<std::int64_t> key;
-    for (std::size_t i = 0; i < slots_.size(); ++i) {
-      const int at = static_cast<int>(i) + 1;
-      if (declaration_.columns[i].kind == ColumnKind::kVector) {
-        read_vector(row, at, rowid, rows);
-        continue;
-      }
-      if (slots_[i] == kNoNumber || row.type(at) == SQLITE_NULL) continue;
-      if (row.type(at) != SQLITE_INTEGER || row.integer(at) == kLeastNumber) {
-        fail(rowid, "no number in " + declaration_.columns[i].name);
-      }
-      const std::int64_t number = row.integer(at);
-      if (declaration_.columns[i].kind == ColumnKind::kPartition) key = number;
-      if (slots_[i] == kLabel) {
-        label = stored(number);
-      } else {
-        rows->values[values_before + static_cast<std::size_t>(slots_[i])] = stored(number);
-      }
-    }
-    rows->ids.push_back(rowid);
-    rows->labels.push_back(label);
-    rows->keys.push_back(key);
-  }
-
- private:
-  void read_vector(const Statement& row, int at, std::int64_t rowid, Rows* rows) const {
-    const std::span<const std::byte> bytes = row.blob(at);
-    if (row.type(at) != SQLITE_BLOB ||
-        static_cast<std::int64_t>(bytes.size()) != 4 * declaration_.dim) {
-      fail(rowid, "no vector of " + std::to_string(declaration_.dim) + " numbers");
-    }
-    try {
-      const Floats floats = floats_of(bytes);
-      rows->vectors.insert(rows->vectors.end(), floats.begin(), floats.end());
-    } catch (const SqlError& error) {
-      fail(rowid, error.what());
-    }
-  }
-
-  [[noreturn]] static void fail(std::int64_t rowid, const std::string& what) {
-    throw SqlError(SQLITE_CORRUPT_VTAB,
-                   "the stored row " + std::to_string(rowid) + " is damaged: " + what);
-  }
-
-  const Declaration& declaration_;
-  const std::vector<int>& slots_;
-  std::int32_t columns_;
-};
-
-// Rowids from here on stand beside the base: its table has a place for every smaller one.
-std::int64_t base_limit(std::size_t rows) {
-  return std::min(static_cast<std::int64_t>(rows) * 8 + (1 << 20), std::int64_t{1} << 40);
-}
-
-// Takes the rows with rowids from `limit` on out of `rows`.
-Rows take_sparse(Rows* rows, std::int64_t limit, std::size_t dim, std::size_t columns) {
-  Rows sparse;
-  std::size_t kept = 0;
-  for (std::size_t i = 0; i < rows->ids.size(); ++i) {
-    const auto vector = rows->vectors.begin() + static_cast<std::ptrdiff_t>(i * dim);
-    const auto values = rows->values.begin() + static_cast<std::ptrdiff_t>(i * columns);
-    if (rows->ids[i] >= limit) {
-      sparse.ids.push_back(rows->ids[i]);
-      sparse.labels.push_back(rows->labels[i]);
-      sparse.vectors.insert(sparse.vectors.end(), vector,
-                            vector + static_cast<std::ptrdiff_t>(dim));
-      sparse.values.insert(sparse.values.end(), values,
-                           values + static_cast<std::ptrdiff_t>(columns));
-      continue;
-    }
-    rows->ids[kept] = rows->ids[i];
-    rows->labels[kept] = rows->labels[i];
-    rows->keys[kept] = rows->keys[i];
-    std::copy_n(vector, dim, rows->vectors.begin() + static_cast<std::ptrdiff_t>(kept * dim));
-    std::copy_n(values, columns,
-                rows->values.begin() + static_cast<std::ptrdiff_t>(kept * columns));
-    ++kept;
-  }
-  rows->ids.resize(kept);
-  rows->labels.resize(kept);
-  rows->keys.resize(kept);
-  rows->vectors.resize(kept * dim);
-  rows->values.resize(kept * columns);
-  return sparse;
-}
-
-// The rows come in the order of their keys, those without one first.
-std::vector<qx::Partition> partitions_of(const std::vector<std::optional<std::int64_t>>& keys) {
-  std::vector<qx::Partition> partitions;
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    if (!keys[i]) continue;
-    if (partitions.empty() || partitions.back().key != *keys[i]) {
-      partitions.push_back({*keys[i], static_cast<std::int32_t>(i), 0});
-    }
-    ++partitions.back().size;
-  }
-  return partitions;
-}
 
 // The first k, by score and among equals by rowid.
 void order(qx::Hits* hits, std::size_t k) {
@@ -202,19 +69,10 @@ const char* name_of(Way way) {
 }
 
 LiveRows::LiveRows(Storage& storage, const Declaration& declaration)
-    : storage_(storage), declaration_(declaration) {
-  bool labelled = false;
-  for (const Column& column : declaration_.columns) {
-    if (column.kind == ColumnKind::kVector || column.kind == ColumnKind::kExtra) {
-      slots_.push_back(kNoNumber);
-    } else if (!labelled && is_label(column)) {
-      labelled = true;
-      slots_.push_back(kLabel);
-    } else {
-      slots_.push_back(number_columns_++);
-    }
-  }
-}
+    : storage_(storage),
+      declaration_(declaration),
+      slots_(declaration),
+      reader_(declaration_, slots_) {}
 
 void LiveRows::begin() {
   writing_ = true;
@@ -266,22 +124,15 @@ void LiveRows::load() {
   ivf_lists_ = 0;
   if (writing_) loaded_while_writing_ = true;
 
-  Rows rows;
-  const RowReader reader(declaration_, slots_, number_columns_);
-  {
-    Statement& statement = storage_.all_rows();
-    const Running running(statement);
-    while (statement.step()) reader.read(statement, &rows);
-  }
-  Rows sparse =
-      take_sparse(&rows, base_limit(rows.ids.size()), static_cast<std::size_t>(declaration_.dim),
-                  static_cast<std::size_t>(number_columns_));
+  const AllRows rows = reader_.read_all(storage_);
+  const Rows& base = rows.base;
+  const Rows& sparse = rows.sparse;
   qx::Index index(static_cast<std::int32_t>(declaration_.dim));
-  index.build(rows.vectors, rows.ids, partitions_of(rows.keys));
-  index.set_rowmeta(rows.ids, rows.labels, rows.values, number_columns_);
+  index.build(base.vectors, base.ids, rows.partitions);
+  index.set_rowmeta(base.ids, base.labels, base.values, slots_.columns);
   if (!sparse.ids.empty()) {
     index.insert(sparse.vectors, sparse.ids);
-    index.set_rowmeta(sparse.ids, sparse.labels, sparse.values, number_columns_);
+    index.set_rowmeta(sparse.ids, sparse.labels, sparse.values, slots_.columns);
     for (const std::int64_t id : sparse.ids) note_changed(id);
   }
   index_ = std::move(index);
@@ -295,21 +146,20 @@ void LiveRows::note_changed(std::int64_t rowid) {
 void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
   Rows rows;
   std::vector<std::int64_t> gone;
-  const RowReader reader(declaration_, slots_, number_columns_);
   try {
     for (const std::int64_t rowid : rowids) {
       Statement& statement = storage_.one_row();
       const Running running(statement);
       statement.bind(1, rowid);
       if (statement.step()) {
-        reader.read(statement, &rows);
+        reader_.read(statement, &rows);
       } else {
         gone.push_back(rowid);
       }
       note_changed(rowid);
     }
     index_->insert(rows.vectors, rows.ids);
-    index_->set_rowmeta(rows.ids, rows.labels, rows.values, number_columns_);
+    index_->set_rowmeta(rows.ids, rows.labels, rows.values, slots_.columns);
     index_->erase(gone);
   } catch (...) {
     index_.reset();
@@ -348,9 +198,9 @@ void LiveRows::attach_ivf() {
 }
 
 qx::Filter LiveRows::filter(const Condition& condition) const {
-  const int slot = slots_[static_cast<std::size_t>(condition.column)];
+  const int slot = slots_.of_column[static_cast<std::size_t>(condition.column)];
   const std::int64_t value = stored(condition.numbers[0]);
-  return slot == kLabel ? qx::Filter::label(value) : qx::Filter::column(slot, value);
+  return slot == NumberSlots::kLabel ? qx::Filter::label(value) : qx::Filter::column(slot, value);
 }
 
 Way LiveRows::way(const std::vector<Condition>& conditions) const {
@@ -440,8 +290,8 @@ std::vector<std::int64_t> LiveRows::candidates(const std::vector<Condition>& con
   for (std::size_t i = 0; i < ids.size(); ++i) {
     const bool passes = std::all_of(conditions.begin(), conditions.end(), [&](const Condition& c) {
       if (c.column < 0) return c.passes(ids[i]);
-      const int slot = slots_[static_cast<std::size_t>(c.column)];
-      return c.passes(number_of(slot == kLabel
+      const int slot = slots_.of_column[static_cast<std::size_t>(c.column)];
+      return c.passes(number_of(slot == NumberSlots::kLabel
                                     ? meta.labels[i]
                                     : meta.values[i * static_cast<std::size_t>(meta.ncols) +
                                                   static_cast<std::size_t>(slot)]));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "declaration.h"
+#include "row_reader.h"
 #include "storage.h"
 
 namespace qx_sqlite {
@@ -67,8 +68,8 @@ class LiveRows {
 
   Storage& storage_;
   const Declaration& declaration_;
-  std::vector<int> slots_;  // of each declared column: the engine's column, kLabel or kNoNumber
-  std::int32_t number_columns_ = 0;
+  NumberSlots slots_;
+  RowReader reader_;
 
   std::optional<qx::Index> index_;
   std::int64_t generation_ = 0;

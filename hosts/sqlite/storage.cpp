@@ -23,12 +23,7 @@ Storage::Storage(sqlite3* database, std::string schema, std::string table,
       schema_(std::move(schema)),
       table_(std::move(table)),
       declaration_(declaration) {
-  const int partition = declaration_.partition_column();
-  const std::string order =
-      partition < 0
-          ? "rowid"
-          : quoted(declaration_.columns[static_cast<std::size_t>(partition)].name) + ", rowid";
-  all_rows_sql_ = select_rows("ORDER BY " + order);
+  all_rows_sql_ = select_rows("ORDER BY rowid");
   one_row_sql_ = select_rows("WHERE rowid = ?1");
   written_after_sql_ = "SELECT DISTINCT rowid_ FROM " + name("log") + " WHERE entry > ?1";
 }
@@ -192,6 +187,20 @@ void Storage::forget(std::string_view key) {
   Statement statement(database_, "DELETE FROM " + name("state") + " WHERE key = ?1");
   statement.bind(1, key);
   statement.run();
+}
+
+std::size_t Storage::most_floats() {
+  const auto answer = [&](const std::string& sql) {
+    Statement statement(database_, sql);
+    return statement.step() ? std::max<std::int64_t>(statement.integer(0), 0) : 0;
+  };
+  const std::int64_t pages = answer("PRAGMA " + quoted(schema_) + ".page_count");
+  const std::int64_t page_bytes = answer("PRAGMA " + quoted(schema_) + ".page_size");
+  const std::int64_t highest = answer("SELECT max(rowid) FROM " + name("rows"));
+  const std::int64_t stored = pages * page_bytes / 4;
+  // Compared before the product, which may be too large.
+  return static_cast<std::size_t>(
+      highest < stored / declaration_.dim ? (highest + 1) * declaration_.dim : stored);
 }
 
 std::int64_t Storage::count() {

@@ -51,7 +51,7 @@ class Storage {
   void set(std::string_view key, std::span<const std::byte> bytes);
   void forget(std::string_view key);
 
-  // Statements: all rows in the order of partitions and rowids; one row; all rowids written after
+  // Statements: all rows in the order of rowids; one row; all rowids written after
   // an entry, each once. The rows' columns are the rowid, then the declared ones.
   Statement& all_rows() { return prepared(all_rows_, all_rows_sql_); }
   Statement& one_row() { return prepared(one_row_, one_row_sql_); }
@@ -59,6 +59,8 @@ class Storage {
   std::string select_rows(const std::string& rest) const;
 
   std::int64_t count();
+  // The vectors of all rows have no more floats than this, unless the table is damaged.
+  std::size_t most_floats();
 
  private:
   std::string name(std::string_view suffix) const;

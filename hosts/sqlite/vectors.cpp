@@ -10,7 +10,7 @@
 namespace qx_sqlite {
 namespace {
 
-void check_finite(const Floats& floats) {
+void check_finite(std::span<const float> floats) {
   for (std::size_t i = 0; i < floats.size(); ++i) {
     if (!std::isfinite(floats[i])) {
       throw SqlError("element " + std::to_string(i) + " of a vector is not a finite number");
@@ -119,18 +119,25 @@ void to_json(sqlite3_context* context, int, sqlite3_value** arguments) {
 
 }  // namespace
 
-Floats floats_of(std::span<const std::byte> bytes) {
+void append_floats(std::span<const std::byte> bytes, Floats* floats) {
   if (bytes.size() % sizeof(float) != 0) {
     throw SqlError("a BLOB of " + std::to_string(bytes.size()) +
                    " bytes is no vector of 32-bit floats");
   }
-  Floats floats(bytes.size() / sizeof(float));
-  for (std::size_t i = 0; i < floats.size(); ++i) {
+  const std::size_t before = floats->size();
+  floats->resize(before + bytes.size() / sizeof(float));
+  const std::span<float> added = std::span(*floats).subspan(before);
+  for (std::size_t i = 0; i < added.size(); ++i) {
     std::uint32_t bits = 0;
     std::memcpy(&bits, bytes.data() + i * sizeof bits, sizeof bits);
-    floats[i] = std::bit_cast<float>(little_endian(bits));
+    added[i] = std::bit_cast<float>(little_endian(bits));
   }
-  check_finite(floats);
+  check_finite(added);
+}
+
+Floats floats_of(std::span<const std::byte> bytes) {
+  Floats floats;
+  append_floats(bytes, &floats);
   return floats;
 }
 

@@ -1,0 +1,174 @@
+#include "row_reader.h"
+
+#include <algorithm>
+#include <new>
+#include <numeric>
+#include <span>
+#include <string>
+
+namespace qx_sqlite {
+namespace {
+
+bool is_label(const Column& column) { return sqlite3_stricmp(column.name.c_str(), "label") == 0; }
+
+[[noreturn]] void fail(std::int64_t rowid, const std::string& what) {
+  throw SqlError(SQLITE_CORRUPT_VTAB,
+                 "the stored row " + std::to_string(rowid) + " is damaged: " + what);
+}
+
+// Rowids from here on are sparse.
+std::int64_t base_limit(std::size_t rows) {
+  return std::min(static_cast<std::int64_t>(rows) * 8 + (1 << 20), std::int64_t{1} << 40);
+}
+
+// Takes the elements of rows from `first` on out of an array that has `width` of them a row.
+template <typename Element>
+std::vector<Element> take_from(std::vector<Element>* elements, std::size_t first,
+                               std::size_t width) {
+  const auto cut = elements->begin() + static_cast<std::ptrdiff_t>(first * width);
+  std::vector<Element> taken(cut, elements->end());
+  elements->erase(cut, elements->end());
+  return taken;
+}
+
+// Row i becomes what row from[i] was. In place: a second copy of all vectors costs more than their
+// way around each cycle of the permutation.
+template <typename Element>
+void reorder(std::vector<Element>* elements, std::size_t width,
+             const std::vector<std::size_t>& from) {
+  const auto row = [&](std::size_t i) {
+    return elements->begin() + static_cast<std::ptrdiff_t>(i * width);
+  };
+  std::vector<bool> placed(from.size());
+  std::vector<Element> first(width);
+  for (std::size_t start = 0; start < from.size(); ++start) {
+    if (placed[start]) continue;
+    std::copy_n(row(start), width, first.begin());
+    std::size_t i = start;
+    for (; from[i] != start; i = from[i]) {
+      std::copy_n(row(from[i]), width, row(i));
+      placed[i] = true;
+    }
+    std::copy_n(first.begin(), width, row(i));
+    placed[i] = true;
+  }
+}
+
+std::vector<qx::Partition> partitions_of(const std::vector<std::optional<std::int64_t>>& keys) {
+  std::vector<qx::Partition> partitions;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (!keys[i]) continue;
+    if (partitions.empty() || partitions.back().key != *keys[i]) {
+      partitions.push_back({*keys[i], static_cast<std::int32_t>(i), 0});
+    }
+    ++partitions.back().size;
+  }
+  return partitions;
+}
+
+}  // namespace
+
+NumberSlots::NumberSlots(const Declaration& declaration) {
+  bool labelled = false;
+  for (const Column& column : declaration.columns) {
+    if (column.kind == ColumnKind::kVector || column.kind == ColumnKind::kExtra) {
+      of_column.push_back(kNone);
+    } else if (!labelled && is_label(column)) {
+      labelled = true;
+      of_column.push_back(kLabel);
+    } else {
+      of_column.push_back(columns++);
+    }
+  }
+}
+
+void RowReader::read(const Statement& row, Rows* rows) const {
+  const std::int64_t rowid = row.integer(0);
+  if (row.type(0) != SQLITE_INTEGER || rowid < 0) fail(rowid, "a rowid below 0");
+  const std::size_t values_before = rows->values.size();
+  rows->values.resize(values_before + static_cast<std::size_t>(slots_.columns), kMissing);
+  std::int64_t label = kMissing;
+  std::optional<std::int64_t> key;
+  for (std::size_t i = 0; i < declaration_.columns.size(); ++i) {
+    const int at = static_cast<int>(i) + 1;
+    const int slot = slots_.of_column[i];
+    if (declaration_.columns[i].kind == ColumnKind::kVector) {
+      read_vector(row, at, rowid, rows);
+      continue;
+    }
+    if (slot == NumberSlots::kNone || row.type(at) == SQLITE_NULL) continue;
+    if (row.type(at) != SQLITE_INTEGER || row.integer(at) == kLeastNumber) {
+      fail(rowid, "no number in " + declaration_.columns[i].name);
+    }
+    const std::int64_t number = row.integer(at);
+    if (declaration_.columns[i].kind == ColumnKind::kPartition) key = number;
+    if (slot == NumberSlots::kLabel) {
+      label = stored(number);
+    } else {
+      rows->values[values_before + static_cast<std::size_t>(slot)] = stored(number);
+    }
+  }
+  rows->ids.push_back(rowid);
+  rows->labels.push_back(label);
+  rows->keys.push_back(key);
+}
+
+void RowReader::read_vector(const Statement& row, int at, std::int64_t rowid, Rows* rows) const {
+  const std::span<const std::byte> bytes = row.blob(at);
+  if (row.type(at) != SQLITE_BLOB ||
+      static_cast<std::int64_t>(bytes.size()) != 4 * declaration_.dim) {
+    fail(rowid, "no vector of " + std::to_string(declaration_.dim) + " numbers");
+  }
+  try {
+    append_floats(bytes, &rows->vectors);
+  } catch (const SqlError& error) {
+    fail(rowid, error.what());
+  }
+}
+
+AllRows RowReader::read_all(Storage& storage) const {
+  AllRows all;
+  try {
+    all.base.vectors.reserve(storage.most_floats());
+  } catch (const std::bad_alloc&) {
+    // It was more than there may be: the array grows as it must.
+  }
+  {
+    Statement& statement = storage.all_rows();
+    const Running running(statement);
+    while (statement.step()) read(statement, &all.base);
+  }
+  all.sparse = take_sparse(&all.base);
+  if (declaration_.partition_column() >= 0) sort_by_key(&all.base);
+  all.partitions = partitions_of(all.base.keys);
+  return all;
+}
+
+// The rows come by rowid, so that the sparse ones are the last.
+Rows RowReader::take_sparse(Rows* rows) const {
+  const auto limit =
+      std::lower_bound(rows->ids.begin(), rows->ids.end(), base_limit(rows->ids.size()));
+  const auto first = static_cast<std::size_t>(limit - rows->ids.begin());
+  Rows sparse;
+  sparse.ids = take_from(&rows->ids, first, 1);
+  sparse.labels = take_from(&rows->labels, first, 1);
+  sparse.keys = take_from(&rows->keys, first, 1);
+  sparse.vectors = take_from(&rows->vectors, first, static_cast<std::size_t>(declaration_.dim));
+  sparse.values = take_from(&rows->values, first, static_cast<std::size_t>(slots_.columns));
+  return sparse;
+}
+
+void RowReader::sort_by_key(Rows* rows) const {
+  std::vector<std::size_t> from(rows->ids.size());
+  std::iota(from.begin(), from.end(), std::size_t{0});
+  std::stable_sort(from.begin(), from.end(), [&](std::size_t one, std::size_t other) {
+    return rows->keys[one] < rows->keys[other];
+  });
+  reorder(&rows->ids, 1, from);
+  reorder(&rows->labels, 1, from);
+  reorder(&rows->keys, 1, from);
+  reorder(&rows->vectors, static_cast<std::size_t>(declaration_.dim), from);
+  reorder(&rows->values, static_cast<std::size_t>(slots_.columns), from);
+}
+
+}  // namespace qx_sqlite
