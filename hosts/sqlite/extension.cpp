@@ -10,7 +10,7 @@ SQLITE_EXTENSION_INIT1
 #include <string>
 #include <string_view>
 
-#include "centroids.h"
+#include "../ivf/centroids.hpp"
 #include "database.h"
 #include "declaration.h"
 #include "live_rows.h"
@@ -22,8 +22,6 @@ namespace qx_sqlite {
 namespace {
 
 constexpr std::int64_t kMostLists = 65536;
-constexpr std::int64_t kLearnedRowsPerList = 64;
-constexpr std::int64_t kMostLearnedRows = 262'144;
 constexpr int kProgressSteps = 1000;
 
 struct Table : sqlite3_vtab {
@@ -327,8 +325,7 @@ class Command {
   void learn(std::int64_t nlist) {
     const std::int64_t rows = table_->storage.count();
     if (rows == 0) throw SqlError("an IVF is learned from rows, and there are none");
-    const std::int64_t wanted = std::min(nlist * kLearnedRowsPerList, kMostLearnedRows);
-    const std::int64_t step = std::max<std::int64_t>(rows / wanted, 1);
+    const std::int64_t step = std::max<std::int64_t>(rows / qx::rows_to_learn(nlist), 1);
     Floats sample;
     Statement statement(table_->database, table_->storage.select_rows(""));
     for (std::int64_t row = 0; statement.step(); ++row) {
@@ -341,8 +338,8 @@ class Command {
     Statement steps(table_->database,
                     "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < " +
                         std::to_string(kProgressSteps) + ") SELECT count(*) FROM n");
-    const Floats centroids =
-        learn_centroids(sample, table_->declaration.dim, nlist, [&] { steps.run(); });
+    const Floats centroids = qx::learn_centroids(sample, table_->declaration.dim, nlist,
+                                                 [&](std::int64_t, std::int64_t) { steps.run(); });
     table_->storage.set("ivf_centroids", bytes_of(centroids));
   }
 

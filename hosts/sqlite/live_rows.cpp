@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "../ivf/centroids.hpp"
 #include "vectors.h"
 
 namespace qx_sqlite {
@@ -176,16 +177,12 @@ void LiveRows::attach_ivf() {
   if (lists * dim != centroids.size() || lists == 0 || *nprobe < 1 || *nprobe > 1 << 30) {
     throw SqlError(SQLITE_CORRUPT_VTAB, "the stored centroids are damaged");
   }
-  std::vector<std::int64_t> numbers(lists);
-  for (std::size_t i = 0; i < lists; ++i) numbers[i] = static_cast<std::int64_t>(i);
-  qx::Index nearest(static_cast<std::int32_t>(declaration_.dim));
-  nearest.build(centroids, numbers);
-
+  const qx::ListChooser chooser(centroids, declaration_.dim);
   const qx::Rows base = index_->export_base();
   std::vector<std::vector<std::int64_t>> members(lists);
   for (std::size_t i = 0; i < base.size(); ++i) {
-    const qx::Hits best = nearest.search_full(base.vector(i), 1);
-    members[best.empty() ? 0 : static_cast<std::size_t>(best.ids[0])].push_back(base.ids[i]);
+    const std::int32_t list = std::max(chooser.list_of(base.vector(i)), 0);
+    members[static_cast<std::size_t>(list)].push_back(base.ids[i]);
   }
   std::vector<std::int64_t> ids;
   std::vector<std::int32_t> offsets = {0};
