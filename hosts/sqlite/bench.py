@@ -15,9 +15,10 @@ import time
 
 import numpy as np
 
-from words import read_words
-
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "hosts"))
+from word_vectors import read_words
+
 PAGE = ROOT / "docs/SQLITE.md"
 K = 10
 BATCH = 10_000
