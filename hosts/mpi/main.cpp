@@ -4,90 +4,16 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <qx_runtime.hpp>
 #include <string>
 #include <vector>
 
-#include "npy_file.hpp"
+#include "loading.hpp"
 #include "options.hpp"
 #include "sharded_index.hpp"
 
 namespace qx {
 namespace {
-
-using Content = NpyFile::Content;
-
-struct OwnRows {
-  std::vector<float> vectors;
-  std::vector<std::int64_t> ids;
-};
-
-// A file that every rank opens. Where it differs between machines, that is an error.
-std::unique_ptr<NpyFile> open_on_all(const Communicator& ranks, const std::string& path,
-                                     Content content) {
-  std::unique_ptr<NpyFile> file;
-  ranks.together([&] { file = std::make_unique<NpyFile>(path, content); });
-  const bool same = ranks.least(file->rows()) == ranks.most(file->rows()) &&
-                    ranks.least(file->dim()) == ranks.most(file->dim());
-  if (!same) throw InvalidArgument(path + ": its shape differs between ranks");
-  return file;
-}
-
-// Loads each rank's range of the rows.
-void load(const Options& options, const NpyFile& vectors, ShardedIndex& index) {
-  const Communicator& ranks = index.ranks();
-  const auto [first, count] = rows_of_rank(ranks.rank(), ranks.size(), vectors.rows());
-  std::unique_ptr<NpyFile> ids;
-  if (!options.ids.empty()) {
-    ids = open_on_all(ranks, options.ids, Content::kIds);
-    if (ids->rows() != vectors.rows()) {
-      throw InvalidArgument(options.ids + " has " + std::to_string(ids->rows()) + " ids, and " +
-                            options.vectors + " " + std::to_string(vectors.rows()) + " rows");
-    }
-  }
-  OwnRows rows;
-  ranks.together([&, first = first, count = count] {
-    rows.vectors.resize(static_cast<std::size_t>(count) * static_cast<std::size_t>(vectors.dim()));
-    vectors.read(first, std::span(rows.vectors));
-    if (ids == nullptr) return;
-    rows.ids.resize(static_cast<std::size_t>(count));
-    ids->read(first, std::span(rows.ids));
-  });
-  if (ids == nullptr) {
-    index.build(rows.vectors);
-  } else {
-    index.build(rows.vectors, ShardedIndex::Ids(rows.ids));
-  }
-}
-
-// All vectors of a file, on rank 0.
-std::vector<float> vectors_of(const Communicator& ranks, const std::string& path,
-                              std::int32_t dim) {
-  std::vector<float> vectors;
-  ranks.together([&] {
-    if (!ranks.is_root()) return;
-    const NpyFile file(path, Content::kVectors);
-    if (file.dim() != dim) {
-      throw InvalidArgument(path + ": its vectors have " + std::to_string(file.dim()) +
-                            " numbers, and those of the index " + std::to_string(dim));
-    }
-    vectors.resize(static_cast<std::size_t>(file.rows()) * static_cast<std::size_t>(dim));
-    file.read(0, std::span(vectors));
-  });
-  return vectors;
-}
-
-std::vector<std::int64_t> ids_of(const Communicator& ranks, const std::string& path) {
-  std::vector<std::int64_t> ids;
-  ranks.together([&] {
-    if (!ranks.is_root()) return;
-    const NpyFile file(path, Content::kIds);
-    ids.resize(static_cast<std::size_t>(file.rows()));
-    file.read(0, std::span(ids));
-  });
-  return ids;
-}
 
 // The part of the queries from `first` on, on rank 0; nothing elsewhere.
 std::span<const float> part_of(const std::vector<float>& queries, std::int64_t first,
@@ -99,8 +25,11 @@ std::span<const float> part_of(const std::vector<float>& queries, std::int64_t f
 
 std::vector<Hits> search(const Options& options, std::span<const float> queries,
                          ShardedIndex& index) {
-  return options.exact ? index.search_full(queries, options.k)
-                       : index.search_filtered({}, queries, options.k);
+  constexpr std::uint32_t kByLabel = 1;
+  if (options.exact) return index.search_full(queries, options.k);
+  if (options.lists > 0) return index.search_ivf(kLearnedLists, queries, options.k);
+  const RowTest test = options.label ? RowTest{kByLabel, 0, *options.label} : RowTest();
+  return index.search_filtered(test, queries, options.k);
 }
 
 void print_results(const Options& options, const std::vector<float>& queries, std::int64_t count,
@@ -155,20 +84,14 @@ void print_times(const Options& options, const std::vector<float>& queries, std:
 }
 
 void run(const Options& options, const Communicator& world) {
-  const auto vectors = open_on_all(world, options.vectors, Content::kVectors);
-  ShardedIndex index(world.handle(), vectors->dim());
-  load(options, *vectors, index);
-  if (!options.insert.empty()) {
-    index.insert(vectors_of(world, options.insert, index.dim()), ids_of(world, options.insert_ids));
-  }
-  if (!options.erase.empty()) index.erase(ids_of(world, options.erase));
-  const std::vector<float> queries = vectors_of(world, options.queries, index.dim());
+  const std::unique_ptr<ShardedIndex> index = load_index(options, world);
+  const std::vector<float> queries = read_vectors(options.queries, *index);
   const std::int64_t count =
-      world.from_root([&] { return std::int64_t{std::ssize(queries)} / index.dim(); });
+      world.from_root([&] { return std::int64_t{std::ssize(queries)} / index->dim(); });
   if (options.measure > 0) {
-    print_times(options, queries, count, index);
+    print_times(options, queries, count, *index);
   } else {
-    print_results(options, queries, count, index);
+    print_results(options, queries, count, *index);
   }
 }
 

@@ -1,29 +1,41 @@
 #include "options.hpp"
 
 #include <charconv>
+#include <limits>
 #include <map>
-#include <qx_runtime.hpp>
+
+#include "support.hpp"
 
 namespace qx {
 namespace {
 
-std::int64_t number_of(const std::string& name, const std::string& text, std::int64_t most) {
+struct Range {
+  std::int64_t least;
+  std::int64_t most;
+};
+
+constexpr Range kAny = {std::numeric_limits<std::int64_t>::min(),
+                        std::numeric_limits<std::int64_t>::max()};
+
+std::int64_t number_of(const std::string& name, const std::string& text, const Range& range) {
   std::int64_t number = 0;
   const char* const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || rest != end || number < 1 || number > most) {
-    throw InvalidArgument(name + " is " + text + ", and must be a number from 1 to " +
-                          std::to_string(most));
-  }
+  require(error == std::errc() && rest == end && number >= range.least && number <= range.most,
+          name + " is " + text + ", and must be a number from " + std::to_string(range.least) +
+              " to " + std::to_string(range.most));
   return number;
 }
 
-void check(const Options& options) {
-  if (options.vectors.empty()) throw InvalidArgument("--vectors FILE is missing");
-  if (options.queries.empty()) throw InvalidArgument("--queries FILE is missing");
-  if (options.insert.empty() != options.insert_ids.empty()) {
-    throw InvalidArgument("--insert and --insert-ids go together");
-  }
+void check(const Options& options, bool probes_given) {
+  require(!options.vectors.empty(), "--vectors FILE is missing");
+  require(!options.queries.empty(), "--queries FILE is missing");
+  require(options.insert.empty() == options.insert_ids.empty(),
+          "--insert and --insert-ids go together");
+  require(options.labels.empty() == !options.label, "--labels and --label go together");
+  require(!probes_given || options.lists > 0, "--nprobe goes with --ivf");
+  const int ways = (options.exact ? 1 : 0) + (options.label ? 1 : 0) + (options.lists > 0 ? 1 : 0);
+  require(ways <= 1, "--exact, --label and --ivf exclude each other");
 }
 
 }  // namespace
@@ -42,6 +54,11 @@ matrices in C order, ids are lists of int64.
   --insert FILE       rows to insert then, with
   --insert-ids FILE   their ids; an id that is there already is overwritten
   --delete FILE       ids to delete then
+  --labels FILE       a label for each row of --vectors, an int64
+  --label N           search only the rows whose label is N
+  --ivf N             learn N lists from a sample of the rows, and search through the best of them:
+                      an answer is approximate, and of the rows of --vectors alone
+  --nprobe N          how many lists a query looks into (8)
   --exact             search the rows of --vectors alone, as if nothing had been changed
   --batch N           queries that are searched at once (64)
   --measure SECONDS   print times instead of results: for batches of 1, 2, 4, ... up to --batch
@@ -52,14 +69,17 @@ A result is a line of four fields, parted by tabs: query, place, id, score.
 
 Options read_options(int count, char** arguments) {
   Options options;
+  std::int64_t label = 0;
+  std::int64_t probes = 0;
   const std::map<std::string, std::string*> files = {
-      {"--vectors", &options.vectors}, {"--ids", &options.ids},
-      {"--queries", &options.queries}, {"--insert", &options.insert},
-      {"--delete", &options.erase},    {"--insert-ids", &options.insert_ids}};
-  const std::map<std::string, std::pair<std::int64_t*, std::int64_t>> numbers = {
-      {"--k", {&options.k, 1 << 20}},
-      {"--batch", {&options.batch, 1 << 20}},
-      {"--measure", {&options.measure, 3600}}};
+      {"--vectors", &options.vectors},       {"--ids", &options.ids},
+      {"--queries", &options.queries},       {"--insert", &options.insert},
+      {"--insert-ids", &options.insert_ids}, {"--delete", &options.erase},
+      {"--labels", &options.labels}};
+  const std::map<std::string, std::pair<std::int64_t*, Range>> numbers = {
+      {"--k", {&options.k, {1, 1 << 20}}},          {"--batch", {&options.batch, {1, 1 << 20}}},
+      {"--measure", {&options.measure, {1, 3600}}}, {"--label", {&label, kAny}},
+      {"--ivf", {&options.lists, {1, 1 << 22}}},    {"--nprobe", {&probes, {1, 1 << 22}}}};
   for (int i = 1; i < count; ++i) {
     const std::string name = arguments[i];
     if (name == "--help") {
@@ -72,17 +92,17 @@ Options read_options(int count, char** arguments) {
     }
     const auto file = files.find(name);
     const auto number = numbers.find(name);
-    if (file == files.end() && number == numbers.end()) {
-      throw InvalidArgument("unknown argument " + name);
-    }
-    if (++i == count) throw InvalidArgument(name + " needs a value");
+    require(file != files.end() || number != numbers.end(), "unknown argument " + name);
+    require(++i < count, name + " needs a value");
     if (file != files.end()) {
       *file->second = arguments[i];
-    } else {
-      *number->second.first = number_of(name, arguments[i], number->second.second);
+      continue;
     }
+    *number->second.first = number_of(name, arguments[i], number->second.second);
+    if (name == "--label") options.label = label;
   }
-  check(options);
+  if (probes > 0) options.probes = static_cast<std::int32_t>(probes);
+  check(options, probes > 0);
   return options;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace qx {
@@ -9,6 +10,7 @@ namespace qx {
 struct Options {
   std::string vectors;
   std::string ids;
+  std::string labels;
   std::string queries;
   std::string insert;
   std::string insert_ids;
@@ -17,6 +19,9 @@ struct Options {
   std::int64_t batch = 64;
   std::int64_t measure = 0;  // seconds of each measurement, or 0 to print results
   bool exact = false;
+  std::optional<std::int64_t> label;
+  std::int64_t lists = 0;  // to be learned and searched, or 0
+  std::int32_t probes = 8;
   bool help = false;
 };
 

@@ -159,6 +159,10 @@ void ShardedIndex::take_in(Ids ids, Floats own_vectors, std::int64_t first_seque
 
 void ShardedIndex::erase(Ids ids) {
   check_whole();
+  ranks_.from_root([&] {
+    require_countable(ids.size(), "ids");
+    return true;
+  });
   const std::vector<std::int64_t> all = shared_ids(ids);
   if (all.empty()) return;
   change([&] {
@@ -183,6 +187,7 @@ void ShardedIndex::set_rowmeta(Ids ids, Ids labels, Ids values, std::int32_t nco
             std::to_string(labels.size()) + " labels and " + std::to_string(values.size()) +
                 " values for " + std::to_string(ids.size()) + " ids of " + std::to_string(ncols) +
                 " columns");
+    require_countable(ids.size(), "ids");
     return ncols;
   });
   const std::vector<std::int64_t> all = shared_ids(ids);

@@ -98,7 +98,11 @@ ShardedIndex::Ivf ShardedIndex::share_centroids(const IvfShape& shape, Floats ce
 void ShardedIndex::attach(std::int64_t key, Ivf& ivf) {
   ivf.n_ids = ranks_.sum(std::ssize(ivf.rows));
   std::map<std::int64_t, Ivf> made;
-  ranks_.together([&] { made.emplace(key, std::move(ivf)); });
+  ranks_.together([&] {
+    // A search offers up to all of them to the engine at once.
+    require_countable(ivf.rows.size(), "rows of a rank in lists");
+    made.emplace(key, std::move(ivf));
+  });
   ivfs_.erase(key);
   ivfs_.merge(made);
 }
@@ -180,7 +184,7 @@ void ShardedIndex::search_lists(const Ivf& ivf, const float* query, std::span<En
       base_->handle(), rows.data(), static_cast<std::int32_t>(rows.size()), query,
       static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
   for (std::size_t i = 0; i < at(count); ++i) {
-    if (!(slot_scores_[i] > -1e30f)) break;
+    if (!is_filled(slot_scores_[i])) break;
     const std::int64_t row = slot_ids_[i];
     const std::int64_t probe = probe_of_list[at(ivf.list_of_row[at(row)])];
     list[i] = {(probe << kPlaceBits) + ivf.place_of_row[at(row)], id_of_row(row), slot_scores_[i]};

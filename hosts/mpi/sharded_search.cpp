@@ -99,7 +99,7 @@ void ShardedIndex::search_base(const float* query, std::span<Entry> list) {
       qx_index_search_full(base_->handle(), query, static_cast<std::int32_t>(list.size()),
                            slot_ids_.data(), slot_scores_.data());
   for (std::size_t i = 0; i < at(count); ++i) {
-    if (!(slot_scores_[i] > -1e30f)) break;
+    if (!is_filled(slot_scores_[i])) break;
     list[i] = {first_row_ + slot_ids_[i], id_of_row(slot_ids_[i]), slot_scores_[i]};
   }
 }
@@ -133,7 +133,7 @@ void ShardedIndex::search_current(const RowTest& test, const float* query, std::
   // An id may be -1 in the delta, so that the score says whether a slot is empty.
   search(*delta_);
   for (std::size_t i = 0; i < list.size(); ++i) {
-    const bool filled = slot_scores_[i] > -1e30f;
+    const bool filled = is_filled(slot_scores_[i]);
     of_delta[i] =
         filled ? Entry{owned_.find(slot_ids_[i])->second.sequence, slot_ids_[i], slot_scores_[i]}
                : Entry();
@@ -141,7 +141,7 @@ void ShardedIndex::search_current(const RowTest& test, const float* query, std::
   search(*base_);
   for (std::size_t i = 0; i < list.size(); ++i) {
     const std::int64_t row = slot_ids_[i];
-    const bool filled = slot_scores_[i] > -1e30f;
+    const bool filled = is_filled(slot_scores_[i]);
     of_base[i] =
         filled ? Entry{kFirstBaseKey + first_row_ + row, id_of_row(row), slot_scores_[i]} : Entry();
   }
@@ -180,8 +180,7 @@ Hits ShardedIndex::search_candidates(Ids candidates, Floats query, std::int64_t 
   const Asked asked = ranks_.from_root([&] {
     require(query.size() == at(dim_), "the query has " + std::to_string(query.size()) +
                                           " floats, and the dimension is " + std::to_string(dim_));
-    require(std::ssize(candidates) <= std::numeric_limits<std::int32_t>::max(),
-            "there are more than 2^31 - 1 candidates");
+    require_countable(candidates.size(), "candidates");
     return ask(query, k, std::ssize(candidates), found);
   });
   const std::vector<std::int64_t> all = shared_ids(candidates);
@@ -213,7 +212,7 @@ Hits ShardedIndex::scatter_topk(Ids candidates, Floats query, std::int64_t k) {
     const std::int32_t count = qx_index_scatter_topk(
         base_->handle(), own.ids.data(), static_cast<std::int32_t>(own.ids.size()), sent,
         static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
-    std::fill(slot_scores_.begin() + count, slot_scores_.begin() + std::ssize(list), -1e30f);
+    std::fill(slot_scores_.begin() + count, slot_scores_.begin() + std::ssize(list), kEmptyScore);
     take_by_place(own, true, std::ssize(list), list.data());
   };
   return search_candidates(candidates, query, k, local);
@@ -249,7 +248,7 @@ void ShardedIndex::take_by_place(const Candidates& candidates, bool base, std::i
   }
   for (std::int64_t i = 0; i < k; ++i) {
     list[i] = Entry();
-    if (!(slot_scores_[at(i)] > -1e30f)) continue;
+    if (!is_filled(slot_scores_[at(i)])) continue;
     const std::int64_t found = slot_ids_[at(i)];
     std::vector<std::int64_t>& left = places[found];
     list[i] = {left.back(), base ? id_of_row(found) : found, slot_scores_[at(i)]};

@@ -90,7 +90,7 @@ void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks) {
 
 void append_hits(std::span<const Entry> list, Hits& hits) {
   for (const Entry& entry : list) {
-    if (!(entry.score > -1e30f)) break;  // the rest is empty too
+    if (!is_filled(entry.score)) break;  // the rest is empty too
     hits.ids.push_back(std::int64_t{entry.id});
     hits.scores.push_back(entry.score);
   }

@@ -16,13 +16,17 @@
 
 namespace qx {
 
+// The engine's own mark of an empty slot; every row's score is above it.
+inline constexpr float kEmptyScore = -1e30f;
+inline bool is_filled(float score) { return score > kEmptyScore; }
+
 // Without padding: MPI counts on none behind the last entry of a list, and makes its own buffers
 // that much smaller.
 #pragma pack(push, 4)
 struct Entry {
   std::int64_t key = std::numeric_limits<std::int64_t>::max();
   std::int64_t id = -1;
-  float score = -1e30f;  // the engine's own mark of an empty slot; every row's score is above it
+  float score = kEmptyScore;
 };
 #pragma pack(pop)
 static_assert(sizeof(Entry) == 20);

@@ -303,8 +303,8 @@ class History {
       Ids ids(static_cast<std::size_t>(k));
       Floats scores(static_cast<std::size_t>(k));
       const std::int64_t slots = reference(q, ids.data(), scores.data());
-      const auto filled = static_cast<std::size_t>(std::count_if(
-          scores.begin(), scores.begin() + slots, [](float score) { return score > -1e30f; }));
+      const auto filled = static_cast<std::size_t>(
+          std::count_if(scores.begin(), scores.begin() + slots, qx::is_filled));
       ids.resize(filled);
       scores.resize(filled);
       const qx::Hits& hits = found[static_cast<std::size_t>(q)];

@@ -7,7 +7,9 @@ import numpy as np
 import pytest
 
 TOOL = os.environ["QX_MPI_TOOL"]
-ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
+# After an error, mpirun waits a second for ranks that have not ended, unless told otherwise.
+ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1",
+                            "OMPI_MCA_odls_base_sigkill_timeout": "0"}
 LIMIT = 60  # seconds, after which a run counts as one that hangs
 
 
@@ -79,6 +81,47 @@ def test_changes(files, ranks):
     assert results(ranks, *common, "--exact") == expected(vectors, range(50), queries, 100)
 
 
+@pytest.mark.parametrize("ranks", [1, 3])
+def test_labels(files, ranks):
+    vectors, queries = np.load(files / "vectors.npy"), np.load(files / "queries.npy")
+    labels = np.array([-5, 0, 9], dtype="<i8")[np.arange(50) % 3]
+    np.save(files / "labels.npy", labels)
+    np.save(files / "delete.npy", np.array([3, 20], dtype="<i8"))
+    common = ["--vectors", files / "vectors.npy", "--queries", files / "queries.npy", "--k", 20,
+              "--labels", files / "labels.npy"]
+    for label in (-5, 0, 9, 7):
+        rows = np.flatnonzero(labels == label)
+        assert results(ranks, *common, "--label", label) == expected(
+            vectors[rows], rows, queries, 20)
+    ids = np.load(files / "ids.npy")
+    rows = np.flatnonzero((labels == 0) & (ids != 3) & (ids != 20))
+    assert results(ranks, *common, "--label", 0, "--ids", files / "ids.npy", "--delete",
+                   files / "delete.npy") == expected(vectors[rows], ids[rows], queries, 20)
+
+
+def test_lists(tmp_path):
+    random = np.random.default_rng(11)
+    np.save(tmp_path / "vectors.npy", random.standard_normal((700, 20)).astype("<f4"))
+    np.save(tmp_path / "queries.npy", random.standard_normal((9, 20)).astype("<f4"))
+    common = ["--vectors", tmp_path / "vectors.npy", "--queries", tmp_path / "queries.npy"]
+    exact = results(2, *common, "--exact")
+    # All lists together are all rows.
+    assert results(3, *common, "--ivf", 12, "--nprobe", 12) == exact
+    some = results(1, *common, "--ivf", 12, "--nprobe", 3)
+    assert len(some.splitlines()) == 90 and some != exact
+    assert all(results(ranks, *common, "--ivf", 12, "--nprobe", 3) == some for ranks in (2, 5))
+    shared = set(some.splitlines()) & set(exact.splitlines())
+    assert shared, "three of twelve lists find no row at its place"
+
+
+def test_lists_of_few_rows(files):
+    common = ["--vectors", files / "one.npy", "--queries", files / "queries.npy", "--ivf", 5]
+    np.save(files / "one.npy", np.ones((1, 8), dtype="<f4"))
+    assert len(results(3, *common).splitlines()) == 5
+    np.save(files / "one.npy", np.ones((0, 8), dtype="<f4"))
+    assert "there are none" in error_of(3, *common)
+
+
 def test_all_numbers_of_ranks_print_the_same(tmp_path):
     random = np.random.default_rng(9)
     np.save(tmp_path / "vectors.npy", random.standard_normal((500, 100)).astype("<f4"))
@@ -125,6 +168,11 @@ def test_times(files):
     (["--k", "99999999999999999999"], "--k is 9999"),
     (["--batch", "-1"], "--batch is -1"),
     (["--fast"], "unknown argument --fast"),
+    (["--vectors", "x", "--queries", "y", "--label", "1"], "--labels and --label go together"),
+    (["--vectors", "x", "--queries", "y", "--labels", "z"], "--labels and --label go together"),
+    (["--vectors", "x", "--queries", "y", "--nprobe", "2"], "--nprobe goes with --ivf"),
+    (["--vectors", "x", "--queries", "y", "--ivf", "2", "--exact"], "exclude each other"),
+    (["--ivf", "0"], "--ivf is 0, and must be a number from 1 to"),
 ])
 def test_arguments_that_do_not_fit(arguments, message):
     assert message in error_of(3, *arguments)
@@ -167,12 +215,9 @@ def spoil(path, kind):
     ("a shape of words", "not a matrix"), ("a huge shape", "it is short"), ("missing", "No such file")])
 def test_files_that_do_not_fit(files, kind, message):
     spoil(files / "spoiled.npy", kind)
-    for ranks in (1, 3):
-        vectors = error_of(ranks, "--vectors", files / "spoiled.npy", "--queries",
-                           files / "queries.npy")
-        queries = error_of(ranks, "--vectors", files / "vectors.npy", "--queries",
-                           files / "spoiled.npy")
-        assert message in vectors and message in queries and "spoiled.npy" in vectors
+    vectors = error_of(3, "--vectors", files / "spoiled.npy", "--queries", files / "queries.npy")
+    queries = error_of(1, "--vectors", files / "vectors.npy", "--queries", files / "spoiled.npy")
+    assert message in vectors and message in queries and "spoiled.npy" in vectors
 
 
 def test_ids_that_do_not_fit(files):
@@ -182,6 +227,8 @@ def test_ids_that_do_not_fit(files):
                          (np.arange(50.0), "its numbers are '<f8'")):
         np.save(files / "bad.npy", ids)
         assert message in error_of(3, *common, "--ids", files / "bad.npy")
+    np.save(files / "bad.npy", np.arange(49))
+    assert "has 49 labels" in error_of(2, *common, "--labels", files / "bad.npy", "--label", 1)
 
 
 def test_dimensions_that_do_not_fit(files):
