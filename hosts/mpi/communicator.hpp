@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <qx_runtime.hpp>
 #include <span>
@@ -65,25 +66,42 @@ class Communicator {
     agree(failure);
   }
 
+  // A block has this much before its contents, for the kind of a failure.
+  static constexpr std::size_t kBlockHead = 8;
+
+  // Runs a step on rank 0, which fills the contents of a block, and copies the block to every rank;
+  // or throws on every rank what the step threw.
+  template <typename Fill>
+  void share_block(std::span<std::byte> block, Fill&& fill) const {
+    Failure failure{};
+    if (is_root()) {
+      try {
+        fill(block.subspan(kBlockHead));
+      } catch (...) {
+        failure = current_failure();
+      }
+      std::memcpy(block.data(), &failure.kind, sizeof failure.kind);
+    }
+    broadcast(block);
+    std::memcpy(&failure.kind, block.data(), sizeof failure.kind);
+    if (failure.kind == FailureKind::kNone) return;
+    broadcast_bytes(&failure, sizeof failure, 0);
+    raise(failure);
+  }
+
   // Runs a step on rank 0 and gives its result, or what it threw, to every rank.
   template <typename Make>
   auto from_root(Make&& make) const {
     using Value = std::invoke_result_t<Make>;
     static_assert(std::is_trivially_copyable_v<Value>);
-    struct Message {
-      Failure failure;
-      Value value;
-    } message{};
-    if (is_root()) {
-      try {
-        message.value = make();
-      } catch (...) {
-        message.failure = current_failure();
-      }
-    }
-    broadcast_bytes(&message, sizeof message, 0);
-    raise(message.failure);
-    return message.value;
+    Value value{};
+    std::byte block[kBlockHead + sizeof value] = {};
+    share_block(block, [&](std::span<std::byte> contents) {
+      value = make();
+      std::memcpy(contents.data(), &value, sizeof value);
+    });
+    std::memcpy(&value, block + kBlockHead, sizeof value);
+    return value;
   }
 
   // Copies the numbers of one rank into the spans of all, which have one size.

@@ -25,7 +25,7 @@ ENGINE_ROW = 8 + 8  # the id and the table of ids, which are local numbers
 HOST_ROW = 8 + 8  # the id and its place in the order of ids
 LISTS_ROW = 8 + 4 + 8  # of an IVF structure: the row, its list, its place there
 ENTRY = 20
-HEADER = 544  # what rank 0 was asked, with room for an error
+QUESTION = 48  # what rank 0 was asked; the query comes with it
 USABLE = 0.9  # of a machine's memory
 SIMULATED = 300
 
@@ -61,18 +61,16 @@ def arrives_at(ranks, message):
     return [bin(rank).count("1") * message for rank in range(ranks)]
 
 
-def simulate(local, spread, ranks, batch, options):
-    """The median time of a batch, in seconds."""
+def simulate(local, spread, ranks, options):
+    """The median time of a query, in seconds."""
     chance = random.Random(ranks)
     def hop(size):
         return options.latency_us * 1e-6 + 8 * size / (options.gbit * 1e9)
-    asked = [header + query for header, query in
-             zip(arrives_at(ranks, hop(HEADER)), arrives_at(ranks, hop(batch * VECTOR)))]
+    asked = arrives_at(ranks, hop(QUESTION + VECTOR))
     times = []
     for _ in range(SIMULATED):
-        ready = [start + batch * local * chance.uniform(1 - spread[0], 1 + spread[1])
-                 for start in asked]
-        times.append(reduced_at(ready, hop(batch * K * ENTRY)))
+        ready = [start + local * chance.uniform(1 - spread[0], 1 + spread[1]) for start in asked]
+        times.append(reduced_at(ready, hop(K * ENTRY)))
     return statistics.median(times)
 
 
@@ -112,9 +110,9 @@ def plan_table(options):
             machines = math.ceil(ROWS / (USABLE * memory * 2 ** 30 // row))
             ranks = machines * options.ranks
             rows = ROWS / ranks
-            exact = simulate(rows * VECTOR / core, spread, ranks, 1, options)
+            exact = simulate(rows * VECTOR / core, spread, ranks, options)
             lists, local = lists_for(rows, core, listed)
-            probed = simulate(local, spread, ranks, 1, options)
+            probed = simulate(local, spread, ranks, options)
             lines.append(f"| {memory:,} GiB | {how} | {machines} | {ranks:,} | {duration(exact)} | "
                          f"{lists:,} | {duration(probed)} |")
     return lines
@@ -129,7 +127,7 @@ def network_table(options):
              "| of it on the network, and waiting |",
              "|---:|---:|---:|"]
     for ranks in (1, 16, 256, 1024, 4096):
-        whole = simulate(local, spread, ranks, 1, options)
+        whole = simulate(local, spread, ranks, options)
         lines.append(f"| {ranks:,} | {duration(whole)} | {100 * max(0, 1 - local / whole):.0f} % |")
     return lines
 

@@ -35,6 +35,7 @@ ShardedIndex::ShardedIndex(MPI_Comm ranks, std::int32_t dim)
   ranks_.together([&] {
     base_.emplace(dim_);
     delta_.emplace(dim_);
+    question_.resize(Communicator::kBlockHead + sizeof(Asked) + sizeof(float) * at(dim_));
   });
 }
 

@@ -154,7 +154,9 @@ class ShardedIndex {
   void place_rows(Ivf& ivf, Ids list_ids, std::span<const std::int32_t> list_offsets) const;
   void place_own_rows(Ivf& ivf, std::span<const std::int32_t> list_of_row) const;
 
-  Asked ask(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
+  Asked checked(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
+  template <typename Check>
+  Asked ask(Floats queries, Check check);
   void make_room(std::int64_t k, std::int64_t queries);
   template <typename Local>
   void run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local);
@@ -184,6 +186,7 @@ class ShardedIndex {
   std::map<std::int64_t, Ivf> ivfs_;
   // Room that searches use again, so that the usual one asks for no memory and cannot fail.
   Room room_;
+  std::vector<std::byte> question_;
   std::vector<float> queries_;
   std::vector<Entry> lists_;
   std::vector<Entry> parts_;

@@ -2,6 +2,7 @@
 // and the lists are merged on their way back.
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -20,8 +21,8 @@ constexpr std::int64_t kBytesOfLists = std::int64_t{1} << 26;
 // ---- Asking ----
 
 // Checks what rank 0 was given and makes room for its results. Results are at most `most`.
-ShardedIndex::Asked ShardedIndex::ask(Floats queries, std::int64_t k, std::int64_t most,
-                                      std::vector<Hits>& found) const {
+ShardedIndex::Asked ShardedIndex::checked(Floats queries, std::int64_t k, std::int64_t most,
+                                          std::vector<Hits>& found) const {
   constexpr std::int64_t kMostResults = std::numeric_limits<std::int32_t>::max() / 32;
   require(queries.size() % at(dim_) == 0, "the queries are " + std::to_string(queries.size()) +
                                               " floats, no multiple of the dimension " +
@@ -36,6 +37,22 @@ ShardedIndex::Asked ShardedIndex::ask(Floats queries, std::int64_t k, std::int64
     hits.scores.reserve(at(results));
   }
   return {count, results, {}, 0};
+}
+
+// Sends what rank 0 was asked to all ranks, and the first query with it: a single one needs no
+// message of its own.
+template <typename Check>
+ShardedIndex::Asked ShardedIndex::ask(Floats queries, Check check) {
+  ranks_.share_block(question_, [&](std::span<std::byte> contents) {
+    const Asked asked = check();
+    std::memcpy(contents.data(), &asked, sizeof asked);
+    if (asked.queries > 0) {
+      std::memcpy(contents.data() + sizeof asked, queries.data(), sizeof(float) * at(dim_));
+    }
+  });
+  Asked asked;
+  std::memcpy(&asked, question_.data() + Communicator::kBlockHead, sizeof asked);
+  return asked;
 }
 
 // Room for the searches of one round. Whether it is asked for depends on what all ranks know alike:
@@ -64,11 +81,16 @@ void ShardedIndex::run(Floats queries, const Asked& asked, std::vector<Hits>& fo
     const std::int64_t count = std::min(step, asked.queries - first);
     make_room(asked.k, count);
     const std::span<float> sent = std::span(queries_).first(at(count * dim_));
-    if (ranks_.is_root()) {
-      const Floats part = queries.subspan(at(first * dim_), sent.size());
-      std::copy(part.begin(), part.end(), sent.begin());
+    if (asked.queries == 1) {
+      std::memcpy(sent.data(), question_.data() + Communicator::kBlockHead + sizeof asked,
+                  sent.size_bytes());
+    } else {
+      if (ranks_.is_root()) {
+        const Floats part = queries.subspan(at(first * dim_), sent.size());
+        std::copy(part.begin(), part.end(), sent.begin());
+      }
+      ranks_.broadcast(sent);
     }
-    ranks_.broadcast(sent);
     const std::span<Entry> lists = std::span(lists_).first(at(count * asked.k));
     std::fill(lists.begin(), lists.end(), Entry());
     local(sent.data(), lists, count);
@@ -85,7 +107,7 @@ void ShardedIndex::run(Floats queries, const Asked& asked, std::vector<Hits>& fo
 std::vector<Hits> ShardedIndex::search_full(Floats queries, std::int64_t k) {
   check_whole();
   std::vector<Hits> found;
-  const Asked asked = ranks_.from_root([&] { return ask(queries, k, total_rows_, found); });
+  const Asked asked = ask(queries, [&] { return checked(queries, k, total_rows_, found); });
   run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
     for (std::int64_t q = 0; q < count; ++q) {
       search_base(sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
@@ -109,8 +131,8 @@ void ShardedIndex::search_base(const float* query, std::span<Entry> list) {
 std::vector<Hits> ShardedIndex::search_filtered(RowTest test, Floats queries, std::int64_t k) {
   check_whole();
   std::vector<Hits> found;
-  const Asked asked = ranks_.from_root([&] {
-    Asked made = ask(queries, k, total_rows_ + next_sequence_, found);
+  const Asked asked = ask(queries, [&] {
+    Asked made = checked(queries, k, total_rows_ + next_sequence_, found);
     made.test = test;
     return made;
   });
@@ -153,10 +175,10 @@ void ShardedIndex::search_current(const RowTest& test, const float* query, std::
 std::vector<Hits> ShardedIndex::search_ivf(std::int64_t key, Floats queries, std::int64_t k) {
   check_whole();
   std::vector<Hits> found;
-  const Asked asked = ranks_.from_root([&] {
+  const Asked asked = ask(queries, [&] {
     const auto ivf = ivfs_.find(key);
     require(ivf != ivfs_.end(), "there is no IVF under key " + std::to_string(key));
-    Asked made = ask(queries, k, ivf->second.n_ids, found);
+    Asked made = checked(queries, k, ivf->second.n_ids, found);
     made.key = key;
     return made;
   });
@@ -177,11 +199,11 @@ template <typename Local>
 Hits ShardedIndex::search_candidates(Ids candidates, Floats query, std::int64_t k, Local local) {
   check_whole();
   std::vector<Hits> found;
-  const Asked asked = ranks_.from_root([&] {
+  const Asked asked = ask(query, [&] {
     require(query.size() == at(dim_), "the query has " + std::to_string(query.size()) +
                                           " floats, and the dimension is " + std::to_string(dim_));
     require_countable(candidates.size(), "candidates");
-    return ask(query, k, std::ssize(candidates), found);
+    return checked(query, k, std::ssize(candidates), found);
   });
   const std::vector<std::int64_t> all = shared_ids(candidates);
   run(query, asked, found, [&](const float* sent, std::span<Entry> list, std::int64_t) {
