@@ -10,9 +10,9 @@ SQLITE_EXTENSION_INIT1
 #include <string>
 #include <string_view>
 
-#include "../ivf/centroids.hpp"
 #include "database.h"
 #include "declaration.h"
+#include "ivf_state.h"
 #include "live_rows.h"
 #include "plan.h"
 #include "storage.h"
@@ -259,12 +259,17 @@ int read_column(sqlite3_vtab_cursor* base, sqlite3_context* context, int column)
 
 class Command {
  public:
-  Command(Table* table, std::string_view text) : table_(table), text_(text) {}
+  Command(Table* table, std::string_view text)
+      : table_(table),
+        text_(text),
+        reader_(table->declaration),
+        ivf_(table->storage, reader_, table->declaration.dim) {}
 
   void run() {
     const std::string_view name = word();
     if (name == "rebuild") {
       finish();
+      if (ivf_.nprobe()) ivf_.refill([this] { report_progress(); });
       table_->storage.begin_generation();
     } else if (name == "ivf") {
       ivf();
@@ -294,8 +299,7 @@ class Command {
     for (std::string_view option = word(); !option.empty(); option = word()) {
       if (option == "off") {
         finish();
-        table_->storage.forget("ivf_nprobe");
-        table_->storage.forget("ivf_centroids");
+        ivf_.forget();
         table_->storage.begin_generation();
         return;
       }
@@ -313,38 +317,30 @@ class Command {
     }
     if (!nlist && !nprobe) fail("an IVF needs nlist and nprobe");
     if (nlist) {
-      learn(*nlist);
-    } else if (!table_->storage.number("ivf_nprobe")) {
+      ivf_.learn(*nlist, [this] { report_progress(); });
+    } else if (!ivf_.nprobe()) {
       fail("there is no IVF yet, so nlist is needed");
     }
-    table_->storage.set("ivf_nprobe",
-                        nprobe.value_or(table_->storage.number("ivf_nprobe").value_or(8)));
+    ivf_.set_nprobe(nprobe.value_or(ivf_.nprobe().value_or(8)));
     table_->storage.begin_generation();
   }
 
-  void learn(std::int64_t nlist) {
-    const std::int64_t rows = table_->storage.count();
-    if (rows == 0) throw SqlError("an IVF is learned from rows, and there are none");
-    const std::int64_t step = std::max<std::int64_t>(rows / qx::rows_to_learn(nlist), 1);
-    Floats sample;
-    Statement statement(table_->database, table_->storage.select_rows(""));
-    for (std::int64_t row = 0; statement.step(); ++row) {
-      if (row % step != 0) continue;
-      const Floats vector = vector_of(statement.value(table_->declaration.vector_column + 1),
-                                      table_->declaration.dim, "the stored vectors");
-      sample.insert(sample.end(), vector.begin(), vector.end());
+  // A few steps of SQLite's own machine, which call the host's progress handler.
+  void report_progress() {
+    if (!steps_) {
+      steps_ = Statement(table_->database,
+                         "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n "
+                         "WHERE i < " +
+                             std::to_string(kProgressSteps) + ") SELECT count(*) FROM n");
     }
-    // A few steps of SQLite's own machine, which call the host's progress handler.
-    Statement steps(table_->database,
-                    "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < " +
-                        std::to_string(kProgressSteps) + ") SELECT count(*) FROM n");
-    const Floats centroids = qx::learn_centroids(sample, table_->declaration.dim, nlist,
-                                                 [&](std::int64_t, std::int64_t) { steps.run(); });
-    table_->storage.set("ivf_centroids", bytes_of(centroids));
+    steps_.run();
   }
 
   Table* table_;
   std::string_view text_;
+  RowReader reader_;
+  IvfState ivf_;
+  Statement steps_;
 };
 
 // ---- Writing ----

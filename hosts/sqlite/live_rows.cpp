@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "../ivf/centroids.hpp"
-#include "vectors.h"
+#include "ivf_state.h"
 
 namespace qx_sqlite {
 namespace {
@@ -70,10 +69,7 @@ const char* name_of(Way way) {
 }
 
 LiveRows::LiveRows(Storage& storage, const Declaration& declaration)
-    : storage_(storage),
-      declaration_(declaration),
-      slots_(declaration),
-      reader_(declaration_, slots_) {}
+    : storage_(storage), declaration_(declaration), reader_(declaration_) {}
 
 void LiveRows::begin() {
   writing_ = true;
@@ -125,19 +121,25 @@ void LiveRows::load() {
   ivf_lists_ = 0;
   if (writing_) loaded_while_writing_ = true;
 
-  const AllRows rows = reader_.read_all(storage_);
-  const Rows& base = rows.base;
+  AllRows rows = reader_.read_all(storage_);
+  Rows& base = rows.base;
   const Rows& sparse = rows.sparse;
+  const std::optional<Ivf> ivf = IvfState(storage_, reader_, declaration_.dim).ivf_of(base);
   qx::Index index(static_cast<std::int32_t>(declaration_.dim));
   index.build(base.vectors, base.ids, rows.partitions);
-  index.set_rowmeta(base.ids, base.labels, base.values, slots_.columns);
+  base.vectors = Floats();
+  const std::int32_t columns = reader_.slots().columns;
+  index.set_rowmeta(base.ids, base.labels, base.values, columns);
   if (!sparse.ids.empty()) {
     index.insert(sparse.vectors, sparse.ids);
-    index.set_rowmeta(sparse.ids, sparse.labels, sparse.values, slots_.columns);
+    index.set_rowmeta(sparse.ids, sparse.labels, sparse.values, columns);
     for (const std::int64_t id : sparse.ids) note_changed(id);
   }
+  if (ivf) {
+    index.set_ivf(kIvfKey, ivf->nprobe, ivf->centroids, ivf->ids, ivf->offsets);
+    ivf_lists_ = ivf->lists();
+  }
   index_ = std::move(index);
-  attach_ivf();
 }
 
 void LiveRows::note_changed(std::int64_t rowid) {
@@ -160,7 +162,7 @@ void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
       note_changed(rowid);
     }
     index_->insert(rows.vectors, rows.ids);
-    index_->set_rowmeta(rows.ids, rows.labels, rows.values, slots_.columns);
+    index_->set_rowmeta(rows.ids, rows.labels, rows.values, reader_.slots().columns);
     index_->erase(gone);
   } catch (...) {
     index_.reset();
@@ -168,34 +170,8 @@ void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
   }
 }
 
-void LiveRows::attach_ivf() {
-  const std::optional<std::int64_t> nprobe = storage_.number("ivf_nprobe");
-  if (!nprobe) return;
-  const Floats centroids = floats_of(storage_.blob("ivf_centroids"));
-  const auto dim = static_cast<std::size_t>(declaration_.dim);
-  const std::size_t lists = centroids.size() / dim;
-  if (lists * dim != centroids.size() || lists == 0 || *nprobe < 1 || *nprobe > 1 << 30) {
-    throw SqlError(SQLITE_CORRUPT_VTAB, "the stored centroids are damaged");
-  }
-  const qx::ListChooser chooser(centroids, declaration_.dim);
-  const qx::Rows base = index_->export_base();
-  std::vector<std::vector<std::int64_t>> members(lists);
-  for (std::size_t i = 0; i < base.size(); ++i) {
-    const std::int32_t list = std::max(chooser.list_of(base.vector(i)), 0);
-    members[static_cast<std::size_t>(list)].push_back(base.ids[i]);
-  }
-  std::vector<std::int64_t> ids;
-  std::vector<std::int32_t> offsets = {0};
-  for (const std::vector<std::int64_t>& list : members) {
-    ids.insert(ids.end(), list.begin(), list.end());
-    offsets.push_back(static_cast<std::int32_t>(ids.size()));
-  }
-  index_->set_ivf(kIvfKey, static_cast<std::int32_t>(*nprobe), centroids, ids, offsets);
-  ivf_lists_ = static_cast<std::int32_t>(lists);
-}
-
 qx::Filter LiveRows::filter(const Condition& condition) const {
-  const int slot = slots_.of_column[static_cast<std::size_t>(condition.column)];
+  const int slot = reader_.slots().of_column[static_cast<std::size_t>(condition.column)];
   const std::int64_t value = stored(condition.numbers[0]);
   return slot == NumberSlots::kLabel ? qx::Filter::label(value) : qx::Filter::column(slot, value);
 }
@@ -287,7 +263,7 @@ std::vector<std::int64_t> LiveRows::candidates(const std::vector<Condition>& con
   for (std::size_t i = 0; i < ids.size(); ++i) {
     const bool passes = std::all_of(conditions.begin(), conditions.end(), [&](const Condition& c) {
       if (c.column < 0) return c.passes(ids[i]);
-      const int slot = slots_.of_column[static_cast<std::size_t>(c.column)];
+      const int slot = reader_.slots().of_column[static_cast<std::size_t>(c.column)];
       return c.passes(number_of(slot == NumberSlots::kLabel
                                     ? meta.labels[i]
                                     : meta.values[i * static_cast<std::size_t>(meta.ncols) +

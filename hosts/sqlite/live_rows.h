@@ -60,7 +60,6 @@ class LiveRows {
  private:
   void load();
   void refresh(const std::vector<std::int64_t>& rowids);
-  void attach_ivf();
   void note_changed(std::int64_t rowid);
   qx::Hits ivf_hits(std::span<const float> query, std::int64_t k) const;
   std::vector<std::int64_t> candidates(const std::vector<Condition>& conditions) const;
@@ -68,7 +67,6 @@ class LiveRows {
 
   Storage& storage_;
   const Declaration& declaration_;
-  NumberSlots slots_;
   RowReader reader_;
 
   std::optional<qx::Index> index_;

@@ -82,6 +82,14 @@ NumberSlots::NumberSlots(const Declaration& declaration) {
   }
 }
 
+void Rows::clear() {
+  ids.clear();
+  vectors.clear();
+  labels.clear();
+  values.clear();
+  keys.clear();
+}
+
 void RowReader::read(const Statement& row, Rows* rows) const {
   const std::int64_t rowid = row.integer(0);
   if (row.type(0) != SQLITE_INTEGER || rowid < 0) fail(rowid, "a rowid below 0");

@@ -40,6 +40,8 @@ struct Rows {
   std::vector<std::int64_t> labels;
   std::vector<std::int64_t> values;
   std::vector<std::optional<std::int64_t>> keys;  // of the partition
+
+  void clear();
 };
 
 // All rows: those with rowids below a limit in the order of their keys, those without one first,
@@ -52,8 +54,10 @@ struct AllRows {
 
 class RowReader {
  public:
-  RowReader(const Declaration& declaration, const NumberSlots& slots)
-      : declaration_(declaration), slots_(slots) {}
+  explicit RowReader(const Declaration& declaration)
+      : declaration_(declaration), slots_(declaration) {}
+
+  const NumberSlots& slots() const { return slots_; }
 
   // Adds the row on which a statement of the storage stands.
   void read(const Statement& row, Rows* rows) const;
@@ -65,7 +69,7 @@ class RowReader {
   void sort_by_key(Rows* rows) const;
 
   const Declaration& declaration_;
-  const NumberSlots& slots_;
+  NumberSlots slots_;
 };
 
 }  // namespace qx_sqlite

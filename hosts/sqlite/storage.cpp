@@ -56,8 +56,9 @@ void Storage::create() {
   execute(database_, "CREATE TABLE " + name("rows") + "(" + columns + ")");
   execute(database_,
           "CREATE TABLE " + name("log") + "(entry INTEGER PRIMARY KEY, rowid_ INTEGER NOT NULL)");
-  execute(database_,
-          "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value) WITHOUT ROWID");
+  // With rowids, so that its keys lie apart from its values: beside a long one, every search that
+  // asks for the generation would read that, too.
+  execute(database_, "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value)");
   set("version", kVersion);
   set("generation", random_number());
 }
@@ -187,6 +188,10 @@ void Storage::forget(std::string_view key) {
   Statement statement(database_, "DELETE FROM " + name("state") + " WHERE key = ?1");
   statement.bind(1, key);
   statement.run();
+}
+
+std::int64_t Storage::longest_blob() const {
+  return sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, -1);
 }
 
 std::size_t Storage::most_floats() {

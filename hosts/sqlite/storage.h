@@ -59,6 +59,7 @@ class Storage {
   std::string select_rows(const std::string& rest) const;
 
   std::int64_t count();
+  std::int64_t longest_blob() const;
   // The vectors of all rows have no more floats than this, unless the table is damaged.
   std::size_t most_floats();
 

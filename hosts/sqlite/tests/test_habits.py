@@ -1,6 +1,7 @@
 """What users of SQLite do with any table works with this one."""
 import os
 import sqlite3
+import struct
 import subprocess
 
 import pytest
@@ -197,6 +198,43 @@ def test_an_ivf_finds_what_was_written_since(database):
     assert len(database.execute(search).fetchall()) == 9
     database.execute("INSERT INTO t(t) VALUES ('ivf off')")
     assert [row[0] for row in database.execute(search)] == [5000] + [r for r, _ in exact[1:]]
+
+
+def test_a_connection_takes_the_lists_as_they_were_filled(tmp_path):
+    first = connect(tmp_path / "lists.db")
+    first.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[2])")
+    first.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
+                      ((i, f"[{i % 37 + 1}, {i % 41 - 20}]") for i in range(500)))
+    first.execute("INSERT INTO t(t) VALUES ('ivf nlist=8 nprobe=1')")
+    queries = ["[1, 3]", "[1, 0]", "[2, -1]", "[1, -9]"]
+
+    def found(database):
+        return [rowids(database, NEAREST, [query, 3]) for query in queries]
+
+    as_filled = found(first)
+    assert all(len(hits) == 3 for hits in as_filled)
+    assert found(connect(tmp_path / "lists.db")) == as_filled
+    # What stands in the lists decides: when all rows are said to be in one, three of these are empty.
+    (stored,) = first.execute("SELECT value FROM t_state WHERE key = 'ivf_filed'").fetchone()
+    filed = [list(row) for row in struct.iter_unpack("<qiI", stored)]
+    assert [row[0] for row in filed] == list(range(500)) and len({row[1] for row in filed}) == 8
+    moved = b"".join(struct.pack("<qiI", rowid, filed[0][1], check) for rowid, _, check in filed)
+    change = "UPDATE t_state SET value = ? WHERE key = 'ivf_filed'"
+    first.execute(change, [moved])
+    empty = [hits for hits in found(connect(tmp_path / "lists.db")) if not hits]
+    assert len(empty) >= 2
+    # A row that was written since is put where it belongs, also by a rebuild.
+    first.execute("UPDATE t SET embedding = '[9, 9]' WHERE rowid = 77")
+    for _ in range(2):
+        first.execute("INSERT INTO t(t) VALUES ('rebuild')")
+        assert rowids(connect(tmp_path / "lists.db"), NEAREST, ["[9, 9]", 1]) == [77]
+    # Without what was stored, or with bytes that mean nothing, all are.
+    first.execute("UPDATE t SET embedding = '[4, 16]' WHERE rowid = 77")
+    for bytes_ in (b"", stored[:-5], stored[::-1], b"\xff" * 8000,
+                   b"".join(struct.pack("<qiI", *row[:1], 99, row[2]) for row in filed)):
+        first.execute(change, [bytes_])
+        first.execute("UPDATE t_state SET value = value + 1 WHERE key = 'generation'")
+        assert found(connect(tmp_path / "lists.db")) == as_filled
 
 
 def test_long_work_is_interrupted_by_the_progress_handler(database):

@@ -123,6 +123,7 @@ DAMAGES = {
     "DELETE FROM t_state WHERE key = 'generation'": "no generation",
     "UPDATE t_state SET value = 'x' WHERE key = 'generation'": "no generation",
     "INSERT INTO t_state VALUES ('ivf_nprobe', 3)": "the stored centroids are damaged",
+    "INSERT INTO t_state VALUES ('ivf_nprobe', 0)": "the stored number of probes is damaged",
     "DROP TABLE t_rows": "no such table",
     "DROP TABLE t_log": "no such table",
 }
