@@ -55,9 +55,15 @@ Communicator::Communicator(MPI_Comm ranks) {
   MPI_Comm_dup(ranks, &ranks_);
   MPI_Comm_rank(ranks_, &rank_);
   MPI_Comm_size(ranks_, &size_);
+  MPI_Comm_split_type(ranks_, MPI_COMM_TYPE_SHARED, rank_, MPI_INFO_NULL, &machine_);
+  MPI_Comm_rank(machine_, &machine_rank_);
+  MPI_Comm_size(machine_, &machine_size_);
 }
 
-Communicator::~Communicator() { MPI_Comm_free(&ranks_); }
+Communicator::~Communicator() {
+  MPI_Comm_free(&machine_);
+  MPI_Comm_free(&ranks_);
+}
 
 std::int64_t Communicator::sum_before(std::int64_t number) const {
   std::int64_t before = 0;

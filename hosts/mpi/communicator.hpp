@@ -89,6 +89,26 @@ class Communicator {
     raise(failure);
   }
 
+  // Runs a step on every rank, but on one after the other of each machine, so that what the step
+  // takes for a moment is taken once a machine. Throws as `together` does.
+  template <typename Step>
+  void in_turns(Step&& step) const {
+    together([&] {
+      std::exception_ptr thrown;
+      for (int turn = 0; turn < machine_size_; ++turn) {
+        if (turn == machine_rank_) {
+          try {
+            step();
+          } catch (...) {
+            thrown = std::current_exception();
+          }
+        }
+        MPI_Barrier(machine_);
+      }
+      if (thrown) std::rethrow_exception(thrown);
+    });
+  }
+
   // Runs a step on rank 0 and gives its result, or what it threw, to every rank.
   template <typename Make>
   auto from_root(Make&& make) const {
@@ -125,6 +145,9 @@ class Communicator {
   MPI_Comm ranks_ = MPI_COMM_NULL;
   int rank_ = 0;
   int size_ = 1;
+  MPI_Comm machine_ = MPI_COMM_NULL;  // the ranks that share this rank's memory
+  int machine_rank_ = 0;
+  int machine_size_ = 1;
 };
 
 }  // namespace qx

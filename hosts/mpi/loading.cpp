@@ -62,21 +62,21 @@ class Loader {
 
   // Each rank reads its own range of the rows.
   void build() {
-    std::vector<float> rows;
     std::vector<std::int64_t> ids;
     ranks_.together([&] {
-      rows.resize(at(count_ * vectors_.dim()));
-      read_own("reading rows", [&](std::int64_t place, std::int64_t count) {
-        vectors_.read(first_ + place, part_of(rows, place, count));
-      });
       if (ids_ == nullptr) return;
       ids.resize(at(count_));
       ids_->read(first_, std::span(ids));
     });
+    const auto read = [&](std::span<float> rows) {
+      read_own("reading rows", [&](std::int64_t place, std::int64_t count) {
+        vectors_.read(first_ + place, part_of(rows, place, count));
+      });
+    };
     if (ids_ == nullptr) {
-      index_.build(rows);
+      index_.build_from(count_, read);
     } else {
-      index_.build(rows, ShardedIndex::Ids(ids));
+      index_.build_from(count_, read, ShardedIndex::Ids(ids));
     }
   }
 
@@ -125,8 +125,8 @@ class Loader {
   }
 
  private:
-  std::span<float> part_of(std::vector<float>& rows, std::int64_t place, std::int64_t count) const {
-    return std::span(rows).subspan(at(place * vectors_.dim()), at(count * vectors_.dim()));
+  std::span<float> part_of(std::span<float> rows, std::int64_t place, std::int64_t count) const {
+    return rows.subspan(at(place * vectors_.dim()), at(count * vectors_.dim()));
   }
 
   // Calls read(place, count) for one part of this rank's rows after the other.

@@ -91,7 +91,10 @@ void NpyFile::read_shape(const std::string& header, Content content) {
   const bool vectors = content == Content::kVectors;
   const std::string wanted = vectors ? "'<f4'" : "'<i8'";
   const std::string type = value_of(header, "descr");
-  if (type != wanted) fail("its numbers are " + type + ", and must be " + wanted);
+  if (type != wanted) {
+    fail("its numbers are " + type + ", and must be " + wanted + ": save array.astype(" + wanted +
+         ")");
+  }
   const std::vector<std::int64_t> shape = numbers_of(value_of(header, "shape"));
   if (shape.size() != (vectors ? 2u : 1u)) {
     fail(vectors ? "not a matrix of vectors: it needs two dimensions"

@@ -15,15 +15,17 @@ constexpr std::int64_t kIdsPerRound = std::int64_t{1} << 20;
 
 }  // namespace
 
-void ShardedIndex::check_given(Floats vectors, const std::optional<Ids>& ids) const {
-  const auto width = at(dim_);
-  require(vectors.size() % width == 0, "the vectors are " + std::to_string(vectors.size()) +
-                                           " floats, no multiple of the dimension " +
-                                           std::to_string(dim_));
+void ShardedIndex::check_vectors(Floats vectors) const {
+  require(vectors.size() % at(dim_) == 0, "the vectors are " + std::to_string(vectors.size()) +
+                                              " floats, no multiple of the dimension " +
+                                              std::to_string(dim_));
+}
+
+void ShardedIndex::check_ids(std::int64_t rows, const std::optional<Ids>& ids) const {
+  require(rows >= 0, "there are " + std::to_string(rows) + " rows");
   if (!ids) return;
-  require(
-      ids->size() == vectors.size() / width,
-      std::to_string(ids->size()) + " ids for " + std::to_string(vectors.size() / width) + " rows");
+  require(std::ssize(*ids) == rows,
+          std::to_string(ids->size()) + " ids for " + std::to_string(rows) + " rows");
   for (const std::int64_t id : *ids) {
     require(id >= 0 && id < kIdLimit, "the id " + std::to_string(id) + " is outside 0 to 2^40 - 1");
   }
@@ -76,34 +78,55 @@ void ShardedIndex::check_distinct(Ids ids) const {
 
 void ShardedIndex::build(Floats vectors, std::optional<Ids> ids) {
   check_whole();
-  ranks_.together([&] { check_given(vectors, ids); });
+  ranks_.together([&] { check_vectors(vectors); });
+  Base base = prepare(std::ssize(vectors) / dim_, ids);
+  ranks_.together([&] { base.engine->build(vectors, base.numbers); });
+  replace_base(base);
+}
+
+void ShardedIndex::build_from(std::int64_t rows, const Read& read, std::optional<Ids> ids) {
+  check_whole();
+  Base base = prepare(rows, ids);
+  ranks_.in_turns([&] {
+    std::vector<float> vectors(at(rows * dim_));
+    read(vectors);
+    base.engine->build(vectors, base.numbers);
+  });
+  replace_base(base);
+}
+
+// All of a base but its vectors.
+ShardedIndex::Base ShardedIndex::prepare(std::int64_t rows, const std::optional<Ids>& ids) const {
+  ranks_.together([&] { check_ids(rows, ids); });
   const std::int64_t with_ids = ranks_.sum(ids ? 1 : 0);
   require(with_ids == 0 || with_ids == ranks_.size(), "some ranks give ids and others do not");
-  const std::int64_t rows = std::ssize(vectors) / dim_;
-  const std::int64_t first = ranks_.sum_before(rows);
-  const std::int64_t total = ranks_.sum(rows);
-  require(total <= kIdLimit, "the base has more than 2^40 rows");
+  Base base;
+  base.first_row = ranks_.sum_before(rows);
+  base.total_rows = ranks_.sum(rows);
+  require(base.total_rows <= kIdLimit, "the base has more than 2^40 rows");
   if (ids) check_distinct(*ids);
-  std::optional<Index> base;
-  std::vector<std::int64_t> own_ids;
-  std::vector<std::int64_t> by_id;
   ranks_.together([&] {
-    by_id.resize(at(rows));
-    std::iota(by_id.begin(), by_id.end(), 0);
-    base.emplace(dim_);
-    base->build(vectors, by_id);
-    if (ids) own_ids.assign(ids->begin(), ids->end());
-    std::sort(by_id.begin(), by_id.end(), [&](std::int64_t one, std::int64_t other) {
-      return own_ids.empty() ? one < other : own_ids[at(one)] < own_ids[at(other)];
-    });
-    if (!ids) by_id = {};
+    base.numbers.resize(at(rows));
+    std::iota(base.numbers.begin(), base.numbers.end(), 0);
+    base.engine.emplace(dim_);
+    if (!ids) return;
+    base.ids.assign(ids->begin(), ids->end());
+    base.rows_by_id = base.numbers;
+    std::sort(base.rows_by_id.begin(), base.rows_by_id.end(),
+              [&](std::int64_t one, std::int64_t other) {
+                return base.ids[at(one)] < base.ids[at(other)];
+              });
   });
-  base_ = std::move(base);
-  ids_ = std::move(own_ids);
-  rows_by_id_ = std::move(by_id);
-  rows_ = rows;
-  first_row_ = first;
-  total_rows_ = total;
+  return base;
+}
+
+void ShardedIndex::replace_base(Base& base) {
+  base_ = std::move(base.engine);
+  ids_ = std::move(base.ids);
+  rows_by_id_ = std::move(base.rows_by_id);
+  rows_ = std::ssize(base.numbers);
+  first_row_ = base.first_row;
+  total_rows_ = base.total_rows;
   ivfs_.clear();
   replay_changes();
 }

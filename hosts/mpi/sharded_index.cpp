@@ -86,7 +86,7 @@ std::int64_t ShardedIndex::visible_count() const {
 void ShardedIndex::insert(Floats vectors, Ids ids) {
   check_whole();
   const std::int64_t count = ranks_.from_root([&] {
-    check_given(vectors, std::nullopt);
+    check_vectors(vectors);
     const std::int64_t rows = std::ssize(vectors) / dim_;
     require(rows == std::ssize(ids),
             std::to_string(ids.size()) + " ids for " + std::to_string(rows) + " rows");

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <qx_runtime.hpp>
@@ -62,6 +63,10 @@ class ShardedIndex {
   // 2^40 - 1; without them, a row's id is its number. Delta, tombstones and metadata stay; IVF
   // structures do not.
   void build(Floats vectors, std::optional<Ids> ids = std::nullopt);
+  // The same of vectors that `read` puts where it is told: a rank's rows, all at once. The ranks of
+  // one machine take turns, so that one of them at a time holds its rows twice.
+  using Read = std::function<void(std::span<float>)>;
+  void build_from(std::int64_t rows, const Read& read, std::optional<Ids> ids = std::nullopt);
 
   void insert(Floats vectors, Ids ids);
   void erase(Ids ids);
@@ -90,6 +95,15 @@ class ShardedIndex {
     std::int64_t sequence = -1;  // when it was first inserted, or -1
     bool deleted = false;
     bool described = false;  // has had metadata
+  };
+  // This rank's part of a base that is being built.
+  struct Base {
+    std::optional<Index> engine;
+    std::vector<std::int64_t> numbers;  // of the local rows, which are their ids in the engine
+    std::vector<std::int64_t> ids;
+    std::vector<std::int64_t> rows_by_id;
+    std::int64_t first_row = 0;
+    std::int64_t total_rows = 0;
   };
   // The part of an IVF structure that lies here: all centroids, and of each list the rows of this
   // rank, in the list's order; of each row its list and its place in the list of all ranks.
@@ -136,9 +150,12 @@ class ShardedIndex {
   void change(Step&& step);
   std::vector<std::int64_t> shared_ids(Ids ids) const;
 
-  void check_given(Floats vectors, const std::optional<Ids>& ids) const;
+  void check_vectors(Floats vectors) const;
+  void check_ids(std::int64_t rows, const std::optional<Ids>& ids) const;
   void check_distinct(Ids ids) const;
   void route(Ids ids, std::vector<std::int64_t>& received) const;
+  Base prepare(std::int64_t rows, const std::optional<Ids>& ids) const;
+  void replace_base(Base& base);
   void replay_changes();
   void replay_changes_of(int owner);
   void hide_rows(Ids ids);

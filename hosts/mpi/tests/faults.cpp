@@ -79,6 +79,14 @@ void no_memory() {
   index.build(rows);
 }
 
+// Reading that fails on one rank of those that take turns.
+void no_rows() {
+  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
+  index.build_from(2, [](std::span<float>) {
+    if (rank_here() == 1) throw std::runtime_error("the rows are gone");
+  });
+}
+
 // A change that one rank cannot make, and the call after it.
 void no_memory_in_a_change() {
   qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 16);
@@ -197,6 +205,7 @@ int run_case(const std::string& name) {
       {"some_ids", some_ids},
       {"id_outside", id_outside},
       {"no_memory", no_memory},
+      {"no_rows", no_rows},
       {"no_memory_in_a_change", no_memory_in_a_change},
       {"no_memory_in_a_search", no_memory_in_a_search},
       {"wrong_query", wrong_query},

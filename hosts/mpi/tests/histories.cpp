@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -133,10 +134,15 @@ class History {
     size_ = static_cast<std::size_t>(count);
     const std::span<const float> part = std::span(vectors).subspan(
         from_ * static_cast<std::size_t>(dim_), size_ * static_cast<std::size_t>(dim_));
-    if (numbered) {
-      index_.build(part);
+    const auto ids = numbered
+                         ? std::nullopt
+                         : std::optional(std::span<const std::int64_t>(pool).subspan(from_, size_));
+    if (percent(50)) {
+      index_.build(part, ids);
     } else {
-      index_.build(part, std::span<const std::int64_t>(pool).subspan(from_, size_));
+      index_.build_from(
+          count, [&](std::span<float> into) { std::copy(part.begin(), part.end(), into.begin()); },
+          ids);
     }
     base_ids_ = pool;
     has_lists_ = false;
