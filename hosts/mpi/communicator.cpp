@@ -58,6 +58,9 @@ Communicator::Communicator(MPI_Comm ranks) {
   MPI_Comm_split_type(ranks_, MPI_COMM_TYPE_SHARED, rank_, MPI_INFO_NULL, &machine_);
   MPI_Comm_rank(machine_, &machine_rank_);
   MPI_Comm_size(machine_, &machine_size_);
+  int lowest = rank_;
+  MPI_Allreduce(MPI_IN_PLACE, &lowest, 1, MPI_INT, MPI_MIN, machine_);
+  on_root_machine_ = lowest == 0;
 }
 
 Communicator::~Communicator() {

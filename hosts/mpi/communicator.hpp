@@ -52,6 +52,7 @@ class Communicator {
   int rank() const { return rank_; }
   int size() const { return size_; }
   bool is_root() const { return rank_ == 0; }
+  bool is_on_root_machine() const { return on_root_machine_; }
 
   // Runs a step on every rank. If it throws on any, every rank throws what the lowest of those
   // threw, with that rank's number before the message.
@@ -148,6 +149,7 @@ class Communicator {
   MPI_Comm machine_ = MPI_COMM_NULL;  // the ranks that share this rank's memory
   int machine_rank_ = 0;
   int machine_size_ = 1;
+  bool on_root_machine_ = true;
 };
 
 }  // namespace qx

@@ -69,7 +69,10 @@ class Loader {
       ids_->read(first_, std::span(ids));
     });
     const auto read = [&](std::span<float> rows) {
-      read_own("reading rows", [&](std::int64_t place, std::int64_t count) {
+      // Of the ranks that take turns, those of one machine speak, one after the other.
+      Progress progress(ranks_.is_on_root_machine(),
+                        "rank " + std::to_string(ranks_.rank()) + " reads rows");
+      read_own(progress, [&](std::int64_t place, std::int64_t count) {
         vectors_.read(first_ + place, part_of(rows, place, count));
       });
     };
@@ -131,8 +134,7 @@ class Loader {
 
   // Calls read(place, count) for one part of this rank's rows after the other.
   template <typename Read>
-  void read_own(const char* work, Read read) const {
-    Progress progress(ranks_.is_root(), work);
+  void read_own(Progress& progress, Read read) const {
     const std::int64_t step =
         std::max<std::int64_t>(1, kBytesPerPart / (4 * std::int64_t{vectors_.dim()}));
     for (std::int64_t place = 0; place < count_; place += step) {
@@ -158,7 +160,8 @@ class Loader {
     const ListChooser chooser(centroids, vectors_.dim());
     std::vector<std::int32_t> lists(at(count_));
     std::vector<float> rows;
-    read_own("filling lists", [&](std::int64_t place, std::int64_t count) {
+    Progress progress(ranks_.is_root(), "filling lists");
+    read_own(progress, [&](std::int64_t place, std::int64_t count) {
       rows.resize(at(count * vectors_.dim()));
       vectors_.read(first_ + place, std::span(rows));
       for (std::int64_t i = 0; i < count; ++i) {

@@ -8,7 +8,7 @@ namespace qx {
 
 class Progress {
  public:
-  // Only a rank that `speaks` says anything, so that one does for all.
+  // Only a rank that `speaks` says anything, so that some do for all.
   Progress(bool speaks, std::string work);
   void at(std::int64_t done, std::int64_t total);
 

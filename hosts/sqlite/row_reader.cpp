@@ -1,7 +1,7 @@
 #include "row_reader.h"
 
 #include <algorithm>
-#include <new>
+#include <exception>
 #include <numeric>
 #include <span>
 #include <string>
@@ -138,8 +138,8 @@ AllRows RowReader::read_all(Storage& storage) const {
   AllRows all;
   try {
     all.base.vectors.reserve(storage.most_floats());
-  } catch (const std::bad_alloc&) {
-    // It was more than there may be: the array grows as it must.
+  } catch (const std::exception&) {
+    // More than there is, or a host that forbids to ask: the array then grows as it must.
   }
   {
     Statement& statement = storage.all_rows();

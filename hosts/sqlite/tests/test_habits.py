@@ -253,3 +253,23 @@ def test_long_work_is_interrupted_by_the_progress_handler(database):
     database.set_progress_handler(None, 0)
     assert len(database.execute("SELECT rowid FROM t WHERE embedding MATCH '[1, 1]' AND k = 3"
                                 ).fetchall()) == 3
+
+
+def test_a_host_that_forbids_pragmas(database):
+    database.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[1])")
+    database.execute("INSERT INTO t(rowid, embedding) VALUES (1, '[1]'), (2, '[3]')")
+    database.set_authorizer(lambda operation, *_: sqlite3.SQLITE_DENY
+                            if operation == sqlite3.SQLITE_PRAGMA else sqlite3.SQLITE_OK)
+    with pytest.raises(sqlite3.DatabaseError, match="not authorized"):
+        database.execute("PRAGMA page_count")
+    assert rowids(database, NEAREST, ["[1]", 9]) == [2, 1]
+
+
+def test_every_database_of_a_connection(database):
+    database.execute("ATTACH ':memory:' AS \"a name\"")
+    for schema in ("main", "temp", '"a name"'):
+        database.execute(f"CREATE VIRTUAL TABLE {schema}.t USING qx(embedding float[1])")
+        database.execute(f"INSERT INTO {schema}.t(rowid, embedding) VALUES (1, '[1]'), (2, '[3]')")
+        found = database.execute(f"SELECT rowid FROM {schema}.t WHERE embedding MATCH '[1]' AND k = 1")
+        assert found.fetchall() == [(2,)]
+        database.execute(f"DROP TABLE {schema}.t")
