@@ -5,14 +5,14 @@ as ranks on different machines do. What crosses the cards is counted. It needs r
 """
 import contextlib
 import json
-import os
 import pathlib
 import subprocess
 import sys
 import tempfile
 
+from mpirun import ENVIRONMENT
+
 NAME = "qxmpi"
-ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
 # mpirun starts its helper on another machine by `AGENT ADDRESS COMMAND`, as by ssh.
 AGENT = f"""#!/bin/sh
 machine={NAME}$((${{1##*.}} - 1))

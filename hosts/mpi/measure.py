@@ -17,7 +17,9 @@ import tempfile
 
 import numpy as np
 
-from machines import ENVIRONMENT, Machines
+from machines import Machines
+from mpirun import mpirun
+from plan import ENTRY, QUESTION, write_between
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "hosts"))
@@ -25,7 +27,6 @@ from word_vectors import read_words
 
 MARKS = ("<!-- measure.py -->", "<!-- end of measure.py -->")
 RANKS = (1, 2, 4, 7)
-ENTRY, QUESTION = 20, 48
 
 
 def write_bases(folder):
@@ -46,9 +47,7 @@ def write_bases(folder):
 
 
 def on_one_machine(ranks, command):
-    line = ["mpirun", "--quiet", "--oversubscribe", "-n", str(ranks), *map(str, command)]
-    return subprocess.run(line, env=ENVIRONMENT, capture_output=True, text=True, timeout=600,
-                          check=True).stdout
+    return mpirun(ranks, command, timeout=600, check=True).stdout
 
 
 def times(printed):
@@ -125,14 +124,12 @@ def main():
         sys.exit("measure: network namespaces need root")
     if not options.tool.exists():
         sys.exit(f"measure: {options.tool} is not built; hosts/mpi/demo does that")
-    before, rest = options.file.read_text().split(MARKS[0])
-    after = rest.split(MARKS[1])[1]
     try:
         with tempfile.TemporaryDirectory() as folder:
             tables = measure(pathlib.Path(folder), options)
     except subprocess.CalledProcessError as error:
         sys.exit(f"measure: {error}\n{error.stderr}")
-    options.file.write_text(f"{before}{MARKS[0]}\n\n{tables}\n\n{MARKS[1]}{after}")
+    write_between(options.file, MARKS, tables)
     print(f"the tables of {options.file} are those of this run")
 
 

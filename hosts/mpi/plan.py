@@ -142,6 +142,17 @@ def tables(options):
     return "\n\n".join("\n".join(part) for part in parts)
 
 
+def parts_of(file, marks):
+    """What stands in a file before two marks, between them, and after."""
+    before, rest = file.read_text().split(marks[0])
+    return before, *rest.split(marks[1])
+
+
+def write_between(file, marks, text):
+    before, _, after = parts_of(file, marks)
+    file.write_text(f"{before}{marks[0]}\n\n{text}\n\n{marks[1]}{after}")
+
+
 def main():
     parser = argparse.ArgumentParser(prog="plan.py", description=__doc__.splitlines()[0])
     parser.add_argument("--ranks", type=int, default=8, help="ranks on each machine (8)")
@@ -156,11 +167,9 @@ def main():
     if file is None:
         print(made)
         return
-    before, rest = file.read_text().split(MARKS[0])
-    there, after = rest.split(MARKS[1])
     if options.write:
-        file.write_text(f"{before}{MARKS[0]}\n\n{made}\n\n{MARKS[1]}{after}")
-    elif there.strip() != made:
+        write_between(file, MARKS, made)
+    elif parts_of(file, MARKS)[1].strip() != made:
         sys.exit(f"plan: {file} has other tables; run plan.py --write {file}")
     print(f"the tables of {file} are those of the simulation")
 

@@ -4,12 +4,13 @@
 words.py [--full] [--ranks N] [--tool FILE] [--folder FOLDER] [WORD]...
 """
 import argparse
-import os
 import pathlib
 import subprocess
 import sys
 
 import numpy as np
+
+from mpirun import mpirun
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "hosts"))
@@ -31,14 +32,9 @@ def write_files(folder, words, vectors, asked):
 
 def search(options, arguments):
     """The lines that the tool prints: query, place, id, score."""
-    # mpirun wants to be told twice that root may run it.
-    environment = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1",
-                                "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
-    command = ["mpirun", "--oversubscribe", "-n", str(options.ranks), str(options.tool.resolve()),
-               "--vectors", "vectors.npy", "--queries", "queries.npy", "--k", str(NEIGHBOURS),
-               *arguments]
-    ran = subprocess.run(command, cwd=options.folder, env=environment, capture_output=True,
-                         text=True, timeout=300)
+    command = [options.tool.resolve(), "--vectors", "vectors.npy", "--queries", "queries.npy",
+               "--k", NEIGHBOURS, *arguments]
+    ran = mpirun(options.ranks, command, cwd=options.folder, timeout=300)
     if ran.returncode != 0:
         sys.exit(f"words: the search failed\n{ran.stderr}")
     return [line.split("\t") for line in ran.stdout.splitlines()]

@@ -54,7 +54,7 @@ def main():
     parser = argparse.ArgumentParser(prog="words.py", description=__doc__.splitlines()[0])
     parser.add_argument("--full", action="store_true", help="all words, which are fetched once")
     parser.add_argument("--database", default=":memory:")
-    parser.add_argument("--extension", default=str(ROOT / "build/hosts/hosts/sqlite/qx"))
+    parser.add_argument("--extension", default=str(ROOT / "build/sqlite/hosts/sqlite/qx"))
     parser.add_argument("words", nargs="*", default=["king", "river"])
     options = parser.parse_args()
     try:

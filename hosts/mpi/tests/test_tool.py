@@ -2,20 +2,22 @@
 import os
 import pathlib
 import subprocess
+import sys
 
 import numpy as np
 import pytest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+from mpirun import ENVIRONMENT, mpirun
+
 TOOL = os.environ["QX_MPI_TOOL"]
 # After an error, mpirun waits a second for ranks that have not ended, unless told otherwise.
-ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1",
-                            "OMPI_MCA_odls_base_sigkill_timeout": "0"}
+ENVIRONMENT = ENVIRONMENT | {"OMPI_MCA_odls_base_sigkill_timeout": "0"}
 LIMIT = 60  # seconds, after which a run counts as one that hangs
 
 
 def run(ranks, *arguments):
-    command = ["mpirun", "--quiet", "--oversubscribe", "-n", str(ranks), TOOL, *map(str, arguments)]
-    return subprocess.run(command, env=ENVIRONMENT, capture_output=True, text=True, timeout=LIMIT)
+    return mpirun(ranks, [TOOL, *arguments], ENVIRONMENT, timeout=LIMIT)
 
 
 def results(ranks, *arguments):
