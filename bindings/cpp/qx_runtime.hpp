@@ -168,8 +168,12 @@ class Filter {
   static Filter label(std::int64_t value) { return {1, 0, value}; }
   static Filter column(std::int32_t column, std::int64_t value) { return {2, column, value}; }
 
+  // As qx_index_search_filtered takes them.
+  std::uint32_t mode() const { return mode_; }
+  std::int32_t column() const { return column_; }
+  std::int64_t value() const { return value_; }
+
  private:
-  friend class Index;
   Filter(std::uint32_t mode, std::int32_t column, std::int64_t value)
       : mode_(mode), column_(column), value_(value) {}
 
@@ -411,17 +415,17 @@ class Index {
                               std::span<float> scores) const {
     check_filter(filter);
     const std::int32_t k = check_search(query, ids, scores);
-    return filled(
-        ids, scores,
-        qx_index_search_filtered(open(), filter.mode_, filter.column_, filter.value_, query.data(),
-                                 static_cast<std::uint32_t>(k), ids.data(), scores.data()));
+    return filled(ids, scores,
+                  qx_index_search_filtered(open(), filter.mode(), filter.column(), filter.value(),
+                                           query.data(), static_cast<std::uint32_t>(k), ids.data(),
+                                           scores.data()));
   }
 
   std::vector<std::int64_t> match_ids(const Filter& filter) const {
     check_filter(filter);
     std::vector<std::int64_t> ids(static_cast<std::size_t>(visible_count()));
     ids.resize(static_cast<std::size_t>(
-        qx_index_match_ids(open(), filter.mode_, filter.column_, filter.value_, ids.data())));
+        qx_index_match_ids(open(), filter.mode(), filter.column(), filter.value(), ids.data())));
     return ids;
   }
 
@@ -599,8 +603,9 @@ class Index {
 
   void check_filter(const Filter& filter) const {
     open();
-    require(filter.mode_ != 2 || (filter.column_ >= 0 && filter.column_ < ncols_),
-            [&] { return "column " + text(filter.column_) + " of an index with " + text(ncols_); });
+    require(filter.mode() != 2 || (filter.column() >= 0 && filter.column() < ncols_), [&] {
+      return "column " + text(filter.column()) + " of an index with " + text(ncols_);
+    });
   }
 
   template <typename One, typename Other>

@@ -25,11 +25,10 @@ std::span<const float> part_of(const std::vector<float>& queries, std::int64_t f
 
 std::vector<Hits> search(const Options& options, std::span<const float> queries,
                          ShardedIndex& index) {
-  constexpr std::uint32_t kByLabel = 1;
   if (options.exact) return index.search_full(queries, options.k);
   if (options.lists > 0) return index.search_ivf(kLearnedLists, queries, options.k);
-  const RowTest test = options.label ? RowTest{kByLabel, 0, *options.label} : RowTest();
-  return index.search_filtered(test, queries, options.k);
+  const Filter filter = options.label ? Filter::label(*options.label) : Filter::all();
+  return index.search_filtered(filter, queries, options.k);
 }
 
 void print_results(const Options& options, const std::vector<float>& queries, std::int64_t count,

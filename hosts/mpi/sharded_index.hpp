@@ -9,7 +9,7 @@
 //   qx::ShardedIndex index(MPI_COMM_WORLD, 100);
 //   index.build(my_vectors);                         rows of rank 0 first, then of rank 1, ...
 //   index.insert(vectors, ids);
-//   std::vector<qx::Hits> found = index.search_filtered({}, queries, 10);
+//   std::vector<qx::Hits> found = index.search_filtered(qx::Filter::all(), queries, 10);
 //
 // Two engines to a rank. The base engine has the rank's rows under their local numbers, so that its
 // table of ids is small whatever the ids are. The delta engine has the rows that were inserted,
@@ -32,13 +32,6 @@
 #include "top_list.hpp"
 
 namespace qx {
-
-// Which rows pass: mode, column and value of qx_index_search_filtered. Every row, as it stands.
-struct RowTest {
-  std::uint32_t mode = 0;
-  std::int32_t column = 0;
-  std::int64_t value = 0;
-};
 
 // The first row of a rank and the number of its rows, when `rows` are dealt out evenly.
 std::pair<std::int64_t, std::int64_t> rows_of_rank(int rank, int ranks, std::int64_t rows);
@@ -84,7 +77,7 @@ class ShardedIndex {
 
   // The k best rows for each query; the queries lie one after the other.
   std::vector<Hits> search_full(Floats queries, std::int64_t k);
-  std::vector<Hits> search_filtered(RowTest test, Floats queries, std::int64_t k);
+  std::vector<Hits> search_filtered(Filter filter, Floats queries, std::int64_t k);
   std::vector<Hits> search_ivf(std::int64_t key, Floats queries, std::int64_t k);
   Hits search_mvcc(Ids candidates, Floats query, std::int64_t k);
   Hits scatter_topk(Ids candidates, Floats query, std::int64_t k);
@@ -126,7 +119,7 @@ class ShardedIndex {
   struct Asked {
     std::int64_t queries;
     std::int64_t k;
-    RowTest test;
+    Filter filter;
     std::int64_t key;
   };
   // For how much there is room on every rank: k, entries of lists, and queries.
@@ -178,7 +171,7 @@ class ShardedIndex {
   template <typename Local>
   void run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local);
   void search_base(const float* query, std::span<Entry> list);
-  void search_current(const RowTest& test, const float* query, std::span<Entry> list);
+  void search_current(const Filter& filter, const float* query, std::span<Entry> list);
   void search_lists(const Ivf& ivf, const float* query, std::span<Entry> list);
   template <typename Local>
   Hits search_candidates(Ids candidates, Floats query, std::int64_t k, Local local);

@@ -36,7 +36,7 @@ ShardedIndex::Asked ShardedIndex::checked(Floats queries, std::int64_t k, std::i
     hits.ids.reserve(at(results));
     hits.scores.reserve(at(results));
   }
-  return {count, results, {}, 0};
+  return {count, results, Filter::all(), 0};
 }
 
 // Sends what rank 0 was asked to all ranks, and the first query with it: a single one needs no
@@ -50,7 +50,7 @@ ShardedIndex::Asked ShardedIndex::ask(Floats queries, Check check) {
       std::memcpy(contents.data() + sizeof asked, queries.data(), sizeof(float) * at(dim_));
     }
   });
-  Asked asked;
+  Asked asked{0, 0, Filter::all(), 0};
   std::memcpy(&asked, question_.data() + Communicator::kBlockHead, sizeof asked);
   return asked;
 }
@@ -128,27 +128,27 @@ void ShardedIndex::search_base(const float* query, std::span<Entry> list) {
 
 // ---- What is visible now ----
 
-std::vector<Hits> ShardedIndex::search_filtered(RowTest test, Floats queries, std::int64_t k) {
+std::vector<Hits> ShardedIndex::search_filtered(Filter filter, Floats queries, std::int64_t k) {
   check_whole();
   std::vector<Hits> found;
   const Asked asked = ask(queries, [&] {
     Asked made = checked(queries, k, total_rows_ + next_sequence_, found);
-    made.test = test;
+    made.filter = filter;
     return made;
   });
   run(queries, asked, found, [&](const float* sent, std::span<Entry> lists, std::int64_t count) {
     for (std::int64_t q = 0; q < count; ++q) {
-      search_current(asked.test, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
+      search_current(asked.filter, sent + q * dim_, lists.subspan(at(q * asked.k), at(asked.k)));
     }
   });
   return found;
 }
 
-void ShardedIndex::search_current(const RowTest& test, const float* query, std::span<Entry> list) {
+void ShardedIndex::search_current(const Filter& filter, const float* query, std::span<Entry> list) {
   const std::span<Entry> of_delta = std::span(parts_).first(list.size());
   const std::span<Entry> of_base = std::span(parts_).subspan(list.size(), list.size());
   const auto search = [&](const Index& engine) {
-    qx_index_search_filtered(engine.handle(), test.mode, test.column, test.value, query,
+    qx_index_search_filtered(engine.handle(), filter.mode(), filter.column(), filter.value(), query,
                              static_cast<std::uint32_t>(list.size()), slot_ids_.data(),
                              slot_scores_.data());
   };

@@ -101,7 +101,7 @@ void no_memory_in_a_change() {
       index.insert(rows, ids);
     }
   } catch (const std::bad_alloc&) {
-    index.search_filtered({}, Floats(rank_here() == 0 ? 1 << 16 : 0), 1);
+    index.search_filtered(qx::Filter::all(), Floats(rank_here() == 0 ? 1 << 16 : 0), 1);
   }
 }
 

@@ -93,6 +93,13 @@ class History {
     for (std::int64_t& id : drawn) id = draw_id();
     return drawn;
   }
+  qx::Filter draw_filter() {
+    const std::int64_t kind = between(0, 2);
+    const std::int64_t value = percent(40) ? -1 : between(-1, 3);
+    if (kind == 0) return qx::Filter::all();
+    if (kind == 1) return qx::Filter::label(value);
+    return qx::Filter::column(static_cast<std::int32_t>(between(-1, columns_)), value);
+  }
   std::int64_t draw_k() { return percent(20) ? between(50, 1000) : between(1, 12); }
 
   // What the other ranks give must not matter.
@@ -259,14 +266,13 @@ class History {
   }
 
   void search_current(const Floats& asked, std::int64_t queries, std::int64_t k) {
-    const qx::RowTest test{static_cast<std::uint32_t>(between(0, 2)),
-                           static_cast<std::int32_t>(between(-1, columns_)),
-                           percent(40) ? -1 : between(-1, 3)};
-    const auto found = index_.search_filtered(is_root() ? test : qx::RowTest{}, own(asked), k);
+    const qx::Filter filter = draw_filter();
+    const auto found =
+        index_.search_filtered(is_root() ? filter : qx::Filter::all(), own(asked), k);
     compare_all("search_filtered", found, queries, k,
                 [&](std::int64_t q, std::int64_t* ids, float* scores) {
-                  return qx_index_search_filtered(reference_, test.mode, test.column, test.value,
-                                                  asked.data() + q * dim_,
+                  return qx_index_search_filtered(reference_, filter.mode(), filter.column(),
+                                                  filter.value(), asked.data() + q * dim_,
                                                   static_cast<std::uint32_t>(k), ids, scores);
                 });
   }

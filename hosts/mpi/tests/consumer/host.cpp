@@ -10,7 +10,7 @@ void search() {
   const float own[] = {static_cast<float>(index.ranks().rank()), 1};
   index.build(own);
   const float query[] = {1, 0};
-  for (const qx::Hits& hits : index.search_filtered({}, query, 2)) {
+  for (const qx::Hits& hits : index.search_filtered(qx::Filter::all(), query, 2)) {
     for (const qx::Hit hit : hits) {
       std::printf("id %d, score %g; ", static_cast<int>(hit.id), static_cast<double>(hit.score));
     }
