@@ -120,6 +120,8 @@ def main():
     parser.add_argument("--tool", type=pathlib.Path, default=ROOT / "build/mpi/hosts/mpi/qx-mpi")
     parser.add_argument("--file", type=pathlib.Path, default=ROOT / "docs/SCALE.md")
     options = parser.parse_args()
+    if options.seconds < 1 or options.rounds < 1:
+        parser.error("--seconds and --rounds are 1 or more")
     if os.geteuid() != 0:
         sys.exit("measure: network namespaces need root")
     if not options.tool.exists():

@@ -144,6 +144,8 @@ def main():
     parser.add_argument("--rounds", type=int, default=21)
     parser.add_argument("--folder", help="where the databases are made")
     options = parser.parse_args()
+    if options.rows < DELETED or options.rounds < 1:
+        parser.error(f"--rows is {DELETED:,} or more, --rounds is 1 or more")
     load_before = os.getloadavg()[0]
     vectors = read_words(full=True)[1]
     tables = measure(f"{len(vectors):,} words of dimension 100", vectors, options.rounds, options)
