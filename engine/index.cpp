@@ -7,6 +7,7 @@
 
 #include "qx_index.h"
 #include "rows.h"
+#include "support/fp_environment.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ float* copy_vectors(const float* source, std::int64_t count) {
   if (count == 0) return nullptr;
   auto* const block = static_cast<float*>(qx::allocate_at_line(count + 1, sizeof(float)));
   std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(float));
-  block[count] = largest_magnitude(block, count);
+  qx::in_default_fp_environment([&] { block[count] = largest_magnitude(block, count); });
   return block;
 }
 

@@ -7,6 +7,7 @@
 #include "rows.h"
 #include "scan.h"
 #include "support/bits.h"
+#include "support/fp_environment.h"
 
 namespace qx {
 namespace {
@@ -43,15 +44,17 @@ Array<float> score_centroids(const QxIvf& ivf, std::int64_t width, const float* 
 // not chosen again. Fills `lists`, best first, -1 where none is left: a list whose score is a NaN
 // or not above kEmptyScore is never chosen, and among equal scores the first list comes first.
 void choose_lists(Array<float>& scores, std::int64_t wanted, std::int64_t* lists) {
-  float best_scores[kListsPerPass];
-  TopK best(lists, best_scores, wanted);
-  for (std::int64_t first = 0; first < scores.length; first += kBlockRows) {
-    std::int64_t numbers[kBlockRows];
-    const std::int64_t count = std::min(kBlockRows, scores.length - first);
-    std::iota(numbers, numbers + count, first);
-    best.offer(scores.data + first, numbers, count);
-  }
-  best.finish();
+  in_default_fp_environment([&] {
+    float best_scores[kListsPerPass];
+    TopK best(lists, best_scores, wanted);
+    for (std::int64_t first = 0; first < scores.length; first += kBlockRows) {
+      std::int64_t numbers[kBlockRows];
+      const std::int64_t count = std::min(kBlockRows, scores.length - first);
+      std::iota(numbers, numbers + count, first);
+      best.offer(scores.data + first, numbers, count);
+    }
+    best.finish();
+  });
   for (std::int64_t i = 0; i < wanted && lists[i] >= 0; ++i) scores.data[lists[i]] = kEmptyScore;
 }
 

@@ -126,7 +126,7 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   const std::int64_t rows = index->n_base + index->delta_ids.length;
   qx::Scan scan({query, qx::row_width(*index), rows, qx::base_magnitude(*index)}, topk);
   qx::walk_passing(*index, {*index, mode, column, value}, [&](const qx::RowBlock& block) {
-    if (!block.in_delta && 2 * std::int64_t{std::popcount(block.visible)} > block.count) {
+    if (!block.in_delta && 2 * qx::count_bits(block.visible) > block.count) {
       scan.add_masked(qx::base_vector(*index, block.first), block.ids, block.count, block.visible,
                       index->n_base);
       return;

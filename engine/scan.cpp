@@ -1,10 +1,12 @@
 #include "scan.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "kernels/kernels.h"
 #include "support/bits.h"
+#include "support/fp_environment.h"
 
 namespace qx {
 namespace {
@@ -56,13 +58,15 @@ struct ScatteredBlock {
   const float* const* vectors;
   std::int64_t count;
   std::int64_t width;
-  const std::int64_t* unbounded;
-  std::int64_t unbounded_count;
+  const std::uint64_t* unbounded;  // a bit for each row; null for none
 
   const float* vector(std::int64_t i) const { return vectors[i]; }
   void estimate(const float* query, float* estimates) const {
     kernels().estimate_scattered(vectors, count, width, query, estimates);
-    for (std::int64_t i = 0; i < unbounded_count; ++i) estimates[unbounded[i]] = kNaN;
+    for (std::int64_t first = 0; unbounded != nullptr && first < count; first += Scan::kMaskRows) {
+      for_each_bit(unbounded[first / Scan::kMaskRows],
+                   [&](std::int64_t i) { estimates[first + i] = kNaN; });
+    }
   }
   bool whole() const { return true; }
   std::uint64_t rows_of(std::int64_t /*first*/) const { return ~std::uint64_t{0}; }
@@ -71,25 +75,29 @@ struct ScatteredBlock {
   }
 };
 
-static_assert(kBlockRows <= Screen::kMostLearned);
+static_assert(kBlockRows <= Screen::kMostLearned && kBlockRows <= 256);
 
 }  // namespace
 
 void score_contiguous(const float* rows, std::int64_t count, std::int64_t width, const float* query,
                       float* scores) {
-  kernels().score_contiguous(rows, count, width, query, reach_of_rows(count, width), scores);
+  in_default_fp_environment([&] {
+    kernels().score_contiguous(rows, count, width, query, reach_of_rows(count, width), scores);
+  });
 }
 
 void Scan::add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                           std::int64_t whole_rows) {
-  flush_run();
-  flush_pending();
-  const Reach reach = reach_of_rows(whole_rows, width_);
-  for (std::int64_t first = 0; first < count; first += kBlockRows) {
-    const std::int64_t size = std::min(kBlockRows, count - first);
-    scan_block(ContiguousBlock{rows + first * width_, size, width_, reach, nullptr}, ids + first,
-               size);
-  }
+  in_default_fp_environment([&] {
+    scan_run();
+    scan_pending();
+    const Reach reach = reach_of_rows(whole_rows, width_);
+    for (std::int64_t first = 0; first < count; first += kBlockRows) {
+      const std::int64_t size = std::min(kBlockRows, count - first);
+      scan_block(ContiguousBlock{rows + first * width_, size, width_, reach, nullptr}, ids + first,
+                 size);
+    }
+  });
 }
 
 void Scan::add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
@@ -108,6 +116,15 @@ void Scan::add_masked(const float* rows, const std::int64_t* ids, std::int64_t c
 }
 
 void Scan::flush_run() {
+  in_default_fp_environment([&] { scan_run(); });
+}
+
+void Scan::flush_pending() {
+  if (pending_ == 0) return;
+  in_default_fp_environment([&] { scan_pending(); });
+}
+
+void Scan::scan_run() {
   if (run_count_ == 0) return;
   const Reach reach = reach_of_rows(run_whole_rows_, width_);
   const ContiguousBlock block{run_rows_, run_count_, width_, reach, run_masks_.data()};
@@ -115,17 +132,27 @@ void Scan::flush_run() {
   run_count_ = 0;
 }
 
-void Scan::flush_pending() {
+void Scan::scan_pending() {
   if (pending_ == 0) return;
-  const ScatteredBlock block{vectors_.data(), pending_, width_, unbounded_.data(),
-                             unbounded_count_};
+  const ScatteredBlock block{vectors_.data(), pending_, width_, unbounded_};
   scan_block(block, ids_.data(), pending_);
-  pending_ = unbounded_count_ = 0;
+  pending_ = 0;
+  std::fill_n(unbounded_, kMasks, 0);
+}
+
+void Scan::open() {
+  opened_ = true;
+  screen_.open(query_, width_, magnitude_, rows_);
+  // Each line of the query is read for each row, or each few: half of the loads of an estimate.
+  if (!screen_.pays() || width_ > kLongestCopied) return;
+  std::memcpy(query_at_line_, query_, static_cast<std::size_t>(width_) * sizeof(float));
+  query_ = query_at_line_;
 }
 
 template <typename Block>
 void Scan::scan_block(const Block& block, const std::int64_t* ids, std::int64_t count) {
   alignas(64) float values[kBlockRows];
+  if (!opened_) open();
   if (screen_.pays() && exact_blocks_ == 0) {
     block.estimate(query_, values);
     choose_candidates(block, values, ids, count);
@@ -143,14 +170,14 @@ void Scan::choose_candidates(const Block& block, const float* estimates, const s
   const bool first_look = screen_.knows_nothing() && block.whole();
   if (first_look) screen_.learn(estimates, count);
   const float limit = screen_.limit(topk_.bar());
-  std::int64_t places[kBlockRows];
+  std::uint8_t places[kBlockRows];
   float chosen_estimates[kBlockRows];
   std::int64_t chosen = 0;
   for (std::int64_t first = 0; first < count; first += kMaskRows) {
     const std::int64_t size = std::min(kMaskRows, count - first);
     const std::uint64_t rows = kernels().not_below(estimates + first, size, limit);
     for_each_bit(rows & block.rows_of(first), [&](std::int64_t i) {
-      places[chosen] = first + i;
+      places[chosen] = static_cast<std::uint8_t>(first + i);
       chosen_estimates[chosen++] = estimates[first + i];
     });
   }
@@ -197,11 +224,14 @@ void Scan::offer_candidates() {
 }
 
 void Scan::finish() {
-  flush_run();
-  flush_pending();
-  thin_candidates();
-  offer_candidates();
-  topk_.finish();
+  if (!opened_ && run_count_ == 0 && pending_ == 0) return;  // no row has come
+  in_default_fp_environment([&] {
+    scan_run();
+    scan_pending();
+    thin_candidates();
+    offer_candidates();
+    topk_.finish();
+  });
 }
 
 }  // namespace qx

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 #include "screen.h"
 #include "support/room.h"
@@ -35,13 +34,10 @@ class Scan {
   Scan(const ScanOf& of, TopK& topk)
       : query_(of.query),
         width_(of.width),
+        rows_(of.rows),
+        magnitude_(of.magnitude),
         topk_(topk),
-        screen_(of.query, of.width, of.magnitude, of.rows, topk.k()) {
-    // Each line of the query is read for each row, or each few: half of the loads of an estimate.
-    if (!screen_.pays() || width_ > kLongestCopied) return;
-    std::memcpy(query_at_line_, query_, static_cast<std::size_t>(width_) * sizeof(float));
-    query_ = query_at_line_;
-  }
+        screen_(topk.k()) {}
   Scan(const Scan&) = delete;
   Scan& operator=(const Scan&) = delete;
 
@@ -51,7 +47,7 @@ class Scan {
     __builtin_prefetch(vector);  // its block is looked at up to kBlockRows rows later
     vectors_[pending_] = vector;
     ids_[pending_] = id;
-    if (!bounded) unbounded_[unbounded_count_++] = pending_;
+    if (!bounded) unbounded_[pending_ / kMaskRows] |= std::uint64_t{1} << (pending_ % kMaskRows);
     if (++pending_ == kBlockRows) flush_pending();
   }
 
@@ -73,11 +69,18 @@ class Scan {
   static constexpr std::int64_t kMostExactBlocks = 32;
   static constexpr std::int64_t kMasks = kBlockRows / kMaskRows;
 
+  // What waits is scanned: flush_*() in the default environment, scan_*() in an environment that is
+  // the default one already.
   void flush_run();
   void flush_pending();
+  void scan_run();
+  void scan_pending();
+
+  // Looks at the query, when there is a row to be scored.
+  void open();
 
   // Takes a block through estimates or scores. A block can estimate and score its rows and name the
-  // vector of each; `amend` sets the values of rows that are not what they seem.
+  // vector of each.
   template <typename Block>
   void scan_block(const Block& block, const std::int64_t* ids, std::int64_t count);
 
@@ -92,19 +95,21 @@ class Scan {
   // Scores the candidates and offers them.
   void offer_candidates();
 
-  static constexpr std::int64_t kLongestCopied = 2048;
+  static constexpr std::int64_t kLongestCopied = 1024;
   alignas(64) float query_at_line_[kLongestCopied];
   const float* query_;
   std::int64_t width_;
+  std::int64_t rows_;
+  float magnitude_;
+  bool opened_ = false;
   TopK& topk_;
   Screen screen_;
 
   // Rows of add(), and which of them are not bounded.
   std::int64_t pending_ = 0;
-  std::int64_t unbounded_count_ = 0;
+  std::uint64_t unbounded_[kMasks] = {};
   Room<const float*, kBlockRows> vectors_;
   Room<std::int64_t, kBlockRows> ids_;
-  Room<std::int64_t, kBlockRows> unbounded_;
 
   // Rows of add_masked().
   std::int64_t run_count_ = 0;

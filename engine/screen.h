@@ -18,13 +18,19 @@ namespace qx {
 // errors better have better scores than it, whichever of them have been scored so far.
 class Screen {
  public:
-  // For the k best of `rows` rows, of which those that are estimated have no component above
-  // `magnitude`, which may be infinite.
-  Screen(const float* query, std::int64_t width, float magnitude, std::int64_t rows, std::int64_t k)
-      : error_(largest_error(query, width, magnitude)),
-        pays_(std::isfinite(error_) && width >= kShortestRow && rows / 4 >= k),
+  // For the k best rows. Knows of no estimates that could save scores until it is opened.
+  explicit Screen(std::int64_t k)
+      : k_(k),
         best_(best_ids_.data(), best_estimates_.data(), k <= kMostTracked ? k : 1),
         tracks_(k <= kMostTracked) {}
+
+  // For a scan of `rows` rows, of which those that are estimated have no component above
+  // `magnitude`, which may be infinite. Reads the query where estimates could save scores.
+  void open(const float* query, std::int64_t width, float magnitude, std::int64_t rows) {
+    if (width < kShortestRow || rows / 4 < k_) return;
+    error_ = largest_error(query, width, magnitude);
+    pays_ = std::isfinite(error_);
+  }
 
   // Whether estimates can save scores at all.
   bool pays() const { return pays_; }
@@ -87,11 +93,12 @@ class Screen {
     return 2.02 * (sum * roundings / (1 - roundings) + static_cast<double>(width) * 0x1p-120);
   }
 
-  double error_;
-  bool pays_;
+  std::int64_t k_;
+  double error_ = std::numeric_limits<double>::infinity();
+  bool pays_ = false;
   Room<std::int64_t, kMostTracked> best_ids_;
   Room<float, kMostTracked> best_estimates_;
-  TopK best_;
+  BasicTopK<128> best_;
   bool tracks_;
 };
 

@@ -38,7 +38,7 @@ int64_t qx_index_visible_ids(const QxIndex* index, int64_t* out_ids) {
 int64_t qx_index_visible_count(const QxIndex* index) {
   std::int64_t count = 0;
   qx::walk_rows(*index, qx::EveryId(),
-                [&](const qx::RowBlock& block) { count += std::popcount(block.visible); });
+                [&](const qx::RowBlock& block) { count += qx::count_bits(block.visible); });
   return count;
 }
 

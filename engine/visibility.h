@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <utility>
 
@@ -33,7 +32,7 @@ inline const float* vector_of(const QxIndex& index, bool in_delta, std::int64_t 
 
 // Copies the ids that a mask selects, in order, and returns how many they are.
 inline std::int64_t copy_selected(const std::int64_t* ids, std::uint64_t mask, std::int64_t* out) {
-  const std::int64_t selected = std::popcount(mask);
+  const std::int64_t selected = count_bits(mask);
   if (selected == kBlock) {
     std::copy_n(ids, kBlock, out);
   } else if (selected * 4 < kBlock) {

@@ -29,8 +29,9 @@
  *    change it as soon as the call returns. Every output array is the host's. No call takes a
  *    capacity and none checks one: each function says how many elements it writes. Pointers are
  *    not validated; a pointer to an array of no elements is never read or written and may be
- *    null. Arrays need the alignment of their element type and nothing more. Output arrays must
- *    overlap neither each other nor an input.
+ *    null. A query is read where there is a row to score; without one it may be null. Arrays need
+ *    the alignment of their element type and nothing more. Output arrays must overlap neither each
+ *    other nor an input.
  *
  * 3. Shapes. A vector is dim floats. A matrix of n vectors is row-major: vector i is elements
  *    i * dim to i * dim + dim - 1. The dimension is the one given to qx_index_new until the first
@@ -45,8 +46,9 @@
  * 5. Scores. A score is the inner product of the query and a row in 32-bit floats: one chain of
  *    fused multiply-adds over components 0 to dim - 1 in order, starting from +0.0, rounded to
  *    nearest after each step. Larger is better. The same calls give the same bits, ids and order
- *    on every CPU. (The floating-point environment must be the default one: round to nearest,
- *    denormals kept.) The engine normalises nothing.
+ *    on every CPU, whatever the host has set in its floating-point environment: rounding, flushing
+ *    of denormals, exceptions that trap. A call leaves that environment, sticky flags included, as
+ *    it was. The engine normalises nothing.
  *
  * 6. Results. A search first sets the result slots that it owns to id -1 and score -1e30f (bits
  *    0xF149F2CA), then offers its rows in the order that it documents. A row enters only with a
@@ -63,8 +65,10 @@
  *    Current reads walk the visible delta rows in the order of their ids' first insertion, then
  *    the visible base rows in base order.
  *
- * 8. Concurrency. One thread at a time may use a handle; the host serialises the calls. Distinct
- *    handles share nothing and may be used by different threads at the same time.
+ * 8. Concurrency. Any number of threads may read one handle at the same time: every function that
+ *    takes a const QxIndex* may overlap every other one. A call that writes (its QxIndex* is not
+ *    const) must overlap no other call on that handle; the host sees to it. Distinct handles share
+ *    nothing and may be used by different threads at the same time.
  *
  * 9. The end of the process. Two conditions have no error return. Each writes exactly one line to
  *    standard error and then executes a trap instruction (a SIGILL or SIGTRAP on POSIX systems):
@@ -79,11 +83,12 @@
  *    overwritten; or the offsets of an IVF list point outside its ids.
  *
  * 10. Cost. Reads allocate nothing, except qx_index_search_ivf: one array of nlist floats, released
- *    before it returns. The current reads that walk (filtered, match, visible) take time for
- *    every row, look at the vectors of those that pass alone, and use up to 192 KiB of the calling
- *    thread's stack; other calls use up to 64 KiB. Nothing stored is reclaimed before
- *    qx_index_free, except by qx_index_clear_ivf and by replacing an IVF structure: tombstones,
- *    delta rows, metadata and the arrays of earlier builds stay.
+ *    before it returns. The current reads that walk (filtered, match, visible) take time for every
+ *    row. They read no component of a row that is not visible or fails the test, and those that
+ *    list or count ids read none at all. They use up to 96 KiB of the calling thread's stack; other
+ *    calls use up to 48 KiB. Nothing stored is reclaimed before qx_index_free, except by
+ *    qx_index_clear_ivf and by replacing an IVF structure: tombstones, delta rows, metadata and the
+ *    arrays of earlier builds stay.
  *
  * 11. Limits. At most 2^40 base rows and 2^40 base vector elements; base ids below 2^40; row
  *    counts of one call, k, partitions and IVF lists up to 2^31 - 1. There is no other limit than

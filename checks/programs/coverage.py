@@ -143,7 +143,7 @@ def measure_neon(reached):
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     compiler = ["nice", "aarch64-linux-gnu-g++", "-std=c++20", "-ffp-contract=off",
-                f"-I{ROOT}/engine", f"-I{ROOT}/include", f"-I{ROOT}/tests",
+                "-DQX_FP_CONTRACT_OFF", f"-I{ROOT}/engine", f"-I{ROOT}/include", f"-I{ROOT}/tests",
                 f"-isystem{GOOGLETEST}/include", f"-isystem{GOOGLETEST}"]
     kernel = ROOT / "engine/kernels/neon.cpp"
     rest = [path for path in sorted((ROOT / "engine").rglob("*.cpp")) if path != kernel]

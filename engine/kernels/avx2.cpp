@@ -3,6 +3,7 @@
 // Only plain types and the intrinsics are included: an inline function of the standard library,
 // compiled here for a wide instruction set, could be merged into code that runs on any CPU.
 #include "kernels/kernels.h"
+#include "support/compiler.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>

@@ -5,6 +5,7 @@
 //
 // Only plain types and the intrinsics are included, as in every kernel.
 #include "kernels/kernels.h"
+#include "support/compiler.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>

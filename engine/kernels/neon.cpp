@@ -2,6 +2,7 @@
 //
 // Only plain types and the intrinsics are included, as in every kernel.
 #include "kernels/kernels.h"
+#include "support/compiler.h"
 
 #if defined(__aarch64__)
 #include <arm_neon.h>

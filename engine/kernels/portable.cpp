@@ -1,6 +1,7 @@
 // The truth: the numeric contract in plain C++. Read this kernel first; every other one returns
 // the same bits.
 #include "kernels/kernels.h"
+#include "support/compiler.h"
 
 namespace qx {
 namespace {

@@ -28,10 +28,11 @@ static_assert(std::bit_cast<std::uint32_t>(kEmptyScore) == 0xF149F2CA);
 // arrival comes first; no slot holds a NaN, and none an occupied score of kEmptyScore or below.
 // Candidates of the batch have arrived after all that are in the slots, and are in the order of
 // their arrival; the batch always has room for a run.
-class TopK {
+template <std::int64_t kMostBatched>
+class BasicTopK {
  public:
   // Takes k slots and empties them.
-  TopK(std::int64_t* ids, float* scores, std::int64_t k)
+  BasicTopK(std::int64_t* ids, float* scores, std::int64_t k)
       : ids_(ids), scores_(scores), k_(k), batch_limit_(batch_limit(k)) {
     std::fill_n(scores_, k_, kEmptyScore);
     std::fill_n(ids_, k_, kEmptyId);
@@ -78,7 +79,6 @@ class TopK {
  private:
   static constexpr std::int64_t kRun = 32;
   static constexpr std::int64_t kLanes = 16;
-  static constexpr std::int64_t kMostBatched = 256;
   static constexpr std::int64_t kFewBatched = 24;
   static constexpr std::int64_t kMovedAtOnce = 16;
 
@@ -92,7 +92,7 @@ class TopK {
   // but lets more candidates in by its staler bar, which costs a small buffer more than it saves.
   static std::int64_t batch_limit(std::int64_t k) {
     if (k <= kLanes) return 0;
-    return k < 256 ? 128 : kMostBatched;
+    return k < 256 ? std::min<std::int64_t>(128, kMostBatched) : kMostBatched;
   }
 
   // Whether any score of a whole run is above the bar.
@@ -247,5 +247,7 @@ class TopK {
   std::int64_t batch_size_ = 0;
   Room<Candidate, kMostBatched> batch_;
 };
+
+using TopK = BasicTopK<256>;
 
 }  // namespace qx

@@ -5,10 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <numeric>
+#include <vector>
 
 #include "qx_runtime.h"
 #include "support/child.h"
 #include "support/heap.h"
+#include "support/host_environment.h"
 
 namespace {
 
@@ -20,6 +24,8 @@ std::size_t most_taken = SIZE_MAX;
 int calls_left = INT32_MAX;
 bool interrupts = false;
 bool interrupted = false;
+// The environment in which the line must be written.
+const qx_test::FpEnvironment* expected_environment = nullptr;
 
 }  // namespace
 
@@ -27,6 +33,10 @@ extern "C" {
 ssize_t __real_write(int descriptor, const void* bytes, std::size_t size);
 ssize_t __wrap_write(int descriptor, const void* bytes, std::size_t size) {
   if (descriptor != STDERR_FILENO) return __real_write(descriptor, bytes, size);
+  if (expected_environment != nullptr) {
+    const bool kept = qx_test::FpEnvironment::current() == *expected_environment;
+    return __real_write(descriptor, kept ? bytes : "another environment\n", kept ? size : 20);
+  }
   if (interrupts) {
     interrupted = !interrupted;
     if (interrupted) {
@@ -54,6 +64,7 @@ class Line : public testing::Test {
     most_taken = SIZE_MAX;
     calls_left = INT32_MAX;
     interrupts = interrupted = false;
+    expected_environment = nullptr;
   }
 };
 
@@ -80,6 +91,54 @@ TEST_F(Line, EndsWhereNothingMoreIsTaken) {
   const ChildEnd end = end_by_a_failed_allocation();
   EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
   EXPECT_EQ(end.standard_error, "ABORT:");
+}
+
+// Ends the process in a call that has computed before, in the environment of the host.
+ChildEnd end_in(const qx_test::FpEnvironment& host, const std::function<void()>& call) {
+  return qx_test::run_in_child([&] {
+    host.set();
+    const qx_test::FpEnvironment set = qx_test::FpEnvironment::current();
+    expected_environment = &set;
+    call();
+  });
+}
+
+TEST_F(Line, IsWrittenInTheEnvironmentOfTheHost) {
+  constexpr std::int32_t kDim = 16;
+  const std::vector<float> vectors(4000 * kDim, 0x1.1p-70f);
+  std::vector<std::int64_t> ids(4000);
+  std::iota(ids.begin(), ids.end(), 0);
+  // The last 2000 ids are rows of a delta that is shorter than they are, by a build of twice their
+  // dimension; and a list of an IVF that leaves its ids comes after one that does not.
+  QxIndex* const index = qx_index_new(kDim / 2, 0);
+  qx_index_insert(index, vectors.data(), ids.data() + 2000, 2000);
+  qx_index_build(index, vectors.data(), 2000, kDim, ids.data(), nullptr, nullptr, nullptr, 0);
+  const std::int32_t offsets[] = {0, 2000, 5000};
+  qx_index_set_ivf(index, 1, 2, 2, vectors.data(), ids.data(), offsets, 4000);
+  std::vector<std::int64_t> out_ids(10);
+  std::vector<float> scores(10);
+  const float* const query = vectors.data();
+  const std::function<void()> calls[] = {
+      [&] {
+        qx_index_search_mvcc(index, ids.data(), 4000, query, 10, out_ids.data(), scores.data());
+      },
+      [&] { qx_index_search_filtered(index, 0, 0, 0, query, 10, out_ids.data(), scores.data()); },
+      [&] { qx_index_search_ivf(index, 1, query, 10, out_ids.data(), scores.data()); },
+      [&] {
+        qx_test::with_failing_allocation(1, true, [&] {
+          qx_index_search_ivf(index, 1, query, 10, out_ids.data(), scores.data());
+        });
+      }};
+  for (const qx_test::FpEnvironment& host : qx_test::fp_environments()) {
+    for (const auto& call : calls) {
+      const ChildEnd end = end_in(host, call);
+      EXPECT_TRUE(end.trapped) << host.name << ", exit status " << end.exit_status;
+      EXPECT_TRUE(end.standard_error.starts_with("At: engine/qx_runtime:") ||
+                  qx_test::is_allocation_line(end.standard_error))
+          << host.name << ": " << end.standard_error;
+    }
+  }
+  qx_index_free(index);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "kernels/kernels.h"
 #include "support/child.h"
+#include "support/host_environment.h"
 
 namespace qx_test {
 namespace {
@@ -14,6 +15,13 @@ std::uint32_t uint32(std::int64_t number) { return static_cast<std::uint32_t>(nu
 
 Edge edge_of(const Call& call, int array) {
   return (call.starts >> array & 1) != 0 ? Edge::kStart : Edge::kEnd;
+}
+
+// What the host has made of the floating-point environment when it makes a call: anything, the same
+// whenever the call is played.
+const FpEnvironment& environment_of(const Call& call) {
+  const auto drawn = static_cast<std::size_t>(call.starts + call.spare);
+  return fp_environments()[drawn % fp_environments().size()];
 }
 
 }  // namespace
@@ -61,7 +69,10 @@ void Player::perform(const Call& call) {
 
 void Player::compare(const Call& call, const Answer& expected) {
   place_outputs(call, expected);
-  const Answer answer = ask(call);
+  Answer answer;
+  auto asked = [&] { answer = ask(call); };
+  const bool kept = leaves_environment(environment_of(call), asked);
+  check(call, kept, "another floating-point environment");
   check(call, answer.result == expected.result, "another result");
   check(call, answer.numbers == expected.numbers, "other numbers");
   check(call, out_ids_.equals(expected.ids), "other ids");
@@ -84,6 +95,7 @@ void Player::add_to_digest(const Answer& answer) {
 void Player::expect_end(const Call& call, const Answer& expected) {
   const ChildEnd child = run_in_child([&] {
     place_outputs(call, expected);
+    environment_of(call).set();
     ask(call);
   });
   check(call, child.trapped, "the process goes on, where its end was due");
@@ -270,7 +282,8 @@ void Player::ask_search(const Call& call, Answer& answer) {
 void Player::check(const Call& call, bool agrees, const char* what) {
   if (agrees || !disagreement_.empty()) return;
   disagreement_ = "step " + std::to_string(step_) + ", " + describe(call) + ", kernel " +
-                  qx::kernels().name + ": " + what;
+                  qx::kernels().name + ", host's floats: " + environment_of(call).name + ": " +
+                  what;
 }
 
 void Player::check_inputs(const Call& call) {

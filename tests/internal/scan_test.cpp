@@ -235,7 +235,7 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
 std::int64_t draw_width(Random& random) {
   static const Ids widths = {8,  9,  12, 15, 16, 17, 24,  31,  32,  33,  40,  47,
                              48, 63, 64, 65, 96, 97, 100, 128, 200, 255, 256, 300};
-  static const Ids wide = {639, 640, 641, 768, 2047, 2048, 2049};
+  static const Ids wide = {639, 640, 641, 768, 1023, 1024, 1025};
   return random.percent(8) ? random.any_of(wide) : random.any_of(widths);
 }
 
@@ -327,7 +327,7 @@ TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
   for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMasked, Way::kMixed}) {
     for (const std::int64_t k : {1, 10, 48, 49, 300}) {
       bool wrong = false;
-      for (int draw = 0; draw < 60 && !wrong; ++draw) {
+      for (int draw = 0; draw < 400 && !wrong; ++draw) {
         const Fixed rows(random, draw_scan_rows(random, Family::kCancelling, 24, 6000));
         Compared scan(rows, random, rows.count, 0x1p-30f, k);
         scan.add_all(way);

@@ -12,7 +12,7 @@ trap 'rm -rf "$work"' EXIT
 cd "$source_directory"
 
 compile() {
-  "$compiler" -std=c++20 -O2 -ffp-contract=off -Iengine -Iinclude -Itests \
+  "$compiler" -std=c++20 -O2 -ffp-contract=off -DQX_FP_CONTRACT_OFF -Iengine -Iinclude -Itests \
     -isystem "$googletest/include" -isystem "$googletest" "$@"
 }
 # Static programs need no AArch64 libraries beside the emulator; the linker's warning about look-ups

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Compiles the engine in every way that moves arithmetic about, and plays histories on each, in which
+# the host sets a floating-point environment for each call; and has the compiler refuse the options
+# under which results would change.
+# usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_HISTORIES...
+set -euo pipefail
+cd "$1"
+compiler=$2
+shift 2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+passed=0
+
+compile() {
+  "$compiler" -std=c++20 -DNDEBUG -Iinclude "$@"
+}
+contract=(-ffp-contract=off -DQX_FP_CONTRACT_OFF)
+
+# histories ENGINE PROGRAM OPTION...: builds the histories with an engine of these options.
+histories() {
+  local engine=$1 program=$2
+  shift 2
+  compile "${contract[@]}" -I"$engine" "$@" "$engine"/*.cpp "$engine"/*/*.cpp "${links[@]}" \
+    -o "$program"
+}
+links=("$@" -lgtest -lpthread)
+
+# A clang without a linker for it cannot optimise at link time.
+ways=("-O0" "-O1" "-O2" "-O3" "-Os" "-O3 -march=native")
+echo 'int main() { return 0; }' >"$work/empty.cpp"
+if "$compiler" -flto -O2 "$work/empty.cpp" -o "$work/empty" 2>"$work/log"; then
+  ways+=("-O2 -flto" "-O3 -flto")
+else
+  echo "compilations_test: $compiler cannot optimise at link time here; left out"
+fi
+for way in "${ways[@]}"; do
+  # shellcheck disable=SC2086  # the way is a list of options
+  histories engine "$work/histories" $way
+  "$work/histories" --gtest_brief=1 --count 250 >"$work/log" ||
+    { tail -n 40 "$work/log" >&2; echo "compilations_test: $way fails" >&2; exit 1; }
+  passed=$((passed + 1))
+done
+
+# The histories notice an engine that computes in whatever environment the host has set.
+cp -r engine "$work/careless"
+sed -i '/^  const DefaultFpEnvironment environment;$/d' "$work/careless/support/fp_environment.h"
+! diff -r engine "$work/careless" >/dev/null || { echo "compilations_test: no fault planted" >&2; exit 1; }
+histories "$work/careless" "$work/careless_histories" -O2
+! "$work/careless_histories" --gtest_brief=1 --count 250 --trace >"$work/log" 2>&1 ||
+  { echo "compilations_test: the histories do not notice the host's environment" >&2; exit 1; }
+passed=$((passed + 1))
+
+# refuses TEXT OPTION...: the compiler must refuse the engine, and say this.
+refuses() {
+  local text=$1
+  shift
+  if compile -Iengine -fsyntax-only "$@" engine/kernels/portable.cpp 2>"$work/log"; then
+    echo "compilations_test: the engine compiles with $*" >&2
+    exit 1
+  fi
+  grep -q "$text" "$work/log" || { cat "$work/log" >&2; exit 1; }
+  passed=$((passed + 1))
+}
+refuses ffp-contract=off -O2
+refuses ffast-math "${contract[@]}" -ffast-math
+refuses ffast-math "${contract[@]}" -Ofast
+refuses ffast-math "${contract[@]}" -ffinite-math-only
+if "$compiler" --version | grep -q 'Free Software Foundation'; then
+  refuses ffast-math "${contract[@]}" -fno-signed-zeros
+  refuses ffast-math "${contract[@]}" -freciprocal-math
+  refuses ffast-math "${contract[@]}" -funsafe-math-optimizations
+fi
+
+echo "compilations_test: $passed passed, 0 failed"
