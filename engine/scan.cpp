@@ -26,30 +26,19 @@ Reach reach_of_rows(std::int64_t rows, std::int64_t width) {
   return reach_of(rows * width * std::int64_t{sizeof(float)});
 }
 
-// Rows that lie one after the other, those without a bit in the masks left out; without masks, all.
+// Rows that lie one after the other.
 struct ContiguousBlock {
   const float* rows;
   std::int64_t count;
   std::int64_t width;
   Reach reach;
-  const std::uint64_t* masks;
 
   const float* vector(std::int64_t i) const { return rows + i * width; }
   void estimate(const float* query, float* estimates) const {
     kernels().estimate_contiguous(rows, count, width, query, reach, estimates);
   }
-  bool whole() const { return masks == nullptr; }
-  std::uint64_t rows_of(std::int64_t first) const {
-    return masks == nullptr ? ~std::uint64_t{0} : masks[first / Scan::kMaskRows];
-  }
   void score(const float* query, float* scores) const {
     kernels().score_contiguous(rows, count, width, query, reach, scores);
-    for (std::int64_t first = 0; first < count; first += Scan::kMaskRows) {
-      const std::int64_t size = std::min(Scan::kMaskRows, count - first);
-      // What is left out gets a score that beats nothing.
-      for_each_bit(~rows_of(first) & first_bits(size),
-                   [&](std::int64_t i) { scores[first + i] = kNaN; });
-    }
   }
 };
 
@@ -68,8 +57,6 @@ struct ScatteredBlock {
                    [&](std::int64_t i) { estimates[first + i] = kNaN; });
     }
   }
-  bool whole() const { return true; }
-  std::uint64_t rows_of(std::int64_t /*first*/) const { return ~std::uint64_t{0}; }
   void score(const float* query, float* scores) const {
     kernels().score_scattered(vectors, count, width, query, scores);
   }
@@ -94,8 +81,7 @@ void Scan::add_contiguous(const float* rows, const std::int64_t* ids, std::int64
     const Reach reach = reach_of_rows(whole_rows, width_);
     for (std::int64_t first = 0; first < count; first += kBlockRows) {
       const std::int64_t size = std::min(kBlockRows, count - first);
-      scan_block(ContiguousBlock{rows + first * width_, size, width_, reach, nullptr}, ids + first,
-                 size);
+      scan_block(ContiguousBlock{rows + first * width_, size, width_, reach}, ids + first, size);
     }
   });
 }
@@ -126,10 +112,35 @@ void Scan::flush_pending() {
 
 void Scan::scan_run() {
   if (run_count_ == 0) return;
-  const Reach reach = reach_of_rows(run_whole_rows_, width_);
-  const ContiguousBlock block{run_rows_, run_count_, width_, reach, run_masks_.data()};
-  scan_block(block, run_ids_, run_count_);
+  if (run_is_whole()) {
+    const Reach reach = reach_of_rows(run_whole_rows_, width_);
+    scan_block(ContiguousBlock{run_rows_, run_count_, width_, reach}, run_ids_, run_count_);
+  } else {
+    const std::int64_t listed = list_run();
+    const ScatteredBlock block{vectors_.data(), listed, width_, nullptr};
+    if (listed > 0) scan_block(block, ids_.data(), listed);
+  }
   run_count_ = 0;
+}
+
+bool Scan::run_is_whole() const {
+  std::int64_t selected = 0;
+  for (std::int64_t first = 0; first < run_count_; first += kMaskRows) {
+    selected += count_bits(run_masks_[first / kMaskRows]);
+  }
+  return selected == run_count_;
+}
+
+std::int64_t Scan::list_run() {
+  std::int64_t listed = 0;
+  for (std::int64_t first = 0; first < run_count_; first += kMaskRows) {
+    for_each_bit(run_masks_[first / kMaskRows], [&](std::int64_t i) {
+      vectors_[listed] = run_rows_ + (first + i) * width_;
+      ids_[listed] = run_ids_[first + i];
+      ++listed;
+    });
+  }
+  return listed;
 }
 
 void Scan::scan_pending() {
@@ -167,7 +178,7 @@ void Scan::scan_block(const Block& block, const std::int64_t* ids, std::int64_t 
 template <typename Block>
 void Scan::choose_candidates(const Block& block, const float* estimates, const std::int64_t* ids,
                              std::int64_t count) {
-  const bool first_look = screen_.knows_nothing() && block.whole();
+  const bool first_look = screen_.knows_nothing();
   if (first_look) screen_.learn(estimates, count);
   const float limit = screen_.limit(topk_.bar());
   std::uint8_t places[kBlockRows];
@@ -175,8 +186,7 @@ void Scan::choose_candidates(const Block& block, const float* estimates, const s
   std::int64_t chosen = 0;
   for (std::int64_t first = 0; first < count; first += kMaskRows) {
     const std::int64_t size = std::min(kMaskRows, count - first);
-    const std::uint64_t rows = kernels().not_below(estimates + first, size, limit);
-    for_each_bit(rows & block.rows_of(first), [&](std::int64_t i) {
+    for_each_bit(kernels().not_below(estimates + first, size, limit), [&](std::int64_t i) {
       places[chosen] = static_cast<std::uint8_t>(first + i);
       chosen_estimates[chosen++] = estimates[first + i];
     });

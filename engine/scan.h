@@ -55,7 +55,8 @@ class Scan {
   void add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
                       std::int64_t whole_rows);
 
-  // Adds those of kMaskRows such rows, or fewer, that a mask selects. Worth it if most are.
+  // Adds those of kMaskRows such rows, or fewer, that a mask selects. Worth it if most are. The
+  // others are not read.
   void add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
                   std::uint64_t mask, std::int64_t whole_rows);
   static constexpr std::int64_t kMaskRows = 64;
@@ -75,6 +76,10 @@ class Scan {
   void flush_pending();
   void scan_run();
   void scan_pending();
+
+  // Whether every row of the waiting run is selected; and those that are, by address and id.
+  bool run_is_whole() const;
+  std::int64_t list_run();
 
   // Looks at the query, when there is a row to be scored.
   void open();
@@ -105,7 +110,8 @@ class Scan {
   TopK& topk_;
   Screen screen_;
 
-  // Rows of add(), and which of them are not bounded.
+  // Rows of add(), and which of them are not bounded. The arrays also take the selected rows of a
+  // run: no row of add() waits while there is one.
   std::int64_t pending_ = 0;
   std::uint64_t unbounded_[kMasks] = {};
   Room<const float*, kBlockRows> vectors_;

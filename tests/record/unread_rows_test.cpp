@@ -1,0 +1,154 @@
+// A row that is not visible, or fails the filter, costs no score: its components lie on pages that
+// cannot be read here, under every kernel.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <numeric>
+#include <utility>
+
+#include "internal/every_kernel.h"
+#include "qx_index.h"
+#include "support/host.h"
+
+namespace qx_test {
+namespace {
+
+constexpr std::int64_t kPassing = 1;
+constexpr std::int64_t kFailing = 2;
+
+// Takes the right to read from every page that lies wholly in a piece of memory.
+class Unreadable {
+ public:
+  Unreadable(const float* first, std::int64_t count) {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page;
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(first + count) / page * page;
+    pages_ = reinterpret_cast<void*>(begin);
+    bytes_ = end > begin ? end - begin : 0;
+    if (bytes_ > 0) {
+      EXPECT_EQ(mprotect(pages_, bytes_, PROT_NONE), 0);
+    }
+  }
+  Unreadable(Unreadable&& other) noexcept
+      : pages_(other.pages_), bytes_(std::exchange(other.bytes_, 0)) {}
+  ~Unreadable() {
+    if (bytes_ > 0) mprotect(pages_, bytes_, PROT_READ | PROT_WRITE);
+  }
+  std::size_t bytes() const { return bytes_; }
+
+ private:
+  void* pages_;
+  std::size_t bytes_;
+};
+
+// Rows by turns: `taken` of them pass and are visible, then `left` of them fail, or are not
+// visible.
+struct Turns {
+  std::int64_t taken;
+  std::int64_t left;
+  bool takes(std::int64_t row) const { return row % (taken + left) < taken; }
+};
+
+enum class LeftOut { kByLabel, kByDelete, kByNewerRow };
+
+class UnreadRows : public UnderAKernel {
+ protected:
+  // A base of `rows` rows, and as many rows of the delta by the same turns, under ids that follow.
+  void make(std::int32_t rows, std::int32_t dim, Turns turns, LeftOut way) {
+    index_ = std::make_unique<Index>(static_cast<std::uint32_t>(dim));
+    Ids ids(static_cast<std::size_t>(rows));
+    std::iota(ids.begin(), ids.end(), 0);
+    Floats vectors(static_cast<std::size_t>(rows) * static_cast<std::size_t>(dim));
+    for (std::size_t i = 0; i < vectors.size(); ++i) {
+      vectors[i] = static_cast<float>(i * 7919 % 1009) / 256.0f;
+    }
+    seal(*index_, dim, ids, vectors);
+    Ids newer = ids;
+    for (std::int64_t& id : newer) id += rows;
+    insert(*index_, newer, vectors);
+    candidates_ = ids;
+    candidates_.insert(candidates_.end(), newer.begin(), newer.end());
+    Ids left;
+    Ids labels;
+    for (const std::int64_t id : candidates_) {
+      const bool taken = turns.takes(id % rows);
+      labels.push_back(taken || way != LeftOut::kByLabel ? kPassing : kFailing);
+      if (!taken) left.push_back(id);
+    }
+    set_rowmeta(*index_, candidates_, labels, {}, 0);
+    if (way == LeftOut::kByDelete) delete_ids(*index_, left);
+    if (way == LeftOut::kByNewerRow) leave_out_by_newer_rows(left, rows, dim);
+    protect_left_out(rows, dim, turns, way);
+  }
+
+  // A newer row of a base id hides the base row; delta rows are written in place.
+  void leave_out_by_newer_rows(const Ids& left, std::int64_t rows, std::int32_t dim) {
+    Ids of_base;
+    std::copy_if(left.begin(), left.end(), std::back_inserter(of_base),
+                 [&](std::int64_t id) { return id < rows; });
+    insert(*index_, of_base, Floats(of_base.size() * static_cast<std::size_t>(dim), -1.0f));
+  }
+
+  void protect_left_out(std::int64_t rows, std::int64_t dim, Turns turns, LeftOut way) {
+    const QxIndex& record = *static_cast<QxIndex*>(*index_);
+    for (std::int64_t row = turns.taken; row < rows; row += turns.taken + turns.left) {
+      const std::int64_t count = std::min(turns.left, rows - row) * dim;
+      pages_.emplace_back(record.base_vectors + row * dim, count);
+      if (way != LeftOut::kByNewerRow) {
+        pages_.emplace_back(record.delta_vectors.data + row * dim, count);
+      }
+    }
+  }
+
+  // The results of searches, which fault where they read what is left out.
+  std::vector<Found> search(const Floats& query) {
+    std::vector<Found> results;
+    for (const std::uint32_t k : {1u, 10u, 300u}) {
+      results.push_back(search_filtered(*index_, {1, 0, kPassing}, query, k));
+      Ids visible = match_ids(*index_, {1, 0, kPassing});
+      std::reverse(visible.begin(), visible.end());
+      results.push_back(search_mvcc(*index_, visible, query, k));
+    }
+    return results;
+  }
+
+  std::unique_ptr<Index> index_;
+  Ids candidates_;
+  std::vector<Unreadable> pages_;
+};
+
+TEST_P(UnreadRows, AreThoseThatAreNotVisibleOrFailTheFilter) {
+  for (const LeftOut way : {LeftOut::kByLabel, LeftOut::kByDelete, LeftOut::kByNewerRow}) {
+    for (const Turns turns : {Turns{40, 24}, Turns{170, 22}, Turns{5, 59}, Turns{64, 64}}) {
+      for (const std::int32_t dim : {128, 700}) {
+        make(1500, dim, turns, way);
+        std::size_t unreadable = 0;
+        for (const Unreadable& pages : pages_) unreadable += pages.bytes();
+        EXPECT_GT(unreadable, 50000u);
+        const Floats query(static_cast<std::size_t>(dim), 0.5f);
+        const std::vector<Found> results = search(query);
+        pages_.clear();
+        EXPECT_EQ(search(query), results);
+        EXPECT_NE(results[1].slots[9].id, -1);
+      }
+    }
+  }
+}
+
+TEST_P(UnreadRows, AreAllRowsToCallsThatListIds) {
+  make(1500, 128, {40, 24}, LeftOut::kByDelete);
+  const QxIndex& record = *static_cast<QxIndex*>(*index_);
+  pages_.emplace_back(record.base_vectors, 1500 * 128);
+  pages_.emplace_back(record.delta_vectors.data, 1500 * 128);
+  EXPECT_EQ(qx_index_visible_count(*index_), std::ssize(visible_ids(*index_)));
+  EXPECT_EQ(match_ids(*index_, {1, 0, kPassing}), visible_ids(*index_));
+  EXPECT_EQ(match_ids(*index_, {1, 0, kFailing}), Ids());
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, UnreadRows, testing::ValuesIn(listed_kernels()), kernel_name);
+
+}  // namespace
+}  // namespace qx_test
