@@ -12,8 +12,13 @@ namespace qx {
 // the set, for i below count_. Other bits have no value.
 class RowSet {
  public:
-  // 128 KiB, most of the stack that a walk needs.
-  static constexpr std::int64_t kMostRows = std::int64_t{1} << 20;
+#if defined(QX_SMALL_SPANS)
+  // In builds for tests: random histories then have bases of several spans.
+  static constexpr std::int64_t kMostRows = 128;
+#else
+  // 64 KiB, most of the stack that a walk needs.
+  static constexpr std::int64_t kMostRows = std::int64_t{1} << 19;
+#endif
 
   // Whether to go through `entries` ids that are marked, once for each span of a base of `rows`
   // rows, rather than to ask for each of these rows.

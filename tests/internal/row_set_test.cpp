@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <new>
 #include <set>
 
 #include "histories/random.h"
+#include "support/guarded.h"
 #include "visibility.h"
 
 namespace {
@@ -46,6 +48,29 @@ TEST(RowSet, HoldsTheMarkedRowsOfItsSpanAndIgnoresOthers) {
   for (const std::int64_t count : {1LL, 63LL, 64LL, 65LL, 1000LL, 1LL * RowSet::kMostRows}) {
     for (const std::int64_t first : {std::int64_t{0}, RowSet::kMostRows, 3 * RowSet::kMostRows}) {
       for (const bool all : {false, true}) expect_the_marked_rows(first, count, all);
+    }
+  }
+}
+
+// The set ends at a page that cannot be written. A row that is the first one behind the span, and
+// would be the first of a word, is the nearest that a wrong comparison lets in.
+TEST(RowSet, WritesNothingBehindItsLastWord) {
+  qx_test::Guarded<unsigned char> place(sizeof(RowSet));
+  ASSERT_EQ(reinterpret_cast<std::uintptr_t>(place.data()) % alignof(RowSet), 0u);
+  auto* const set = new (place.data()) RowSet;
+  for (const std::int64_t first : {std::int64_t{0}, RowSet::kMostRows, 5 * RowSet::kMostRows}) {
+    for (const bool all : {false, true}) {
+      set->reset(first, RowSet::kMostRows, all);
+      const std::int64_t end = first + RowSet::kMostRows;
+      for (const std::int64_t row : {end, end + 1, end + 63, end + 64, first - 1, first - 64}) {
+        set->add(row);
+        set->remove(row);
+      }
+      for (std::int64_t row = first; row < end; row += 64) {
+        ASSERT_EQ(set->block(row), all ? ~std::uint64_t{0} : 0) << "row " << row;
+      }
+      set->add(end - 1);
+      EXPECT_EQ(set->block(end - 64) >> 63, 1u);
     }
   }
 }
