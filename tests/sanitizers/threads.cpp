@@ -1,7 +1,8 @@
-// What the header allows threads to do: distinct handles at the same time, and one handle by one
-// thread at a time. Every thread lives a life of its own index with all 30 functions, again and
-// again, while the others do; its results must equal those of a thread alone. Then one index goes
-// from thread to thread, each call under the host's lock.
+// What the header allows threads to do: distinct handles at the same time, one handle by one thread
+// at a time, and one handle by many that read. Every thread lives a life of its own index with all
+// 30 functions, again and again, while the others do; its results must equal those of a thread
+// alone. Then one index goes from thread to thread, each call under the host's lock. At last all
+// threads read one index, in which the host changes nothing meanwhile, each a query of its own.
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -101,12 +102,117 @@ bool one_handle_under_a_lock() {
   return all_there;
 }
 
+// An index of several blocks and, where spans are small, of several spans.
+class ReadIndex {
+ public:
+  ReadIndex() {
+    for (std::size_t i = 0; i < vectors_.size(); ++i) {
+      vectors_[i] = static_cast<float>(i * 7919 % 1009) / 64.0f;
+    }
+    for (std::int64_t i = 0; i < kRows; ++i) ids_.push_back(i % 1900);
+    const std::int64_t key = 1;
+    const std::int32_t first = 100;
+    const std::int32_t size = 1000;
+    const std::int32_t offsets[] = {0, 500, kRows};
+    qx_index_build(index_, vectors_.data(), kRows, kDim, ids_.data(), &key, &first, &size, 1);
+    qx_index_insert(index_, vectors_.data() + kDim, ids_.data() + 300, 200);
+    qx_index_delete(index_, ids_.data() + 600, 100);
+    qx_index_set_rowmeta(index_, ids_.data(), ids_.data() + 5, ids_.data() + 7, 1, kRows / 2);
+    qx_index_set_ivf(index_, 1, 2, 2, vectors_.data(), ids_.data(), offsets, kRows);
+  }
+  ReadIndex(const ReadIndex&) = delete;
+  ReadIndex& operator=(const ReadIndex&) = delete;
+  ~ReadIndex() { qx_index_free(index_); }
+
+  // Everything that can be read; the query depends on `number`.
+  Seen read(int number) const {
+    Seen seen;
+    const float* const query = vectors_.data() + std::ptrdiff_t{37} * number;
+    std::vector<std::int64_t> ids(kRows + 200);
+    std::vector<float> floats((kRows + 200) * kDim);
+    const auto note = [&](std::int64_t returned) {
+      seen.numbers.push_back(returned);
+      seen.ids.insert(seen.ids.end(), ids.begin(), ids.end());
+      seen.floats.insert(seen.floats.end(), floats.begin(), floats.end());
+    };
+    for (const std::int32_t k : {5, 60}) {
+      const auto unsigned_k = static_cast<std::uint32_t>(k);
+      note(qx_index_search_full(index_, query, k, ids.data(), floats.data()));
+      note(qx_index_search_partition(index_, 1, query, k, ids.data(), floats.data()));
+      note(qx_index_scatter_topk(index_, ids_.data(), kRows, query, k, ids.data(), floats.data()));
+      note(qx_index_search_ivf(index_, 1, query, k, ids.data(), floats.data()));
+      note(qx_index_search_mvcc(index_, ids_.data(), kRows, query, unsigned_k, ids.data(),
+                                floats.data()));
+      note(qx_index_search_filtered(index_, 1, 0, 40 + number, query, unsigned_k, ids.data(),
+                                    floats.data()));
+      note(qx_index_search_filtered(index_, 0, 0, 0, query, unsigned_k, ids.data(), floats.data()));
+    }
+    note(qx_index_match_ids(index_, 2, 0, 41, ids.data()));
+    note(qx_index_visible_ids(index_, ids.data()));
+    note(qx_index_export_visible(index_, floats.data(), ids.data()));
+    note(qx_index_export_base(index_, floats.data(), ids.data()));
+    std::vector<std::int64_t> labels(kRows);
+    note(qx_index_export_rowmeta(index_, ids_.data(), kRows, labels.data(), ids.data()));
+    read_numbers(note);
+    return seen;
+  }
+
+ private:
+  static constexpr std::int32_t kDim = 24;
+  static constexpr std::int32_t kRows = 2000;
+
+  template <typename Note>
+  void read_numbers(Note note) const {
+    std::uint64_t n_base;
+    std::uint32_t dim;
+    std::uint32_t tag;
+    std::int32_t n_parts;
+    std::int64_t key;
+    std::int64_t size;
+    note(qx_index_stats(index_, &n_base, &dim, &tag, &n_parts));
+    note(qx_index_tuner_oversized(index_, 1, &key, &size));
+    note(static_cast<std::int64_t>(qx_index_snapshot(index_)));
+    note(qx_index_mutated(index_));
+    note(qx_index_sealed(index_));
+    note(qx_index_delta_count(index_));
+    note(qx_index_has_ivf(index_, 1));
+    note(qx_index_visible_count(index_));
+  }
+
+  QxIndex* index_ = qx_index_new(kDim, 0);
+  std::vector<float> vectors_ = std::vector<float>(std::size_t{kRows} * kDim);
+  std::vector<std::int64_t> ids_;
+};
+
+bool one_handle_read_by_all() {
+  const ReadIndex index;
+  std::array<bool, kThreads> agrees{};
+  std::array<Seen, kThreads> alone;
+  for (int number = 0; number < kThreads; ++number) {
+    alone[static_cast<std::size_t>(number)] = index.read(number);
+  }
+  std::atomic<int> ready = 0;
+  in_threads([&](int number) {
+    ++ready;
+    while (ready < kThreads) std::this_thread::yield();
+    const auto at = static_cast<std::size_t>(number);
+    agrees[at] = true;
+    for (int turn = 0; turn < kLives; ++turn) agrees[at] &= index.read(number) == alone[at];
+  });
+  return agrees == std::array<bool, kThreads>{true, true, true, true} &&
+         !(alone[0].floats == alone[1].floats);
+}
+
 }  // namespace
 
 int main() {
   const bool distinct = distinct_handles();
   const bool one = one_handle_under_a_lock();
-  std::printf("%d threads, %d lives each: distinct handles %s, one handle under a lock %s\n",
-              kThreads, kLives, distinct ? "agree" : "DISAGREE", one ? "agrees" : "DISAGREES");
-  return distinct && one ? 0 : 1;
+  const bool read = one_handle_read_by_all();
+  std::printf(
+      "%d threads, %d lives each: distinct handles %s, one handle under a lock %s, one handle that "
+      "all read %s\n",
+      kThreads, kLives, distinct ? "agree" : "DISAGREE", one ? "agrees" : "DISAGREES",
+      read ? "agrees" : "DISAGREES");
+  return distinct && one && read ? 0 : 1;
 }
