@@ -13,8 +13,7 @@ void scan_base(const QxIndex& index, std::int64_t first, std::int64_t count, con
                std::int64_t k, int64_t* out_ids, float* out_scores) {
   qx::TopK topk(out_ids, out_scores, k);
   qx::Scan scan({query, qx::row_width(index), count, qx::base_magnitude(index)}, topk);
-  scan.add_contiguous(qx::base_vector(index, first), index.base_ids + first, count, count);
-  scan.finish();
+  scan.finish_with(qx::base_vector(index, first), index.base_ids + first, count, count);
 }
 
 // The partition of a key, or -1. Of equal keys the halving decides, so it is part of the contract.

@@ -7,6 +7,7 @@
 
 #include "qx_index.h"
 #include "rows.h"
+#include "support/compiler.h"
 #include "support/fp_environment.h"
 
 namespace {

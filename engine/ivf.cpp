@@ -7,6 +7,7 @@
 #include "rows.h"
 #include "scan.h"
 #include "support/bits.h"
+#include "support/compiler.h"
 #include "support/fp_environment.h"
 
 namespace qx {

@@ -6,6 +6,7 @@
 
 #include "kernels/kernels.h"
 #include "support/bits.h"
+#include "support/compiler.h"
 #include "support/fp_environment.h"
 
 namespace qx {
@@ -73,19 +74,6 @@ void score_contiguous(const float* rows, std::int64_t count, std::int64_t width,
   });
 }
 
-void Scan::add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                          std::int64_t whole_rows) {
-  in_default_fp_environment([&] {
-    scan_run();
-    scan_pending();
-    const Reach reach = reach_of_rows(whole_rows, width_);
-    for (std::int64_t first = 0; first < count; first += kBlockRows) {
-      const std::int64_t size = std::min(kBlockRows, count - first);
-      scan_block(ContiguousBlock{rows + first * width_, size, width_, reach}, ids + first, size);
-    }
-  });
-}
-
 void Scan::add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
                       std::uint64_t mask, std::int64_t whole_rows) {
   flush_pending();
@@ -121,6 +109,15 @@ void Scan::scan_run() {
     if (listed > 0) scan_block(block, ids_.data(), listed);
   }
   run_count_ = 0;
+}
+
+void Scan::scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                           std::int64_t whole_rows) {
+  const Reach reach = reach_of_rows(whole_rows, width_);
+  for (std::int64_t first = 0; first < count; first += kBlockRows) {
+    const std::int64_t size = std::min(kBlockRows, count - first);
+    scan_block(ContiguousBlock{rows + first * width_, size, width_, reach}, ids + first, size);
+  }
 }
 
 bool Scan::run_is_whole() const {
@@ -233,14 +230,28 @@ void Scan::offer_candidates() {
   candidates_ = 0;
 }
 
+void Scan::complete() {
+  thin_candidates();
+  offer_candidates();
+  topk_.finish();
+}
+
 void Scan::finish() {
   if (!opened_ && run_count_ == 0 && pending_ == 0) return;  // no row has come
   in_default_fp_environment([&] {
     scan_run();
     scan_pending();
-    thin_candidates();
-    offer_candidates();
-    topk_.finish();
+    complete();
+  });
+}
+
+void Scan::finish_with(const float* rows, const std::int64_t* ids, std::int64_t count,
+                       std::int64_t whole_rows) {
+  in_default_fp_environment([&] {
+    scan_run();
+    scan_pending();
+    scan_contiguous(rows, ids, count, whole_rows);
+    complete();
   });
 }
 

@@ -51,18 +51,19 @@ class Scan {
     if (++pending_ == kBlockRows) flush_pending();
   }
 
-  // Adds `count` bounded rows that lie one after the other, a part of `whole_rows` that do.
-  void add_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
-                      std::int64_t whole_rows);
-
-  // Adds those of kMaskRows such rows, or fewer, that a mask selects. Worth it if most are. The
-  // others are not read.
+  // Adds those of kMaskRows bounded rows, or fewer, that a mask selects. The rows lie one after the
+  // other, as part of `whole_rows` that do. Worth it if most are selected; the others are not read.
   void add_masked(const float* rows, const std::int64_t* ids, std::int64_t count,
                   std::uint64_t mask, std::int64_t whole_rows);
   static constexpr std::int64_t kMaskRows = 64;
 
   // Completes the results. Must be called after the last row.
   void finish();
+
+  // Adds the last `count` rows, which are bounded and lie one after the other, as part of
+  // `whole_rows` that do; and completes the results.
+  void finish_with(const float* rows, const std::int64_t* ids, std::int64_t count,
+                   std::int64_t whole_rows);
 
  private:
   // Candidates that wait for their scores, beyond those of the latest block.
@@ -76,6 +77,9 @@ class Scan {
   void flush_pending();
   void scan_run();
   void scan_pending();
+  void scan_contiguous(const float* rows, const std::int64_t* ids, std::int64_t count,
+                       std::int64_t whole_rows);
+  void complete();
 
   // Whether every row of the waiting run is selected; and those that are, by address and id.
   bool run_is_whole() const;

@@ -9,8 +9,6 @@
 #include <cfenv>
 #endif
 
-#include "support/compiler.h"
-
 namespace qx {
 
 // The default environment, for as long as the object lives; then the host's is back. Reading it is

@@ -163,9 +163,16 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
   void add(Way way, std::int64_t first, std::int64_t size) {
     switch (way) {
       case Way::kContiguous:
+        for (std::int64_t i = first; i < first + size; ++i) arrive(i);
+        if (first + size == rows_.count) {
+          scan_.finish_with(rows_.row(first), ids() + first, size, whole_rows());
+          break;
+        }
+        add_whole(first, size);
+        break;
       case Way::kPieces:
         for (std::int64_t i = first; i < first + size; ++i) arrive(i);
-        scan_.add_contiguous(rows_.row(first), ids() + first, size, whole_rows());
+        add_whole(first, size);
         break;
       case Way::kOneByOne:
       case Way::kAnywhere:
@@ -181,6 +188,14 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
       default:
         add_masked(way, first, size);
         break;
+    }
+  }
+
+  void add_whole(std::int64_t first, std::int64_t size) {
+    const std::int64_t whole = whole_rows();
+    for (std::int64_t at = first; at < first + size; at += qx::Scan::kMaskRows) {
+      const std::int64_t block = std::min(qx::Scan::kMaskRows, first + size - at);
+      scan_.add_masked(rows_.row(at), ids() + at, block, qx::first_bits(block), whole);
     }
   }
 

@@ -242,11 +242,11 @@ class OneSided : public qx_test::UnderAKernel {
       qx::TopK topk(found.data(), scores.data(), k);
       qx::Scan scan({query_.data(), std::ssize(query_), std::ssize(rows), magnitude}, topk);
       if (contiguous) {
-        scan.add_contiguous(vectors.data(), ids.data(), std::ssize(ids), 1);
+        scan.finish_with(vectors.data(), ids.data(), std::ssize(ids), 1);
       } else {
         for (const std::int64_t id : ids) scan.add(vectors.data() + id * kWidth, id, true);
+        scan.finish();
       }
-      scan.finish();
       for (std::size_t slot = 0; slot < found.size(); ++slot) {
         ASSERT_EQ(found[slot], best[slot].second)
             << "slot " << slot << ", contiguous " << contiguous;

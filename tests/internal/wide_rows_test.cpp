@@ -46,8 +46,7 @@ TEST_P(WideRows, AreScannedWithTheHostsOwnQueryToo) {
     float score = 0;
     qx::TopK topk(&id, &score, 1);
     qx::Scan scan({rows.data(), dim, kRows, 9}, topk);
-    scan.add_contiguous(rows.data(), row_ids.data(), kRows, kRows);
-    scan.finish();
+    scan.finish_with(rows.data(), row_ids.data(), kRows, kRows);
     const auto best = std::max_element(all.begin(), all.end());
     EXPECT_EQ(id, best - all.begin());
     EXPECT_EQ(score, *best);
