@@ -26,6 +26,8 @@ TITLES = {
     "mutation": ("Insert, delete, metadata, build", tables.mutation_table),
     "keys": ("Patterned keys", tables.keys_table),
     "header": ("The C++ header beside the C interface", tables.header_table),
+    "environment": ("The host's floating-point environment", tables.environment_table),
+    "readers": ("Two threads that read one handle", tables.readers_table),
 }
 
 
@@ -44,7 +46,7 @@ def introduction(run):
 
 Written by `bench/run`; `bench/README.md` says how each figure is measured and how to read a row.
 Every ratio is one of medians over interleaved rounds in one process, on the same data, in one
-thread. *Limit* is the least that the hardware must do, measured in the same run.
+thread unless two are named. *Limit* is the least that the hardware must do, measured in the same run.
 {kind if run.header["quick"] else ""}
 {tables.table(["machine", ""], rows).replace("---:|", "---|")}
 """

@@ -161,6 +161,28 @@ def header_table(run):
          ("results, time × C", lambda c: cost(c, "results"))])
 
 
+def environment_table(run):
+    def nanoseconds(case, name):
+        return case.named(name)["median"] / case.items * 1e9
+
+    def more(case, name):
+        return f"{nanoseconds(case, name) - nanoseconds(case, 'default'):+.1f}"
+
+    return plain_table(
+        run, "environment", [("call", "call")],
+        [("ns in the default environment", lambda c: f"{nanoseconds(c, 'default'):.1f}"),
+         ("no flag set, ns more", lambda c: more(c, "no flag set")),
+         ("denormals flushed, ns more", lambda c: more(c, "flushing"))])
+
+
+def readers_table(run):
+    return plain_table(
+        run, "readers", [("base", "base"), ("rows", "rows"), ("dim", "dim")],
+        [("µs a search, one thread",
+          lambda c: f"{c.fastest('baseline')['median'] / c.items * 1e6:.1f}"),
+         ("**two threads, × one**", lambda c: times(c.against_baseline()))])
+
+
 def targets_table(outcomes):
     rows = [[outcome.target.work, outcome.target.bound(), outcome.reached(),
              "yes" if outcome.met else "**no**"] for outcome in outcomes]

@@ -22,6 +22,8 @@ void run_topk(const Settings& settings, Results& results);
 void run_mutation(const Settings& settings, Results& results);
 void run_keys(const Settings& settings, Results& results);
 void run_header(const Settings& settings, Results& results);
+void run_environment(const Settings& settings, Results& results);
+void run_readers(const Settings& settings, Results& results);
 
 inline constexpr Section kSections[] = {
     {"scan", "exact search of the whole base, against reading its bytes and four peers", run_scan},
@@ -34,6 +36,8 @@ inline constexpr Section kSections[] = {
     {"mutation", "insert, delete, metadata and build, against maps and copies", run_mutation},
     {"keys", "patterned keys, against random ones", run_keys},
     {"header", "calls of the C++ header, against those of the C interface", run_header},
+    {"environment", "short calls in floating-point environments of hosts", run_environment},
+    {"readers", "two threads that search one handle, against one", run_readers},
 };
 
 }  // namespace bench
