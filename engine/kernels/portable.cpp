@@ -47,7 +47,7 @@ Four halve(const Lanes& lanes) {
 
 // The sums of a's and b's even and odd elements: a0 + a2, b0 + b2, a1 + a3, b1 + b3.
 Four add_pairs(Four a, Four b) {
-  return __builtin_shufflevector(a, b, 0, 4, 1, 5) + __builtin_shufflevector(a, b, 2, 6, 3, 7);
+  return Four{a[0], b[0], a[1], b[1]} + Four{a[2], b[2], a[3], b[3]};
 }
 
 // Rows that are estimated side by side.
@@ -64,8 +64,8 @@ void estimate_abreast(const float* const* rows, std::int64_t dim, const float* q
   }
   const Four first = add_pairs(halve(sums[0]), halve(sums[1]));
   const Four last = add_pairs(halve(sums[2]), halve(sums[3]));
-  const Four all = __builtin_shufflevector(first, last, 0, 1, 4, 5) +
-                   __builtin_shufflevector(first, last, 2, 3, 6, 7);
+  const Four all =
+      Four{first[0], first[1], last[0], last[1]} + Four{first[2], first[3], last[2], last[3]};
   __builtin_memcpy(estimates, &all, sizeof(all));
   for (; j < dim; ++j) {
     for (std::int64_t i = 0; i < kAbreast; ++i) estimates[i] += rows[i][j] * query[j];
