@@ -92,7 +92,8 @@ def build(folder, flags, target):
     run("clang", "-O1", "-fPIC", "-c", folder / "trap.c", "-o", trap)
     counting = "-O1 -fprofile-instr-generate -fcoverage-mapping"
     run("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
-        "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++", "-DQX_BUILD_EXAMPLES=OFF",
+        "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++", "-DQX_BUILD_TESTS=ON",
+        "-DQX_BUILD_EXAMPLES=OFF",
         f"-DCMAKE_C_FLAGS={counting}",
         f"-DCMAKE_CXX_FLAGS={counting} -ftrap-function=qx_coverage_trap {flags}",
         f"-DCMAKE_EXE_LINKER_FLAGS={trap}", f"-DCMAKE_SHARED_LINKER_FLAGS={trap}")

@@ -202,7 +202,8 @@ class Build:
         status, output = self.worker.run(
             "cmake", "-S", self.worker.source, "-B", self.folder, "-G", "Ninja",
             "-DCMAKE_BUILD_TYPE=Release", f"-DCMAKE_CXX_FLAGS_RELEASE={self.flags}",
-            "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_EXAMPLES=OFF", stdout=subprocess.PIPE)
+            "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_TESTS=ON", "-DQX_BUILD_EXAMPLES=OFF",
+            stdout=subprocess.PIPE)
         if status != 0:
             raise Stopped(f"cmake failed\n{output[-2000:]}")
         for target in dict.fromkeys(["qx_objects", *(TESTS[number][0] for number in tests)]):
