@@ -28,6 +28,13 @@ else()
   set(QX_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
   set(QX_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
+# Who links the static library links fmaf too: always, where there is no other library.
+set(QX_PC_LIBS "")
+set(QX_PC_STATIC_LIBS -lm)
+if(NOT TARGET qx_runtime)
+  set(QX_PC_LIBS " -lm")
+  set(QX_PC_STATIC_LIBS "")
+endif()
 configure_file(cmake/qx_runtime.pc.in qx_runtime.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_runtime.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -78,7 +78,7 @@ exists "$libdir/libqx_runtime.a"
 consume static -DCMAKE_PREFIX_PATH="$prefix" -Dqx_runtime_DIR="$libdir/cmake/qx_runtime"
 PKG_CONFIG_PATH=$libdir/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs qx_runtime)
-quietly gcc "$consumer/host.c" "${flags[@]}" -lm -o "$work/host"
+quietly gcc "$consumer/host.c" "${flags[@]}" -o "$work/host"
 answers "$work/host"
 
 # The source tree as a part of the consumer's build, which installs and tests nothing of it.
