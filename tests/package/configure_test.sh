@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Configures the project where packages are missing: by itself it leaves out by name what wants them,
-# and what is asked for by ON ends the configuration.
+# Configures the project where packages are missing: what wants them is left out by name, and
+# what is asked for by ON ends the configuration.
 # usage: configure_test.sh SOURCE_DIRECTORY COMPILER
 set -euo pipefail
 source_directory=$1
@@ -25,7 +25,8 @@ fail() {
 }
 configure() {
   rm -rf "$work/build"
-  cmake -S "$source_directory" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "$@" >"$work/log" 2>&1
+  cmake -S "$source_directory" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "$@" \
+    >"$work/log" 2>&1
 }
 # leaves_out WHAT OPTION...: configures, and names each line of WHAT as left out.
 leaves_out() {

@@ -86,4 +86,31 @@ consume subdirectory -DSOURCE="$source_directory"
 consume fetched -DSOURCE="$source_directory" -DFETCH=ON
 [ ! -e "$work/consume-subdirectory/qx_runtime/tests" ] || fail "a consumer builds the tests"
 
+# The different options -O that an object file was compiled with, as its compiler recorded them.
+recorded() {
+  readelf -p .GCC.command.line "$1" >"$work/record"
+  grep -q 'GNU C' "$work/record" || fail "$1 has no record of its compiler"
+  { grep -oE -- ' -O[^ ]*' "$work/record" || true; } | sort -u | tr -d '\n '
+}
+
+# optimised NAME LIBRARY HOST FLAGS [OPTION]...: the source tree as a part of a build with these
+# flags and options. The library is then compiled with the options LIBRARY, and the consumer's own
+# code with HOST.
+optimised() {
+  local build=$work/optimised-$1 library=$2 host=$3 flags="-frecord-gcc-switches $4" found
+  shift 4
+  quietly cmake -S "$consumer" -B "$build" -G Ninja -DSOURCE="$source_directory" \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" "$@"
+  quietly cmake --build "$build" --target c_static qx_runtime
+  found=$(recorded "$(find "$build" -name libqx_runtime.so)")
+  [ "$found" = "$library" ] || fail "$build: the library has '$found', not '$library'"
+  found=$(recorded "$build/CMakeFiles/c_static.dir/host.c.o")
+  [ "$found" = "$host" ] || fail "$build: the consumer has '$found', not '$host'"
+  passed=$((passed + 1))
+}
+optimised unchosen -O3 "" ""
+optimised unchosen_fetched -O3 "" "" -DFETCH=ON
+optimised debug "" "" "" -DCMAKE_BUILD_TYPE=Debug
+optimised by_flags -O1 -O1 -O1
+
 echo "install_test: $passed passed, 0 failed"
