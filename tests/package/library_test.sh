@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Checks the shared library from outside: what it exports, imports, links and is called.
-# usage: library_test.sh LIBRARY SANITIZED(0|1)
+# usage: library_test.sh LIBRARY SANITIZED(0|1) [SONAME]
+#   NM in the environment is the nm to call, for libraries of other CPUs.
 set -euo pipefail
 export LC_ALL=C  # one order of names everywhere
 library=$1
 sanitized=$2
+expected_soname=${3-libqx_runtime.so.1}
+nm=${NM:-nm}
 here=$(dirname "$0")
 failed=0
 
@@ -17,12 +20,12 @@ compare() {
 }
 
 # The sanitizers add symbols of their own; the rest of a sanitized library is checked all the same.
-nm --dynamic --defined-only --format=posix "$library" | awk '{ print $1 }' | sort |
+"$nm" --dynamic --defined-only --format=posix "$library" | awk '{ print $1 }' | sort |
   { [ "$sanitized" = 1 ] && grep '^qx_' || cat; } |
   compare exported_symbols.txt "the exported symbols differ from the stored list"
 
 soname=$(readelf --dynamic "$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
-if [ "$soname" != libqx_runtime.so.1 ]; then
+if [ "$soname" != "$expected_soname" ]; then
   echo "library_test: the SONAME is '$soname'" >&2
   failed=1
 fi
@@ -30,7 +33,7 @@ fi
 
 # Everything that the library may call: the heap, blocks of memory, and one line to standard error.
 # No thread, lock, file or socket function is among them.
-unexpected=$(nm --dynamic --undefined-only --format=posix "$library" |
+unexpected=$("$nm" --dynamic --undefined-only --format=posix "$library" |
   awk '$2 == "U" { sub("@.*", "", $1); print $1 }' | sort | comm -13 "$here/imported_symbols.txt" -)
 if [ -n "$unexpected" ]; then
   echo "library_test: it imports what it may not call:" $unexpected >&2
