@@ -13,8 +13,7 @@ constexpr const char* kThisFile = "engine/support/memory.cpp";
 // The size of a block in bytes. A size that no address space holds is a failed allocation.
 std::size_t block_bytes(std::int64_t count, std::size_t element_bytes) {
   std::size_t bytes = 0;
-  if (count < 0 || __builtin_mul_overflow(static_cast<std::size_t>(count), element_bytes, &bytes) ||
-      bytes > PTRDIFF_MAX) {
+  if (count < 0 || __builtin_mul_overflow(count, element_bytes, &bytes) || bytes > PTRDIFF_MAX) {
     abort_allocation(kThisFile, SourcePlace::here());
   }
   return bytes;
