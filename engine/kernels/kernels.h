@@ -24,12 +24,7 @@
 // nothing), and writes exactly the given scores and numbers.
 #pragma once
 
-#include <cfloat>
 #include <cstdint>
-
-#if FLT_EVAL_METHOD != 0
-#error "A float must be computed as a float: x87 keeps more bits, so i386 needs -msse2 -mfpmath=sse"
-#endif
 
 namespace qx {
 

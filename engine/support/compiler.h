@@ -15,7 +15,7 @@
 #endif
 
 #if !defined(FLT_EVAL_METHOD) || FLT_EVAL_METHOD != 0
-#error "qx_runtime needs floats that are not computed in a wider format (on x86: -mfpmath=sse)"
+#error "qx_runtime needs floats that are not computed in a wider format (i386: -msse2 -mfpmath=sse)"
 #endif
 
 static_assert(FLT_RADIX == 2 && FLT_MANT_DIG == 24 && FLT_MAX_EXP == 128 && DBL_MANT_DIG == 53);
