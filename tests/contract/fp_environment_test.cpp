@@ -1,11 +1,10 @@
 // What the host has made of the floating-point environment changes no result, and no call changes
 // it.
-#include "support/host_environment.h"
-
 #include <cmath>
 #include <limits>
 
 #include "support/host.h"
+#include "support/host_environment.h"
 
 namespace qx_test {
 namespace {
