@@ -46,6 +46,7 @@ void expect_the_marked_rows(std::int64_t first, std::int64_t count, bool all) {
 
 TEST(RowSet, HoldsTheMarkedRowsOfItsSpanAndIgnoresOthers) {
   for (const std::int64_t count : {1LL, 63LL, 64LL, 65LL, 1000LL, 1LL * RowSet::kMostRows}) {
+    if (count > RowSet::kMostRows) continue;
     for (const std::int64_t first : {std::int64_t{0}, RowSet::kMostRows, 3 * RowSet::kMostRows}) {
       for (const bool all : {false, true}) expect_the_marked_rows(first, count, all);
     }

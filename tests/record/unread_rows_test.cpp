@@ -132,7 +132,7 @@ TEST_P(UnreadRows, AreThoseThatAreNotVisibleOrFailTheFilter) {
         const std::vector<Found> results = search(query);
         pages_.clear();
         EXPECT_EQ(search(query), results);
-        EXPECT_NE(results[1].slots[9].id, -1);
+        EXPECT_NE(results[3].slots.at(9).id, -1);
       }
     }
   }
