@@ -14,8 +14,8 @@
  *     qx_index_delete(index, old_ids, 1);                         hide rows
  *     qx_index_set_rowmeta(index, ids, labels, values, 2, 1000);  a label and two columns per id
  *     k = qx_index_search_full(index, query, 10, out_ids, out_scores);    the sealed base, exact
- *     qx_index_search_filtered(index, 1, 0, label, query, 10, out_ids, out_scores);  what is
- *                                                                 visible now and has the label
+ *     qx_index_search_filtered(index, QX_FILTER_LABEL, 0, label, query, 10, out_ids, out_scores);
+ *                                                   what is visible now and has the label
  *     qx_index_free(index);
  *
  * CONVENTIONS, which hold for every function below
@@ -40,8 +40,9 @@
  *    for them and every score is 0.
  *
  * 4. Rows and ids. An id is the host's 64-bit number for a vector. The sealed base takes ids from
- *    0 to 2^40 - 1, and one id may stand on several base rows: by id, the last of them is found.
- *    The delta, the tombstones, the metadata and the IVF keys take any 64-bit value.
+ *    0 to QX_MAX_BASE_ID. Several base rows may have the same id: what looks for a row by its id
+ *    finds the last of them. The delta, the tombstones, the metadata and the IVF keys take any
+ *    64-bit value.
  *
  * 5. Scores. A score is the inner product of the query and a row in 32-bit floats: one chain of
  *    fused multiply-adds over components 0 to dim - 1 in order, starting from +0.0, rounded to
@@ -50,11 +51,12 @@
  *    of denormals, exceptions that trap. A call leaves that environment, sticky flags included, as
  *    it was. The engine normalises nothing.
  *
- * 6. Results. A search first sets the result slots that it owns to id -1 and score -1e30f (bits
- *    0xF149F2CA), then offers its rows in the order that it documents. A row enters only with a
- *    score strictly greater than the last slot's, and stays behind every earlier row of the same
- *    score: slots are sorted from best to worst, ties in the order of arrival. A NaN score, and a
- *    score of -1e30f or less, never enter. An empty slot is recognised by id -1 and score -1e30f.
+ * 6. Results. A search first sets the result slots that it owns to QX_EMPTY_ID and QX_EMPTY_SCORE,
+ *    then offers its rows in the order that it documents. A row enters only with a score strictly
+ *    greater than the last slot's, and stays behind every earlier row of the same score: slots are
+ *    sorted from best to worst, ties in the order of arrival, empty slots last. A NaN score, and a
+ *    score of QX_EMPTY_SCORE or less, never enter. A slot is empty if it has both the id and the
+ *    score; the id alone does not tell, since the delta may hold a row of id -1.
  *    A search that does not run returns 0 and writes nothing.
  *
  * 7. What a read sees. "Sealed" reads see the base of the latest build and nothing else: no delta
@@ -128,6 +130,38 @@
 
 #include <stdint.h>
 
+/* ---- Constants --------------------------------------------------------------------------- */
+
+/*
+ * The version of the interface that this header declares. A library fits if its
+ * qx_runtime_format_version returns the same number.
+ */
+#define QX_RUNTIME_FORMAT_VERSION 1
+
+/*
+ * What a result slot holds that no row has reached: this id and this score, whose bits are
+ * 0xF149F2CA (convention 6).
+ */
+#define QX_EMPTY_ID (-INT64_C(1))
+#define QX_EMPTY_SCORE (-1e30f)
+
+/*
+ * The modes of a filter: which ids pass in qx_index_search_filtered and qx_index_match_ids.
+ */
+#define QX_FILTER_ALL UINT32_C(0)    /* every id */
+#define QX_FILTER_LABEL UINT32_C(1)  /* those with a label */
+#define QX_FILTER_COLUMN UINT32_C(2) /* those with a value in a column */
+
+/*
+ * The label of an id that has none, and its value in a column that has none for it.
+ */
+#define QX_MISSING (-INT64_C(1))
+
+/*
+ * The largest id of a base row, 2^40 - 1 (convention 4).
+ */
+#define QX_MAX_BASE_ID ((INT64_C(1) << 40) - 1)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -190,7 +224,8 @@ uint32_t qx_index_sealed(const QxIndex* index);
 int64_t qx_index_delta_count(const QxIndex* index);
 
 /*
- * Returns 1, the version of this interface and of the meaning of what it exports.
+ * Returns the version of the interface that the library has, and of the meaning of what it
+ * exports: 1, the QX_RUNTIME_FORMAT_VERSION of this header.
  */
 int32_t qx_runtime_format_version(void);
 
@@ -202,8 +237,8 @@ int32_t qx_runtime_format_version(void);
  * vectors      n * dim floats, row-major.
  * n            number of rows, 0 to 2^40.
  * dim          dimension, 0 or more; replaces the index's dimension.
- * ids          n ids, each from 0 to 2^40 - 1, in any order. When an id repeats, its last row is
- *              the one found by id; the others are still scanned, listed and exported.
+ * ids          n ids, each from 0 to QX_MAX_BASE_ID, in any order. When an id repeats, its last row
+ *              is the one found by id; the others are still scanned, listed and exported.
  * part_keys    n_parts partition keys, ascending (not checked; qx_index_search_partition halves).
  * part_starts  n_parts first rows. Ranges may overlap and need not cover the base; a range that
  *              leaves the base makes only its own partition unsearchable.
@@ -211,7 +246,7 @@ int32_t qx_runtime_format_version(void);
  * n_parts      number of partitions, 0 or more.
  *
  * Returns 0, or -1 with nothing changed and nothing allocated: dim or n_parts is negative, n is
- * negative or above 2^40, n * dim is above 2^40, or an id is negative or above 2^40 - 1.
+ * negative or above 2^40, n * dim is above 2^40, or an id is negative or above QX_MAX_BASE_ID.
  *
  * The table that finds ids holds 8 bytes for every number from 0 to the largest id: dense ids are
  * cheap, sparse ones are not.
@@ -248,7 +283,7 @@ int64_t qx_index_export_base(const QxIndex* index, float* out_vectors, int64_t* 
  *
  * Returns the number of slots written: min(k, n_base), or 0 with nothing written when that is
  * below 1 or nothing is sealed. Deleted and superseded base rows are found too. A row whose score
- * is a NaN or at most -1e30f leaves a slot empty.
+ * is a NaN or at most QX_EMPTY_SCORE leaves a slot empty.
  */
 int32_t qx_index_search_full(const QxIndex* index, const float* query, int32_t k, int64_t* out_ids,
                              float* out_scores);
@@ -277,7 +312,7 @@ int32_t qx_index_search_partition(const QxIndex* index, int64_t key, const float
  * n_cand      number of candidates.
  * query       dim floats.
  * k           number of results wanted.
- * out_ids     receives min(k, n_cand) ids, best first; -1 in slots that no candidate reached.
+ * out_ids     receives min(k, n_cand) ids, best first; empty slots behind them.
  * out_scores  receives their scores.
  *
  * Returns the number of slots written: min(k, n_cand), however many candidates were found; or 0
@@ -381,13 +416,13 @@ int64_t qx_index_set_ivf_nprobe(QxIndex* index, int64_t key, int32_t nprobe);
 /*
  * Finds good rows of the sealed base through an IVF structure: scores every centroid, then scans
  * the nprobe lists of the best centroids, best first, ties in list order. A list whose centroid
- * scores NaN, -1e30f or less is never scanned.
+ * scores NaN, QX_EMPTY_SCORE or less is never scanned.
  *
  * key         the key given to qx_index_set_ivf.
  * query       dim floats.
  * k           number of results wanted.
- * out_ids     receives k ids, best first; -1 in slots that no row reached. An id that the scanned
- *             lists name twice may fill two slots.
+ * out_ids     receives k ids, best first; empty slots behind them. An id that the scanned lists
+ *             name twice may fill two slots.
  * out_scores  receives their scores.
  *
  * Returns k, however many rows were found; or 0 with nothing written when the key has no
@@ -412,7 +447,7 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
  * n       number of ids; below 1 means none.
  *
  * Returns 0, or -1 with nothing changed if ncols is below the current number of columns. The value
- * -1 is the mark of a missing value: writing it reads as never written.
+ * QX_MISSING is the mark of a missing one: writing it reads as never written.
  */
 int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* labels,
                              const int64_t* values, int32_t ncols, int32_t n);
@@ -422,8 +457,8 @@ int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* 
  *
  * ids         n ids.
  * n           number of ids, read as a signed number; below 1 means none.
- * out_labels  receives n labels, -1 where an id has none.
- * out_values  receives n * ncols values, row-major, -1 where an id has none.
+ * out_labels  receives n labels, QX_MISSING where an id has none.
+ * out_values  receives n * ncols values, row-major, QX_MISSING where an id has none.
  *
  * Returns ncols, the index's number of columns. A call with n = 0 writes nothing and gives the
  * number that sizes out_values.
@@ -441,7 +476,7 @@ int32_t qx_index_export_rowmeta(const QxIndex* index, const int64_t* ids, uint32
  * n           number of candidates; below 1 means none.
  * query       dim floats.
  * k           number of results wanted, read as a signed number.
- * out_ids     receives k ids, best first; -1 in slots that no candidate reached.
+ * out_ids     receives k ids, best first; empty slots behind them.
  * out_scores  receives their scores.
  *
  * Returns k, however many candidates were found; or 0 with nothing written when k is below 1.
@@ -452,13 +487,14 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
 /*
  * Finds the best visible rows whose id passes a test, offered in walk order (convention 7).
  *
- * mode        0: every id passes; 1: ids whose label equals value; any other: ids whose value in
- *             the column equals value. A missing label or value counts as -1.
+ * mode        QX_FILTER_ALL: every id passes; QX_FILTER_LABEL: ids whose label equals value;
+ *             QX_FILTER_COLUMN, or any other number: ids whose value in the column equals value. A
+ *             missing label or value counts as QX_MISSING.
  * column      column number for the column test; outside 0 to ncols - 1 nothing passes.
  * value       the value to compare with.
  * query       dim floats.
  * k           number of results wanted, read as a signed number.
- * out_ids     receives k ids, best first; -1 in slots that no row reached.
+ * out_ids     receives k ids, best first; empty slots behind them.
  * out_scores  receives their scores.
  *
  * Returns k, however many rows passed; or 0 with nothing written when k is below 1.

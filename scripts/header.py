@@ -1,4 +1,4 @@
-"""Reads include/qx_runtime.h: its overview, its conventions, and what it says of each function."""
+"""Reads include/qx_runtime.h: its overview, conventions and constants, and what it says of each function."""
 import dataclasses
 import pathlib
 import re
@@ -19,10 +19,18 @@ class Function:
 
 
 @dataclasses.dataclass
+class Constants:
+    """Some that belong together."""
+    text: str
+    named: list  # triples of a name, its value as it is written, and what is said beside it
+
+
+@dataclasses.dataclass
 class Header:
     summary: str
     overview: list  # paragraphs and, as tuples of lines, what is set as it is
     conventions: list  # triples of number, title and such a list
+    constants: list
     functions: list
 
 
@@ -98,6 +106,14 @@ def function_of(comment, prototype, section):
                     parameters, result, notes)
 
 
+def constants_of(text):
+    groups = []
+    for match in re.finditer(r"(/\*\n(?: \*[^\n]*\n)*? \*/)\n((?:#define \w+ [^\n]+\n)+)", text):
+        lines = re.findall(r"#define (\w+) (.*?)(?: +/\* (.*) \*/)?\n", match[2])
+        groups.append(Constants(joined(comment_lines(match[1])), lines))
+    return groups
+
+
 def read(path=HEADER):
     text = path.read_text()
     first = comment_lines(re.match(r"/\*.*?\*/", text, re.S)[0])
@@ -121,4 +137,5 @@ def read(path=HEADER):
         else:
             functions.append(function_of(match[2], match[3], section))
     return Header(summary, opening[1:] + [("",)] + blocks(first[life + 1:conventions], 0),
-                  [(number, title, blocks(lines, 0)) for number, title, lines in titled], functions)
+                  [(number, title, blocks(lines, 0)) for number, title, lines in titled],
+                  constants_of(text), functions)

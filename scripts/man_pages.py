@@ -68,6 +68,10 @@ def overview_page(read, release):
             section = function.section
             lines.append(f".SS {section}")
         lines += [".TP", f".BR {function.name} (3)", roff(function.summary)]
+    for at, group in enumerate(read.constants):
+        lines += [".PP" if at else ".SH CONSTANTS", roff(group.text)]
+        for name, value, note in group.named:
+            lines += [".TP", f".B {name}", roff(value) + (f", {roff(note)}" if note else "")]
     lines.append(".SH CONVENTIONS")
     for number, name, blocks in read.conventions:
         lines += [f".SS {number}. {name}", *set_blocks(blocks)]

@@ -63,6 +63,11 @@ def reference(read):
     for number, title, blocks in read.conventions:
         lines += [f"### {number}. {title} {{: #convention-{number} }}", "",
                   *set_blocks(blocks, names)]
+    lines += ["## Constants", ""]
+    for group in read.constants:
+        lines += [marked(group.text, names), ""]
+        lines += [f"- `{name}`: `{value}`" + (f", {marked(note, names)}" if note else "")
+                  for name, value, note in group.named] + [""]
     for section, functions in sections.items():
         lines += [f"## {section}", ""]
         for function in functions:

@@ -1,6 +1,7 @@
 // The naive model: the engine's behaviour said a second time, as plainly as possible, over standard
 // containers. It is the judge of the random histories, so it shares no line with the engine: ids
-// are found by looking at every row, results are chosen by sorting every candidate.
+// are found by looking at every row, results are chosen by sorting every candidate. The numbers
+// of the header's constants are stated here again, so that a wrong constant is noticed too.
 //
 // Output arguments hold what the host's buffers held before the call and are changed where the
 // contract writes; a buffer must have the elements that the contract grants. Where the contract

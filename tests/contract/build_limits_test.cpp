@@ -80,8 +80,8 @@ TEST(BuildLimits, AProductThatOverflowsIsRejected) {
 
 TEST(BuildLimits, AnIdOfTwoToTheFortyIsRejected) {
   const Index index(6);
-  EXPECT_EQ(build(index, 1, {kLimit}, {1}), -1);
-  EXPECT_EQ(build(index, 1, {3, kLimit, 4}, {1, 2, 3}), -1);
+  EXPECT_EQ(build(index, 1, {QX_MAX_BASE_ID + 1}, {1}), -1);
+  EXPECT_EQ(build(index, 1, {3, QX_MAX_BASE_ID + 1, 4}, {1, 2, 3}), -1);
   EXPECT_EQ(build(index, 1, {INT64_MAX}, {1}), -1);
   EXPECT_EQ(qx_index_sealed(index), 0u);
   EXPECT_EQ(stats(index), (Stats{0, 6, 0, 0}));

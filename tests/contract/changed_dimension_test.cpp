@@ -28,7 +28,7 @@ TEST(ChangedDimension, ASmallerOneReadsFloatsOfNeighbouringRows) {
 TEST(ChangedDimension, ALargerOneReadsTheRowsThatAreStillInside) {
   const Rebuilt index(3);
   EXPECT_EQ(search_mvcc(index, {11, 12}, kThreeOnes, 2), found({{12, 15}, {11, 6}}));
-  EXPECT_EQ(search_filtered(index, {1, 0, 2}, kThreeOnes, 1), found({{12, 15}}));
+  EXPECT_EQ(search_filtered(index, has_label(2), kThreeOnes, 1), found({{12, 15}}));
 }
 
 TEST(ChangedDimension, ToZeroReadsNothing) {
@@ -42,7 +42,7 @@ TEST(ChangedDimension, ReadsThatNeedNoVectorAreNotAffected) {
   const Rebuilt index(3);
   EXPECT_EQ(qx_index_visible_count(index), 3);
   EXPECT_EQ(visible_ids(index), (Ids{11, 12, 13}));
-  EXPECT_EQ(match_ids(index, {1, 0, 3}), Ids{13});
+  EXPECT_EQ(match_ids(index, has_label(3)), Ids{13});
   EXPECT_EQ(qx_index_delta_count(index), 3);
 }
 
@@ -79,7 +79,7 @@ TEST(ChangedDimension, APassingRowThatLeavesTheEndEndsTheSearch) {
 
 TEST(ChangedDimension, ARowThatFailsThePredicateIsNotRead) {
   const Rebuilt index(4);
-  EXPECT_EQ(search_filtered(index, {1, 0, 1}, kFourOnes, 2), found({{11, 10}, kEmptySlot}));
+  EXPECT_EQ(search_filtered(index, has_label(1), kFourOnes, 2), found({{11, 10}, kEmptySlot}));
 }
 
 TEST(ChangedDimension, ADeletedRowIsNotRead) {

@@ -101,11 +101,11 @@ TEST(CurrentSearch, ARepeatedBaseIdIsScoredOnItsLastRow) {
 }
 
 TEST(CurrentSearch, AScoreOfTheEmptySlotOrLessNeverEnters) {
-  const float below = std::nextafter(-1e30f, -kInfinity);
-  const float above = std::nextafter(-1e30f, kInfinity);
+  const float below = std::nextafter(QX_EMPTY_SCORE, -kInfinity);
+  const float above = std::nextafter(QX_EMPTY_SCORE, kInfinity);
   const Index index(1);
-  seal(index, 1, {1, 2}, {-1e30f, below});
-  insert(index, {8, 9, 10}, {-1e30f, -kInfinity, above});
+  seal(index, 1, {1, 2}, {QX_EMPTY_SCORE, below});
+  insert(index, {8, 9, 10}, {QX_EMPTY_SCORE, -kInfinity, above});
   EXPECT_EQ(search_mvcc(index, {1, 2, 8, 9}, kOne, 2), found({kEmptySlot, kEmptySlot}));
   EXPECT_EQ(search_mvcc(index, {1, 2, 8, 9, 10}, kOne, 2), found({{10, above}, kEmptySlot}));
 }

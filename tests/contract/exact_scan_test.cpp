@@ -141,17 +141,17 @@ TEST(ExactScan, ARowBetweenNaNRowsTakesItsPlace) {
 }
 
 TEST(ExactScan, AScoreOfTheEmptySlotOrLessNeverEnters) {
-  const float below = std::nextafter(-1e30f, -kInfinity);
+  const float below = std::nextafter(QX_EMPTY_SCORE, -kInfinity);
   const Index index(1);
-  seal(index, 1, {1, 2, 3}, {-1e30f, below, -kInfinity});
+  seal(index, 1, {1, 2, 3}, {QX_EMPTY_SCORE, below, -kInfinity});
   EXPECT_EQ(search_full(index, kOne, 3), found({kEmptySlot, kEmptySlot, kEmptySlot}));
   EXPECT_EQ(search_full(index, kOne, 1), found({kEmptySlot}));
 }
 
 TEST(ExactScan, AScoreJustAboveTheEmptySlotEnters) {
-  const float above = std::nextafter(-1e30f, kInfinity);
+  const float above = std::nextafter(QX_EMPTY_SCORE, kInfinity);
   const Index index(1);
-  seal(index, 1, {1, 2}, {-1e30f, above});
+  seal(index, 1, {1, 2}, {QX_EMPTY_SCORE, above});
   EXPECT_EQ(search_full(index, kOne, 2), found({{2, above}, kEmptySlot}));
 }
 

@@ -71,10 +71,11 @@ class Asked {
         return qx_index_search_mvcc(index_, ids_.data(), rows_, q, unsigned_k, ids, scores);
       });
       search(k, [&](auto* ids, auto* scores) {
-        return qx_index_search_filtered(index_, 1, 0, -1, q, unsigned_k, ids, scores);
+        return qx_index_search_filtered(index_, QX_FILTER_LABEL, 0, QX_MISSING, q, unsigned_k, ids,
+                                        scores);
       });
       search(k, [&](auto* ids, auto* scores) {
-        return qx_index_search_filtered(index_, 0, 0, 0, q, unsigned_k, ids, scores);
+        return qx_index_search_filtered(index_, QX_FILTER_ALL, 0, 0, q, unsigned_k, ids, scores);
       });
       search(k, [&](auto* ids, auto* scores) {
         return qx_index_search_ivf(index_, 1, q, k, ids, scores);

@@ -122,7 +122,7 @@ TEST(Insert, VectorsAreKeptBitForBit) {
 }
 
 TEST(Insert, AnyIdIsValid) {
-  const Ids ids{kLowestId, kHighestId, -1, 0, std::int64_t{1} << 40, kUntouchedId + 1};
+  const Ids ids{kLowestId, kHighestId, -1, 0, QX_MAX_BASE_ID + 1, kUntouchedId + 1};
   const Index index(1);
   insert(index, ids, {1, 2, 3, 4, 5, 6});
   EXPECT_EQ(export_visible(index), (Rows{ids, {1, 2, 3, 4, 5, 6}}));

@@ -91,7 +91,7 @@ TEST(IvfSearch, EveryListIsScannedOnceWhenTheProbesExceedTheLists) {
 
 TEST(IvfSearch, AListWhoseCentroidScoresTheEmptySlotOrLessIsNeverScanned) {
   const SixRows index(
-      {5, 9, {-1e30f, -kInfinity, kNaN, -9e29f, 2}, {1, 2, 3, 4, 5}, {0, 1, 2, 3, 4, 5}});
+      {5, 9, {QX_EMPTY_SCORE, -kInfinity, kNaN, -9e29f, 2}, {1, 2, 3, 4, 5}, {0, 1, 2, 3, 4, 5}});
   EXPECT_EQ(search_ivf(index, 7, kOne, 3), found({{5, 5}, {4, 4}, kEmptySlot}));
 }
 
@@ -201,7 +201,7 @@ TEST(IvfSearch, KIsNotLimitedByTheBase) {
 
 TEST(IvfSearch, MembersWithoutABaseRowAreSkipped) {
   const SixRows index(
-      {1, 1, {1}, {-1, 0, 7, 2, kLowestId, kHighestId, std::int64_t{1} << 40}, {0, 7}});
+      {1, 1, {1}, {-1, 0, 7, 2, kLowestId, kHighestId, QX_MAX_BASE_ID + 1}, {0, 7}});
   EXPECT_EQ(search_ivf(index, 7, kOne, 2), found({{2, 2}, kEmptySlot}));
 }
 
@@ -239,7 +239,7 @@ TEST(IvfSearch, CentroidsAreRowsOfTheirMatrix) {
 
 TEST(IvfSearch, AMemberWithAnUnusableScoreIsNotFound) {
   const Index index(1);
-  seal(index, 1, {1, 2, 3, 4}, {kNaN, -1e30f, -5, -kInfinity});
+  seal(index, 1, {1, 2, 3, 4}, {kNaN, QX_EMPTY_SCORE, -5, -kInfinity});
   set_ivf(index, 7, {1, 1, {1}, {1, 2, 3, 4}, {0, 4}});
   EXPECT_EQ(search_ivf(index, 7, kOne, 2), found({{3, -5}, kEmptySlot}));
 }

@@ -58,8 +58,8 @@ class LargeBase {
       const auto found = labels_.find(id);
       return (found == labels_.end() ? -1 : found->second) == label;
     });
-    EXPECT_TRUE(match_ids(index_, {1, 0, label}) == expected) << "label " << label;
-    const Found best = search_filtered(index_, {1, 0, label}, {1.0f}, kEnough);
+    EXPECT_TRUE(match_ids(index_, has_label(label)) == expected) << "label " << label;
+    const Found best = search_filtered(index_, has_label(label), {1.0f}, kEnough);
     for (std::size_t i = 0; i < kEnough; ++i) {
       EXPECT_EQ(best.slots.at(i).id, i < expected.size() ? expected[i] : -1);
     }

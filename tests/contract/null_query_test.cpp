@@ -103,7 +103,7 @@ TEST_F(NullQuery, IsNotReadWhereVectorsHaveNoElements) {
   EXPECT_EQ(qx_index_search_full(index, nullptr, 1, &id, &score), 1);
   EXPECT_EQ(id, 7);
   EXPECT_EQ(bits_of(score), bits_of(0.0f));
-  EXPECT_EQ(qx_index_search_filtered(index, 0, 0, 0, nullptr, 1, &id, &score), 1);
+  EXPECT_EQ(qx_index_search_filtered(index, QX_FILTER_ALL, 0, 0, nullptr, 1, &id, &score), 1);
   EXPECT_EQ(id, 7);
 }
 

@@ -172,7 +172,7 @@ TEST(ScatterTopK, TheLargestBaseIdIsFoundAndTheNextOneIsNot) {
 
 TEST(ScatterTopK, NegativeAndHugeIdsAreSkipped) {
   const SixRows index;
-  EXPECT_EQ(scatter(index, {-1, kLowestId, 10, kHighestId, std::int64_t{1} << 40, -10}, kOne, 2),
+  EXPECT_EQ(scatter(index, {-1, kLowestId, 10, kHighestId, QX_MAX_BASE_ID + 1, -10}, kOne, 2),
             found({{10, 1}, kEmptySlot}));
 }
 
@@ -257,7 +257,7 @@ TEST(ScatterTopK, SeesTheSealedBaseAlone) {
 
 TEST(ScatterTopK, UnusableScoresLeaveSlotsEmpty) {
   const Index index(1);
-  seal(index, 1, {1, 2, 3}, {std::numeric_limits<float>::quiet_NaN(), -1e30f, -4});
+  seal(index, 1, {1, 2, 3}, {std::numeric_limits<float>::quiet_NaN(), QX_EMPTY_SCORE, -4});
   EXPECT_EQ(scatter(index, {1, 2, 3}, kOne, 3), found({{3, -4}, kEmptySlot, kEmptySlot}));
 }
 

@@ -12,7 +12,8 @@ constexpr std::int32_t kLowest = std::numeric_limits<std::int32_t>::min();
 constexpr std::int32_t kHighest = std::numeric_limits<std::int32_t>::max();
 
 // Every mode that tests a column.
-const std::vector<std::uint32_t> kColumnModes{2, 7, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+const std::vector<std::uint32_t> kColumnModes{QX_FILTER_COLUMN, 7, 0x7FFFFFFF, 0x80000000,
+                                              0xFFFFFFFF};
 
 // With dimension 1 and the query {1} a row's score is its only component.
 const Floats kOne{1};
@@ -37,8 +38,8 @@ TEST(Predicate, ModeZeroIsASearchOfAllVisibleRows) {
 
 TEST(Predicate, ModeZeroIgnoresColumnAndValue) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {0, -3, 1234}), visible_ids(index));
-  EXPECT_EQ(match_ids(index, {0, kHighest, kLowestId}), visible_ids(index));
+  EXPECT_EQ(match_ids(index, {QX_FILTER_ALL, -3, 1234}), visible_ids(index));
+  EXPECT_EQ(match_ids(index, {QX_FILTER_ALL, kHighest, kLowestId}), visible_ids(index));
 }
 
 TEST(Predicate, ModeZeroListsTheVisibleIdsInTheSameOrder) {
@@ -50,31 +51,32 @@ TEST(Predicate, ModeZeroListsTheVisibleIdsInTheSameOrder) {
 
 TEST(Predicate, ModeOneComparesTheLabel) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), (Ids{2, 1}));
-  EXPECT_EQ(match_ids(index, {1, 0, 6}), Ids{9});
-  EXPECT_EQ(match_ids(index, {1, 0, 4}), Ids());
-  EXPECT_EQ(search_filtered(index, {1, 0, 5}, kOne, 2), found({{2, 20}, {1, 1}}));
+  EXPECT_EQ(match_ids(index, has_label(5)), (Ids{2, 1}));
+  EXPECT_EQ(match_ids(index, has_label(6)), Ids{9});
+  EXPECT_EQ(match_ids(index, has_label(4)), Ids());
+  EXPECT_EQ(search_filtered(index, has_label(5), kOne, 2), found({{2, 20}, {1, 1}}));
 }
 
 TEST(Predicate, ModeOneIgnoresTheColumn) {
   const Labelled index;
   for (const std::int32_t column : {-1, 1, 2, kLowest, kHighest}) {
-    EXPECT_EQ(match_ids(index, {1, column, 5}), (Ids{2, 1})) << "column " << column;
+    EXPECT_EQ(match_ids(index, {QX_FILTER_LABEL, column, 5}), (Ids{2, 1})) << "column " << column;
   }
 }
 
 TEST(Predicate, ModeOneWithMinusOneMatchesRowsWithoutALabel) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {1, 0, -1}), (Ids{3, 4}));
-  EXPECT_EQ(search_filtered(index, {1, 0, -1}, kOne, 3), found({{4, 4}, {3, 3}, kEmptySlot}));
+  EXPECT_EQ(match_ids(index, has_label(QX_MISSING)), (Ids{3, 4}));
+  EXPECT_EQ(search_filtered(index, has_label(QX_MISSING), kOne, 3),
+            found({{4, 4}, {3, 3}, kEmptySlot}));
 }
 
 TEST(Predicate, WithoutAnyMetadataEveryLabelIsMissing) {
   const Index index(1);
   seal(index, 1, {1}, {1});
   insert(index, {2}, {2});
-  EXPECT_EQ(match_ids(index, {1, 0, -1}), (Ids{2, 1}));
-  EXPECT_EQ(match_ids(index, {1, 0, 0}), Ids());
+  EXPECT_EQ(match_ids(index, has_label(QX_MISSING)), (Ids{2, 1}));
+  EXPECT_EQ(match_ids(index, has_label(0)), Ids());
 }
 
 TEST(Predicate, EveryOtherModeComparesAColumn) {
@@ -91,8 +93,8 @@ TEST(Predicate, AColumnOutOfRangeMatchesNothing) {
   const Labelled index;
   for (const std::uint32_t mode : kColumnModes) {
     for (const std::int32_t column : {2, 3, -1, kLowest, kHighest}) {
-      EXPECT_EQ(match_ids(index, {mode, column, -1}), Ids()) << "column " << column;
-      EXPECT_EQ(search_filtered(index, {mode, column, -1}, kOne, 2),
+      EXPECT_EQ(match_ids(index, {mode, column, QX_MISSING}), Ids()) << "column " << column;
+      EXPECT_EQ(search_filtered(index, {mode, column, QX_MISSING}, kOne, 2),
                 found({kEmptySlot, kEmptySlot}));
     }
   }
@@ -102,51 +104,52 @@ TEST(Predicate, WithoutColumnsNoColumnMatches) {
   const Index index(1);
   insert(index, {1}, {1});
   set_rowmeta(index, {1}, {5}, {}, 0);
-  EXPECT_EQ(match_ids(index, {2, 0, -1}), Ids());
+  EXPECT_EQ(match_ids(index, has_value(0, QX_MISSING)), Ids());
 }
 
 TEST(Predicate, AColumnWithMinusOneMatchesRowsWithoutAValue) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {2, 0, -1}), (Ids{3, 4}));
-  EXPECT_EQ(match_ids(index, {2, 1, -1}), (Ids{1, 3, 4}));
+  EXPECT_EQ(match_ids(index, has_value(0, QX_MISSING)), (Ids{3, 4}));
+  EXPECT_EQ(match_ids(index, has_value(1, QX_MISSING)), (Ids{1, 3, 4}));
   set_rowmeta(index, {}, {}, {}, 3);
-  EXPECT_EQ(match_ids(index, {2, 2, -1}), visible_ids(index));
+  EXPECT_EQ(match_ids(index, has_value(2, QX_MISSING)), visible_ids(index));
 }
 
 TEST(Predicate, ADeletedIdNeverMatches) {
   const Labelled index;
   delete_ids(index, {1, 2, 77});
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), Ids());
-  EXPECT_EQ(match_ids(index, {2, 0, 10}), Ids());
-  EXPECT_EQ(search_filtered(index, {1, 0, 5}, kOne, 1), found({kEmptySlot}));
+  EXPECT_EQ(match_ids(index, has_label(5)), Ids());
+  EXPECT_EQ(match_ids(index, has_value(0, 10)), Ids());
+  EXPECT_EQ(search_filtered(index, has_label(5), kOne, 1), found({kEmptySlot}));
 }
 
 TEST(Predicate, AnIdInsertedAgainMatchesWithTheMetadataItHad) {
   const Labelled index;
   delete_ids(index, {1, 2});
   insert(index, {1, 2}, {100, 200});
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), (Ids{2, 1}));
-  EXPECT_EQ(match_ids(index, {2, 0, 10}), (Ids{2, 1}));
-  EXPECT_EQ(search_filtered(index, {1, 0, 5}, kOne, 3), found({{2, 200}, {1, 100}, kEmptySlot}));
+  EXPECT_EQ(match_ids(index, has_label(5)), (Ids{2, 1}));
+  EXPECT_EQ(match_ids(index, has_value(0, 10)), (Ids{2, 1}));
+  EXPECT_EQ(search_filtered(index, has_label(5), kOne, 3), found({{2, 200}, {1, 100}, kEmptySlot}));
 }
 
 TEST(Predicate, AnIdWithADeltaRowIsTestedOnceThroughIt) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {2, 1, 21}), (Ids{2, 9}));
-  EXPECT_EQ(search_filtered(index, {2, 1, 21}, kOne, 4),
+  EXPECT_EQ(match_ids(index, has_value(1, 21)), (Ids{2, 9}));
+  EXPECT_EQ(search_filtered(index, has_value(1, 21), kOne, 4),
             found({{9, 90}, {2, 20}, kEmptySlot, kEmptySlot}));
 }
 
 TEST(Predicate, MetadataWithoutARowMatchesNothing) {
   const Labelled index;
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), (Ids{2, 1}));
+  EXPECT_EQ(match_ids(index, has_label(5)), (Ids{2, 1}));
   insert(index, {77}, {7});
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), (Ids{2, 77, 1}));
+  EXPECT_EQ(match_ids(index, has_label(5)), (Ids{2, 77, 1}));
 }
 
 TEST(Predicate, MoreSlotsThanPassingRowsStayEmpty) {
   const Labelled index;
-  EXPECT_EQ(search_filtered(index, {1, 0, 6}, kOne, 3), found({{9, 90}, kEmptySlot, kEmptySlot}));
+  EXPECT_EQ(search_filtered(index, has_label(6), kOne, 3),
+            found({{9, 90}, kEmptySlot, kEmptySlot}));
 }
 
 TEST(Predicate, KThatIsNotPositiveAsASignedNumberWritesNothing) {
@@ -168,17 +171,17 @@ TEST(Predicate, EveryRowOfARepeatedBaseIdIsTested) {
   const Index index(1);
   seal(index, 1, {7, 3, 7}, {1, 2, 3});
   set_rowmeta(index, {7}, {5}, {}, 0);
-  EXPECT_EQ(match_ids(index, {1, 0, 5}), (Ids{7, 7}));
-  EXPECT_EQ(search_filtered(index, {1, 0, 5}, kOne, 3), found({{7, 3}, {7, 1}, kEmptySlot}));
+  EXPECT_EQ(match_ids(index, has_label(5)), (Ids{7, 7}));
+  EXPECT_EQ(search_filtered(index, has_label(5), kOne, 3), found({{7, 3}, {7, 1}, kEmptySlot}));
 }
 
 TEST(Predicate, ExtremeIdsAndValuesMatchLikeAnyOther) {
   const Index index(1);
   insert(index, {kLowestId, kHighestId}, {1, 2});
   set_rowmeta(index, {kLowestId, kHighestId}, {kHighestId, kLowestId}, {kLowestId, kHighestId}, 1);
-  EXPECT_EQ(match_ids(index, {1, 0, kHighestId}), Ids{kLowestId});
-  EXPECT_EQ(match_ids(index, {2, 0, kHighestId}), Ids{kHighestId});
-  EXPECT_EQ(search_filtered(index, {1, 0, kLowestId}, kOne, 1), found({{kHighestId, 2}}));
+  EXPECT_EQ(match_ids(index, has_label(kHighestId)), Ids{kLowestId});
+  EXPECT_EQ(match_ids(index, has_value(0, kHighestId)), Ids{kHighestId});
+  EXPECT_EQ(search_filtered(index, has_label(kLowestId), kOne, 1), found({{kHighestId, 2}}));
 }
 
 TEST(Predicate, WithoutComponentsTheFirstPassingRowsAreReturned) {
@@ -186,12 +189,12 @@ TEST(Predicate, WithoutComponentsTheFirstPassingRowsAreReturned) {
   seal(index, 0, {1, 2, 3}, {});
   insert(index, {9}, {});
   set_rowmeta(index, {1, 3, 9}, {5, 5, 5}, {}, 0);
-  EXPECT_EQ(search_filtered(index, {1, 0, 5}, {}, 2), found({{9, 0}, {1, 0}}));
+  EXPECT_EQ(search_filtered(index, has_label(5), {}, 2), found({{9, 0}, {1, 0}}));
 }
 
 TEST(Predicate, UnusableScoresLeaveSlotsEmpty) {
   const Index index(1);
-  seal(index, 1, {1, 2, 3}, {std::numeric_limits<float>::quiet_NaN(), -1e30f, 4});
+  seal(index, 1, {1, 2, 3}, {std::numeric_limits<float>::quiet_NaN(), QX_EMPTY_SCORE, 4});
   EXPECT_EQ(search_filtered(index, kEveryId, kOne, 3), found({{3, 4}, kEmptySlot, kEmptySlot}));
 }
 

@@ -66,9 +66,9 @@ TEST(RowMetadata, MinusOneReadsAsNeverWritten) {
   insert(index, {4, 5}, {4, 5});
   set_rowmeta(index, {4}, {-1}, {-1, 2}, 2);
   EXPECT_EQ(export_rowmeta(index, {4, 5}), (Metadata{2, {-1, -1}, {-1, 2, -1, -1}}));
-  EXPECT_EQ(match_ids(index, {1, 0, -1}), (Ids{4, 5}));
-  EXPECT_EQ(match_ids(index, {2, 0, -1}), (Ids{4, 5}));
-  EXPECT_EQ(match_ids(index, {2, 1, -1}), Ids{5});
+  EXPECT_EQ(match_ids(index, has_label(QX_MISSING)), (Ids{4, 5}));
+  EXPECT_EQ(match_ids(index, has_value(0, QX_MISSING)), (Ids{4, 5}));
+  EXPECT_EQ(match_ids(index, has_value(1, QX_MISSING)), Ids{5});
 }
 
 TEST(RowMetadata, MinusOneClearsAValue) {

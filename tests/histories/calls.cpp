@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "histories/drawer.h"
+#include "qx_runtime.h"
 
 namespace qx_test {
 
@@ -72,7 +73,7 @@ void Drawer::rejected_build() {
       spoiled_id = random_.percent(50) ? -1 : INT64_MIN;
       break;
     case 1:
-      spoiled_id = random_.percent(50) ? 1LL << 40 : INT64_MAX;
+      spoiled_id = random_.percent(50) ? QX_MAX_BASE_ID + 1 : INT64_MAX;
       break;
     case 2:
       dim = random_.percent(50) ? -1 : INT32_MIN;

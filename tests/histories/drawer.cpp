@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "qx_runtime.h"
+
 namespace qx_test {
 namespace {
 
@@ -100,8 +102,8 @@ Ids Drawer::draw_base_ids(std::int64_t n) {
 }
 
 std::int64_t Drawer::draw_id() {
-  static const Ids extremes = {INT64_MIN, INT64_MIN + 1, -2,        -1,
-                               INT64_MAX, INT64_MAX - 1, 1LL << 40, (1LL << 40) - 1};
+  static const Ids extremes = {INT64_MIN,          INT64_MIN + 1, -2, -1, INT64_MAX, INT64_MAX - 1,
+                               QX_MAX_BASE_ID + 1, QX_MAX_BASE_ID};
   if (random_.percent(5)) return random_.any_of(extremes);
   if (random_.percent(5)) return static_cast<std::int64_t>(random_.bits());
   if (random_.percent(5)) return -random_.between(0, id_span_);
@@ -148,7 +150,10 @@ std::int32_t Drawer::draw_k(std::int64_t near) {
 }
 
 void Drawer::draw_predicate(Call& call) {
-  static const std::vector<std::uint32_t> modes = {0, 1, 1, 2, 2, 2, 7, 0x80000000u, 0xFFFFFFFFu};
+  constexpr std::uint32_t kLabel = QX_FILTER_LABEL;
+  constexpr std::uint32_t kColumn = QX_FILTER_COLUMN;
+  static const std::vector<std::uint32_t> modes = {
+      QX_FILTER_ALL, kLabel, kLabel, kColumn, kColumn, kColumn, 7, 0x80000000u, 0xFFFFFFFFu};
   const auto ncols = static_cast<std::int32_t>(model_.columns.size());
   const bool outside = random_.percent(8);
   call.numbers[0] = random_.any_of(modes);

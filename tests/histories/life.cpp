@@ -3,6 +3,8 @@
 
 #include <bit>
 
+#include "qx_runtime.h"
+
 namespace qx_test {
 namespace {
 
@@ -95,7 +97,7 @@ void answer_listing(Answer& answer, const Model& model, const Call& call) {
       break;
     case Function::kVisibleIds:
       grant(answer, call, model.visible_count(), -1);
-      answer.result = model.match_ids({0, 0, 0}, answer.ids);
+      answer.result = model.match_ids({QX_FILTER_ALL, 0, 0}, answer.ids);
       break;
     case Function::kExportVisible: {
       const std::int64_t rows = model.visible_count();
@@ -257,7 +259,7 @@ void fit_build(Call& call) {
   call.numbers[kBuildParts] = std::ssize(call.more_ids);
   call.ints.resize(call.more_ids.size());
   call.more_ints.resize(call.more_ids.size());
-  const auto is_bad = [](std::int64_t id) { return id < 0 || id >= kLimit; };
+  const auto is_bad = [](std::int64_t id) { return id < 0 || id > QX_MAX_BASE_ID; };
   if (std::any_of(call.ids.begin(), call.ids.end(), is_bad)) {
     call.floats.clear();  // which must then not be read
   } else {

@@ -97,7 +97,7 @@ inline float special_float(Random& random) {
       1.0f,
       -1.0f,
       1e30f,
-      -1e30f,
+      -1e30f,  // the score of an empty slot
       1e15f,
       -1e15f,
       std::bit_cast<float>(0xF149F2CBu),  // just below -1e30f

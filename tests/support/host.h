@@ -64,7 +64,7 @@ struct Hit {
   }
 };
 
-inline constexpr Hit kEmptySlot{-1, -1e30f};
+inline constexpr Hit kEmptySlot{QX_EMPTY_ID, QX_EMPTY_SCORE};
 
 // What a search returned, and the slots up to the last one that it wrote.
 struct Found {
@@ -125,7 +125,11 @@ struct Predicate {
   std::int64_t value;
 };
 
-inline constexpr Predicate kEveryId{0, 0, 0};
+inline constexpr Predicate kEveryId{QX_FILTER_ALL, 0, 0};
+constexpr Predicate has_label(std::int64_t label) { return {QX_FILTER_LABEL, 0, label}; }
+constexpr Predicate has_value(std::int32_t column, std::int64_t value) {
+  return {QX_FILTER_COLUMN, column, value};
+}
 
 struct Metadata {
   std::int32_t ncols;
