@@ -8,24 +8,28 @@
  * Prints:
  *   label 7: id 3 (0.60), id 4 (0.50)
  *   year 2024: id 1 (1.00), id 4 (0.50)
+ *   80 pages: id 3 (0.60)
  *   without metadata: 5
  *   id 4: label 7, year 2024, pages 90
  */
+#include <inttypes.h>
 #include <stdio.h>
 
 #include "qx_runtime.h"
 
-enum { EVERY_ROW, BY_LABEL, BY_COLUMN };
 enum { YEAR, PAGES, COLUMNS };
 
+/* Slots that no row has reached are empty: by id and score. */
 static void search(const QxIndex* index, const char* what, uint32_t mode, int32_t column,
                    int64_t value) {
   const float query[2] = {1.0f, 0.0f};
   int64_t found[2];
   float scores[2];
   qx_index_search_filtered(index, mode, column, value, query, 2, found, scores);
-  printf("%s: id %d (%.2f), id %d (%.2f)\n", what, (int)found[0], scores[0], (int)found[1],
-         scores[1]);
+  printf("%s:", what);
+  for (int i = 0; i < 2 && !(found[i] == QX_EMPTY_ID && scores[i] == QX_EMPTY_SCORE); ++i)
+    printf("%s id %" PRId64 " (%.2f)", i == 0 ? "" : ",", found[i], scores[i]);
+  printf("\n");
 }
 
 int main(void) {
@@ -40,15 +44,16 @@ int main(void) {
   /* Metadata belongs to ids; id 5 gets none. */
   if (qx_index_set_rowmeta(index, ids, labels, values, COLUMNS, 4) != 0) return 1;
 
-  search(index, "label 7", BY_LABEL, 0, 7);
-  search(index, "year 2024", BY_COLUMN, YEAR, 2024);
+  search(index, "label 7", QX_FILTER_LABEL, 0, 7);
+  search(index, "year 2024", QX_FILTER_COLUMN, YEAR, 2024);
+  search(index, "80 pages", QX_FILTER_COLUMN, PAGES, 80);
 
-  /* What is missing counts as -1. */
-  if (qx_index_match_ids(index, BY_LABEL, 0, -1, matched) != 1) return 1;
-  printf("without metadata: %d\n", (int)matched[0]);
+  if (qx_index_match_ids(index, QX_FILTER_LABEL, 0, QX_MISSING, matched) != 1) return 1;
+  printf("without metadata: %" PRId64 "\n", matched[0]);
 
   qx_index_export_rowmeta(index, &ids[3], 1, &label, row);
-  printf("id 4: label %d, year %d, pages %d\n", (int)label, (int)row[YEAR], (int)row[PAGES]);
+  printf("id 4: label %" PRId64 ", year %" PRId64 ", pages %" PRId64 "\n", label, row[YEAR],
+         row[PAGES]);
   qx_index_free(index);
   return 0;
 }

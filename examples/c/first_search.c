@@ -7,8 +7,11 @@
  * Prints:
  *   interface 1
  *   sealed 1: 4 rows of 3 floats in 0 partitions, tag 2026
- *   2 found: id 30 (0.93), id 10 (0.80)
+ *   2 found:
+ *     id 30 (0.93)
+ *     id 10 (0.80)
  */
+#include <inttypes.h>
 #include <stdio.h>
 
 #include "qx_runtime.h"
@@ -23,10 +26,11 @@ int main(void) {
   float scores[2];
   uint64_t rows;
   uint32_t dim, tag;
-  int32_t parts, count;
+  int32_t parts, count, i;
   QxIndex* index;
 
   printf("interface %d\n", qx_runtime_format_version());
+  if (qx_runtime_format_version() != QX_RUNTIME_FORMAT_VERSION) return 1;
 
   index = qx_index_new(3, 2026);
   if (qx_index_build(index, vectors, 4, 3, ids, NULL, NULL, NULL, 0) != 0) {
@@ -35,13 +39,13 @@ int main(void) {
     return 1;
   }
   qx_index_stats(index, &rows, &dim, &tag, &parts);
-  printf("sealed %u: %u rows of %u floats in %d partitions, tag %u\n", qx_index_sealed(index),
-         (unsigned)rows, dim, parts, tag);
+  printf("sealed %u: %" PRIu64 " rows of %u floats in %d partitions, tag %u\n",
+         qx_index_sealed(index), rows, dim, parts, tag);
 
   /* The host's arrays hold k slots each; the best comes first. */
   count = qx_index_search_full(index, query, 2, found, scores);
-  printf("%d found: id %d (%.2f), id %d (%.2f)\n", count, (int)found[0], scores[0], (int)found[1],
-         scores[1]);
+  printf("%d found:\n", count);
+  for (i = 0; i < count; ++i) printf("  id %" PRId64 " (%.2f)\n", found[i], scores[i]);
 
   qx_index_free(index);
   return 0;

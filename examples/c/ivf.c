@@ -11,6 +11,7 @@
  *   2 lists: id 0 (0.99), id 4 (0.94)
  *   attached 0
  */
+#include <inttypes.h>
 #include <stdio.h>
 
 #include "qx_runtime.h"
@@ -21,8 +22,8 @@ static void search(const QxIndex* index, const char* what) {
   const float query[2] = {0.9f, 0.45f};
   int64_t found[2];
   float scores[2];
-  qx_index_search_ivf(index, KEY, query, 2, found, scores);
-  printf("%s: id %d (%.2f), id %d (%.2f)\n", what, (int)found[0], scores[0], (int)found[1],
+  qx_index_search_ivf(index, KEY, query, 2, found, scores); /* every list has two rows */
+  printf("%s: id %" PRId64 " (%.2f), id %" PRId64 " (%.2f)\n", what, found[0], scores[0], found[1],
          scores[1]);
 }
 

@@ -12,6 +12,7 @@
  *   a partition of 3 rows or more: 100 with 3
  *   tuning numbers: 20000 and 980
  */
+#include <inttypes.h>
 #include <stdio.h>
 
 #include "qx_runtime.h"
@@ -33,19 +34,20 @@ int main(void) {
 
   for (i = 0; i < 2; ++i) {
     if (qx_index_search_partition(index, keys[i], query, 2, found, scores) != 2) return 1;
-    printf("partition %d: id %d (%.2f), id %d (%.2f)\n", (int)keys[i], (int)found[0], scores[0],
-           (int)found[1], scores[1]);
+    printf("partition %" PRId64 ": id %" PRId64 " (%.2f), id %" PRId64 " (%.2f)\n", keys[i],
+           found[0], scores[0], found[1], scores[1]);
   }
   printf("partition 300: %d results\n",
          qx_index_search_partition(index, 300, query, 2, found, scores));
 
   /* Only these are scored; id 77 has no row and is skipped. */
   qx_index_scatter_topk(index, candidates, 3, query, 2, found, scores);
-  printf("of 3, 8 and 77: id %d (%.2f), id %d (%.2f)\n", (int)found[0], scores[0], (int)found[1],
-         scores[1]);
+  printf("of 3, 8 and 77: id %" PRId64 " (%.2f), id %" PRId64 " (%.2f)\n", found[0], scores[0],
+         found[1], scores[1]);
 
   if (qx_index_tuner_oversized(index, 3, large_keys, large_sizes) != 1) return 1;
-  printf("a partition of 3 rows or more: %d with %d\n", (int)large_keys[0], (int)large_sizes[0]);
+  printf("a partition of 3 rows or more: %" PRId64 " with %" PRId64 "\n", large_keys[0],
+         large_sizes[0]);
   qx_tuner_defaults(&first, &second);
   printf("tuning numbers: %u and %u\n", first, second);
   qx_index_free(index);
