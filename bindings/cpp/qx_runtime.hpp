@@ -164,9 +164,11 @@ class DistinctIds {
 // Which ids pass.
 class Filter {
  public:
-  static Filter all() { return {0, 0, 0}; }
-  static Filter label(std::int64_t value) { return {1, 0, value}; }
-  static Filter column(std::int32_t column, std::int64_t value) { return {2, column, value}; }
+  static Filter all() { return {QX_FILTER_ALL, 0, 0}; }
+  static Filter label(std::int64_t value) { return {QX_FILTER_LABEL, 0, value}; }
+  static Filter column(std::int32_t column, std::int64_t value) {
+    return {QX_FILTER_COLUMN, column, value};
+  }
 
   // As qx_index_search_filtered takes them.
   std::uint32_t mode() const { return mode_; }
@@ -235,7 +237,7 @@ class Index {
     std::int64_t largest = -1;
     std::size_t row = 0;
     for (const std::int64_t id : ids) {
-      require(id >= 0 && id < kIdLimit,
+      require(id >= 0 && id <= QX_MAX_BASE_ID,
               [&] { return "ids[" + text(row) + "] is " + text(id) + ", outside 0 to 2^40 - 1"; });
       largest = id > largest ? id : largest;
       ++row;
@@ -476,7 +478,6 @@ class Index {
   }
 
  private:
-  static constexpr std::int64_t kIdLimit = std::int64_t{1} << 40;
   static constexpr double kSlack = 4096;
 
   struct Ivf {
@@ -603,9 +604,9 @@ class Index {
 
   void check_filter(const Filter& filter) const {
     open();
-    require(filter.mode() != 2 || (filter.column() >= 0 && filter.column() < ncols_), [&] {
-      return "column " + text(filter.column()) + " of an index with " + text(ncols_);
-    });
+    require(
+        filter.mode() != QX_FILTER_COLUMN || (filter.column() >= 0 && filter.column() < ncols_),
+        [&] { return "column " + text(filter.column()) + " of an index with " + text(ncols_); });
   }
 
   template <typename One, typename Other>
@@ -652,11 +653,13 @@ class Index {
     return hits;
   }
 
-  // How many of the written slots have a row: an empty one, and all behind it, have this score.
+  // How many of the written slots have a row: the empty ones come last.
   static std::size_t filled(std::span<const std::int64_t> ids, std::span<const float> scores,
                             std::int64_t written) {
     auto found = static_cast<std::size_t>(written);
-    while (found > 0 && ids[found - 1] == -1 && scores[found - 1] == -1e30f) --found;
+    while (found > 0 && ids[found - 1] == QX_EMPTY_ID && scores[found - 1] == QX_EMPTY_SCORE) {
+      --found;
+    }
     return found;
   }
 

@@ -32,7 +32,9 @@ struct Slots {
     return result;
   }
 
-  bool is_empty(std::size_t slot) const { return ids[slot] == -1 && scores[slot] == -1e30f; }
+  bool is_empty(std::size_t slot) const {
+    return ids[slot] == QX_EMPTY_ID && scores[slot] == QX_EMPTY_SCORE;
+  }
 
   std::vector<std::int64_t> ids;
   std::vector<float> scores;

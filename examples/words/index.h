@@ -56,9 +56,11 @@ struct Filter {
   std::int32_t column;
   std::int64_t value;
 
-  static Filter every_row() { return {0, 0, 0}; }
-  static Filter label(std::int64_t value) { return {1, 0, value}; }
-  static Filter column_value(std::int32_t column, std::int64_t value) { return {2, column, value}; }
+  static Filter every_row() { return {QX_FILTER_ALL, 0, 0}; }
+  static Filter label(std::int64_t value) { return {QX_FILTER_LABEL, 0, value}; }
+  static Filter column_value(std::int32_t column, std::int64_t value) {
+    return {QX_FILTER_COLUMN, column, value};
+  }
 };
 
 struct IndexStats {

@@ -10,7 +10,6 @@
 namespace qx {
 namespace {
 
-constexpr std::int64_t kIdLimit = std::int64_t{1} << 40;
 constexpr std::int64_t kIdsPerRound = std::int64_t{1} << 20;
 
 }  // namespace
@@ -27,7 +26,8 @@ void ShardedIndex::check_ids(std::int64_t rows, const std::optional<Ids>& ids) c
   require(std::ssize(*ids) == rows,
           std::to_string(ids->size()) + " ids for " + std::to_string(rows) + " rows");
   for (const std::int64_t id : *ids) {
-    require(id >= 0 && id < kIdLimit, "the id " + std::to_string(id) + " is outside 0 to 2^40 - 1");
+    require(id >= 0 && id <= QX_MAX_BASE_ID,
+            "the id " + std::to_string(id) + " is outside 0 to 2^40 - 1");
   }
 }
 
@@ -103,7 +103,7 @@ ShardedIndex::Base ShardedIndex::prepare(std::int64_t rows, const std::optional<
   Base base;
   base.first_row = ranks_.sum_before(rows);
   base.total_rows = ranks_.sum(rows);
-  require(base.total_rows <= kIdLimit, "the base has more than 2^40 rows");
+  require(base.total_rows <= QX_MAX_BASE_ID + 1, "the base has more than 2^40 rows");
   if (ids) check_distinct(*ids);
   ranks_.together([&] {
     base.numbers.resize(at(rows));

@@ -234,7 +234,8 @@ Hits ShardedIndex::scatter_topk(Ids candidates, Floats query, std::int64_t k) {
     const std::int32_t count = qx_index_scatter_topk(
         base_->handle(), own.ids.data(), static_cast<std::int32_t>(own.ids.size()), sent,
         static_cast<std::int32_t>(list.size()), slot_ids_.data(), slot_scores_.data());
-    std::fill(slot_scores_.begin() + count, slot_scores_.begin() + std::ssize(list), kEmptyScore);
+    std::fill(slot_scores_.begin() + count, slot_scores_.begin() + std::ssize(list),
+              QX_EMPTY_SCORE);
     take_by_place(own, true, std::ssize(list), list.data());
   };
   return search_candidates(candidates, query, k, local);

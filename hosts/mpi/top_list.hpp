@@ -16,17 +16,16 @@
 
 namespace qx {
 
-// The engine's own mark of an empty slot; every row's score is above it.
-inline constexpr float kEmptyScore = -1e30f;
-inline bool is_filled(float score) { return score > kEmptyScore; }
+// The score of every row that is found is above that of an empty slot.
+inline bool is_filled(float score) { return score > QX_EMPTY_SCORE; }
 
 // Without padding: MPI counts on none behind the last entry of a list, and makes its own buffers
 // that much smaller.
 #pragma pack(push, 4)
 struct Entry {
   std::int64_t key = std::numeric_limits<std::int64_t>::max();
-  std::int64_t id = -1;
-  float score = kEmptyScore;
+  std::int64_t id = QX_EMPTY_ID;
+  float score = QX_EMPTY_SCORE;
 };
 #pragma pack(pop)
 static_assert(sizeof(Entry) == 20);

@@ -11,7 +11,6 @@ import numpy.typing as npt
 Ids = npt.NDArray[np.int64]
 Floats = npt.NDArray[np.float32]
 
-ID_LIMIT = 1 << 40
 INT32_MAX = (1 << 31) - 1
 INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
 

@@ -10,10 +10,11 @@ from typing import Any, NamedTuple, NoReturn, Optional
 import numpy as np
 
 from . import _arrays, _library, _memory
-from ._arrays import ID_LIMIT, INT32_MAX, INT64_MAX, INT64_MIN, Floats, Ids
+from ._arrays import INT32_MAX, INT64_MAX, INT64_MIN, Floats, Ids
+from ._library import FILTER_ALL, FILTER_COLUMN, FILTER_LABEL
 
 _lib = _library.load()
-_EMPTY_SCORE = np.float32(-1e30)
+_EMPTY_SCORE = np.float32(_library.EMPTY_SCORE)
 
 
 class Hits(NamedTuple):
@@ -220,7 +221,7 @@ class Index:
             ids = np.arange(len(checked), dtype=np.int64)
         # A copy, since the largest id decides over memory: no thread may raise it any more.
         given_ids = _arrays.array("ids", ids, np.int64, 1)
-        checked_ids = _arrays.ids("ids", given_ids.copy(), ID_LIMIT - 1)
+        checked_ids = _arrays.ids("ids", given_ids.copy(), _library.MAX_BASE_ID)
         _same_length("vectors", checked, "ids", checked_ids)
         parts = _check_partitions(partitions, len(checked))
         keys = np.array([part.key for part in parts], dtype=np.int64)
@@ -382,12 +383,14 @@ class Index:
                               len(ids))
         if label is not None:
             value = _arrays.number("label", label, INT64_MIN, INT64_MAX)
-            return self._search(_lib.qx_index_search_filtered, (1, 0, value, checked), wanted, None)
+            return self._search(_lib.qx_index_search_filtered,
+                                (FILTER_LABEL, 0, value, checked), wanted, None)
         if column is not None:
-            return self._search(_lib.qx_index_search_filtered, (2, *self._column(column), checked),
-                                wanted, None)
+            return self._search(_lib.qx_index_search_filtered,
+                                (FILTER_COLUMN, *self._column(column), checked), wanted, None)
         if current:
-            return self._search(_lib.qx_index_search_filtered, (0, 0, 0, checked), wanted, None)
+            return self._search(_lib.qx_index_search_filtered, (FILTER_ALL, 0, 0, checked),
+                                wanted, None)
         return self._search(_lib.qx_index_search_full, (checked,), wanted, None)
 
     def _column(self, column: tuple[int, int]) -> tuple[int, int]:
@@ -423,9 +426,9 @@ class Index:
         if (label is None) == (column is None):
             raise ValueError("one of label and column must be given")
         if column is not None:
-            test = (2, *self._column(column))
+            test = (FILTER_COLUMN, *self._column(column))
         else:
-            test = (1, 0, _arrays.number("label", label, INT64_MIN, INT64_MAX))
+            test = (FILTER_LABEL, 0, _arrays.number("label", label, INT64_MIN, INT64_MAX))
         with self._lock:
             handle = self._open()
             ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
@@ -509,6 +512,6 @@ def _fill(function: Any, handle: int, arguments: tuple[Any, ...], k: int) -> Hit
              for argument in arguments]
     count = function(handle, *given, k, ids.ctypes.data, scores.ctypes.data)
     ids, scores = ids[:count], scores[:count]
-    if count and ids[-1] == -1:
+    if count and ids[-1] == _library.EMPTY_ID:
         count = int(np.count_nonzero(scores > _EMPTY_SCORE))
     return Hits(ids[:count], scores[:count])

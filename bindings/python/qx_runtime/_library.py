@@ -7,7 +7,11 @@ import ctypes.util
 import os
 import pathlib
 
-_INTERFACE = 1
+# The constants of the header.
+FORMAT_VERSION = 1
+EMPTY_ID, EMPTY_SCORE = -1, -1e30
+FILTER_ALL, FILTER_LABEL, FILTER_COLUMN = 0, 1, 2
+MAX_BASE_ID = (1 << 40) - 1
 
 _handle = ctypes.c_void_p
 _array = ctypes.c_void_p  # the address of an array that the caller has checked
@@ -74,9 +78,9 @@ def load() -> ctypes.CDLL:
             function.restype = result
             function.argtypes = arguments
         version = library.qx_runtime_format_version()
-        if version != _INTERFACE:
+        if version != FORMAT_VERSION:
             raise ImportError(f"{candidate} has interface {version}, and this package needs "
-                              f"{_INTERFACE}")
+                              f"{FORMAT_VERSION}")
         return library
     raise ImportError("libqx_runtime.so.1 was not found; install the library, or set "
                       "QX_RUNTIME_LIBRARY to its path. " + "; ".join(failures))

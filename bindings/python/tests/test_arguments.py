@@ -2,13 +2,16 @@
 
 import copy
 import gc
+import pathlib
 import pickle
+import re
 import threading
 
 import numpy as np
 import pytest
 
 import qx_runtime
+from qx_runtime import _library
 
 
 def vectors(rows, dim=3, dtype=np.float32):
@@ -351,3 +354,12 @@ def test_ids_and_offsets_that_another_thread_changes():
             setattr(qx_runtime._index._lib, name, original)
     assert base_ids.ctypes.data not in seen["qx_index_build"]
     assert offsets.ctypes.data not in seen["qx_index_set_ivf"]
+
+
+def test_the_constants_are_those_of_the_header():
+    header = pathlib.Path(__file__).resolve().parents[3] / "include/qx_runtime.h"
+    said = dict(re.findall(r"^#define QX_(?:RUNTIME_)?(\w+) ([^/\n]+)", header.read_text(), re.M))
+    for name in ("FORMAT_VERSION", "EMPTY_ID", "EMPTY_SCORE", "FILTER_ALL", "FILTER_LABEL",
+                 "FILTER_COLUMN", "MAX_BASE_ID"):
+        value = re.sub(r"U?INT(32|64)_C|(?<=\d)f\b", "", said[name])
+        assert getattr(_library, name) == eval(value), name
