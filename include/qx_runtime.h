@@ -4,7 +4,7 @@
  * A host loads a sealed base of float vectors in one call, keeps row-level inserts and deletes as
  * a delta beside it, attaches metadata and IVF lists, and asks for the k nearest neighbours of a
  * query by inner product. The library starts no threads, takes no locks, opens no files and uses
- * no network; it does nothing that the host did not ask for.
+ * no network.
  *
  * THE LIFE OF AN INDEX
  *
@@ -13,10 +13,22 @@
  *     qx_index_insert(index, more_vectors, more_ids, 2);          upsert rows beside the base
  *     qx_index_delete(index, old_ids, 1);                         hide rows
  *     qx_index_set_rowmeta(index, ids, labels, values, 2, 1000);  a label and two columns per id
- *     k = qx_index_search_full(index, query, 10, out_ids, out_scores);    the sealed base, exact
+ *     n_found = qx_index_search_full(index, query, 10, out_ids, out_scores);   the sealed base
  *     qx_index_search_filtered(index, QX_FILTER_LABEL, 0, label, query, 10, out_ids, out_scores);
  *                                                   what is visible now and has the label
  *     qx_index_free(index);
+ *
+ * WHAT EACH FUNCTION SEES, as convention 7 says; all names but the last two begin with qx_index_
+ *
+ *     reads the sealed base      search_full search_partition search_ivf scatter_topk
+ *                                export_base tuner_oversized stats
+ *     reads what is current      search_filtered search_mvcc match_ids
+ *                                visible_ids visible_count export_visible
+ *     changes both of these      build
+ *     changes current reads      insert delete set_rowmeta
+ *     changes search_ivf only    set_ivf set_ivf_nprobe clear_ivf
+ *     neither                    new free snapshot mutated sealed delta_count has_ivf
+ *                                export_rowmeta qx_runtime_format_version qx_tuner_defaults
  *
  * CONVENTIONS, which hold for every function below
  *

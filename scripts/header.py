@@ -29,6 +29,7 @@ class Constants:
 class Header:
     summary: str
     overview: list  # paragraphs and, as tuples of lines, what is set as it is
+    views: list  # what each function sees, such a list too
     conventions: list  # triples of number, title and such a list
     constants: list
     functions: list
@@ -118,6 +119,7 @@ def read(path=HEADER):
     text = path.read_text()
     first = comment_lines(re.match(r"/\*.*?\*/", text, re.S)[0])
     life = first.index("THE LIFE OF AN INDEX")
+    views = next(i for i, line in enumerate(first) if line.startswith("WHAT EACH FUNCTION SEES"))
     conventions = next(i for i, line in enumerate(first) if line.startswith("CONVENTIONS"))
     opening = blocks(first[:life], 0)
     summary = opening[0].split(": ", 1)[1].rstrip(".")
@@ -136,6 +138,8 @@ def read(path=HEADER):
             section = match[1]
         else:
             functions.append(function_of(match[2], match[3], section))
-    return Header(summary, opening[1:] + [("",)] + blocks(first[life + 1:conventions], 0),
+    words = first[views].split(", ", 1)[1]
+    seen = [words[0].upper() + words[1:] + ":"] + blocks(first[views + 1:conventions], 0)
+    return Header(summary, opening[1:] + [("",)] + blocks(first[life + 1:views], 0), seen,
                   [(number, title, blocks(lines, 0)) for number, title, lines in titled],
                   constants_of(text), functions)

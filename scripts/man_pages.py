@@ -68,6 +68,7 @@ def overview_page(read, release):
             section = function.section
             lines.append(f".SS {section}")
         lines += [".TP", f".BR {function.name} (3)", roff(function.summary)]
+    lines += [".SS What each function sees", *set_blocks(read.views)]
     for at, group in enumerate(read.constants):
         lines += [".PP" if at else ".SH CONSTANTS", roff(group.text)]
         for name, value, note in group.named:

@@ -59,7 +59,9 @@ def reference(read):
     for section, functions in sections.items():
         links = " ".join(f"[`{function.name}`](#{function.name})" for function in functions)
         lines.append(f"| {section} | {links} |")
-    lines += ["", "## Overview", "", *set_blocks(read.overview, names), "## Conventions", ""]
+    lines += ["", "## Overview", "", *set_blocks(read.overview, names),
+              "## What each function sees {: #views }", "", *set_blocks(read.views, names),
+              "## Conventions", ""]
     for number, title, blocks in read.conventions:
         lines += [f"### {number}. {title} {{: #convention-{number} }}", "",
                   *set_blocks(blocks, names)]

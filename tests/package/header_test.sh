@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Compiles the public header alone in every language mode, with g++/gcc and clang, every warning an
-# error; checks that it declares exactly the exported functions, and what its constants are.
+# error; checks that it declares exactly the exported functions and says of each what it sees, and
+# what its constants are.
 # usage: header_test.sh INCLUDE_DIRECTORY
 set -euo pipefail
 export LC_ALL=C  # one order of names everywhere
@@ -49,6 +50,10 @@ for mode in c++11 c++14 c++17 c++20 c++2b; do
   for compiler in g++ clang++; do check c++ "$mode" "$compiler"; done
 done
 
+symbols=$(dirname "$0")/exported_symbols.txt
+sed -n '/^ \* WHAT EACH FUNCTION SEES/,/^ \* CONVENTIONS/p' "$header" | sed '1d; $d' | cut -c33- |
+  tr -s ' ' '\n' | sed '/^$/d; /^qx_/!s/^/qx_index_/' | sort | diff "$symbols" - >&2 ||
+  { echo "header_test: the table of what functions see has others than the stored list" >&2; exit 1; }
 gcc -x c -std=c99 -E -P "$header" | grep -oE '\bqx_[a-z_]+ *\(' | tr -d ' (' | sort |
-  diff "$(dirname "$0")/exported_symbols.txt" - >&2 ||
+  diff "$symbols" - >&2 ||
   { echo "header_test: the declared functions differ from the stored list" >&2; exit 1; }
