@@ -32,24 +32,23 @@
  *
  * CONVENTIONS, which hold for every function below
  *
- * 1. Handles. A QxIndex is created by qx_index_new and lives until qx_index_free. Every function
- *    except qx_runtime_format_version and qx_tuner_defaults takes the handle first. Only
+ * 1. Handles. A QxIndex is created by qx_index_new and lives until qx_index_free. Only
  *    qx_index_free accepts a null handle; elsewhere a null, freed or foreign handle is undefined
  *    behaviour.
  *
  * 2. Ownership. Every input array is copied or only read during the call: the host may release or
  *    change it as soon as the call returns. Every output array is the host's. No call takes a
- *    capacity and none checks one: each function says how many elements it writes. Pointers are
- *    not validated; a pointer to an array of no elements is never read or written and may be
- *    null. A query is read where there is a row to score; without one it may be null. Arrays need
- *    the alignment of their element type and nothing more. Output arrays must overlap neither each
- *    other nor an input.
+ *    capacity: each function says how many elements it writes. Pointers are not validated. An array
+ *    of no elements is not touched and may be null, and so may a query where there is no row to
+ *    score. Arrays need the alignment of their element type and nothing more. Output arrays must
+ *    overlap neither each other nor an input.
  *
- * 3. Shapes. A vector is dim floats. A matrix of n vectors is row-major: vector i is elements
- *    i * dim to i * dim + dim - 1. The dimension is the one given to qx_index_new until the first
- *    successful qx_index_build, and from then on the one given to the latest build. A dimension
- *    below 1 (read as a signed number) means vectors of no elements: nothing is read or stored
- *    for them and every score is 0.
+ * 3. Shapes and counts. A vector is dim floats. A matrix of n vectors is row-major: vector i is
+ *    elements i * dim to i * dim + dim - 1. The dimension is the one given to qx_index_new until
+ *    the first successful qx_index_build, and from then on the one given to the latest build. A
+ *    dimension below 1 means vectors of no elements: nothing is read or stored for them and every
+ *    score is 0. The engine counts in signed numbers: where a dimension, k or n has an unsigned
+ *    type, 2^31 and above stand for a number below 0.
  *
  * 4. Rows and ids. An id is the host's 64-bit number for a vector. The sealed base takes ids from
  *    0 to QX_MAX_BASE_ID. Several base rows may have the same id: what looks for a row by its id
@@ -68,8 +67,8 @@
  *    greater than the last slot's, and stays behind every earlier row of the same score: slots are
  *    sorted from best to worst, ties in the order of arrival, empty slots last. A NaN score, and a
  *    score of QX_EMPTY_SCORE or less, never enter. A slot is empty if it has both the id and the
- *    score; the id alone does not tell, since the delta may hold a row of id -1.
- *    A search that does not run returns 0 and writes nothing.
+ *    score; the id alone does not tell, since the delta may hold a row of id -1. A search that
+ *    returns 0 has written nothing.
  *
  * 7. What a read sees. "Sealed" reads see the base of the latest build and nothing else: no delta
  *    row, no tombstone. "Current" reads see the rows that are visible now:
@@ -79,10 +78,9 @@
  *    Current reads walk the visible delta rows in the order of their ids' first insertion, then
  *    the visible base rows in base order.
  *
- * 8. Concurrency. Any number of threads may read one handle at the same time: every function that
- *    takes a const QxIndex* may overlap every other one. A call that writes (its QxIndex* is not
- *    const) must overlap no other call on that handle; the host sees to it. Distinct handles share
- *    nothing and may be used by different threads at the same time.
+ * 8. Concurrency. Any number of threads may read one handle at the same time, by the functions
+ *    that take a const QxIndex*. A call of any other function must overlap no call on that handle;
+ *    the host sees to it. Distinct handles share nothing.
  *
  * 9. The end of the process. Two conditions have no error return. Each writes exactly one line to
  *    standard error and then executes a trap instruction (a SIGILL or SIGTRAP on POSIX systems):
@@ -98,44 +96,15 @@
  *
  * 10. Cost. Reads allocate nothing, except qx_index_search_ivf: one array of nlist floats, released
  *    before it returns. The current reads that walk (filtered, match, visible) take time for every
- *    row. They read no component of a row that is not visible or fails the test, and those that
- *    list or count ids read none at all. They use up to 96 KiB of the calling thread's stack; other
- *    calls use up to 48 KiB. Nothing stored is reclaimed before qx_index_free, except by
- *    qx_index_clear_ivf and by replacing an IVF structure: tombstones, delta rows, metadata and the
- *    arrays of earlier builds stay.
+ *    row. They read the vectors of visible rows that pass the test and no others; listing and
+ *    counting ids reads none. They use up to 96 KiB of the calling thread's stack; other calls use
+ *    up to 48 KiB. Nothing stored is reclaimed before qx_index_free, except by qx_index_clear_ivf
+ *    and by replacing an IVF structure: tombstones, delta rows, metadata and the arrays of earlier
+ *    builds stay.
  *
- * 11. Limits. At most 2^40 base rows and 2^40 base vector elements; base ids below 2^40; row
- *    counts of one call, k, partitions and IVF lists up to 2^31 - 1. There is no other limit than
- *    memory.
- *
- * 12. Memory. The blocks that an index holds are of exactly these sizes together, in whatever order
- *    its calls came. P(x) is the smallest power of two not below x, and P(0) = 0. M(x) is what a
- *    table of x keys takes: M(0) = 0, 96 up to 4 keys, otherwise 24 P(x), or 32 P(x) from 2^27 + 1
- *    keys on.
- *
- *      the index itself     384
- *      a build of n rows    4 n dim + 4, rounded up to a multiple of 64, unless n dim is 0,
- *                           + 8 n + 8 (largest id + 2 + d), unless n is 0, + 16 n_parts;
- *                           again for each further build
- *      r delta rows         M(r) + 16 P(r) + 4 P(r dim)
- *      t deleted ids        M(t)
- *      metadata of m ids    M(m) + 40 P(ncols) + M(m) for each column
- *      s IVF structures     M(s) + 80 P(s)
- *                           + 4 dim nlist + 8 n_ids + 4 (nlist + 1) for each of them
- *
- *    d counts the rows of the build that are not the last of their id, r the distinct ids ever
- *    inserted, t those ever deleted, m those ever given metadata; for a column, m counts from the
- *    first call that had it. s counts the keys since the last qx_index_clear_ivf. A product or sum
- *    below 0 counts as 0. Where the dimension has changed, r dim adds up those at which the rows
- *    were first inserted.
- *
- *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
- *    384 + 3,072,000,064 + 8,000,000 + 8,000,008 for the base, 393,216 + 262,144 + 33,554,432 for
- *    the delta: 3,122,210,248 bytes.
- *
- *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
- *    a moment so do the old block of an array that grows (at most half as large as the new one),
- *    the old arrays of an IVF structure that is replaced, and the array of a qx_index_search_ivf.
+ * 11. Limits. Those of a base are said at qx_index_build. Counts of other calls go up to 2^31 - 1.
+ *    There is no other limit than memory: convention 12, at the end of this header, says how much
+ *    an index takes.
  */
 #ifndef QX_RUNTIME_H
 #define QX_RUNTIME_H
@@ -251,9 +220,10 @@ int32_t qx_runtime_format_version(void);
  * dim          dimension, 0 or more; replaces the index's dimension.
  * ids          n ids, each from 0 to QX_MAX_BASE_ID, in any order. When an id repeats, its last row
  *              is the one found by id; the others are still scanned, listed and exported.
- * part_keys    n_parts partition keys, ascending (not checked; qx_index_search_partition halves).
- * part_starts  n_parts first rows. Ranges may overlap and need not cover the base; a range that
- *              leaves the base makes only its own partition unsearchable.
+ * part_keys    n_parts partition keys, ascending, for the binary search of
+ *              qx_index_search_partition; not checked.
+ * part_starts  n_parts first rows. Ranges may overlap and need not cover the base. In a partition
+ *              whose range leaves the base, qx_index_search_partition finds nothing.
  * part_sizes   n_parts row counts.
  * n_parts      number of partitions, 0 or more.
  *
@@ -303,8 +273,8 @@ int32_t qx_index_search_full(const QxIndex* index, const float* query, int32_t k
 /*
  * Like qx_index_search_full, but over the rows of one partition.
  *
- * key         a partition key of the latest build. Of equal keys, the one that halving the key
- *             table meets first is used.
+ * key         a partition key of the latest build. Of equal keys, the one that a binary search of
+ *             the table meets first is used; it looks at the lower of two middle keys.
  * query       dim floats.
  * k           number of results wanted.
  * out_ids     receives min(k, partition size) ids, best first.
@@ -336,19 +306,21 @@ int32_t qx_index_scatter_topk(const QxIndex* index, const int64_t* cand_ids, int
 /* ---- Tuner ------------------------------------------------------------------------------- */
 
 /*
- * Hands out two default tuning numbers for hosts that size partitions.
+ * Hands out two numbers to which the library gives no meaning of its own: it keeps them for hosts
+ * that know them.
  *
  * first   receives 20000.
  * second  receives 980.
  *
- * Returns 0. The library itself uses neither.
+ * Returns 0.
  */
 int32_t qx_tuner_defaults(uint32_t* first, uint32_t* second);
 
 /*
  * Lists the partitions of the sealed base that hold at least threshold rows, in table order.
  *
- * threshold  compared with the stored sizes as a signed number.
+ * threshold  the least number of rows; compared with the sizes as they were given to the build,
+ *            of which some may be negative.
  * keys       receives the partition keys; room for n_parts (qx_index_stats) is enough.
  * sizes      receives their row counts; room for n_parts is enough.
  *
@@ -392,8 +364,8 @@ uint64_t qx_index_delete(QxIndex* index, const int64_t* ids, int32_t n);
  * key           any number; unrelated to partition keys.
  * nlist         number of lists.
  * nprobe        number of lists that a search scans; stored as given, never clamped.
- * centroids     dim * nlist floats, row-major, with the index's dimension at this call. (The
- *               product of the two signed numbers is what is read; nothing if it is below 1.)
+ * centroids     dim * nlist floats, row-major, with the index's dimension at this call; none if
+ *               that product is below 1. (That of two negative numbers is not.)
  * list_ids      n_ids ids of sealed base rows, list after list.
  * list_offsets  nlist + 1 offsets: list c is list_ids[list_offsets[c]] up to, but not including,
  *               list_ids[list_offsets[c + 1]]. Not read when nlist is negative.
@@ -468,7 +440,7 @@ int32_t qx_index_set_rowmeta(QxIndex* index, const int64_t* ids, const int64_t* 
  * Reads the labels and column values of listed ids, visible or not.
  *
  * ids         n ids.
- * n           number of ids, read as a signed number; below 1 means none.
+ * n           number of ids; below 1 means none, and so do 2^31 and above (convention 3).
  * out_labels  receives n labels, QX_MISSING where an id has none.
  * out_values  receives n * ncols values, row-major, QX_MISSING where an id has none.
  *
@@ -487,7 +459,7 @@ int32_t qx_index_export_rowmeta(const QxIndex* index, const int64_t* ids, uint32
  * ids         n ids; an id listed twice may fill two slots.
  * n           number of candidates; below 1 means none.
  * query       dim floats.
- * k           number of results wanted, read as a signed number.
+ * k           number of results wanted; 2^31 and above count as below 1 (convention 3).
  * out_ids     receives k ids, best first; empty slots behind them.
  * out_scores  receives their scores.
  *
@@ -505,7 +477,7 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
  * column      column number for the column test; outside 0 to ncols - 1 nothing passes.
  * value       the value to compare with.
  * query       dim floats.
- * k           number of results wanted, read as a signed number.
+ * k           number of results wanted; 2^31 and above count as below 1 (convention 3).
  * out_ids     receives k ids, best first; empty slots behind them.
  * out_scores  receives their scores.
  *
@@ -554,5 +526,39 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
 #ifdef __cplusplus
 }
 #endif
+
+/* ---- Conventions, continued -------------------------------------------------------------- */
+
+/*
+ * 12. Memory. What this version takes, so that a host can plan; it is not promised, and another
+ *    version may take more or less. The blocks that an index holds are of exactly these sizes
+ *    together, in whatever order its calls came. P(x) is the smallest power of two not below x, and
+ *    P(0) = 0. M(x) is what a table of x keys takes: M(0) = 0, 96 up to 4 keys, otherwise 24 P(x),
+ *    or 32 P(x) from 2^27 + 1 keys on.
+ *
+ *      the index itself     384
+ *      a build of n rows    4 n dim + 4, rounded up to a multiple of 64, unless n dim is 0,
+ *                           + 8 n + 8 (largest id + 2 + d), unless n is 0, + 16 n_parts;
+ *                           again for each further build
+ *      r delta rows         M(r) + 16 P(r) + 4 P(r dim)
+ *      t deleted ids        M(t)
+ *      metadata of m ids    M(m) + 40 P(ncols) + M(m) for each column
+ *      s IVF structures     M(s) + 80 P(s)
+ *                           + 4 dim nlist + 8 n_ids + 4 (nlist + 1) for each of them
+ *
+ *    d counts the rows of the build that are not the last of their id, r the distinct ids ever
+ *    inserted, t those ever deleted, m those ever given metadata; for a column, m counts from the
+ *    first call that had it. s counts the keys since the last qx_index_clear_ivf. A product or sum
+ *    below 0 counts as 0. Where the dimension has changed, r dim adds up those at which the rows
+ *    were first inserted.
+ *
+ *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
+ *    384 + 3,072,000,064 + 8,000,000 + 8,000,008 for the base, 393,216 + 262,144 + 33,554,432 for
+ *    the delta: 3,122,210,248 bytes.
+ *
+ *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
+ *    a moment so do the old block of an array that grows (at most half as large as the new one),
+ *    the old arrays of an IVF structure that is replaced, and the array of a qx_index_search_ivf.
+ */
 
 #endif /* QX_RUNTIME_H */

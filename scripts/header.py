@@ -124,7 +124,8 @@ def read(path=HEADER):
     opening = blocks(first[:life], 0)
     summary = opening[0].split(": ", 1)[1].rstrip(".")
     titled = []
-    for line in first[conventions + 1:]:
+    continued = re.search(r"/\* -+ Conventions, continued -+ \*/\n\n(/\*.*?\*/)", text, re.S)
+    for line in first[conventions + 1:] + [""] + comment_lines(continued[1]):
         match = re.match(r"(\d+)\. ([^.]+)\. ?(.*)", line)
         if match:
             titled.append((int(match[1]), match[2], []))

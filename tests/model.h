@@ -324,7 +324,7 @@ class Model {
     return static_cast<std::int32_t>(results);
   }
 
-  // Halving, because among equal keys the halving decides.
+  // A binary search, because it decides among equal keys.
   std::int64_t partition_of(std::int64_t key) const {
     std::int64_t low = 0;
     std::int64_t high = static_cast<std::int64_t>(part_keys.size()) - 1;

@@ -545,7 +545,8 @@ class Index {
     ::operator delete(found);
   }
 
-  // The memory of each kind of block, as qx_runtime.h gives it, or somewhat more.
+  // The memory of each kind of block, or somewhat more: by qx_runtime.h, which gives it for the
+  // version of the library that it came with.
   static double power_of_two(double least) {
     if (least < 1) return 0;
     if (least > 0x1p+61) throw std::bad_alloc();

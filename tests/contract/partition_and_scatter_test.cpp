@@ -54,7 +54,7 @@ TEST(PartitionSearch, TheExtremeKeysAreKeysLikeAnyOther) {
   EXPECT_EQ(search_partition(index, kHighestId, kOne, 1), found({{40, 4}}));
 }
 
-TEST(PartitionSearch, OfEqualKeysTheOneThatHalvingMeetsFirstIsUsed) {
+TEST(PartitionSearch, OfEqualKeysTheOneThatABinarySearchMeetsFirstIsUsed) {
   const Ints starts{0, 1, 2, 3, 4};
   const Ints sizes(5, 1);
   const auto first_met = [&](const Ids& keys, std::int64_t key) {

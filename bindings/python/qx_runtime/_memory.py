@@ -1,4 +1,7 @@
-"""Memory that a call asks for is sought first: where the engine cannot have it, it ends the process."""
+"""Memory that a call asks for is sought first: where the engine cannot have it, it ends the process.
+
+The sizes are those of the library's version that this package came with, or somewhat more.
+"""
 
 from __future__ import annotations
 
