@@ -48,10 +48,34 @@ def unnamed():
             yield f"{path}: not named in checks/README.md"
 
 
+# What the files of a floor of the engine may include: their own floor and those below.
+FLOORS = {
+    "interface": {"interface", "read", "store", "support"},
+    "read": {"read", "store", "kernels", "support"},
+    "store": {"store", "support", "qx_runtime.h"},
+    "kernels": {"kernels", "support"},
+    "support": {"support"},
+}
+
+
+def upward_includes():
+    for path in sorted(pathlib.Path("engine").rglob("*.*")):
+        if path.suffix not in SOURCES:
+            continue
+        floor = path.relative_to("engine").parts[0]
+        if floor not in FLOORS:
+            yield f"{path}: no file of the engine is outside of its floors"
+            continue
+        for name in re.findall(r'^#include "(.*)"$', path.read_text(encoding="utf-8"), re.MULTILINE):
+            if name.split("/")[0] not in FLOORS[floor]:
+                yield f"{path}: includes {name}, which is no part of {', '.join(sorted(FLOORS[floor]))}"
+
+
 def main():
     paths = sorted(path for folder in FOLDERS for path in pathlib.Path(folder).rglob("*"))
     text = [path for path in paths if path.suffix in SOURCES or path.suffix in {".sh", ".md"}]
-    findings = [finding for path in text for finding in findings_of(path)] + list(unnamed())
+    findings = [finding for path in text for finding in findings_of(path)] + list(unnamed()) + \
+        list(upward_includes())
     print("\n".join(findings), end="\n" if findings else "")
     print(f"style: {len(text)} files, {len(findings)} findings")
     return 1 if findings else 0

@@ -537,24 +537,24 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
  *    or 32 P(x) from 2^27 + 1 keys on.
  *
  *      the index itself     384
- *      a build of n rows    4 n dim + 4, rounded up to a multiple of 64, unless n dim is 0,
- *                           + 8 n + 8 (largest id + 2 + d), unless n is 0, + 16 n_parts;
- *                           again for each further build
+ *      a build of n rows    4 n dim, rounded up to a multiple of 64,
+ *                           + 8 n + 8 (largest id + 1) + 16 n_parts; again for each further build
+ *      the latest build     8 d
  *      r delta rows         M(r) + 16 P(r) + 4 P(r dim)
  *      t deleted ids        M(t)
- *      metadata of m ids    M(m) + 40 P(ncols) + M(m) for each column
+ *      metadata of m ids    M(m) + 32 P(ncols) + M(m) for each column
  *      s IVF structures     M(s) + 80 P(s)
  *                           + 4 dim nlist + 8 n_ids + 4 (nlist + 1) for each of them
  *
- *    d counts the rows of the build that are not the last of their id, r the distinct ids ever
- *    inserted, t those ever deleted, m those ever given metadata; for a column, m counts from the
- *    first call that had it. s counts the keys since the last qx_index_clear_ivf. A product or sum
- *    below 0 counts as 0. Where the dimension has changed, r dim adds up those at which the rows
- *    were first inserted.
+ *    d counts the rows of the latest build that are not the last of their id, r the distinct ids
+ *    ever inserted, t those ever deleted, m those ever given metadata; for a column, m counts from
+ *    the first call that had it. s counts the keys since the last qx_index_clear_ivf. A product or
+ *    sum below 0 counts as 0. Where the dimension has changed, r dim adds up those at which the
+ *    rows were first inserted.
  *
  *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
- *    384 + 3,072,000,064 + 8,000,000 + 8,000,008 for the base, 393,216 + 262,144 + 33,554,432 for
- *    the delta: 3,122,210,248 bytes.
+ *    384 + 3,072,000,000 + 8,000,000 + 8,000,000 for the base, 393,216 + 262,144 + 33,554,432 for
+ *    the delta: 3,122,210,176 bytes.
  *
  *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
  *    a moment so do the old block of an array that grows (at most half as large as the new one),

@@ -1,7 +1,7 @@
 // The only place of the benchmark that looks inside an index.
 #include "harness/base_bytes.h"
 
-#include "qx_index.h"
+#include "store/qx_index.h"
 
 namespace bench {
 

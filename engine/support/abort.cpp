@@ -14,10 +14,10 @@ namespace {
 // Longer than either line with every number at its widest.
 constexpr std::size_t kLineBytes = 256;
 
-// Writes straight to the descriptor: standard I/O would take the stream's lock, which a thread of
-// the host may hold, and could leave the line in a buffer. A descriptor that takes nothing (it is
-// closed, say) ends the attempt; the trap follows all the same. So it does where nobody reads any
-// more: the signal of such a write, which would end the process before it, is ignored.
+// Writes to the descriptor itself: standard I/O would take the stream's lock, which a thread of the
+// host may hold, and could leave the line in a buffer. If the descriptor takes nothing, the attempt
+// ends and the trap follows. The signal of a pipe that nobody reads is ignored, since it would end
+// the process before the trap.
 void write_line(const char* line, int length) {
   std::signal(SIGPIPE, SIG_IGN);
   auto left = static_cast<std::size_t>(std::max(length, 0));
@@ -32,24 +32,32 @@ void write_line(const char* line, int length) {
 
 }  // namespace
 
-void abort_allocation(const char* file, SourcePlace place) {
+void abort_allocation(const char* file, SourceLocation location) {
   char line[kLineBytes];
   write_line(line, std::snprintf(line, sizeof line,
                                  "ABORT: %s:%u:%u: alloc failed: returned a null pointer\n", file,
-                                 place.line, place.column));
+                                 location.line, location.column));
   __builtin_trap();
 }
 
-void abort_index(std::int64_t index, std::int64_t length, SourcePlace place) {
+void abort_index(std::int64_t index, std::int64_t length, SourceLocation location) {
   char line[kLineBytes];
   write_line(line,
              std::snprintf(line, sizeof line,
                            "At: engine/qx_runtime:%llu:%llu: Assert Error: index %lld is out "
                            "of bounds, valid range is 0 to %lld\n",
-                           static_cast<unsigned long long>(place.line),
-                           static_cast<unsigned long long>(place.column),
+                           static_cast<unsigned long long>(location.line),
+                           static_cast<unsigned long long>(location.column),
                            static_cast<long long>(index), static_cast<long long>(length - 1)));
   __builtin_trap();
 }
+
+#if defined(QX_ASSERTIONS)
+void abort_assertion(const char* condition, const char* file, int line) {
+  char text[kLineBytes];
+  write_line(text, std::snprintf(text, sizeof text, "%s:%d: not so: %s\n", file, line, condition));
+  __builtin_trap();
+}
+#endif
 
 }  // namespace qx

@@ -1,81 +1,120 @@
-// The growable array. It knows its elements as bytes to move: they must be trivially copyable, and
-// what they own is released by whoever knows them. Copying an Array copies the reference, not the
-// elements; exactly one holder releases it.
+// The growable array. It owns its elements and can be moved, not copied.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "support/abort.h"
 #include "support/memory.h"
 
 namespace qx {
 
-// Invariants: 0 <= length <= capacity. `data` is a block of `capacity` elements, null exactly when
-// capacity is 0. Elements from `length` on have no value.
+// Invariants: 0 <= length <= capacity. `data` is a block of `capacity` elements, null if and only
+// if capacity is 0. Elements from `length` on are not initialised.
+//
+// Growth moves elements as bytes: a type that owns something must not point into itself.
 template <typename T>
 struct Array {
-  static_assert(std::is_trivially_copyable_v<T>);
-
   T* data = nullptr;
   std::int64_t length = 0;
   std::int64_t capacity = 0;
 
-  // Element `index`, which must exist.
-  T& at(std::int64_t index, SourcePlace place = SourcePlace::here()) {
-    if (index < 0 || index >= length) abort_index(index, length, place);
-    return data[index];
+  Array() = default;
+  Array(Array&& other) noexcept { swap(other); }
+  Array& operator=(Array&& other) noexcept {
+    release();
+    swap(other);
+    return *this;
   }
-  const T& at(std::int64_t index, SourcePlace place = SourcePlace::here()) const {
-    return const_cast<Array*>(this)->at(index, place);
-  }
+  ~Array() { release(); }
 
-  // Elements `first` to `first + count - 1`, which must all exist; the first that does not is the
-  // one reported. `count` is above 0.
-  T* range(std::int64_t first, std::int64_t count, SourcePlace place = SourcePlace::here()) {
-    if (first < 0 || first >= length) abort_index(first, length, place);
-    if (count > length - first) abort_index(length, length, place);
-    return data + first;
-  }
-  const T* range(std::int64_t first, std::int64_t count,
-                 SourcePlace place = SourcePlace::here()) const {
-    return const_cast<Array*>(this)->range(first, count, place);
-  }
-
-  void append(const T& value) {
-    reserve(length + 1);
-    data[length++] = value;
-  }
-
-  // Appends `count` elements; nothing, without reading, when `count` is below 1.
-  void append(const T* values, std::int64_t count) {
-    if (count < 1) return;
-    reserve(length + count);
-    std::memcpy(data + length, values, static_cast<std::size_t>(count) * sizeof(T));
-    length += count;
-  }
-
-  // A new array of exactly `count` copied elements; empty, without reading, when `count` is
-  // below 1.
+  // A new array of exactly `count` copied elements. Empty, without reading, if count < 1.
   static Array copy_of(const T* values, std::int64_t count) {
-    Array copy;
-    if (count < 1) return copy;
-    copy.data = static_cast<T*>(allocate(count, sizeof(T)));
-    copy.length = copy.capacity = count;
-    std::memcpy(copy.data, values, static_cast<std::size_t>(count) * sizeof(T));
+    Array copy = of_length(count < 1 ? 0 : count);
+    if (count >= 1) copy_bytes(copy.data, values, count);
     return copy;
   }
 
-  // Gives the storage back; the array is empty afterwards.
+  // A new array of exactly `count` elements, which are not initialised.
+  static Array of_length(std::int64_t count) {
+    Array array;
+    array.data = static_cast<T*>(allocate(count, sizeof(T)));
+    array.length = array.capacity = count;
+    return array;
+  }
+
+  // Element `index`. Ends the process if it does not exist.
+  T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) {
+    check(index, location);
+    return data[index];
+  }
+  const T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) const {
+    check(index, location);
+    return data[index];
+  }
+
+  // Elements `first` to `first + count - 1`. Ends the process if one does not exist, and names the
+  // first such. Requires: count >= 1.
+  T* range(std::int64_t first, std::int64_t count,
+           SourceLocation location = SourceLocation::current()) {
+    check_range(first, count, location);
+    return data + first;
+  }
+  const T* range(std::int64_t first, std::int64_t count,
+                 SourceLocation location = SourceLocation::current()) const {
+    check_range(first, count, location);
+    return data + first;
+  }
+
+  void append(T value) {
+    reserve(length + 1);
+    new (data + length++) T(std::move(value));
+  }
+
+  // Appends `count` copies; nothing, without reading, if count < 1.
+  void append(const T* values, std::int64_t count) {
+    if (count < 1) return;
+    reserve(length + count);
+    copy_bytes(data + length, values, count);
+    length += count;
+  }
+
+  // Destroys the elements in order and releases the storage. The array is empty afterwards.
   void release() {
+    std::destroy_n(data, length);
     qx::release(data);
-    *this = Array();
+    data = nullptr;
+    length = capacity = 0;
   }
 
  private:
+  void swap(Array& other) {
+    std::swap(data, other.data);
+    std::swap(length, other.length);
+    std::swap(capacity, other.capacity);
+  }
+
+  static void copy_bytes(T* to, const T* from, std::int64_t count) {
+    static_assert(std::is_trivially_copyable_v<T>);
+    std::memcpy(to, from, static_cast<std::size_t>(count) * sizeof(T));
+  }
+
+  void check(std::int64_t index, SourceLocation location) const {
+    if (index < 0 || index >= length) abort_index(index, length, location);
+  }
+  void check_range(std::int64_t first, std::int64_t count, SourceLocation location) const {
+    QX_ASSERT(count >= 1);
+    check(first, location);
+    if (count > length - first) abort_index(length, length, location);
+  }
+
   // Doubling from 1 makes an append constant time on average.
   void reserve(std::int64_t wanted) {
+    QX_ASSERT(length >= 0 && length <= capacity && (data == nullptr) == (capacity == 0));
     if (wanted <= capacity) return;
     std::int64_t grown = capacity == 0 ? 1 : capacity;
     while (grown < wanted) grown *= 2;

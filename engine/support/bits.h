@@ -4,10 +4,15 @@
 #include <bit>
 #include <cstdint>
 
+#include "support/abort.h"
+
 namespace qx {
 
-// The mask of the first `count` rows; `count` is 1 to 64.
-inline std::uint64_t first_bits(std::int64_t count) { return ~std::uint64_t{0} >> (64 - count); }
+// The mask of the first `count` rows. Requires: 1 <= count <= 64.
+inline std::uint64_t first_bits(std::int64_t count) {
+  QX_ASSERT(count >= 1 && count <= 64);
+  return ~std::uint64_t{0} >> (64 - count);
+}
 
 // The number of bits of a mask. std::popcount calls the compiler's library where a CPU may lack the
 // instruction, which takes several times as long.

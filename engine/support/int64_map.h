@@ -1,34 +1,35 @@
 // The map from 64-bit keys to 64-bit values that the delta, the tombstones, the metadata and the
 // IVF keys share. Any key is valid and nothing is ever erased.
 //
-// Entries lie in an array in the order of their first insertion; a table of slots under open
-// addressing with linear probing says where. A slot carries a piece of its key's hash beside the
+// Entries are kept in the order of their first insertion; a table of slots under open addressing
+// with linear probing finds them. A slot has a tag, a part of its key's hash, in addition to the
 // entry's position, so that a probe past a foreign key rarely leaves the table.
 //
-// Whoever has many keys hands them over together: the memory of later keys is then on its way
-// while earlier ones are worked on, and keys in the order of their insertion need no probe at all.
+// Keys are looked up in batches: the memory of later keys is loaded while earlier ones are worked
+// on, and keys in the order of their insertion need no probe at all.
 //
 // Entries and table share one block, so that a growing map asks the system for each page once.
-// Memory of n entries: with c the smallest power of two that is not below n, nor below 4, 16 bytes
-// times c and 4 bytes times 2c (8 bytes each from 2^29 slots on). That is 24 bytes per entry where
-// n is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
+// Memory of n entries: with c the smallest power of two that is at least n and at least 4, 16 bytes
+// times c and 4 bytes times 2c (8 bytes each from 2^29 slots on). That is 24 bytes an entry where n
+// is a power of two, 25.2 at a million, and below 48 always from 3 entries on.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
-#include "support/array.h"
+#include "support/abort.h"
 #include "support/memory.h"
 
 namespace qx {
 
-// Invariants: a map without entries owns no storage. Otherwise the table has 2^bits slots, at least
-// twice the number of entries, so a probe always ends at an empty slot; it lies in the block of the
-// entries, behind room for half as many entries as there are slots. A slot has 32 bits while
-// bits is at most kNarrowBits, and 64 above. Slot value 0 is empty; any other has position + 1 of
-// an entry in its low `bits` bits and as many low bits of the key's hash as fit above. Every entry
-// stands in exactly one slot, and no two entries have the same key.
+// Invariants: a map without entries owns no storage. Otherwise the table has 2^bits_ slots, at
+// least twice the number of entries, so that a probe always ends at an empty slot. One block has
+// capacity for half as many entries as there are slots, then the slots. A slot has 32 bits while
+// bits_ <= kNarrowBits, and 64 above. Slot value 0 is empty; any other has the position + 1 of an
+// entry in its low bits_ bits and as many low bits of the key's hash as fit above. Every entry has
+// exactly one slot, and no two entries have the same key.
 template <int kNarrowBits>
 class BasicInt64Map {
  public:
@@ -37,21 +38,35 @@ class BasicInt64Map {
     std::int64_t value;
   };
 
-  // The most keys that a batch may have.
+  // The most keys of a batch.
   static constexpr std::int64_t kBatch = 64;
 
-  std::int64_t size() const { return entries_.length; }
+  // Where the next key of a sequence of batches probably is: right wherever keys come in the order
+  // of insertion. Each sequence has its own.
+  struct Cursor {
+    std::int64_t next = 0;
+  };
 
-  // The entries in the order of their insertion, good until the next one.
-  const Entry* begin() const { return entries_.data; }
-  const Entry* end() const { return entries_.data + entries_.length; }
+  BasicInt64Map() = default;
+  BasicInt64Map(BasicInt64Map&& other) noexcept { swap(other); }
+  BasicInt64Map& operator=(BasicInt64Map&& other) noexcept {
+    release();
+    swap(other);
+    return *this;
+  }
+  ~BasicInt64Map() { release(); }
 
-  // The value of a key, which the caller may assign through the pointer; null when absent. The
-  // pointer is good until the next insertion.
+  std::int64_t size() const { return size_; }
+
+  // The entries in the order of their insertion; valid until the next insertion.
+  const Entry* begin() const { return entries_; }
+  const Entry* end() const { return entries_ + size_; }
+
+  // The value of a key, to be read or assigned; null if absent. Valid until the next insertion.
   const std::int64_t* find(std::int64_t key) const {
-    if (entries_.length == 0) return nullptr;
+    if (size_ == 0) return nullptr;
     const std::int64_t found = position_of(key);
-    return found < 0 ? nullptr : &entries_.data[found].value;
+    return found < 0 ? nullptr : &entries_[found].value;
   }
   std::int64_t* find(std::int64_t key) {
     return const_cast<std::int64_t*>(static_cast<const BasicInt64Map*>(this)->find(key));
@@ -65,18 +80,18 @@ class BasicInt64Map {
 
   bool contains(std::int64_t key) const { return find(key) != nullptr; }
 
-  // get() for up to kBatch keys. `guess` starts at 0 and belongs to a sequence of batches: it is
-  // where the next key may stand, which is right wherever keys come in the order of insertion.
+  // get() for up to kBatch keys.
   void get_batch(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
-                 std::int64_t* values, std::int64_t& guess) const {
-    if (is_guess(guess, keys, count, 0) || is_guess(guess, keys, count, 1)) {
-      get_in_order(keys, count, otherwise, values, guess);
-    } else if (entries_.length == 0) {
+                 std::int64_t* values, Cursor& cursor) const {
+    QX_ASSERT(count <= kBatch && cursor.next >= 0 && cursor.next <= size_);
+    if (is_at(cursor, keys, count, 0) || is_at(cursor, keys, count, 1)) {
+      get_in_order(keys, count, otherwise, values, cursor);
+    } else if (size_ == 0) {
       for (std::int64_t i = 0; i < count; ++i) values[i] = otherwise;
     } else if (wide()) {
-      get_anywhere<std::uint64_t>(keys, count, otherwise, values, guess);
+      get_unordered<std::uint64_t>(keys, count, otherwise, values, cursor);
     } else {
-      get_anywhere<std::uint32_t>(keys, count, otherwise, values, guess);
+      get_unordered<std::uint32_t>(keys, count, otherwise, values, cursor);
     }
   }
 
@@ -91,7 +106,7 @@ class BasicInt64Map {
   template <typename ValueOf>
   void assign_batch(const std::int64_t* keys, std::int64_t count, ValueOf value_of) {
     for (std::int64_t i = 0; i < count; ++i) {
-      if (i + kAhead < count) prefetch(keys[i + kAhead]);
+      if (i + kPrefetchDistance < count) prefetch(keys[i + kPrefetchDistance]);
       bool inserted;
       std::int64_t* const value = find_or_insert(keys[i], value_of(i), &inserted);
       if (!inserted) *value = value_of(i);
@@ -101,17 +116,17 @@ class BasicInt64Map {
   // The value of a key, which is inserted with the given value if it is new.
   std::int64_t* find_or_insert(std::int64_t key, std::int64_t value, bool* inserted) {
     *inserted = false;
-    if (entries_.length * 2 == slot_count()) {
+    if (size_ * 2 == slot_count()) {
       if (std::int64_t* const present = find(key)) return present;
       grow();
     }
     const std::int64_t at = wide() ? claim<std::uint64_t>(key) : claim<std::uint32_t>(key);
-    *inserted = at == entries_.length;
-    if (*inserted) entries_.append({key, value});
-    return &entries_.data[at].value;
+    *inserted = at == size_;
+    if (*inserted) entries_[size_++] = {key, value};
+    return &entries_[at].value;
   }
 
-  // Starts to load what a search of the key will need first.
+  // Prefetches what a lookup of the key reads first.
   void prefetch(std::int64_t key) const {
     if (slots_ == nullptr) return;
     const std::uint64_t home = hash(key) >> (64 - bits_);
@@ -119,14 +134,20 @@ class BasicInt64Map {
     __builtin_prefetch(table + home * slot_bytes());
   }
 
-  // How many keys ahead of its work a loop over keys calls prefetch().
-  static constexpr std::int64_t kAhead = 16;
+  // How many keys ahead a loop over keys calls prefetch().
+  static constexpr std::int64_t kPrefetchDistance = 16;
 
-  // Gives the storage back; the map is empty afterwards.
+  // Releases the storage. The map is empty afterwards.
   void release() {
-    entries_.release();
-    *this = BasicInt64Map();
+    qx::release(entries_);
+    entries_ = nullptr;
+    slots_ = nullptr;
+    size_ = 0;
+    bits_ = 0;
   }
+
+  // Checks every invariant, for tests.
+  bool is_valid() const { return wide() ? is_valid<std::uint64_t>() : is_valid<std::uint32_t>(); }
 
   // Two multiplications with a fold between: a single one collapses to linear search on some
   // ordinary strides of keys. The table is indexed by the top bits, the tag is the low ones.
@@ -156,7 +177,7 @@ class BasicInt64Map {
     return static_cast<std::int64_t>(slot & ((Slot{1} << bits_) - 1)) - 1;
   }
 
-  // Whether a slot is neither empty nor carries the tag.
+  // True if a slot is neither empty nor has the tag.
   template <typename Slot>
   bool is_foreign(Slot slot, Slot wanted) const {
     return (slot != 0) & ((slot ^ wanted) >> bits_ != 0);
@@ -171,8 +192,8 @@ class BasicInt64Map {
     return at;
   }
 
-  // The same from the home slot on, for keys whose searches differ in length: as most of them end
-  // in the first two slots, no branch depends on the first.
+  // Like next_candidate(), but the first step is branch-free: most probes end in the first two
+  // slots, unpredictably in which.
   template <typename Slot>
   std::uint64_t first_candidate(std::uint64_t home, Slot wanted) const {
     const std::uint64_t foreign = is_foreign(table<Slot>()[home], wanted) ? 1 : 0;
@@ -184,74 +205,75 @@ class BasicInt64Map {
   std::uint64_t probe(std::int64_t key, std::uint64_t key_hash) const {
     const Slot wanted = tag<Slot>(key_hash);
     std::uint64_t at = next_candidate<Slot>(key_hash >> (64 - bits_), wanted);
-    while (table<Slot>()[at] != 0 && entries_.data[position(table<Slot>()[at])].key != key) {
+    while (table<Slot>()[at] != 0 && entries_[position(table<Slot>()[at])].key != key) {
       at = next_candidate<Slot>(at + 1, wanted);
     }
     return at;
   }
 
-  // The entry of a key, or -1. There is a table.
+  // The entry of a key, or -1. Requires: size() > 0.
   std::int64_t position_of(std::int64_t key) const {
     const std::uint64_t key_hash = hash(key);
     if (wide()) return position(table<std::uint64_t>()[probe<std::uint64_t>(key, key_hash)]);
     return position(table<std::uint32_t>()[probe<std::uint32_t>(key, key_hash)]);
   }
 
-  // The entry of a key; for a new key, a slot is written for the entry that is appended next.
+  // The entry of a key; the slot of a new key is written for the entry that is appended next.
   template <typename Slot>
   std::int64_t claim(std::int64_t key) {
     const std::uint64_t key_hash = hash(key);
     Slot& slot = table<Slot>()[probe<Slot>(key, key_hash)];
-    if (slot == 0) slot = tag<Slot>(key_hash) | static_cast<Slot>(entries_.length + 1);
+    if (slot == 0) slot = tag<Slot>(key_hash) | static_cast<Slot>(size_ + 1);
     return position(slot);
   }
 
-  // Whether there is a key `i` and the entry at `guess` is its.
-  bool is_guess(std::int64_t guess, const std::int64_t* keys, std::int64_t count,
-                std::int64_t i) const {
-    return guess < entries_.length && i < count && entries_.data[guess].key == keys[i];
+  // True if there is a key `i` and the cursor is at its entry.
+  bool is_at(Cursor cursor, const std::int64_t* keys, std::int64_t count, std::int64_t i) const {
+    return cursor.next < size_ && i < count && entries_[cursor.next].key == keys[i];
   }
 
-  // Whether all keys are those of the entries from `guess` on; without branches, as SIMD.
-  bool are_next(const std::int64_t* keys, std::int64_t count, std::int64_t guess) const {
-    if (count > entries_.length - guess) return false;
+  // True if all keys are those of the entries from the cursor on; branch-free, so that it is SIMD.
+  bool are_next(const std::int64_t* keys, std::int64_t count, Cursor cursor) const {
+    if (count > size_ - cursor.next) return false;
     std::int64_t differing = 0;
-    for (std::int64_t i = 0; i < count; ++i) differing |= entries_.data[guess + i].key ^ keys[i];
+    for (std::int64_t i = 0; i < count; ++i) {
+      differing |= entries_[cursor.next + i].key ^ keys[i];
+    }
     return differing == 0;
   }
 
-  // get_batch() for keys that follow the entries from `guess` on. A key whose successor is there
-  // instead is probably absent: its search has time until the end, when its slot is loaded. Any
-  // other is searched at once, as the guess may be lost.
+  // get_batch() for keys that follow the cursor. If the entry is that of the following key instead,
+  // the key is probably absent: prefetch its slot and look it up after the loop. Otherwise look it
+  // up now, to resynchronise the cursor.
   void get_in_order(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
-                    std::int64_t* values, std::int64_t& guess) const {
-    if (are_next(keys, count, guess)) {
-      const Entry* const next = entries_.data + guess;
+                    std::int64_t* values, Cursor& cursor) const {
+    if (are_next(keys, count, cursor)) {
+      const Entry* const next = entries_ + cursor.next;
       for (std::int64_t i = 0; i < count; ++i) values[i] = next[i].value;
-      guess += count;
+      cursor.next += count;
       return;
     }
     std::int64_t skipped[kBatch];
     std::int64_t skips = 0;
     for (std::int64_t i = 0; i < count; ++i) {
-      if (is_guess(guess, keys, count, i)) {
-        values[i] = entries_.data[guess++].value;
-      } else if (is_guess(guess, keys, count, i + 1)) {
+      if (is_at(cursor, keys, count, i)) {
+        values[i] = entries_[cursor.next++].value;
+      } else if (is_at(cursor, keys, count, i + 1)) {
         prefetch(keys[i]);
         skipped[skips++] = i;
       } else {
         const std::int64_t found = position_of(keys[i]);
-        values[i] = found < 0 ? otherwise : entries_.data[found].value;
-        if (found >= 0) guess = found + 1;
+        values[i] = found < 0 ? otherwise : entries_[found].value;
+        if (found >= 0) cursor.next = found + 1;
       }
     }
     for (std::int64_t s = 0; s < skips; ++s) values[skipped[s]] = get(keys[skipped[s]], otherwise);
   }
 
-  // get_batch() for keys in any order: three passes, each of which starts the loads of the next.
+  // get_batch() for keys in any order: three passes, each of which prefetches for the next.
   template <typename Slot>
-  void get_anywhere(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
-                    std::int64_t* values, std::int64_t& guess) const {
+  void get_unordered(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
+                     std::int64_t* values, Cursor& cursor) const {
     std::uint64_t hashes[kBatch];
     std::int64_t positions[kBatch];
     for (std::int64_t i = 0; i < count; ++i) {
@@ -261,30 +283,29 @@ class BasicInt64Map {
     for (std::int64_t i = 0; i < count; ++i) {
       const Slot wanted = tag<Slot>(hashes[i]);
       positions[i] = position(table<Slot>()[first_candidate(hashes[i] >> (64 - bits_), wanted)]);
-      __builtin_prefetch(entries_.data + std::max<std::int64_t>(positions[i], 0));
+      __builtin_prefetch(entries_ + std::max<std::int64_t>(positions[i], 0));
     }
     // Hits and misses mix, so no branch depends on them.
     for (std::int64_t i = 0; i < count; ++i) {
       const bool candidate = positions[i] >= 0;
-      const Entry& entry = entries_.data[candidate ? positions[i] : 0];
+      const Entry& entry = entries_[candidate ? positions[i] : 0];
       const bool found = candidate && entry.key == keys[i];
       values[i] = found ? entry.value : otherwise;
-      guess = found ? positions[i] + 1 : guess;
+      cursor.next = found ? positions[i] + 1 : cursor.next;
       if (candidate & !found) values[i] = get(keys[i], otherwise);
     }
   }
 
-  // Doubles the table, and the room for entries before it. The entries stay where they are if the
-  // block can grow in place; the old table becomes room for entries.
+  // Doubles the table, and the capacity for entries before it. The entries stay where they are if
+  // the block can grow in place; the old table becomes capacity for entries.
   void grow() {
     bits_ = slots_ == nullptr ? kInitialBits : bits_ + 1;
     const std::int64_t slots = std::int64_t{1} << bits_;
     const std::size_t table_bytes = static_cast<std::size_t>(slots) * slot_bytes();
     const auto table_entries = static_cast<std::int64_t>(table_bytes / sizeof(Entry));
-    entries_.capacity = slots / 2;
-    entries_.data = static_cast<Entry*>(
-        reallocate(entries_.data, entries_.capacity + table_entries, sizeof(Entry)));
-    slots_ = std::memset(entries_.data + entries_.capacity, 0, table_bytes);
+    const std::int64_t capacity = slots / 2;
+    entries_ = static_cast<Entry*>(reallocate(entries_, capacity + table_entries, sizeof(Entry)));
+    slots_ = std::memset(entries_ + capacity, 0, table_bytes);
     if (wide()) {
       fill_table<std::uint64_t>();
     } else {
@@ -292,22 +313,40 @@ class BasicInt64Map {
     }
   }
 
-  // Gives every entry its slot in an empty table. All keys differ, so none is compared.
+  // Writes the slot of every entry into an empty table. All keys differ, so none is compared.
   template <typename Slot>
   void fill_table() {
     const std::uint64_t last = (std::uint64_t{1} << bits_) - 1;
-    for (std::int64_t i = 0; i < entries_.length; ++i) {
-      if (i + kAhead < entries_.length) prefetch(entries_.data[i + kAhead].key);
-      const std::uint64_t key_hash = hash(entries_.data[i].key);
+    for (std::int64_t i = 0; i < size_; ++i) {
+      if (i + kPrefetchDistance < size_) prefetch(entries_[i + kPrefetchDistance].key);
+      const std::uint64_t key_hash = hash(entries_[i].key);
       std::uint64_t at = key_hash >> (64 - bits_);
       while (table<Slot>()[at] != 0) at = (at + 1) & last;
       table<Slot>()[at] = tag<Slot>(key_hash) | static_cast<Slot>(i + 1);
     }
   }
 
+  template <typename Slot>
+  bool is_valid() const {
+    if (slots_ == nullptr) return size_ == 0 && entries_ == nullptr;
+    std::int64_t used = 0;
+    for (std::int64_t i = 0; i < slot_count(); ++i) used += table<Slot>()[i] != 0 ? 1 : 0;
+    bool found = used == size_ && 2 * size_ <= slot_count();
+    for (std::int64_t i = 0; i < size_; ++i) found &= position_of(entries_[i].key) == i;
+    return found;
+  }
+
+  void swap(BasicInt64Map& other) {
+    std::swap(entries_, other.entries_);
+    std::swap(slots_, other.slots_);
+    std::swap(size_, other.size_);
+    std::swap(bits_, other.bits_);
+  }
+
+  Entry* entries_ = nullptr;
   void* slots_ = nullptr;
+  std::int64_t size_ = 0;
   int bits_ = 0;
-  Array<Entry> entries_;
 };
 
 // Up to 2^28 slots at least four bits of a narrow slot are the tag.

@@ -1,5 +1,5 @@
-// The engine's only door to the heap. It knows sizes, not what they are for. No function returns
-// null for a size above 0: failure ends the process. A size of 0 owns no block and is null.
+// The engine's only access to the heap. It knows sizes, not what they are for. No function returns
+// null for a size above 0: failure ends the process. For a size of 0 there is no block, and null.
 #pragma once
 
 #include <cstddef>
@@ -10,14 +10,13 @@ namespace qx {
 // A new block of `count` elements of `element_bytes` each, aligned for any element type.
 void* allocate(std::int64_t count, std::size_t element_bytes);
 
-// The same, beginning at a cache line, for what is read by the line: a vector of whole lines then
-// lies on no line more than it fills.
-void* allocate_at_line(std::int64_t count, std::size_t element_bytes);
+// The same, aligned to a cache line, so that no vector straddles one more line than needed.
+void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes);
 
 // Moves a block (or null) to `count` elements, keeping what fits. `count` is above 0.
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes);
 
-// Gives a block back; null is fine.
+// Releases a block, or null.
 void release(void* block);
 
 }  // namespace qx

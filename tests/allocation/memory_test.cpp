@@ -41,8 +41,8 @@ constexpr std::int64_t kIndexBytes = 384;
 
 std::int64_t base_bytes(std::int64_t n, std::int64_t dim, std::int64_t largest_id,
                         std::int64_t n_parts, std::int64_t repeated = 0) {
-  const std::int64_t vectors = n * dim == 0 ? 0 : (4 * n * dim + 4 + 63) / 64 * 64;
-  const std::int64_t table = n == 0 ? 0 : 8 * (largest_id + 2 + repeated);
+  const std::int64_t vectors = (4 * n * dim + 63) / 64 * 64;
+  const std::int64_t table = n == 0 ? 0 : 8 * (largest_id + 1 + repeated);
   return vectors + 8 * n + table + 16 * n_parts;
 }
 
@@ -52,7 +52,7 @@ std::int64_t delta_bytes(std::int64_t r, std::int64_t floats) {
 
 // `columns` has, for each column, the distinct ids since it exists.
 std::int64_t metadata_bytes(std::int64_t ids, const std::vector<std::int64_t>& columns) {
-  std::int64_t bytes = M(ids) + 40 * P(std::ssize(columns));
+  std::int64_t bytes = M(ids) + 32 * P(std::ssize(columns));
   for (const std::int64_t m : columns) bytes += M(m);
   return bytes;
 }
@@ -350,7 +350,7 @@ TEST(Memory, AfterRandomCalls) {
 TEST(Memory, TheExampleOfTheHeader) {
   EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) +
                 delta_bytes(10000, std::int64_t{10000} * 768),
-            3122210248);
+            3122210176);
 }
 
 }  // namespace

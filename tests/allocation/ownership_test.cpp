@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "qx_index.h"
 #include "record/fields.h"
+#include "store/qx_index.h"
 #include "support/heap.h"
 #include "support/host.h"
 
@@ -131,10 +131,10 @@ TEST(Ownership, ARebuildDoesNotReleaseTheEarlierBase) {
 TEST(Ownership, ReplacingAStructureReleasesTheArraysOfTheFirst) {
   const Index index(2);
   attach_one_list(index, 7);
-  const QxIvf first = index->ivf_list.at(0);
+  const QxIvf& ivf = index->ivf_list.at(0);
+  const Blocks first = {ivf.centroids.data, ivf.list_ids.data, ivf.list_offsets.data};
   const HeapLog log = record_heap([&] { attach_one_list(index, 7); });
-  EXPECT_EQ(log.releases,
-            (Blocks{first.centroids.data, first.list_ids.data, first.list_offsets.data}));
+  EXPECT_EQ(log.releases, first);
   EXPECT_EQ(log.allocations, 3);
 }
 

@@ -9,7 +9,7 @@
 
 #include "gtest/gtest.h"
 #include "qx_runtime.h"
-#include "row_set.h"
+#include "read/row_bitmap.h"
 
 // Sanitizers give frames a size of their own.
 #if defined(__SANITIZE_ADDRESS__)
@@ -103,7 +103,8 @@ TEST_F(Stack, OfWalks) {
       [&] { qx_index_search_filtered(index_, 1, 0, -1, vectors_.data(), 5000, ids, scores); }};
   for (const auto& call : calls) {
     const std::size_t used = stack_of(call);
-    EXPECT_GT(used, qx::RowSet::kMostRows / 8);  // the bits of the rows: the measurement sees them
+    EXPECT_GT(used,
+              qx::RowBitmap::kMaxRows / 8);  // the bits of the rows: the measurement sees them
     EXPECT_LE(used, 96 * kKiB);
   }
 }

@@ -126,11 +126,11 @@ class Play {
   }
 
   void ask_batch() {
-    std::int64_t guess = 0;
+    typename Map::Cursor cursor;
     for (std::int64_t batch = random_.between(1, 3); batch > 0; --batch) {
       const Keys keys = draw_keys(Map::kBatch);
       Keys values(keys.size());
-      map_.get_batch(keys.data(), std::ssize(keys), -7, values.data(), guess);
+      map_.get_batch(keys.data(), std::ssize(keys), -7, values.data(), cursor);
       for (std::size_t i = 0; i < keys.size(); ++i) {
         const auto known = model_.find(keys[i]);
         require(values[i] == (known == model_.end() ? -7 : known->second), "a value of a batch");

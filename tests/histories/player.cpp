@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "kernels/kernels.h"
+#include "store/validity.h"
 #include "support/child.h"
 #include "support/host_environment.h"
 
@@ -73,6 +74,7 @@ void Player::compare(const Call& call, const Answer& expected) {
   auto asked = [&] { answer = ask(call); };
   const bool kept = leaves_environment(environment_of(call), asked);
   check(call, kept, "another floating-point environment");
+  check(call, index_ == nullptr || qx::index_is_valid(*index_), "the record is not valid");
   check(call, answer.result == expected.result, "another result");
   check(call, answer.numbers == expected.numbers, "other numbers");
   check(call, out_ids_.equals(expected.ids), "other ids");

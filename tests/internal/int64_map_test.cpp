@@ -94,12 +94,12 @@ TEST_P(MapWithKeys, HoldsTheLastValueOfEveryKeyAndNoOther) {
 // Asks for all the keys in batches of any size, against get().
 template <typename Map>
 void expect_batches_equal_single_gets(const Map& map, const Keys& keys, Random& random) {
-  std::int64_t guess = 0;
+  typename Map::Cursor cursor;
   for (std::int64_t first = 0; first < std::ssize(keys);) {
     const std::int64_t most = std::min<std::int64_t>(Map::kBatch, std::ssize(keys) - first);
     const std::int64_t count = random.percent(70) ? most : random.between(0, most);
     std::int64_t values[Map::kBatch];
-    map.get_batch(keys.data() + first, count, -7, values, guess);
+    map.get_batch(keys.data() + first, count, -7, values, cursor);
     for (std::int64_t i = 0; i < count; ++i) {
       const std::int64_t key = keys[static_cast<std::size_t>(first + i)];
       ASSERT_EQ(values[i], map.get(key, -7)) << "key " << key;

@@ -10,7 +10,7 @@ namespace {
 
 TEST(Memory, NoElementsOwnNoBlock) {
   EXPECT_EQ(qx::allocate(0, 8), nullptr);
-  EXPECT_EQ(qx::allocate_at_line(0, 8), nullptr);
+  EXPECT_EQ(qx::allocate_cache_aligned(0, 8), nullptr);
 }
 
 TEST(Memory, ASizeThatNoAddressSpaceHoldsEndsTheProcess) {
@@ -31,7 +31,6 @@ TEST(Array, AnElementOutsideOfItEndsTheProcess) {
     EXPECT_TRUE(end.trapped);
     EXPECT_TRUE(is_bounds_line(end.standard_error, index, 3)) << end.standard_error;
   }
-  array.release();
 }
 
 TEST(Array, NoElementsAreNeitherReadNorCounted) {
@@ -43,7 +42,6 @@ TEST(Array, NoElementsAreNeitherReadNorCounted) {
     EXPECT_EQ(qx::Array<int>::copy_of(&element, count).data, nullptr);
   }
   EXPECT_EQ(array.at(0), 4);
-  array.release();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Scans against the plain rule, which scores every row by the contract and sorts: the same ids and
 // the same bits, however rows arrive and whatever they hold, under every kernel.
-#include "scan.h"
+#include "read/scan.h"
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ enum class Way {
   kMasked,       // in masked blocks, whole but for the last
   kInterrupted,  // in masked blocks, some short and some left out
   kWithoutBest,  // in masked blocks that leave out the best rows
-  kUnbounded,    // one by one, some of them not bounded
+  kWithDelta,    // one by one, some of them rows of the delta, which no magnitude bounds
   kMixed         // all of it
 };
 constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
@@ -55,23 +55,23 @@ class Fixed {
         magnitude(qx_test::magnitude_of(rows.vectors)),
         vectors(rows.vectors),
         query(rows.query),
-        outside(Floats(static_cast<std::size_t>(width * kOutside))) {
+        delta(Floats(static_cast<std::size_t>(width * kDeltaRows))) {
     for (std::int64_t i = 0; i < count; ++i) {
       ids.push_back(random.between(-5, 3 * count));
       scores.push_back(qx_test::contract_score(row(i), query.data(), width));
     }
-    for (std::int64_t i = 0; i < kOutside; ++i) draw_outside(random, i);
+    for (std::int64_t i = 0; i < kDeltaRows; ++i) draw_delta_row(random, i);
     sorted = scores;
     const auto no_number = [](float score) { return std::isnan(score); };
     sorted.erase(std::remove_if(sorted.begin(), sorted.end(), no_number), sorted.end());
     std::sort(sorted.begin(), sorted.end());
   }
 
-  // Row i of those that are not bounded: one of the others, up to a million times as large, or with
-  // two giants that cancel, beside which its score is lost, though not its rank.
-  void draw_outside(Random& random, std::int64_t i) {
+  // Row i of the delta: a base row, up to a million times as large, or with two giants that cancel
+  // and take its score with them, but not its rank.
+  void draw_delta_row(Random& random, std::int64_t i) {
     const float* const model = row(random.between(0, count - 1));
-    float* const made = outside.data() + i * width;
+    float* const made = delta.data() + i * width;
     const float scale = std::ldexp(1.0f, static_cast<int>(random.between(0, 20)));
     const bool cancels = i % 2 == 0;
     for (std::int64_t j = 0; j < width; ++j) made[j] = model[j] * (cancels ? 1 : scale);
@@ -82,13 +82,12 @@ class Fixed {
       made[first] = giant / query[at(first)];
       made[second] = -giant / query[at(second)];
     }
-    outside_scores.push_back(qx_test::contract_score(made, query.data(), width));
+    delta_scores.push_back(qx_test::contract_score(made, query.data(), width));
   }
 
-  static constexpr std::int64_t kOutside = 60;
+  static constexpr std::int64_t kDeltaRows = 60;
   static std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
   const float* row(std::int64_t i) const { return vectors.data() + i * width; }
-  const float* outside_row(std::int64_t i) const { return outside.data() + i * width; }
   // Whether fewer than about a tenth of the rows are better.
   bool is_good(std::int64_t i) const {
     return !sorted.empty() && scores[at(i)] >= sorted[sorted.size() - 1 - sorted.size() / 10];
@@ -99,15 +98,29 @@ class Fixed {
   float magnitude;
   Guarded<float> vectors;
   Guarded<float> query;
-  Guarded<float> outside;
+  Guarded<float> delta;
   Ids ids;
   Floats scores;
-  Floats outside_scores;
+  Floats delta_scores;
   Floats sorted;
 };
 
-// A scan and, beside it, the plain list of what has arrived. The order of the members is that in
-// which they are made of each other.
+// The record of an index of these rows. The base stays theirs.
+QxIndex record_of(const Fixed& rows, float magnitude) {
+  QxIndex index;
+  index.dim = static_cast<std::uint32_t>(rows.width);
+  index.n_base = rows.count;
+  index.sealed = 1;
+  index.base_vectors = const_cast<float*>(rows.vectors.data());
+  index.base_ids = const_cast<std::int64_t*>(rows.ids.data());
+  index.base_magnitude = magnitude;
+  index.delta_vectors =
+      qx::Array<float>::copy_of(rows.delta.data(), rows.width * Fixed::kDeltaRows);
+  return index;
+}
+
+// A scan and the plain list of what has arrived. The order of the members is that in which they are
+// made of each other.
 class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
  public:
   Compared(const Fixed& rows, Random& random, std::int64_t told_rows, float told_magnitude,
@@ -116,8 +129,8 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         random_(random),
         out_ids_(static_cast<std::size_t>(k), 77),
         out_scores_(static_cast<std::size_t>(k), 77.0f),
-        topk_(out_ids_.data(), out_scores_.data(), k),
-        scan_({rows.query.data(), rows.width, told_rows, told_magnitude}, topk_) {}
+        index_(record_of(rows, told_magnitude)),
+        scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, told_rows) {}
 
   void add_all(Way way) {
     std::int64_t first = 0;
@@ -163,16 +176,9 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
   void add(Way way, std::int64_t first, std::int64_t size) {
     switch (way) {
       case Way::kContiguous:
-        for (std::int64_t i = first; i < first + size; ++i) arrive(i);
-        if (first + size == rows_.count) {
-          scan_.finish_with(rows_.row(first), ids() + first, size, whole_rows());
-          break;
-        }
-        add_whole(first, size);
-        break;
       case Way::kPieces:
         for (std::int64_t i = first; i < first + size; ++i) arrive(i);
-        add_whole(first, size);
+        scan_.add_base_rows(first, size, ids() + first);
         break;
       case Way::kOneByOne:
       case Way::kAnywhere:
@@ -180,9 +186,10 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
           add_one(way == Way::kOneByOne ? i : random_.between(0, rows_.count - 1));
         }
         break;
-      case Way::kUnbounded:
+      case Way::kWithDelta:
         for (std::int64_t i = first; i < first + size; ++i) {
-          random_.percent(5) ? add_outside(random_.between(0, Fixed::kOutside - 1)) : add_one(i);
+          random_.percent(5) ? add_delta_row(random_.between(0, Fixed::kDeltaRows - 1))
+                             : add_one(i);
         }
         break;
       default:
@@ -191,28 +198,21 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     }
   }
 
-  void add_whole(std::int64_t first, std::int64_t size) {
-    const std::int64_t whole = whole_rows();
-    for (std::int64_t at = first; at < first + size; at += qx::Scan::kMaskRows) {
-      const std::int64_t block = std::min(qx::Scan::kMaskRows, first + size - at);
-      scan_.add_masked(rows_.row(at), ids() + at, block, qx::first_bits(block), whole);
-    }
-  }
-
   void add_one(std::int64_t i) {
     arrive(i);
-    scan_.add(rows_.row(i), rows_.ids[Fixed::at(i)], true);
+    scan_.add({false, i}, rows_.ids[Fixed::at(i)]);
   }
 
-  void add_outside(std::int64_t i) {
-    arrivals_.push_back({1000000 + i, rows_.outside_scores[Fixed::at(i)]});
-    scan_.add(rows_.outside_row(i), 1000000 + i, false);
+  void add_delta_row(std::int64_t i) {
+    arrivals_.push_back({1000000 + i, rows_.delta_scores[Fixed::at(i)]});
+    scan_.add({true, i}, 1000000 + i);
   }
 
+  // Whole masks as consecutive rows, others row by row.
   void add_masked(Way way, std::int64_t first, std::int64_t size) {
     const int chance = static_cast<int>(random_.between(2, 100));
     for (std::int64_t at = first; at < first + size;) {
-      std::int64_t block = std::min(qx::Scan::kMaskRows, first + size - at);
+      std::int64_t block = std::min(qx::kMaskRows, first + size - at);
       if (way == Way::kInterrupted && random_.percent(20)) block = random_.between(1, block);
       std::uint64_t mask = 0;
       for (std::int64_t i = 0; i < block; ++i) {
@@ -222,8 +222,11 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         mask |= std::uint64_t{left_out ? 0u : 1u} << i;
       }
       if (way != Way::kInterrupted || random_.percent(85)) {
-        qx::for_each_bit(mask, [&](std::int64_t i) { arrive(at + i); });
-        scan_.add_masked(rows_.row(at), ids() + at, block, mask, whole_rows());
+        if (mask == qx::first_bits(block)) {
+          add(Way::kContiguous, at, block);
+        } else {
+          qx::for_each_bit(mask, [&](std::int64_t i) { add_one(at + i); });
+        }
       }
       at += block;
     }
@@ -235,14 +238,11 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
 
   const std::int64_t* ids() const { return rows_.ids.data(); }
 
-  // Any number: it tells a kernel how near the rows are.
-  std::int64_t whole_rows() { return random_.percent(70) ? rows_.count : 100000000 / rows_.width; }
-
   const Fixed& rows_;
   Random& random_;
   Guarded<std::int64_t> out_ids_;
   Guarded<float> out_scores_;
-  qx::TopK topk_;
+  QxIndex index_;
   qx::Scan scan_;
   std::vector<Arrival> arrivals_;
 };
@@ -258,6 +258,12 @@ std::int64_t draw_k(Random& random, std::int64_t rows) {
   static const Ids choices = {1, 1, 2, 10, 47, 48, 49, 64, 100, 1000};
   if (random.percent(20)) return rows / 4 + random.between(-1, 1);
   return random.any_of(choices);
+}
+
+// How many rows a scan is told of. A large number makes kernels read as from memory.
+std::int64_t draw_told_rows(Random& random, const Fixed& rows) {
+  if (random.percent(20)) return 3 * rows.count;
+  return random.percent(70) ? rows.count : 100000000 / rows.width;
 }
 
 ScanRows draw_rows(Random& random, Family family) {
@@ -276,7 +282,7 @@ TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
       for (int way = 0; way < kWays; ++way) {
         for (int repeat = 0; repeat < 3; ++repeat) {
           const std::int64_t k = draw_k(random, rows.count);
-          const std::int64_t told = random.percent(80) ? rows.count : 3 * rows.count;
+          const std::int64_t told = draw_told_rows(random, rows);
           Compared scan(rows, random, told, rows.magnitude, k);
           scan.add_all(static_cast<Way>(way));
           ASSERT_EQ(scan.finish(), scan.expected())

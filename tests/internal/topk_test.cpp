@@ -1,6 +1,6 @@
 // The top-k buffer against a stable sort of all candidates: every way in which the buffer works,
 // by its size, with ties, special values, and scores that rise, fall or stay.
-#include "support/topk.h"
+#include "read/topk.h"
 
 #include <gtest/gtest.h>
 

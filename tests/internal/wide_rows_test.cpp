@@ -6,7 +6,7 @@
 
 #include "histories/random.h"
 #include "internal/every_kernel.h"
-#include "scan.h"
+#include "read/scan.h"
 
 namespace qx_test {
 namespace {
@@ -23,7 +23,7 @@ class WideRows : public UnderAKernel {};
 TEST_P(WideRows, ScoreAsThePortableKernelScoresThem) {
   constexpr std::int64_t kRows = 43;
   for (const std::int64_t dim : {510, 512, 1024, 1536, 2048}) {
-    const std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
+    std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
     std::vector<float> scores(kRows), expected(kRows);
     for (const qx::Reach reach : {qx::Reach::kNear, qx::Reach::kMemory}) {
       GetParam()->score_contiguous(rows.data(), kRows, dim, rows.data(), reach, scores.data());
@@ -37,16 +37,20 @@ TEST_P(WideRows, ScoreAsThePortableKernelScoresThem) {
 TEST_P(WideRows, AreScannedWithTheHostsOwnQueryToo) {
   constexpr std::int64_t kRows = 250;
   for (const std::int64_t dim : {2047, 2048, 2049, 2051}) {
-    const std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
+    std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
     std::vector<std::int64_t> row_ids(kRows);
     for (std::int64_t i = 0; i < kRows; ++i) row_ids[static_cast<std::size_t>(i)] = i;
     std::vector<float> all(kRows);
-    qx::score_contiguous(rows.data(), kRows, dim, rows.data(), all.data());
+    qx::score_vectors(rows.data(), kRows, dim, rows.data(), all.data());
     std::int64_t id = -1;
     float score = 0;
-    qx::TopK topk(&id, &score, 1);
-    qx::Scan scan({rows.data(), dim, kRows, 9}, topk);
-    scan.finish_with(rows.data(), row_ids.data(), kRows, kRows);
+    QxIndex index;
+    index.dim = static_cast<std::uint32_t>(dim);
+    index.base_vectors = rows.data();
+    index.base_magnitude = 9;
+    qx::Scan scan(index, rows.data(), {1, &id, &score}, kRows);
+    scan.add_base_rows(0, kRows, row_ids.data());
+    scan.finish();
     const auto best = std::max_element(all.begin(), all.end());
     EXPECT_EQ(id, best - all.begin());
     EXPECT_EQ(score, *best);

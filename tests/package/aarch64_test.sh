@@ -18,7 +18,7 @@ compile() {
 # Static programs need no AArch64 libraries beside the emulator; the linker's warning about look-ups
 # of host names, which GoogleTest could make, does not concern these tests.
 link() {
-  compile -static "$@" "$work/gtest.o" engine/*.cpp engine/*/*.cpp tests/support/child.cpp \
+  compile -static "$@" "$work/gtest.o" engine/*/*.cpp tests/support/child.cpp \
     2> >(grep -v 'statically linked applications\|MakeConnection' >&2)
 }
 

@@ -20,7 +20,7 @@ contract=(-ffp-contract=off -DQX_FP_CONTRACT_OFF)
 histories() {
   local engine=$1 program=$2
   shift 2
-  compile "${contract[@]}" -I"$engine" "$@" "$engine"/*.cpp "$engine"/*/*.cpp "${links[@]}" \
+  compile "${contract[@]}" -I"$engine" "$@" "$engine"/*/*.cpp "${links[@]}" \
     -o "$program"
 }
 links=("$@" -lgtest -lpthread)

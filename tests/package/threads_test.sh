@@ -6,17 +6,17 @@ cd "$1"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 "$2" -std=c++20 -O1 -g1 -ffp-contract=off -DQX_FP_CONTRACT_OFF -fsanitize=thread -Iengine -Iinclude \
-  -Itests engine/*.cpp engine/*/*.cpp tests/sanitizers/threads.cpp -lpthread -o "$work/threads"
+  -Itests engine/*/*.cpp tests/sanitizers/threads.cpp -lpthread -o "$work/threads"
 # The sanitizer wants addresses where the system does not put them at random.
 TSAN_OPTIONS=halt_on_error=1 setarch -R "$work/threads"
 
 # It sees a race: an engine whose reads write to the index.
 cp -r engine "$work/racing"
-sed -i 's/^  const auto results = static_cast<std::int32_t>(k);$/&\n  ++const_cast<QxIndex*>(index)->user_tag;/' \
-  "$work/racing/visibility.cpp"
+sed -i 's/^  const auto slots = static_cast<std::int32_t>(k);$/&\n  ++const_cast<QxIndex*>(index)->user_tag;/' \
+  "$work/racing/interface/current_reads.cpp"
 ! diff -r engine "$work/racing" >/dev/null || { echo "threads_test: no fault planted" >&2; exit 1; }
 "$2" -std=c++20 -O1 -g1 -ffp-contract=off -DQX_FP_CONTRACT_OFF -fsanitize=thread -I"$work/racing" \
-  -Iinclude -Itests "$work"/racing/*.cpp "$work"/racing/*/*.cpp tests/sanitizers/threads.cpp \
+  -Iinclude -Itests "$work"/racing/*/*.cpp tests/sanitizers/threads.cpp \
   -lpthread -o "$work/racing_threads"
 ! TSAN_OPTIONS=halt_on_error=1 setarch -R "$work/racing_threads" >"$work/log" 2>&1 ||
   { echo "threads_test: a race is not noticed" >&2; exit 1; }

@@ -1,9 +1,8 @@
 // What a build leaves in the record.
 #include <limits>
 
-#include "qx_index.h"
 #include "record/fields.h"
-#include "rows.h"
+#include "store/qx_index.h"
 #include "support/host.h"
 
 namespace qx_test {
@@ -34,13 +33,15 @@ TEST(BaseRecord, TheTableNamesTheLastRowOfEachId) {
   EXPECT_EQ(id_to_row(index), (Ids{-1, -1, -1, 1, -1, -1, -1, 2}));
 }
 
-TEST(BaseRecord, TheRowsThatAreNotTheLastOfTheirIdFollowTheTable) {
+TEST(BaseRecord, ListsTheRowsThatAreNotTheLastOfTheirId) {
   const Index index(1);
   seal(index, 1, {2, 1, 2, 0, 2, 1}, {1, 2, 3, 4, 5, 6});
-  EXPECT_EQ(Ids(index->id_to_row, index->id_to_row + 7), (Ids{3, 5, 4, 3, 0, 1, 2}));
+  EXPECT_EQ(id_to_row(index), (Ids{3, 5, 4}));
+  EXPECT_EQ(values_of(index->duplicate_rows), (Ids{0, 1, 2}));
   const Index distinct(1);
   seal(distinct, 1, {2, 1}, {1, 2});
-  EXPECT_EQ(Ids(distinct->id_to_row, distinct->id_to_row + 4), (Ids{-1, 1, 0, 0}));
+  EXPECT_EQ(id_to_row(distinct), (Ids{-1, 1, 0}));
+  EXPECT_EQ(values_of(distinct->duplicate_rows), Ids());
 }
 
 TEST(BaseRecord, TheTableEndsWithTheLargestIdWhereverItStands) {
@@ -69,7 +70,6 @@ TEST(BaseRecord, HoldsCopiesOfTheHostsArrays) {
   EXPECT_EQ(Ints(index->part_sizes, index->part_sizes + 3), (Ints{1, 99, 0}));
 }
 
-// The number behind the last vector.
 float kept_magnitude(const Floats& vectors, std::int32_t dim) {
   const Index index(1);
   Ids ids;
@@ -77,7 +77,7 @@ float kept_magnitude(const Floats& vectors, std::int32_t dim) {
     ids.push_back(std::ssize(ids));
   }
   seal(index, dim, ids, vectors);
-  return qx::base_magnitude(*index);
+  return index->base_magnitude;
 }
 
 TEST(BaseRecord, KeepsTheLargestMagnitudeWhereverItStands) {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "qx_index.h"
+#include "store/qx_index.h"
 
 namespace qx_test {
 

@@ -1,7 +1,7 @@
 // Records that no call of the interface makes: what reads do not look at, what they take as absent,
 // and which checks end the process when an invariant is broken.
-#include "qx_index.h"
 #include "record/fields.h"
+#include "store/qx_index.h"
 #include "support/host.h"
 
 namespace qx_test {

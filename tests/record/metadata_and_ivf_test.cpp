@@ -1,8 +1,8 @@
 // How labels, columns and IVF structures lie in the record.
 #include <optional>
 
-#include "qx_index.h"
 #include "record/fields.h"
+#include "store/qx_index.h"
 #include "support/host.h"
 
 namespace qx_test {

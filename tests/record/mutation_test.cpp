@@ -1,8 +1,8 @@
 // Stamps, positions and tombstones: the bookkeeping of mutations that no read shows.
 #include <optional>
 
-#include "qx_index.h"
 #include "record/fields.h"
+#include "store/qx_index.h"
 #include "support/host.h"
 
 namespace qx_test {

@@ -4,13 +4,13 @@
 #include <numeric>
 #include <set>
 
-#include "row_set.h"
+#include "read/row_bitmap.h"
 #include "support/host.h"
 
 namespace qx_test {
 namespace {
 
-constexpr std::int64_t kSpan = qx::RowSet::kMostRows;
+constexpr std::int64_t kSpan = qx::RowBitmap::kMaxRows;
 constexpr std::int64_t kRows = 2 * kSpan + 70;
 
 // The rows next to an edge of a span, and next to the blocks of 64 beside it.

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "internal/every_kernel.h"
-#include "qx_index.h"
+#include "store/qx_index.h"
 #include "support/host.h"
 
 namespace qx_test {

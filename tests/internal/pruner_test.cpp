@@ -1,6 +1,6 @@
-// The screen: when it pays, how far below a bar its limit is, and rows whose roundings all go the
-// wrong way, which no smaller distance would keep.
-#include "screen.h"
+// The pruner: when it is worthwhile, how far below a threshold its own is, and rows whose roundings
+// all go the wrong way, which no smaller distance would keep.
+#include "read/pruner.h"
 
 #include <gtest/gtest.h>
 
@@ -14,11 +14,11 @@
 #include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "internal/sums.h"
-#include "scan.h"
+#include "read/scan.h"
 
 namespace {
 
-using qx::Screen;
+using qx::Pruner;
 using qx_test::Random;
 using Floats = std::vector<float>;
 using Ids = std::vector<std::int64_t>;
@@ -28,18 +28,18 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kMax = std::numeric_limits<float>::max();
 constexpr std::int64_t kRows = 1000;
 
-struct OpenScreen : Screen {
-  OpenScreen(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) : Screen(k) {
+struct OpenPruner : Pruner {
+  OpenPruner(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) : Pruner(k) {
     open(query.data(), std::ssize(query), magnitude, rows);
   }
 };
 
-OpenScreen screen_of(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) {
+OpenPruner pruner_of(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) {
   return {query, magnitude, rows, k};
 }
 
 bool pays(const Floats& query, float magnitude, std::int64_t rows = kRows, std::int64_t k = 1) {
-  return screen_of(query, magnitude, rows, k).pays();
+  return pruner_of(query, magnitude, rows, k).is_worthwhile();
 }
 
 // By how much the score and the estimate of a row may differ, as kernels.h states: each is within
@@ -53,13 +53,13 @@ Floats draw_query(Random& random, std::int64_t width) {
   return draw_floats(random, qx_test::Values::kSmooth, width);
 }
 
-TEST(AScreen, PaysForRowsOfEightComponentsAndMore) {
+TEST(APruner, PaysForRowsOfEightComponentsAndMore) {
   EXPECT_FALSE(pays(Floats(7, 1.0f), 1));
   EXPECT_TRUE(pays(Floats(8, 1.0f), 1));
   EXPECT_TRUE(pays(Floats(1025, 1.0f), 1));
 }
 
-TEST(AScreen, PaysWhereFourTimesAsManyRowsAreScannedAsKept) {
+TEST(APruner, PaysWhereFourTimesAsManyRowsAreScannedAsKept) {
   const Floats query(16, 1.0f);
   EXPECT_TRUE(pays(query, 1, 400, 100));
   EXPECT_FALSE(pays(query, 1, 399, 100));
@@ -67,7 +67,7 @@ TEST(AScreen, PaysWhereFourTimesAsManyRowsAreScannedAsKept) {
   EXPECT_FALSE(pays(query, 1, -5, 1));
 }
 
-TEST(AScreen, KnowsNothingOfInfinitiesAndNaNs) {
+TEST(APruner, KnowsNothingOfInfinitiesAndNaNs) {
   const Floats query(16, 1.0f);
   EXPECT_FALSE(pays(query, kInfinity));
   EXPECT_FALSE(pays(Floats(16, 0.0f), kInfinity));
@@ -82,7 +82,7 @@ TEST(AScreen, KnowsNothingOfInfinitiesAndNaNs) {
 }
 
 // Where sums overflow, an estimate may be anything.
-TEST(AScreen, KnowsNothingWhereSumsComeNearTheLargestFloat) {
+TEST(APruner, KnowsNothingWhereSumsComeNearTheLargestFloat) {
   EXPECT_FALSE(pays(Floats(16, 1.0f), kMax));
   EXPECT_FALSE(pays(Floats(16, kMax), 1));
   EXPECT_FALSE(pays(Floats(16, kMax), 1e-3f));
@@ -90,84 +90,85 @@ TEST(AScreen, KnowsNothingWhereSumsComeNearTheLargestFloat) {
   EXPECT_TRUE(pays(Floats(16, 0x1p+30f), 0x1p+60f));
 }
 
-TEST(AScreen, KnowsNothingOfRowsOfMoreThanAMillionComponents) {
+TEST(APruner, KnowsNothingOfRowsOfMoreThanAMillionComponents) {
   EXPECT_TRUE(pays(Floats(std::size_t{1} << 20, 1.0f), 1));
   EXPECT_FALSE(pays(Floats((std::size_t{1} << 20) + 1, 1.0f), 1));
 }
 
 // As a difference of doubles: nothing here may be rounded the wrong way.
-void expect_far_enough(const Screen& screen, double below_bar, const Floats& query, float magnitude,
+void expect_far_enough(const Pruner& pruner, double below_bar, const Floats& query, float magnitude,
                        float bar) {
-  const float limit = screen.limit(bar);
+  const float limit = pruner.pruning_threshold(bar);
   if (!(limit > -kMax)) return;
   ASSERT_LE(double{limit}, below_bar - largest_difference(query, magnitude))
       << "width " << query.size() << ", magnitude " << magnitude << ", bar " << bar;
 }
 
-TEST(AScreen, LimitsBelowTheBarByAllThatAnEstimateMayMiss) {
+TEST(APruner, LimitsBelowTheBarByAllThatAnEstimateMayMiss) {
   Random random(41);
   for (std::int64_t width = 8; width <= 2500; width += width < 100 ? 1 : 173) {
     const Floats query = draw_query(random, width);
     for (const float magnitude : {0.0f, 1e-45f, 1e-30f, 1e-6f, 1.0f, 3.7f, 1e5f, 1e30f}) {
-      const OpenScreen screen = screen_of(query, magnitude, kRows, 49);
-      ASSERT_TRUE(screen.pays());
+      const OpenPruner pruner = pruner_of(query, magnitude, kRows, 49);
+      ASSERT_TRUE(pruner.is_worthwhile());
       for (int draw = 0; draw < 20; ++draw) {
         const float bar = std::ldexp(qx_test::draw_float(random, qx_test::Values::kSmooth),
                                      static_cast<int>(random.between(-140, 110)));
-        ASSERT_NO_FATAL_FAILURE(expect_far_enough(screen, double{bar}, query, magnitude, bar));
+        ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, double{bar}, query, magnitude, bar));
       }
-      ASSERT_NO_FATAL_FAILURE(expect_far_enough(screen, 0, query, magnitude, 0));
+      ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, 0, query, magnitude, 0));
     }
   }
 }
 
 // The sum of a query's magnitudes may lose small ones beside a large one, but not more than the
-// screen allows for.
-TEST(AScreen, AllowsForWhatItsOwnSumsLose) {
+// pruner allows for.
+TEST(APruner, AllowsForWhatItsOwnSumsLose) {
   Floats query(std::size_t{1} << 20, 1.0f);
   for (std::size_t lane = 0; lane < 16; ++lane) query[lane] = 0x1p+24f;
-  const OpenScreen screen = screen_of(query, 1, kRows, 1);
-  ASSERT_TRUE(screen.pays());
-  ASSERT_NO_FATAL_FAILURE(expect_far_enough(screen, 0, query, 1, 0));
+  const OpenPruner pruner = pruner_of(query, 1, kRows, 1);
+  ASSERT_TRUE(pruner.is_worthwhile());
+  ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, 0, query, 1, 0));
 }
 
-TEST(AScreen, LimitsNotMuchFurtherBelowTheBar) {
+TEST(APruner, LimitsNotMuchFurtherBelowTheBar) {
   const Floats query(64, 1.0f);
   const double difference = largest_difference(query, 1);
-  EXPECT_GT(double{screen_of(query, 1, kRows, 1).limit(10)}, 10 - 1.1 * difference - 1e-4);
+  EXPECT_GT(double{pruner_of(query, 1, kRows, 1).pruning_threshold(10)},
+            10 - 1.1 * difference - 1e-4);
 }
 
-TEST(AScreen, RulesOutNothingThatAnEmptySlotWouldTake) {
+TEST(APruner, RulesOutNothingThatAnEmptySlotWouldTake) {
   const Floats query(64, 1.0f);
   for (const std::int64_t k : {1, 48, 49}) {
-    const float limit = screen_of(query, 1, kRows, k).limit(qx::kEmptyScore);
+    const float limit = pruner_of(query, 1, kRows, k).pruning_threshold(qx::kEmptyScore);
     EXPECT_LT(limit, qx::kEmptyScore);
     EXPECT_GE(limit, -kMax);
   }
 }
 
 // A bar of infinity is one of rows that are not bounded.
-TEST(AScreen, HasALimitForEveryBar) {
+TEST(APruner, HasALimitForEveryBar) {
   const Floats query(64, 1.0f);
-  EXPECT_EQ(screen_of(query, 1e34f, kRows, 49).limit(-kMax), -kMax);
-  const float limit = screen_of(query, 1, kRows, 1).limit(kInfinity);
+  EXPECT_EQ(pruner_of(query, 1e34f, kRows, 49).pruning_threshold(-kMax), -kMax);
+  const float limit = pruner_of(query, 1, kRows, 1).pruning_threshold(kInfinity);
   EXPECT_FALSE(1.0f < limit && std::isfinite(limit));
 }
 
 // k rows that are known to be better make a bar of their own, twice as far from the k-th of them.
-TEST(AScreen, LearnsTheBarFromTheBestEstimates) {
+TEST(APruner, LearnsTheBarFromTheBestEstimates) {
   Random random(42);
   for (const std::int64_t k : {1, 2, 10, 47, 48}) {
     const Floats query = draw_query(random, 50);
-    OpenScreen screen = screen_of(query, 3, kRows, k);
+    OpenPruner pruner = pruner_of(query, 3, kRows, k);
     Floats known;
     for (int block = 0; block < 6; ++block) {
       Floats estimates = draw_floats(random, qx_test::Values::kSmooth, random.between(1, 192));
       estimates.front() = kNaN;
-      screen.learn(estimates.data(), std::ssize(estimates));
+      pruner.observe(estimates.data(), std::ssize(estimates));
       known.insert(known.end(), estimates.begin() + 1, estimates.end());
       std::sort(known.begin(), known.end(), std::greater<>());
-      const float limit = screen.limit(qx::kEmptyScore);
+      const float limit = pruner.pruning_threshold(qx::kEmptyScore);
       if (std::ssize(known) < k) {
         ASSERT_LT(limit, qx::kEmptyScore);
         continue;
@@ -180,12 +181,12 @@ TEST(AScreen, LearnsTheBarFromTheBestEstimates) {
   }
 }
 
-TEST(AScreen, LearnsNothingForALargeK) {
+TEST(APruner, LearnsNothingForALargeK) {
   const Floats query(50, 1.0f);
-  OpenScreen screen = screen_of(query, 3, kRows, 49);
+  OpenPruner pruner = pruner_of(query, 3, kRows, 49);
   const Floats estimates(192, 5.0f);
-  screen.learn(estimates.data(), std::ssize(estimates));
-  EXPECT_LT(screen.limit(qx::kEmptyScore), qx::kEmptyScore);
+  pruner.observe(estimates.data(), std::ssize(estimates));
+  EXPECT_LT(pruner.pruning_threshold(qx::kEmptyScore), qx::kEmptyScore);
 }
 
 // Rows that come as near to the bound as kernels allow. A sum starts at about 2^24, where floats
@@ -239,14 +240,17 @@ class OneSided : public qx_test::UnderAKernel {
     for (const bool contiguous : {true, false}) {
       Ids found(static_cast<std::size_t>(k));
       Floats scores(found.size());
-      qx::TopK topk(found.data(), scores.data(), k);
-      qx::Scan scan({query_.data(), std::ssize(query_), std::ssize(rows), magnitude}, topk);
+      QxIndex index;
+      index.dim = static_cast<std::uint32_t>(query_.size());
+      index.base_vectors = vectors.data();
+      index.base_magnitude = magnitude;
+      qx::Scan scan(index, query_.data(), {k, found.data(), scores.data()}, std::ssize(rows));
       if (contiguous) {
-        scan.finish_with(vectors.data(), ids.data(), std::ssize(ids), 1);
+        scan.add_base_rows(0, std::ssize(ids), ids.data());
       } else {
-        for (const std::int64_t id : ids) scan.add(vectors.data() + id * kWidth, id, true);
-        scan.finish();
+        for (const std::int64_t id : ids) scan.add({false, id}, id);
       }
+      scan.finish();
       for (std::size_t slot = 0; slot < found.size(); ++slot) {
         ASSERT_EQ(found[slot], best[slot].second)
             << "slot " << slot << ", contiguous " << contiguous;

@@ -1,5 +1,5 @@
-// Room for values that are written before they are read. It has none to begin with: clearing it
-// would cost time.
+// An array whose elements start uninitialised: clearing what is written before it is read would
+// cost time.
 #pragma once
 
 #include <array>
@@ -9,12 +9,12 @@
 namespace qx {
 
 template <typename T, std::size_t kCount>
-class Room {
+class UninitializedArray {
  public:
   T* data() { return values_.data(); }
   const T* data() const { return values_.data(); }
 
-  // Elements of an array member: through a pointer, each write could change other members.
+  // operator[] on a member array lets the compiler rule out aliasing with other members.
   T& operator[](std::int64_t i) { return values_[static_cast<std::size_t>(i)]; }
   const T& operator[](std::int64_t i) const { return values_[static_cast<std::size_t>(i)]; }
 

@@ -1,0 +1,47 @@
+// The functions of the sealed base: its build, its export, and the tuner, which lists partitions by
+// size.
+#include "store/base.h"
+
+#include <cstring>
+
+namespace {
+
+template <typename T>
+void copy_out(T* target, const T* source, std::int64_t count) {
+  if (count > 0) std::memcpy(target, source, static_cast<std::size_t>(count) * sizeof(T));
+}
+
+}  // namespace
+
+int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t dim,
+                       const int64_t* ids, const int64_t* part_keys, const int32_t* part_starts,
+                       const int32_t* part_sizes, int32_t n_parts) {
+  const bool built =
+      qx::build_base(*index, {vectors, n, dim, ids, part_keys, part_starts, part_sizes, n_parts});
+  return built ? 0 : -1;
+}
+
+int64_t qx_index_export_base(const QxIndex* index, float* out_vectors, int64_t* out_ids) {
+  if (index->sealed == 0) return 0;
+  copy_out(out_vectors, index->base_vectors, index->n_base * qx::dim_of(*index));
+  copy_out(out_ids, index->base_ids, index->n_base);
+  return index->n_base;
+}
+
+int32_t qx_tuner_defaults(uint32_t* first, uint32_t* second) {
+  *first = 20000;
+  *second = 980;
+  return 0;
+}
+
+int32_t qx_index_tuner_oversized(const QxIndex* index, int32_t threshold, int64_t* keys,
+                                 int64_t* sizes) {
+  std::int32_t listed = 0;
+  for (std::int32_t p = 0; p < index->n_parts; ++p) {
+    if (index->part_sizes[p] < threshold) continue;
+    keys[listed] = index->part_keys[p];
+    sizes[listed] = index->part_sizes[p];
+    ++listed;
+  }
+  return listed;
+}

@@ -1,0 +1,72 @@
+#include "read/filter.h"
+
+#include <algorithm>
+
+#include "read/marking.h"
+#include "store/metadata.h"
+#include "support/bits.h"
+
+namespace qx {
+namespace {
+
+// The map that the filter tests; null if there is none. Ends the process where a column is missing
+// from the list of columns, which breaks an invariant.
+const Int64Map* map_of(const QxIndex& index, const Filter& filter) {
+  if (filter.mode == 1) return &index.row_labels;
+  const bool exists = filter.column >= 0 && filter.column < index.meta_ncols;
+  return filter.passes_all() || !exists ? nullptr : &index.meta_columns.at(filter.column);
+}
+
+// If the value looked for is kMissing, ids without an entry pass, and the entries that fail are
+// marked instead of those that pass.
+bool marks_failing(const Filter& filter) { return filter.value == kMissing; }
+bool is_marked(const Filter& filter, std::int64_t value) {
+  return (value == filter.value) != marks_failing(filter);
+}
+
+// A sample of the entries of a map: at most a quarter of them are marked.
+bool few_are_marked(const Int64Map& map, const Filter& filter) {
+  constexpr std::int64_t kSample = 256;
+  const std::int64_t step = std::max<std::int64_t>(map.size() / kSample, 1);
+  std::int64_t sampled = 0;
+  std::int64_t marked = 0;
+  for (std::int64_t i = 0; i < map.size(); i += step) {
+    ++sampled;
+    marked += is_marked(filter, map.begin()[i].value) ? 1 : 0;
+  }
+  return marked * 4 <= sampled;
+}
+
+}  // namespace
+
+std::uint64_t _match(const QxIndex& index, const Filter& filter, const std::int64_t* ids,
+                     std::int64_t count, Int64Map::Cursor& cursor) {
+  if (filter.passes_all()) return first_bits(count);
+  const Int64Map* const map = map_of(index, filter);
+  if (map == nullptr) return 0;
+  std::int64_t values[Int64Map::kBatch];
+  map->get_batch(ids, count, kMissing, values, cursor);
+  std::uint64_t mask = 0;
+  for (std::int64_t i = 0; i < count; ++i) mask |= std::uint64_t{values[i] == filter.value} << i;
+  return mask;
+}
+
+bool prefers_marking(const QxIndex& index, const Filter& filter) {
+  // A column that is missing from the list ends the process when a row is asked about, not before.
+  if (filter.mode != 1 && filter.column >= index.meta_columns.length) return false;
+  const Int64Map* const map = map_of(index, filter);
+  return map != nullptr && RowBitmap::is_worthwhile(map->size(), index.n_base) &&
+         few_are_marked(*map, filter);
+}
+
+void mark_passing(const QxIndex& index, const Filter& filter, std::int64_t first,
+                  std::int64_t count, RowBitmap& bitmap) {
+  const bool failing = marks_failing(filter);
+  bitmap.reset(first, count, failing);
+  for_each_base_row(
+      index, *map_of(index, filter),
+      [&](const Int64Map::Entry& entry) { return is_marked(filter, entry.value); },
+      [&](std::int64_t row) { failing ? bitmap.clear(row) : bitmap.set(row); });
+}
+
+}  // namespace qx

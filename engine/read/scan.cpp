@@ -1,0 +1,218 @@
+#include "read/scan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <limits>
+
+#include "kernels/kernels.h"
+#include "support/bits.h"
+#include "support/compiler.h"
+#include "support/fp_environment.h"
+
+namespace qx {
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+// Scans of up to so many bytes read their rows from the second-level, or the last-level, cache.
+constexpr std::int64_t kNearBytes = std::int64_t{1} << 20;
+constexpr std::int64_t kFarBytes = std::int64_t{20} << 20;
+
+Reach cache_level(std::int64_t rows, std::int64_t dim) {
+  const std::int64_t bytes = rows * dim * std::int64_t{sizeof(float)};
+  if (bytes <= kNearBytes) return Reach::kNear;
+  return bytes <= kFarBytes ? Reach::kFar : Reach::kMemory;
+}
+
+}  // namespace
+
+Scan::Scan(const QxIndex& index, const float* query, const ResultSlots& slots, std::int64_t rows)
+    : index_(index),
+      query_(query),
+      dim_(dim_of(index)),
+      rows_(rows),
+      topk_(slots.ids, slots.scores, slots.k),
+      pruner_(slots.k) {}
+
+void Scan::add(const Selection& span) {
+  for (std::int64_t offset = 0; offset < span.count(); offset += kBlockRows) {
+    const std::int64_t count = std::min(kBlockRows, span.count() - offset);
+    const std::int64_t first = span.first() + offset;
+    const std::int64_t* const ids = span.ids() + offset;
+    // Rows that are left out must not be read, so a block is scanned as a whole, or row by row.
+    if (selects_all(span, offset, count)) {
+      add_base_rows(first, count, ids);
+      continue;
+    }
+    for (std::int64_t i = 0; i < count; i += kMaskRows) {
+      for_each_bit(span.mask(offset + i), [&](std::int64_t bit) {
+        add(Row{span.in_delta(), first + i + bit}, ids[i + bit]);
+      });
+    }
+  }
+}
+
+bool Scan::selects_all(const Selection& span, std::int64_t offset, std::int64_t count) const {
+  bool all = !span.in_delta();
+  for (std::int64_t i = 0; all && i < count; i += kMaskRows) {
+    all = span.mask(offset + i) == first_bits(std::min(kMaskRows, count - i));
+  }
+  return all;
+}
+
+void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int64_t* ids) {
+  const float* const rows = base_vector(index_, first);
+  const bool follows = run_.ids + run_.count == ids && run_.rows + run_.count * dim_ == rows;
+  if (run_.count > 0 && follows) {
+    run_.count += count;
+    return;
+  }
+  flush();
+  run_ = {false, rows, ids, count};
+}
+
+void Scan::flush() {
+  if (run_.count == 0 && listed_ == 0) return;
+  in_default_fp_environment([&] { scan_waiting(); });
+}
+
+void Scan::finish() {
+  if (!opened_ && run_.count == 0 && listed_ == 0) return;  // no row has been added
+  in_default_fp_environment([&] {
+    scan_waiting();
+    prune_candidates();
+    score_candidates();
+    topk_.finish();
+  });
+}
+
+void Scan::scan_waiting() {
+  for (std::int64_t first = 0; first < run_.count; first += kBlockRows) {
+    const std::int64_t count = std::min(kBlockRows, run_.count - first);
+    scan_block({false, run_.rows + first * dim_, run_.ids + first, count});
+  }
+  if (listed_ > 0) scan_block({true, nullptr, listed_ids_.data(), listed_});
+  run_.count = listed_ = 0;
+  std::fill(std::begin(listed_in_delta_), std::end(listed_in_delta_), 0);
+}
+
+void Scan::scan_block(const Block& block) {
+  QX_ASSERT(block.count >= 1 && block.count <= kBlockRows);
+  alignas(64) float values[kBlockRows];
+  if (!opened_) open();
+  if (pruner_.is_worthwhile() && exact_blocks_ == 0) {
+    estimate(block, values);
+    prune(block, values);
+  } else {
+    exact_blocks_ = std::max<std::int64_t>(exact_blocks_ - 1, 0);
+    score_candidates();
+    score(block, values);
+    topk_.offer(values, block.ids, block.count);
+  }
+}
+
+void Scan::open() {
+  opened_ = true;
+  pruner_.open(query_, dim_, index_.base_magnitude, rows_);
+  if (!pruner_.is_worthwhile() || dim_ > kMaxCopiedDim) return;
+  std::memcpy(aligned_query_, query_, static_cast<std::size_t>(dim_) * sizeof(float));
+  query_ = aligned_query_;
+}
+
+void Scan::estimate(const Block& block, float* estimates) const {
+  if (!block.listed) {
+    kernels().estimate_contiguous(block.rows, block.count, dim_, query_, cache_level(rows_, dim_),
+                                  estimates);
+    return;
+  }
+  kernels().estimate_scattered(listed_vectors_.data(), block.count, dim_, query_, estimates);
+  // A NaN is never pruned.
+  for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
+    for_each_bit(listed_in_delta_[first / kMaskRows],
+                 [&](std::int64_t i) { estimates[first + i] = kNaN; });
+  }
+}
+
+void Scan::score(const Block& block, float* scores) const {
+  if (!block.listed) {
+    kernels().score_contiguous(block.rows, block.count, dim_, query_, cache_level(rows_, dim_),
+                               scores);
+  } else {
+    kernels().score_scattered(listed_vectors_.data(), block.count, dim_, query_, scores);
+  }
+}
+
+void Scan::prune(const Block& block, const float* estimates) {
+  const bool seeding = pruner_.is_empty();
+  if (seeding) pruner_.observe(estimates, block.count);
+  const float threshold = pruner_.pruning_threshold(topk_.threshold());
+  std::uint8_t kept[kBlockRows];
+  float kept_estimates[kBlockRows];
+  std::int64_t count = 0;
+  for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
+    const std::int64_t rows = std::min(kMaskRows, block.count - first);
+    for_each_bit(kernels().not_below(estimates + first, rows, threshold), [&](std::int64_t i) {
+      kept[count] = static_cast<std::uint8_t>(first + i);
+      kept_estimates[count++] = estimates[first + i];
+    });
+  }
+  if (count == 0) return;
+  if (!seeding) pruner_.observe(kept_estimates, count);
+  const float raised = pruner_.pruning_threshold(topk_.threshold());
+  const std::int64_t earlier = candidates_;
+  for (std::int64_t i = 0; i < count; ++i) {
+    if (!(kept_estimates[i] < raised)) add_candidate(block, kept[i], kept_estimates[i]);
+  }
+  adapt_to(candidates_ - earlier, block.count);
+}
+
+void Scan::add_candidate(const Block& block, std::int64_t i, float estimate) {
+  candidate_vectors_[candidates_] = vector(block, i);
+  candidate_ids_[candidates_] = block.ids[i];
+  candidate_estimates_[candidates_] = estimate;
+  ++candidates_;
+}
+
+// Decides how the next blocks are scanned, after a block of so many rows has left so many
+// candidates.
+void Scan::adapt_to(std::int64_t candidates, std::int64_t rows) {
+  if (candidates_ > kWaitingCandidates) prune_candidates();
+  if (4 * candidates > rows) {
+    exact_blocks_ = next_exact_blocks_;
+    next_exact_blocks_ = std::min(2 * next_exact_blocks_, kMaxExactBlocks);
+  } else {
+    next_exact_blocks_ = 1;
+  }
+  if (candidates_ > kWaitingCandidates) score_candidates();
+}
+
+// Drops the candidates that are pruned by now.
+void Scan::prune_candidates() {
+  const float threshold = pruner_.pruning_threshold(topk_.threshold());
+  std::int64_t kept = 0;
+  for (std::int64_t i = 0; i < candidates_; ++i) {
+    candidate_vectors_[kept] = candidate_vectors_[i];
+    candidate_ids_[kept] = candidate_ids_[i];
+    candidate_estimates_[kept] = candidate_estimates_[i];
+    kept += candidate_estimates_[i] < threshold ? 0 : 1;
+  }
+  candidates_ = kept;
+}
+
+void Scan::score_candidates() {
+  if (candidates_ == 0) return;
+  float scores[kCandidateCapacity];
+  kernels().score_scattered(candidate_vectors_.data(), candidates_, dim_, query_, scores);
+  topk_.offer(scores, candidate_ids_.data(), candidates_);
+  candidates_ = 0;
+}
+
+void score_vectors(const float* vectors, std::int64_t count, std::int64_t dim, const float* query,
+                   float* scores) {
+  in_default_fp_environment([&] {
+    kernels().score_contiguous(vectors, count, dim, query, cache_level(count, dim), scores);
+  });
+}
+
+}  // namespace qx

@@ -1,0 +1,135 @@
+#include "store/base.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "support/compiler.h"
+#include "support/fp_environment.h"
+
+namespace qx {
+namespace {
+
+// The largest number of rows and of elements of a base; its ids are below it.
+constexpr std::int64_t kBaseLimit = std::int64_t{1} << 40;
+
+bool is_within_limits(const BaseInput& input) {
+  std::int64_t elements = 0;
+  return input.dim >= 0 && input.n_parts >= 0 && input.n >= 0 && input.n <= kBaseLimit &&
+         !__builtin_mul_overflow(input.n, std::int64_t{input.dim}, &elements) &&
+         elements <= kBaseLimit;
+}
+
+// Finds the largest id, -1 without ids. Returns false if an id is outside the limits.
+bool find_max_id(const std::int64_t* ids, std::int64_t n, std::int64_t* max_id) {
+  *max_id = -1;
+  for (std::int64_t r = 0; r < n; ++r) {
+    if (ids[r] < 0 || ids[r] >= kBaseLimit) return false;
+    *max_id = std::max(*max_id, ids[r]);
+  }
+  return true;
+}
+
+// Copies `count` elements into a block; null, without reading, for none.
+template <typename T>
+T* copy_into(void* block, const T* source, std::int64_t count) {
+  if (count == 0) return nullptr;
+  return static_cast<T*>(std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(T)));
+}
+template <typename T>
+T* copy_block(const T* source, std::int64_t count) {
+  return copy_into(allocate(count, sizeof(T)), source, count);
+}
+float* copy_vectors(const float* source, std::int64_t count) {
+  return copy_into(allocate_cache_aligned(count, sizeof(float)), source, count);
+}
+
+// The largest magnitude of `count` floats, NaNs aside.
+float largest_magnitude(const float* floats, std::int64_t count) {
+  constexpr std::int64_t kLanes = 16;  // independent maxima, which compilers turn into SIMD
+  float largest[kLanes] = {};
+  const auto update = [&](std::int64_t lane, float value) {
+    const float magnitude = std::abs(value);
+    largest[lane] = magnitude > largest[lane] ? magnitude : largest[lane];
+  };
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (std::int64_t lane = 0; lane < kLanes; ++lane) update(lane, floats[i + lane]);
+  }
+  for (; i < count; ++i) update(0, floats[i]);
+  return *std::max_element(largest, largest + kLanes);
+}
+
+// The table from ids to their last rows. Counts the rows that are not the last of their id.
+std::int64_t* build_id_to_row(const BaseInput& input, std::int64_t max_id,
+                              std::int64_t* duplicates) {
+  auto* const id_to_row = static_cast<std::int64_t*>(allocate(max_id + 1, sizeof(std::int64_t)));
+  *duplicates = 0;
+  if (input.n == 0) return id_to_row;
+  const auto bytes = static_cast<std::size_t>(max_id + 1) * sizeof(std::int64_t);
+  std::memset(id_to_row, 0xFF, bytes);  // every element is -1
+  for (std::int64_t r = 0; r < input.n; ++r) {
+    *duplicates += id_to_row[input.ids[r]] >= 0 ? 1 : 0;
+    id_to_row[input.ids[r]] = r;
+  }
+  return id_to_row;
+}
+
+Array<std::int64_t> find_duplicate_rows(const QxIndex& index, std::int64_t count) {
+  auto rows = Array<std::int64_t>::of_length(count);
+  std::int64_t found = 0;
+  for (std::int64_t r = 0; found < count; ++r) {
+    if (index.id_to_row[index.base_ids[r]] != r) rows.data[found++] = r;
+  }
+  return rows;
+}
+
+}  // namespace
+
+bool build_base(QxIndex& index, const BaseInput& input) {
+  std::int64_t max_id = -1;
+  if (!is_within_limits(input) || !find_max_id(input.ids, input.n, &max_id)) return false;
+  const std::int64_t n_floats = input.n * input.dim;
+  std::int64_t duplicates = 0;
+  index.base_vectors = copy_vectors(input.vectors, n_floats);
+  index.base_ids = copy_block(input.ids, input.n);
+  index.part_keys = copy_block(input.part_keys, input.n_parts);
+  index.part_starts = copy_block(input.part_starts, input.n_parts);
+  index.part_sizes = copy_block(input.part_sizes, input.n_parts);
+  index.id_to_row = build_id_to_row(input, max_id, &duplicates);
+  index.max_base_id = max_id;
+  index.dim = static_cast<std::uint32_t>(input.dim);
+  index.n_base = input.n;
+  index.sealed = 1;
+  index.n_parts = input.n_parts;
+  in_default_fp_environment(
+      [&] { index.base_magnitude = largest_magnitude(index.base_vectors, n_floats); });
+  index.duplicate_rows = find_duplicate_rows(index, duplicates);
+  return true;
+}
+
+std::int32_t find_partition(const QxIndex& index, std::int64_t key) {
+  std::int32_t low = 0;
+  std::int32_t high = index.n_parts - 1;
+  while (low <= high) {
+    const std::int32_t middle = low + (high - low) / 2;
+    if (index.part_keys[middle] == key) return middle;
+    if (index.part_keys[middle] < key) {
+      low = middle + 1;
+    } else {
+      high = middle - 1;
+    }
+  }
+  return -1;
+}
+
+void release_base(QxIndex& index) {
+  release(index.base_vectors);
+  release(index.base_ids);
+  release(index.part_keys);
+  release(index.part_starts);
+  release(index.part_sizes);
+  release(index.id_to_row);
+}
+
+}  // namespace qx
