@@ -2,12 +2,17 @@
 
 mutation [--sample N] [--seed S] [--jobs J]
   N mutants drawn by the seed (1 if none is given); without, all. J at a time, each in its own copy.
+mutation --list
+  Changes nothing: prints which mutants are left out or excused, where they are and why.
+
+mutants.py says which mutants there are, and how equivalent_mutants.txt and comments in the engine
+excuse those that behave as the original does.
 
 A mutant is killed when a test fails, runs out of time, or no longer compiles while the engine does.
 What survives is built a second time, under the address and undefined-behaviour sanitizers: a mutant
 that reads or writes where it must not is killed there.
 One whose object code equals the original's is not counted, nor is one that does not compile or
-that equivalent_mutants.txt lists. A test or compiler that is ended from outside gives no verdict.
+that is excused. A test or compiler that is ended from outside gives no verdict.
 Results are kept in build/mutation, so that a run that was stopped goes on where it was, as long as
 neither the engine nor a test has changed. kernels/neon.cpp is not compiled on x86-64: no mutants.
 """
@@ -18,13 +23,14 @@ import hashlib
 import os
 import pathlib
 import queue
-import re
 import shutil
 import signal
 import subprocess
 import sys
 import threading
 import time
+
+from mutants import Excused, engine_sources
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutation"
@@ -50,93 +56,8 @@ SANITIZER_OPTIONS = {"ASAN_OPTIONS": "detect_leaks=0:allocator_may_return_null=1
 # What ends a program from outside, and never because of a mutant.
 OUTSIDE = {-signal.SIGINT, -signal.SIGTERM, -signal.SIGHUP, -signal.SIGQUIT, -signal.SIGKILL}
 
-SPACED = r"(?<= ){}(?= )".format
-REPLACED = [
-    ("comparison", SPACED("<"), [">="]), ("comparison", SPACED("<="), [">"]),
-    ("comparison", SPACED(">"), ["<="]), ("comparison", SPACED(">="), ["<"]),
-    ("comparison", SPACED("=="), ["!="]), ("comparison", SPACED("!="), ["=="]),
-    ("off by one", SPACED("<"), ["<="]), ("off by one", SPACED("<="), ["<"]),
-    ("off by one", SPACED(">"), [">="]), ("off by one", SPACED(">="), [">"]),
-    ("operator", SPACED(r"\+"), ["-"]), ("operator", SPACED("-"), ["+"]),
-    ("operator", SPACED("/"), ["*"]), ("operator", r"(?<=[\w)\]] )\*(?= [\w(])", ["/"]),
-    ("operator", SPACED("%"), ["/"]), ("operator", SPACED("<<"), [">>"]),
-    ("operator", SPACED(">>"), ["<<"]), ("operator", "&&", ["||"]), ("operator", r"\|\|", ["&&"]),
-    ("operator", r"(?<= )\+=", ["-="]), ("operator", "(?<= )-=", ["+="]),
-    ("operator", r"(?<= )\|=", ["&="]), ("operator", "(?<= )&=", ["|="]),
-    ("operator", r"\+\+", ["--"]), ("operator", "(?<!-)--(?!-)", ["++"]),
-    ("operator", SPACED(r"\|"), ["&"]), ("operator", r"(?<=\w )&(?= \w)", ["|"]),
-    ("operator", r"\(!", ["("]), ("operator", r"(?<=[(= ])~(?=\w)", [""]),
-    ("operator", r"\bstd::min\b", ["std::max"]), ("operator", r"\bstd::max\b", ["std::min"]),
-    ("constant", r"\btrue\b", ["false"]), ("constant", r"\bfalse\b", ["true"]),
-]
-NUMBER = re.compile(r"(?<![\w.])(\d+|0x[0-9A-F]+)(?=u?(?![\w.']))")
-STATEMENT = re.compile(r"^\s+(?!return\b|const\b|auto\b|std::\w+ \w+(;| =)|using\b|typedef\b)"
-                       r"[\w:*.\[\]()<>+-]+.*;$")
-SKIPPED = re.compile(r"^\s*(//|#|template|static_assert|namespace|struct|class|extern|"
-                     r"inline const)")
-
-Mutant = collections.namedtuple("Mutant", "file which line changed number kind")
-
-
 class Stopped(Exception):
     """No verdict: the run ends."""
-
-
-def changed_numbers(text):
-    """A number's neighbours, then 0."""
-    base = 16 if text.startswith("0x") else 10
-    value = int(text, base)
-    for kind, new in (("off by one", value + 1), ("off by one", value - 1), ("constant", 0)):
-        if new >= 0 and new != value:
-            yield kind, f"0x{new:X}" if base == 16 else str(new)
-
-
-def mutants_of_line(line):
-    code = re.split(r"\s//", line)[0]
-    if SKIPPED.match(line) or "prefetch" in code or '"' in code:
-        return
-    for kind, pattern, replacements in REPLACED:
-        for match in re.finditer(pattern, code):
-            for new in replacements:
-                yield kind, code[:match.start()] + new + code[match.end():]
-    for match in NUMBER.finditer(code):
-        for kind, new in changed_numbers(match[0]):
-            yield kind, code[:match.start()] + new + code[match.end():]
-    if STATEMENT.match(code) and code.count("(") == code.count(")") and "operator" not in code:
-        yield "statement", re.match(r"\s*", code)[0] + ";"
-
-
-def engine_lines():
-    """Each line as its file, the how-manieth of its like it is there, its text and its number."""
-    for path in sorted((ROOT / "engine").rglob("*")):
-        if path.suffix not in (".h", ".cpp") or path.name == "neon.cpp":
-            continue
-        seen = collections.Counter()
-        for number, line in enumerate(path.read_text().splitlines(), 1):
-            seen[line.strip()] += 1
-            yield str(path.relative_to(ROOT)), seen[line.strip()], line, number
-
-
-def mutants_at(file, which, line, number):
-    found = {}
-    for kind, changed in mutants_of_line(line):
-        if changed != line:
-            found.setdefault(changed, kind)
-    return [Mutant(file, which, line, changed, number, kind) for changed, kind in found.items()]
-
-
-def read_listed():
-    """The listed mutants, each with its reason; `*` as the change is the whole line."""
-    listed = {}
-    for entry in EQUIVALENT.read_text().splitlines():
-        if not entry or entry.startswith("#"):
-            continue
-        fields = entry.split("\t")
-        if len(fields) != 5 or not fields[1].isdigit() or len(fields[4]) < 10:
-            sys.exit(f"mutation: not five fields, the last a reason: {entry}")
-        file, which, line, changed, why = fields
-        listed[file, int(which), line, changed] = why
-    return listed
 
 
 def run(command, timeout, stopping, running, **options):
@@ -254,7 +175,7 @@ class Worker:
         self.plain.prepare(range(len(TESTS)))
         self.sanitized.prepare(SANITIZED_TESTS)
 
-    def judge(self, mutant):
+    def evaluate(self, mutant):
         path = self.source / mutant.file
         text, times = path.read_text(), path.stat()
         lines = text.splitlines()
@@ -311,8 +232,8 @@ def drawn(seed, mutant):
     return hashlib.sha256(f"{seed}\t{mutant[:4]}".encode()).digest()
 
 
-def judge_all(mutants, results, jobs):
-    """Judges what has no verdict yet. Shows how far it is on standard error."""
+def evaluate_all(mutants, results, jobs):
+    """Finds the missing verdicts. Shows the progress on standard error."""
     stopping, running, lock = threading.Event(), set(), threading.Lock()
     waiting = queue.SimpleQueue()
     for mutant in mutants:
@@ -336,7 +257,7 @@ def judge_all(mutants, results, jobs):
                 mutant = waiting.get_nowait()
             except queue.Empty:
                 return
-            verdict = worker.judge(mutant)
+            verdict = worker.evaluate(mutant)
             with lock:
                 results.keep(mutant, verdict)
                 done[verdict] += 1
@@ -364,29 +285,24 @@ def judge_all(mutants, results, jobs):
         sys.exit("mutation: the run was stopped; the verdicts so far are kept")
 
 
-def stale_entries(listed, everything, results):
-    """What is listed and names no mutant, or one that a test has killed."""
-    lines = {(file, which, line.strip()) for file, which, line, _ in engine_lines()}
-    by_entry = {(m.file, m.which, m.line.strip(), m.changed.strip()): m for m in everything}
-    for entry in listed:
-        mutant = by_entry.get(entry)
-        if entry[3] == "*":
-            if entry[:3] not in lines:
-                yield f"listed, but there is no such line: {entry[0]} {entry[2]}"
-        elif mutant is None:
-            yield f"listed, but there is no such mutant: {entry[0]} {entry[3]}"
-        elif results.get(mutant) == "killed":
-            yield f"listed as equivalent, but killed: {entry[0]}:{mutant.number} {entry[3]}"
+def show_excused(excused):
+    """Prints which mutants are left out or may survive, where and why."""
+    for block in sorted(excused.blocks):
+        print(f"{block.file}:{block.first}-{block.last}: {len(block.mutants)} mutants left out: "
+              f"{block.reason}")
+    for mutant, reason in sorted(
+            excused.reasons.items(), key=lambda item: (item[0].file, item[0].number)):
+        print(f"{mutant.file}:{mutant.number}: {mutant.kind}: {reason}\n"
+              f"  - {mutant.line.strip()}\n  + {mutant.changed.strip()}")
 
 
-def report(mutants, listed, everything, results):
-    """Prints the totals; whether enough were killed and the list is right."""
+def report(mutants, excused, results):
+    """Prints the totals; whether enough were killed and no excused mutant was."""
     counts = collections.Counter()
     kinds = collections.defaultdict(collections.Counter)
     for mutant in mutants:
         verdict = results.get(mutant)
-        entry = mutant.file, mutant.which, mutant.line.strip(), mutant.changed.strip()
-        if verdict == "survived" and entry in listed:
+        if verdict == "survived" and mutant in excused.reasons:
             verdict = "equivalent"
         elif verdict == "survived":
             print(f"survived: {mutant.file}:{mutant.number} ({mutant.which})\n"
@@ -395,15 +311,16 @@ def report(mutants, listed, everything, results):
         kinds[mutant.kind][verdict] += 1
     for kind, by_verdict in sorted(kinds.items()):
         print(f"{kind}: {by_verdict['killed']} killed, {by_verdict['survived']} survived")
-    stale = list(stale_entries(listed, everything, results))
-    for problem in stale:
-        print(problem)
+    refuted = [mutant for mutant in excused.reasons if results.get(mutant) == "killed"]
+    for mutant in refuted:
+        print(f"listed as equivalent, but killed: {mutant.file}:{mutant.number} "
+              f"{mutant.changed.strip()}")
     print(", ".join(f"{counts[verdict]} {verdict}" for verdict in (
         "killed", "survived", "equivalent", "equal code", "did not compile")))
-    judged = counts["killed"] + counts["survived"]
-    score = int(10000 * counts["killed"] / judged) / 100 if judged else 0
+    counted = counts["killed"] + counts["survived"]
+    score = int(10000 * counts["killed"] / counted) / 100 if counted else 0
     print(f"{score:.2f} % killed (required: {REQUIRED:.2f} %)")
-    passed = (judged > 0 and score >= REQUIRED) + (not stale)
+    passed = (counted > 0 and score >= REQUIRED) + (not refuted)
     print(f"{passed} passed, {2 - passed} failed")
     return passed == 2
 
@@ -413,24 +330,29 @@ def main():
     parser.add_argument("--sample", type=int)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--list", action="store_true")
     options = parser.parse_args()
-    listed = read_listed()
-    everything, excluded = [], []
-    for place in engine_lines():
-        found = mutants_at(*place)
-        file, which, line, _ = place
-        (excluded if (file, which, line.strip(), "*") in listed else everything).extend(found)
-    lines = {mutant[:2] + (mutant.line,) for mutant in excluded}
-    print(f"{len(everything)} mutants in all; {len(excluded)} more are on {len(lines)} lines that "
-          "equivalent_mutants.txt leaves out", flush=True)
-    mutants = everything
+    sources = list(engine_sources(ROOT))
+    excused = Excused(sources, EQUIVALENT.read_text())
+    left_out = excused.left_out()
+    mutants = [mutant for source in sources for mutant in source.mutants if mutant not in left_out]
+    if options.list:
+        show_excused(excused)
+    print(f"{len(mutants)} mutants in all, {len(excused.reasons)} of them listed as equivalent; "
+          f"{len(left_out)} more are left out", flush=True)
+    for problem in excused.problems:
+        print(problem)
+    if options.list or excused.problems:
+        print(f"{0 if excused.problems else 1} passed, {1 if excused.problems else 0} failed")
+        sys.exit(bool(excused.problems))
     if options.sample is not None:
         mutants = sorted(mutants, key=lambda mutant: drawn(options.seed, mutant))[:options.sample]
     results = Results()
     unknown = [mutant for mutant in mutants if results.get(mutant) is None]
     if unknown:
-        judge_all(unknown, results, max(options.jobs, 1))
-    sys.exit(not report(mutants, listed, everything, results))
+        evaluate_all(unknown, results, max(options.jobs, 1))
+    sys.exit(not report(mutants, excused, results))
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -81,8 +81,10 @@ class BasicTopK {
  private:
   static constexpr std::int64_t kChunk = 32;
   static constexpr std::int64_t kLanes = 16;
-  static constexpr std::int64_t kInsertionSorted = 24;
   static constexpr std::int64_t kMovedTogether = 16;
+
+  // Tuning: which of two stable sorts orders a batch.
+  static constexpr std::int64_t kInsertionSorted = 24;
 
   struct Waiting {
     std::int64_t id;

@@ -134,7 +134,7 @@ class BasicInt64Map {
     __builtin_prefetch(table + home * slot_bytes());
   }
 
-  // How many keys ahead a loop over keys calls prefetch().
+  // Tuning: how many keys ahead a loop over keys calls prefetch(), a mere hint.
   static constexpr std::int64_t kPrefetchDistance = 16;
 
   // Releases the storage. The map is empty afterwards.
