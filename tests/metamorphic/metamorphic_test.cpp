@@ -1,10 +1,10 @@
-// Laws that tie answers over large indexes to each other, where the model would be too slow to ask:
-// each says what another way to the same answer must give, bit for bit.
+// Metamorphic tests: over indexes too large for the model, each states a relation between two
+// answers that must be equal bit for bit, because both ask for the same in different ways.
 //
 // The indexes have 200,000 rows of 16 floats, once of values that hardly ever make two scores
-// equal, once of so few values that thousands of rows share a score. Every law runs under every
-// kernel. So that no law holds for want of anything to see, each is also shown a reference with one
-// planted difference, which it must tell from the answer.
+// equal, once of so few values that thousands of rows share a score. Every relation is tested under
+// every kernel. To show that it can fail, each is also tested with a reference in which one planted
+// difference must be found.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -68,8 +68,8 @@ struct Hits {
   }
 };
 
-// Equal scores slot by slot, and equal ids wherever all rows of a score have been found: the last
-// score may go on behind the last slot.
+// Equal scores slot by slot, and the same set of ids for each score except the last: further rows
+// with the last score may exist that did not fit.
 bool equal_up_to_ties(const Hits& a, const Hits& b) {
   if (a.score_bits() != b.score_bits()) return false;
   std::map<std::uint32_t, std::multiset<std::int64_t>> of_a;
@@ -213,7 +213,7 @@ const World& world_of(Data data) {
   return data == Data::kFewTies ? few : many;
 }
 
-class Laws : public testing::TestWithParam<std::tuple<const qx::Kernels*, Data>> {
+class Metamorphic : public testing::TestWithParam<std::tuple<const qx::Kernels*, Data>> {
  protected:
   void SetUp() override {
     const qx::Kernels* const kernels = std::get<0>(GetParam());
@@ -223,15 +223,16 @@ class Laws : public testing::TestWithParam<std::tuple<const qx::Kernels*, Data>>
 
   const World& world() const { return world_of(std::get<1>(GetParam())); }
 
-  // A law says that an answer of `index` is what `other` gives in another way. It must hold where
-  // both hold the same rows, and must not where the other holds the altered ones.
-  template <typename Law>
-  void expect_law(Law law) {
+  // A relation compares an answer of `index` with the same answer computed from `other` in a
+  // different way. It must hold if both have the same rows, and fail if `other` has the altered
+  // ones.
+  template <typename Relation>
+  void expect_relation(Relation holds) {
     const Index index(world().rows);
     const Index altered(world().altered);
     for (const Floats& query : world().queries) {
-      EXPECT_TRUE(law(index, index, query));
-      EXPECT_FALSE(law(index, altered, query)) << "the law sees no difference";
+      EXPECT_TRUE(holds(index, index, query));
+      EXPECT_FALSE(holds(index, altered, query)) << "the planted difference is not found";
     }
   }
 
@@ -255,8 +256,8 @@ class Laws : public testing::TestWithParam<std::tuple<const qx::Kernels*, Data>>
   }
 };
 
-TEST_P(Laws, FewResultsArePrefixOfMany) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, FewResultsArePrefixOfMany) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     const Hits many = other.full(query, kMost);
     bool holds = true;
     for (const std::int32_t k : {1, 2, 10, 48, 49, 100, 999}) {
@@ -266,8 +267,8 @@ TEST_P(Laws, FewResultsArePrefixOfMany) {
   });
 }
 
-TEST_P(Laws, BestOfShardsMergedAreBestOfAll) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, BestOfShardsMergedAreBestOfAll) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     constexpr std::int64_t kShards = 4;
     std::vector<std::pair<float, std::int64_t>> all;
     for (std::int64_t s = 0; s < kShards; ++s) {
@@ -290,15 +291,15 @@ TEST_P(Laws, BestOfShardsMergedAreBestOfAll) {
   });
 }
 
-TEST_P(Laws, RebuiltFromItsBaseAnIndexAnswersAlike) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, RebuiltFromItsBaseAnIndexAnswersAlike) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     const Index rebuilt(other.exported(false));
     return index.full(query, kMost) == rebuilt.full(query, kMost);
   });
 }
 
-TEST_P(Laws, RebuiltFromWhatIsVisibleAnIndexAnswersAlike) {
-  expect_law([this](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, RebuiltFromWhatIsVisibleAnIndexAnswersAlike) {
+  expect_relation([this](const Index& index, const Index& other, const Floats& query) {
     if (qx_index_mutated(index.get()) == 0) change(index);
     if (qx_index_mutated(other.get()) == 0) change(other);
     const Index rebuilt(other.exported(true));
@@ -307,15 +308,15 @@ TEST_P(Laws, RebuiltFromWhatIsVisibleAnIndexAnswersAlike) {
   });
 }
 
-TEST_P(Laws, APartitionIsTheListOfItsIds) {
-  // One of the two partitions holds the best row of a query; rows behind both are in none.
+TEST_P(Metamorphic, APartitionIsTheListOfItsIds) {
+  // One of the two partitions has the best row of a query; the rows after both are in no partition.
   const Index index(world().rows);
   for (const std::int64_t key : {5, 6}) {
     const Ids ids = index.partition_ids(key);
     for (const Floats& query : world().queries) {
       const Hits hits = index.partition(key, query, kMost);
       EXPECT_TRUE(hits == index.candidates(ids, query, kMost));
-      // Without the best of them the list is another.
+      // The planted difference: a list without the best row.
       Ids fewer = ids;
       fewer.erase(std::find(fewer.begin(), fewer.end(), hits.ids[0]));
       EXPECT_FALSE(hits == index.candidates(fewer, query, kMost));
@@ -323,19 +324,19 @@ TEST_P(Laws, APartitionIsTheListOfItsIds) {
   }
 }
 
-TEST_P(Laws, WhereAllPassAFilteredSearchScansAllThatIsVisible) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, WhereAllPassAFilteredSearchScansAllThatIsVisible) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     return index.visible(query, kMost) == other.full(query, kMost);
   });
-  expect_law([this](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([this](const Index& index, const Index& other, const Floats& query) {
     if (qx_index_mutated(index.get()) == 0) change(index);
     if (qx_index_mutated(other.get()) == 0) change(other);
     return index.visible(query, kMost) == other.as_they_are_now(other.visible_ids(), query, kMost);
   });
 }
 
-TEST_P(Laws, WithEveryListProbedIvfIsExactUpToTies) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, WithEveryListProbedIvfIsExactUpToTies) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     constexpr std::int32_t kLists = 64;
     Ids ids;
     Ints offsets = {0};
@@ -353,8 +354,8 @@ TEST_P(Laws, WithEveryListProbedIvfIsExactUpToTies) {
   });
 }
 
-TEST_P(Laws, RowsInAnotherOrderPermuteOnlyTies) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, RowsInAnotherOrderPermuteOnlyTies) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     std::vector<std::int64_t> order(kRows);
     std::iota(order.begin(), order.end(), 0);
     Random(3).shuffle(order);
@@ -366,8 +367,8 @@ TEST_P(Laws, RowsInAnotherOrderPermuteOnlyTies) {
   });
 }
 
-TEST_P(Laws, RowsDeletedAndInsertedAgainPermuteOnlyTies) {
-  expect_law([](const Index& index, const Index& other, const Floats& query) {
+TEST_P(Metamorphic, RowsDeletedAndInsertedAgainPermuteOnlyTies) {
+  expect_relation([](const Index& index, const Index& other, const Floats& query) {
     const Index again(other.rows());
     Rows moved;
     for (std::int64_t row = 0; row < kRows; row += 20) {
@@ -382,8 +383,8 @@ TEST_P(Laws, RowsDeletedAndInsertedAgainPermuteOnlyTies) {
   });
 }
 
-// The data are what they are meant to be.
-TEST(LawData, HasManyTiesOrFew) {
+// Checks the test data: the number of distinct scores.
+TEST(MetamorphicData, HasManyTiesOrFew) {
   for (const Data data : {Data::kFewTies, Data::kManyTies}) {
     const Index index(world_of(data).rows);
     for (const Floats& query : world_of(data).queries) {
@@ -399,7 +400,7 @@ TEST(LawData, HasManyTiesOrFew) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, Laws,
+INSTANTIATE_TEST_SUITE_P(Kernels, Metamorphic,
                          testing::Combine(testing::ValuesIn(listed_kernels()),
                                           testing::Values(Data::kFewTies, Data::kManyTies)),
                          [](const auto& parameters) {
