@@ -1,7 +1,7 @@
-// The naive model: the engine's behaviour said a second time, as plainly as possible, over standard
-// containers. It is the judge of the random histories, so it shares no line with the engine: ids
-// are found by looking at every row, results are chosen by sorting every candidate. The numbers
-// of the header's constants are stated here again, so that a wrong constant is noticed too.
+// The naive model: a second, deliberately plain implementation of the engine's behaviour, over
+// standard containers. It is the oracle of the random call sequences, so it shares no code with the
+// engine: it finds an id by looking at every row, and results by sorting every candidate. It
+// states the values of the header's constants again, so that a wrong constant is noticed.
 //
 // Output arguments hold what the host's buffers held before the call and are changed where the
 // contract writes; a buffer must have the elements that the contract grants. Where the contract
@@ -19,7 +19,7 @@ namespace qx_test {
 using Ids = std::vector<std::int64_t>;
 using Floats = std::vector<float>;
 
-// The process would have ended with the line that names these numbers.
+// Thrown where the engine ends the process, with the numbers that its last line names.
 struct OutOfBounds {
   std::int64_t index;
   std::int64_t length;

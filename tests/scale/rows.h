@@ -1,5 +1,5 @@
 // The rows of a large base, known without storing them: those of a piece, again and again, but for
-// a few champions; and the judge, who scores and ranks them one by one.
+// a few champions; and the oracle, which scores and ranks them one by one.
 #pragma once
 
 #include <algorithm>
@@ -31,10 +31,10 @@ inline float score_of(const float* row, const Floats& query) {
   return score;
 }
 
-// Keeps the best of what is offered in order; among equals, what came first.
-class Judge {
+// Keeps the best of the rows offered; among equal scores, the earlier one.
+class Oracle {
  public:
-  explicit Judge(std::size_t k) : k_(k) {}
+  explicit Oracle(std::size_t k) : k_(k) {}
 
   void offer(float score, std::int64_t id) {
     if (hits_.size() == k_ && !(score > hits_.back().score)) return;

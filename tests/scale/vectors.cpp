@@ -44,11 +44,11 @@ bool build(QxIndex* index, const Rows& rows, const Parts& parts) {
 
 // The best of rows `first` to `first + count - 1`.
 Hits best_of_rows(const Rows& rows, std::int64_t first, std::int64_t count) {
-  Judge judge(kBest);
+  Oracle oracle(kBest);
   for (std::int64_t row = first; row < first + count; ++row) {
-    judge.offer(rows.score(row), Rows::id_of(row));
+    oracle.offer(rows.score(row), Rows::id_of(row));
   }
-  return judge.hits();
+  return oracle.hits();
 }
 
 // What a search writes, if it returns that it wrote kBest slots.
@@ -69,12 +69,12 @@ void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, R
   for (int p = 0; p < 3; ++p) best_of_part[p] = best_of_rows(rows, parts.starts[p], parts.sizes[p]);
   Ids listed;
   qx_test::Random random(9);
-  Judge judge(kBest);
+  Oracle oracle(kBest);
   for (int i = 0; i < 20000; ++i) {
     const std::int64_t row = rows.count() - 1 - random.between(0, rows.count() - 1) * i / 20000;
     listed.push_back(Rows::id_of(row));
     listed.push_back(Rows::id_of(row) + 1);  // no row's
-    judge.offer(rows.score(row), Rows::id_of(row));
+    oracle.offer(rows.score(row), Rows::id_of(row));
   }
   under_every_kernel([&](const char* kernel) {
     std::printf("  kernel %s\n", kernel);
@@ -89,7 +89,7 @@ void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, R
                     }),
                     "a partition");
     }
-    report.expect(judge.hits() == hits_of([&](std::int64_t* ids, float* scores) {
+    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
                     return qx_index_scatter_topk(index, listed.data(),
                                                  static_cast<std::int32_t>(listed.size()), query,
                                                  kBest, ids, scores);
@@ -143,18 +143,18 @@ void walk(const Rows& rows, const Changed& changed, Visit visit) {
 void search_current(const QxIndex* index, const Rows& rows, const Changed& changed,
                     Report& report) {
   const float* const query = rows.query().data();
-  Judge judge(kBest);
-  walk(rows, changed, [&](std::int64_t id, float score) { judge.offer(score, id); });
+  Oracle oracle(kBest);
+  walk(rows, changed, [&](std::int64_t id, float score) { oracle.offer(score, id); });
   Ids listed;
-  for (const Hit& hit : judge.hits()) listed.push_back(hit.id);
+  for (const Hit& hit : oracle.hits()) listed.push_back(hit.id);
   for (const std::int64_t id : changed.deleted) listed.push_back(id);
   under_every_kernel([&](const char* kernel) {
     std::printf("  kernel %s, after changes\n", kernel);
-    report.expect(judge.hits() == hits_of([&](std::int64_t* ids, float* scores) {
+    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
                     return qx_index_search_filtered(index, 0, 0, 0, query, kBest, ids, scores);
                   }),
                   "every visible row");
-    report.expect(judge.hits() == hits_of([&](std::int64_t* ids, float* scores) {
+    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
                     return qx_index_search_mvcc(index, listed.data(),
                                                 static_cast<std::int32_t>(listed.size()), query,
                                                 kBest, ids, scores);
