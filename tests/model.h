@@ -53,7 +53,7 @@ class Model {
   Model(std::uint32_t new_dim, std::uint32_t new_tag)
       : dim(static_cast<std::int32_t>(new_dim)), user_tag(new_tag) {}
 
-  // The state, open to the generator of histories, which sizes buffers by it.
+  // The state, open to the generator of call sequences, which sizes buffers by it.
   std::int32_t dim;
   std::uint32_t user_tag;
   bool sealed = false;

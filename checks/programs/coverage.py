@@ -1,6 +1,6 @@
 """Measures which lines, functions and branches of engine/ the tests reach.
 
-coverage [--histories N]
+coverage [--sequences N]
 
 On x86-64 by clang's source-based counts, because they know the branches of the source and no
 others: no arcs of exceptions, of static destructors or of inlined copies. A template's branch
@@ -172,13 +172,13 @@ def measure_neon(reached):
 
 
 def main():
-    histories = sys.argv[2] if sys.argv[1:2] == ["--histories"] and len(sys.argv) == 3 else "3000"
-    if len(sys.argv) not in (1, 3) or not histories.isdigit():
-        sys.exit("usage: ./check coverage [--histories N]")
+    sequences = sys.argv[2] if sys.argv[1:2] == ["--sequences"] and len(sys.argv) == 3 else "3000"
+    if len(sys.argv) not in (1, 3) or not sequences.isdigit():
+        sys.exit("usage: ./check coverage [--sequences N]")
     tests = [("contract_tests", "libqx_runtime.so", [])]
     tests += [(test, f"tests/{test}", [])
               for test in ("record_tests", "internal_tests", "allocation_tests")]
-    tests.append(("history_tests", "tests/history_tests", ["--count", histories]))
+    tests.append(("call_sequence_tests", "tests/call_sequence_tests", ["--count", sequences]))
     reached = Reached()
     build(BUILD / "baseline", "", [test for test, _, _ in tests])
     for test, code, options in tests:

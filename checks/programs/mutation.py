@@ -41,7 +41,7 @@ REQUIRED = 98.0
 # In this order, until one fails: programs that only link the engine come before those that include
 # its headers and are compiled anew for a mutant of one; the slowest test comes last.
 TESTS = [
-    ("history_tests", ["--count", "250"]),
+    ("call_sequence_tests", ["--count", "250"]),
     ("contract_tests", ["--gtest_filter=-LargeBase.*"]),
     ("record_tests", []),
     ("allocation_tests", []),

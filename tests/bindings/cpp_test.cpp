@@ -7,8 +7,8 @@
 #include <limits>
 #include <string>
 
-#include "histories/random.h"
 #include "qx_runtime.hpp"
+#include "support/random.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-// Calls of the C++ header with hostile arguments among good ones, by lives drawn from seeds. What a
-// call must do is decided here a second time, from the header's words: refuse by the exception that
-// it documents, or answer as the model in every bit. What was refused must have changed nothing.
+// Random call sequences for the C++ header, with hostile arguments among good ones. Each call must
+// do what the header's words say: throw the documented exception and change nothing, or answer as
+// the model does in every bit.
 //
-//   wrapper_calls [--calls N] [--seed S]     lives of seeds S, S + 1, ... until N calls are made
+//   wrapper_calls [--calls N] [--seed S]     the sequences of seeds S, S + 1, ... until N calls
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,9 +14,9 @@
 #include <functional>
 #include <string>
 
-#include "histories/random.h"
 #include "model.h"
 #include "qx_runtime.hpp"
+#include "support/random.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ using FloatSpan = std::span<const float>;
 
 constexpr std::int64_t kMost32 = std::numeric_limits<std::int32_t>::max();
 constexpr std::size_t kTooMany = std::size_t{1} << 31;
-constexpr int kCallsOfALife = 150;
+constexpr int kCallsOfASequence = 150;
 
 // What to say wherever the process ends.
 char replay_line[128];
@@ -76,9 +76,9 @@ bool same_bits(const std::vector<T>& one, const std::vector<T>& other) {
          (one.empty() || std::memcmp(one.data(), other.data(), one.size() * sizeof(T)) == 0);
 }
 
-class Life {
+class HostileCalls {
  public:
-  explicit Life(std::uint64_t seed)
+  explicit HostileCalls(std::uint64_t seed)
       : random_(seed),
         dim_(random_.between32(1, 6)),
         index_(dim_, 9),
@@ -86,13 +86,15 @@ class Life {
 
   // Returns how many calls were made.
   std::int64_t play() {
-    static constexpr void (Life::*kSteps[])() = {
-        &Life::build,       &Life::insert,    &Life::insert,      &Life::erase,
-        &Life::set_ivf,     &Life::probe,     &Life::set_rowmeta, &Life::export_rowmeta,
-        &Life::search,      &Life::search,    &Life::search,      &Life::search,
-        &Life::search,      &Life::search,    &Life::search,      &Life::list,
-        &Life::read_counts, &Life::oversized, &Life::move_away,   &Life::other_index};
-    for (int i = 0; i < kCallsOfALife; ++i) {
+    static constexpr void (HostileCalls::*kSteps[])() = {
+        &HostileCalls::build,       &HostileCalls::insert,         &HostileCalls::insert,
+        &HostileCalls::erase,       &HostileCalls::set_ivf,        &HostileCalls::probe,
+        &HostileCalls::set_rowmeta, &HostileCalls::export_rowmeta, &HostileCalls::search,
+        &HostileCalls::search,      &HostileCalls::search,         &HostileCalls::search,
+        &HostileCalls::search,      &HostileCalls::search,         &HostileCalls::search,
+        &HostileCalls::list,        &HostileCalls::read_counts,    &HostileCalls::oversized,
+        &HostileCalls::move_away,   &HostileCalls::other_index};
+    for (int i = 0; i < kCallsOfASequence; ++i) {
       (this->*kSteps[random_.between(0, std::ssize(kSteps) - 1)])();
     }
     read_counts();
@@ -533,7 +535,7 @@ class Life {
     expect(qx::tuner_defaults().first == 20000, "other defaults");
   }
 
-  // ---- Life ----
+  // ---- Lifecycle ----
 
   void move_away() {
     qx::Index kept = std::move(index_);
@@ -623,12 +625,13 @@ int main(int count, char** arguments) {
   for (; done < calls; ++next) {
     std::snprintf(replay_line, sizeof(replay_line), "replay: wrapper_calls --calls 1 --seed %llu\n",
                   static_cast<unsigned long long>(next));
-    done += static_cast<std::uint64_t>(Life(next).play());
+    done += static_cast<std::uint64_t>(HostileCalls(next).play());
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  std::printf("C++: %llu calls of %llu lives as they must be, seeds %llu to %llu, %.1f s\n",
-              static_cast<unsigned long long>(done), static_cast<unsigned long long>(next - seed),
-              static_cast<unsigned long long>(seed), static_cast<unsigned long long>(next - 1),
-              took.count());
+  std::printf(
+      "C++: %llu calls of %llu call sequences as they must be, seeds %llu to %llu, %.1f s\n",
+      static_cast<unsigned long long>(done), static_cast<unsigned long long>(next - seed),
+      static_cast<unsigned long long>(seed), static_cast<unsigned long long>(next - 1),
+      took.count());
   return 0;
 }

@@ -1,5 +1,5 @@
-// What is known of the functions, the model's answers, and the repair of lives.
-#include "histories/life.h"
+// What is known of the functions, the model's answers, and the repair of call sequences.
+#include "call_sequences/call_sequence.h"
 
 #include <bit>
 
@@ -302,11 +302,11 @@ bool fit(Call& call, const Model& model) {
 
 }  // namespace
 
-Life made_valid(Life life) {
-  Life valid;
+CallSequence repair(CallSequence sequence) {
+  CallSequence valid;
   Model model(0, 0);
   bool there = false;
-  for (Call& call : life) {
+  for (Call& call : sequence) {
     if (call.function == Function::kNew) {
       if (there) valid.push_back({Function::kFree});
       there = true;

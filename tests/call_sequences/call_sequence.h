@@ -1,5 +1,5 @@
-// A life of an index as data: the calls that a host makes, with all that it hands over. It can be
-// drawn from a seed, played, shrunk and printed, each without the others.
+// A call sequence of an index as data: the calls that a host makes, with all that it hands over. It
+// can be drawn from a seed, played, shrunk and printed, each without the others.
 #pragma once
 
 #include <array>
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "histories/random.h"
 #include "model.h"
+#include "support/random.h"
 
 namespace qx_test {
 
@@ -64,7 +64,7 @@ struct Call {
   std::int64_t spare{};    // output elements beyond those that the contract grants
 };
 
-using Life = std::vector<Call>;
+using CallSequence = std::vector<Call>;
 
 // Where in `numbers` an argument is.
 inline constexpr std::size_t kBuildN = 0, kBuildDim = 1, kBuildParts = 2;
@@ -90,18 +90,18 @@ struct Answer {
 };
 
 // What an output element holds before a call, in every byte: neither a sentinel nor a value that
-// histories draw.
+// call sequences draw.
 inline constexpr int kUntouchedByte = 0x5A;
 
-// Makes the call on the model. The life is over where a changing call gives an `end`.
+// Makes the call on the model. The call sequence is over where a changing call gives an `end`.
 Answer expected_answer(Model& model, const Call& call);
 
 // Whether the contract leaves a build no look at its arrays.
 bool rejected_unread(const Call& build);
 
-// The same life as one that a host may live: calls on an index that is there, released at last, and
-// arrays as long as the other arguments and the state of the index demand.
-Life made_valid(Life life);
+// The same call sequence as one that a host may live: calls on an index that is there, released at
+// last, and arrays as long as the other arguments and the state of the index demand.
+CallSequence repair(CallSequence sequence);
 
 std::string describe(const Call& call);
 
@@ -109,7 +109,7 @@ std::string describe(const Call& call);
 // search for leaks.
 enum class Rebuilds { kAllowed, kLeftOut };
 
-// The life that these choices make: those of a seed, for one.
-Life draw_life(Random random, Rebuilds rebuilds = Rebuilds::kAllowed);
+// The call sequence that these choices make: those of a seed, for one.
+CallSequence draw_call_sequence(Random random, Rebuilds rebuilds = Rebuilds::kAllowed);
 
 }  // namespace qx_test

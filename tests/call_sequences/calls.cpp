@@ -1,22 +1,23 @@
-// The calls of a drawn life: for each function of the interface, how its arguments are drawn.
+// The calls of a drawn call sequence: for each function of the interface, how its arguments are
+// drawn.
 #include <algorithm>
 #include <iterator>
 
-#include "histories/drawer.h"
+#include "call_sequences/generator.h"
 #include "qx_runtime.h"
 
 namespace qx_test {
 
 // ---- Lifecycle and accessors ----
 
-void Drawer::renew() {
+void Generator::renew() {
   add(Function::kFree);
   if (random_.percent(10)) add(Function::kFreeNull);
   add({Function::kNew, {draw_new_dim(), random_.percent(20) ? 0xFFFFFFFFu : 7u}});
   accessors();
 }
 
-void Drawer::accessors() {
+void Generator::accessors() {
   for (const Function function :
        {Function::kStats, Function::kSnapshot, Function::kMutated, Function::kSealed,
         Function::kDeltaCount, Function::kFormatVersion}) {
@@ -24,7 +25,7 @@ void Drawer::accessors() {
   }
 }
 
-void Drawer::tuner() {
+void Generator::tuner() {
   add(Function::kTunerDefaults);
   static const Ints thresholds = {INT32_MIN, -1, 0, 1, 5, 20, INT32_MAX};
   const std::int32_t threshold = model_.part_sizes.empty() || random_.percent(60)
@@ -35,7 +36,7 @@ void Drawer::tuner() {
 
 // ---- The sealed base ----
 
-void Drawer::build() {
+void Generator::build() {
   if ((sparse_ || rebuilds_ == Rebuilds::kLeftOut) && model_.sealed) return;
   const std::int32_t dim = model_.sealed && random_.percent(70) ? model_.dim : draw_build_dim();
   const std::int64_t most = std::max<std::int64_t>(1, (long_ ? 40000 : 12000) / std::max(dim, 20));
@@ -62,7 +63,7 @@ void Drawer::build() {
   add({Function::kBuild, {n, dim, n_parts}, vectors, ids, keys, {}, starts, sizes});
 }
 
-void Drawer::rejected_build() {
+void Generator::rejected_build() {
   std::int64_t n = random_.between(1, 5);
   std::int32_t dim = random_.between32(0, 9);
   std::int32_t n_parts = 0;
@@ -96,15 +97,15 @@ void Drawer::rejected_build() {
   accessors();
 }
 
-void Drawer::export_base() { add(Function::kExportBase); }
+void Generator::export_base() { add(Function::kExportBase); }
 
 // ---- Exact search ----
 
-void Drawer::search_full() {
+void Generator::search_full() {
   add({Function::kSearchFull, {draw_k(model_.n_base())}, draw_query()});
 }
 
-void Drawer::search_partition() {
+void Generator::search_partition() {
   const Floats query = draw_query();
   const std::int32_t k = draw_k(10);
   const std::int64_t key = model_.part_keys.empty() || random_.percent(10)
@@ -113,7 +114,7 @@ void Drawer::search_partition() {
   add({Function::kSearchPartition, {key, k}, query});
 }
 
-void Drawer::scatter_topk() {
+void Generator::scatter_topk() {
   const Floats query = draw_query();
   const std::int32_t count = draw_candidate_count();
   const Ids candidates = draw_ids(count);
@@ -123,21 +124,21 @@ void Drawer::scatter_topk() {
 
 // ---- Mutation ----
 
-void Drawer::insert() {
+void Generator::insert() {
   const std::int32_t n = draw_count();
   const Ids ids = draw_ids(n);
   const Floats vectors = draw_array(std::ssize(ids) * model_.width());
   add({Function::kInsert, {n}, vectors, ids});
 }
 
-void Drawer::erase() {
+void Generator::erase() {
   const std::int32_t n = draw_count();
   add({Function::kDelete, {n}, {}, draw_ids(n)});
 }
 
 // ---- IVF ----
 
-void Drawer::set_ivf() {
+void Generator::set_ivf() {
   const std::int64_t key = random_.percent(90) ? random_.between(-1, 2) : draw_id();
   std::int32_t nlist = random_.between32(1, 24);
   if (random_.percent(10)) nlist = random_.between32(-3, 0);
@@ -156,20 +157,20 @@ void Drawer::set_ivf() {
   add({Function::kSetIvf, {key, nlist, nprobe, count}, centroids, list_ids, {}, {}, offsets});
 }
 
-void Drawer::has_ivf() {
+void Generator::has_ivf() {
   const std::int64_t key = random_.percent(80) ? random_.between(-2, 3) : draw_id();
   add({Function::kHasIvf, {key}});
 }
 
-void Drawer::clear_ivf() { add(Function::kClearIvf); }
+void Generator::clear_ivf() { add(Function::kClearIvf); }
 
-void Drawer::set_ivf_nprobe() {
+void Generator::set_ivf_nprobe() {
   const std::int64_t key = random_.between(-2, 3);
   const std::int32_t nprobe = random_.percent(10) ? INT32_MIN : random_.between32(-1, 30);
   add({Function::kSetIvfNprobe, {key, nprobe}});
 }
 
-void Drawer::search_ivf() {
+void Generator::search_ivf() {
   const std::int64_t key =
       model_.ivfs.empty() || random_.percent(15)
           ? random_.between(-2, 3)
@@ -180,7 +181,7 @@ void Drawer::search_ivf() {
 
 // ---- Current reads and metadata ----
 
-void Drawer::search_mvcc() {
+void Generator::search_mvcc() {
   const Floats query = draw_query();
   const std::int32_t n = draw_candidate_count();
   const Ids candidates = draw_ids(n);
@@ -188,7 +189,7 @@ void Drawer::search_mvcc() {
   add({Function::kSearchMvcc, {n, k}, query, candidates});
 }
 
-void Drawer::set_rowmeta() {
+void Generator::set_rowmeta() {
   const std::int32_t n = draw_count();
   const auto current = static_cast<std::int32_t>(model_.columns.size());
   std::int32_t ncols = current + (random_.percent(25) && current < 5 ? 1 : 0);
@@ -204,12 +205,12 @@ void Drawer::set_rowmeta() {
   add({Function::kSetRowmeta, {ncols, n}, {}, ids, labels, values});
 }
 
-void Drawer::export_rowmeta() {
+void Generator::export_rowmeta() {
   const std::int32_t n = draw_count();
   add({Function::kExportRowmeta, {n}, {}, draw_ids(n)});
 }
 
-void Drawer::search_filtered() {
+void Generator::search_filtered() {
   Call call{Function::kSearchFiltered};
   draw_predicate(call);
   call.floats = draw_query();
@@ -217,17 +218,17 @@ void Drawer::search_filtered() {
   add(call);
 }
 
-void Drawer::match_ids() {
+void Generator::match_ids() {
   Call call{Function::kMatchIds};
   draw_predicate(call);
   add(call);
 }
 
-void Drawer::visible() {
+void Generator::visible() {
   add(Function::kVisibleCount);
   add(Function::kVisibleIds);
 }
 
-void Drawer::export_visible() { add(Function::kExportVisible); }
+void Generator::export_visible() { add(Function::kExportVisible); }
 
 }  // namespace qx_test

@@ -1,5 +1,5 @@
-// The frame of a drawn life, and how arguments are drawn.
-#include "histories/drawer.h"
+// The frame of a drawn call sequence, and how arguments are drawn.
+#include "call_sequences/generator.h"
 
 #include <algorithm>
 #include <utility>
@@ -19,11 +19,11 @@ Values draw_values(Random& random, bool is_long) {
 
 }  // namespace
 
-Life draw_life(Random random, Rebuilds rebuilds) {
-  return Drawer(std::move(random), rebuilds).draw();
+CallSequence draw_call_sequence(Random random, Rebuilds rebuilds) {
+  return Generator(std::move(random), rebuilds).draw();
 }
 
-Drawer::Drawer(Random random, Rebuilds rebuilds)
+Generator::Generator(Random random, Rebuilds rebuilds)
     : random_(std::move(random)),
       rebuilds_(rebuilds),
       long_(random_.percent(7)),
@@ -33,24 +33,24 @@ Drawer::Drawer(Random random, Rebuilds rebuilds)
   add({Function::kNew, {draw_new_dim(), static_cast<std::uint32_t>(random_.bits())}});
 }
 
-Life Drawer::draw() {
+CallSequence Generator::draw() {
   struct Choice {
     int weight;
-    void (Drawer::*call)();
+    void (Generator::*call)();
   };
   static const std::vector<Choice> choices = {
-      {1, &Drawer::renew},          {3, &Drawer::accessors},
-      {1, &Drawer::tuner},          {5, &Drawer::build},
-      {2, &Drawer::rejected_build}, {2, &Drawer::export_base},
-      {6, &Drawer::search_full},    {5, &Drawer::search_partition},
-      {6, &Drawer::scatter_topk},   {10, &Drawer::insert},
-      {8, &Drawer::erase},          {4, &Drawer::set_ivf},
-      {1, &Drawer::has_ivf},        {1, &Drawer::clear_ivf},
-      {2, &Drawer::set_ivf_nprobe}, {8, &Drawer::search_ivf},
-      {8, &Drawer::search_mvcc},    {6, &Drawer::set_rowmeta},
-      {3, &Drawer::export_rowmeta}, {9, &Drawer::search_filtered},
-      {5, &Drawer::match_ids},      {4, &Drawer::visible},
-      {4, &Drawer::export_visible}};
+      {1, &Generator::renew},          {3, &Generator::accessors},
+      {1, &Generator::tuner},          {5, &Generator::build},
+      {2, &Generator::rejected_build}, {2, &Generator::export_base},
+      {6, &Generator::search_full},    {5, &Generator::search_partition},
+      {6, &Generator::scatter_topk},   {10, &Generator::insert},
+      {8, &Generator::erase},          {4, &Generator::set_ivf},
+      {1, &Generator::has_ivf},        {1, &Generator::clear_ivf},
+      {2, &Generator::set_ivf_nprobe}, {8, &Generator::search_ivf},
+      {8, &Generator::search_mvcc},    {6, &Generator::set_rowmeta},
+      {3, &Generator::export_rowmeta}, {9, &Generator::search_filtered},
+      {5, &Generator::match_ids},      {4, &Generator::visible},
+      {4, &Generator::export_visible}};
   static const std::vector<Choice> by_weight = [] {
     std::vector<Choice> repeated;
     for (const Choice& choice : choices) {
@@ -60,14 +60,14 @@ Life Drawer::draw() {
   }();
   const auto steps = random_.between(5, 60);
   for (std::int64_t step = 0; step < steps && !ended_ && !random_.exhausted(); ++step) {
-    const auto call = long_ && step == 0 ? &Drawer::build : random_.any_of(by_weight).call;
+    const auto call = long_ && step == 0 ? &Generator::build : random_.any_of(by_weight).call;
     (this->*call)();
   }
   add(Function::kFree);
-  return std::move(life_);
+  return std::move(sequence_);
 }
 
-void Drawer::add(Call call) {
+void Generator::add(Call call) {
   // A quarter of the arrays lie at the start of their pages. Outputs often have exactly the granted
   // elements, so that one more would fault; sometimes more, so that a write behind them is seen as
   // a change.
@@ -76,22 +76,22 @@ void Drawer::add(Call call) {
                                            random_.between32(0, kEveryArray));
   call.spare = random_.percent(60) ? 0 : random_.between(1, 5);
   if (traits(call.function).changes) ended_ = expected_answer(model_, call).end.has_value();
-  life_.push_back(std::move(call));
+  sequence_.push_back(std::move(call));
 }
 
-std::uint32_t Drawer::draw_new_dim() {
+std::uint32_t Generator::draw_new_dim() {
   if (random_.percent(3)) return random_.percent(50) ? 0xFFFFFFFFu : 0x80000000u;
   return static_cast<std::uint32_t>(draw_build_dim());
 }
 
-std::int32_t Drawer::draw_build_dim() {
+std::int32_t Generator::draw_build_dim() {
   if (random_.percent(5)) return 0;
   if (long_) return random_.between32(8, 40);
   if (random_.percent(10)) return random_.between32(64, 300);
   return random_.percent(75) ? random_.between32(1, 20) : random_.between32(21, 70);
 }
 
-Ids Drawer::draw_base_ids(std::int64_t n) {
+Ids Generator::draw_base_ids(std::int64_t n) {
   Ids ids;
   const std::int64_t span = sparse_ ? (1 << 22) : id_span_;
   const bool permuted = random_.percent(50);
@@ -101,7 +101,7 @@ Ids Drawer::draw_base_ids(std::int64_t n) {
   return ids;
 }
 
-std::int64_t Drawer::draw_id() {
+std::int64_t Generator::draw_id() {
   static const Ids extremes = {INT64_MIN,          INT64_MIN + 1, -2, -1, INT64_MAX, INT64_MAX - 1,
                                QX_MAX_BASE_ID + 1, QX_MAX_BASE_ID};
   if (random_.percent(5)) return random_.any_of(extremes);
@@ -112,44 +112,44 @@ std::int64_t Drawer::draw_id() {
   return random_.between(0, id_span_);
 }
 
-Ids Drawer::draw_ids(std::int64_t count) {
+Ids Generator::draw_ids(std::int64_t count) {
   Ids ids;
   for (std::int64_t i = 0; i < count; ++i) ids.push_back(draw_id());
   return ids;
 }
 
-std::int32_t Drawer::draw_count() {
+std::int32_t Generator::draw_count() {
   if (random_.percent(6)) return random_.percent(50) ? 0 : random_.between32(-3, -1);
   if (random_.percent(1)) return INT32_MIN;
   return random_.percent(85) ? random_.between32(1, 12) : random_.between32(13, 150);
 }
 
-std::int32_t Drawer::draw_candidate_count() {
+std::int32_t Generator::draw_candidate_count() {
   return long_ && random_.percent(50) ? random_.between32(300, 1200) : draw_count();
 }
 
-Floats Drawer::draw_array(std::int64_t count) {
+Floats Generator::draw_array(std::int64_t count) {
   return draw_floats(random_.for_array(count), values_, count);
 }
 
 // Equal factors let giants cancel.
-Floats Drawer::draw_query() {
+Floats Generator::draw_query() {
   if (values_ != Values::kGiants) return draw_array(model_.width());
   return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);
 }
 
-std::int32_t Drawer::draw_small_k(std::int64_t near) {
+std::int32_t Generator::draw_small_k(std::int64_t near) {
   static const std::vector<std::int32_t> edges = {INT32_MIN, -1, 0, 1, 1, 2, 63, 64, 65, 128, 1500};
   if (random_.percent(15)) return random_.any_of(edges);
   if (random_.percent(20)) return static_cast<std::int32_t>(near) + random_.between32(-1, 2);
   return random_.between32(1, 20);
 }
 
-std::int32_t Drawer::draw_k(std::int64_t near) {
+std::int32_t Generator::draw_k(std::int64_t near) {
   return random_.percent(5) ? INT32_MAX : draw_small_k(near);
 }
 
-void Drawer::draw_predicate(Call& call) {
+void Generator::draw_predicate(Call& call) {
   constexpr std::uint32_t kLabel = QX_FILTER_LABEL;
   constexpr std::uint32_t kColumn = QX_FILTER_COLUMN;
   static const std::vector<std::uint32_t> modes = {
@@ -163,7 +163,7 @@ void Drawer::draw_predicate(Call& call) {
   call.numbers[2] = random_.between(-1, 2);
 }
 
-Ints Drawer::draw_offsets(std::int32_t nlist, std::int64_t n_ids) {
+Ints Generator::draw_offsets(std::int32_t nlist, std::int64_t n_ids) {
   Ints offsets;
   if (nlist < 0) return offsets;
   for (std::int32_t i = 0; i < nlist; ++i) {

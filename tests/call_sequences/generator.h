@@ -1,19 +1,19 @@
-// Draws a life from random choices: which calls, with which arguments. It follows the model to draw
-// what is telling, and knows nothing of the engine.
+// Draws a call sequence from random choices: which calls, with which arguments. It follows the
+// model to draw what is telling, and knows nothing of the engine.
 #pragma once
 
 #include <cstdint>
 
-#include "histories/life.h"
-#include "histories/random.h"
+#include "call_sequences/call_sequence.h"
+#include "support/random.h"
 
 namespace qx_test {
 
-class Drawer {
+class Generator {
  public:
-  Drawer(Random random, Rebuilds rebuilds);
+  Generator(Random random, Rebuilds rebuilds);
 
-  Life draw();
+  CallSequence draw();
 
  private:
   // The calls.
@@ -56,7 +56,7 @@ class Drawer {
   Floats draw_array(std::int64_t count);
   Floats draw_query();
 
-  // Takes a call into the life, and makes it on the model where it changes the index.
+  // Takes a call into the call sequence, and makes it on the model where it changes the index.
   void add(Call call);
   void add(Function function) { add(Call{function}); }
 
@@ -64,11 +64,11 @@ class Drawer {
   Rebuilds rebuilds_;
   bool long_;  // bases of thousands of rows, of which a search scores only few
   Values values_;
-  bool sparse_;           // base ids up to 2^22, in a history of one build
+  bool sparse_;           // base ids up to 2^22, in a call sequence of one build
   std::int64_t id_span_;  // most ids are below it
   Model model_{0, 0};
   bool ended_ = false;
-  Life life_;
+  CallSequence sequence_;
 };
 
 }  // namespace qx_test

@@ -1,11 +1,11 @@
-// Plays random histories, by default those of `./check`:
+// Plays random call sequences, by default those of `./check`:
 //
-//   history_tests [--seed N] [--count N | --calls N] [--workers N] [--progress] [--trace]
+//   call_sequence_tests [--seed N] [--count N | --calls N] [--workers N] [--progress] [--trace]
 //                 [--replay FILE | --program FILE] [GoogleTest options]
 //
-// A history that fails is shrunk and printed as a program that replays it; --replay also writes the
-// program to a file. --program writes the whole life of the first seed as such a program, and plays
-// nothing.
+// A call sequence that fails is shrunk and printed as a program that replays it; --replay also
+// writes the program to a file. --program writes the whole call sequence of the first seed as such
+// a program, and plays nothing.
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -13,10 +13,10 @@
 #include <string>
 #include <string_view>
 
+#include "call_sequences/call_sequence.h"
+#include "call_sequences/replay.h"
+#include "call_sequences/series.h"
 #include "cpus/digest.h"
-#include "histories/life.h"
-#include "histories/replay.h"
-#include "histories/series.h"
 
 namespace {
 
@@ -26,7 +26,8 @@ std::string program_file;
 
 constexpr std::int64_t kFunctions = 30;
 
-// Below this many histories some function may not have had its turn, nor is their length average.
+// Below this many call sequences some function may not have had its turn, nor is their length
+// average.
 constexpr std::uint64_t kEnoughForAverages = 500;
 constexpr std::uint64_t kLeastComparedOnAverage = 25;
 
@@ -39,14 +40,15 @@ bool write_file(const std::string& name, const std::string& text) {
 
 int write_program() {
   const std::uint64_t seed = options.first_seed;
-  const std::string comment = " * The life of seed " + std::to_string(seed) + ".\n";
-  if (write_file(program_file, replay_source(draw_life(qx_test::Random(seed)), comment))) return 0;
+  const std::string comment = " * The call sequence of seed " + std::to_string(seed) + ".\n";
+  if (write_file(program_file, replay_source(draw_call_sequence(qx_test::Random(seed)), comment)))
+    return 0;
   std::perror(program_file.c_str());
   return 1;
 }
 
 void report_failure(std::uint64_t seed, const std::string& failure) {
-  std::printf("%s\nreplay: history_tests --seed %llu --count 1 --trace\n", failure.c_str(),
+  std::printf("%s\nreplay: call_sequence_tests --seed %llu --count 1 --trace\n", failure.c_str(),
               static_cast<unsigned long long>(seed));
   if (options.trace) return;
   const std::string source = qx_test::shrunk_replay(seed, failure);
@@ -55,12 +57,12 @@ void report_failure(std::uint64_t seed, const std::string& failure) {
   EXPECT_TRUE(write_file(replay_file, source)) << replay_file;
 }
 
-TEST(Histories, AgreeWithTheModel) {
+TEST(CallSequences, AgreeWithTheModel) {
   const qx_test::SeriesResult result = qx_test::play_series(options);
   std::printf(
-      "%llu histories, seeds %llu to %llu, %lld calls of %lld functions, "
+      "%llu call sequences, seeds %llu to %llu, %lld calls of %lld functions, "
       "%lld of them compared with the model, %.1f s\n",
-      static_cast<unsigned long long>(result.histories),
+      static_cast<unsigned long long>(result.sequences),
       static_cast<unsigned long long>(options.first_seed),
       static_cast<unsigned long long>(result.last_seed), static_cast<long long>(result.made),
       static_cast<long long>(result.functions), static_cast<long long>(result.compared),
@@ -69,18 +71,18 @@ TEST(Histories, AgreeWithTheModel) {
     report_failure(*result.failed_seed, result.failure);
     FAIL() << "seed " << *result.failed_seed << ": " << result.failure;
   }
-  if (result.histories >= kEnoughForAverages) {
+  if (result.sequences >= kEnoughForAverages) {
     EXPECT_EQ(result.functions, kFunctions);
     EXPECT_GE(result.compared,
-              static_cast<std::int64_t>(kLeastComparedOnAverage * result.histories));
+              static_cast<std::int64_t>(kLeastComparedOnAverage * result.sequences));
   }
 }
 
 // Every seed that was ever printed must replay elsewhere.
-TEST(Histories, AreTheSameWithEveryCompilerAndOnEveryCpu) {
+TEST(CallSequences, AreTheSameWithEveryCompilerAndOnEveryCpu) {
   qx_test::Digest digest;
   for (std::uint64_t seed = 1; seed <= 100; ++seed) {
-    for (const qx_test::Call& call : qx_test::draw_life(qx_test::Random(seed))) {
+    for (const qx_test::Call& call : qx_test::draw_call_sequence(qx_test::Random(seed))) {
       digest.add(static_cast<int>(call.function));
       for (const std::int64_t number : call.numbers) digest.add(number);
       digest.add(call.floats);
@@ -113,7 +115,7 @@ bool parse_option(std::string_view option, const char* value, bool* took_value) 
     return true;
   }
   if (option == "--seed") return parse_number(value, &options.first_seed);
-  if (option == "--count") return parse_number(value, &options.histories);
+  if (option == "--count") return parse_number(value, &options.sequences);
   if (option == "--calls") return parse_number(value, &options.calls);
   return option == "--workers" && parse_number(value, &options.workers) && options.workers > 0;
 }
@@ -135,7 +137,7 @@ int main(int count, char** arguments) {
   testing::InitGoogleTest(&count, arguments);
   if (!parse_options(count, arguments)) {
     std::fprintf(stderr,
-                 "usage: history_tests [--seed N] [--count N | --calls N] [--workers N] "
+                 "usage: call_sequence_tests [--seed N] [--count N | --calls N] [--workers N] "
                  "[--progress] [--trace] [--replay FILE | --program FILE]\n");
     return 2;
   }

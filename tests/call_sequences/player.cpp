@@ -1,4 +1,4 @@
-#include "histories/player.h"
+#include "call_sequences/player.h"
 
 #include <cstdio>
 #include <cstring>
@@ -27,9 +27,9 @@ const FpEnvironment& environment_of(const Call& call) {
 
 }  // namespace
 
-std::string Player::play(const Life& life) {
-  for (step_ = 0; step_ < life.size() && !ended_ && disagreement_.empty(); ++step_) {
-    perform(life[step_]);
+std::string Player::play(const CallSequence& sequence) {
+  for (step_ = 0; step_ < sequence.size() && !ended_ && disagreement_.empty(); ++step_) {
+    perform(sequence[step_]);
   }
   qx_index_free(index_);
   index_ = nullptr;

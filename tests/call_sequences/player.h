@@ -1,12 +1,12 @@
-// Plays a life on the engine and compares every answer with the model's.
+// Plays a call sequence on the engine and compares every answer with the model's.
 #pragma once
 
 #include <array>
 #include <map>
 #include <string>
 
+#include "call_sequences/call_sequence.h"
 #include "cpus/digest.h"
-#include "histories/life.h"
 #include "qx_runtime.h"
 #include "support/guarded.h"
 
@@ -26,8 +26,8 @@ class Player {
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  // Plays a life. Returns an empty text, or what disagreed and where.
-  std::string play(const Life& life);
+  // Plays a call sequence. Returns an empty text, or what disagreed and where.
+  std::string play(const CallSequence& sequence);
 
   const CallCounts& calls() const { return calls_; }
   // Whether a further build has replaced a base, whose arrays nobody owns then.

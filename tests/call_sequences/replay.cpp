@@ -1,4 +1,4 @@
-#include "histories/replay.h"
+#include "call_sequences/replay.h"
 
 #include <array>
 #include <bit>
@@ -179,11 +179,11 @@ constexpr std::array<const char*, 31> kArguments = {
 
 class Writer {
  public:
-  Writer(const Life& life, const std::string& comment)
+  Writer(const CallSequence& sequence, const std::string& comment)
       : text_("/*\n" + comment + " */\n" + kFrame) {
     std::string body;
     bool ends = false;
-    for (const Call& call : life) {
+    for (const Call& call : sequence) {
       const Answer answer = expected_answer(model_, call);
       ends |= answer.end.has_value();
       body += block(call, answer);
@@ -296,8 +296,8 @@ class Writer {
 
 }  // namespace
 
-std::string replay_source(const Life& life, const std::string& comment) {
-  return Writer(life, comment).text();
+std::string replay_source(const CallSequence& sequence, const std::string& comment) {
+  return Writer(sequence, comment).text();
 }
 
 }  // namespace qx_test

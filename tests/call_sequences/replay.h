@@ -1,15 +1,15 @@
-// Prints a life as a program of its own.
+// Prints a call sequence as a program of its own.
 #pragma once
 
 #include <string>
 
-#include "histories/life.h"
+#include "call_sequences/call_sequence.h"
 
 namespace qx_test {
 
 // A C99 source that needs the public header and a POSIX system: it makes exactly these calls, on
 // arrays that lie against unmapped pages, and compares each answer with the model's. It exits with
 // 0 where all agree, and otherwise prints the calls that do not. `comment` opens the file.
-std::string replay_source(const Life& life, const std::string& comment);
+std::string replay_source(const CallSequence& sequence, const std::string& comment);
 
 }  // namespace qx_test

@@ -1,4 +1,4 @@
-#include "histories/series.h"
+#include "call_sequences/series.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -15,9 +15,9 @@
 #include <new>
 #include <vector>
 
-#include "histories/player.h"
-#include "histories/replay.h"
-#include "histories/shrink.h"
+#include "call_sequences/player.h"
+#include "call_sequences/replay.h"
+#include "call_sequences/shrink.h"
 #include "support/child.h"
 
 namespace qx_test {
@@ -26,15 +26,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kMostWorkers = 64;
-// A worker leaves its place to a new one after so many histories: rebuilds keep the arrays of the
-// earlier base by contract, and each call that ends a process copies all that the worker holds.
-constexpr int kHistoriesOfAWorker = 200;
+// A worker leaves its place to a new one after so many call sequences: rebuilds keep the arrays of
+// the earlier base by contract, and each call that ends a process copies all that the worker holds.
+constexpr int kSequencesOfAWorker = 200;
 constexpr int kShrinkSeconds = 90;
-constexpr unsigned kHistorySeconds = 60;  // where a shrunk life goes on for ever
+constexpr unsigned kSequenceSeconds = 60;  // where a shrunk call sequence goes on for ever
 
 // What the workers share with the process that watches them.
 struct Shared {
-  std::atomic<std::uint64_t> taken;  // histories given out
+  std::atomic<std::uint64_t> taken;  // call sequences given out
   std::atomic<std::int64_t> compared;
   std::atomic<std::int64_t> made;
   std::atomic<std::uint64_t> functions;  // bit i: function i of the list was called
@@ -56,12 +56,12 @@ Shared* share() {
 
 bool enough(const SeriesOptions& options, const Shared& shared) {
   if (options.calls != 0) return shared.compared >= static_cast<std::int64_t>(options.calls);
-  return shared.taken >= options.histories;
+  return shared.taken >= options.sequences;
 }
 
-void note_calls(const Life& life, const Player& player, Shared& shared) {
+void note_calls(const CallSequence& sequence, const Player& player, Shared& shared) {
   std::uint64_t functions = 0;
-  for (const Call& call : life) {
+  for (const Call& call : sequence) {
     const bool frees_null = call.function == Function::kFreeNull;  // not one more function
     functions |= std::uint64_t{1} << static_cast<int>(frees_null ? Function::kFree : call.function);
   }
@@ -71,18 +71,18 @@ void note_calls(const Life& life, const Player& player, Shared& shared) {
 }
 
 void work(const SeriesOptions& options, std::uint64_t worker, Shared& shared) {
-  for (int played = 0; played < kHistoriesOfAWorker && !shared.stop; ++played) {
+  for (int played = 0; played < kSequencesOfAWorker && !shared.stop; ++played) {
     if (options.calls != 0 && enough(options, shared)) return;
     const std::uint64_t number = shared.taken++;
-    if (options.calls == 0 && number >= options.histories) {
+    if (options.calls == 0 && number >= options.sequences) {
       --shared.taken;
       return;
     }
     shared.seeds[worker] = options.first_seed + number;
-    const Life life = draw_life(Random(options.first_seed + number));
+    const CallSequence sequence = draw_call_sequence(Random(options.first_seed + number));
     Player player(UnderKernels::kAll, options.trace);
-    const std::string failure = player.play(life);
-    note_calls(life, player, shared);
+    const std::string failure = player.play(sequence);
+    note_calls(sequence, player, shared);
     if (!failure.empty()) {
       std::strncpy(shared.failures[worker], failure.c_str(), sizeof shared.failures[worker] - 1);
       shared.disagrees[worker] = true;
@@ -109,7 +109,7 @@ pid_t start_worker(const SeriesOptions& options, std::uint64_t worker, Shared& s
 
 void print_progress(const SeriesOptions& options, const Shared& shared, double seconds) {
   const std::int64_t compared = shared.compared;
-  std::printf("%8.0f s  %llu histories, last seed %llu, %lld calls compared, %.0f a second\n",
+  std::printf("%8.0f s  %llu call sequences, last seed %llu, %lld calls compared, %.0f a second\n",
               seconds, static_cast<unsigned long long>(shared.taken),
               static_cast<unsigned long long>(options.first_seed + shared.taken - 1),
               static_cast<long long>(compared), static_cast<double>(compared) / seconds);
@@ -156,7 +156,7 @@ SeriesResult play_series(const SeriesOptions& options) {
     usleep(20000);
   }
   result.seconds = elapsed();
-  result.histories = shared.taken;
+  result.sequences = shared.taken;
   result.last_seed = options.first_seed + shared.taken - 1;
   result.compared = shared.compared;
   result.made = shared.made;
@@ -167,21 +167,22 @@ SeriesResult play_series(const SeriesOptions& options) {
 
 std::string shrunk_replay(std::uint64_t seed, const std::string& failure) {
   const auto fails_under = [](UnderKernels kernels) {
-    return [kernels](const Life& life) {
+    return [kernels](const CallSequence& sequence) {
       const ChildEnd end = run_in_child([&] {
-        alarm(kHistorySeconds);
-        if (!Player(kernels, false).play(life).empty()) _exit(1);
+        alarm(kSequenceSeconds);
+        if (!Player(kernels, false).play(sequence).empty()) _exit(1);
       });
       return end.exit_status != 0;
     };
   };
-  const Life life = draw_life(Random(seed));
-  // A replay meets the kernel that the CPU chooses, so a life that fails there is worth most.
+  const CallSequence sequence = draw_call_sequence(Random(seed));
+  // A replay meets the kernel that the CPU chooses, so a call sequence that fails there is worth
+  // most.
   UnderKernels kernels = UnderKernels::kChosen;
-  if (!fails_under(kernels)(life)) kernels = UnderKernels::kAll;
-  if (!fails_under(kernels)(life)) return "";
-  const Life small = shrink(life, fails_under(kernels), kShrinkSeconds);
-  std::string comment = " * Shrunk from the history of seed " + std::to_string(seed) +
+  if (!fails_under(kernels)(sequence)) kernels = UnderKernels::kAll;
+  if (!fails_under(kernels)(sequence)) return "";
+  const CallSequence small = shrink(sequence, fails_under(kernels), kShrinkSeconds);
+  std::string comment = " * Shrunk from the call sequence of seed " + std::to_string(seed) +
                         ", where\n *   " + failure +
                         "\n * Compile it with the public header and the library.\n";
   if (kernels == UnderKernels::kAll) {

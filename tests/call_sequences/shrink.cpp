@@ -1,6 +1,6 @@
 // Delta debugging: first whole calls go, then rows, ids and lists, and last the values that are
 // left become plain ones. Each pass keeps what still fails, until no pass finds anything.
-#include "histories/shrink.h"
+#include "call_sequences/shrink.h"
 
 #include <algorithm>
 #include <bit>
@@ -23,7 +23,7 @@ bool same(const Call& a, const Call& b) {
          a.more_ints == b.more_ints && a.starts == b.starts && a.spare == b.spare;
 }
 
-bool same(const Life& a, const Life& b) {
+bool same(const CallSequence& a, const CallSequence& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                     [](const Call& x, const Call& y) { return same(x, y); });
 }
@@ -32,12 +32,13 @@ using Clock = std::chrono::steady_clock;
 
 class Shrinker {
  public:
-  Shrinker(const Life& life, const std::function<bool(const Life&)>& fails, int seconds)
-      : best_(made_valid(life)), fails_(fails), end_(Clock::now() + std::chrono::seconds(seconds)) {
-    if (!fails_(best_)) best_ = life;
+  Shrinker(const CallSequence& sequence, const std::function<bool(const CallSequence&)>& fails,
+           int seconds)
+      : best_(repair(sequence)), fails_(fails), end_(Clock::now() + std::chrono::seconds(seconds)) {
+    if (!fails_(best_)) best_ = sequence;
   }
 
-  Life run() {
+  CallSequence run() {
     do {
       improved_ = false;
       drop_calls();
@@ -50,18 +51,18 @@ class Shrinker {
   }
 
  private:
-  // Keeps a life that still fails.
-  bool keep_if_failing(const Life& candidate) {
+  // Keeps a call sequence that still fails.
+  bool keep_if_failing(const CallSequence& candidate) {
     if (Clock::now() >= end_) return false;
-    Life valid = made_valid(candidate);
+    CallSequence valid = repair(candidate);
     if (same(valid, best_) || !fails_(valid)) return false;
     best_ = std::move(valid);
     improved_ = true;
     return true;
   }
 
-  // Removes spans of `size()` elements, halving their length down to one. `without` gives the life
-  // without `count` elements from `first` on.
+  // Removes spans of `size()` elements, halving their length down to one. `without` gives the call
+  // sequence without `count` elements from `first` on.
   template <typename Size, typename Without>
   void drop_spans(Size size, Without without) {
     for (std::size_t span = std::max<std::size_t>(size(), 1); span > 0; span /= 2) {
@@ -76,10 +77,10 @@ class Shrinker {
   void drop_calls() {
     drop_spans([&] { return best_.size(); },
                [&](std::size_t first, std::size_t count) {
-                 Life life = best_;
-                 const auto at = life.begin() + static_cast<std::ptrdiff_t>(first);
-                 life.erase(at, at + static_cast<std::ptrdiff_t>(count));
-                 return life;
+                 CallSequence sequence = best_;
+                 const auto at = sequence.begin() + static_cast<std::ptrdiff_t>(first);
+                 sequence.erase(at, at + static_cast<std::ptrdiff_t>(count));
+                 return sequence;
                });
   }
 
@@ -110,9 +111,9 @@ class Shrinker {
     return call.floats.empty() ? 0 : 1;
   }
 
-  Life without_component(std::int64_t j) const {
-    Life life = best_;
-    for (Call& call : life) {
+  CallSequence without_component(std::int64_t j) const {
+    CallSequence sequence = best_;
+    for (Call& call : sequence) {
       const std::int64_t width = width_of(call);
       Floats narrower;
       for (std::int64_t i = 0; i < std::ssize(call.floats); ++i) {
@@ -126,7 +127,7 @@ class Shrinker {
         --call.numbers[kBuildDim];
       }
     }
-    return life;
+    return sequence;
   }
 
   // Without rows, ids, lists and partitions of one call, and what belongs to them.
@@ -147,9 +148,9 @@ class Shrinker {
   void drop_of(std::size_t at, Size size, void (*drop)(Call&, std::size_t, std::size_t)) {
     drop_spans([&] { return at < best_.size() ? size(best_[at]) : 0; },
                [&](std::size_t first, std::size_t count) {
-                 Life life = best_;
-                 drop(life[at], first, count);
-                 return life;
+                 CallSequence sequence = best_;
+                 drop(sequence[at], first, count);
+                 return sequence;
                });
   }
 
@@ -200,9 +201,9 @@ class Shrinker {
     for (const std::int64_t id : ids) {
       while (ids.count(next) != 0 && next < id) ++next;
       if (id >= 0 && next >= id) continue;
-      Life life = best_;
-      for (Call& call : life) std::replace(call.ids.begin(), call.ids.end(), id, next);
-      if (keep_if_failing(life)) ++next;
+      CallSequence sequence = best_;
+      for (Call& call : sequence) std::replace(call.ids.begin(), call.ids.end(), id, next);
+      if (keep_if_failing(sequence)) ++next;
     }
   }
 
@@ -226,11 +227,11 @@ class Shrinker {
   void simplify_all(std::size_t at, Place place, const std::vector<T>& choices) {
     for (const T choice : choices) {
       if (at >= best_.size()) return;
-      Life life = best_;
-      T& value = *place(life[at]);
+      CallSequence sequence = best_;
+      T& value = *place(sequence[at]);
       if (!is_plainer(choice, value)) continue;
       value = choice;
-      if (keep_if_failing(life)) return;
+      if (keep_if_failing(sequence)) return;
     }
   }
 
@@ -239,12 +240,12 @@ class Shrinker {
   void simplify_elements(std::size_t at, Elements elements, std::initializer_list<T> choices) {
     if (at >= best_.size()) return;
     for (const T choice : choices) {
-      Life life = best_;
-      auto& values = elements(life[at]);
+      CallSequence sequence = best_;
+      auto& values = elements(sequence[at]);
       const auto plainer = [&](T value) { return is_plainer(choice, value); };
       if (std::none_of(values.begin(), values.end(), plainer)) continue;
       std::replace_if(values.begin(), values.end(), plainer, choice);
-      if (keep_if_failing(life)) return;
+      if (keep_if_failing(sequence)) return;
     }
     for (std::size_t i = 0; at < best_.size() && i < elements(best_[at]).size(); ++i) {
       simplify_all<T>(
@@ -270,16 +271,17 @@ class Shrinker {
     }
   }
 
-  Life best_;
-  const std::function<bool(const Life&)>& fails_;
+  CallSequence best_;
+  const std::function<bool(const CallSequence&)>& fails_;
   Clock::time_point end_;
   bool improved_ = false;
 };
 
 }  // namespace
 
-Life shrink(const Life& life, const std::function<bool(const Life&)>& fails, int seconds) {
-  return Shrinker(life, fails, seconds).run();
+CallSequence shrink(const CallSequence& sequence,
+                    const std::function<bool(const CallSequence&)>& fails, int seconds) {
+  return Shrinker(sequence, fails, seconds).run();
 }
 
 }  // namespace qx_test

@@ -1,14 +1,15 @@
-// Makes a life that fails smaller, as long as it fails.
+// Makes a call sequence that fails smaller, as long as it fails.
 #pragma once
 
 #include <functional>
 
-#include "histories/life.h"
+#include "call_sequences/call_sequence.h"
 
 namespace qx_test {
 
-// The smallest life found that still `fails`, starting from one that does. What is tried has always
-// been made valid. Stops early after `seconds`.
-Life shrink(const Life& life, const std::function<bool(const Life&)>& fails, int seconds);
+// The smallest call sequence found that still `fails`, starting from one that does. What is tried
+// has always been made valid. Stops early after `seconds`.
+CallSequence shrink(const CallSequence& sequence,
+                    const std::function<bool(const CallSequence&)>& fails, int seconds);
 
 }  // namespace qx_test

@@ -15,8 +15,9 @@ constexpr std::int64_t kLimit = std::int64_t{1} << 40;
 
 enum class Verdict { kRejected, kReadsTheIds, kOther };
 
-// Whether a build accepts a shape, with ids of which only the first may be read. A rejected shape is
-// rejected before the ids are looked at; an accepted one runs into the unmapped page behind them.
+// Whether a build accepts a shape, with ids of which only the first may be read. A rejected shape
+// is rejected before the ids are looked at; an accepted one runs into the unmapped page behind
+// them.
 Verdict verdict_on(std::int64_t n, std::int32_t dim) {
   static constexpr int kRejectedStatus = 41;
   static constexpr int kReadStatus = 42;

@@ -4,8 +4,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "histories/random.h"
 #include "support/host.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {

@@ -1,32 +1,33 @@
-// Plays drawn lives against the model and prints the digest of each, which is the same on every
-// CPU:
+// Plays drawn call sequences against the model and prints the digest of each, which is the same on
+// every CPU:
 //   digest --best                  the kernels that the engine chooses here
-//   digest KERNELS LIVES           a digest for each life, under the named kernels
-//   digest KERNELS LIFE --trace    one life, with its calls
+//   digest KERNELS COUNT           a digest for each call sequence, under the named kernels
+//   digest KERNELS SEED --trace    one call sequence, with its calls
 // Ends with status 3 where the kernels do not run, 4 where the engine and the model disagree, and 5
-// where the lives did not call every function.
+// where the call sequences did not call every function.
 #include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <string_view>
 
-#include "histories/player.h"
+#include "call_sequences/player.h"
 #include "kernels/kernels.h"
 
 namespace {
 
 constexpr std::size_t kFunctions = 30;
 
-// Fewer lives need not have called every function.
+// Fewer call sequences need not have called every function.
 constexpr std::uint64_t kEnoughForAll = 500;
 
 int play(std::uint64_t first, std::uint64_t last, bool trace) {
   std::set<std::string> functions;
   for (std::uint64_t seed = first; seed <= last; ++seed) {
     qx_test::Player player(qx_test::UnderKernels::kChosen, trace);
-    const std::string disagreement = player.play(qx_test::draw_life(qx_test::Random(seed)));
+    const std::string disagreement =
+        player.play(qx_test::draw_call_sequence(qx_test::Random(seed)));
     if (!disagreement.empty()) {
-      std::fprintf(stderr, "life %llu: %s\n", static_cast<unsigned long long>(seed),
+      std::fprintf(stderr, "call sequence %llu: %s\n", static_cast<unsigned long long>(seed),
                    disagreement.c_str());
       return 4;
     }
@@ -46,7 +47,7 @@ int main(int count, char** arguments) {
   const bool trace = count == 4 && std::string_view(arguments[3]) == "--trace";
   const std::uint64_t last = count < 3 ? 0 : std::strtoull(arguments[2], nullptr, 10);
   if ((count != 3 && !trace) || last == 0) {
-    std::fputs("usage: digest --best | KERNELS LIVES | KERNELS LIFE --trace\n", stderr);
+    std::fputs("usage: digest --best | KERNELS COUNT | KERNELS SEED --trace\n", stderr);
     return 2;
   }
   if (!qx::force_kernels(arguments[1])) return 3;

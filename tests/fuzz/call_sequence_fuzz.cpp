@@ -1,19 +1,20 @@
-// Bytes choose the calls of a history and their arguments; the engine must agree with the model,
-// and give back all memory but that of replaced bases.
+// Bytes choose the calls of a call sequence and their arguments; the engine must agree with the
+// model, and give back all memory but that of replaced bases.
 #include <cstdlib>
 #include <utility>
 
+#include "call_sequences/player.h"
 #include "fuzz/target.h"
-#include "histories/player.h"
 #include "support/heap.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t count) {
-  const qx_test::Life life = qx_test::draw_life(qx_test::Random(std::span(bytes, count)));
+  const qx_test::CallSequence sequence =
+      qx_test::draw_call_sequence(qx_test::Random(std::span(bytes, count)));
   std::string disagreement;
   bool rebuilt = false;
   const qx_test::HeapLog log = qx_test::record_heap([&] {
     qx_test::Player player(qx_test::UnderKernels::kAll, false);
-    disagreement = player.play(life);
+    disagreement = player.play(sequence);
     rebuilt = player.rebuilt();
   });
   qx_test::require(disagreement.empty(), disagreement);

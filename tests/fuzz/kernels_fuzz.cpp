@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "fuzz/target.h"
-#include "histories/random.h"
 #include "internal/sums.h"
 #include "kernels/kernels.h"
 #include "support/guarded.h"
+#include "support/random.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "fuzz/target.h"
-#include "histories/random.h"
 #include "internal/colliding_keys.h"
 #include "support/heap.h"
 #include "support/int64_map.h"
+#include "support/random.h"
 
 namespace {
 

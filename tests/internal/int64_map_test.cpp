@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/colliding_keys.h"
+#include "support/random.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "histories/random.h"
+#include "support/random.h"
 
 namespace {
 

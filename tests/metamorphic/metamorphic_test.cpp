@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "qx_runtime.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {

@@ -23,10 +23,10 @@ link() {
 }
 
 compile -c "$googletest/src/gtest-all.cc" -o "$work/gtest.o"
-link tests/histories/[!f]*.cpp -o "$work/history_tests"
+link tests/call_sequences/[!f]*.cpp -o "$work/call_sequence_tests"
 link tests/internal/*.cpp "$googletest/src/gtest_main.cc" -o "$work/internal_tests"
 
-"$emulator" "$work/history_tests" --count 1000
+"$emulator" "$work/call_sequence_tests" --count 1000
 report=$("$emulator" "$work/internal_tests") || { echo "$report" >&2; exit 1; }
 grep -q ' OK .*ScoresLyingRowsByTheContract/neon' <<<"$report" ||
   { echo "aarch64_test: the NEON kernel was not tested" >&2; exit 1; }

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Compiles the engine in every way that moves arithmetic about, and plays histories on each, in which
-# the host sets a floating-point environment for each call; and has the compiler refuse the options
-# under which results would change.
-# usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_HISTORIES...
+# Compiles the engine by every optimisation that reorders arithmetic, and plays call sequences on each,
+# in which the host sets a floating-point environment for each call. Options under which results would
+# change must be refused by the compiler.
+# usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_CALL_SEQUENCES...
 set -euo pipefail
 cd "$1"
 compiler=$2
@@ -16,8 +16,8 @@ compile() {
 }
 contract=(-ffp-contract=off -DQX_FP_CONTRACT_OFF)
 
-# histories ENGINE PROGRAM OPTION...: builds the histories with an engine of these options.
-histories() {
+# build_player ENGINE PROGRAM OPTION...: builds the tests with an engine of these options.
+build_player() {
   local engine=$1 program=$2
   shift 2
   compile "${contract[@]}" -I"$engine" "$@" "$engine"/*/*.cpp "${links[@]}" \
@@ -35,19 +35,19 @@ else
 fi
 for way in "${ways[@]}"; do
   # shellcheck disable=SC2086  # the way is a list of options
-  histories engine "$work/histories" $way
-  "$work/histories" --gtest_brief=1 --count 250 >"$work/log" ||
+  build_player engine "$work/player" $way
+  "$work/player" --gtest_brief=1 --count 250 >"$work/log" ||
     { tail -n 40 "$work/log" >&2; echo "compilations_test: $way fails" >&2; exit 1; }
   passed=$((passed + 1))
 done
 
-# The histories notice an engine that computes in whatever environment the host has set.
+# The call sequences notice an engine that computes in whatever environment the host has set.
 cp -r engine "$work/careless"
 sed -i '/^  const DefaultFpEnvironment environment;$/d' "$work/careless/support/fp_environment.h"
 ! diff -r engine "$work/careless" >/dev/null || { echo "compilations_test: no fault planted" >&2; exit 1; }
-histories "$work/careless" "$work/careless_histories" -O2
-! "$work/careless_histories" --gtest_brief=1 --count 250 --trace >"$work/log" 2>&1 ||
-  { echo "compilations_test: the histories do not notice the host's environment" >&2; exit 1; }
+build_player "$work/careless" "$work/careless_player" -O2
+! "$work/careless_player" --gtest_brief=1 --count 250 --trace >"$work/log" 2>&1 ||
+  { echo "compilations_test: the call sequences do not notice the host's environment" >&2; exit 1; }
 passed=$((passed + 1))
 
 # refuses TEXT OPTION...: the compiler must refuse the engine, and say this.

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs tests on an emulated x86-64 CPU without AVX and FMA: the library must load and answer there.
-# usage: without_avx_test.sh EMULATOR INTERNAL_TESTS HISTORY_TESTS CONTRACT_TESTS
+# usage: without_avx_test.sh EMULATOR INTERNAL_TESTS CALL_SEQUENCE_TESTS CONTRACT_TESTS
 set -euo pipefail
 emulate=("$1" -cpu Nehalem)
 

@@ -1,10 +1,10 @@
-// Plays random histories without a test framework, for tools that must see every instruction that
-// runs: lives [--no-rebuilds] FIRST_SEED COUNT.
+// Plays random call sequences without a test framework, for tools that must see every instruction:
+// play_call_sequences [--no-rebuilds] FIRST_SEED COUNT.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "histories/player.h"
+#include "call_sequences/player.h"
 
 #if defined(__has_feature)
 #if __has_feature(memory_sanitizer)
@@ -15,10 +15,10 @@
 #if defined(QX_TEST_MEMORY_SANITIZER)
 #include <sanitizer/msan_interface.h>
 
-// The standard library is not compiled with the sanitizer, which does not see what its compiled
-// parts write into the nodes of the model's maps. So what the tests take by `new` counts as
-// written; the linker puts this in the place of `new`. The engine never uses it: what it takes by
-// malloc counts as unwritten until it writes there.
+// The standard library is not compiled with the sanitizer, which therefore does not see what it
+// writes into the nodes of the model's maps. So memory that the tests allocate by `new` counts as
+// written: the linker replaces `new` by this function. The engine allocates by malloc, and its
+// memory counts as unwritten until the engine writes it.
 extern "C" {
 void* __real__Znwm(std::size_t bytes);
 void* __wrap__Znwm(std::size_t bytes) {
@@ -32,17 +32,17 @@ void* __wrap__Znwm(std::size_t bytes) {
 int main(int count, char** arguments) {
   const bool no_rebuilds = count == 4 && std::strcmp(arguments[1], "--no-rebuilds") == 0;
   if (count != (no_rebuilds ? 4 : 3)) {
-    std::fprintf(stderr, "usage: lives [--no-rebuilds] FIRST_SEED COUNT\n");
+    std::fprintf(stderr, "usage: play_call_sequences [--no-rebuilds] FIRST_SEED COUNT\n");
     return 2;
   }
   const std::uint64_t first = std::strtoull(arguments[count - 2], nullptr, 10);
-  const std::uint64_t histories = std::strtoull(arguments[count - 1], nullptr, 10);
+  const std::uint64_t sequences = std::strtoull(arguments[count - 1], nullptr, 10);
   qx_test::CallCounts calls;
-  for (std::uint64_t seed = first; seed - first < histories; ++seed) {
+  for (std::uint64_t seed = first; seed - first < sequences; ++seed) {
     qx_test::Player player(qx_test::UnderKernels::kAll, false);
-    const std::string disagreement = player.play(
-        qx_test::draw_life(qx_test::Random(seed), no_rebuilds ? qx_test::Rebuilds::kLeftOut
-                                                              : qx_test::Rebuilds::kAllowed));
+    const std::string disagreement = player.play(qx_test::draw_call_sequence(
+        qx_test::Random(seed),
+        no_rebuilds ? qx_test::Rebuilds::kLeftOut : qx_test::Rebuilds::kAllowed));
     for (const auto& [function, number] : player.calls()) calls[function] += number;
     if (disagreement.empty()) continue;
     std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), disagreement.c_str());
@@ -50,8 +50,8 @@ int main(int count, char** arguments) {
   }
   std::int64_t total = 0;
   for (const auto& [function, number] : calls) total += number;
-  std::printf("%llu histories, %lld calls of %zu functions\n",
-              static_cast<unsigned long long>(histories), static_cast<long long>(total),
+  std::printf("%llu call sequences, %lld calls of %zu functions\n",
+              static_cast<unsigned long long>(sequences), static_cast<long long>(total),
               calls.size());
-  return histories == 0 ? 1 : 0;
+  return sequences == 0 ? 1 : 0;
 }

@@ -1,8 +1,8 @@
 // What the header allows threads to do: distinct handles at the same time, one handle by one thread
-// at a time, and one handle by many that read. Every thread lives a life of its own index with all
-// 30 functions, again and again, while the others do; its results must equal those of a thread
-// alone. Then one index goes from thread to thread, each call under the host's lock. At last all
-// threads read one index, in which the host changes nothing meanwhile, each a query of its own.
+// at a time, and one handle by many that read. Every thread plays a call sequence on its own index
+// with all 30 functions, again and again, while the others do; its results must equal those of a
+// thread alone. Then one index goes from thread to thread, each call under the host's lock. At last
+// all threads read one index, in which the host changes nothing meanwhile, each a query of its own.
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -19,9 +19,9 @@ namespace {
 using qx_test::Scenario;
 
 constexpr int kThreads = 4;
-constexpr int kLives = 25;
+constexpr int kSequences = 25;
 
-// Everything that a life has let its host see.
+// Everything that a call sequence returned to its host.
 struct Seen {
   std::vector<std::int64_t> ids;
   std::vector<float> floats;
@@ -30,8 +30,8 @@ struct Seen {
   friend bool operator==(const Seen&, const Seen&) = default;
 };
 
-// A life whose vectors depend on `number`, so that threads which share anything disagree.
-Seen live(int number) {
+// A call sequence whose vectors depend on `number`, so that threads that share anything disagree.
+Seen play(int number) {
   Scenario scenario;
   for (std::size_t i = 0; i < scenario.vectors.size(); ++i) {
     scenario.vectors[i] = static_cast<float>((static_cast<int>(i) * 7 + number * 3) % 11);
@@ -67,17 +67,17 @@ bool distinct_handles() {
   in_threads([&](int number) {
     ++ready;
     while (ready < kThreads) std::this_thread::yield();
-    for (int life = 0; life < kLives; ++life) {
-      seen[static_cast<std::size_t>(number)].push_back(live(number));
+    for (int i = 0; i < kSequences; ++i) {
+      seen[static_cast<std::size_t>(number)].push_back(play(number));
     }
   });
   for (int number = 0; number < kThreads; ++number) {
-    const Seen alone = live(number);
+    const Seen alone = play(number);
     for (const Seen& together : seen[static_cast<std::size_t>(number)]) {
       if (!(together == alone)) return false;
     }
   }
-  return live(0).floats != live(1).floats;
+  return play(0).floats != play(1).floats;
 }
 
 bool one_handle_under_a_lock() {
@@ -86,10 +86,10 @@ bool one_handle_under_a_lock() {
   std::mutex lock;
   in_threads([&](int number) {
     Scenario own;
-    for (int turn = 0; turn < kLives; ++turn) {
+    for (int turn = 0; turn < kSequences; ++turn) {
       const std::lock_guard<std::mutex> mine(lock);
       if (turn == 0 && qx_index_sealed(index) == 0) shared.write(index);
-      const std::int64_t id = 100 + number * kLives + turn;
+      const std::int64_t id = 100 + number * kSequences + turn;
       qx_index_insert(index, own.vectors.data(), &id, 1);
       own.search_ivf(index);
       qx_index_search_mvcc(index, &id, 1, own.vectors.data(), 1, own.out_ids.data(),
@@ -97,7 +97,7 @@ bool one_handle_under_a_lock() {
       if (own.out_ids[0] != id) std::abort();
     }
   });
-  const bool all_there = qx_index_delta_count(index) == Scenario::kRows + kThreads * kLives;
+  const bool all_there = qx_index_delta_count(index) == Scenario::kRows + kThreads * kSequences;
   qx_index_free(index);
   return all_there;
 }
@@ -197,7 +197,7 @@ bool one_handle_read_by_all() {
     while (ready < kThreads) std::this_thread::yield();
     const auto at = static_cast<std::size_t>(number);
     agrees[at] = true;
-    for (int turn = 0; turn < kLives; ++turn) agrees[at] &= index.read(number) == alone[at];
+    for (int turn = 0; turn < kSequences; ++turn) agrees[at] &= index.read(number) == alone[at];
   });
   return agrees == std::array<bool, kThreads>{true, true, true, true} &&
          !(alone[0].floats == alone[1].floats);
@@ -210,9 +210,10 @@ int main() {
   const bool one = one_handle_under_a_lock();
   const bool read = one_handle_read_by_all();
   std::printf(
-      "%d threads, %d lives each: distinct handles %s, one handle under a lock %s, one handle that "
+      "%d threads, %d call sequences each: distinct handles %s, one handle under a lock %s, one "
+      "handle that "
       "all read %s\n",
-      kThreads, kLives, distinct ? "agree" : "DISAGREE", one ? "agrees" : "DISAGREES",
+      kThreads, kSequences, distinct ? "agree" : "DISAGREE", one ? "agrees" : "DISAGREES",
       read ? "agrees" : "DISAGREES");
   return distinct && one && read ? 0 : 1;
 }

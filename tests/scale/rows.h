@@ -9,9 +9,9 @@
 #include <span>
 #include <vector>
 
-#include "histories/random.h"
 #include "scale/pieces.h"
 #include "scale/stages.h"
+#include "support/random.h"
 
 namespace qx_scale {
 

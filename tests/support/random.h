@@ -1,6 +1,6 @@
-// Random choices of a history. The same seed gives the same choices with every compiler and
-// standard library, so that a seed is enough to replay a history. Bytes can make the choices
-// instead, for a fuzzer that looks for those that lead somewhere new.
+// Random choices. The same seed gives the same choices with every compiler and standard library, so
+// that a seed is enough to replay a test. A fuzzer replaces the seed by bytes, which make the
+// choices.
 #pragma once
 
 #include <bit>
@@ -17,14 +17,14 @@ class Random {
  public:
   explicit Random(std::uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15u + 1) {}
 
-  // Choices made by bytes, each by as few of them as it needs; when none are left, by zeros.
+  // Choices made by bytes, each by as few as it needs; after the last byte, by zeros.
   explicit Random(std::span<const std::uint8_t> bytes) : from_bytes_(true), bytes_(bytes) {}
 
   // Whether there were bytes and none are left.
   bool exhausted() const { return from_bytes_ && bytes_.empty(); }
 
-  // Who makes the choices for an array. Bytes make those of short arrays one by one; for a long one
-  // two of them are a seed, or the array would use up the bytes of a whole history.
+  // The source of choices for an array. Bytes choose the elements of short arrays one by one; for a
+  // long one two bytes are a seed, or it would use up the bytes of a whole call sequence.
   Random& for_array(std::int64_t count) {
     if (!from_bytes_ || count <= kShortArray) return *this;
     array_ = std::make_unique<Random>(take(2));
@@ -86,7 +86,7 @@ class Random {
   std::unique_ptr<Random> array_;
 };
 
-// The kinds of component values that a history draws from.
+// The kinds of component values that a call sequence draws from.
 enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kGiants };
 
 inline float special_float(Random& random) {
