@@ -3,8 +3,8 @@
 // engine: it finds an id by looking at every row, and results by sorting every candidate. It
 // states the values of the header's constants again, so that a wrong constant is noticed.
 //
-// Output arguments hold what the host's buffers held before the call and are changed where the
-// contract writes; a buffer must have the elements that the contract grants. Where the contract
+// Output arguments contain what the host's buffers contained before the call, and are changed where
+// the contract writes; a buffer must have the elements that the contract grants. If the contract
 // ends the process, the model throws OutOfBounds instead.
 #pragma once
 
@@ -25,7 +25,7 @@ struct OutOfBounds {
   std::int64_t length;
 };
 
-// Element `index`, by the rule of every checked array.
+// Element `index`, with the bounds check that the contract prescribes for every array of host data.
 template <typename T>
 const T& checked(const std::vector<T>& elements, std::int64_t index) {
   const auto length = static_cast<std::int64_t>(elements.size());
@@ -43,7 +43,7 @@ class Model {
     std::vector<std::int32_t> list_offsets;
   };
 
-  // One test of metadata.
+  // A predicate over metadata.
   struct Predicate {
     std::uint32_t mode;
     std::int32_t column;
@@ -53,7 +53,7 @@ class Model {
   Model(std::uint32_t new_dim, std::uint32_t new_tag)
       : dim(static_cast<std::int32_t>(new_dim)), user_tag(new_tag) {}
 
-  // The state, open to the generator of call sequences, which sizes buffers by it.
+  // The state, public for the generator of call sequences, which sizes buffers by it.
   std::int32_t dim;
   std::uint32_t user_tag;
   bool sealed = false;
@@ -292,7 +292,7 @@ class Model {
     return sum;
   }
 
-  // Sorts the candidates that may enter at all; a stable sort keeps equals in order of arrival.
+  // Sorts the candidates that may enter; a stable sort keeps equal scores in order of arrival.
   static void write_best(std::vector<Hit> hits, std::int64_t results, Ids& out_ids,
                          Floats& out_scores) {
     const auto beats_nothing = [](const Hit& hit) { return !(hit.score > -1e30f); };
@@ -324,7 +324,7 @@ class Model {
     return static_cast<std::int32_t>(results);
   }
 
-  // A binary search, because it decides among equal keys.
+  // Binary search, because it decides which of several equal keys is found.
   std::int64_t partition_of(std::int64_t key) const {
     std::int64_t low = 0;
     std::int64_t high = static_cast<std::int64_t>(part_keys.size()) - 1;
@@ -394,7 +394,7 @@ class Model {
     return rows;
   }
 
-  // The lists of the best centroids, best first; equal ones in list order.
+  // The lists of the best centroids, best first; among equal scores in list order.
   std::vector<std::int64_t> lists_to_probe(const Ivf& ivf, const Floats& query) const {
     std::vector<Hit> coarse;
     for (std::int64_t list = 0; list < ivf.nlist; ++list) {

@@ -1,5 +1,5 @@
-// The C++ header: what it answers is what the C interface answers, and what it refuses changes
-// nothing and never reaches the engine.
+// The C++ header: it answers as the C interface does, and what it refuses changes nothing and never
+// reaches the engine.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -30,7 +30,7 @@ Ids counted(std::int64_t count, std::int64_t first = 0) {
 }
 const Floats kQuery = {1.0f, 0.5f, -1.0f};
 
-// An index with everything: 20 base rows, two of them changed, metadata, an inverted file.
+// An index with everything: 20 base rows, two of them changed, metadata, IVF lists.
 qx::Index full_index() {
   qx::Index index(kDim, 7);
   const std::vector<qx::Partition> parts = {{-4, 0, 12}, {9, 12, 8}};
@@ -46,7 +46,7 @@ struct Expected {
   Ids ids = Ids(64);
   Floats scores = Floats(64);
 
-  // Cut to the slots that a row reached.
+  // Only the slots that a row reached.
   void cut(std::int64_t written) {
     while (written > 0 && ids[static_cast<std::size_t>(written - 1)] == -1) --written;
     ids.resize(static_cast<std::size_t>(written));
@@ -219,7 +219,7 @@ TEST(CppHeader, RefusesSlotsThatOverlap) {
   EXPECT_EQ(index.scatter_topk(Ids{1, 2}, kQuery, two, two_scores), 2u);
 }
 
-// The engine's next block is sought first, also where the rows alone would not ask for one.
+// The engine's next allocation is tried first, even if the rows alone would not need one.
 TEST(CppHeader, SeeksTheMemoryOfEachGrowth) {
   qx::DistinctIds few;
   few.add(Ids{1, 2, 2, 1, -7});

@@ -32,7 +32,7 @@ constexpr std::int64_t kMost32 = std::numeric_limits<std::int32_t>::max();
 constexpr std::size_t kTooMany = std::size_t{1} << 31;
 constexpr int kCallsOfASequence = 150;
 
-// What to say wherever the process ends.
+// A message for the end of the process, wherever it happens.
 char replay_line[128];
 void say_replay() {
   [[maybe_unused]] const auto written = write(STDERR_FILENO, replay_line, std::strlen(replay_line));
@@ -134,7 +134,7 @@ class HostileCalls {
     return qx_test::draw_floats(random_, qx_test::Values::kMixed,
                                 static_cast<std::int64_t>(rows) * dim_);
   }
-  // Of another size than is right, or right by chance.
+  // A size that is usually wrong.
   template <typename T>
   void spoil(std::vector<T>& elements) {
     if (elements.empty() || random_.percent(50)) {
@@ -224,7 +224,7 @@ class HostileCalls {
     must(when(fits), "insert", [&] { snapshot = index_.insert(vectors, ids); });
     if (fits) expect(snapshot == model_.insert(vectors, ids), "insert: another snapshot");
   }
-  // Refused by its size, before an element is read.
+  // Refused because of its size, before an element is read.
   IdSpan too_many_ids() const { return {&never_read_id_, kTooMany}; }
 
   void erase() {
@@ -451,7 +451,7 @@ class HostileCalls {
            "a search: another answer");
   }
 
-  // Guards behind the slots must stay.
+  // The guard elements after the slots must not change.
   void search_into_slots(const Search& s) {
     Ids ids(static_cast<std::size_t>(random_.between(0, 12)) + 1, 77);
     Floats scores(ids.size(), 7.5f);
@@ -598,7 +598,8 @@ std::uint64_t number_of(const char* text) {
 
 }  // namespace
 
-// Sanitizers: memory that no machine has is refused, and what ends the process tells the seed.
+// For sanitizers: an allocation larger than any machine's memory fails, and the end of the process
+// prints the seed.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=4096:detect_leaks=0";

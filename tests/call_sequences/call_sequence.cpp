@@ -1,4 +1,4 @@
-// What is known of the functions, the model's answers, and the repair of call sequences.
+// The properties of each function, the model's answers, and the repair of call sequences.
 #include "call_sequences/call_sequence.h"
 
 #include <bit>
@@ -12,7 +12,7 @@ constexpr std::int64_t kUntouchedId = 0x5A5A5A5A5A5A5A5A;
 constexpr float kUntouchedFloat = std::bit_cast<float>(0x5A5A5A5A);
 constexpr std::int64_t kLimit = std::int64_t{1} << 40;
 
-// Two large negative numbers have a large positive product, too large to hand over in a test.
+// A product of two large negative numbers is a large positive one: too many floats for a test.
 constexpr std::int64_t kMostCentroidFloats = 100000;
 
 std::int32_t int32(std::int64_t number) { return static_cast<std::int32_t>(number); }
@@ -240,7 +240,7 @@ bool rejected_unread(const Call& build) {
 
 namespace {
 
-// Rows of another width: without their last components, or with further ones of zero.
+// Changes the length of each row: the last components are removed, or zeros appended.
 void fit_rows(Floats& floats, std::int64_t rows, std::int64_t width) {
   rows = std::max<std::int64_t>(rows, 0);
   const std::int64_t old_width = rows == 0 ? 0 : std::ssize(floats) / rows;
@@ -261,13 +261,13 @@ void fit_build(Call& call) {
   call.more_ints.resize(call.more_ids.size());
   const auto is_bad = [](std::int64_t id) { return id < 0 || id > QX_MAX_BASE_ID; };
   if (std::any_of(call.ids.begin(), call.ids.end(), is_bad)) {
-    call.floats.clear();  // which must then not be read
+    call.floats.clear();  // the engine must not read them
   } else {
     fit_rows(call.floats, std::ssize(call.ids), call.numbers[kBuildDim]);
   }
 }
 
-// Returns false for a call that no host of this process could make.
+// Returns false for a call whose arrays would not fit into this process.
 bool fit(Call& call, const Model& model) {
   if (call.function == Function::kBuild) {
     fit_build(call);

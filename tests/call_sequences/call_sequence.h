@@ -1,5 +1,5 @@
-// A call sequence of an index as data: the calls that a host makes, with all that it hands over. It
-// can be drawn from a seed, played, shrunk and printed, each without the others.
+// A sequence of calls on an index as data: the functions with all their arguments. It can be drawn
+// from a seed, played, shrunk and printed; these parts do not depend on each other.
 #pragma once
 
 #include <array>
@@ -60,26 +60,26 @@ struct Call {
   Ids values{};            // column values
   Ints ints{};             // partition starts, or list offsets
   Ints more_ints{};        // partition sizes
-  std::uint32_t starts{};  // bit i: array i, outputs behind inputs, lies at the start of its pages
+  std::uint32_t starts{};  // bit i: array i (inputs, then outputs) begins on its first page
   std::int64_t spare{};    // output elements beyond those that the contract grants
 };
 
 using CallSequence = std::vector<Call>;
 
-// Where in `numbers` an argument is.
+// The indices in `numbers` of some arguments.
 inline constexpr std::size_t kBuildN = 0, kBuildDim = 1, kBuildParts = 2;
 inline constexpr std::size_t kIvfKey = 0, kIvfNlist = 1, kIvfNprobe = 2, kIvfIds = 3;
 
 struct FunctionTraits {
   const char* name;     // in the header
-  std::size_t numbers;  // how many scalar arguments it takes
-  int k;                // which of them is the number of results, or -1
-  int count;            // which of them counts `ids`, or -1
-  bool changes;         // whether it changes the index
+  std::size_t numbers;  // number of scalar arguments
+  int k;                // index of the number of results, or -1
+  int count;            // index of the length of `ids`, or -1
+  bool changes;         // true if it changes the index
 };
 const FunctionTraits& traits(Function function);
 
-// What a call gives: the model's answer is what the engine must answer.
+// The result of a call and everything that it writes. The engine's must equal the model's.
 struct Answer {
   std::int64_t result = 0;
   Ids numbers;  // what qx_index_stats and qx_tuner_defaults write
@@ -89,27 +89,28 @@ struct Answer {
   std::optional<OutOfBounds> end;  // the process ends instead
 };
 
-// What an output element holds before a call, in every byte: neither a sentinel nor a value that
-// call sequences draw.
+// Every byte of an output buffer before a call. Elements of such bytes are neither empty results
+// nor values that call sequences draw.
 inline constexpr int kUntouchedByte = 0x5A;
 
-// Makes the call on the model. The call sequence is over where a changing call gives an `end`.
+// Makes the call on the model. A changing call whose answer has an `end` is the last one.
 Answer expected_answer(Model& model, const Call& call);
 
-// Whether the contract leaves a build no look at its arrays.
+// True if the contract rejects a build before it reads any of its arrays.
 bool rejected_unread(const Call& build);
 
-// The same call sequence as one that a host may live: calls on an index that is there, released at
-// last, and arrays as long as the other arguments and the state of the index demand.
+// Makes a call sequence valid again after a change: all calls use an existing index, it is released
+// at last, and every array has the length that the other arguments and the state of the index
+// require. Calls that cannot be repaired are removed.
 CallSequence repair(CallSequence sequence);
 
 std::string describe(const Call& call);
 
-// A rebuild keeps the arrays of the earlier base allocated by contract, which is in the way of a
-// search for leaks.
+// By contract a rebuild keeps the arrays of the earlier base allocated, which a leak checker would
+// report.
 enum class Rebuilds { kAllowed, kLeftOut };
 
-// The call sequence that these choices make: those of a seed, for one.
+// Draws a call sequence, for example that of a seed.
 CallSequence draw_call_sequence(Random random, Rebuilds rebuilds = Rebuilds::kAllowed);
 
 }  // namespace qx_test

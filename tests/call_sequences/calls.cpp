@@ -1,5 +1,4 @@
-// The calls of a drawn call sequence: for each function of the interface, how its arguments are
-// drawn.
+// Draws the arguments of each function of the interface.
 #include <algorithm>
 #include <iterator>
 
@@ -93,7 +92,7 @@ void Generator::rejected_build() {
       dim = random_.between32(2, INT32_MAX);
       break;
   }
-  add({Function::kBuild, {n, dim, n_parts}, {}, ids});  // no vectors: they must not be read
+  add({Function::kBuild, {n, dim, n_parts}, {}, ids});  // no vectors: the engine must not read them
   accessors();
 }
 
@@ -149,7 +148,7 @@ void Generator::set_ivf() {
   const std::int64_t n_ids = random_.percent(10) ? 0 : random_.between(1, long_ ? 1200 : 120);
   const Ids list_ids = draw_ids(n_ids);
   const Ints offsets = draw_offsets(nlist, n_ids);
-  // Two large negative numbers have a large positive product, too large to hand over here.
+  // A product of two large negative numbers is a large positive one: too many floats for a test.
   const std::int64_t n_floats = std::int64_t{model_.dim} * nlist;
   if (n_floats > 100000) return;
   const Floats centroids = draw_array(n_floats);

@@ -1,5 +1,5 @@
-// Faults to be found: an engine that errs as the environment variable QX_PLANTED_FAULT says. The
-// linker leads calls of three functions here (--wrap), and these call the true ones.
+// Planted faults: the environment variable QX_PLANTED_FAULT chooses one. The linker redirects calls
+// of three functions to these wrappers (--wrap), which call the real ones.
 #include <csignal>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-// The frame of a drawn call sequence, and how arguments are drawn.
+// The order of the calls, and how single arguments are drawn.
 #include "call_sequences/generator.h"
 
 #include <algorithm>
@@ -9,8 +9,8 @@
 namespace qx_test {
 namespace {
 
-// Infinities and the like, of which a long base would have some for sure, leave nothing to
-// estimate.
+// With any other kind of values almost every long base would contain infinities or NaNs, and none
+// of its rows would be estimated.
 Values draw_values(Random& random, bool is_long) {
   static const std::vector<Values> finite = {Values::kTies, Values::kSmooth, Values::kGiants};
   return is_long && random.percent(90) ? random.any_of(finite)
@@ -68,9 +68,9 @@ CallSequence Generator::draw() {
 }
 
 void Generator::add(Call call) {
-  // A quarter of the arrays lie at the start of their pages. Outputs often have exactly the granted
-  // elements, so that one more would fault; sometimes more, so that a write behind them is seen as
-  // a change.
+  // A quarter of the arrays begin at the start of their pages. Outputs often have exactly the
+  // granted elements, so that a write past them faults; sometimes more, so that it is seen as a
+  // change.
   constexpr std::int32_t kEveryArray = 0x1FF;
   call.starts = static_cast<std::uint32_t>(random_.between32(0, kEveryArray) &
                                            random_.between32(0, kEveryArray));
@@ -132,7 +132,7 @@ Floats Generator::draw_array(std::int64_t count) {
   return draw_floats(random_.for_array(count), values_, count);
 }
 
-// Equal factors let giants cancel.
+// Equal factors, so that products of opposite giants cancel.
 Floats Generator::draw_query() {
   if (values_ != Values::kGiants) return draw_array(model_.width());
   return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);

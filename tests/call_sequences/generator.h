@@ -1,5 +1,5 @@
-// Draws a call sequence from random choices: which calls, with which arguments. It follows the
-// model to draw what is telling, and knows nothing of the engine.
+// Draws a call sequence from random choices: the functions and their arguments. It follows the
+// model to draw arguments that reach many cases, and knows nothing of the engine.
 #pragma once
 
 #include <cstdint>
@@ -56,15 +56,15 @@ class Generator {
   Floats draw_array(std::int64_t count);
   Floats draw_query();
 
-  // Takes a call into the call sequence, and makes it on the model where it changes the index.
+  // Appends a call, and makes it on the model if it changes the index.
   void add(Call call);
   void add(Function function) { add(Call{function}); }
 
   Random random_;
   Rebuilds rebuilds_;
-  bool long_;  // bases of thousands of rows, of which a search scores only few
+  bool long_;  // bases of thousands of rows, most of which a search prunes
   Values values_;
-  bool sparse_;           // base ids up to 2^22, in a call sequence of one build
+  bool sparse_;           // base ids up to 2^22; at most one build
   std::int64_t id_span_;  // most ids are below it
   Model model_{0, 0};
   bool ended_ = false;

@@ -26,8 +26,7 @@ std::string program_file;
 
 constexpr std::int64_t kFunctions = 30;
 
-// Below this many call sequences some function may not have had its turn, nor is their length
-// average.
+// Fewer call sequences may not call every function, and their average length may differ.
 constexpr std::uint64_t kEnoughForAverages = 500;
 constexpr std::uint64_t kLeastComparedOnAverage = 25;
 
@@ -78,7 +77,7 @@ TEST(CallSequences, AgreeWithTheModel) {
   }
 }
 
-// Every seed that was ever printed must replay elsewhere.
+// A seed that was printed on one machine must give the same calls on every other.
 TEST(CallSequences, AreTheSameWithEveryCompilerAndOnEveryCpu) {
   qx_test::Digest digest;
   for (std::uint64_t seed = 1; seed <= 100; ++seed) {

@@ -18,8 +18,8 @@ Edge edge_of(const Call& call, int array) {
   return (call.starts >> array & 1) != 0 ? Edge::kStart : Edge::kEnd;
 }
 
-// What the host has made of the floating-point environment when it makes a call: anything, the same
-// whenever the call is played.
+// The host's floating-point environment during a call: chosen by the call, so that it is the same
+// each time the call is played.
 const FpEnvironment& environment_of(const Call& call) {
   const auto drawn = static_cast<std::size_t>(call.starts + call.spare);
   return fp_environments()[drawn % fp_environments().size()];
@@ -45,7 +45,7 @@ void Player::perform(const Call& call) {
                         call.function != Function::kFreeNull;
   compared_ += compares ? 1 : 0;
   const bool builds_anew = call.function == Function::kBuild && model_.sealed;
-  // The engine is asked last: a change must not reach it where the model ends the process.
+  // The model is asked first: if it ends the process, the call must not change the engine's index.
   const Answer expected = expected_answer(model_, call);
   rebuilt_ |= builds_anew && expected.result >= 0;
   place_inputs(call);
@@ -65,7 +65,7 @@ void Player::perform(const Call& call) {
     qx::force_kernels(nullptr);
   }
   check_inputs(call);
-  ended_ = expected.end && function.changes;  // the model has done half of the call
+  ended_ = expected.end && function.changes;  // the model has stopped in the middle of the call
 }
 
 void Player::compare(const Call& call, const Answer& expected) {
@@ -291,7 +291,7 @@ void Player::check(const Call& call, bool agrees, const char* what) {
 void Player::check_inputs(const Call& call) {
   const auto check_input = [&](const auto& placed, const auto& values) {
     check(call, placed.equals(values), "an input was changed");
-    check(call, placed.margins_intact(), "written beside an input");
+    check(call, placed.margins_intact(), "written outside an input");
   };
   check_input(floats_, call.floats);
   check_input(ids_, call.ids);

@@ -12,7 +12,7 @@
 
 namespace qx_test {
 
-// How often each function has been called.
+// The number of calls of each function.
 using CallCounts = std::map<std::string, std::int64_t>;
 
 enum class UnderKernels { kAll, kChosen };
@@ -20,26 +20,26 @@ enum class UnderKernels { kAll, kChosen };
 class Player {
  public:
   // `trace` prints every call to standard output. Reads are made under every kernel of this
-  // machine, or only under the one that a host of this machine meets.
+  // machine, or only under the kernel that the engine chooses here.
   Player(UnderKernels kernels, bool trace) : kernels_(kernels), trace_(trace) {}
   ~Player() { qx_index_free(index_); }
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  // Plays a call sequence. Returns an empty text, or what disagreed and where.
+  // Plays a call sequence. Returns a description of the first disagreement, empty if there is none.
   std::string play(const CallSequence& sequence);
 
   const CallCounts& calls() const { return calls_; }
-  // Whether a further build has replaced a base, whose arrays nobody owns then.
+  // True if a second build has replaced a base, whose arrays are then never released.
   bool rebuilt() const { return rebuilt_; }
-  // The digest of everything that the calls gave back.
+  // The digest of everything that the calls returned and wrote.
   std::string digest() const { return digest_.text(); }
-  // The calls that have something to compare: all but those that create and release.
+  // The number of calls whose answers were compared: all but those that create and release.
   std::int64_t compared() const { return compared_; }
 
  private:
   void perform(const Call& call);
-  // The engine's answer; each of the others hands on the functions that are not of its kind.
+  // The engine's answer. Each function calls the next one for functions that it does not know.
   Answer ask(const Call& call);
   void ask_change(const Call& call, Answer& answer);
   void ask_accessor(const Call& call, Answer& answer);

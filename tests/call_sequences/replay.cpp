@@ -8,7 +8,7 @@
 namespace qx_test {
 namespace {
 
-// What every replay begins with.
+// The beginning of every replay.
 constexpr const char* kFrame = R"(#define _DEFAULT_SOURCE
 #include <inttypes.h>
 #include <signal.h>
@@ -74,7 +74,7 @@ static void result(int call, int64_t got, int64_t expected) {
 
 )";
 
-// Where the process must end.
+// For calls that must end the process.
 constexpr const char* kEndFrame = R"(static int is_child(int call, const char* line_part) {
   char text[512];
   size_t length = 0;
@@ -142,7 +142,7 @@ std::string constant(const std::string& name, const std::vector<T>& values) {
 }
 
 // The C arguments of each function, in the order of the enumeration: arrays by their names, scalars
-// by their types and places in `numbers`. Without blanks.
+// by their types and indices in `numbers`. Without blanks.
 constexpr std::array<const char*, 31> kArguments = {
     "uint32:0,uint32:1",                                                  // new
     "index",                                                              // free
@@ -233,7 +233,7 @@ class Writer {
     return std::string(traits(call.function).name) + "(" + made + ")";
   }
 
-  // What the call hands over for a word of kArguments.
+  // The argument that a word of kArguments stands for.
   std::string argument(const std::string& word, const Call& call, const Answer& answer) {
     if (word == "floats") return input(word, "const float*", 0, call.floats, call);
     if (word == "ids") return input(word, "const int64_t*", 1, call.ids, call);

@@ -26,20 +26,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kMostWorkers = 64;
-// A worker leaves its place to a new one after so many call sequences: rebuilds keep the arrays of
-// the earlier base by contract, and each call that ends a process copies all that the worker holds.
+// A new process replaces a worker after this many call sequences: by contract rebuilds keep the
+// arrays of the earlier base, and each call that ends a process copies all memory of the worker.
 constexpr int kSequencesOfAWorker = 200;
 constexpr int kShrinkSeconds = 90;
-constexpr unsigned kSequenceSeconds = 60;  // where a shrunk call sequence goes on for ever
+constexpr unsigned kSequenceSeconds = 60;  // for a shrunk call sequence that does not end
 
-// What the workers share with the process that watches them.
+// Memory that the workers share with the process that watches them.
 struct Shared {
-  std::atomic<std::uint64_t> taken;  // call sequences given out
+  std::atomic<std::uint64_t> taken;  // call sequences started
   std::atomic<std::int64_t> compared;
   std::atomic<std::int64_t> made;
   std::atomic<std::uint64_t> functions;  // bit i: function i of the list was called
   std::atomic<bool> stop;
-  std::atomic<std::uint64_t> seeds[kMostWorkers];  // what each is playing, 0 for nothing
+  std::atomic<std::uint64_t> seeds[kMostWorkers];  // the seed that each is playing, or 0
   std::atomic<bool> disagrees[kMostWorkers];
   char failures[kMostWorkers][300];
 };
@@ -62,7 +62,7 @@ bool enough(const SeriesOptions& options, const Shared& shared) {
 void note_calls(const CallSequence& sequence, const Player& player, Shared& shared) {
   std::uint64_t functions = 0;
   for (const Call& call : sequence) {
-    const bool frees_null = call.function == Function::kFreeNull;  // not one more function
+    const bool frees_null = call.function == Function::kFreeNull;  // the same function as kFree
     functions |= std::uint64_t{1} << static_cast<int>(frees_null ? Function::kFree : call.function);
   }
   shared.functions |= functions;
@@ -176,8 +176,7 @@ std::string shrunk_replay(std::uint64_t seed, const std::string& failure) {
     };
   };
   const CallSequence sequence = draw_call_sequence(Random(seed));
-  // A replay meets the kernel that the CPU chooses, so a call sequence that fails there is worth
-  // most.
+  // A replay runs under the kernel that the CPU chooses, so a failure under that one is preferred.
   UnderKernels kernels = UnderKernels::kChosen;
   if (!fails_under(kernels)(sequence)) kernels = UnderKernels::kAll;
   if (!fails_under(kernels)(sequence)) return "";

@@ -1,5 +1,5 @@
-// Delta debugging: first whole calls go, then rows, ids and lists, and last the values that are
-// left become plain ones. Each pass keeps what still fails, until no pass finds anything.
+// Delta debugging: removes whole calls, then rows, ids and lists, and at last replaces values by
+// plain ones. Each pass keeps what still fails; passes repeat until none finds anything.
 #include "call_sequences/shrink.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace qx_test {
 namespace {
 
-// Bit for bit, for a NaN does not equal itself.
+// Compares bits, since a NaN does not equal itself.
 bool same(const Floats& a, const Floats& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](float x, float y) {
     return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y);
@@ -51,7 +51,7 @@ class Shrinker {
   }
 
  private:
-  // Keeps a call sequence that still fails.
+  // Keeps a call sequence if it still fails.
   bool keep_if_failing(const CallSequence& candidate) {
     if (Clock::now() >= end_) return false;
     CallSequence valid = repair(candidate);
@@ -61,8 +61,8 @@ class Shrinker {
     return true;
   }
 
-  // Removes spans of `size()` elements, halving their length down to one. `without` gives the call
-  // sequence without `count` elements from `first` on.
+  // Removes spans of `size()` elements, halving their length down to one. `without(first, count)`
+  // returns the call sequence without these elements.
   template <typename Size, typename Without>
   void drop_spans(Size size, Without without) {
     for (std::size_t span = std::max<std::size_t>(size(), 1); span > 0; span /= 2) {
@@ -84,7 +84,7 @@ class Shrinker {
                });
   }
 
-  // One component less in every vector: column `j` of all calls goes.
+  // Removes component `j` of every vector in all calls.
   void drop_components() {
     for (std::int64_t j = 0; j < widest();) {
       const std::int64_t before = widest();
@@ -130,7 +130,7 @@ class Shrinker {
     return sequence;
   }
 
-  // Without rows, ids, lists and partitions of one call, and what belongs to them.
+  // Removes rows, ids, lists and partitions of one call, and the elements that belong to them.
   void drop_elements(std::size_t at) {
     drop_of(
         at, [](Call& call) -> std::size_t { return call.ids.size(); }, &drop_ids);
@@ -193,7 +193,7 @@ class Shrinker {
     call.numbers[1] -= static_cast<std::int64_t>(count);
   }
 
-  // Small numbers for the ids, the same in every call.
+  // Replaces ids by small numbers, each by the same one in every call.
   void rename_ids() {
     std::set<std::int64_t> ids;
     for (const Call& call : best_) ids.insert(call.ids.begin(), call.ids.end());
@@ -207,7 +207,7 @@ class Shrinker {
     }
   }
 
-  // Plainer numbers and values in one call.
+  // Replaces numbers and values of one call by plainer ones.
   void simplify(std::size_t at) {
     simplify_all<std::uint32_t>(at, [](Call& c) { return &c.starts; }, {0});
     simplify_all<std::int64_t>(at, [](Call& c) { return &c.spare; }, {0});
@@ -235,7 +235,7 @@ class Shrinker {
     }
   }
 
-  // All elements at once; where that does not fail, each by itself.
+  // All elements at once; if that does not fail, one by one.
   template <typename T, typename Elements>
   void simplify_elements(std::size_t at, Elements elements, std::initializer_list<T> choices) {
     if (at >= best_.size()) return;
@@ -253,7 +253,7 @@ class Shrinker {
     }
   }
 
-  // An order in which every change goes down, so that passes come to an end.
+  // A strict order in which every replacement goes down, so that the passes end.
   template <typename T>
   static bool is_plainer(T a, T b) {
     if constexpr (std::is_same_v<T, float>) {

@@ -1,4 +1,4 @@
-// Makes a call sequence that fails smaller, as long as it fails.
+// Makes a failing call sequence smaller.
 #pragma once
 
 #include <functional>
@@ -7,8 +7,8 @@
 
 namespace qx_test {
 
-// The smallest call sequence found that still `fails`, starting from one that does. What is tried
-// has always been made valid. Stops early after `seconds`.
+// The smallest call sequence found that still `fails`, starting from one that does. Every attempt
+// is repaired first. Stops early after `seconds`.
 CallSequence shrink(const CallSequence& sequence,
                     const std::function<bool(const CallSequence&)>& fails, int seconds);
 

@@ -1,5 +1,5 @@
 // The limits of a build. Bases at the limits do not fit into a machine, so acceptance is shown by
-// what a build does next: it looks at the ids, and then it allocates.
+// the next step of a build: it reads the ids, and then it allocates.
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -15,9 +15,8 @@ constexpr std::int64_t kLimit = std::int64_t{1} << 40;
 
 enum class Verdict { kRejected, kReadsTheIds, kOther };
 
-// Whether a build accepts a shape, with ids of which only the first may be read. A rejected shape
-// is rejected before the ids are looked at; an accepted one runs into the unmapped page behind
-// them.
+// The verdict on a shape, with ids of which only the first may be read. A rejected shape is
+// rejected before the ids are read; an accepted one reads into the unmapped page after them.
 Verdict verdict_on(std::int64_t n, std::int32_t dim) {
   static constexpr int kRejectedStatus = 41;
   static constexpr int kReadStatus = 42;
@@ -70,7 +69,7 @@ TEST(BuildLimits, ANegativeRowCountIsRejected) {
   EXPECT_EQ(verdict_on(INT64_MIN, 0), Verdict::kRejected);
 }
 
-// Products that come out small, or negative, when cut to 64 bits.
+// Products that become small or negative when truncated to 64 bits.
 TEST(BuildLimits, AProductThatOverflowsIsRejected) {
   EXPECT_EQ(verdict_on(kLimit, 1 << 23), Verdict::kRejected);
   EXPECT_EQ(verdict_on(kLimit, 1 << 24), Verdict::kRejected);
@@ -90,8 +89,8 @@ TEST(BuildLimits, AnIdOfTwoToTheFortyIsRejected) {
 
 constexpr int kNoLimitStatus = 43;
 
-// Runs a build in an address space of 1 GiB. Where the limit has no effect it is not tried: it
-// would take the machine's memory.
+// Runs a build in an address space of 1 GiB. Skipped if that limit has no effect: the build would
+// take the machine's memory.
 ChildEnd end_in_small_address_space(const std::function<void()>& body) {
   return run_in_child([&] {
     const rlimit address_space{1u << 30, 1u << 30};

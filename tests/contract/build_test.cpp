@@ -1,4 +1,4 @@
-// The sealed base: what a build stores, what a further build replaces and what it leaves.
+// The sealed base: what a build stores, and what a second build replaces and keeps.
 #include <limits>
 
 #include "support/host.h"

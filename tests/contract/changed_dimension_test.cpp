@@ -1,5 +1,5 @@
 // A build that changes the dimension while vectors of another dimension are stored: their floats
-// are read as rows of the new dimension, and a row that leaves them ends the process.
+// are read as rows of the new dimension, and a row beyond them ends the process.
 #include "support/host.h"
 
 namespace qx_test {
@@ -111,7 +111,7 @@ TEST(ChangedDimension, OverwritingARowInsideWritesOverItsNeighbours) {
   EXPECT_EQ(export_visible(index), (Rows{{11, 12}, {10, 20, 30, 40, 50, 60}}));
 }
 
-// The new row's floats are appended behind the six; its place under dimension 3 is 9 to 11.
+// The new row's floats are appended after the six; under dimension 3 its row is floats 9 to 11.
 TEST(ChangedDimension, ARowInsertedAfterwardsIsReadAtItsPlaceUnderTheNewDimension) {
   const Rebuilt index(3);
   EXPECT_EQ(insert(index, {14}, {7, 8, 9}), 2u);

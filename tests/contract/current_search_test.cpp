@@ -1,4 +1,4 @@
-// Search among listed ids as they are now: the visibility rule, id by id.
+// Search among listed ids in their current state: the visibility rule, id by id.
 #include <cmath>
 #include <limits>
 

@@ -1,4 +1,4 @@
-// Exact search of the whole sealed base: which rows enter a result, and in which order.
+// Exact search of the whole sealed base: the rows that enter a result, and their order.
 #include <algorithm>
 #include <cmath>
 #include <limits>

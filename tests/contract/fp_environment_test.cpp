@@ -1,5 +1,4 @@
-// What the host has made of the floating-point environment changes no result, and no call changes
-// it.
+// The host's floating-point environment changes no result, and no call changes the environment.
 #include <cmath>
 #include <limits>
 
@@ -14,7 +13,7 @@ constexpr float kHuge = 3e38f;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Everything that an index can be asked for a query, in the default environment or in another.
+// Every answer of an index to a query, in the default environment or in another.
 struct Answers {
   Ids ids;
   Floats scores;
@@ -27,7 +26,7 @@ struct Answers {
   }
 };
 
-// An index of rows that another environment would mistake, made in that environment.
+// An index of rows whose scores another environment would change, built in that environment.
 class Asked {
  public:
   Asked(const FpEnvironment& host, std::int32_t dim, const Floats& vectors)
@@ -40,7 +39,7 @@ class Asked {
     in_host([&] {
       qx_index_build(index_, vectors_.data(), rows_, dim_, ids_.data(), &key, &first, &rows_, 1);
     });
-    // Some rows again, as rows of the delta.
+    // Some rows again, as delta rows.
     in_host([&] { qx_index_insert(index_, vectors_.data(), ids_.data(), rows_ / 4); });
     in_host([&] { qx_index_delete(index_, ids_.data() + rows_ / 2, 1); });
     in_host(
@@ -174,7 +173,7 @@ TEST(FpEnvironment, OfTheHostChangesNoResultAndIsNotChanged) {
   }
 }
 
-// The nearest row is told from the others by denormals alone.
+// Only denormals distinguish the best row from the others.
 TEST(FpEnvironment, LosesNoNeighbourToFlushing) {
   for (const FpEnvironment& host : fp_environments()) {
     Floats vectors(16 * 1000, 0);

@@ -1,4 +1,5 @@
-// Inserts: the snapshot that they raise, the delta rows that they write, the tombstones they lift.
+// Inserts: the snapshot that they increase, the delta rows that they write, the tombstones that
+// they lift.
 #include <limits>
 
 #include "support/host.h"
@@ -130,7 +131,7 @@ TEST(Insert, AnyIdIsValid) {
   EXPECT_EQ(export_visible(index), (Rows{ids, {10, 20, 3, 4, 5, 6}}));
 }
 
-// Strides that are unkind to a table of slots.
+// Strides of keys that collide in a hash table.
 TEST(Insert, ManyIdsOfAnyStrideAreAllFound) {
   constexpr std::int64_t kRows = 3000;
   for (const int shift : {0, 16, 20, 32, 48}) {

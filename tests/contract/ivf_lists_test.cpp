@@ -1,4 +1,4 @@
-// IVF structures: how they are attached under keys, replaced, re-tuned and cleared.
+// IVF structures: how they are attached under keys, replaced, changed and cleared.
 #include <limits>
 
 #include "support/host.h"

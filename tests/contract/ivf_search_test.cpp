@@ -1,4 +1,4 @@
-// Search through IVF lists: which lists are scanned, in which order, and what their rows give.
+// Search through IVF lists: the lists that are scanned, their order, and the rows that they give.
 #include <limits>
 
 #include "support/host.h"

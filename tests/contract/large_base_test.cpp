@@ -1,5 +1,5 @@
-// Current reads of a base of more than a million rows, against the rules of the header spelled out
-// row by row: walks take such a base in pieces.
+// Current reads of a base of more than a million rows, compared row by row with the rules of the
+// header. The engine reads such a base in several spans.
 #include <algorithm>
 #include <unordered_map>
 #include <unordered_set>
@@ -15,7 +15,7 @@ constexpr std::int64_t kEnough = 10;
 
 class LargeBase {
  public:
-  // Ids are drawn, so that some stand in several rows, near each other and far apart.
+  // Ids are drawn, so that some occur in several rows, near each other and far apart.
   LargeBase(std::int64_t id_end, std::int64_t changes) : index_(1), random_(5), end_(id_end) {
     for (std::int64_t row = 0; row < kRows; ++row) base_.push_back(random_.between(0, end_ - 1));
     seal(index_, 1, base_, Floats(base_.size(), 1.0f));

@@ -1,4 +1,4 @@
-// The life of a handle: what a new index reports, what its numbers mean, and its end.
+// The lifecycle of a handle: what a new index reports, what its numbers mean, and its release.
 #include "support/host.h"
 
 namespace qx_test {
@@ -67,7 +67,7 @@ TEST(Lifecycle, TheUserTagIsReportedUnchanged) {
   }
 }
 
-// Every search and listing of an index that has some of everything.
+// Every search and listing of an index that has rows of every kind.
 struct Answers {
   std::vector<Found> searches;
   std::vector<Ids> listings;

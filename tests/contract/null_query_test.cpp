@@ -1,4 +1,4 @@
-// A query is read when there is a row to score, and not before: where there is none it may be null.
+// A query is read only if there is a row to score; otherwise it may be null.
 #include "support/host.h"
 
 namespace qx_test {

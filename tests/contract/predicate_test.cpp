@@ -1,4 +1,4 @@
-// Predicates over labels and columns: which visible rows pass, in searches and in listings.
+// Predicates over labels and columns: the visible rows that pass, in searches and in listings.
 #include <limits>
 
 #include "support/host.h"

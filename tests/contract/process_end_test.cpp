@@ -1,5 +1,5 @@
-// The end of the process, wherever host data can cause it: exactly one line, then the trap, also
-// where standard error takes no line.
+// The end of the process, wherever host data can cause it: exactly one line, then the trap, even if
+// standard error cannot be written.
 #include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -12,7 +12,8 @@
 namespace qx_test {
 namespace {
 
-// Delta rows 11 and 12 of dimension 2 (four floats) and two centroids of it, under dimension 3.
+// Delta rows 11 and 12 of dimension 2 (four floats) and two centroids of it, read under dimension
+// 3.
 class Widened : public Index {
  public:
   Widened() : Index(2) {
@@ -24,7 +25,7 @@ class Widened : public Index {
 
 const Floats kOnes(3, 1);
 
-// A call that ends the process, and the numbers of its line.
+// A call that ends the process, and the numbers in its line.
 struct End {
   std::string name;
   std::int64_t index;
@@ -34,7 +35,7 @@ struct End {
 
 void PrintTo(const End& end, std::ostream* out) { *out << end.name; }
 
-// One list of two ids between these offsets.
+// One list of two ids, with these offsets.
 void search_list(std::int32_t begin, std::int32_t end) {
   const Index index(1);
   seal(index, 1, {5, 6}, {1, 2});
@@ -57,7 +58,7 @@ const std::vector<End> kEnds = {
 
 class ProcessEnd : public testing::TestWithParam<End> {
  protected:
-  // Runs the call in a child, after `prepare`; the alarm would end a hang, and not by a trap.
+  // Runs the call in a child, after `prepare`; the alarm ends a hang by another signal than a trap.
   static ChildEnd run(void (*prepare)()) {
     return run_in_child([prepare] {
       alarm(60);
@@ -76,14 +77,14 @@ void fill_the_device() {
   if (full < 0 || dup2(full, STDERR_FILENO) < 0) _exit(3);
 }
 
-// Leaves no room in a pipe whose writers do not wait.
+// Fills a pipe whose writers do not block.
 void fill(int pipe_end) {
   const char block[512] = {};
   while (write(pipe_end, block, sizeof block) > 0) continue;
   while (write(pipe_end, block, 1) > 0) continue;
 }
 
-// Full, and not waiting for its reader.
+// A full pipe that does not block.
 void fill_the_pipe() {
   int ends[2];
   if (pipe2(ends, O_NONBLOCK) != 0) _exit(3);
@@ -112,8 +113,8 @@ TEST_P(ProcessEnd, TrapsWhereStandardErrorTakesNoLine) {
   }
 }
 
-// A pipe that is full until a timer has struck so often, each time interrupting the write that
-// waits for room.
+// A pipe that stays full until a timer has fired this many times; each time it interrupts the
+// blocked write.
 int waiting_pipe[2];
 volatile std::sig_atomic_t strikes_left = 10;
 

@@ -27,7 +27,7 @@ Oversized oversized(QxIndex* index, std::int32_t threshold) {
   return result;
 }
 
-// Two rows under partitions of the given sizes, right or wrong, with keys 0, 10, 20 ...
+// Two rows under partitions of the given sizes, which may be wrong, with keys 0, 10, 20 ...
 class SizedParts : public Index {
  public:
   explicit SizedParts(const Ints& sizes) : Index(1) {

@@ -1,4 +1,4 @@
-// What is visible now: the walk behind the count, the listing and the export.
+// The visible rows: the count, the listing and the export.
 #include <limits>
 #include <set>
 #include <string>
@@ -11,7 +11,7 @@ namespace {
 constexpr std::int64_t kLowestId = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kHighestId = std::numeric_limits<std::int64_t>::max();
 
-// The three reads must agree on the rows.
+// The three reads must return the same rows.
 void expect_visible(QxIndex* index, const Rows& rows) {
   EXPECT_EQ(qx_index_visible_count(index), static_cast<std::int64_t>(rows.ids.size()));
   EXPECT_EQ(visible_ids(index), rows.ids);
@@ -134,9 +134,9 @@ TEST(VisibleRows, MakeAnIndexThatAnswersAlike) {
   EXPECT_EQ(search_filtered(index, kEveryId, {1}, 5), search_filtered(copy, kEveryId, {1}, 5));
 }
 
-// A base of many rows, with changes to one id in `stride`, against the rule applied row by row. Ids
-// are `spread` apart, in an order of their own, and every 50th row repeats the id of the one
-// before.
+// A base of many rows, with changes to one id in `stride`, compared with the visibility rule
+// applied row by row. Ids are `spread` apart and permuted, and every 50th row is a duplicate of the
+// row before.
 void expect_rule_in_many_rows(std::int64_t spread, std::int64_t stride) {
   constexpr std::int64_t kRows = 20011;
   Ids base;

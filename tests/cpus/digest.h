@@ -1,5 +1,5 @@
-// A digest of 128 bits of everything that calls gave back. It takes numbers, not bytes in memory,
-// so it is the same for either order of bytes.
+// A digest of 128 bits of everything that calls returned and wrote. It is computed from numbers,
+// not from bytes in memory, so it does not depend on the byte order.
 #pragma once
 
 #include <bit>
@@ -14,7 +14,7 @@ namespace qx_test {
 
 class Digest {
  public:
-  // A number as its 64 bits, a narrower one extended by its sign.
+  // A number as its 64 bits, sign-extended.
   template <std::integral Number>
   void add(Number number) {
     const auto bits = static_cast<std::uint64_t>(number);
@@ -22,8 +22,7 @@ class Digest {
     high_ = std::rotl((high_ + bits) * 0xD6E8FEB86659FD93u, 31) ^ low_;
   }
 
-  // The bits of a float, except that all NaNs are one: which of them an operation gives is the
-  // CPU's choice.
+  // The bits of a float, except that all NaNs count as one: the CPU chooses the bits of a NaN.
   void add(float number) {
     constexpr std::uint32_t kAnyNaN = 0x7FC00000;
     add(std::isnan(number) ? kAnyNaN : std::bit_cast<std::uint32_t>(number));

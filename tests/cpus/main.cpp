@@ -1,10 +1,10 @@
-// Plays drawn call sequences against the model and prints the digest of each, which is the same on
+// Plays call sequences against the model and prints the digest of each, which must be the same on
 // every CPU:
 //   digest --best                  the kernels that the engine chooses here
 //   digest KERNELS COUNT           a digest for each call sequence, under the named kernels
 //   digest KERNELS SEED --trace    one call sequence, with its calls
-// Ends with status 3 where the kernels do not run, 4 where the engine and the model disagree, and 5
-// where the call sequences did not call every function.
+// Exits with 3 if the kernels do not run here, 4 if the engine and the model disagree, and 5 if the
+// call sequences did not call every function.
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kFunctions = 30;
 
-// Fewer call sequences need not have called every function.
+// Fewer call sequences may not call every function.
 constexpr std::uint64_t kEnoughForAll = 500;
 
 int play(std::uint64_t first, std::uint64_t last, bool trace) {

@@ -1,5 +1,5 @@
-// Bytes choose the calls of a call sequence and their arguments; the engine must agree with the
-// model, and give back all memory but that of replaced bases.
+// Bytes choose calls and their arguments; the engine must agree with the model, and release all
+// memory except that of replaced bases.
 #include <cstdlib>
 #include <utility>
 
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
   });
   qx_test::require(disagreement.empty(), disagreement);
   qx_test::require(rebuilt || log.still_held.empty(), "memory is held after the index was freed");
-  // The arrays of replaced bases are nobody's; a fuzzer would run out of memory with them.
+  // By contract the arrays of replaced bases are never released; a fuzzer would run out of memory.
   for (const void* const block : log.still_held) std::free(const_cast<void*>(block));
   return 0;
 }

@@ -69,7 +69,7 @@ struct Rows {
   qx::Reach reach;
 };
 
-void play_lying_rows(Random& random, const Kernels& kernels, const Rows& shape) {
+void play_contiguous_rows(Random& random, const Kernels& kernels, const Rows& shape) {
   const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
   const Guarded<float> rows(draw_array(random, shape.count * shape.dim), draw_edge(random));
   const auto count = static_cast<std::size_t>(shape.count);
@@ -88,7 +88,7 @@ void play_lying_rows(Random& random, const Kernels& kernels, const Rows& shape) 
 }
 
 void play_scattered_rows(Random& random, const Kernels& kernels, const Rows& shape) {
-  constexpr std::size_t kPlaces = 4;  // rows that each end, or start, at an unmapped page
+  constexpr std::size_t kPlaces = 4;  // rows that each end or begin at an unmapped page
   const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
   Guarded<float> places[kPlaces];
   for (Guarded<float>& place : places) {
@@ -150,7 +150,8 @@ void play(Random& random) {
   const std::int64_t most =
       std::min<std::int64_t>(200, kMostFloats / std::max<std::int64_t>(dim, 1));
   const Rows shape = {random.between(0, most), dim, static_cast<qx::Reach>(random.between(0, 2))};
-  way == 0 ? play_lying_rows(random, kernels, shape) : play_scattered_rows(random, kernels, shape);
+  way == 0 ? play_contiguous_rows(random, kernels, shape)
+           : play_scattered_rows(random, kernels, shape);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Bytes choose assignments and questions to the map, with keys that share hashes among them; it
-// must answer like a standard map and keep the order of first insertion.
+// Bytes choose assignments to the map and look-ups, also of keys with equal hashes; it must answer
+// like a standard map and keep the order of first insertion.
 #include <unordered_map>
 #include <vector>
 
@@ -66,7 +66,7 @@ class Play {
     }
   }
 
-  // A run of keys in the order of the entries, with strangers in it; or any keys.
+  // Consecutive keys in the order of the entries, with absent ones among them; or any keys.
   Keys draw_keys(std::int64_t most) {
     Keys keys;
     const std::int64_t count = random_.between(0, most);
@@ -164,7 +164,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
     if (random.percent(50)) {
       Play<qx::Int64Map>(random).run();
     } else {
-      Play<qx::BasicInt64Map<4>>(random).run();  // its slots widen at 32 of them
+      Play<qx::BasicInt64Map<4>>(random).run();  // wide slots from 32 slots on
     }
   });
   require(log.still_held.empty(), "memory is held after the map was released");

@@ -1,5 +1,5 @@
 // Plays every file of the named folders through the target that it is linked with, in the order of
-// their names. It needs no fuzzer, so the inputs that one has found serve every compiler.
+// their names. It needs no fuzzer, so every compiler can replay the inputs that one has found.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>

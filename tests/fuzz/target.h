@@ -1,5 +1,5 @@
-// What a fuzz target is: one function that takes bytes and must return. Each target is linked
-// twice, with a fuzzer that makes up bytes, and with replay.cpp, which plays files.
+// A fuzz target: one function that takes bytes and must return. Each target is linked twice, with a
+// fuzzer that makes up bytes, and with replay.cpp, which plays files.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
 
 namespace qx_test {
 
-// Ends the process when a target's two sides disagree: that is what a fuzzer takes for a finding.
+// Ends the process when the engine and the oracle disagree, which a fuzzer reports as a finding.
 inline void require(bool agrees, const std::string& what) {
   if (agrees) return;
   std::fprintf(stderr, "disagreement: %s\n", what.c_str());

@@ -5,11 +5,11 @@
 
 namespace qx_test {
 
-// The key that the map's hash takes to `hash`: both multiplications are by odd numbers and the fold
-// is its own inverse, so the hash can be walked backwards.
+// The key whose hash is `hash`: both multiplications are by odd numbers and the fold is its own
+// inverse, so the hash can be inverted.
 inline std::int64_t key_of_hash(std::uint64_t hash) {
   const auto inverse = [](std::uint64_t odd) {
-    std::uint64_t x = odd;  // right in the low 3 bits; each round doubles that
+    std::uint64_t x = odd;  // the inverse modulo 2^3; each round doubles the exponent
     for (int round = 0; round < 5; ++round) x *= 2 - odd * x;
     return x;
   };

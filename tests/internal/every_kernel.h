@@ -22,7 +22,7 @@ inline std::string kernel_name(const testing::TestParamInfo<const qx::Kernels*>&
   return kernel.param->name;
 }
 
-// A test of one kernel's own functions.
+// Tests of a kernel's own functions.
 class OfAKernel : public testing::TestWithParam<const qx::Kernels*> {
  protected:
   void SetUp() override {
@@ -30,7 +30,7 @@ class OfAKernel : public testing::TestWithParam<const qx::Kernels*> {
   }
 };
 
-// A test of what calls the kernels that it finds: the one under test, for its time.
+// Tests of code that calls the engine's kernels: the parameter is forced while a test runs.
 class UnderAKernel : public OfAKernel {
  protected:
   void SetUp() override {

@@ -16,7 +16,7 @@
 namespace {
 
 using qx::Int64Map;
-using WideMap = qx::BasicInt64Map<4>;  // its slots widen at 32 of them
+using WideMap = qx::BasicInt64Map<4>;  // wide slots from 32 slots on
 using qx_test::Random;
 using Keys = std::vector<std::int64_t>;
 
@@ -63,7 +63,7 @@ struct NamedKeys {
 
 class MapWithKeys : public testing::TestWithParam<NamedKeys> {};
 
-// Twice as many assignments as there are keys, one in two of them to any of the keys.
+// Twice as many assignments as keys; half of them are to any of the keys.
 template <typename Map>
 void expect_the_last_values(const Keys& keys) {
   Map map;
@@ -91,7 +91,7 @@ TEST_P(MapWithKeys, HoldsTheLastValueOfEveryKeyAndNoOther) {
   expect_the_last_values<WideMap>(GetParam().keys);
 }
 
-// Asks for all the keys in batches of any size, against get().
+// Looks up all the keys in batches of any size; get() must give the same values.
 template <typename Map>
 void expect_batches_equal_single_gets(const Map& map, const Keys& keys, Random& random) {
   typename Map::Cursor cursor;
@@ -108,7 +108,7 @@ void expect_batches_equal_single_gets(const Map& map, const Keys& keys, Random& 
   }
 }
 
-// The keys as they are, with some left out, with absent ones between them, and in any order.
+// The keys in their order, with some omitted, with absent ones inserted, and in any order.
 template <typename Map>
 void expect_batches_in_any_order(const Keys& keys) {
   Map map;
@@ -159,8 +159,8 @@ INSTANTIATE_TEST_SUITE_P(
                     NamedKeys{"Colliding", colliding_keys()}),
     [](const auto& pattern) { return pattern.param.name; });
 
-// How many slots the longest of the searches reads that insert 2048 multiples of a stride into a
-// table of twice as many slots.
+// Inserts 2048 multiples of a stride into a table of 4096 slots. Returns the number of slots that
+// the longest search reads.
 std::int64_t longest_search(std::uint64_t stride) {
   constexpr int kBits = 12;
   constexpr std::uint64_t kSlots = std::uint64_t{1} << kBits;

@@ -1,5 +1,5 @@
-// Every search over bases of thousands of rows, of which the engine scores only few: all that the
-// model returns, by id and by bit, under every kernel.
+// Every search over bases of thousands of rows, most of which the engine prunes: it must give the
+// ids and bits of the model, under every kernel.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -14,7 +14,7 @@
 namespace qx_test {
 namespace {
 
-// An index and the model of it.
+// An index and its model.
 class Both {
  public:
   Both(Random& random, Family family, int changed_percent)
@@ -48,7 +48,7 @@ class Both {
   std::int32_t width() const { return static_cast<std::int32_t>(rows_.width); }
   Floats row(std::int64_t i) { return Floats(rows_.row(i), rows_.row(i) + rows_.width); }
 
-  // Ids in a random order, a few of them repeated.
+  // Ids in a random order, with a few duplicates.
   void build() {
     for (std::int64_t i = 0; i < rows_.count; ++i) ids_.push_back(i);
     random_.shuffle(ids_);
@@ -66,8 +66,8 @@ class Both {
     seal(index_, width(), ids_, rows_.vectors, parts);
   }
 
-  // New ids and known ones; vectors of the base, some of them with giants that cancel, which no
-  // vector of the base has.
+  // New ids and existing ones; vectors of the base, some of them with giants that cancel, which no
+  // base row has.
   void insert_rows(std::int64_t count) {
     const float giant = magnitude_of(rows_.vectors) * 0x1p+22f;
     Ids ids;
@@ -117,7 +117,8 @@ class Both {
     set_ivf(index_, 5, ivf);
   }
 
-  // Compares a search of the model, which fills k slots, with the engine's under every kernel.
+  // Compares a search of the model, which fills k slots, with the same search of the engine under
+  // every kernel.
   template <typename Expect, typename Call>
   void compare(const char* search, std::int64_t k, Expect expect, Call call) {
     Ids ids(static_cast<std::size_t>(k));
@@ -149,7 +150,7 @@ class Both {
         [&] { return search_partition(index_, key, query, k); });
   }
 
-  // A third of the rows by their ids, with some that do not exist and some twice.
+  // A third of the rows by their ids, with absent ids and duplicates.
   void candidates(const Floats& query, std::int32_t k) {
     Ids listed;
     for (std::int64_t i = 0; i < rows_.count / 3; ++i) {

@@ -1,4 +1,4 @@
-// The door to the heap and the checked array, where no call of the interface leads.
+// The heap functions and the checked array, in cases that no call of the interface reaches.
 #include <gtest/gtest.h>
 
 #include "support/array.h"

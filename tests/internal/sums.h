@@ -1,5 +1,5 @@
-// Sums for the tests of kernels and scans: the score as the numeric contract says it, and the exact
-// sum of a row's products, which no rounding has touched.
+// Sums for the tests of kernels and scans: the score as the numeric contract defines it, and the
+// exact sum of a row's products, without rounding.
 #pragma once
 
 #include <bit>
@@ -15,8 +15,8 @@ inline float contract_score(const float* row, const float* query, std::int64_t d
   return sum;
 }
 
-// A sum of doubles without any rounding: parts that do not overlap, the smallest first. A product
-// of two floats is a double, also where it would be far below the smallest float.
+// A sum of doubles without any rounding, as parts that do not overlap, the smallest first. The
+// product of two floats is exact in double, even if it is far below the smallest float.
 class ExactSum {
  public:
   ExactSum() = default;
@@ -29,7 +29,7 @@ class ExactSum {
     dim_ = static_cast<double>(dim);
   }
 
-  // How far a float is from the exact sum.
+  // The distance of a float from the exact sum.
   double distance(float value) const {
     ExactSum difference = *this;
     difference.add(-double{value});
@@ -38,7 +38,8 @@ class ExactSum {
     return std::abs(sum);
   }
 
-  // How far a score, or an estimate, may be from it, as kernels.h states.
+  // The largest allowed distance of a score or an estimate from the exact sum, as kernels.h states
+  // it.
   double bound() const {
     constexpr double kUnit = 0x1p-24;
     return magnitudes_ * dim_ * kUnit / (1 - dim_ * kUnit) + dim_ * 0x1p-126;

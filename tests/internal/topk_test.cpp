@@ -1,5 +1,5 @@
-// The top-k buffer against a stable sort of all candidates: every way in which the buffer works,
-// by its size, with ties, special values, and scores that rise, fall or stay.
+// The top-k buffer, compared with a stable sort of all candidates: every algorithm of the buffer,
+// by its size, with ties, special values, and scores that rise, fall or stay equal.
 #include "read/topk.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ struct Hit {
   float score;
 };
 
-// The k best that may enter at all; a stable sort keeps equals in order of arrival.
+// The k best that may enter; a stable sort keeps equal scores in order of arrival.
 std::vector<Hit> sorted_best(const std::vector<float>& scores, std::int64_t k) {
   std::vector<Hit> hits;
   for (std::size_t i = 0; i < scores.size(); ++i) {
@@ -37,7 +37,7 @@ std::vector<Hit> sorted_best(const std::vector<float>& scores, std::int64_t k) {
 
 constexpr std::int64_t kSingly = 0;
 
-// Offers the scores in blocks of this many, or singly.
+// Offers the scores in blocks of this many, or one by one.
 void expect_best(const std::vector<float>& scores, std::int64_t k, std::int64_t block) {
   std::vector<std::int64_t> ids(static_cast<std::size_t>(k));
   std::vector<float> kept(static_cast<std::size_t>(k));

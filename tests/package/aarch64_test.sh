@@ -15,7 +15,7 @@ compile() {
   "$compiler" -std=c++20 -O2 -ffp-contract=off -DQX_FP_CONTRACT_OFF -Iengine -Iinclude -Itests \
     -isystem "$googletest/include" -isystem "$googletest" "$@"
 }
-# Static programs need no AArch64 libraries beside the emulator; the linker's warning about look-ups
+# Static programs need no AArch64 libraries besides the emulator; the linker's warning about look-ups
 # of host names, which GoogleTest could make, does not concern these tests.
 link() {
   compile -static "$@" "$work/gtest.o" engine/*/*.cpp tests/support/child.cpp \

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Configures the project where packages are missing: what wants them is left out by name, and
-# what is asked for by ON ends the configuration.
+# Configures the project where packages are missing: parts that need them are left out by name, and
+# with ON a missing package ends the configuration.
 # usage: configure_test.sh SOURCE_DIRECTORY COMPILER
 set -euo pipefail
 source_directory=$1
@@ -28,7 +28,7 @@ configure() {
   cmake -S "$source_directory" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "$@" \
     >"$work/log" 2>&1
 }
-# leaves_out WHAT OPTION...: configures, and names each line of WHAT as left out.
+# leaves_out PARTS OPTION...: configures, and names each line of PARTS as left out.
 leaves_out() {
   local what
   configure "${@:2}" || fail "it cannot be configured with ${*:2}"
@@ -36,7 +36,7 @@ leaves_out() {
     grep -qxF -- "-- qx_runtime: left out, for want of $what" "$work/log" || fail "unsaid: $what"
   done <<<"$1"
 }
-# refuses MISSING OPTION...: does not configure, for want of what is missing.
+# refuses MISSING OPTION...: does not configure, because of the missing packages.
 refuses() {
   ! configure "${@:2}" || fail "it is configured with ${*:2}"
   grep -qF "qx_runtime: $1 is missing" "$work/log" || fail "unsaid with ${*:2}: $1"
@@ -56,7 +56,7 @@ refuses "a C compiler" -DQX_BUILD_EXAMPLES=ON "$no_c"
 refuses "nlohmann_json 3.10 or later" -DQX_BUILD_EXAMPLES=ON "$no_json"
 refuses Python -DQX_BUILD_TESTS=ON "$json" "$no_python"
 
-# What is OFF is neither looked for nor named.
+# The packages of parts that are OFF are not searched for, and not named.
 configure -DQX_BUILD_TESTS=OFF -DQX_BUILD_EXAMPLES=OFF "$no_gtest" "$no_json" "$no_c" ||
   fail "the library alone cannot be configured"
 ! grep -F 'left out' "$work/log" || fail "something is left out that nobody asked for"

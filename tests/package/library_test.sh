@@ -11,7 +11,7 @@ nm=${NM:-nm}
 here=$(dirname "$0")
 failed=0
 
-# Prints what differs between a stored list and the names on standard input.
+# Prints the differences between a stored list and the names on standard input.
 compare() {
   if ! diff "$here/$1" - >&2; then
     echo "library_test: $2 (< stored, > found)" >&2

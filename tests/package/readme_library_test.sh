@@ -2,7 +2,7 @@
 # Builds the shared library by the one line of the README, in a copy of the sources, by a
 # compiler of choice; looks at it from outside, and runs the README's host with it.
 # usage: readme_library_test.sh SOURCE_DIRECTORY COMPILER [RUNNER]...
-#   COMPILER  stands in place of the line's c++, and may bring options
+#   COMPILER  replaces the line's c++, and may have options
 #   RUNNER    an emulator and its options, for a compiler of another CPU
 set -euo pipefail
 source_directory=$(realpath "$1")

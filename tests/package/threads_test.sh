@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles the engine and what threads may do with it under the thread sanitizer, and runs that.
+# Compiles the engine and the threads program under the thread sanitizer, and runs it.
 # usage: threads_test.sh SOURCE_DIRECTORY COMPILER
 set -euo pipefail
 cd "$1"

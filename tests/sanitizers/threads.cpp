@@ -1,8 +1,8 @@
-// What the header allows threads to do: distinct handles at the same time, one handle by one thread
-// at a time, and one handle by many that read. Every thread plays a call sequence on its own index
-// with all 30 functions, again and again, while the others do; its results must equal those of a
-// thread alone. Then one index goes from thread to thread, each call under the host's lock. At last
-// all threads read one index, in which the host changes nothing meanwhile, each a query of its own.
+// The thread safety that the header promises: distinct handles at the same time, one handle by one
+// thread at a time, and one handle read by many. Each thread repeatedly plays a call sequence with
+// all 30 functions on its own index, while the others do the same; its results must equal those of
+// a single thread. Then all threads use one index in turn, each call under the host's lock. At last
+// all threads read one index, which nobody changes meanwhile, each with its own query.
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -60,7 +60,7 @@ void in_threads(Body body) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// The first calls of all threads come together: the first choice of kernels is among them.
+// All threads make their first calls together, so that the first choice of kernels is concurrent.
 bool distinct_handles() {
   std::array<std::vector<Seen>, kThreads> seen;
   std::atomic<int> ready = 0;

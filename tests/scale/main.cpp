@@ -1,5 +1,5 @@
-// Builds and searches indexes of many gigabytes: scale [LARGEST_GIB]. As much memory as is
-// available is used, or less where a bound is given.
+// Builds and searches indexes of many gigabytes: scale [LARGEST_GIB]. It uses as much memory as is
+// available, or less where a bound is given.
 #include <algorithm>
 #include <cstdlib>
 
@@ -18,10 +18,10 @@ void under_every_kernel(const std::function<void(const char*)>& work) {
 
 namespace {
 
-// Left to the rest of the machine.
+// Memory left to the rest of the machine.
 constexpr std::int64_t kReserve = 3 * kGiB / 2;
 
-// Somewhat more than 2^32, 2^31 or 2^30 elements: whichever fits; 0 if none does.
+// A number of elements slightly above 2^32, 2^31 or 2^30: the largest that fits; 0 if none does.
 std::int64_t rows_that_fit(std::int64_t bytes) {
   constexpr std::int64_t kMore = 4099;  // neither whole blocks nor whole groups of rows
   for (const int bits : {32, 31, 30}) {

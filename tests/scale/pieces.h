@@ -1,5 +1,5 @@
-// Host buffers of many gigabytes in little memory: one piece, mapped again and again. What such a
-// buffer holds repeats; a place that is written privately gets a page of its own.
+// Host buffers of many gigabytes in little memory: one piece, mapped repeatedly. The contents of
+// such a buffer repeat; memory that is written privately gets pages of its own.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace qx_scale {
 
-// A piece of memory that can be mapped many times. Ends the program where the system refuses.
+// A piece of memory that can be mapped many times. Ends the program if the system refuses.
 class Piece {
  public:
   // `bytes` is a multiple of kPageBytes.
@@ -32,7 +32,8 @@ class Piece {
   void* data_;
 };
 
-// Where writes go: into the piece, so that every repetition shows them, or into the one place.
+// The target of writes: the shared piece, so that every repetition shows them, or only into this
+// mapping.
 enum class Writes { kShared, kPrivate };
 
 class Repeated {
@@ -52,7 +53,7 @@ class Repeated {
   void* data_;
 };
 
-// The bytes that programs can still take, by the system's estimate; 0 if it makes none.
+// The bytes that programs can still allocate, by the system's estimate; 0 if there is none.
 std::int64_t available_bytes();
 
 }  // namespace qx_scale

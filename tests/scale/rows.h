@@ -1,5 +1,5 @@
-// The rows of a large base, known without storing them: those of a piece, again and again, but for
-// a few champions; and the oracle, which scores and ranks them one by one.
+// The rows of a large base, known without storing them: a piece of rows, repeated, except for a few
+// champions; and the oracle, which scores and ranks them one by one.
 #pragma once
 
 #include <algorithm>
@@ -49,8 +49,8 @@ class Oracle {
   Hits hits_;
 };
 
-// Champions beat all other rows, in an order that is not that of their places. They stand where
-// offsets, counted in bytes or in elements, pass powers of two, and at both ends.
+// Champions beat all other rows, in an order that differs from that of their rows. They are where
+// offsets, in bytes or in elements, exceed powers of two, and at both ends.
 class Rows {
  public:
   explicit Rows(std::int64_t count) : count_(count), piece_(kPieceRows * kRowBytes) {
@@ -74,7 +74,7 @@ class Rows {
   // Every id is odd; the table of ids is twice as long as the base.
   static std::int64_t id_of(std::int64_t row) { return 2 * row + 1; }
 
-  // A row's vector; for a champion, one that stands nowhere else.
+  // A row's vector; that of a champion occurs only once.
   const float* vector(std::int64_t row) const {
     const auto champion = champions_.find(row);
     return champion != champions_.end() ? champion->second.data()
@@ -87,7 +87,7 @@ class Rows {
   const std::map<std::int64_t, Floats>& champions() const { return champions_; }
 
   static constexpr std::int64_t kRowBytes = kWidth * 4;
-  // Whole pages, and no power of two: what wraps around at one meets other rows.
+  // Whole pages, and not a power of two: an offset that wraps at one reaches different rows.
   static constexpr std::int64_t kPieceRows = std::int64_t{8} * 16381;
 
  private:

@@ -1,4 +1,4 @@
-// What `./check scale` runs, and how it reports.
+// The stages of `./check scale`, and their report.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@ namespace qx_scale {
 
 inline constexpr std::int64_t kGiB = std::int64_t{1} << 30;
 
-// Prints each fact as it is found out, with the time since the start, and counts.
+// Prints each result with the time since the start, and counts them.
 class Report {
  public:
   void expect(bool holds, const char* fact) {
@@ -35,26 +35,26 @@ class Report {
 // Calls work(name) under every kernel that runs here.
 void under_every_kernel(const std::function<void(const char*)>& work);
 
-// Rows of so many floats.
+// Rows of this many floats.
 inline constexpr std::int64_t kWidth = 128;
 
-// The most that a base of `rows` rows takes in its stage, the host's part included.
+// The most memory that a base of `rows` rows takes in its stage, the host's part included.
 std::int64_t vectors_stage_bytes(std::int64_t rows);
 
-// A base of `rows` rows, searched and changed and copied out.
+// Builds a base of `rows` rows, searches it, changes it and exports it.
 void run_vectors(std::int64_t rows, Report& report);
 
-// The largest ids, the id behind them, and a table of more than 2^32 bytes.
+// The largest ids, the first id beyond them, and a table of more than 2^32 bytes.
 void run_ids(Report& report);
 
 // More than 2^28 partitions, and more than 2^28 members of IVF lists.
 void run_partitions(Report& report);
 void run_lists(Report& report);
 
-// More than 2^27 tombstones, from where the table of a map has wide slots.
+// More than 2^27 tombstones, at which the table of a map has wide slots.
 void run_tombstones(Report& report);
 
-// The most that any of these four takes.
+// The most memory that any of these four takes.
 inline constexpr std::int64_t kTablesStageBytes = 10 * kGiB;
 
 }  // namespace qx_scale

@@ -1,4 +1,4 @@
-// Tables that pass 2^31 and 2^32 bytes: of ids, of partitions, of list members, of tombstones.
+// Tables larger than 2^31 and 2^32 bytes: of ids, of partitions, of list members, of tombstones.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -20,7 +20,7 @@ using Floats = std::vector<float>;
 
 Handle new_index() { return Handle(qx_index_new(1, 0), qx_index_free); }
 
-// Rows of one float, which is the score under this query.
+// Rows of one float, which is also their score under this query.
 constexpr float kQuery = 1;
 
 std::int32_t build(QxIndex* index, const Ids& ids, const Floats& vectors) {
@@ -28,7 +28,7 @@ std::int32_t build(QxIndex* index, const Ids& ids, const Floats& vectors) {
                         nullptr, nullptr, nullptr, 0);
 }
 
-// The id of the best of the listed ids, -1 if none has a row.
+// The id of the best of the listed ids; -1 if none has a row.
 std::int64_t best_of(const QxIndex* index, const Ids& listed) {
   std::int64_t id = 0;
   float score = 0;
@@ -39,7 +39,7 @@ std::int64_t best_of(const QxIndex* index, const Ids& listed) {
 
 constexpr std::int64_t kIdLimit = std::int64_t{1} << 40;
 
-// Builds a base with one large id where no table for it can be had.
+// Builds a base with one large id, whose table cannot be allocated.
 qx_test::ChildEnd end_of_build_with(std::int64_t id) {
   return qx_test::run_in_child([=] {
     const rlimit address_space{16u << 20, 16u << 20};
@@ -76,8 +76,8 @@ namespace {
 // More than 2^28, so that their keys take more than 2^31 bytes.
 constexpr std::int32_t kMany = (1 << 28) + 77;
 
-// A base whose partitions are single rows, but for the last, which has two. Partition p has the key
-// 3 p and, since the table of starts repeats, row p % kPieceParts.
+// A base whose partitions have one row each, except the last, which has two. Partition p has the
+// key 3 p and, since the table of starts repeats, row p % kPieceParts.
 constexpr std::int32_t kPieceParts = 1 << 20;
 
 Handle partitioned() {
@@ -99,7 +99,7 @@ Handle partitioned() {
   return index;
 }
 
-// What a search of a partition finds: ids, best first.
+// The ids that a search of a partition returns, best first.
 Ids found_in(const QxIndex* index, std::int64_t key) {
   Ids ids(4);
   Floats scores(4);
@@ -160,7 +160,7 @@ void run_lists(Report& report) {
 
 void run_tombstones(Report& report) {
   report.stage("tombstones");
-  // Every fourth row is deleted, and many ids that have no row.
+  // Deletes every fourth row, and many ids that have no row.
   constexpr std::int64_t kRows = std::int64_t{1} << 20;
   constexpr std::int32_t kDeleted = (1 << 27) + 1000;
   const Handle index = new_index();

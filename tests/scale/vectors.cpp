@@ -1,4 +1,4 @@
-// A base whose vectors fill most of the memory: every way to search it, changes, and every way out.
+// A base whose vectors fill most of the memory: every search, changes, and every export.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -18,7 +18,7 @@ constexpr std::int32_t kBest = 100;
 constexpr std::int64_t kLastPart = 5000;
 constexpr std::int64_t kMiddlePart = 10001;
 
-// The partitions: what comes before the last rows, the last rows, and rows in the middle.
+// The partitions: all rows before the last ones, the last rows, and rows in the middle.
 struct Parts {
   explicit Parts(std::int64_t rows)
       : starts{0, static_cast<std::int32_t>(rows - kLastPart), static_cast<std::int32_t>(rows / 2)},
@@ -28,7 +28,7 @@ struct Parts {
   std::int32_t sizes[3];
 };
 
-// Builds the index from a host's copy that exists only here.
+// Builds the index from a host's copy that is released on return.
 bool build(QxIndex* index, const Rows& rows, const Parts& parts) {
   const auto bytes = static_cast<std::size_t>(rows.count() * Rows::kRowBytes);
   const Repeated vectors(rows.piece(), bytes, Writes::kPrivate);
@@ -51,7 +51,7 @@ Hits best_of_rows(const Rows& rows, std::int64_t first, std::int64_t count) {
   return oracle.hits();
 }
 
-// What a search writes, if it returns that it wrote kBest slots.
+// The results of a search; empty if it does not return kBest.
 template <typename Search>
 Hits hits_of(Search search) {
   Ids ids(kBest);
@@ -73,7 +73,7 @@ void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, R
   for (int i = 0; i < 20000; ++i) {
     const std::int64_t row = rows.count() - 1 - random.between(0, rows.count() - 1) * i / 20000;
     listed.push_back(Rows::id_of(row));
-    listed.push_back(Rows::id_of(row) + 1);  // no row's
+    listed.push_back(Rows::id_of(row) + 1);  // an id without a row
     oracle.offer(rows.score(row), Rows::id_of(row));
   }
   under_every_kernel([&](const char* kernel) {
@@ -98,15 +98,15 @@ void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, R
   });
 }
 
-// Rows inserted and deleted, and what is visible then.
+// The rows inserted and deleted, and the visible ones.
 struct Changed {
   Ids inserted;
   Floats vectors;
   std::set<std::int64_t> deleted;
 };
 
-// Every other champion is deleted, the others are inserted anew with worse vectors; and ids beyond
-// all others come in.
+// Deletes every other champion, inserts the others again with worse vectors, and inserts ids larger
+// than all others.
 Changed change(QxIndex* index, const Rows& rows) {
   Changed changed;
   const auto insert = [&](std::int64_t id, float factor) {
@@ -129,7 +129,8 @@ Changed change(QxIndex* index, const Rows& rows) {
   return changed;
 }
 
-// Calls visit(id, score) for what is visible, in walk order. The changed base rows are champions.
+// Calls visit(id, score) for each visible row, in the order of the contract. The changed base rows
+// are champions.
 template <typename Visit>
 void walk(const Rows& rows, const Changed& changed, Visit visit) {
   for (std::size_t i = 0; i < changed.inserted.size(); ++i) {
@@ -163,7 +164,7 @@ void search_current(const QxIndex* index, const Rows& rows, const Changed& chang
   });
 }
 
-// Labels on rows near both ends; the label of a deleted row stays, and the row does not match.
+// Labels rows near both ends; a deleted row keeps its label, and does not match.
 void match(QxIndex* index, const Rows& rows, const Changed& changed, Report& report) {
   Ids labelled = {Rows::id_of(1), *changed.deleted.rbegin(), Rows::id_of(rows.count() - 7)};
   const Ids labels(labelled.size(), 5);
@@ -181,8 +182,8 @@ bool has_vector(const float* found, const float* expected) {
   });
 }
 
-// Whether the last rows that were written through a repeated buffer are the base's last rows that
-// are no champions, or are any.
+// True if a repeated buffer ends with the vectors of the base's last rows, where champions are
+// skipped unless `champions_too`.
 bool ends_with_base(const float* end, const Rows& rows, bool champions_too) {
   for (std::int64_t row = rows.count() - 1; row >= rows.count() - Rows::kPieceRows / 2; --row) {
     if (!champions_too && rows.champions().count(row) != 0) continue;
@@ -192,7 +193,7 @@ bool ends_with_base(const float* end, const Rows& rows, bool champions_too) {
   return true;
 }
 
-// The vectors are written over and over into one piece, of which the last ones remain.
+// The vectors are written into one repeated piece, in which the last ones remain.
 void copy_out(const QxIndex* index, const Rows& rows, const Changed& changed, Report& report) {
   const std::int64_t visible = qx_index_visible_count(index);
   Ids expected;

@@ -28,7 +28,7 @@ namespace {
 
 }  // namespace
 
-// Only the last line can be the emulator's.
+// Only the last line can come from the emulator.
 void remove_emulator_note(std::string* text) {
   const std::size_t note = text->rfind("qemu: uncaught target signal");
   if (note != std::string::npos) text->erase(note);
@@ -62,7 +62,7 @@ ChildEnd run_in_child(const std::function<void()>& body) {
   return end;
 }
 
-// Both checks read the numbers that may vary and put the line together anew, to compare it whole.
+// Both checks read the numbers that may vary and rebuild the line from them, to compare all of it.
 
 bool is_bounds_line(const std::string& text, std::int64_t index, std::int64_t length) {
   unsigned line = 0;

@@ -16,12 +16,12 @@ struct ChildEnd {
 // Forks, runs the body and exits with status 0 when the body returns.
 ChildEnd run_in_child(const std::function<void()>& body);
 
-// Under user-mode emulation the emulator adds a line of its own about the signal to what a child
-// wrote to standard error. It is not the engine's; this removes it.
+// A user-mode emulator adds a line about the signal to what a child wrote to standard error. This
+// function removes it.
 void remove_emulator_note(std::string* text);
 
-// Whether a text is exactly the one line of a bounds failure, or of a failed allocation, ended by
-// a newline and with nothing else around it. Any line and column number will do.
+// True if a text is exactly the line of a bounds failure, or of a failed allocation, and a newline.
+// Any line and column number is accepted.
 bool is_bounds_line(const std::string& text, std::int64_t index, std::int64_t length);
 bool is_allocation_line(const std::string& text);
 

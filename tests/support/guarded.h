@@ -1,5 +1,5 @@
-// Host buffers that the engine cannot leave unnoticed: each lies flush against an unmapped page,
-// at its end or at its start, and the other side is filled with a pattern that is checked.
+// Host buffers that detect any access outside them: each begins or ends at an unmapped page, and
+// the other side is filled with a pattern that is checked.
 #pragma once
 
 #include <sys/mman.h>
@@ -16,7 +16,7 @@ namespace qx_test {
 
 enum class Edge { kEnd, kStart };
 
-// One mapping between two unmapped pages, in which buffers of changing size are placed in turn.
+// One mapping between two unmapped pages, for buffers of changing size, one at a time.
 class GuardedPages {
  public:
   GuardedPages() = default;
@@ -24,7 +24,7 @@ class GuardedPages {
   GuardedPages& operator=(const GuardedPages&) = delete;
   ~GuardedPages() { unmap(); }
 
-  // A place of `bytes` bytes against the given edge, everything else filled with the pattern.
+  // Memory of `bytes` bytes at the given edge; everything else is filled with the pattern.
   unsigned char* place(std::size_t bytes, Edge edge) {
     if (usable_ == 0 || bytes > usable_) map(bytes == 0 ? 1 : bytes);
     bytes_ = bytes;
@@ -33,7 +33,7 @@ class GuardedPages {
     return start_;
   }
 
-  // Whether everything near the place still holds the pattern.
+  // True if the bytes near the buffer still have the pattern.
   bool margins_intact() const {
     bool intact = true;
     for_each_margin([&](const unsigned char* at, std::size_t count) {
@@ -46,7 +46,7 @@ class GuardedPages {
   static constexpr unsigned char kPattern = 0xA5;
   static constexpr std::size_t kMargin = 256;
 
-  // The bytes before and after the place, as far as they are mapped and near.
+  // The mapped bytes shortly before and after the buffer.
   template <typename Visit>
   void for_each_margin(Visit visit) const {
     const auto before = static_cast<std::size_t>(start_ - first_);
@@ -87,7 +87,7 @@ class GuardedPages {
   std::size_t bytes_ = 0;
 };
 
-// A guarded array of T. With no elements it still has an address, which must not be touched.
+// A guarded array of T. Even without elements it has an address, which must not be accessed.
 template <typename T>
 class Guarded {
  public:
@@ -97,7 +97,7 @@ class Guarded {
   }
   explicit Guarded(const std::vector<T>& values, Edge edge = Edge::kEnd) { assign(values, edge); }
 
-  // Places the array anew with these values.
+  // Replaces the array by these values.
   void assign(const std::vector<T>& values, Edge edge = Edge::kEnd) {
     place(values.size(), edge);
     if (!values.empty()) std::memcpy(data_, values.data(), values.size() * sizeof(T));
@@ -110,7 +110,7 @@ class Guarded {
   const T& operator[](std::size_t i) const { return data_[i]; }
   std::vector<T> values() const { return std::vector<T>(data_, data_ + size_); }
 
-  // Bit for bit.
+  // Compares bits.
   bool equals(const std::vector<T>& values) const {
     return values.size() == size_ &&
            (size_ == 0 || std::memcmp(values.data(), data_, size_ * sizeof(T)) == 0);

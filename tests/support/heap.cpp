@@ -11,7 +11,7 @@ constexpr std::size_t kMostEvents = 4096;
 
 struct Event {
   const void* block;
-  std::size_t bytes;  // of a block that is had
+  std::size_t bytes;  // of an allocated block
   bool released;
 };
 
@@ -23,7 +23,7 @@ std::int64_t allocations = 0;
 std::int64_t failing_number = 0;  // 0: none
 bool failing_from_then_on = false;
 
-// Counts an allocation that is asked for; whether it is to fail.
+// Counts an allocation. Returns true if it must fail.
 bool next_fails() {
   if (!recording) return false;
   ++allocations;
@@ -41,7 +41,7 @@ void note_released(const void* block) { note({block, 0, true}); }
 
 using Held = std::vector<Event>;
 
-// Takes a block away that was had while recording.
+// Removes a block that was allocated while recording.
 void remove(Held& held, const void* block) {
   const auto found =
       std::find_if(held.begin(), held.end(), [&](const Event& had) { return had.block == block; });
@@ -115,7 +115,7 @@ void* __wrap_aligned_alloc(std::size_t alignment, std::size_t bytes) {
   return block;
 }
 
-// A block that moves is given back at its old place and had at its new one.
+// A block that moves is released at its old address and allocated at its new one.
 void* __wrap_realloc(void* block, std::size_t bytes) {
   if (next_fails()) return nullptr;
   note_released(block);

@@ -10,17 +10,17 @@
 namespace qx_test {
 
 struct HeapLog {
-  std::int64_t allocations = 0;         // blocks asked for; a block that moves is asked for anew
-  std::vector<const void*> releases;    // blocks given back, in order
-  std::vector<const void*> still_held;  // blocks had while recording and not given back
-  std::int64_t held_bytes = 0;          // the sizes that these were asked for with
+  std::int64_t allocations = 0;         // also counts blocks that move
+  std::vector<const void*> releases;    // released blocks, in order
+  std::vector<const void*> still_held;  // allocated while recording, and not released
+  std::int64_t held_bytes = 0;          // the requested sizes of these
 };
 
-// What a piece of code did that calls nothing but the engine.
+// Records the allocations of code that calls only the engine.
 HeapLog record_heap(const std::function<void()>& body);
 
-// Runs a piece of code in which the allocation of this number (from 1) returns null and, when
-// `from_then_on` is set, every later one.
+// Runs code in which the allocation of this number (from 1) returns null and, with `from_then_on`,
+// every later one.
 void with_failing_allocation(std::int64_t number, bool from_then_on,
                              const std::function<void()>& body);
 

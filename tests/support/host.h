@@ -1,5 +1,5 @@
-// The host of the named tests: it hands the engine copies of its arrays against unmapped pages,
-// gives them back when the call returns, and reads results out of buffers filled with a pattern.
+// The host of the named tests: it passes the engine copies of its arrays next to unmapped pages,
+// releases them when the call returns, and reads results from buffers filled with a pattern.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,11 +36,11 @@ using Ids = std::vector<std::int64_t>;
 using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
 
-// What the slots of output buffers hold before a call; no test stores these values.
+// The contents of output buffers before a call; no test stores these values.
 inline constexpr std::int64_t kUntouchedId = 0x5A5A5A5A5A5A5A5A;
 inline constexpr float kUntouchedFloat = std::bit_cast<float>(0x7FD5A5A5);
 
-// Slots behind those that a call may write.
+// Slots after those that a call may write.
 inline constexpr std::size_t kSpareSlots = 4;
 
 inline std::uint32_t bits_of(float value) { return std::bit_cast<std::uint32_t>(value); }
@@ -66,7 +66,7 @@ struct Hit {
 
 inline constexpr Hit kEmptySlot{QX_EMPTY_ID, QX_EMPTY_SCORE};
 
-// What a search returned, and the slots up to the last one that it wrote.
+// The result of a search, and the slots up to the last one that it wrote.
 struct Found {
   std::int64_t returned;
   std::vector<Hit> slots;
@@ -83,7 +83,7 @@ inline Found found(std::vector<Hit> slots) {
 
 inline Found nothing_written() { return {0, {}}; }
 
-// Rows copied out: ids, and vectors compared by their bits.
+// Exported rows: ids, and vectors compared by their bits.
 struct Rows {
   Ids ids;
   Floats vectors;
@@ -139,7 +139,7 @@ struct Metadata {
   friend bool operator==(const Metadata&, const Metadata&) = default;
 };
 
-// A handle that is freed with its scope. It passes for the plain handle in every call.
+// A handle that is released with its scope, and converts to the plain handle.
 class Index {
  public:
   explicit Index(std::uint32_t dim, std::uint32_t user_tag = 0)
@@ -175,8 +175,8 @@ inline void seal(QxIndex* index, std::int32_t dim, const Ids& ids, const Floats&
   ASSERT_EQ(build(index, dim, ids, vectors, parts), 0);
 }
 
-// The same for a base that another build will replace: its arrays stay allocated for good, by
-// contract, and are no leak.
+// The same for a base that another build will replace: by contract its arrays are never released,
+// so they are not reported as a leak.
 inline void seal_to_be_replaced(QxIndex* index, std::int32_t dim, const Ids& ids,
                                 const Floats& vectors, const Partitions& parts = {}) {
 #if defined(QX_TEST_ADDRESS_SANITIZER)
@@ -295,7 +295,7 @@ std::vector<T> written(const Guarded<T>& buffer, T untouched) {
   return values;
 }
 
-// Calls a listing that writes up to `most` ids; what it returned must be what it wrote.
+// Calls a listing that writes up to `most` ids; it must return the number that it wrote.
 template <typename Call>
 Ids run_listing(std::int64_t most, Call call) {
   Guarded<std::int64_t> out(static_cast<std::size_t>(most) + kSpareSlots, kUntouchedId);
@@ -357,10 +357,10 @@ inline Metadata export_rowmeta(QxIndex* index, const Ids& ids) {
   return {returned, written(labels, kUntouchedId), written(values, kUntouchedId)};
 }
 
-// ---- The whole of it ---------------------------------------------------------------------------
+// ---- The whole state ---------------------------------------------------------------------------
 
-// Everything that the accessors and the exports show: equal before and after a call that must
-// change nothing.
+// Everything that the accessors and the exports return: equal before and after a call that must not
+// change anything.
 struct Observed {
   Stats stats;
   std::uint64_t snapshot;
@@ -379,7 +379,7 @@ inline Observed observe(QxIndex* index) {
           export_visible(index)};
 }
 
-// Whether a piece of code ends its process because of an index on an array of `length` elements.
+// True if code ends its process because of an index into an array of `length` elements.
 inline testing::AssertionResult ends_out_of_bounds(std::int64_t index, std::int64_t length,
                                                    const std::function<void()>& body) {
   const ChildEnd end = run_in_child(body);

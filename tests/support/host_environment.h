@@ -1,6 +1,6 @@
-// Floating-point environments that a host may have set, and whether a call left them alone. It
-// reads and writes the CPU's registers in its own way, so that it would see what the engine
-// forgets.
+// Floating-point environments that a host may have set, and a check that a call restores them. It
+// accesses the CPU's registers by code of its own, so that it notices what the engine does not
+// restore.
 #pragma once
 
 #include <cfenv>
@@ -44,7 +44,7 @@ inline const std::vector<FpEnvironment>& fp_environments() {
   return all;
 }
 #else
-// What <cfenv> can say everywhere, and on AArch64 the registers: bit 24 of FPCR flushes denormals.
+// Portable through <cfenv>; on AArch64 also the registers: bit 24 of FPCR flushes denormals.
 struct FpEnvironment {
   const char* name;
   int rounding;
@@ -90,7 +90,7 @@ inline const std::vector<FpEnvironment>& fp_environments() {
 }
 #endif
 
-// Makes a call in an environment, and says whether it is as it was afterwards.
+// Makes a call in an environment. Returns true if the environment is the same afterwards.
 template <typename Call>
 [[gnu::noinline]] bool leaves_environment(const FpEnvironment& host, Call& call) {
   const FpEnvironment before = FpEnvironment::current();

@@ -20,7 +20,7 @@ class Random {
   // Choices made by bytes, each by as few as it needs; after the last byte, by zeros.
   explicit Random(std::span<const std::uint8_t> bytes) : from_bytes_(true), bytes_(bytes) {}
 
-  // Whether there were bytes and none are left.
+  // True if there were bytes and all are used.
   bool exhausted() const { return from_bytes_ && bytes_.empty(); }
 
   // The source of choices for an array. Bytes choose the elements of short arrays one by one; for a
@@ -45,7 +45,7 @@ class Random {
     const std::uint64_t span = static_cast<std::uint64_t>(high - low) + 1;
     const std::uint64_t chosen =
         from_bytes_ ? take((static_cast<std::size_t>(std::bit_width(span - 1)) + 7) / 8) : bits();
-    // All numbers together are 2^64, which is 0 here.
+    // The range of all numbers has 2^64 values, which is 0 here.
     return low + static_cast<std::int64_t>(span == 0 ? chosen : chosen % span);
   }
   std::int32_t between32(std::int32_t low, std::int32_t high) {
@@ -70,7 +70,7 @@ class Random {
  private:
   static constexpr std::int64_t kShortArray = 16;
 
-  // A number of so many bytes, the lowest first.
+  // A number of this many bytes, little-endian.
   std::uint64_t take(std::size_t count) {
     std::uint64_t number = 0;
     for (std::size_t i = 0; i < count && !bytes_.empty(); ++i) {
@@ -86,7 +86,7 @@ class Random {
   std::unique_ptr<Random> array_;
 };
 
-// The kinds of component values that a call sequence draws from.
+// The kinds of values that components are drawn from.
 enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kGiants };
 
 inline float special_float(Random& random) {
@@ -135,7 +135,7 @@ inline std::vector<float> draw_floats(Random& random, Values kind, std::int64_t 
   std::vector<float> values;
   for (std::int64_t i = 0; i < count; ++i) values.push_back(draw_float(random, kind));
   if (kind != Values::kGiants) return values;
-  // Giants that cancel, two components apart: what is left depends on the order of additions.
+  // Giants that cancel, two components apart: the sum depends on the order of additions.
   for (std::size_t i = 2; i < values.size(); ++i) {
     if (!random.percent(10)) continue;
     values[i - 2] = random.percent(50) ? 0x1p+20f : -0x1p+20f;
