@@ -164,7 +164,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
     if (random.percent(50)) {
       Play<qx::Int64Map>(random).run();
     } else {
-      Play<qx::BasicInt64Map<4>>(random).run();  // wide slots from 32 slots on
+      Play<qx::BasicInt64Map<4>>(random).run();  // wide table slots from 32 of them on
     }
   });
   require(log.still_held.empty(), "memory is held after the map was released");

@@ -16,7 +16,7 @@
 namespace {
 
 using qx::Int64Map;
-using WideMap = qx::BasicInt64Map<4>;  // wide slots from 32 slots on
+using WideMap = qx::BasicInt64Map<4>;  // wide table slots from 32 of them on
 using qx_test::Random;
 using Keys = std::vector<std::int64_t>;
 

@@ -51,7 +51,7 @@ void run_ids(Report& report);
 void run_partitions(Report& report);
 void run_lists(Report& report);
 
-// More than 2^27 tombstones, at which the table of a map has wide slots.
+// More than 2^27 tombstones, at which a map needs wide table slots.
 void run_tombstones(Report& report);
 
 // The most memory that any of these four takes.

@@ -222,7 +222,7 @@ void copy_out(const QxIndex* index, const Rows& rows, const Changed& changed, Re
 
 }  // namespace
 
-// Vectors; ids here and there, the table with two slots a row, two lists of ids; the pieces.
+// Vectors; ids of host and index, a table of two elements a row, two lists of ids; the pieces.
 std::int64_t vectors_stage_bytes(std::int64_t rows) {
   return rows * (Rows::kRowBytes + 16 + 16 + 16) + kGiB / 2;
 }

@@ -11,7 +11,7 @@ constexpr std::size_t kMostEvents = 4096;
 
 struct Event {
   const void* block;
-  std::size_t bytes;  // of an allocated block
+  std::size_t bytes;  // of one allocation
   bool released;
 };
 
@@ -41,7 +41,7 @@ void note_released(const void* block) { note({block, 0, true}); }
 
 using Held = std::vector<Event>;
 
-// Removes a block that was allocated while recording.
+// Removes an allocation that was made while recording.
 void remove(Held& held, const void* block) {
   const auto found =
       std::find_if(held.begin(), held.end(), [&](const Event& had) { return had.block == block; });
@@ -115,7 +115,7 @@ void* __wrap_aligned_alloc(std::size_t alignment, std::size_t bytes) {
   return block;
 }
 
-// A block that moves is released at its old address and allocated at its new one.
+// A reallocation that moves counts as a release of the old address and an allocation of the new.
 void* __wrap_realloc(void* block, std::size_t bytes) {
   if (next_fails()) return nullptr;
   note_released(block);

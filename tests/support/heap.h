@@ -10,8 +10,8 @@
 namespace qx_test {
 
 struct HeapLog {
-  std::int64_t allocations = 0;         // also counts blocks that move
-  std::vector<const void*> releases;    // released blocks, in order
+  std::int64_t allocations = 0;         // also counts reallocations that move
+  std::vector<const void*> releases;    // released addresses, in order
   std::vector<const void*> still_held;  // allocated while recording, and not released
   std::int64_t held_bytes = 0;          // the requested sizes of these
 };
