@@ -2,14 +2,14 @@
 
 A mutant changes one operator, number or statement of one line. Two things excuse mutants:
 
-A comment `// Tuning: REASON` in the engine says that the lines from there to the next blank line, or
-to the end of the block, only choose among ways to the same results. They are not mutated.
+A comment `// Tuning: REASON` in the engine says that the lines from there to the next blank line,
+or to the end of the block, only choose among ways to the same results. They are not mutated.
 
-An entry of equivalent_mutants.txt excuses one mutant, or all mutants of some lines. It holds code as
-it was when it was listed, and finds it again by its structure: any name may have changed, as long as
-equal names are still equal and different names different. Indentation, line breaks, comments and the
-place in the file do not matter. Exactly one piece of code must have the structure of an entry; where
-two have it, the entry needs more lines around the change.
+An entry of equivalent_mutants.txt excuses one mutant, or all mutants of some lines. It holds code
+as it was when it was listed, and finds it again by its structure: any name may have changed, as
+long as equal names are still equal and different names different. Indentation, line breaks,
+comments and the place in the file do not matter. Exactly one piece of code must have the structure
+of an entry; where two have it, the entry needs more lines around the change.
 """
 import bisect
 import collections
@@ -55,8 +55,8 @@ KEYWORDS = set("""
     signed sizeof static static_assert static_cast struct switch template this true typedef typename
     union unsigned using virtual void volatile while""".split())
 
-# `which` counts the lines of the file that read like this one, from 1 on. With file, line and change
-# it names a mutant for the draw by a seed and for stored verdicts.
+# `which` numbers the equal lines of a file, from 1 on. With file, line and change it names a mutant
+# for the draw by a seed and for stored verdicts.
 Mutant = collections.namedtuple("Mutant", "file which line changed number kind")
 Token = collections.namedtuple("Token", "text is_name")
 Entry = collections.namedtuple("Entry", "file reason hunk")
@@ -207,7 +207,8 @@ class Excused:
             self.place(entry, by_file.get(entry.file))
 
     def place(self, entry, source):
-        code = [(sign, token) for sign, line in entry.hunk if sign != "+" for token in tokens_of(line)]
+        code = [(sign, token)
+                for sign, line in entry.hunk if sign != "+" for token in tokens_of(line)]
         pattern = [token for _, token in code]
         shown = f"{entry.file}: " + " ".join(token.text for token in pattern)
         found = list(source.find(pattern)) if source else []

@@ -1,4 +1,4 @@
-"""What mutants.py excuses, by entries of a list and by markers, and what mutation.py makes of it."""
+"""Tests of what mutants.py excuses, by entries and by markers, and of mutation.py's verdict."""
 import contextlib
 import io
 import unittest
@@ -65,7 +65,8 @@ struct Map {
         self.assertEqual(([";"], []), changes(code, entry))
 
     def test_leave_out_lines_without_a_changed_line(self):
-        found = excused(CODE, f"{FILE}: either way is right\n- if (key > 0) {{\n    return key + 1;\n")
+        entry = f"{FILE}: either way is right\n- if (key > 0) {{\n    return key + 1;\n"
+        found = excused(CODE, entry)
         self.assertEqual([], found.problems)
         self.assertEqual({3, 5}, {mutant.number for mutant in found.left_out()})
 
@@ -93,7 +94,8 @@ struct Map {
         self.assert_problem("0 pieces", CODE, ENTRY.replace("map.h", "maps.h"))
 
     def test_are_errors_without_a_reason(self):
-        self.assert_problem("not a file with a reason", CODE, ENTRY.replace("no key is 1, so both ", ""))
+        unexplained = ENTRY.replace("no key is 1, so both ", "")
+        self.assert_problem("not a file with a reason", CODE, unexplained)
 
 
 class Markers(unittest.TestCase):
@@ -129,8 +131,8 @@ class Verdicts(unittest.TestCase):
 
 class Tokens(unittest.TestCase):
     def test_are_names_unless_the_language_fixes_them(self):
-        names = [token.text for token in tokens_of("if (std::min(a, b) >> 2u != kMost) return;  // c")
-                 if token.is_name]
+        tokens = tokens_of("if (std::min(a, b) >> 2u != kMost) return;  // c")
+        names = [token.text for token in tokens if token.is_name]
         self.assertEqual(["a", "b", "kMost"], names)
 
     def test_keep_operators_and_numbers_whole(self):
