@@ -14,7 +14,7 @@ namespace qx {
 class RowBitmap {
  public:
 #if defined(QX_SMALL_SPANS)
-  // In builds for tests: the bases of random histories then have several spans.
+  // In builds for tests: the bases of random call sequences then have several spans.
   static constexpr std::int64_t kMaxRows = 128;
 #else
   // 64 KiB, most of the stack that a read needs.

@@ -10,10 +10,10 @@
 #include <set>
 #include <vector>
 
-#include "histories/random.h"
 #include "qx_runtime.h"
 #include "support/heap.h"
 #include "support/int64_map.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {

@@ -7,11 +7,11 @@
 #include <limits>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "internal/sums.h"
 #include "kernels/kernels.h"
 #include "support/guarded.h"
+#include "support/random.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "internal/sums.h"
 #include "support/guarded.h"
+#include "support/random.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "internal/sums.h"
 #include "read/scan.h"
+#include "support/random.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <new>
 #include <set>
 
-#include "histories/random.h"
 #include "support/guarded.h"
+#include "support/random.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <limits>
 #include <vector>
 
-#include "histories/random.h"
+#include "support/random.h"
 
 namespace qx_test {
 

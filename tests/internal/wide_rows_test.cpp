@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "histories/random.h"
 #include "internal/every_kernel.h"
 #include "read/scan.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {

@@ -1,4 +1,0 @@
-// The earlier place of support/random.h.
-#pragma once
-
-#include "support/random.h"
