@@ -1,25 +1,51 @@
-// Chooses the kernels: once, from a list, by asking the CPU.
+// Completes the tables of tables.h, at compile time, and chooses one of them once, by asking the
+// CPU.
 #include <atomic>
 #include <cstring>
 
 #include "kernels/kernels.h"
+#include "kernels/tables.h"
 
 namespace qx {
 namespace {
 
+template <typename Function>
+constexpr Function* own_or_inherited(Function* own, Function* inherited) {
+  return own != nullptr ? own : inherited;
+}
+
+constexpr Kernels inherit(const Kernels& own, const Kernels& next) {
+  return {own.name,
+          own.supported,
+          own_or_inherited(own.score_contiguous, next.score_contiguous),
+          own_or_inherited(own.score_scattered, next.score_scattered),
+          own_or_inherited(own.estimate_contiguous, next.estimate_contiguous),
+          own_or_inherited(own.estimate_scattered, next.estimate_scattered),
+          own_or_inherited(own.mask_not_less, next.mask_not_less),
+          own_or_inherited(own.compress, next.compress)};
+}
+
+constexpr Kernels kPortable = portable::kEntries;
+#if defined(__x86_64__)
+constexpr Kernels kAvx2 = inherit(avx2::kEntries, kPortable);
+constexpr Kernels kAvx512 = inherit(avx512::kEntries, kAvx2);
+#elif defined(__aarch64__)
+constexpr Kernels kNeon = inherit(neon::kEntries, kPortable);
+#endif
+
 constexpr const Kernels* kBestFirst[] = {
 #if defined(__x86_64__)
-    &kAvx512Kernels,
-    &kAvx2Kernels,
+    &kAvx512,
+    &kAvx2,
 #elif defined(__aarch64__)
-    &kNeonKernels,
+    &kNeon,
 #endif
-    &kPortableKernels,
+    &kPortable,
     nullptr,
 };
 
-// Null until the first use. Threads that race there all store the same pointer, so relaxed order
-// is enough; a constant initial value needs no code at load time.
+// Null until the first use. Threads that race there all store the same pointer, to a constant, so
+// relaxed order is enough; a constant initial value needs no code at load time.
 constinit std::atomic<const Kernels*> chosen{nullptr};
 
 // The last of the list, before the null that ends it, runs everywhere.

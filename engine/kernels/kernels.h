@@ -28,63 +28,57 @@
 
 namespace qx {
 
-// Where the rows of a scan come from: the first two levels of cache, the last one, or memory.
-enum class Reach { kNear, kFar, kMemory };
+// Where a scan finds its rows. It changes the speed of a kernel and nothing else.
+enum class CacheLevel { kL2, kL3, kMemory };
 
+// The types of the functions of a kernel; struct Kernels says what each function does.
+using SupportedFunction = bool();
+using ContiguousFunction = void(const float* rows, std::int64_t count, std::int64_t dim,
+                                const float* query, CacheLevel level, float* values);
+using ScatteredFunction = void(const float* const* rows, std::int64_t count, std::int64_t dim,
+                               const float* query, float* values);
+using MaskFunction = std::uint64_t(const float* numbers, std::int64_t count, float limit);
+using CompressFunction = void(const std::int64_t* numbers, std::uint64_t mask,
+                              std::int64_t selected, std::int64_t* out);
+
+// Requires, for every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read,
+// and every score is +0.0.
 struct Kernels {
   const char* name;
 
-  // Whether this CPU and its operating system can run the functions below.
-  bool (*supported)();
+  // True if this CPU and its operating system can run the functions below.
+  SupportedFunction* supported;
 
-  // Scores `count` rows that lie one after the other: row i starts at rows + i * dim. They are part
-  // of a scan whose rows are as near as `reach` says, and what follows them in memory is next; that
-  // changes the speed and nothing else.
-  void (*score_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
-                           const float* query, Reach reach, float* scores);
+  // Scores contiguous rows: row i starts at rows + i * dim. `level` is that of the whole scan, of
+  // which these rows are a part; the next part follows them in memory.
+  ContiguousFunction* score_contiguous = nullptr;
 
-  // Scores `count` rows that lie anywhere: row i starts at rows[i].
-  void (*score_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
-                          const float* query, float* scores);
+  // Scores scattered rows: row i starts at rows[i].
+  ScatteredFunction* score_scattered = nullptr;
 
-  // Estimates the scores of rows that lie one after the other; faster if the query begins at a
-  // cache line.
-  void (*estimate_contiguous)(const float* rows, std::int64_t count, std::int64_t dim,
-                              const float* query, Reach reach, float* estimates);
+  // Estimates the scores of contiguous rows. Faster if the query is aligned to a cache line.
+  ContiguousFunction* estimate_contiguous = nullptr;
 
-  // Estimates the scores of rows that lie anywhere.
-  void (*estimate_scattered)(const float* const* rows, std::int64_t count, std::int64_t dim,
-                             const float* query, float* estimates);
+  // Estimates the scores of scattered rows.
+  ScatteredFunction* estimate_scattered = nullptr;
 
-  // Compares up to 64 numbers with a limit: bit i of the result says that numbers[i] is not below
-  // it. A NaN is not.
-  std::uint64_t (*not_below)(const float* numbers, std::int64_t count, float limit);
+  // Sets bit i unless numbers[i] < limit; so a NaN sets it. Requires: count <= 64.
+  MaskFunction* mask_not_less = nullptr;
 
-  // Copies number i of up to 64 for each bit i of `mask`, in order, one behind the other. The mask
-  // has `selected` bits. Numbers behind the last selected one are not read.
-  void (*copy_selected)(const std::int64_t* numbers, std::uint64_t mask, std::int64_t selected,
-                        std::int64_t* out);
+  // Copies number i for each bit i of `mask` to `out`, in order and without gaps. Reads no number
+  // after the last selected one. Requires: `mask` has `selected` bits.
+  CompressFunction* compress = nullptr;
 };
-// For every function: count >= 0 and dim >= 0. With dim 0 no row and no query is read, and every
-// score is +0.0.
-
-extern const Kernels kPortableKernels;
-#if defined(__x86_64__)
-extern const Kernels kAvx2Kernels;
-extern const Kernels kAvx512Kernels;
-#elif defined(__aarch64__)
-extern const Kernels kNeonKernels;
-#endif
 
 // The kernels that the engine calls: the best that run here, unless a test forced others.
 const Kernels& kernels();
 
-// Every kernel of this build, best first, ended by null.
+// Every kernel of this build, best first, ended by null. Each table is complete.
 const Kernels* const* all_kernels();
 
 // Makes the engine call the named kernels from now on; null returns the choice to the CPU. Returns
 // false, and changes nothing, for a name that is unknown or does not run here. For tests and
-// benchmarks: it must not overlap any other call of the library.
+// benchmarks. Requires: no other call of the library at the same time.
 bool force_kernels(const char* name);
 
 }  // namespace qx

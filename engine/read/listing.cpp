@@ -29,7 +29,7 @@ std::int64_t compress_copy(const std::int64_t* ids, std::uint64_t mask, std::int
   } else if (selected * 4 < kMaskRows) {
     for_each_bit(mask, [&](std::int64_t i) { *out++ = ids[i]; });
   } else {
-    kernels().copy_selected(ids, mask, selected, out);
+    kernels().compress(ids, mask, selected, out);
   }
   return selected;
 }

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "kernels/kernels.h"
+#include "kernels/tuning.h"
 #include "support/bits.h"
 #include "support/compiler.h"
 #include "support/fp_environment.h"
@@ -15,14 +16,8 @@ namespace {
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Scans of up to so many bytes read their rows from the second-level, or the last-level, cache.
-constexpr std::int64_t kNearBytes = std::int64_t{1} << 20;
-constexpr std::int64_t kFarBytes = std::int64_t{20} << 20;
-
-Reach cache_level(std::int64_t rows, std::int64_t dim) {
-  const std::int64_t bytes = rows * dim * std::int64_t{sizeof(float)};
-  if (bytes <= kNearBytes) return Reach::kNear;
-  return bytes <= kFarBytes ? Reach::kFar : Reach::kMemory;
+CacheLevel cache_level(std::int64_t rows, std::int64_t dim) {
+  return tuning::cache_level(rows * dim * std::int64_t{sizeof(float)});
 }
 
 }  // namespace
@@ -152,7 +147,7 @@ void Scan::prune(const Block& block, const float* estimates) {
   std::int64_t count = 0;
   for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
     const std::int64_t rows = std::min(kMaskRows, block.count - first);
-    for_each_bit(kernels().not_below(estimates + first, rows, threshold), [&](std::int64_t i) {
+    for_each_bit(kernels().mask_not_less(estimates + first, rows, threshold), [&](std::int64_t i) {
       kept[count] = static_cast<std::uint8_t>(first + i);
       kept_estimates[count++] = estimates[first + i];
     });

@@ -1,5 +1,5 @@
 // Bytes choose a kernel, rows and a query, on guarded memory. Scores must have the bits of the
-// numeric contract, estimates must be within their bound, comparing and copying must be exact.
+// numeric contract, estimates must be within their bound, comparing and compressing must be exact.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -66,7 +66,7 @@ void check_estimate(float estimate, const float* row, const float* query, std::i
 struct Rows {
   std::int64_t count;
   std::int64_t dim;
-  qx::Reach reach;
+  qx::CacheLevel level;
 };
 
 void play_contiguous_rows(Random& random, const Kernels& kernels, const Rows& shape) {
@@ -75,16 +75,16 @@ void play_contiguous_rows(Random& random, const Kernels& kernels, const Rows& sh
   const auto count = static_cast<std::size_t>(shape.count);
   Guarded<float> scores(count, 7.0f, draw_edge(random));
   Guarded<float> estimates(count, 7.0f, draw_edge(random));
-  kernels.score_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.reach,
+  kernels.score_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.level,
                            scores.data());
-  kernels.estimate_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.reach,
+  kernels.estimate_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.level,
                               estimates.data());
   for (std::size_t i = 0; i < count; ++i) {
     const float* const row = rows.data() + static_cast<std::int64_t>(i) * shape.dim;
     check_score(scores[i], row, query.data(), shape.dim);
     check_estimate(estimates[i], row, query.data(), shape.dim);
   }
-  require(scores.margins_intact() && estimates.margins_intact(), "written beside the outputs");
+  require(scores.margins_intact() && estimates.margins_intact(), "written outside of the outputs");
 }
 
 void play_scattered_rows(Random& random, const Kernels& kernels, const Rows& shape) {
@@ -108,7 +108,7 @@ void play_scattered_rows(Random& random, const Kernels& kernels, const Rows& sha
     check_score(scores[i], addresses[i], query.data(), shape.dim);
     check_estimate(estimates[i], addresses[i], query.data(), shape.dim);
   }
-  require(scores.margins_intact() && estimates.margins_intact(), "written beside the outputs");
+  require(scores.margins_intact() && estimates.margins_intact(), "written outside of the outputs");
 }
 
 void play_comparison(Random& random, const Kernels& kernels) {
@@ -121,10 +121,10 @@ void play_comparison(Random& random, const Kernels& kernels) {
   for (std::int64_t i = 0; i < count; ++i) {
     if (!(numbers[static_cast<std::size_t>(i)] < limit)) expected |= std::uint64_t{1} << i;
   }
-  require(kernels.not_below(numbers.data(), count, limit) == expected, "a comparison");
+  require(kernels.mask_not_less(numbers.data(), count, limit) == expected, "a comparison");
 }
 
-void play_copy(Random& random, const Kernels& kernels) {
+void play_compression(Random& random, const Kernels& kernels) {
   const std::uint64_t mask = random.bits();
   const auto numbers_needed = static_cast<std::int64_t>(std::bit_width(mask));
   std::vector<std::int64_t> drawn;
@@ -136,8 +136,8 @@ void play_copy(Random& random, const Kernels& kernels) {
   }
   const Guarded<std::int64_t> numbers(drawn, draw_edge(random));
   Guarded<std::int64_t> out(expected.size(), -7, draw_edge(random));
-  kernels.copy_selected(numbers.data(), mask, std::ssize(expected), out.data());
-  require(out.equals(expected) && out.margins_intact(), "a copy of selected numbers");
+  kernels.compress(numbers.data(), mask, std::ssize(expected), out.data());
+  require(out.equals(expected) && out.margins_intact(), "the compressed numbers");
 }
 
 void play(Random& random) {
@@ -145,11 +145,12 @@ void play(Random& random) {
   const Kernels& kernels = *random.any_of(run);
   const std::int64_t way = random.between(0, 3);
   if (way == 2) return play_comparison(random, kernels);
-  if (way == 3) return play_copy(random, kernels);
+  if (way == 3) return play_compression(random, kernels);
   const std::int64_t dim = random.percent(80) ? random.between(0, 70) : random.between(0, 2100);
   const std::int64_t most =
       std::min<std::int64_t>(200, kMostFloats / std::max<std::int64_t>(dim, 1));
-  const Rows shape = {random.between(0, most), dim, static_cast<qx::Reach>(random.between(0, 2))};
+  const Rows shape = {random.between(0, most), dim,
+                      static_cast<qx::CacheLevel>(random.between(0, 2))};
   way == 0 ? play_contiguous_rows(random, kernels, shape)
            : play_scattered_rows(random, kernels, shape);
 }

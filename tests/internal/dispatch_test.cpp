@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "internal/every_kernel.h"
+#include "kernels/tables.h"
 
 // What __builtin_cpu_supports() reads, as both compilers declare it: once filled, it stays.
 #if defined(__x86_64__)
@@ -12,16 +13,14 @@ extern "C" __attribute__((visibility("hidden"))) struct {
 namespace qx_test {
 namespace {
 
-// Places of bits in the features.
+// Numbers of bits in the features.
 constexpr unsigned kPopcnt = 2, kAvx2 = 10, kFma = 14, kAvx512f = 15, kAvx512dq = 22;
 
 class WithoutAFeature : public testing::TestWithParam<unsigned> {
  protected:
   void SetUp() override {
     __builtin_cpu_init();
-    for (const qx::Kernels* kernel : {&qx::kAvx2Kernels, &qx::kAvx512Kernels}) {
-      if (!kernel->supported()) GTEST_SKIP() << kernel->name << " does not run on this CPU";
-    }
+    if (!qx::avx512::supported()) GTEST_SKIP() << "avx512 does not run on this CPU";
     features_ = __cpu_model.features[0];
     __cpu_model.features[0] &= ~(1u << GetParam());
     qx::force_kernels(nullptr);
@@ -38,9 +37,9 @@ class WithoutAFeature : public testing::TestWithParam<unsigned> {
 
 TEST_P(WithoutAFeature, KernelsThatNeedItAreNeitherChosenNorForced) {
   const bool needs_avx512 = GetParam() == kAvx512f || GetParam() == kAvx512dq;
-  EXPECT_FALSE(qx::kAvx512Kernels.supported());
+  EXPECT_FALSE(qx::avx512::supported());
   EXPECT_FALSE(qx::force_kernels("avx512"));
-  EXPECT_EQ(qx::kAvx2Kernels.supported(), needs_avx512);
+  EXPECT_EQ(qx::avx2::supported(), needs_avx512);
   EXPECT_EQ(qx::force_kernels("avx2"), needs_avx512);
   qx::force_kernels(nullptr);
   EXPECT_STREQ(qx::kernels().name, needs_avx512 ? "avx2" : "portable");
@@ -48,6 +47,27 @@ TEST_P(WithoutAFeature, KernelsThatNeedItAreNeitherChosenNorForced) {
 
 INSTANTIATE_TEST_SUITE_P(Kernels, WithoutAFeature,
                          testing::Values(kPopcnt, kAvx2, kFma, kAvx512f, kAvx512dq));
+
+// Checks one entry: what the AVX-512 kernel leaves empty is the AVX2 kernel's, and only that.
+template <typename Entry>
+void expect_inherited(Entry entry) {
+  const std::vector<const qx::Kernels*> listed = listed_kernels();
+  ASSERT_EQ(listed.size(), 3u);
+  const auto own = qx::avx512::kEntries.*entry;
+  EXPECT_EQ(listed[0]->*entry, own != nullptr ? own : qx::avx2::kEntries.*entry);
+  EXPECT_EQ(listed[1]->*entry, qx::avx2::kEntries.*entry);
+  EXPECT_EQ(listed[2]->*entry, qx::portable::kEntries.*entry);
+}
+
+TEST(Dispatch, FillsWhatAKernelLeavesEmptyFromTheNextOne) {
+  expect_inherited(&qx::Kernels::score_contiguous);
+  expect_inherited(&qx::Kernels::score_scattered);
+  expect_inherited(&qx::Kernels::estimate_contiguous);
+  expect_inherited(&qx::Kernels::estimate_scattered);
+  expect_inherited(&qx::Kernels::mask_not_less);
+  expect_inherited(&qx::Kernels::compress);
+  EXPECT_EQ(qx::avx512::kEntries.score_scattered, nullptr);
+}
 
 }  // namespace
 }  // namespace qx_test

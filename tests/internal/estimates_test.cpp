@@ -28,9 +28,7 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kMax = std::numeric_limits<float>::max();
 constexpr std::int64_t kMostRows = 192;
 
-const std::vector<qx::Reach> kReaches = {qx::Reach::kNear, qx::Reach::kFar, qx::Reach::kMemory};
-
-// Every dimension up to 300, and those around the lengths at which a kernel may change its way.
+// Every dimension up to 300, and those around which a kernel may choose another function.
 std::vector<std::int64_t> dims() {
   std::vector<std::int64_t> listed;
   for (std::int64_t dim = 0; dim <= 300; ++dim) listed.push_back(dim);
@@ -92,7 +90,7 @@ void draw_row(Random& random, int kind, const Floats& query, float* row) {
         if (j % 2 == 0) giant = scaled(random, 0, 20);
         row[j] = (j % 2 == 0 ? giant : -giant) / (std::abs(q) < 0x1p-40f ? 1.0f : q);
         break;
-      case 4:  // a giant, beside which half a unit in the last place is lost again and again
+      case 4:  // a giant, to which half a unit in the last place is added again and again
         row[j] = j == 0 ? 0x1p+24f : 1.0f;
         break;
       case 5:  // a sum that vanishes, but for what the giants have swallowed
@@ -122,9 +120,9 @@ class EveryEstimate : public qx_test::OfAKernel {
   }
 };
 
-TEST_P(EveryEstimate, OfLyingRowsIsWithinTheBound) {
+TEST_P(EveryEstimate, OfContiguousRowsIsWithinTheBound) {
   Random random(21);
-  Guarded<float> lying;
+  Guarded<float> guarded_rows;
   Guarded<float> guarded_query;
   Guarded<float> estimates;
   for (const std::int64_t dim : dims()) {
@@ -142,12 +140,12 @@ TEST_P(EveryEstimate, OfLyingRowsIsWithinTheBound) {
       expect_within(contract_score(row, query.data(), dim), exact.back(), &widest_score_);
     }
     for (const std::int64_t count : row_counts()) {
-      lying.assign(Floats(rows.begin(), rows.begin() + count * dim),
-                   random.percent(50) ? Edge::kEnd : Edge::kStart);
-      for (const qx::Reach reach : kReaches) {
+      guarded_rows.assign(Floats(rows.begin(), rows.begin() + count * dim),
+                          random.percent(50) ? Edge::kEnd : Edge::kStart);
+      for (const qx::CacheLevel level : qx_test::kLevels) {
         estimates.assign(Floats(static_cast<std::size_t>(count), 7.0f));
-        GetParam()->estimate_contiguous(lying.data(), count, dim, guarded_query.data(), reach,
-                                        estimates.data());
+        GetParam()->estimate_contiguous(guarded_rows.data(), count, dim, guarded_query.data(),
+                                        level, estimates.data());
         for (std::size_t i = 0; i < estimates.size(); ++i) {
           ASSERT_NO_FATAL_FAILURE(expect_estimate(estimates[i], exact[i]))
               << "dim " << dim << ", row " << i << " of " << count;
@@ -214,7 +212,7 @@ std::vector<std::int64_t> nan_positions(std::int64_t dim) {
 
 TEST_P(EveryEstimate, OfARowWithANaNIsANaNWhereverItStands) {
   Random random(23);
-  Guarded<float> lying;
+  Guarded<float> guarded_rows;
   Guarded<float> estimates;
   for (const std::int64_t dim : dims()) {
     if (dim > 80 && dim % 7 != 0 && dim % 64 > 1) continue;
@@ -226,20 +224,20 @@ TEST_P(EveryEstimate, OfARowWithANaNIsANaNWhereverItStands) {
       float& component = rows[static_cast<std::size_t>(spoiled * dim + at)];
       const float whole = component;
       component = random.percent(50) ? kNaN : -kNaN;
-      lying.assign(rows);
+      guarded_rows.assign(rows);
       std::vector<const float*> scattered;
-      for (std::int64_t i = 0; i < kRows; ++i) scattered.push_back(lying.data() + i * dim);
+      for (std::int64_t i = 0; i < kRows; ++i) scattered.push_back(guarded_rows.data() + i * dim);
       const auto expect_one_nan = [&](const char* way) {
         for (std::int64_t i = 0; i < kRows; ++i) {
           ASSERT_EQ(std::isnan(estimates[static_cast<std::size_t>(i)]), i == spoiled)
               << way << ", dim " << dim << ", position " << at << ", row " << i;
         }
       };
-      for (const qx::Reach reach : kReaches) {
+      for (const qx::CacheLevel level : qx_test::kLevels) {
         estimates.assign(Floats(kRows, 7.0f));
-        GetParam()->estimate_contiguous(lying.data(), kRows, dim, query.data(), reach,
+        GetParam()->estimate_contiguous(guarded_rows.data(), kRows, dim, query.data(), level,
                                         estimates.data());
-        ASSERT_NO_FATAL_FAILURE(expect_one_nan("lying"));
+        ASSERT_NO_FATAL_FAILURE(expect_one_nan("contiguous"));
       }
       estimates.assign(Floats(kRows, 7.0f));
       GetParam()->estimate_scattered(scattered.data(), kRows, dim, query.data(), estimates.data());
@@ -251,20 +249,20 @@ TEST_P(EveryEstimate, OfARowWithANaNIsANaNWhereverItStands) {
 
 TEST_P(EveryEstimate, OfAVectorOfNoElementsIsZero) {
   Guarded<float> estimates(5, -7.0f);
-  GetParam()->estimate_contiguous(nullptr, 5, 0, nullptr, qx::Reach::kNear, estimates.data());
+  GetParam()->estimate_contiguous(nullptr, 5, 0, nullptr, qx::CacheLevel::kL2, estimates.data());
   for (const float estimate : estimates.values()) EXPECT_EQ(estimate, 0.0f);
 }
 
 class EveryComparison : public EveryEstimate {
  protected:
-  void expect_not_below(const Floats& values, float limit) {
+  void expect_mask(const Floats& values, float limit) {
     std::uint64_t expected = 0;
     for (std::size_t i = 0; i < values.size(); ++i) {
       if (!(values[i] < limit)) expected |= std::uint64_t{1} << i;
     }
     numbers_.assign(values, values.size() % 2 == 0 ? Edge::kEnd : Edge::kStart);
     const auto count = static_cast<std::int64_t>(values.size());
-    ASSERT_EQ(GetParam()->not_below(numbers_.data(), count, limit), expected)
+    ASSERT_EQ(GetParam()->mask_not_less(numbers_.data(), count, limit), expected)
         << count << " numbers, limit " << limit;
   }
 
@@ -272,7 +270,7 @@ class EveryComparison : public EveryEstimate {
   Guarded<float> numbers_;
 };
 
-TEST_P(EveryComparison, SaysWhichNumbersAreNotBelowTheLimit) {
+TEST_P(EveryComparison, MarksTheNumbersThatAreNotLess) {
   Random random(24);
   const Floats limits = {
       0.0f,  -0.0f, 1.0f,       -1.0f,     kMax,
@@ -293,19 +291,19 @@ TEST_P(EveryComparison, SaysWhichNumbersAreNotBelowTheLimit) {
       for (int draw = 0; draw < 8; ++draw) {
         Floats values;
         for (std::int64_t i = 0; i < count; ++i) values.push_back(random.any_of(choices));
-        ASSERT_NO_FATAL_FAILURE(expect_not_below(values, limit));
+        ASSERT_NO_FATAL_FAILURE(expect_mask(values, limit));
       }
     }
   }
 }
 
-TEST_P(EveryComparison, FindsTheOneNumberThatIsNotBelowWhereverItStands) {
+TEST_P(EveryComparison, FindsTheOneNumberThatIsNotLessAtEveryPosition) {
   for (std::size_t count = 1; count <= 64; ++count) {
     for (std::size_t at = 0; at < count; ++at) {
       for (const float found : {2.0f, kNaN, kInfinity}) {
         Floats values(count, std::nextafter(2.0f, 0.0f));
         values[at] = found;
-        ASSERT_NO_FATAL_FAILURE(expect_not_below(values, 2.0f));
+        ASSERT_NO_FATAL_FAILURE(expect_mask(values, 2.0f));
       }
     }
   }

@@ -10,6 +10,10 @@
 
 namespace qx_test {
 
+inline constexpr qx::CacheLevel kLevels[] = {qx::CacheLevel::kL2, qx::CacheLevel::kL3,
+                                             qx::CacheLevel::kMemory};
+
+// Complete tables: the entries that a kernel leaves empty are those that it inherits.
 inline std::vector<const qx::Kernels*> listed_kernels() {
   std::vector<const qx::Kernels*> listed;
   for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
@@ -22,7 +26,7 @@ inline std::string kernel_name(const testing::TestParamInfo<const qx::Kernels*>&
   return kernel.param->name;
 }
 
-// Tests of a kernel's own functions.
+// A test of the functions of one table.
 class OfAKernel : public testing::TestWithParam<const qx::Kernels*> {
  protected:
   void SetUp() override {
@@ -30,7 +34,7 @@ class OfAKernel : public testing::TestWithParam<const qx::Kernels*> {
   }
 };
 
-// Tests of code that calls the engine's kernels: the parameter is forced while a test runs.
+// A test of code that calls qx::kernels(), which is the one under test until the test ends.
 class UnderAKernel : public OfAKernel {
  protected:
   void SetUp() override {

@@ -325,7 +325,7 @@ TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
     const Fixed rows(random, draw_scan_rows(random, family, 64, 1000));
     Floats estimates(Fixed::at(rows.count));
     GetParam()->estimate_contiguous(rows.vectors.data(), rows.count, rows.width, rows.query.data(),
-                                    qx::Reach::kNear, estimates.data());
+                                    qx::CacheLevel::kL2, estimates.data());
     std::int64_t swapped = 0;
     std::int64_t other_sign = 0;
     for (std::size_t i = 1; i < estimates.size(); ++i) {

@@ -1,4 +1,5 @@
-// Rows of widths at which the engine changes its way: their scores and results stay the same.
+// Rows of dimensions at which the kernels or the scan choose another function: the scores and the
+// results stay the same.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -25,10 +26,10 @@ TEST_P(WideRows, ScoreAsThePortableKernelScoresThem) {
   for (const std::int64_t dim : {510, 512, 1024, 1536, 2048}) {
     std::vector<float> rows = small_numbers(static_cast<std::size_t>(kRows * dim));
     std::vector<float> scores(kRows), expected(kRows);
-    for (const qx::Reach reach : {qx::Reach::kNear, qx::Reach::kMemory}) {
-      GetParam()->score_contiguous(rows.data(), kRows, dim, rows.data(), reach, scores.data());
-      qx::kPortableKernels.score_contiguous(rows.data(), kRows, dim, rows.data(), reach,
-                                            expected.data());
+    for (const qx::CacheLevel level : kLevels) {
+      GetParam()->score_contiguous(rows.data(), kRows, dim, rows.data(), level, scores.data());
+      listed_kernels().back()->score_contiguous(rows.data(), kRows, dim, rows.data(), level,
+                                                expected.data());
       EXPECT_EQ(scores, expected) << dim;
     }
   }

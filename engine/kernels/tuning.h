@@ -1,0 +1,110 @@
+// Every number of the kernels that was chosen by measurement. None changes a result: each decides
+// which function, or how much prefetching, gives the same scores or an equally good estimate.
+//
+// "Zen 4" is one core of an AMD EPYC with 32 KiB of first-level, 1 MiB of second-level and 32 MiB
+// of last-level cache, on which the numbers were chosen, by g++ 12; docs/DEAD_ENDS.md has the
+// figures. "Sapphire Rapids" is one core of an Intel Xeon with 48 KiB, 2 MiB and a shared
+// last-level cache, on which they were compared again, by g++ 12: the fastest of 41 interleaved
+// runs over 0.5 MB (L2) or 12 MB (L3), as time against the first line of the table.
+#pragma once
+
+#include <cstdint>
+
+#include "kernels/kernels.h"
+
+namespace qx::tuning {
+
+// ---- Cache levels ----
+
+// Up to how many bytes a scan finds its rows in a cache. The first is the second-level cache of
+// Zen 4. The second is less than its last-level cache, which a host shares; the exact number was
+// not measured by itself.
+inline constexpr std::int64_t kL2Bytes = std::int64_t{1} << 20;
+inline constexpr std::int64_t kL3Bytes = std::int64_t{20} << 20;
+
+constexpr CacheLevel cache_level(std::int64_t bytes) {
+  if (bytes <= kL2Bytes) return CacheLevel::kL2;
+  return bytes <= kL3Bytes ? CacheLevel::kL3 : CacheLevel::kMemory;
+}
+
+// ---- Estimates of contiguous rows, AVX2 ----
+
+// Four neighbours, one row of each quarter of the block (four streams), or one row at a time.
+// Zen 4, share of a linear read:
+//   level and dim    L2, 128  L2, 768  L3, 128  L3, 768  memory, 128  memory, 768
+//   four neighbours     0.98     0.74     0.86     1.00         0.49         0.74
+//   four streams        0.95     1.01     0.94     1.01         1.06         1.24
+//   one row             0.78     0.91     1.05     1.10         1.14         1.13
+// Sapphire Rapids, time:
+//   level and dim     L2, 64  L2, 128  L2, 200  L2, 768  L3, 64 to 768
+//   four neighbours     1.00     1.00     1.00     1.00           1.00
+//   four streams        1.03     1.04     1.06     1.03   1.00 to 1.01
+//   one row             1.35     1.30     1.34     1.28   1.00 to 1.01
+// The dimensions in between, at which one takes over from another, have no figures of their own.
+inline constexpr std::int64_t kMinFourStreamsDim = 200;
+
+constexpr std::int64_t max_four_rows_dim(CacheLevel level) {
+  if (level == CacheLevel::kL2) return kMinFourStreamsDim - 1;
+  return level == CacheLevel::kL3 ? 64 : 48;
+}
+
+// ---- Estimates of contiguous rows, AVX-512 ----
+
+// From this dimension on, rows in the second-level cache are estimated in wide registers; for
+// shorter ones, adding the lanes costs more than it saves. From further away AVX2 is as fast as the
+// rows arrive.
+// Zen 4, share of a linear read:
+//   level and dim                L2, 128  L2, 768  L3, 128  L3, 768
+//   AVX-512, four neighbours        0.97     0.99     0.91     0.92
+//   AVX2, the best of the three     0.98     1.01     1.05     1.10
+// Sapphire Rapids, nanoseconds a row in the second-level cache:
+//   dim         16    32    48    64    96   128   384   768
+//   AVX-512   0.86  1.20  1.54  1.94  2.83  3.73  10.4  19.4
+//   AVX2      0.81  1.26  1.74  2.22  3.27  4.18  12.6  24.7
+inline constexpr std::int64_t kMinAvx512Dim = 64;
+
+// ---- Scores of contiguous rows, AVX2 ----
+
+// Up to which dimension a scan prefetches while it scores: 24 such rows, and the lines ahead of
+// them, share the first-level cache of Zen 4. Rows shorter than a cache line are followed well by
+// the hardware while they are in the caches.
+// Sapphire Rapids, time with prefetching against without:
+//   dim               4     8    12    16    64   128   192   256   384   768
+//   second level   1.00  0.99  0.98  0.88  0.78  0.77  0.78  0.87  1.04  1.09
+//   last level     0.99  0.99  1.00  0.90  0.71  0.72  0.75  0.76  0.81  0.90
+inline constexpr std::int64_t kMinAheadDim = 16;
+inline constexpr std::int64_t kMaxAheadDim = 192;
+
+constexpr bool prefetches_ahead(std::int64_t dim, CacheLevel level) {
+  return dim <= kMaxAheadDim && (dim >= kMinAheadDim || level == CacheLevel::kMemory);
+}
+
+// How far ahead it prefetches at least; larger groups prefetch the next one.
+// Sapphire Rapids: 1 KiB, 4 KiB and 16 KiB are within 0.03 of each other for dims 4 to 768, at both
+// levels.
+inline constexpr std::int64_t kMinAheadBytes = 4096;
+
+// Groups of eight rows that are scored side by side. A fused multiply-add waits four cycles for the
+// one before, so three groups fill each other's waits. Rows at a distance of a multiple of 2 KiB or
+// 4 KiB fall into few sets of the first-level cache: with more groups they would evict each other.
+// Zen 4, second-level cache, share of a linear read: three groups 0.58 at dim 128 and 0.63 at 768,
+// but 0.25 at dim 1024.
+// Sapphire Rapids, second-level cache, time:
+//   dim              64   128   512   768  1024  1536  2048
+//   three groups   1.00  1.00  1.00  1.00  1.00  1.00  1.00
+//   two groups     1.13  1.16  1.01  1.07  0.89  0.93  0.99
+//   one group      1.53  1.83  1.92  1.90  1.68  1.68  1.85
+constexpr std::int64_t groups_side_by_side(std::int64_t dim) {
+  if (dim == 0 || dim % 512 != 0) return 3;
+  return dim % 1024 == 0 ? 1 : 2;
+}
+
+// ---- Comparing, portable ----
+
+// Numbers that are compared without a branch. g++ 12 unrolls the loop over 16 instead of
+// vectorising it: for the same loop in the top-k buffer, 0.42 ns a number against 0.11 ns on Zen 4.
+// Sapphire Rapids, time: 32 numbers 1.00, 16 numbers 4.0, 64 numbers 0.95, but a block may end
+// before.
+inline constexpr std::int64_t kComparedAtOnce = 32;
+
+}  // namespace qx::tuning
