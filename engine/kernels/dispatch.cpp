@@ -9,22 +9,6 @@
 namespace qx {
 namespace {
 
-template <typename Function>
-constexpr Function* own_or_inherited(Function* own, Function* inherited) {
-  return own != nullptr ? own : inherited;
-}
-
-constexpr Kernels inherit(const Kernels& own, const Kernels& next) {
-  return {own.name,
-          own.supported,
-          own_or_inherited(own.score_contiguous, next.score_contiguous),
-          own_or_inherited(own.score_scattered, next.score_scattered),
-          own_or_inherited(own.estimate_contiguous, next.estimate_contiguous),
-          own_or_inherited(own.estimate_scattered, next.estimate_scattered),
-          own_or_inherited(own.mask_not_less, next.mask_not_less),
-          own_or_inherited(own.compress, next.compress)};
-}
-
 constexpr Kernels kPortable = portable::kEntries;
 #if defined(__x86_64__)
 constexpr Kernels kAvx2 = inherit(avx2::kEntries, kPortable);

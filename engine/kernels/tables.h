@@ -2,8 +2,8 @@
 // order everywhere; kernels.h says what they do.
 //
 // An entry that is left empty is inherited from the next table: AVX-512 from AVX2, AVX2 and NEON
-// from the portable kernel, which is complete. dispatch.cpp fills them in. Requires: where a kernel
-// is supported, so is the one that it inherits from.
+// from the portable kernel, which is complete; dispatch.cpp says so. Requires: where a kernel is
+// supported, so is the one that it inherits from.
 #pragma once
 
 #include "kernels/kernels.h"
@@ -84,3 +84,24 @@ inline constexpr Kernels kEntries = {.name = "neon",
 
 }  // namespace qx::neon
 #endif
+
+namespace qx {
+
+template <typename Function>
+constexpr Function* own_or_inherited(Function* own, Function* inherited) {
+  return own != nullptr ? own : inherited;
+}
+
+// The entries of `own`, completed by those of `next`. Requires: `next` is complete.
+constexpr Kernels inherit(const Kernels& own, const Kernels& next) {
+  return {own.name,
+          own.supported,
+          own_or_inherited(own.score_contiguous, next.score_contiguous),
+          own_or_inherited(own.score_scattered, next.score_scattered),
+          own_or_inherited(own.estimate_contiguous, next.estimate_contiguous),
+          own_or_inherited(own.estimate_scattered, next.estimate_scattered),
+          own_or_inherited(own.mask_not_less, next.mask_not_less),
+          own_or_inherited(own.compress, next.compress)};
+}
+
+}  // namespace qx

@@ -69,6 +69,16 @@ TEST(Dispatch, FillsWhatAKernelLeavesEmptyFromTheNextOne) {
   EXPECT_EQ(qx::avx512::kEntries.score_scattered, nullptr);
 }
 
+TEST(Dispatch, KeepsTheEntriesThatAKernelHas) {
+  const qx::Kernels own = {
+      .name = "own", .supported = qx::avx2::supported, .compress = qx::avx2::compress};
+  const qx::Kernels completed = qx::inherit(own, *listed_kernels().back());
+  EXPECT_STREQ(completed.name, "own");
+  EXPECT_EQ(completed.supported, qx::avx2::supported);
+  EXPECT_EQ(completed.compress, qx::avx2::compress);
+  EXPECT_EQ(completed.mask_not_less, qx::portable::mask_not_less);
+}
+
 }  // namespace
 }  // namespace qx_test
 #endif
