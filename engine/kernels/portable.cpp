@@ -138,6 +138,7 @@ std::uint64_t mask_not_less(const float* numbers, std::int64_t count, float limi
     const std::int64_t size = count - first < kChunk ? count - first : kChunk;
     if (size == kChunk && all_less(numbers + first, limit)) continue;
     for (std::int64_t i = first; i < first + size; ++i) {
+      // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): i < count <= 64
       bits |= static_cast<std::uint64_t>(numbers[i] < limit ? 0 : 1) << i;
     }
   }
