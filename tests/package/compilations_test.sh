@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Compiles the engine by every optimisation that reorders arithmetic, and plays call sequences on each,
-# in which the host sets a floating-point environment for each call. Options under which results would
+# Compiles the engine by every optimisation that reorders arithmetic, and as one unit, and plays call
+# sequences on each, in which the host sets a floating-point environment for each call. Options under which results would
 # change must be refused by the compiler.
 # usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_CALL_SEQUENCES...
 set -euo pipefail
@@ -40,6 +40,13 @@ for way in "${ways[@]}"; do
     { tail -n 40 "$work/log" >&2; echo "compilations_test: $way fails" >&2; exit 1; }
   passed=$((passed + 1))
 done
+
+# All sources as one unit, where each instruction set must keep to its own namespace.
+printf '#include "%s"\n' engine/*/*.cpp >"$work/one_unit.cpp"
+compile "${contract[@]}" -Iengine -I. -O2 "$work/one_unit.cpp" "${links[@]}" -o "$work/one_unit"
+"$work/one_unit" --gtest_brief=1 --count 250 >"$work/log" ||
+  { tail -n 40 "$work/log" >&2; echo "compilations_test: one unit fails" >&2; exit 1; }
+passed=$((passed + 1))
 
 # The call sequences notice an engine that computes in whatever environment the host has set.
 cp -r engine "$work/careless"
