@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Compiles the engine by every optimisation that reorders arithmetic, and as one unit, and plays call
-# sequences on each, in which the host sets a floating-point environment for each call. Options under which results would
-# change must be refused by the compiler.
+# sequences on each, in which the host sets a floating-point environment for each call. Options under
+# which results would change must be refused by the compiler.
 # usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_CALL_SEQUENCES...
 set -euo pipefail
 cd "$1"
