@@ -57,10 +57,10 @@ constexpr std::int64_t max_four_rows_dim(CacheLevel level) {
 //   level and dim                L2, 128  L2, 768  L3, 128  L3, 768
 //   AVX-512, four neighbours        0.97     0.99     0.91     0.92
 //   AVX2, the best of the three     0.98     1.01     1.05     1.10
-// Sapphire Rapids, nanoseconds a row in the second-level cache:
+// Sapphire Rapids, L2, time:
 //   dim         16    32    48    64    96   128   384   768
-//   AVX-512   0.86  1.20  1.54  1.94  2.83  3.73  10.4  19.4
-//   AVX2      0.81  1.26  1.74  2.22  3.27  4.18  12.6  24.7
+//   AVX2      1.00  1.00  1.00  1.00  1.00  1.00  1.00  1.00
+//   AVX-512   1.18  0.93  0.88  0.85  0.82  0.81  0.76  0.78
 inline constexpr std::int64_t kMinAvx512Dim = 64;
 
 // ---- Scores of contiguous rows, AVX2 ----
@@ -68,10 +68,10 @@ inline constexpr std::int64_t kMinAvx512Dim = 64;
 // Up to which dimension a scan prefetches while it scores: 24 such rows, and the lines ahead of
 // them, share the first-level cache of Zen 4. Rows shorter than a cache line are followed well by
 // the hardware while they are in the caches.
-// Sapphire Rapids, time with prefetching against without:
-//   dim               4     8    12    16    64   128   192   256   384   768
-//   second level   1.00  0.99  0.98  0.88  0.78  0.77  0.78  0.87  1.04  1.09
-//   last level     0.99  0.99  1.00  0.90  0.71  0.72  0.75  0.76  0.81  0.90
+// Sapphire Rapids, time with prefetching, against without:
+//   dim      4     8    12    16    64   128   192   256   384   768
+//   L2    1.00  0.99  0.98  0.88  0.78  0.77  0.78  0.87  1.04  1.09
+//   L3    0.99  0.99  1.00  0.90  0.71  0.72  0.75  0.76  0.81  0.90
 inline constexpr std::int64_t kMinAheadDim = 16;
 inline constexpr std::int64_t kMaxAheadDim = 192;
 
@@ -80,8 +80,8 @@ constexpr bool prefetches_ahead(std::int64_t dim, CacheLevel level) {
 }
 
 // How far ahead it prefetches at least; larger groups prefetch the next one.
-// Sapphire Rapids: 1 KiB, 4 KiB and 16 KiB are within 0.03 of each other for dims 4 to 768, at both
-// levels.
+// Sapphire Rapids: 1 KiB, 4 KiB and 16 KiB are within 0.03 of each other for dims 4 to 768, in L2
+// and in L3.
 inline constexpr std::int64_t kMinAheadBytes = 4096;
 
 // Groups of eight rows that are scored side by side. A fused multiply-add waits four cycles for the
@@ -89,7 +89,7 @@ inline constexpr std::int64_t kMinAheadBytes = 4096;
 // 4 KiB fall into few sets of the first-level cache: with more groups they would evict each other.
 // Zen 4, second-level cache, share of a linear read: three groups 0.58 at dim 128 and 0.63 at 768,
 // but 0.25 at dim 1024.
-// Sapphire Rapids, second-level cache, time:
+// Sapphire Rapids, L2, time:
 //   dim              64   128   512   768  1024  1536  2048
 //   three groups   1.00  1.00  1.00  1.00  1.00  1.00  1.00
 //   two groups     1.13  1.16  1.01  1.07  0.89  0.93  0.99
