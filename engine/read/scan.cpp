@@ -1,6 +1,7 @@
 #include "read/scan.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -33,27 +34,43 @@ Scan::Scan(const QxIndex& index, const float* query, const ResultSlots& slots, s
 void Scan::add(const Selection& span) {
   for (std::int64_t offset = 0; offset < span.count(); offset += kBlockRows) {
     const std::int64_t count = std::min(kBlockRows, span.count() - offset);
-    const std::int64_t first = span.first() + offset;
-    const std::int64_t* const ids = span.ids() + offset;
-    // Rows that are left out must not be read, so a block is scanned as a whole, or row by row.
-    if (selects_all(span, offset, count)) {
-      add_base_rows(first, count, ids);
-      continue;
-    }
+    add_window(span, offset, count);
+  }
+}
+
+// Rows that are left out must not be read: base rows are scanned as they are only if all of them
+// are selected. If most are, they are listed together, which is cheaper than one by one.
+void Scan::add_window(const Selection& span, std::int64_t offset, std::int64_t count) {
+  std::int64_t selected = 0;
+  for (std::int64_t i = 0; i < count; i += kMaskRows) selected += count_bits(span.mask(offset + i));
+  if (!span.in_delta() && selected == count) {
+    add_base_rows(span.first() + offset, count, span.ids() + offset);
+  } else if (!span.in_delta() && 2 * selected > count) {
+    flush();
+    list_base_rows(span, offset, count);
+  } else {
     for (std::int64_t i = 0; i < count; i += kMaskRows) {
       for_each_bit(span.mask(offset + i), [&](std::int64_t bit) {
-        add(Row{span.in_delta(), first + i + bit}, ids[i + bit]);
+        const std::int64_t row = offset + i + bit;
+        add(Row{span.in_delta(), span.first() + row}, span.ids()[row]);
       });
     }
   }
 }
 
-bool Scan::selects_all(const Selection& span, std::int64_t offset, std::int64_t count) const {
-  bool all = !span.in_delta();
-  for (std::int64_t i = 0; all && i < count; i += kMaskRows) {
-    all = span.mask(offset + i) == first_bits(std::min(kMaskRows, count - i));
+void Scan::list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count) {
+  const std::int64_t dim = dim_;
+  const float* const rows = base_vector(index_, span.first() + offset);
+  const std::int64_t* const ids = span.ids() + offset;
+  std::int64_t listed = 0;
+  for (std::int64_t first = 0; first < count; first += kMaskRows) {
+    for (std::uint64_t mask = span.mask(offset + first); mask != 0; mask &= mask - 1) {
+      const std::int64_t row = first + std::countr_zero(mask);
+      listed_vectors_[listed] = rows + row * dim;
+      listed_ids_[listed++] = ids[row];
+    }
   }
-  return all;
+  listed_ = listed;
 }
 
 void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int64_t* ids) {

@@ -84,7 +84,8 @@ class Scan {
   void score_candidates();
 
   void flush();
-  bool selects_all(const Selection& span, std::int64_t offset, std::int64_t count) const;
+  void add_window(const Selection& span, std::int64_t offset, std::int64_t count);
+  void list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count);
   const float* vector(const Block& block, std::int64_t i) const {
     return block.listed ? listed_vectors_[i] : block.rows + i * dim_;
   }
