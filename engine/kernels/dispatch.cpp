@@ -1,4 +1,4 @@
-// Completes the tables of tables.h, at compile time, and chooses one of them once, by asking the
+// Completes the tables of tables.h and chooses one of them once, by asking the
 // CPU.
 #include <atomic>
 #include <cstring>
@@ -9,12 +9,14 @@
 namespace qx {
 namespace {
 
-constexpr Kernels kPortable = portable::kEntries;
+// Initialised at compile time. They are not constexpr, since g++ under -fsanitize=undefined
+// compares no address of a function with null at compile time, and initialises them at load time.
+constexpr const Kernels& kPortable = portable::kEntries;
 #if defined(__x86_64__)
-constexpr Kernels kAvx2 = inherit(avx2::kEntries, kPortable);
-constexpr Kernels kAvx512 = inherit(avx512::kEntries, kAvx2);
+const Kernels kAvx2 = inherit(avx2::kEntries, kPortable);
+const Kernels kAvx512 = inherit(avx512::kEntries, kAvx2);
 #elif defined(__aarch64__)
-constexpr Kernels kNeon = inherit(neon::kEntries, kPortable);
+const Kernels kNeon = inherit(neon::kEntries, kPortable);
 #endif
 
 constexpr const Kernels* kBestFirst[] = {
