@@ -123,6 +123,7 @@ QX_AVX2_INLINE void score_rows(const Rows (&rows)[Groups], std::int64_t dim, con
 // ---- Contiguous rows ----
 
 // From the end of `bytes` bytes of rows on; where they are few, from further ahead.
+// Tuning: only the address of prefetches, which read nothing.
 PrefetchAhead prefetch_after(const float* rows, std::int64_t bytes) {
   const std::int64_t ahead = bytes > tuning::kMinAheadBytes ? bytes : tuning::kMinAheadBytes;
   return PrefetchAhead(reinterpret_cast<std::uintptr_t>(rows) + static_cast<std::uintptr_t>(ahead));

@@ -22,6 +22,7 @@ namespace qx::tuning {
 inline constexpr std::int64_t kL2Bytes = std::int64_t{1} << 20;
 inline constexpr std::int64_t kL3Bytes = std::int64_t{20} << 20;
 
+// Tuning: where the rows are cached changes the speed and nothing else.
 constexpr CacheLevel cache_level(std::int64_t bytes) {
   if (bytes <= kL2Bytes) return CacheLevel::kL2;
   return bytes <= kL3Bytes ? CacheLevel::kL3 : CacheLevel::kMemory;
@@ -43,6 +44,7 @@ constexpr CacheLevel cache_level(std::int64_t bytes) {
 // The dimensions in between, at which one takes over from another, have no figures of their own.
 inline constexpr std::int64_t kMinFourStreamsDim = 200;
 
+// Tuning: chooses among ways that estimate the same rows; any order of the sum is an estimate.
 constexpr std::int64_t max_four_rows_dim(CacheLevel level) {
   if (level == CacheLevel::kL2) return kMinFourStreamsDim - 1;
   return level == CacheLevel::kL3 ? 64 : 48;
@@ -75,6 +77,7 @@ inline constexpr std::int64_t kMinAvx512Dim = 64;
 inline constexpr std::int64_t kMinAheadDim = 16;
 inline constexpr std::int64_t kMaxAheadDim = 192;
 
+// Tuning: chooses between scoring with prefetches, which read nothing, and without.
 constexpr bool prefetches_ahead(std::int64_t dim, CacheLevel level) {
   return dim <= kMaxAheadDim && (dim >= kMinAheadDim || level == CacheLevel::kMemory);
 }

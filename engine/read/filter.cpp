@@ -31,9 +31,11 @@ bool few_are_marked(const Int64Map& map, const Filter& filter) {
   std::int64_t sampled = 0;
   std::int64_t marked = 0;
   for (std::int64_t i = 0; i < map.size(); i += step) {
+    // Tuning: either answer finds the same rows.
     ++sampled;
     marked += is_marked(filter, map.begin()[i].value) ? 1 : 0;
   }
+  // Tuning: either answer finds the same rows.
   return marked * 4 <= sampled;
 }
 

@@ -59,6 +59,7 @@ class Scan {
   // Candidates that wait for their scores, in addition to those of the latest block.
   static constexpr std::int64_t kWaitingCandidates = 64;
   static constexpr std::int64_t kCandidateCapacity = kWaitingCandidates + kBlockRows;
+  // Tuning: where estimates are not tried, and which queries are copied; the results are the same.
   static constexpr std::int64_t kMaxExactBlocks = 32;
   static constexpr std::int64_t kMaxCopiedDim = 1024;
   static_assert(kBlockRows % kMaskRows == 0 && kBlockRows <= Pruner::kMaxObserved);
