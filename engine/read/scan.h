@@ -40,12 +40,16 @@ class Scan {
   // Adds one row. Ends the process if a row of the delta has no vector.
   void add(Row row, std::int64_t id) {
     if (run_.count > 0 || listed_ == kBlockRows) flush();
-    const float* const vector =
-        row.in_delta ? delta_vector(index_, row.number) : base_vector(index_, row.number);
+    const float* vector = nullptr;
+    if (row.in_delta) {
+      vector = delta_vector(index_, row.number);
+      listed_in_delta_[listed_ / kMaskRows] |= std::uint64_t{1} << (listed_ % kMaskRows);
+    } else {
+      vector = index_.base_vectors + row.number * dim_;
+    }
     __builtin_prefetch(vector);
     listed_vectors_[listed_] = vector;
     listed_ids_[listed_] = id;
-    listed_in_delta_[listed_ / kMaskRows] |= std::uint64_t{row.in_delta} << (listed_ % kMaskRows);
     ++listed_;
   }
 
