@@ -186,8 +186,7 @@ void Scan::add_candidate(const Block& block, std::int64_t i, float estimate) {
   ++candidates_;
 }
 
-// Decides how the next blocks are scanned, after a block of so many rows has left so many
-// candidates.
+// Decides how the next blocks are scanned, after a block of `rows` rows has left `candidates`.
 void Scan::adapt_to(std::int64_t candidates, std::int64_t rows) {
   if (candidates_ > kWaitingCandidates) prune_candidates();
   if (4 * candidates > rows) {

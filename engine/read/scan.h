@@ -24,8 +24,9 @@ struct ResultSlots {
 // pruned rows are not scored, and rows that are not added are not read.
 class Scan {
  public:
-  // Empties the slots. The scan goes through about `rows` rows, or a part of so many that are read
-  // again and again. The query is read when there is a row to score.
+  // Empties the slots. `rows` is about how many rows the source of the scan has: it decides whether
+  // pruning is worthwhile, and how near the rows are cached. The query is read when there is a row
+  // to score.
   Scan(const QxIndex& index, const float* query, const ResultSlots& slots, std::int64_t rows);
   Scan(const Scan&) = delete;
   Scan& operator=(const Scan&) = delete;
