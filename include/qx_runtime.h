@@ -120,11 +120,12 @@
 #define QX_RUNTIME_FORMAT_VERSION 1
 
 /*
- * What a result slot holds that no row has reached: this id and this score, whose bits are
- * 0xF149F2CA (convention 6).
+ * What a result slot holds that no row has reached: this id and this score, which is -1e30f with
+ * the bits 0xF149F2CA (convention 6). All its digits are written out, since some compilers of C
+ * compare floats in a wider format, in which -1e30 is another number.
  */
 #define QX_EMPTY_ID (-INT64_C(1))
-#define QX_EMPTY_SCORE (-1e30f)
+#define QX_EMPTY_SCORE (-1000000015047466219876688855040.0f)
 
 /*
  * The modes of a filter: which ids pass in qx_index_search_filtered and qx_index_match_ids.

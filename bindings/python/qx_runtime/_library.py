@@ -9,7 +9,7 @@ import pathlib
 
 # The constants of the header.
 FORMAT_VERSION = 1
-EMPTY_ID, EMPTY_SCORE = -1, -1e30
+EMPTY_ID, EMPTY_SCORE = -1, -1000000015047466219876688855040.0  # -1e30 as a 32-bit float
 FILTER_ALL, FILTER_LABEL, FILTER_COLUMN = 0, 1, 2
 MAX_BASE_ID = (1 << 40) - 1
 
