@@ -1,10 +1,10 @@
-// Random histories, told to one engine on rank 0 and to a sharded index of all ranks: every search
-// must give the same ids and the same bits of scores.
+// Random call sequences, made on one engine on rank 0 and on a sharded index of all ranks: every
+// search must give the same ids and the same bits of scores.
 //
-//   mpirun -n RANKS qx_mpi_histories --seed S --histories N [--force RANK KERNELS]
+//   mpirun -n RANKS qx_mpi_call_sequences --seed S --sequences N [--force RANK KERNELS]
 //
-// All ranks draw the same history. Ranks other than 0 give each call an argument that does not
-// count, and their own range of the base to `build`.
+// All ranks draw the same call sequence. Ranks other than 0 give each call an argument that must be
+// ignored, and their own range of the base to `build`.
 #include <mpi.h>
 #include <qx_runtime.h>
 
@@ -37,18 +37,18 @@ struct Counts {
   std::int64_t differences = 0;
 };
 
-class History {
+class CallSequence {
  public:
-  History(std::uint64_t seed, Counts& counts)
+  CallSequence(std::uint64_t seed, Counts& counts)
       : random_(seed),
         counts_(counts),
         dim_(static_cast<std::int32_t>(between(1, 40))),
         small_(percent(60)),
         index_(MPI_COMM_WORLD, dim_),
         reference_(qx_index_new(static_cast<std::uint32_t>(dim_), 0)) {}
-  ~History() { qx_index_free(reference_); }
-  History(const History&) = delete;
-  History& operator=(const History&) = delete;
+  ~CallSequence() { qx_index_free(reference_); }
+  CallSequence(const CallSequence&) = delete;
+  CallSequence& operator=(const CallSequence&) = delete;
 
   void play() {
     if (percent(15)) describe(0);  // columns that no id has
@@ -102,7 +102,7 @@ class History {
   }
   std::int64_t draw_k() { return percent(20) ? between(50, 1000) : between(1, 12); }
 
-  // What the other ranks give must not matter.
+  // The arguments of the other ranks must be ignored.
   bool is_root() const { return index_.ranks().is_root(); }
   template <typename Number>
   std::vector<Number> own(const std::vector<Number>& numbers) {
@@ -353,7 +353,7 @@ class History {
 
 struct Settings {
   std::uint64_t seed = 1;
-  std::int64_t histories = 20;
+  std::int64_t sequences = 20;
   int forced_rank = -1;
   std::string kernels;
 };
@@ -363,7 +363,7 @@ Settings read_settings(int count, char** arguments) {
   for (int i = 1; i + 1 < count; i += 2) {
     const std::string name = arguments[i];
     if (name == "--seed") settings.seed = std::strtoull(arguments[i + 1], nullptr, 10);
-    if (name == "--histories") settings.histories = std::strtoll(arguments[i + 1], nullptr, 10);
+    if (name == "--sequences") settings.sequences = std::strtoll(arguments[i + 1], nullptr, 10);
     if (name == "--force" && i + 2 < count) {
       settings.forced_rank = std::atoi(arguments[i + 1]);
       settings.kernels = arguments[++i + 1];
@@ -382,22 +382,22 @@ int play_all(const Settings& settings) {
     MPI_Abort(MPI_COMM_WORLD, 1);
   }
   Counts counts;
-  for (std::int64_t history = 0; history < settings.histories && counts.differences == 0;
-       ++history) {
-    History(settings.seed + static_cast<std::uint64_t>(history), counts).play();
+  for (std::int64_t sequence = 0; sequence < settings.sequences && counts.differences == 0;
+       ++sequence) {
+    CallSequence(settings.seed + static_cast<std::uint64_t>(sequence), counts).play();
     // All stop at the first difference of any.
     MPI_Allreduce(MPI_IN_PLACE, &counts.differences, 1, MPI_INT64_T, MPI_SUM, MPI_COMM_WORLD);
     if (counts.differences != 0 && rank == 0) {
-      std::fprintf(stderr, "in the history of seed %llu\n",
+      std::fprintf(stderr, "in the call sequence of seed %llu\n",
                    static_cast<unsigned long long>(settings.seed) +
-                       static_cast<unsigned long long>(history));
+                       static_cast<unsigned long long>(sequence));
     }
   }
   if (rank == 0) {
     std::printf(
-        "%d ranks, %lld histories, %lld changes, %lld searches of %lld results (%lld ties) "
+        "%d ranks, %lld call sequences, %lld changes, %lld searches of %lld results (%lld ties) "
         "compared, %lld differ\n",
-        ranks, static_cast<long long>(settings.histories), static_cast<long long>(counts.changes),
+        ranks, static_cast<long long>(settings.sequences), static_cast<long long>(counts.changes),
         static_cast<long long>(counts.searches), static_cast<long long>(counts.results),
         static_cast<long long>(counts.ties), static_cast<long long>(counts.differences));
   }
