@@ -69,7 +69,7 @@ class Loader {
       ids_->read(first_, std::span(ids));
     });
     const auto read = [&](std::span<float> rows) {
-      // Of the ranks that take turns, those of one machine speak, one after the other.
+      // The ranks of a machine read in turns; those of rank 0's machine report progress.
       Progress progress(ranks_.is_on_root_machine(),
                         "rank " + std::to_string(ranks_.rank()) + " reads rows");
       read_own(progress, [&](std::int64_t place, std::int64_t count) {

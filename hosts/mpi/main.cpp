@@ -94,7 +94,7 @@ void run(const Options& options, const Communicator& world) {
   }
 }
 
-// All ranks end alike, whichever of them could not go on; rank 0 speaks.
+// All ranks end with the same status, whichever of them failed; rank 0 prints the error.
 int run_all(int count, char** arguments) {
   const Communicator world(MPI_COMM_WORLD);
   try {

@@ -20,7 +20,7 @@ static_assert(std::endian::native == std::endian::little, "the files are little-
 
 constexpr std::int64_t kMostRows = std::int64_t{1} << 40;
 
-// What stands behind 'key': in the header's dictionary, up to the comma or bracket that ends it.
+// The text after 'key': in the header's dictionary, up to the comma or bracket that ends it.
 std::string value_of(const std::string& header, const std::string& key) {
   const std::string quoted = "'" + key + "':";
   std::size_t place = header.find(quoted);

@@ -143,7 +143,7 @@ def tables(options):
 
 
 def parts_of(file, marks):
-    """What stands in a file before two marks, between them, and after."""
+    """The text of a file before two marks, between them, and after them."""
     before, rest = file.read_text().split(marks[0])
     return before, *rest.split(marks[1])
 

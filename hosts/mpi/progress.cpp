@@ -12,11 +12,11 @@ constexpr double kSeconds = 2;
 
 }  // namespace
 
-Progress::Progress(bool speaks, std::string work)
-    : speaks_(speaks), work_(std::move(work)), next_(MPI_Wtime() + kSeconds) {}
+Progress::Progress(bool prints, std::string work)
+    : prints_(prints), work_(std::move(work)), next_(MPI_Wtime() + kSeconds) {}
 
 void Progress::at(std::int64_t done, std::int64_t total) {
-  if (!speaks_ || MPI_Wtime() < next_) return;
+  if (!prints_ || MPI_Wtime() < next_) return;
   next_ = MPI_Wtime() + kSeconds;
   const double share =
       static_cast<double>(done) / static_cast<double>(std::max<std::int64_t>(total, 1));

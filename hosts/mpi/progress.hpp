@@ -8,12 +8,12 @@ namespace qx {
 
 class Progress {
  public:
-  // Only a rank that `speaks` says anything, so that some do for all.
-  Progress(bool speaks, std::string work);
+  // Only a rank for which `prints` is true prints anything.
+  Progress(bool prints, std::string work);
   void at(std::int64_t done, std::int64_t total);
 
  private:
-  bool speaks_;
+  bool prints_;
   std::string work_;
   double next_;
 };

@@ -14,8 +14,8 @@
 // Two engines to a rank. The base engine has the rank's rows under their local numbers, so that its
 // table of ids is small whatever the ids are. The delta engine has the rows that were inserted,
 // under their own ids, on the one rank that owns the id: the owner is a hash of the id. An id that
-// is inserted or deleted has its base row deleted where it lies, for ever, since what an insert
-// brings back is the delta row.
+// is inserted or deleted has its base row deleted on its rank, for ever, since a later insert
+// writes a delta row.
 #pragma once
 
 #include <cstdint>
@@ -56,8 +56,8 @@ class ShardedIndex {
   // 2^40 - 1; without them, a row's id is its number. Delta, tombstones and metadata stay; IVF
   // structures do not.
   void build(Floats vectors, std::optional<Ids> ids = std::nullopt);
-  // The same of vectors that `read` puts where it is told: a rank's rows, all at once. The ranks of
-  // one machine take turns, so that one of them at a time holds its rows twice.
+  // The same of vectors that `read` writes into the span that it is given: a rank's rows, all at
+  // once. The ranks of one machine take turns, so that one of them at a time holds its rows twice.
   using Read = std::function<void(std::span<float>)>;
   void build_from(std::int64_t rows, const Read& read, std::optional<Ids> ids = std::nullopt);
 
@@ -75,7 +75,7 @@ class ShardedIndex {
   void set_ivf_nprobe(std::int64_t key, std::int32_t nprobe);
   void clear_ivf();
 
-  // The k best rows for each query; the queries lie one after the other.
+  // The k best rows for each query; the queries are stored one after the other.
   std::vector<Hits> search_full(Floats queries, std::int64_t k);
   std::vector<Hits> search_filtered(Filter filter, Floats queries, std::int64_t k);
   std::vector<Hits> search_ivf(std::int64_t key, Floats queries, std::int64_t k);
@@ -98,7 +98,7 @@ class ShardedIndex {
     std::int64_t first_row = 0;
     std::int64_t total_rows = 0;
   };
-  // The part of an IVF structure that lies here: all centroids, and of each list the rows of this
+  // The part of an IVF structure on this rank: all centroids, and of each list the rows of this
   // rank, in the list's order; of each row its list and its place in the list of all ranks.
   struct Ivf {
     std::int32_t nprobe = 0;
@@ -122,8 +122,8 @@ class ShardedIndex {
     Filter filter;
     std::int64_t key;
   };
-  // For how much there is room on every rank: k, entries of lists, and queries.
-  struct Room {
+  // What the search buffers of every rank hold at least: k results, entries of lists, queries.
+  struct Capacity {
     std::int64_t k = 0;
     std::int64_t entries = 0;
     std::int64_t queries = 0;
@@ -167,7 +167,7 @@ class ShardedIndex {
   Asked checked(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
   template <typename Check>
   Asked ask(Floats queries, Check check);
-  void make_room(std::int64_t k, std::int64_t queries);
+  void reserve_buffers(std::int64_t k, std::int64_t queries);
   template <typename Local>
   void run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local);
   void search_base(const float* query, std::span<Entry> list);
@@ -194,8 +194,8 @@ class ShardedIndex {
   std::uint64_t snapshot_ = 0;
   std::int32_t columns_ = 0;
   std::map<std::int64_t, Ivf> ivfs_;
-  // Room that searches use again, so that the usual one asks for no memory and cannot fail.
-  Room room_;
+  // The buffers of searches are kept, so that most searches allocate nothing and cannot fail.
+  Capacity capacity_;
   std::vector<std::byte> question_;
   std::vector<float> queries_;
   std::vector<Entry> lists_;

@@ -1,5 +1,5 @@
 // IVF structures of a sharded index: all centroids are on every rank, and of each list the rows
-// that lie there.
+// of that rank.
 #include <algorithm>
 #include <cstddef>
 #include <numeric>
@@ -107,7 +107,7 @@ void ShardedIndex::attach(std::int64_t key, Ivf& ivf) {
   ivfs_.merge(made);
 }
 
-// Keeps of each list the rows that lie here.
+// Keeps of each list the rows of this rank.
 void ShardedIndex::place_rows(Ivf& ivf, Ids list_ids,
                               std::span<const std::int32_t> list_offsets) const {
   ivf.list_of_row.assign(at(rows_), -1);

@@ -12,15 +12,15 @@
 namespace qx {
 namespace {
 
-// Base rows come after every delta row, in the walk of one index.
-constexpr std::int64_t kFirstBaseKey = std::int64_t{1} << 62;
+// Base rows arrive after every delta row in the walk of one index.
+constexpr std::int64_t kFirstBaseArrival = std::int64_t{1} << 62;
 constexpr std::int64_t kBytesOfLists = std::int64_t{1} << 26;
 
 }  // namespace
 
 // ---- Asking ----
 
-// Checks what rank 0 was given and makes room for its results. Results are at most `most`.
+// Checks what rank 0 was given and reserves memory for its results, which are at most `most`.
 ShardedIndex::Asked ShardedIndex::checked(Floats queries, std::int64_t k, std::int64_t most,
                                           std::vector<Hits>& found) const {
   constexpr std::int64_t kMostResults = std::numeric_limits<std::int32_t>::max() / 32;
@@ -55,21 +55,21 @@ ShardedIndex::Asked ShardedIndex::ask(Floats queries, Check check) {
   return asked;
 }
 
-// Room for the searches of one round. Whether it is asked for depends on what all ranks know alike:
-// after a failure, one may have more than another.
-void ShardedIndex::make_room(std::int64_t k, std::int64_t queries) {
-  if (k <= room_.k && k * queries <= room_.entries && queries <= room_.queries) return;
-  const Room wanted{std::max(k, room_.k), std::max(k * queries, room_.entries),
-                    std::max(queries, room_.queries)};
+// Grows the buffers for the searches of one round. Whether they grow is decided by capacity_, which
+// is equal on all ranks: after a failure, the buffers of one may be larger than another's.
+void ShardedIndex::reserve_buffers(std::int64_t k, std::int64_t queries) {
+  if (k <= capacity_.k && k * queries <= capacity_.entries && queries <= capacity_.queries) return;
+  const Capacity wanted{std::max(k, capacity_.k), std::max(k * queries, capacity_.entries),
+                        std::max(queries, capacity_.queries)};
   ranks_.together([&] {
     lists_.resize(at(wanted.entries));
     queries_.resize(at(wanted.queries * dim_));
     parts_.resize(at(2 * wanted.k));
     slot_scores_.resize(at(wanted.k));
     slot_ids_.resize(at(wanted.k));
-    make_merge_room(wanted.k);
+    reserve_merge_buffer(wanted.k);
   });
-  room_ = wanted;
+  capacity_ = wanted;
 }
 
 template <typename Local>
@@ -79,7 +79,7 @@ void ShardedIndex::run(Floats queries, const Asked& asked, std::vector<Hits>& fo
   const std::int64_t step = std::max<std::int64_t>(1, kBytesOfLists / bytes_each);
   for (std::int64_t first = 0; first < asked.queries; first += step) {
     const std::int64_t count = std::min(step, asked.queries - first);
-    make_room(asked.k, count);
+    reserve_buffers(asked.k, count);
     const std::span<float> sent = std::span(queries_).first(at(count * dim_));
     if (asked.queries == 1) {
       std::memcpy(sent.data(), question_.data() + Communicator::kBlockHead + sizeof asked,
@@ -164,8 +164,9 @@ void ShardedIndex::search_current(const Filter& filter, const float* query, std:
   for (std::size_t i = 0; i < list.size(); ++i) {
     const std::int64_t row = slot_ids_[i];
     const bool filled = is_filled(slot_scores_[i]);
-    of_base[i] =
-        filled ? Entry{kFirstBaseKey + first_row_ + row, id_of_row(row), slot_scores_[i]} : Entry();
+    of_base[i] = filled
+                     ? Entry{kFirstBaseArrival + first_row_ + row, id_of_row(row), slot_scores_[i]}
+                     : Entry();
   }
   merge_lists(of_delta.data(), of_base.data(), std::ssize(list), list.data());
 }

@@ -17,7 +17,8 @@ class ListType {
  public:
   explicit ListType(std::int64_t k) {
     const int lengths[] = {1, 1, 1};
-    const MPI_Aint places[] = {offsetof(Entry, key), offsetof(Entry, id), offsetof(Entry, score)};
+    const MPI_Aint places[] = {offsetof(Entry, arrival), offsetof(Entry, id),
+                               offsetof(Entry, score)};
     const MPI_Datatype types[] = {MPI_INT64_T, MPI_INT64_T, MPI_FLOAT};
     MPI_Datatype aligned = MPI_DATATYPE_NULL;
     MPI_Type_create_struct(3, lengths, places, types, &aligned);
@@ -70,7 +71,7 @@ void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entr
   }
 }
 
-void make_merge_room(std::int64_t k) {
+void reserve_merge_buffer(std::int64_t k) {
   const std::size_t entries = std::max(scratch().size(), static_cast<std::size_t>(k));
   scratch().resize(entries);
 }

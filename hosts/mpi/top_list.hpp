@@ -2,8 +2,8 @@
 // that either has seen, so ranks may be merged in any order, two at a time.
 //
 // The order is the engine's own: the better score first, then the row that a single index would
-// have offered earlier. `key` says how early; no two rows of a search have the same, so that the
-// order is total and the merge gives the same list whichever ranks are merged first.
+// have offered earlier, by `arrival`; no two rows of a search have the same, so that the order is
+// total and the merge gives the same list whichever ranks are merged first.
 #pragma once
 
 #include <mpi.h>
@@ -19,11 +19,11 @@ namespace qx {
 // The score of every row that is found is above that of an empty slot.
 inline bool is_filled(float score) { return score > QX_EMPTY_SCORE; }
 
-// Without padding: MPI counts on none behind the last entry of a list, and makes its own buffers
-// that much smaller.
+// Without padding: MPI assumes none after the last entry of a list, and makes its own buffers that
+// much smaller.
 #pragma pack(push, 4)
 struct Entry {
-  std::int64_t key = std::numeric_limits<std::int64_t>::max();
+  std::int64_t arrival = std::numeric_limits<std::int64_t>::max();
   std::int64_t id = QX_EMPTY_ID;
   float score = QX_EMPTY_SCORE;
 };
@@ -32,18 +32,18 @@ static_assert(sizeof(Entry) == 20);
 
 inline bool comes_before(const Entry& one, const Entry& other) {
   if (one.score != other.score) return one.score > other.score;
-  return one.key < other.key;
+  return one.arrival < other.arrival;
 }
 
 // The first entries of two sorted lists taken together; all three lists have one length.
 void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entry* merged);
 
-// Makes room for the merges of lists of up to k entries. To be called before reduce_to_root, which
-// asks for no memory of its own, since a rank that lacked it would leave the others waiting.
-void make_merge_room(std::int64_t k);
+// Allocates the buffer for merges of lists of up to k entries. To be called before reduce_to_root,
+// which allocates nothing, since a rank where that failed would leave the others waiting.
+void reserve_merge_buffer(std::int64_t k);
 
-// Merges the lists of all ranks into those of rank 0: `lists` holds some of k entries each, one
-// after the other.
+// Merges the lists of all ranks into those of rank 0: `lists` has any number of lists of k entries
+// each, one after the other.
 void reduce_to_root(std::span<Entry> lists, std::int64_t k, MPI_Comm ranks);
 
 // Adds the entries that are not empty.

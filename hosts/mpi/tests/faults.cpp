@@ -105,7 +105,7 @@ void no_memory_in_a_change() {
   }
 }
 
-// A search for which one rank has no room, and one for which all have.
+// A search for which one rank cannot allocate its buffers, and one for which all can.
 void no_memory_in_a_search() {
   qx::ShardedIndex index(MPI_COMM_WORLD, 1);
   index.build(Floats(std::size_t{1} << 21));
