@@ -11,7 +11,7 @@ namespace qx_sqlite {
 enum class ColumnKind {
   kVector,     // embedding float[100]
   kNumber,     // length integer: a search can be filtered by it
-  kPartition,  // letter integer partition key: so, and its rows lie side by side
+  kPartition,  // letter integer partition key: the same, and its rows are contiguous
   kExtra,      // +word text: kept with the row, and no more
 };
 

@@ -1,6 +1,5 @@
 // The loadable extension: the virtual table module `qx` and its functions, as SQLite calls them.
-// Nothing is decided here that another room decides; exceptions become SQL errors here and go no
-// further.
+// The decisions are made in the other files; exceptions become SQL errors here and go no further.
 #include <sqlite3ext.h>
 SQLITE_EXTENSION_INIT1
 
@@ -80,7 +79,7 @@ int guarded_in(sqlite3_vtab* table, Function function) {
       function);
 }
 
-// ---- The life of a table ----
+// ---- Lifecycle of a table ----
 
 int open_table(sqlite3* database, int count, const char* const* arguments, sqlite3_vtab** out,
                char** message, bool create) {
@@ -166,7 +165,7 @@ int best_index(sqlite3_vtab* base, sqlite3_index_info* info) {
   return guarded_in(base, [&] {
     Table* const table = table_of(base);
     return choose_plan(table->declaration, info, [&](const std::vector<Condition>& conditions) {
-      return std::string(name_of(table->live.way(conditions)));
+      return std::string(name_of(table->live.access_path(conditions)));
     });
   });
 }

@@ -51,17 +51,17 @@ bool Condition::passes(std::optional<std::int64_t> number) const {
   }
 }
 
-const char* name_of(Way way) {
-  switch (way) {
-    case Way::kExact:
+const char* name_of(AccessPath path) {
+  switch (path) {
+    case AccessPath::kExact:
       return "exact";
-    case Way::kCurrent:
+    case AccessPath::kCurrent:
       return "current";
-    case Way::kPartition:
+    case AccessPath::kPartition:
       return "partition";
-    case Way::kFiltered:
+    case AccessPath::kFiltered:
       return "filtered";
-    case Way::kIvf:
+    case AccessPath::kIvf:
       return "ivf";
     default:
       return "candidates";
@@ -176,17 +176,18 @@ qx::Filter LiveRows::filter(const Condition& condition) const {
   return slot == NumberSlots::kLabel ? qx::Filter::label(value) : qx::Filter::column(slot, value);
 }
 
-Way LiveRows::way(const std::vector<Condition>& conditions) const {
+AccessPath LiveRows::access_path(const std::vector<Condition>& conditions) const {
   if (conditions.empty()) {
-    if (ivf_lists_ > 0 && changed_.size() <= kManyChanged) return Way::kIvf;
-    return changed_.empty() ? Way::kExact : Way::kCurrent;
+    if (ivf_lists_ > 0 && changed_.size() <= kManyChanged) return AccessPath::kIvf;
+    return changed_.empty() ? AccessPath::kExact : AccessPath::kCurrent;
   }
   const Condition& first = conditions[0];
   if (conditions.size() > 1 || first.column < 0 || first.test != Condition::Test::kEqual) {
-    return Way::kCandidates;
+    return AccessPath::kCandidates;
   }
-  return first.column == declaration_.partition_column() && changed_.empty() ? Way::kPartition
-                                                                             : Way::kFiltered;
+  return first.column == declaration_.partition_column() && changed_.empty()
+             ? AccessPath::kPartition
+             : AccessPath::kFiltered;
 }
 
 qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
@@ -197,20 +198,20 @@ qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
       return {};
     }
   }
-  const Way taken = way(conditions);
+  const AccessPath path = access_path(conditions);
   const std::vector<std::int64_t> listed =
-      taken == Way::kCandidates ? candidates(conditions) : std::vector<std::int64_t>();
+      path == AccessPath::kCandidates ? candidates(conditions) : std::vector<std::int64_t>();
   const auto best = [&](std::int64_t count) {
-    switch (taken) {
-      case Way::kExact:
+    switch (path) {
+      case AccessPath::kExact:
         return index_->search_full(query, count);
-      case Way::kCurrent:
+      case AccessPath::kCurrent:
         return index_->search_filtered(qx::Filter::all(), query, count);
-      case Way::kPartition:
+      case AccessPath::kPartition:
         return index_->search_partition(conditions[0].numbers[0], query, count);
-      case Way::kFiltered:
+      case AccessPath::kFiltered:
         return index_->search_filtered(filter(conditions[0]), query, count);
-      case Way::kIvf:
+      case AccessPath::kIvf:
         return ivf_hits(query, count);
       default:
         return changed_.empty() ? index_->scatter_topk(listed, query, count)
@@ -218,7 +219,7 @@ qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
     }
   };
   if (k == 0) return {};
-  // Rows of the last score may wait behind the k-th: all of them are needed to order by rowid.
+  // More rows may have the score of the k-th: all of them are needed to order by rowid.
   const std::int64_t most = index_->size() + static_cast<std::int64_t>(changed_.size());
   const auto last = static_cast<std::size_t>(std::min(k, most));
   qx::Hits hits;
@@ -232,8 +233,8 @@ qx::Hits LiveRows::search(std::span<const float> query, std::int64_t k,
   return hits;
 }
 
-// The lists know the base alone: what has changed since is left out of their rows, and searched in
-// full beside them.
+// The lists have base rows alone: rows that have changed since are left out of their results, and
+// all searched exactly.
 qx::Hits LiveRows::ivf_hits(std::span<const float> query, std::int64_t k) const {
   qx::Hits hits = index_->search_mvcc(changed_, query, k);
   const qx::Hits of_lists =

@@ -34,9 +34,9 @@ struct Condition {
   bool passes(std::optional<std::int64_t> number) const;
 };
 
-// How a search reaches its rows.
-enum class Way { kExact, kCurrent, kPartition, kFiltered, kCandidates, kIvf };
-const char* name_of(Way way);
+// How a search finds its rows.
+enum class AccessPath { kExact, kCurrent, kPartition, kFiltered, kCandidates, kIvf };
+const char* name_of(AccessPath path);
 
 class LiveRows {
  public:
@@ -54,8 +54,8 @@ class LiveRows {
   qx::Hits search(std::span<const float> query, std::int64_t k,
                   const std::vector<Condition>& conditions) const;
 
-  // The way that a search takes now, judged by the columns and tests of its conditions alone.
-  Way way(const std::vector<Condition>& conditions) const;
+  // The access path that a search takes now, by the columns and tests of its conditions alone.
+  AccessPath access_path(const std::vector<Condition>& conditions) const;
 
  private:
   void load();

@@ -67,7 +67,7 @@ class Planner {
   }
 
   int plan_search(int match,
-                  const std::function<std::string(const std::vector<Condition>&)>& way_of) {
+                  const std::function<std::string(const std::vector<Condition>&)>& access_path_of) {
     const bool ordered = order_is_ours();
     if (!use(match, "m")) return SQLITE_CONSTRAINT;
     bool limited = false;
@@ -93,9 +93,9 @@ class Planner {
       }
     }
     info_->orderByConsumed = ordered;
-    finish(way_of(conditions_));
-    // SQLite may ask again without a limit: that plan is for want of another, and fails when it
-    // runs.
+    finish(access_path_of(conditions_));
+    // SQLite may ask again without a limit: that plan is chosen only if there is no other, and
+    // fails when it runs.
     if (!limited) info_->estimatedCost = 1e12;
     return SQLITE_OK;
   }
@@ -138,8 +138,8 @@ class Planner {
     return true;
   }
 
-  void finish(const std::string& way) {
-    std::string text = way;
+  void finish(const std::string& access_path) {
+    std::string text = access_path;
     if (!names_.empty()) text += " by " + names_;
     text += " | " + tokens_;
     info_->idxNum = kSearch;
@@ -219,10 +219,10 @@ Condition read_condition(const std::string& name, int column, char sign, sqlite3
 }  // namespace
 
 int choose_plan(const Declaration& declaration, sqlite3_index_info* info,
-                const std::function<std::string(const std::vector<Condition>&)>& way_of) {
+                const std::function<std::string(const std::vector<Condition>&)>& access_path_of) {
   Planner planner(declaration, info);
   const int match = planner.find_match();
-  if (match >= 0) return planner.plan_search(match, way_of);
+  if (match >= 0) return planner.plan_search(match, access_path_of);
   info->idxNum = kScan;
   info->estimatedCost = 1e6;
   info->estimatedRows = 1'000'000;

@@ -56,8 +56,8 @@ void Storage::create() {
   execute(database_, "CREATE TABLE " + name("rows") + "(" + columns + ")");
   execute(database_,
           "CREATE TABLE " + name("log") + "(entry INTEGER PRIMARY KEY, rowid_ INTEGER NOT NULL)");
-  // With rowids, so that its keys lie apart from its values: beside a long one, every search that
-  // asks for the generation would read that, too.
+  // Not WITHOUT ROWID, which would store values in the index of the keys: every search reads the
+  // generation, and would then read past long values.
   execute(database_, "CREATE TABLE " + name("state") + "(key TEXT PRIMARY KEY, value)");
   set("version", kVersion);
   set("generation", random_number());

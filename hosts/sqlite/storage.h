@@ -1,4 +1,4 @@
-// The ordinary tables behind a virtual table, where its rows live:
+// The ordinary tables that store the rows of a virtual table, its shadow tables:
 //
 //   NAME_rows   the rows, as inserted
 //   NAME_log    the rowids written since the generation began, in the order of writing

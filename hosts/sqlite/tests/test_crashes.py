@@ -27,14 +27,14 @@ def rows_after(transactions):
 
 
 def kill_while_writing(path, first, delay):
-    """Returns the number of the first transaction that was not told."""
+    """Returns the number of the first transaction that was not reported."""
     with subprocess.Popen([sys.executable, str(WRITER), str(path), str(first)],
                           stdout=subprocess.PIPE, text=True) as writer:
-        told = [writer.stdout.readline()]  # it has begun
+        reported = [writer.stdout.readline()]  # it has begun
         time.sleep(delay)
         writer.send_signal(signal.SIGKILL)
-        told += writer.stdout.readlines()
-    whole = [int(line) for line in told if line.endswith("\n")]
+        reported += writer.stdout.readlines()
+    whole = [int(line) for line in reported if line.endswith("\n")]
     return whole[-1] + 1
 
 
@@ -49,11 +49,11 @@ def test_a_killed_writer_loses_nothing_and_invents_nothing(tmp_path):
             setup.close()
             reader = connect(path)  # stays, whatever happens to the writer
             done = 0
-        told = kill_while_writing(path, done, draw.uniform(0, 0.08))
+        reported = kill_while_writing(path, done, draw.uniform(0, 0.08))
         fresh = connect(path)
         rows = {rowid: (embedding, label) for rowid, embedding, label in
                 fresh.execute("SELECT rowid, qx_json(embedding), label FROM t")}
-        done = told if rows == rows_after(told) else told + 1
+        done = reported if rows == rows_after(reported) else reported + 1
         assert rows == rows_after(done)
         for query in ("[1, 2, 3]", "[-1, 1, 0]"):
             search = "SELECT rowid, score FROM t WHERE embedding MATCH ? AND k = 100000"

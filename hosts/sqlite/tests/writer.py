@@ -1,7 +1,7 @@
 """Writes transactions without end, for a test that kills it: writer.py DATABASE FIRST
 
 Transaction n inserts the rows 3n, 3n + 1 and 3n + 2, deletes row 3n - 6 and moves the vector of row
-3n - 5. Each is told on standard output once it is committed.
+3n - 5. The number of each is printed once it is committed.
 """
 import sys
 

@@ -1,6 +1,6 @@
 // A fuzz target: the input is SQL, run on a database with a small table of vectors. Whatever it
-// does to the table and to the ordinary tables behind it, the process goes on, and nothing is read
-// or written where it must not be. At the end a search of what is left must not end it either.
+// does to the table and to its shadow tables, the process goes on, and nothing is read or written
+// where it must not be. At the end a search of what is left must not end it either.
 #include <sqlite3.h>
 
 #include <cstddef>

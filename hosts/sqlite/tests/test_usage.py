@@ -45,18 +45,19 @@ def test_results_are_ordered_as_asked(filled, order, expected):
     assert rowids(filled, f"{NEAREST} {order}", ["[1, 0]", 3]) == expected
 
 
-@pytest.mark.parametrize("where, way", [
+@pytest.mark.parametrize("where, access_path", [
     ("", "exact"), ("AND letter = 3", "partition by letter"), ("AND label = 1", "filtered by label"),
     ("AND label = 1 AND length = 2", "candidates by label, length"),
     ("AND rowid IN (1, 2)", "candidates by rowid"), ("AND length > 2", "candidates by length"),
 ])
-def test_the_plan_names_the_way(filled, where, way):
+def test_the_plan_names_the_access_path(filled, where, access_path):
     rowids(filled, NEAREST, ["[1, 0]", 1])
     detail = filled.execute(f"EXPLAIN QUERY PLAN {NEAREST} {where}", ["[1, 0]", 1]).fetchone()[3]
-    assert f"INDEX 2:{way} |" in detail
+    assert f"INDEX 2:{access_path} |" in detail
     filled.execute("DELETE FROM t WHERE rowid = 20")
     rowids(filled, NEAREST, ["[1, 0]", 1])
-    changed = {"exact": "current", "partition by letter": "filtered by letter"}.get(way, way)
+    changed = {"exact": "current", "partition by letter": "filtered by letter"}.get(
+        access_path, access_path)
     detail = filled.execute(f"EXPLAIN QUERY PLAN {NEAREST} {where}", ["[1, 0]", 1]).fetchone()[3]
     assert f"INDEX 2:{changed} |" in detail
 

@@ -1,4 +1,4 @@
-"""Random histories of SQL on a table, through two connections, against a model."""
+"""Random sequences of SQL statements on a table, through two connections, against a model."""
 import random
 import sqlite3
 
@@ -12,8 +12,8 @@ DIM = 3
 COLUMNS = ["label", "length", "letter"]
 
 
-class History:
-    """Draws statements, runs them, and keeps beside them what the table must hold."""
+class StatementSequence:
+    """Draws statements, runs them, and keeps the rows that the table must then hold."""
 
     def __init__(self, path, seed):
         self.random = random.Random(seed)
@@ -163,6 +163,6 @@ def test_answers_are_those_of_the_model(tmp_path, seed):
     for journal in ("wal",):
         path = tmp_path / f"{journal}.db"
         connect(path).execute(f"PRAGMA journal_mode = {journal}")
-        history = History(path, seed)
-        history.play(150)
-        assert history.searches > 20
+        sequence = StatementSequence(path, seed)
+        sequence.play(150)
+        assert sequence.searches > 20
