@@ -1,18 +1,18 @@
 // qx_runtime for C++20: an index that owns itself, spans in, results that own their memory.
 //
-// Every size, dimension and offset is checked before the engine is called, and memory that an
-// argument asks for is sought before the engine must have it. What does not fit is thrown, with a
-// message, and changes nothing:
+// Every size, dimension and offset is checked before the engine is called, and the memory that a
+// call needs is allocated once as a trial, since the engine ends the process where it cannot
+// allocate. A call that is refused throws, with a message, and changes nothing:
 //
 //   qx::InvalidArgument  an argument that does not fit the index or the other arguments
 //   qx::LogicError       a call that the index cannot take now: it was moved from, or is sealed
 //   std::bad_alloc       memory that is not there
 //
-// So nothing that is given to this class ends the process, other than memory that goes away between
-// the look and the use, as on a machine that promises more than it has. Memory is sought
-// generously: a call may be refused though it would have fitted, where it asks for half of what is
-// left. What the calls do is said in qx_runtime.h; each has the name of its function there. Nothing
-// is converted: floats may be NaN or infinite, and scores are the engine's, to the bit.
+// So no argument ends the process, unless memory is lost between the trial and the use, as on a
+// machine that overcommits. Trials are larger than needed: a call that needs half of what is left
+// may be refused though it would have succeeded. What the calls do is said in qx_runtime.h; each
+// has the name of its function there. Nothing is converted: floats may be NaN or infinite, and
+// scores are the engine's, to the bit.
 //
 // An index that was moved from throws qx::LogicError from all but dim and columns, which are 0, and
 // can be assigned to. The accessors of results (operator[], vector) do not check their positions.
@@ -111,7 +111,7 @@ struct RowMeta {
   std::int32_t ncols = 0;
 };
 
-// Rows of the base that lie side by side.
+// Contiguous rows of the base.
 struct Partition {
   std::int64_t key;
   std::int32_t start;
@@ -124,8 +124,8 @@ struct PartitionSize {
   friend bool operator==(const PartitionSize&, const PartitionSize&) = default;
 };
 
-// How many distinct ids a table of the engine has at least and at most, where the engine does not
-// tell: exact for few of them, from a sample of their hashes for many.
+// Bounds on how many distinct ids a table of the engine has, where the engine does not report it:
+// exact for few of them, from a sample of their hashes for many.
 class DistinctIds {
  public:
   void add(std::span<const std::int64_t> ids) {
@@ -157,7 +157,7 @@ class DistinctIds {
     std::erase_if(sample_, [&](std::uint64_t hash) { return !is_sampled(hash); });
   }
 
-  std::unordered_set<std::uint64_t> sample_;  // hashes that end in so many zeros
+  std::unordered_set<std::uint64_t> sample_;  // hashes that end in level_ zeros or more
   int level_ = 0;
 };
 
@@ -191,7 +191,7 @@ class Index {
 
   explicit Index(std::int32_t dim, std::uint32_t user_tag = 0) : dim_(dim) {
     require(dim >= 1, [&] { return "the dimension is " + text(dim) + ", and must be 1 or more"; });
-    seek(kSlack);
+    require_memory(kSlack);
     handle_ = qx_index_new(static_cast<std::uint32_t>(dim), user_tag);
   }
   ~Index() { qx_index_free(handle_); }
@@ -252,8 +252,9 @@ class Index {
       sizes.push_back(part.size);
     }
     const std::int32_t parts = int32("the number of partitions", std::ssize(keys));
-    seek(4.0 * static_cast<double>(vectors.size()) + 16.0 * static_cast<double>(ids.size()) +
-         8.0 * static_cast<double>(largest + 3) + 16.0 * parts + kSlack);
+    require_memory(4.0 * static_cast<double>(vectors.size()) +
+                   16.0 * static_cast<double>(ids.size()) + 8.0 * static_cast<double>(largest + 3) +
+                   16.0 * parts + kSlack);
     const std::int32_t result =
         qx_index_build(open(), vectors.data(), std::ssize(ids), dim_, ids.data(), keys.data(),
                        starts.data(), sizes.data(), parts);
@@ -269,7 +270,7 @@ class Index {
   // ---- Searches of the sealed base ----
   //
   // Each comes in two forms: one gives Hits, as many as were found; the other fills the spans,
-  // whose common size is k, and gives the number found. Behind those the slots are unspecified. The
+  // whose common size is k, and gives the number found. The slots after those are unspecified. The
   // spans must overlap neither each other nor what is given.
 
   Hits search_full(Floats query, std::int64_t k) const {
@@ -329,7 +330,7 @@ class Index {
     const std::int32_t n = int32("the number of rows", std::ssize(ids));
     const auto rows = static_cast<double>(delta_count());
     const double after = delta_bytes(rows + n);
-    if (after > delta_bytes(rows)) seek(after);
+    if (after > delta_bytes(rows)) require_memory(after);
     return qx_index_insert(open(), vectors.data(), ids.data(), n);
   }
 
@@ -337,7 +338,7 @@ class Index {
   std::uint64_t erase(Ids ids) {
     QxIndex* const index = open();
     const std::int32_t n = int32("the number of ids", std::ssize(ids));
-    seek(growth(erased_, ids));
+    require_memory(growth(erased_, ids));
     return qx_index_delete(index, ids.data(), n);
   }
 
@@ -360,8 +361,8 @@ class Index {
       last = offset;
     }
     const auto keys = static_cast<double>(ivfs_.size() + 1);
-    seek(4.0 * static_cast<double>(centroids.size()) + 8.0 * n_ids + 4.0 * nlist +
-         table_bytes(keys) + 80 * power_of_two(keys) + kSlack);
+    require_memory(4.0 * static_cast<double>(centroids.size()) + 8.0 * n_ids + 4.0 * nlist +
+                   table_bytes(keys) + 80 * power_of_two(keys) + kSlack);
     Ivf& ivf = ivfs_[key];  // before the engine has it, since this may throw
     qx_index_set_ivf(index, key, nlist, nprobe, centroids.data(), list_ids.data(),
                      list_offsets.data(), n_ids);
@@ -389,7 +390,7 @@ class Index {
                          std::span<float> scores) const {
     const Ivf& ivf = find_ivf(key);
     const std::int32_t k = check_search(query, ids, scores);
-    seek(4.0 * ivf.nlist);
+    require_memory(4.0 * ivf.nlist);
     return filled(ids, scores,
                   qx_index_search_ivf(open(), key, query.data(), k, ids.data(), scores.data()));
   }
@@ -460,14 +461,14 @@ class Index {
       return text(values.size()) + " values for " + text(ids.size()) + " ids of " + text(ncols) +
              " columns";
     });
-    seek_for_rowmeta(ids, ncols);
+    require_memory_for_rowmeta(ids, ncols);
     qx_index_set_rowmeta(index, ids.data(), labels.data(), values.data(), ncols, n);
     ncols_ = ncols;
   }
 
   RowMeta export_rowmeta(Ids ids) const {
     const std::int32_t n = int32("the number of ids", std::ssize(ids));
-    seek(8.0 * n * (1.0 + ncols_));
+    require_memory(8.0 * n * (1.0 + ncols_));
     RowMeta meta;
     meta.ncols = ncols_;
     meta.labels.resize(ids.size());
@@ -535,8 +536,8 @@ class Index {
     return int32("the number of candidates", std::ssize(candidates));
   }
 
-  // Throws where so many bytes cannot be had.
-  static void seek(double bytes) {
+  // Allocates this many bytes as a trial, and throws if that fails.
+  static void require_memory(double bytes) {
     constexpr double kMost = 0x1p+62;
     if (bytes == 0) return;
     if (bytes > kMost) throw std::bad_alloc();
@@ -557,7 +558,7 @@ class Index {
     return table_bytes(rows) + 16 * power_of_two(rows) + 4 * power_of_two(rows * dim_);
   }
 
-  // Adds ids to those of a table. Returns the bytes for which the engine may now have to ask.
+  // Adds ids to those of a table. Returns the bytes that the engine may now have to allocate.
   static double growth(DistinctIds& table, Ids ids) {
     const double before = table_bytes(table.least());
     table.add(ids);
@@ -565,7 +566,7 @@ class Index {
     return after > before ? after : 0;
   }
 
-  void seek_for_rowmeta(Ids ids, std::int32_t ncols) {
+  void require_memory_for_rowmeta(Ids ids, std::int32_t ncols) {
     // The labels are one more column, which is there from the first call on.
     const double more = 1.0 * ncols - ncols_ + (tables_.empty() ? 1 : 0);
     double bytes = ncols > ncols_ ? 40 * power_of_two(ncols) : 0;
@@ -573,10 +574,10 @@ class Index {
     if (more > 0) {
       Table added{more, {}};
       bytes += more * growth(added.ids, ids);
-      seek(bytes);
+      require_memory(bytes);
       tables_.push_back(std::move(added));
     } else {
-      seek(bytes);
+      require_memory(bytes);
     }
   }
 

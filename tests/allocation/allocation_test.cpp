@@ -26,7 +26,7 @@ TEST(Heap, ANewIndexOwnsOneBlock) {
 
 TEST(Heap, FreeReturnsTheProcessToWhereItWas) {
   Scenario scenario;
-  const HeapLog log = record_heap([&] { scenario.whole_life(); });
+  const HeapLog log = record_heap([&] { scenario.play(); });
   EXPECT_GT(log.allocations, 40);
   EXPECT_EQ(log.still_held.size(), 0u);
 }
@@ -96,12 +96,12 @@ void expect_allocation_end(const ChildEnd& end, std::int64_t number) {
 
 TEST(FailedAllocation, EndsTheProcessWithItsLineWhereverItHappens) {
   Scenario scenario;
-  const std::int64_t allocations = record_heap([&] { scenario.whole_life(); }).allocations;
+  const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
   for (std::int64_t number = 1; number <= allocations; ++number) {
     for (const bool from_then_on : {false, true}) {
       expect_allocation_end(run_in_child([&] {
                               qx_test::with_failing_allocation(number, from_then_on,
-                                                               [&] { scenario.whole_life(); });
+                                                               [&] { scenario.play(); });
                             }),
                             number);
     }
@@ -110,23 +110,22 @@ TEST(FailedAllocation, EndsTheProcessWithItsLineWhereverItHappens) {
 
 TEST(FailedAllocation, NoMoreThanTheWholeLifeAllocates) {
   Scenario scenario;
-  const std::int64_t allocations = record_heap([&] { scenario.whole_life(); }).allocations;
-  const ChildEnd end = run_in_child([&] {
-    qx_test::with_failing_allocation(allocations + 1, true, [&] { scenario.whole_life(); });
-  });
+  const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
+  const ChildEnd end = run_in_child(
+      [&] { qx_test::with_failing_allocation(allocations + 1, true, [&] { scenario.play(); }); });
   EXPECT_EQ(end.exit_status, 0);
   EXPECT_EQ(end.standard_error, "");
 }
 
 TEST(FailedAllocation, TrapsAlsoWhenStandardErrorIsClosed) {
   Scenario scenario;
-  const std::int64_t allocations = record_heap([&] { scenario.whole_life(); }).allocations;
+  const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
   for (std::int64_t number = 1; number <= allocations; ++number) {
     for (const bool from_then_on : {false, true}) {
       const ChildEnd end = run_in_child([&] {
         alarm(60);  // which would end a hang, and not by a trap
         close(STDERR_FILENO);
-        qx_test::with_failing_allocation(number, from_then_on, [&] { scenario.whole_life(); });
+        qx_test::with_failing_allocation(number, from_then_on, [&] { scenario.play(); });
       });
       EXPECT_TRUE(end.trapped) << "allocation " << number << ", exit status " << end.exit_status;
       EXPECT_EQ(end.standard_error, "");

@@ -70,12 +70,12 @@ const std::vector<std::int64_t> kCounts = {0,   1,   2,   3,   4,   5,   6,    7
                                            15,  16,  17,  31,  32,  33,  63,   64,   65,   100, 127,
                                            128, 129, 255, 256, 257, 999, 1023, 1024, 1025, 3000};
 
-// The bytes that an index holds after the calls of `life`.
-std::int64_t bytes_after(std::uint32_t dim, const std::function<void(QxIndex*)>& life) {
+// The bytes that an index holds after `calls`.
+std::int64_t bytes_after(std::uint32_t dim, const std::function<void(QxIndex*)>& calls) {
   QxIndex* index = nullptr;
   const HeapLog log = record_heap([&] {
     index = qx_index_new(dim, 0);
-    life(index);
+    calls(index);
   });
   std::vector<const void*> blocks = log.still_held;
   for (const void* const block : record_heap([&] { qx_index_free(index); }).releases) {
@@ -167,8 +167,8 @@ TEST(Memory, OfEveryBuild) {
 TEST(Memory, OfADelta) {
   for (const std::int64_t r : kCounts) {
     for (const std::int32_t dim : {-1, 0, 1, 3, 16, 100}) {
-      const auto life = [&](QxIndex* index) { insert(index, ids_from(-9, r), std::max(dim, 0)); };
-      EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim), life),
+      const auto calls = [&](QxIndex* index) { insert(index, ids_from(-9, r), std::max(dim, 0)); };
+      EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim), calls),
                 kIndexBytes + delta_bytes(r, r * std::max(dim, 0)))
           << r << " rows of " << dim;
     }
@@ -230,11 +230,11 @@ TEST(Memory, OfMetadataWhoseColumnsCameLater) {
 
 TEST(Memory, OfIvfStructures) {
   for (const std::int64_t s : kCounts) {
-    if (s > 300) continue;  // what the record of the heap has room for
-    const auto life = [&](QxIndex* index) {
+    if (s > 300) continue;  // the heap log records no more allocations
+    const auto calls = [&](QxIndex* index) {
       for (std::int64_t key = 0; key < s; ++key) set_ivf(index, key * 7, 3, 5, 11);
     };
-    EXPECT_EQ(bytes_after(3, life), kIndexBytes + ivf_table_bytes(s) + s * ivf_bytes(3, 5, 11))
+    EXPECT_EQ(bytes_after(3, calls), kIndexBytes + ivf_table_bytes(s) + s * ivf_bytes(3, 5, 11))
         << s;
   }
 }
@@ -271,8 +271,8 @@ TEST(Memory, OfIvfStructuresReplacedAndCleared) {
 
 // ---- Any order ----
 
-// A life of random calls, and what the host knows of it.
-struct Life {
+// A random call sequence, and the keys that each part of the index has after it.
+struct CallSequence {
   static constexpr std::int32_t kDim = 5;
 
   QxIndex* index;
@@ -283,7 +283,7 @@ struct Life {
   std::vector<std::set<std::int64_t>> columns;
   std::int64_t bytes_of_builds = 0;
 
-  void run() {
+  void play() {
     const std::int64_t calls = random.between(0, 60);
     for (std::int64_t call = 0; call < calls; ++call) step();
   }
@@ -333,17 +333,17 @@ TEST(Memory, AfterRandomCalls) {
   Random random(12);
   for (int number = 0; number < 300; ++number) {
     std::int64_t expected = 0;
-    const std::int64_t bytes = bytes_after(Life::kDim, [&](QxIndex* index) {
-      Life life{.index = index,
-                .random = random,
-                .inserted = {},
-                .deleted = {},
-                .with_metadata = {},
-                .columns = {}};
-      life.run();
-      expected = life.bytes();
+    const std::int64_t bytes = bytes_after(CallSequence::kDim, [&](QxIndex* index) {
+      CallSequence sequence{.index = index,
+                            .random = random,
+                            .inserted = {},
+                            .deleted = {},
+                            .with_metadata = {},
+                            .columns = {}};
+      sequence.play();
+      expected = sequence.bytes();
     });
-    ASSERT_EQ(bytes, expected) << "life " << number;
+    ASSERT_EQ(bytes, expected) << "call sequence " << number;
   }
 }
 

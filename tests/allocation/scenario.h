@@ -1,4 +1,4 @@
-// A life of an index that reaches every place where the engine allocates, growth included.
+// A call sequence that reaches every place where the engine allocates, growth included.
 #pragma once
 
 #include <cstddef>
@@ -80,7 +80,7 @@ struct Scenario {
     qx_index_search_ivf(index, 3, vectors.data(), 5, out_ids.data(), out_floats.data());
   }
 
-  void whole_life() {
+  void play() {
     QxIndex* const index = qx_index_new(kDim, 0);
     write(index);
     search_ivf(index);

@@ -104,7 +104,7 @@ class QxRuntimeIVF(QxRuntimeExact):
         lists = min(self._n_list, len(rows))
         centres = self._space.cluster(X, lists)
         of = self._space.best(X, centres)
-        # The base lies in the order of the lists, and ids are the numbers of the given rows.
+        # The base is in the order of the lists, and ids are the numbers of the given rows.
         order = np.argsort(of, kind="stable")
         offsets = np.zeros(lists + 1, dtype=np.int32)
         np.cumsum(np.bincount(of, minlength=lists), out=offsets[1:])

@@ -1,4 +1,4 @@
-"""Checks of what a caller hands over. Nothing is converted."""
+"""Checks of the arguments of a caller. Nothing is converted."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
 
 
 def array(what: str, value: Any, dtype: type, ndim: int) -> npt.NDArray[Any]:
-    """The value, if it is an array that the library can read where it lies."""
+    """The value, if it is an array that the library can read in place."""
     name = dtype.__name__
     if not isinstance(value, np.ndarray):
         raise TypeError(f"{what} must be a numpy array of {name}, not {type(value).__name__}; "

@@ -39,7 +39,7 @@ class Metadata(NamedTuple):
 
 
 class Partition(NamedTuple):
-    """Rows of the base that lie side by side: those from ``start`` on, ``size`` of them."""
+    """Contiguous rows of the base: those from ``start`` on, ``size`` of them."""
 
     key: int
     start: int
@@ -56,9 +56,9 @@ class Index:
     Hits(ids=array([20]), scores=array([0.8], dtype=float32))
 
     Vectors and queries are finite float32 arrays, ids are int64 arrays from 0 on, all C-contiguous:
-    they are read where they lie. Anything else raises TypeError or ValueError and changes nothing;
-    memory that is not there raises MemoryError, also where a call that asks for half of what is left
-    might just have fitted.
+    they are read in place. Anything else raises TypeError or ValueError and changes nothing;
+    too little memory raises MemoryError, also where a call that needs half of what is left might
+    have succeeded.
 
     Threads may share an index: a lock lets one call in at a time. Calls release the interpreter's
     lock, so other threads go on. What they write into an array during a call may or may not be seen,
@@ -77,10 +77,10 @@ class Index:
         self._deleted = _memory.DistinctIds()
         # The metadata: columns that came with one call, and the ids that had values in them since.
         self._tables: list[tuple[int, _memory.DistinctIds]] = []
-        _memory.seek(_memory.SLACK)
+        _memory.require(_memory.SLACK)
         self._handle = _lib.qx_index_new(self._dim, self._user_tag)
 
-    # ---- Life ----
+    # ---- Lifecycle ----
 
     def close(self) -> None:
         """Releases the index. Every other method then raises ValueError; closing again does nothing."""
@@ -175,7 +175,7 @@ class Index:
 
     @staticmethod
     def _column_count(handle: int) -> int:
-        """Asked for each time: a number kept here would be behind if a signal came between."""
+        """Not kept here: a signal between the call and the update would leave a stale number."""
         return int(_lib.qx_index_export_rowmeta(handle, None, 0, None, None))
 
     @property
@@ -232,7 +232,7 @@ class Index:
             handle = self._open()
             if _lib.qx_index_sealed(handle):
                 raise ValueError("the index is built already; make a new one")
-            _memory.seek(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3) +
+            _memory.require(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3) +
                          16 * len(parts) + _memory.SLACK)
             result = _lib.qx_index_build(
                 handle, checked.ctypes.data, len(checked), self._dim, checked_ids.ctypes.data,
@@ -251,7 +251,7 @@ class Index:
             before = int(_lib.qx_index_delta_count(handle))
             after = _memory.delta_bytes(before + len(checked_ids), self._dim)
             if after > _memory.delta_bytes(before, self._dim):
-                _memory.seek(after)
+                _memory.require(after)
             return int(_lib.qx_index_insert(handle, checked.ctypes.data, checked_ids.ctypes.data,
                                             len(checked_ids)))
 
@@ -260,7 +260,7 @@ class Index:
         checked = _arrays.ids("ids", ids)
         with self._lock:
             handle = self._open()
-            _memory.seek(self._deleted.growth(checked))
+            _memory.require(self._deleted.growth(checked))
             return int(_lib.qx_index_delete(handle, checked.ctypes.data, len(checked)))
 
     def set_metadata(self, ids: Ids, labels: Ids, values: Optional[Ids] = None) -> None:
@@ -282,16 +282,16 @@ class Index:
             before = self._column_count(handle)
             if columns < before:
                 raise ValueError(f"values must have {before} columns or more, not {columns}")
-            self._seek_for_metadata(checked, before, columns)
+            self._require_for_metadata(checked, before, columns)
             _lib.qx_index_set_rowmeta(handle, checked.ctypes.data, checked_labels.ctypes.data,
                                       checked_values.ctypes.data, columns, len(checked))
 
-    def _seek_for_metadata(self, ids: Ids, before: int, columns: int) -> None:
+    def _require_for_metadata(self, ids: Ids, before: int, columns: int) -> None:
         # The labels are one more column, which is there from the first call on.
         more = columns + 1 - sum(count for count, _ in self._tables)
         tables = self._tables + ([(more, _memory.DistinctIds())] if more > 0 else [])
         widened = 40 * _memory.power(columns) if columns > before else 0
-        _memory.seek(widened + sum(count * table.growth(ids) for count, table in tables))
+        _memory.require(widened + sum(count * table.growth(ids) for count, table in tables))
         self._tables = tables
 
     def set_ivf(self, key: int, centroids: Floats, list_ids: Ids,
@@ -313,7 +313,7 @@ class Index:
         with self._lock:
             handle = self._open()
             keys = len(self._ivfs) + 1
-            _memory.seek(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size +
+            _memory.require(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size +
                          _memory.table_bytes(keys) + 80 * _memory.power(keys) + _memory.SLACK)
             # First here, so that a signal in between leaves no inverted file that is not known.
             self._ivfs[checked_key] = (len(checked_ids), len(checked))
@@ -411,7 +411,7 @@ class Index:
             handle = self._open()
             if ivf is not None:
                 most, lists = self._ivf(ivf)
-                _memory.seek(4.0 * lists)
+                _memory.require(4.0 * lists)
             else:
                 most = self._base_count(handle) + int(_lib.qx_index_delta_count(handle))
             return _fill(function, handle, arguments, min(k, most))
@@ -442,7 +442,7 @@ class Index:
             handle = self._open()
             labels = np.empty(len(checked), dtype=np.int64)
             columns = self._column_count(handle)
-            _memory.seek(8.0 * len(checked) * columns)
+            _memory.require(8.0 * len(checked) * columns)
             values = np.empty((len(checked), columns), dtype=np.int64)
             _lib.qx_index_export_rowmeta(handle, checked.ctypes.data, len(checked),
                                          labels.ctypes.data, values.ctypes.data)
@@ -499,7 +499,7 @@ def _check_partitions(partitions: Iterable[tuple[int, int, int]],
             raise ValueError(f"partition keys must ascend, and {part.key} follows "
                              f"{checked[-1].key}")
         if part.start + part.size > rows:
-            raise ValueError(f"partition {part.key} ends behind the {rows} rows")
+            raise ValueError(f"partition {part.key} ends after the {rows} rows")
         checked.append(part)
     return tuple(checked)
 

@@ -1,4 +1,4 @@
-"""Memory that a call asks for is sought first: where the engine cannot have it, it ends the process.
+"""Memory that a call needs is allocated as a trial: where the engine cannot, it ends the process.
 
 The sizes are those of the library's version that this package came with, or somewhat more.
 """
@@ -12,8 +12,8 @@ from ._arrays import Ids
 SLACK = 4096
 
 
-def seek(count: float) -> None:
-    """Raises MemoryError where so many bytes cannot be had."""
+def require(count: float) -> None:
+    """Allocates this many bytes as a trial; raises MemoryError if that fails."""
     if count >= 1 << 62:
         raise MemoryError(f"{count:.3g} bytes are needed")
     np.empty(int(count), dtype=np.uint8)
@@ -26,17 +26,17 @@ def power(count: float) -> int:
 
 
 def table_bytes(keys: float) -> float:
-    """At least what the engine's table of so many ids takes."""
+    """At least the bytes of the engine's table of this many ids."""
     return 0 if keys == 0 else 128 + 32 * power(keys)
 
 
 def delta_bytes(rows: int, dim: int) -> float:
-    """At least what so many inserted rows take."""
+    """At least the bytes of this many inserted rows."""
     return table_bytes(rows) + 16 * power(rows) + 4 * power(rows * dim)
 
 
 class DistinctIds:
-    """How many distinct ids a table of the engine has, where the engine does not tell.
+    """Bounds on how many distinct ids a table has, where the engine does not report it.
 
     Exact for few of them; from a sample of their hashes for many.
     """
@@ -45,7 +45,7 @@ class DistinctIds:
 
     def __init__(self) -> None:
         self._sample: set[int] = set()
-        self._level = 0  # the sampled hashes end in so many zeros
+        self._level = 0  # sampled hashes end in this many zeros or more
 
     def add(self, ids: Ids) -> None:
         mixed = ids.view(np.uint64) * np.uint64(0x9E3779B97F4A7C15)
@@ -76,7 +76,7 @@ class DistinctIds:
         return count if self._level == 0 else count * 1.25
 
     def growth(self, ids: Ids) -> float:
-        """Adds ids. Returns the bytes for which the engine may now have to ask."""
+        """Adds ids. Returns the bytes that the engine may now have to allocate."""
         before = table_bytes(self.least)
         self.add(ids)
         after = table_bytes(self.most)

@@ -1,10 +1,10 @@
-"""Calls of the Python package with hostile arguments among good ones, by lives drawn from seeds.
+"""Random call sequences for the Python package, with hostile arguments among good ones.
 
     hostile_calls.py [--calls N] [--seed S] [--processes P]
 
 A hostile call must raise TypeError, ValueError or MemoryError and change nothing; a good one must
-answer as the model, in every bit. In one life of fifty, threads share the index, and one of them
-keeps writing into the arrays that another hands over.
+answer as the model, in every bit. In one call sequence of fifty, threads share the index, and
+one of them keeps writing into the arrays that another passes to it.
 """
 
 import argparse
@@ -22,7 +22,7 @@ import numpy as np
 import qx_runtime
 from model import Model
 
-CALLS_OF_A_LIFE = 120
+CALLS_OF_A_SEQUENCE = 120
 REFUSALS = (TypeError, ValueError, MemoryError)
 MOST32 = (1 << 31) - 1
 
@@ -80,7 +80,7 @@ WRONG_NUMBERS = [None, 1.0, "1", 1j, True, np.bool_(True), np.float32(1), [], 1 
                  1 << 200, Liar(1 << 40), Broken(), np.array([1, 2]), object(), float("nan")]
 
 
-class Life:
+class CallSequence:
     DIM = 4
 
     def __init__(self, seed):
@@ -244,7 +244,7 @@ class Life:
 
     def hostile(self):
         self.rng.choice([self.wrong_search, self.wrong_search, self.wrong_rows, self.wrong_numbers,
-                         self.wrong_ivf, self.wrong_metadata, self.wrong_build, self.wrong_life])()
+                         self.wrong_ivf, self.wrong_metadata, self.wrong_build, self.wrong_lifecycle])()
 
     def not_this(self, good):
         """Another thing than the array, that no call may take for it."""
@@ -365,7 +365,7 @@ class Life:
             return
         self.refused(self.index.build, **given)
 
-    def wrong_life(self):
+    def wrong_lifecycle(self):
         closed = qx_runtime.Index(self.dim)
         closed.close()
         closed.close()
@@ -388,7 +388,7 @@ class Life:
     def play(self):
         steps = [self.build, self.insert, self.insert, self.delete, self.set_metadata, self.set_ivf,
                  self.clear_ivf] + [self.search] * 6
-        while self.calls < CALLS_OF_A_LIFE:
+        while self.calls < CALLS_OF_A_SEQUENCE:
             if self.rng.random() < 0.5:
                 self.hostile()
             else:
@@ -402,8 +402,8 @@ class Life:
         return self.calls
 
 
-class SharedLife:
-    """Threads share an index while another changes the arrays that are being handed over."""
+class SharedCallSequence:
+    """Threads share an index while another changes the arrays that are passed to it."""
 
     def __init__(self, seed):
         self.rng = np.random.default_rng(seed)
@@ -435,7 +435,7 @@ class SharedLife:
             for array in arrays:
                 array[...] = np.roll(array, 1)
 
-    def hand_over(self, offsets, ids):
+    def pass_arrays(self, offsets, ids):
         for round in range(60):
             for call in (
                 lambda: qx_runtime.Index(1).build(np.zeros((len(ids), 1), dtype=np.float32), ids),
@@ -456,7 +456,7 @@ class SharedLife:
         ids = int_array([1, 2, 3, 1 << 39, -1])
         threads = [threading.Thread(target=self.guarded, args=(self.ask, *pair))
                    for pair in zip(self.queries, self.expected)]
-        threads.append(threading.Thread(target=self.guarded, args=(self.hand_over, offsets, ids)))
+        threads.append(threading.Thread(target=self.guarded, args=(self.pass_arrays, offsets, ids)))
         changer = threading.Thread(target=self.guarded, args=(self.change, [offsets, ids]))
         for thread in (*threads, changer):
             thread.start()
@@ -473,15 +473,15 @@ class SharedLife:
 
 
 def play(seed):
-    return (SharedLife if seed % 50 == 0 else Life)(seed).play()
+    return (SharedCallSequence if seed % 50 == 0 else CallSequence)(seed).play()
 
 
 def work(first, step, calls, results):
-    """Lives of every `step`-th seed, until the calls are made."""
+    """Plays the call sequences of every `step`-th seed, until the calls are made."""
     faulthandler.enable()
     np.seterr(all="ignore")
     resource.setrlimit(resource.RLIMIT_AS, (1 << 32, 1 << 32))
-    done, lives, seed = 0, 0, first
+    done, sequences, seed = 0, 0, first
     while done < calls:
         try:
             done += play(seed)
@@ -489,10 +489,10 @@ def work(first, step, calls, results):
             print(f"replay: hostile_calls.py --seed {seed} --calls 1 --processes 1", file=sys.stderr,
                   flush=True)
             raise
-        lives += 1
+        sequences += 1
         seed += step
         results.put((seed, 0, 0))
-    results.put((None, done, lives))
+    results.put((None, done, sequences))
 
 
 def main():
@@ -509,7 +509,7 @@ def main():
         for i, queue in enumerate(queues)]
     for worker in workers:
         worker.start()
-    done = lives = 0
+    done = sequences = 0
     last = [options.seed + i for i in range(options.processes)]
     running = set(range(options.processes))
     while running:
@@ -518,17 +518,17 @@ def main():
                 seed, calls, count = queues[i].get()
                 last[i] = seed or last[i]
                 if seed is None:
-                    done, lives = done + calls, lives + count
+                    done, sequences = done + calls, sequences + count
                     running.discard(i)
             if i in running and workers[i].exitcode is not None and queues[i].empty():
-                print(f"a process ended with {workers[i].exitcode} in the life of seed {last[i]}",
-                      file=sys.stderr)
+                print(f"a process ended with {workers[i].exitcode} in the call sequence of seed "
+                      f"{last[i]}", file=sys.stderr)
                 return 1
         time.sleep(0.05)
     for worker in workers:
         worker.join()
-    print(f"Python: {done} calls of {lives} lives as they must be, seeds from {options.seed}, "
-          f"{time.monotonic() - started:.1f} s")
+    print(f"Python: {done} calls of {sequences} call sequences as they must be, seeds from "
+          f"{options.seed}, {time.monotonic() - started:.1f} s")
     return 0
 
 

@@ -144,7 +144,7 @@ def test_a_dimension_that_is_none(dim, error):
 
 @pytest.mark.parametrize("partitions,error,message", [
     ([(1, 0, 2), (1, 0, 2)], ValueError, "must ascend"),
-    ([(1, 3, 2)], ValueError, "ends behind the 4 rows"),
+    ([(1, 3, 2)], ValueError, "ends after the 4 rows"),
     ([(1, -1, 2)], ValueError, "start"),
     ([(1, 2)], TypeError, "key, start, size"),
     ([7], TypeError, "key, start, size"),
@@ -182,7 +182,7 @@ def test_a_closed_index():
 
 
 def test_nothing_is_copied(index):
-    """An array is read where it lies: the library gets its address."""
+    """An array is read in place: the library gets its address."""
     seen = []
     original = qx_runtime._index._lib.qx_index_search_full
     try:
@@ -253,7 +253,7 @@ def test_offsets_whose_differences_overflow(index):
 
 
 class Changed(np.ndarray):
-    """An array whose attributes lie."""
+    """An array whose attributes are false."""
 
     ctypes = property(lambda self: pytest.fail("asked for"))
     size = property(lambda self: 0)
@@ -297,15 +297,15 @@ def test_an_index_is_neither_copied_nor_pickled(index):
             call(index)
 
 
-def test_memory_is_sought_for_every_growth(monkeypatch):
+def test_memory_is_required_for_every_growth(monkeypatch):
     """Also where a growing block depends on what earlier calls brought."""
-    index, sought = qx_runtime.Index(3), []
-    monkeypatch.setattr(qx_runtime._memory, "seek", sought.append)
+    index, required = qx_runtime.Index(3), []
+    monkeypatch.setattr(qx_runtime._memory, "require", required.append)
 
     def asked(call):
-        sought.clear()
+        required.clear()
         call()
-        return max(sought, default=0)
+        return max(required, default=0)
 
     index.insert(vectors(5), np.arange(5))
     assert asked(lambda: index.insert(vectors(1), ids(5))) > 4 * 32  # 18 floats do not fit into 16

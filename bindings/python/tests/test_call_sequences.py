@@ -1,4 +1,4 @@
-"""Random lives of an index agree with the model in every answer."""
+"""Random call sequences agree with the model in every answer."""
 
 import numpy as np
 from hypothesis import settings, strategies as st
@@ -26,7 +26,7 @@ def query_of(draw):
     return vectors_of(draw, 1)[0]
 
 
-class Life(RuleBasedStateMachine):
+class CallSequence(RuleBasedStateMachine):
     def __init__(self):
         super().__init__()
         self.index = qx_runtime.Index(DIM)
@@ -144,6 +144,6 @@ class Life(RuleBasedStateMachine):
             for id in range(31)]
 
 
-TestLife = Life.TestCase
-TestLife.settings = settings(max_examples=150, stateful_step_count=25, deadline=None,
-                             derandomize=True)
+TestCallSequence = CallSequence.TestCase
+TestCallSequence.settings = settings(max_examples=150, stateful_step_count=25, deadline=None,
+                                     derandomize=True)
