@@ -67,7 +67,7 @@ std::vector<float> learn_centroids(
     for (std::size_t i = 0; i < wanted; ++i) {
       const std::span<double> sum = row_of(std::span(sums), i, width);
       std::vector<float> middle(sum.begin(), sum.end());
-      // A group without rows keeps its centre.
+      // A group without rows keeps its centroid.
       if (!normalize(middle)) continue;
       std::copy(middle.begin(), middle.end(), row_of(std::span(centroids), i, width).begin());
     }

@@ -1,4 +1,4 @@
-// An IVF as the state of a table keeps it: how many lists a search looks into, their centres, and
+// An IVF as the state of a table keeps it: how many lists a search looks into, their centroids, and
 // in which list each row was when the lists were filled. Rows written since are put into theirs
 // anew by whoever loads them, as all rows would be if the last part were lost: it saves that work
 // alone.
@@ -36,7 +36,7 @@ class IvfState {
   // Puts rows into the lists, in their order. Throws where the state is damaged.
   std::optional<Ivf> ivf_of(const Rows& rows) const;
 
-  // Learns the centres of lists from a sample of the rows, and fills the lists. What progress()
+  // Learns the centroids of lists from a sample of the rows, and fills the lists. What progress()
   // throws ends the work, and nothing is written.
   void learn(std::int64_t nlist, const std::function<void()>& progress);
   // Fills the lists with the rows as they are now.

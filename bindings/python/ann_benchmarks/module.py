@@ -45,28 +45,28 @@ class Space:
             queries = np.hstack([queries, np.ones((len(queries), 1), dtype=np.float32)])
         return np.ascontiguousarray(queries, dtype=np.float32)
 
-    def best(self, given, centres):
-        """For each vector the centre that a search for it scores highest."""
-        wanted, offered = self.queries(given), self.rows(centres).T
+    def best(self, given, centroids):
+        """For each vector the centroid that a search for it scores highest."""
+        wanted, offered = self.queries(given), self.rows(centroids).T
         parts = [np.argmax(wanted[i:i + 8192] @ offered, axis=1)
                  for i in range(0, len(wanted), 8192)]
         return np.concatenate(parts)
 
     def cluster(self, given, count):
-        """Centres by a few rounds over a sample, the same for the same rows."""
+        """Centroids by a few rounds over a sample, the same for the same rows."""
         numbers = np.random.default_rng(1)
         chosen = numbers.choice(len(given), min(len(given), SAMPLE * count), replace=False)
         sample = np.asarray(given, dtype=np.float32)[chosen]
         if self.angular:
             sample = scaled(sample)
-        centres = sample[:count].copy()
+        centroids = sample[:count].copy()
         for _ in range(ROUNDS):
-            of = self.best(sample, centres)
+            of = self.best(sample, centroids)
             order = np.argsort(of, kind="stable")
             used, starts = np.unique(of[order], return_index=True)
             sums = np.add.reduceat(sample[order], starts, axis=0)
-            centres[used] = sums / np.diff([*starts, len(of)])[:, None]
-        return centres
+            centroids[used] = sums / np.diff([*starts, len(of)])[:, None]
+        return centroids
 
 
 class QxRuntimeExact(BaseANN):
@@ -102,15 +102,15 @@ class QxRuntimeIVF(QxRuntimeExact):
     def fit(self, X):
         rows = self._space.rows(X)
         lists = min(self._n_list, len(rows))
-        centres = self._space.cluster(X, lists)
-        of = self._space.best(X, centres)
+        centroids = self._space.cluster(X, lists)
+        of = self._space.best(X, centroids)
         # The base is in the order of the lists, and ids are the numbers of the given rows.
         order = np.argsort(of, kind="stable")
         offsets = np.zeros(lists + 1, dtype=np.int32)
         np.cumsum(np.bincount(of, minlength=lists), out=offsets[1:])
         self._index = qx_runtime.Index(rows.shape[1])
         self._index.build(np.ascontiguousarray(rows[order]), order)
-        self._index.set_ivf(self.KEY, self._space.rows(centres), order, offsets, self._n_probe)
+        self._index.set_ivf(self.KEY, self._space.rows(centroids), order, offsets, self._n_probe)
 
     def set_query_arguments(self, n_probe):
         self._n_probe = n_probe
