@@ -157,8 +157,8 @@ Hits Index::search_candidates(std::span<const std::int64_t> ids, std::span<const
 }
 
 Oversized Index::oversized_partitions(std::int32_t threshold) const {
-  const std::size_t room = static_cast<std::size_t>(stats().partitions);
-  Oversized found{std::vector<std::int64_t>(room), std::vector<std::int64_t>(room)};
+  const std::size_t count = static_cast<std::size_t>(stats().partitions);
+  Oversized found{std::vector<std::int64_t>(count), std::vector<std::int64_t>(count)};
   std::int32_t listed = 0;
   {
     const CallTimer timer(log_, "qx_index_tuner_oversized");

@@ -18,8 +18,9 @@ namespace {
 
 using qx_test::ChildEnd;
 
-// What standard error does: takes so many bytes a call, and nothing after so many calls, each of
-// which a signal interrupts first. The defaults are those of a plain descriptor.
+// What standard error does: a call takes at most most_taken bytes, and nothing once calls_left is
+// 0; if `interrupts`, a signal interrupts each call first. The defaults are those of a plain
+// descriptor.
 std::size_t most_taken = SIZE_MAX;
 int calls_left = INT32_MAX;
 bool interrupts = false;

@@ -46,7 +46,7 @@ std::size_t painted_over_by(std::function<void()> call) {
   return kStackBytes - untouched;
 }
 
-// How much of it the call took: what a thread needs for itself lies on the same stack.
+// How much of it the call took: what a thread needs for itself is on the same stack.
 std::size_t stack_of(const std::function<void()>& call) {
   static const std::size_t of_a_thread = painted_over_by([] {});
   return painted_over_by(call) - of_a_thread;

@@ -471,7 +471,7 @@ class HostileCalls {
     }
     std::size_t found = 0;
     must(when(fits), "a search into slots", [&] { found = answer(s, id_slots, score_slots); });
-    expect(ids.back() == 77 && scores.back() == 7.5f, "a search wrote behind its slots");
+    expect(ids.back() == 77 && scores.back() == 7.5f, "a search wrote after its slots");
     if (!fits) return;
     ids.resize(found);
     scores.resize(found);

@@ -12,7 +12,7 @@ namespace {
 // With any other kind of values almost every long base would contain infinities or NaNs, and none
 // of its rows would be estimated.
 Values draw_values(Random& random, bool is_long) {
-  static const std::vector<Values> finite = {Values::kTies, Values::kSmooth, Values::kGiants};
+  static const std::vector<Values> finite = {Values::kTies, Values::kSmooth, Values::kCancelling};
   return is_long && random.percent(90) ? random.any_of(finite)
                                        : static_cast<Values>(random.between(0, 5));
 }
@@ -132,9 +132,9 @@ Floats Generator::draw_array(std::int64_t count) {
   return draw_floats(random_.for_array(count), values_, count);
 }
 
-// Equal factors, so that products of opposite giants cancel.
+// Equal factors, so that the products of opposite components cancel.
 Floats Generator::draw_query() {
-  if (values_ != Values::kGiants) return draw_array(model_.width());
+  if (values_ != Values::kCancelling) return draw_array(model_.width());
   return Floats(static_cast<std::size_t>(model_.width()), random_.percent(50) ? 1.0f : -1.5f);
 }
 

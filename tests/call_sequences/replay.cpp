@@ -52,7 +52,7 @@ static Block input(const void* bytes, size_t size, int at_start) {
   return b;
 }
 
-/* Compares a block, and what lies around it. */
+/* Compares a block, and the bytes around it. */
 static void same(int call, Block b, const void* bytes, const char* what) {
   const size_t before = (size_t)(b.data - b.pages);
   size_t i;

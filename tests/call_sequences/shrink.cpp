@@ -172,9 +172,9 @@ class Shrinker {
       erase_rows(call.more_ids, first, count, 1);
     } else if (call.function == Function::kSetIvf) {
       for (std::int32_t& offset : call.ints) {
-        const std::int64_t behind = std::int64_t{offset} - static_cast<std::int64_t>(first);
-        if (offset > static_cast<std::int64_t>(rows) || behind <= 0) continue;
-        offset -= static_cast<std::int32_t>(std::min(behind, static_cast<std::int64_t>(count)));
+        const std::int64_t after = std::int64_t{offset} - static_cast<std::int64_t>(first);
+        if (offset > static_cast<std::int64_t>(rows) || after <= 0) continue;
+        offset -= static_cast<std::int32_t>(std::min(after, static_cast<std::int64_t>(count)));
       }
     }
     erase_rows(call.ids, first, count, 1);

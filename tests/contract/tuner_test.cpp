@@ -18,9 +18,9 @@ struct Oversized {
 };
 
 Oversized oversized(QxIndex* index, std::int32_t threshold) {
-  const auto room = static_cast<std::size_t>(stats(index).n_parts) + kSpareSlots;
-  Guarded<std::int64_t> keys(room, kUntouchedId);
-  Guarded<std::int64_t> sizes(room, kUntouchedId);
+  const auto slots = static_cast<std::size_t>(stats(index).n_parts) + kSpareSlots;
+  Guarded<std::int64_t> keys(slots, kUntouchedId);
+  Guarded<std::int64_t> sizes(slots, kUntouchedId);
   const std::int32_t listed = qx_index_tuner_oversized(index, threshold, keys.data(), sizes.data());
   Oversized result{written(keys, kUntouchedId), written(sizes, kUntouchedId)};
   EXPECT_EQ(listed, static_cast<std::int32_t>(result.keys.size()));

@@ -73,7 +73,7 @@ float draw_query_float(Random& random, int kind) {
 constexpr int kRowKinds = 7;
 void draw_row(Random& random, int kind, const Floats& query, float* row) {
   const std::int64_t dim = std::ssize(query);
-  float giant = 0;
+  float large = 0;
   for (std::int64_t j = 0; j < dim; ++j) {
     const float q = query[static_cast<std::size_t>(j)];
     switch (kind) {
@@ -87,13 +87,13 @@ void draw_row(Random& random, int kind, const Floats& query, float* row) {
         row[j] = std::copysign(scaled(random, 0, 0), q);  // no product is below 0
         break;
       case 3:  // products in pairs that nearly cancel
-        if (j % 2 == 0) giant = scaled(random, 0, 20);
-        row[j] = (j % 2 == 0 ? giant : -giant) / (std::abs(q) < 0x1p-40f ? 1.0f : q);
+        if (j % 2 == 0) large = scaled(random, 0, 20);
+        row[j] = (j % 2 == 0 ? large : -large) / (std::abs(q) < 0x1p-40f ? 1.0f : q);
         break;
-      case 4:  // a giant, to which half a unit in the last place is added again and again
+      case 4:  // a large product, to which half a unit in the last place is added again and again
         row[j] = j == 0 ? 0x1p+24f : 1.0f;
         break;
-      case 5:  // a sum that vanishes, but for what the giants have swallowed
+      case 5:  // two large products that cancel, beside which small ones are rounded away
         row[j] = j == 0 ? 0x1p+30f : j == dim - 1 ? -0x1p+30f : scaled(random, -2, 6);
         break;
       default:

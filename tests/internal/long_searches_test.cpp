@@ -66,10 +66,10 @@ class Both {
     seal(index_, width(), ids_, rows_.vectors, parts);
   }
 
-  // New ids and existing ones; vectors of the base, some of them with giants that cancel, which no
-  // base row has.
+  // New ids and existing ones; vectors of the base, some of them with larger products that
+  // cancel, which no base row has.
   void insert_rows(std::int64_t count) {
-    const float giant = magnitude_of(rows_.vectors) * 0x1p+22f;
+    const float large = magnitude_of(rows_.vectors) * 0x1p+22f;
     Ids ids;
     Floats vectors;
     for (std::int64_t i = 0; i < count; ++i) {
@@ -78,8 +78,8 @@ class Both {
       const auto first = static_cast<std::size_t>(random_.between(0, rows_.width - 3));
       const float factors = rows_.query[first] * rows_.query[first + 2];
       if (random_.percent(30) && factors != 0) {
-        vector[first] = giant * rows_.query[first + 2];
-        vector[first + 2] = -giant * rows_.query[first];
+        vector[first] = large * rows_.query[first + 2];
+        vector[first + 2] = -large * rows_.query[first];
       }
       vectors.insert(vectors.end(), vector.begin(), vector.end());
     }

@@ -96,15 +96,15 @@ TEST(APruner, KnowsNothingOfRowsOfMoreThanAMillionComponents) {
 }
 
 // As a difference of doubles: nothing here may be rounded the wrong way.
-void expect_far_enough(const Pruner& pruner, double below_bar, const Floats& query, float magnitude,
-                       float bar) {
-  const float limit = pruner.pruning_threshold(bar);
+void expect_far_enough(const Pruner& pruner, const Floats& query, float magnitude,
+                       float threshold) {
+  const float limit = pruner.pruning_threshold(threshold);
   if (!(limit > -kMax)) return;
-  ASSERT_LE(double{limit}, below_bar - largest_difference(query, magnitude))
-      << "width " << query.size() << ", magnitude " << magnitude << ", bar " << bar;
+  ASSERT_LE(double{limit}, double{threshold} - largest_difference(query, magnitude))
+      << "width " << query.size() << ", magnitude " << magnitude << ", threshold " << threshold;
 }
 
-TEST(APruner, LimitsBelowTheBarByAllThatAnEstimateMayMiss) {
+TEST(APruner, StaysBelowTheThresholdByTheWholeError) {
   Random random(41);
   for (std::int64_t width = 8; width <= 2500; width += width < 100 ? 1 : 173) {
     const Floats query = draw_query(random, width);
@@ -112,11 +112,11 @@ TEST(APruner, LimitsBelowTheBarByAllThatAnEstimateMayMiss) {
       const OpenPruner pruner = pruner_of(query, magnitude, kRows, 49);
       ASSERT_TRUE(pruner.is_worthwhile());
       for (int draw = 0; draw < 20; ++draw) {
-        const float bar = std::ldexp(qx_test::draw_float(random, qx_test::Values::kSmooth),
-                                     static_cast<int>(random.between(-140, 110)));
-        ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, double{bar}, query, magnitude, bar));
+        const float threshold = std::ldexp(qx_test::draw_float(random, qx_test::Values::kSmooth),
+                                           static_cast<int>(random.between(-140, 110)));
+        ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, query, magnitude, threshold));
       }
-      ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, 0, query, magnitude, 0));
+      ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, query, magnitude, 0));
     }
   }
 }
@@ -128,17 +128,17 @@ TEST(APruner, AllowsForWhatItsOwnSumsLose) {
   for (std::size_t lane = 0; lane < 16; ++lane) query[lane] = 0x1p+24f;
   const OpenPruner pruner = pruner_of(query, 1, kRows, 1);
   ASSERT_TRUE(pruner.is_worthwhile());
-  ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, 0, query, 1, 0));
+  ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, query, 1, 0));
 }
 
-TEST(APruner, LimitsNotMuchFurtherBelowTheBar) {
+TEST(APruner, StaysBelowTheThresholdByLittleMoreThanTheError) {
   const Floats query(64, 1.0f);
   const double difference = largest_difference(query, 1);
   EXPECT_GT(double{pruner_of(query, 1, kRows, 1).pruning_threshold(10)},
             10 - 1.1 * difference - 1e-4);
 }
 
-TEST(APruner, RulesOutNothingThatAnEmptySlotWouldTake) {
+TEST(APruner, PrunesNothingThatAnEmptySlotWouldTake) {
   const Floats query(64, 1.0f);
   for (const std::int64_t k : {1, 48, 49}) {
     const float limit = pruner_of(query, 1, kRows, k).pruning_threshold(qx::kEmptyScore);
@@ -147,16 +147,16 @@ TEST(APruner, RulesOutNothingThatAnEmptySlotWouldTake) {
   }
 }
 
-// A bar of infinity is one of rows that are not bounded.
-TEST(APruner, HasALimitForEveryBar) {
+// A threshold of infinity is that of rows whose scores are infinite.
+TEST(APruner, HasALimitForEveryThreshold) {
   const Floats query(64, 1.0f);
   EXPECT_EQ(pruner_of(query, 1e34f, kRows, 49).pruning_threshold(-kMax), -kMax);
   const float limit = pruner_of(query, 1, kRows, 1).pruning_threshold(kInfinity);
   EXPECT_FALSE(1.0f < limit && std::isfinite(limit));
 }
 
-// k rows that are known to be better make a bar of their own, twice as far from the k-th of them.
-TEST(APruner, LearnsTheBarFromTheBestEstimates) {
+// The k best estimates give a threshold of their own: twice the error below the k-th of them.
+TEST(APruner, LearnsAThresholdFromTheBestEstimates) {
   Random random(42);
   for (const std::int64_t k : {1, 2, 10, 47, 48}) {
     const Floats query = draw_query(random, 50);
@@ -283,7 +283,7 @@ TEST_P(OneSided, RowsAreKeptInAScanThatKnowsBestEstimates) {
   }
 }
 
-// For k above 48 only the results themselves are a bar. The first block fills them and the second
+// For k above 48 only the results give a threshold. The first block fills them and the second
 // is scored at once, so the good rows of the third meet an estimate.
 TEST_P(OneSided, RowsAreKeptInAScanThatKnowsOnlyItsResults) {
   constexpr std::int64_t kMany = 64;

@@ -53,7 +53,7 @@ TEST(RowBitmap, HoldsTheMarkedRowsOfItsSpanAndIgnoresOthers) {
   }
 }
 
-// The set ends at a page that cannot be written. A row that is the first one behind the span, and
+// The set ends at a page that cannot be written. A row that is the first one after the span, and
 // would be the first of a word, is the nearest that a wrong comparison lets in.
 TEST(RowBitmap, WritesNothingBehindItsLastWord) {
   qx_test::Guarded<unsigned char> place(sizeof(RowBitmap));

@@ -1,4 +1,4 @@
-// Rows for scans, made so that a screen that is wrong anywhere leaves out the wrong row.
+// Rows for scans, made so that a wrong pruning threshold or estimate prunes a row of the results.
 #pragma once
 
 #include <algorithm>
@@ -20,15 +20,15 @@ enum class Family {
   kAscending,     // every row enters
   kDescending,    // none after the first does
   kClustered,     // scores a few units in the last place apart
-  kCancelling,    // giants that cancel, and a rest that rounding has spoiled
-  kOutlier,       // one giant among tiny rows
+  kCancelling,    // large products that cancel, so that rounding decides the rest
+  kOutlier,       // one row of large components among rows of tiny ones
   kMixed,         // magnitudes from 2^-140 to 2^60
   kHuge,          // products overflow
   kInfinities,    // infinite components
   kNaNs,          // NaNs among finite components
   kSubnormals,    // nothing else
   kLow,           // scores around the one of an empty slot
-  kAllNegative,   // every component below 0; every score is, or giants cancel
+  kAllNegative,   // every component below 0; scores too, or large products cancel
   kZeroQuery,     // every score is 0
   kNaNQuery,      // every score is a NaN
   kInfiniteQuery  // infinite scores, and NaNs
@@ -60,8 +60,8 @@ inline float power(Random& random, int low, int high) {
          (random.percent(50) ? 1.0f : -1.0f);
 }
 
-// A query of ones and twos, and rows of giants that cancel: what is left of the small components
-// depends on the order in which they are added.
+// A query of ones and twos, and rows with two large products that cancel: what is left of the small
+// ones depends on the order in which they are added.
 inline void draw_cancelling(Random& random, ScanRows& rows) {
   for (float& q : rows.query) q = random.percent(50) ? 1.0f : 2.0f;
   for (std::int64_t i = 0; i < rows.count; ++i) {
@@ -69,9 +69,9 @@ inline void draw_cancelling(Random& random, ScanRows& rows) {
     for (std::int64_t j = 0; j < rows.width; ++j) row[j] = unit(random);
     const std::int64_t at = random.between(0, rows.width - 1);
     const std::int64_t opposite = (at + random.between(1, rows.width - 1)) % rows.width;
-    const float giant = 0x1p+20f * static_cast<float>(random.between(4, 8));
-    row[at] = giant / rows.query[static_cast<std::size_t>(at)];
-    row[opposite] = -giant / rows.query[static_cast<std::size_t>(opposite)];
+    const float large = 0x1p+20f * static_cast<float>(random.between(4, 8));
+    row[at] = large / rows.query[static_cast<std::size_t>(at)];
+    row[opposite] = -large / rows.query[static_cast<std::size_t>(opposite)];
   }
 }
 
@@ -83,9 +83,9 @@ inline void draw_negative_cancelling(Random& random, ScanRows& rows) {
   for (std::int64_t i = 0; i < rows.count; ++i) {
     float* const row = rows.row(i);
     for (std::int64_t j = 0; j < rows.width; ++j) row[j] = -std::abs(unit(random)) - 0x1p-30f;
-    const float giant = -0x1p+20f * static_cast<float>(random.between(4, 8));
-    row[2 * random.between(0, rows.width / 2 - 1)] = giant;
-    row[2 * random.between(0, rows.width / 2 - 1) + 1] = giant;
+    const float large = -0x1p+20f * static_cast<float>(random.between(4, 8));
+    row[2 * random.between(0, rows.width / 2 - 1)] = large;
+    row[2 * random.between(0, rows.width / 2 - 1) + 1] = large;
   }
 }
 

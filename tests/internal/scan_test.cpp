@@ -67,8 +67,8 @@ class Fixed {
     std::sort(sorted.begin(), sorted.end());
   }
 
-  // Row i of the delta: a base row, up to a million times as large, or with two giants that cancel
-  // and take its score with them, but not its rank.
+  // Row i of the delta: a base row times up to a million, or one with two large products that
+  // cancel, in whose sum the small ones are lost.
   void draw_delta_row(Random& random, std::int64_t i) {
     const float* const model = row(random.between(0, count - 1));
     float* const made = delta.data() + i * width;
@@ -77,10 +77,10 @@ class Fixed {
     for (std::int64_t j = 0; j < width; ++j) made[j] = model[j] * (cancels ? 1 : scale);
     const std::int64_t first = random.between(0, width - 2);
     const std::int64_t second = random.between(first + 1, width - 1);
-    const float giant = magnitude * scale * 64;
+    const float large = magnitude * scale * 64;
     if (cancels && query[at(first)] != 0 && query[at(second)] != 0) {
-      made[first] = giant / query[at(first)];
-      made[second] = -giant / query[at(second)];
+      made[first] = large / query[at(first)];
+      made[second] = -large / query[at(second)];
     }
     delta_scores.push_back(qx_test::contract_score(made, query.data(), width));
   }
@@ -119,18 +119,18 @@ QxIndex record_of(const Fixed& rows, float magnitude) {
   return index;
 }
 
-// A scan and the plain list of what has arrived. The order of the members is that in which they are
-// made of each other.
+// A scan, and a plain list of the rows that were offered to it. Members are initialised from those
+// before them, so their order is fixed.
 class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
  public:
-  Compared(const Fixed& rows, Random& random, std::int64_t told_rows, float told_magnitude,
+  Compared(const Fixed& rows, Random& random, std::int64_t stated_rows, float stated_magnitude,
            std::int64_t k)
       : rows_(rows),
         random_(random),
         out_ids_(static_cast<std::size_t>(k), 77),
         out_scores_(static_cast<std::size_t>(k), 77.0f),
-        index_(record_of(rows, told_magnitude)),
-        scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, told_rows) {}
+        index_(record_of(rows, stated_magnitude)),
+        scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, stated_rows) {}
 
   void add_all(Way way) {
     std::int64_t first = 0;
@@ -150,7 +150,7 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     return {out_ids_.values(), out_scores_.values()};
   }
 
-  // What the slots must hold: a candidate enters if it beats the last one, behind its equals.
+  // What the slots must hold: a row enters with a score above the last slot's, after its equals.
   Result expected() const {
     std::vector<Arrival> entering;
     for (const Arrival& arrival : arrivals_) {
@@ -260,8 +260,8 @@ std::int64_t draw_k(Random& random, std::int64_t rows) {
   return random.any_of(choices);
 }
 
-// How many rows a scan is told of. A large number makes kernels read as from memory.
-std::int64_t draw_told_rows(Random& random, const Fixed& rows) {
+// The number of rows that a scan is opened for. A large one makes kernels read as from memory.
+std::int64_t draw_stated_rows(Random& random, const Fixed& rows) {
   if (random.percent(20)) return 3 * rows.count;
   return random.percent(70) ? rows.count : 100000000 / rows.width;
 }
@@ -282,8 +282,8 @@ TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
       for (int way = 0; way < kWays; ++way) {
         for (int repeat = 0; repeat < 3; ++repeat) {
           const std::int64_t k = draw_k(random, rows.count);
-          const std::int64_t told = draw_told_rows(random, rows);
-          Compared scan(rows, random, told, rows.magnitude, k);
+          const std::int64_t stated = draw_stated_rows(random, rows);
+          Compared scan(rows, random, stated, rows.magnitude, k);
           scan.add_all(static_cast<Way>(way));
           ASSERT_EQ(scan.finish(), scan.expected())
               << "family " << family << ", way " << way << ", width " << rows.width << ", "
@@ -317,8 +317,8 @@ TEST_P(EveryScan, KeepsTheOrderOfEqualsAcrossBlocks) {
   }
 }
 
-// The sharpest rows are sharp: their estimates are in another order than their scores, so that
-// only what is known of the error keeps the right rows.
+// The hardest rows are hard: their estimates are in another order than their scores, so that
+// pruning keeps the right rows only by the bound on the error.
 TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
   for (const Family family : {Family::kCancelling, Family::kClustered}) {
     Random random(3200);
@@ -341,8 +341,8 @@ TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
   }
 }
 
-// What the scans of these tests prove, they prove of estimates: a scan that is told too small a
-// magnitude trusts its estimates too far, and returns other rows.
+// The scans of these tests do prune by estimates: with too small a magnitude stated, the bound on
+// the error is too small, and a scan returns other rows.
 TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
   Random random(3300);
   for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMasked, Way::kMixed}) {

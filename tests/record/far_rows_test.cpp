@@ -105,7 +105,7 @@ TEST_F(FarRows, AreFoundThroughLists) {
   qx_index_clear_ivf(&index_);
 }
 
-// Members that lie one after the other are scanned where they lie.
+// Members whose rows are consecutive are scanned in place, without a list of addresses.
 TEST_F(FarRows, AreFoundThroughAListInTheirOrder) {
   Ids ids(200);
   std::iota(ids.begin(), ids.end(), kTwoTo32 - 77);

@@ -62,20 +62,20 @@ TEST(Invariants, AnIvfKeyWithANegativePositionIsAbsent) {
   EXPECT_EQ(search_ivf(index, 7, kOne, 1), found({{2, 2}}));
 }
 
-TEST(Invariants, AnIvfPositionBehindTheListEndsTheProcess) {
+TEST(Invariants, AnIvfPositionAfterTheListEndsTheProcess) {
   const Index index(1);
   set_ivf(index, 7, {1, 1, {1}, {1}, {0, 1}});
-  const auto behind = [&] { index->ivf_map.assign(7, 1); };
+  const auto break_position = [&] { index->ivf_map.assign(7, 1); };
   EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
-    behind();
+    break_position();
     search_ivf(index, 7, kOne, 1);
   }));
   EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
-    behind();
+    break_position();
     qx_index_set_ivf_nprobe(index, 7, 1);
   }));
   EXPECT_TRUE(ends_out_of_bounds(1, 1, [&] {
-    behind();
+    break_position();
     set_ivf(index, 7, {1, 1, {1}, {1}, {0, 1}});
   }));
 }

@@ -1,4 +1,4 @@
-// How labels, columns and IVF structures lie in the record.
+// How labels, columns and IVF structures are stored in the record.
 #include <optional>
 
 #include "record/fields.h"

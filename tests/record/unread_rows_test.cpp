@@ -1,4 +1,4 @@
-// A row that is not visible, or fails the filter, costs no score: its components lie on pages that
+// A row that is not visible, or fails the filter, costs no score: its components are on pages that
 // cannot be read here, under every kernel.
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,7 +19,7 @@ namespace {
 constexpr std::int64_t kPassing = 1;
 constexpr std::int64_t kFailing = 2;
 
-// Takes the right to read from every page that lies wholly in a piece of memory.
+// Forbids to read every page that is wholly in a piece of memory.
 class Unreadable {
  public:
   Unreadable(const float* first, std::int64_t count) {

@@ -154,7 +154,7 @@ void run_lists(Report& report) {
   under_every_kernel([&](const char* kernel) {
     std::printf("  kernel %s\n", kernel);
     report.expect(best(1) == Ids{30, 10, 10}, "the last member of 2^28 + 77 in the best list");
-    report.expect(best(2) == Ids{30, 20, 10}, "the last member of the long list behind it");
+    report.expect(best(2) == Ids{30, 20, 10}, "the last member of the long list after it");
   });
 }
 

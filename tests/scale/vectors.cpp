@@ -204,19 +204,19 @@ void copy_out(const QxIndex* index, const Rows& rows, const Changed& changed, Re
                 "the visible rows' ids");
   ids.assign(expected.size(), 0);
   const Piece piece(Rows::kPieceRows * Rows::kRowBytes);
-  const Repeated room(piece, static_cast<std::size_t>((rows.count() + 64) * Rows::kRowBytes),
+  const Repeated copy(piece, static_cast<std::size_t>((rows.count() + 64) * Rows::kRowBytes),
                       Writes::kShared);
-  const std::int64_t exported = qx_index_export_visible(index, room.as<float>(), ids.data());
+  const std::int64_t exported = qx_index_export_visible(index, copy.as<float>(), ids.data());
   report.expect(exported == visible && ids == expected, "the visible rows, copied out: ids");
-  report.expect(ends_with_base(room.as<float>() + visible * kWidth, rows, false),
+  report.expect(ends_with_base(copy.as<float>() + visible * kWidth, rows, false),
                 "the visible rows, copied out: the last vectors");
   ids.resize(static_cast<std::size_t>(rows.count()));
-  bool in_order = qx_index_export_base(index, room.as<float>(), ids.data()) == rows.count();
+  bool in_order = qx_index_export_base(index, copy.as<float>(), ids.data()) == rows.count();
   for (std::int64_t row = 0; row < rows.count(); ++row) {
     in_order &= ids[static_cast<std::size_t>(row)] == Rows::id_of(row);
   }
   report.expect(in_order, "the base, copied out: ids");
-  report.expect(ends_with_base(room.as<float>() + rows.count() * kWidth, rows, true),
+  report.expect(ends_with_base(copy.as<float>() + rows.count() * kWidth, rows, true),
                 "the base, copied out: the last vectors");
 }
 

@@ -221,12 +221,12 @@ template <typename Call>
 Found run_search(std::int64_t k, Call call) {
   constexpr std::int64_t kMostSlots = 1000;
   const std::int64_t wanted = k < 1 || k > kMostSlots ? 0 : k;
-  const std::size_t room = static_cast<std::size_t>(wanted) + kSpareSlots;
-  Guarded<std::int64_t> ids(room, kUntouchedId);
-  Guarded<float> scores(room, kUntouchedFloat);
+  const std::size_t slots = static_cast<std::size_t>(wanted) + kSpareSlots;
+  Guarded<std::int64_t> ids(slots, kUntouchedId);
+  Guarded<float> scores(slots, kUntouchedFloat);
   Found result{call(ids.data(), scores.data()), {}};
   EXPECT_TRUE(ids.margins_intact() && scores.margins_intact());
-  for (std::size_t i = 0; i < room; ++i) result.slots.push_back({ids[i], scores[i]});
+  for (std::size_t i = 0; i < slots; ++i) result.slots.push_back({ids[i], scores[i]});
   const Hit untouched{kUntouchedId, kUntouchedFloat};
   while (!result.slots.empty() && result.slots.back() == untouched) result.slots.pop_back();
   return result;

@@ -87,7 +87,7 @@ class Random {
 };
 
 // The kinds of values that components are drawn from.
-enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kGiants };
+enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kCancelling };
 
 inline float special_float(Random& random) {
   using Limits = std::numeric_limits<float>;
@@ -124,7 +124,7 @@ inline float draw_float(Random& random, Values kind) {
       return static_cast<float>(random.between(-(1 << 24), 1 << 24)) / (1 << 24);
     case Values::kSpecial:
       return special_float(random);
-    case Values::kGiants:  // see draw_floats()
+    case Values::kCancelling:  // see draw_floats()
       return draw_float(random, Values::kSmooth);
     default:
       return std::bit_cast<float>(static_cast<std::uint32_t>(random.bits()));
@@ -134,8 +134,8 @@ inline float draw_float(Random& random, Values kind) {
 inline std::vector<float> draw_floats(Random& random, Values kind, std::int64_t count) {
   std::vector<float> values;
   for (std::int64_t i = 0; i < count; ++i) values.push_back(draw_float(random, kind));
-  if (kind != Values::kGiants) return values;
-  // Giants that cancel, two components apart: the sum depends on the order of additions.
+  if (kind != Values::kCancelling) return values;
+  // Large components that cancel, two apart: the sum depends on the order of additions.
   for (std::size_t i = 2; i < values.size(); ++i) {
     if (!random.percent(10)) continue;
     values[i - 2] = random.percent(50) ? 0x1p+20f : -0x1p+20f;
