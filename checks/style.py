@@ -48,8 +48,8 @@ def unnamed():
             yield f"{path}: not named in checks/README.md"
 
 
-# What the files of a floor of the engine may include: their own floor and those below.
-FLOORS = {
+# What the files of a layer of the engine may include: their own layer and those below.
+LAYERS = {
     "interface": {"interface", "read", "store", "support"},
     "read": {"read", "store", "kernels", "support"},
     "store": {"store", "support", "qx_runtime.h"},
@@ -62,13 +62,13 @@ def upward_includes():
     for path in sorted(pathlib.Path("engine").rglob("*.*")):
         if path.suffix not in SOURCES:
             continue
-        floor = path.relative_to("engine").parts[0]
-        if floor not in FLOORS:
-            yield f"{path}: no file of the engine is outside of its floors"
+        layer = path.relative_to("engine").parts[0]
+        if layer not in LAYERS:
+            yield f"{path}: no file of the engine is outside of its layers"
             continue
         for name in re.findall(r'^#include "(.*)"$', path.read_text(encoding="utf-8"), re.MULTILINE):
-            if name.split("/")[0] not in FLOORS[floor]:
-                yield f"{path}: includes {name}, which is no part of {', '.join(sorted(FLOORS[floor]))}"
+            if name.split("/")[0] not in LAYERS[layer]:
+                yield f"{path}: includes {name}, which is no part of {', '.join(sorted(LAYERS[layer]))}"
 
 
 def main():

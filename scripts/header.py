@@ -15,7 +15,7 @@ class Function:
     description: list  # paragraphs
     parameters: list  # pairs of names and what is said of them
     result: str  # the paragraph that begins with "Returns", if there is one
-    notes: list  # paragraphs behind the parameters
+    notes: list  # paragraphs after the parameters
 
 
 @dataclasses.dataclass

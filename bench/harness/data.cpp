@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kLineBytes = 64;
 
-// Blocks that follow so many bytes differ by a few per cent only.
+// After this many bytes, blocks differ in speed by a few per cent only.
 constexpr std::size_t kScatteredBytes = std::size_t{2} << 30;
 
 float* line_aligned_floats(std::int64_t count) {

@@ -78,9 +78,9 @@ class Floats {
 
 Floats random_floats(std::int64_t count, Random& random);
 
-// Takes the free pages that lie scattered in physical memory and keeps them to the end of the
-// process. What is allocated first would get them, and be slower to read by a third than what comes
-// later; now no contestant does.
+// Takes the free pages that are scattered in physical memory and keeps them to the end of the
+// process. The first allocations would get them, and be slower to read by a third than later ones;
+// now no contestant does.
 void hold_scattered_pages();
 
 // Several queries that contestants take in turn: with a single one, a branch predictor learns by

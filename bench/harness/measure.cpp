@@ -35,7 +35,8 @@ double sample(const Contestant& contestant, std::int64_t runs) {
   return seconds;
 }
 
-// The first sample meets cold caches and untouched pages, so a short run is judged by a second one.
+// The first sample meets cold caches and untouched pages, so a second one decides how often a short
+// run is repeated.
 Pace find_pace(const Contestant& contestant, const Effort& effort) {
   double seconds = sample(contestant, 1);
   if (seconds < effort.sample_seconds) seconds = sample(contestant, 1);

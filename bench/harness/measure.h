@@ -1,5 +1,5 @@
-// What every figure is made of: named contestants that are timed in interleaved rounds. This room
-// knows time, not what is timed.
+// What every figure is made of: named contestants that are timed in interleaved rounds. This file
+// knows nothing of their work.
 #pragma once
 
 #include <functional>

@@ -34,7 +34,7 @@ class Axis:
     label: str = ""
 
     def part(self, value):
-        """Where a value lies between the ends of the axis: 0 to 1."""
+        """The position of a value between the ends of the axis: 0 to 1."""
         if self.logarithmic:
             return math.log(value / self.low) / math.log(self.high / self.low)
         return (value - self.low) / (self.high - self.low)

@@ -20,7 +20,7 @@ def times(value):
 
 
 def spread(contestant):
-    """How far the fastest and the slowest sample lie from the median."""
+    """How far the fastest and the slowest sample are from the median."""
     low = contestant["min"] / contestant["median"] - 1
     high = contestant["max"] / contestant["median"] - 1
     return f"{low * 100:+.0f} … {high * 100:+.0f} %"

@@ -31,18 +31,18 @@ class Outcome:
     values: list
 
     @property
-    def judged(self):
-        """The value that decides: the median, or the one that is furthest from the bound."""
+    def deciding_value(self):
+        """The median, or the one that is furthest from the bound."""
         if self.target.by_median:
             return median(self.values)
         return min(self.values) if self.target.at_most is None else max(self.values)
 
     @property
     def met(self):
-        return self.target.meets(self.judged)
+        return self.target.meets(self.deciding_value)
 
     def reached(self):
-        text = f"{self.judged:.2f}"
+        text = f"{self.deciding_value:.2f}"
         if len(self.values) > 1:
             text += f" ({min(self.values):.2f} to {max(self.values):.2f})"
         if not self.met and not self.target.by_median and len(self.values) > 1:

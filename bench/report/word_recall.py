@@ -101,7 +101,7 @@ def page(results, rows, dim, load):
              "in Python, scaling of the query included: a *CPU second* is one that the thread ran for, "
              "and the other column has the clock's, with the waits for other programs. Recall is the share of the ids that the exact "
              "search finds. The lists come from a few rounds of clustering in the adapter, and the "
-             "base lies in their order.", "",
+             "base is in their order.", "",
              f"{machine.cpu()}. The load of the machine was {load[0]:.1f} before and {load[1]:.1f} after: "
              f"above 1, others shared its cores, "
              f"caches and memory, so the figures are low. {time.strftime('%Y-%m-%d')}.", "",

@@ -1,4 +1,4 @@
-// The exact search of a base that lies in the second-level cache, in the third, or in memory.
+// The exact search of a base in the second-level cache, in the third, or in memory.
 #include <cmath>
 #include <string>
 #include <vector>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int32_t kResults = 10;
 
-// A working set: where it is meant to lie, and the dimensions that it is cut into.
+// A working set: the level of memory that it is meant for, and the dimensions that it is cut into.
 struct Set {
   const char* name;
   std::int64_t bytes;

@@ -18,7 +18,7 @@
 #include "qx_runtime.h"
 
 int main(void) {
-  /* The rows of a partition lie side by side: rows 0 to 2 are those of key 100. */
+  /* The rows of a partition are contiguous: rows 0 to 2 are those of key 100. */
   const float vectors[5 * 2] = {0.3f, 0.9f, 0.8f, 0.2f, 0.6f, 0.8f, 0.7f, 0.7f, 0.9f, 0.1f};
   const int64_t ids[5] = {1, 2, 3, 8, 9};
   const int64_t keys[2] = {100, 200}; /* ascending */

@@ -97,7 +97,7 @@ def sample_bytes(chosen, vectors, dimensions):
 
 
 def write_file(path, content):
-    """Writes beside the target and renames, so that an interrupted run leaves no half file."""
+    """Writes a temporary file beside the target and renames it, so that an interrupted run leaves no half file."""
     partial = path + ".partial"
     try:
         with open(partial, "wb") as file:

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::array<const char*, 4> kUnits = {"ns", "us", "ms", "s"};
-// The smallest code that needs a sequence of so many bytes; a longer sequence for it is no UTF-8.
+// The smallest code that needs a sequence of this many bytes; a longer sequence for it is no UTF-8.
 constexpr std::array<std::uint32_t, 5> kSmallestCode = {0, 0, 0x80, 0x800, 0x10000};
 
 // A character of a UTF-8 text: its code and how many bytes it takes, 0 if they are not UTF-8.

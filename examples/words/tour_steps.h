@@ -1,5 +1,5 @@
-// The steps of the tour, spread over a few files: tour.cpp builds and reads, tour_recall.cpp judges
-// IVF, tour_changes.cpp inserts, deletes and exports, tour_costs.cpp measures.
+// The steps of the tour, spread over a few files: tour.cpp builds and reads, tour_recall.cpp
+// measures recall, tour_changes.cpp inserts, deletes and exports, tour_costs.cpp measures.
 #ifndef WORDS_TOUR_STEPS_H
 #define WORDS_TOUR_STEPS_H
 
