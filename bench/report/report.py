@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Writes the report of a run: report.py RESULTS FOLDER.
 
-The folder receives BENCHMARKS.md and, in benchmarks/, the pictures.
+The folder receives BENCHMARKS.md and, in benchmarks/, the pictures, and core.json for hosts/mpi/plan.py.
 """
 
 import datetime
+import json
 import os
 import re
 import sys
@@ -71,6 +72,19 @@ def section_part(run, section, pictures, remarks):
     return "\n\n".join(part for part in parts if part) + "\n"
 
 
+def core(run):
+    """What one core reads in memory, for plans of larger indexes; None where it was not measured."""
+    scan = run.select("scan", set="DRAM", dim=768)
+    listed = run.select("candidates", function="scatter_topk", dim=768, ids=100000)
+    if not scan or not listed:
+        return None
+    time = scan[0].engine
+    return {"scan_gbs": round(scan[0].gigabytes_per_second(), 1),
+            "scan_spread": [round(1 - time["min"] / time["median"], 2),
+                            round(time["max"] / time["median"] - 1, 2)],
+            "listed_ns": round(listed[0].nanoseconds_per_item(), 2)}
+
+
 def write_report(run, folder):
     pictures = plots.draw_all(run)
     remarks = read_remarks()
@@ -81,6 +95,9 @@ def write_report(run, folder):
     for name, _, _, content in pictures:
         with open(os.path.join(folder, "benchmarks", name), "w", encoding="utf-8") as file:
             file.write(content)
+    if core(run):
+        with open(os.path.join(folder, "benchmarks", "core.json"), "w", encoding="utf-8") as file:
+            file.write(json.dumps(core(run)) + "\n")
     path = os.path.join(folder, "BENCHMARKS.md")
     with open(path, "w", encoding="utf-8") as file:
         file.write("\n".join(parts))

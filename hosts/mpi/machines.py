@@ -1,4 +1,4 @@
-"""Machines for tests and measurements on one machine: network namespaces that a bridge connects.
+"""Machines for measurements on one machine: network namespaces that a bridge connects.
 
 Each has an address, a name and a network card of its own, so that ranks on different ones talk by TCP
 as ranks on different machines do. What crosses the cards is counted. It needs root.
@@ -10,7 +10,7 @@ import subprocess
 import sys
 import tempfile
 
-from mpirun import ENVIRONMENT
+from mpirun import mpirun
 
 NAME = "qxmpi"
 # mpirun starts its helper on another machine by `AGENT ADDRESS COMMAND`, as by ssh.
@@ -19,68 +19,54 @@ machine={NAME}$((${{1##*.}} - 1))
 shift
 exec ip netns exec $machine unshare --uts sh -c "hostname $machine; $*"
 """
+FIRST = ["ip", "netns", "exec", f"{NAME}0", "unshare", "--uts", "sh", "-c",
+         f'hostname {NAME}0; exec "$@"', "sh"]
+BY_TCP = {"mpi_yield_when_idle": "1", "btl": "tcp,self", "btl_tcp_if_include": "10.91.0.0/24",
+          "oob_tcp_if_include": "10.91.0.0/24"}
 
 
-def ip(*arguments):
-    subprocess.run(["ip", *arguments], check=True, capture_output=True, text=True)
+def ip(command):
+    return subprocess.run(["ip", *command.split()], check=True, capture_output=True, text=True).stdout
 
 
-class Machines:
+class Machines(contextlib.ExitStack):
     """As many machines as are asked for: to be used in a with statement, which removes them."""
 
     def __init__(self, count):
-        self.count = count
-        self.undo = contextlib.ExitStack()
-
-    def __enter__(self):
+        super().__init__()
+        self.names = [f"{NAME}{number}" for number in range(count)]
+        self.agent = pathlib.Path(self.enter_context(tempfile.TemporaryDirectory())) / "agent"
+        self.agent.write_text(AGENT)
+        self.agent.chmod(0o755)
         try:
-            self.folder = self.undo.enter_context(tempfile.TemporaryDirectory())
-            self.agent = pathlib.Path(self.folder) / "agent"
-            self.agent.write_text(AGENT)
-            self.agent.chmod(0o755)
-            bridge = f"{NAME}b"
-            self.add(bridge)
-            ip("-n", bridge, "link", "add", "bridge", "type", "bridge")
-            ip("-n", bridge, "link", "set", "bridge", "up")
-            for number in range(self.count):
-                machine = f"{NAME}{number}"
-                self.add(machine)
-                ip("-n", bridge, "link", "add", machine, "type", "veth", "peer", "name", "eth0",
-                   "netns", machine)
-                ip("-n", bridge, "link", "set", machine, "master", "bridge", "up")
-                ip("-n", machine, "address", "add", f"10.91.0.{number + 1}/24", "dev", "eth0")
-                ip("-n", machine, "link", "set", "eth0", "up")
-                ip("-n", machine, "link", "set", "lo", "up")
+            self.connect()
         except (OSError, subprocess.CalledProcessError) as error:
-            self.undo.close()
+            self.close()
             sys.exit(f"machines: no namespaces can be made: {getattr(error, 'stderr', error)}")
-        return self
 
-    def add(self, name):
-        ip("netns", "add", name)
-        self.undo.callback(ip, "netns", "delete", name)
+    def connect(self):
+        bridge = f"{NAME}b"
+        for name in (bridge, *self.names):
+            ip(f"netns add {name}")
+            self.callback(ip, f"netns delete {name}")
+        ip(f"-n {bridge} link add bridge type bridge")
+        ip(f"-n {bridge} link set bridge up")
+        for number, name in enumerate(self.names, 1):
+            ip(f"-n {bridge} link add {name} type veth peer name eth0 netns {name}")
+            ip(f"-n {bridge} link set {name} master bridge up")
+            ip(f"-n {name} address add 10.91.0.{number}/24 dev eth0")
+            ip(f"-n {name} link set eth0 up")
+            ip(f"-n {name} link set lo up")
 
-    def __exit__(self, *_):
-        self.undo.close()
-
-    def run(self, ranks, arguments, timeout=600):
+    def run(self, ranks, command):
         """Runs a program on the first machines, a rank on each; gives what it printed."""
         hosts = ",".join(f"10.91.0.{number + 1}" for number in range(ranks))
-        command = ["ip", "netns", "exec", f"{NAME}0", "unshare", "--uts", "sh", "-c",
-                   f'hostname {NAME}0; exec "$@"', "sh", "mpirun", "--quiet", "--bind-to", "none",
-                   "--mca", "mpi_yield_when_idle", "1",
-                   "--mca", "plm_rsh_agent", str(self.agent), "--mca", "btl", "tcp,self",
-                   "--mca", "btl_tcp_if_include", "10.91.0.0/24",
-                   "--mca", "oob_tcp_if_include", "10.91.0.0/24",
-                   "--host", hosts, "-n", str(ranks), *map(str, arguments)]
-        return subprocess.run(command, env=ENVIRONMENT, capture_output=True, text=True,
-                              timeout=timeout, check=True).stdout
+        settings = BY_TCP | {"plm_rsh_agent": str(self.agent)}
+        options = [word for name, value in settings.items() for word in ("--mca", name, value)]
+        return mpirun(ranks, ["--bind-to", "none", "--host", hosts, *options, *command],
+                      before=FIRST, timeout=600, check=True).stdout
 
     def sent_bytes(self):
         """What all machines have sent, with the headers of TCP, IP and Ethernet."""
-        total = 0
-        for number in range(self.count):
-            shown = subprocess.run(["ip", "-n", f"{NAME}{number}", "-stats", "-json", "link", "show",
-                                    "eth0"], check=True, capture_output=True, text=True)
-            total += json.loads(shown.stdout)[0]["stats64"]["tx"]["bytes"]
-        return total
+        shown = (ip(f"-n {name} -stats -json link show eth0") for name in self.names)
+        return sum(json.loads(cards)[0]["stats64"]["tx"]["bytes"] for cards in shown)

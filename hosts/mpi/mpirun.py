@@ -6,7 +6,7 @@ import subprocess
 ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
 
 
-def mpirun(ranks, command, environment=ENVIRONMENT, **options):
+def mpirun(ranks, command, environment=ENVIRONMENT, before=(), **options):
     """Runs a command on ranks of this machine, however few cores it has; gives how that ended."""
-    line = ["mpirun", "--quiet", "--oversubscribe", "-n", str(ranks), *map(str, command)]
+    line = [*before, "mpirun", "--quiet", "--oversubscribe", "-n", str(ranks), *map(str, command)]
     return subprocess.run(line, env=environment, capture_output=True, text=True, **options)
