@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdio>
 
 namespace qx {
@@ -42,13 +41,11 @@ void abort_allocation(const char* file, SourceLocation location) {
 
 void abort_index(std::int64_t index, std::int64_t length, SourceLocation location) {
   char line[kLineBytes];
-  write_line(line,
-             std::snprintf(line, sizeof line,
-                           "At: engine/qx_runtime:%llu:%llu: Assert Error: index %lld is out "
-                           "of bounds, valid range is 0 to %lld\n",
-                           static_cast<unsigned long long>(location.line),
-                           static_cast<unsigned long long>(location.column),
-                           static_cast<long long>(index), static_cast<long long>(length - 1)));
+  write_line(line, std::snprintf(line, sizeof line,
+                                 "At: engine/qx_runtime:%u:%u: Assert Error: index %lld is out "
+                                 "of bounds, valid range is 0 to %lld\n",
+                                 location.line, location.column, static_cast<long long>(index),
+                                 static_cast<long long>(length - 1)));
   __builtin_trap();
 }
 

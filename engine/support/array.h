@@ -1,7 +1,6 @@
 // The growable array. It owns its elements and can be moved, not copied.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -25,17 +24,20 @@ struct Array {
 
   Array() = default;
   Array(Array&& other) noexcept { swap(other); }
-  Array& operator=(Array&& other) noexcept {
-    release();
+  Array& operator=(Array other) noexcept {
     swap(other);
     return *this;
   }
-  ~Array() { release(); }
+  // Destroys the elements in order.
+  ~Array() {
+    std::destroy_n(data, length);
+    qx::release(data);
+  }
 
   // A new array of exactly `count` copied elements. Empty, without reading, if count < 1.
   static Array copy_of(const T* values, std::int64_t count) {
     Array copy = of_length(count < 1 ? 0 : count);
-    if (count >= 1) copy_bytes(copy.data, values, count);
+    copy_bytes(copy.data, values, copy.length);
     return copy;
   }
 
@@ -83,13 +85,8 @@ struct Array {
     length += count;
   }
 
-  // Destroys the elements in order and releases the storage. The array is empty afterwards.
-  void release() {
-    std::destroy_n(data, length);
-    qx::release(data);
-    data = nullptr;
-    length = capacity = 0;
-  }
+  // Destroys the elements and releases the storage. The array is empty afterwards.
+  void release() { *this = Array(); }
 
  private:
   void swap(Array& other) {
@@ -100,7 +97,7 @@ struct Array {
 
   static void copy_bytes(T* to, const T* from, std::int64_t count) {
     static_assert(std::is_trivially_copyable_v<T>);
-    std::memcpy(to, from, static_cast<std::size_t>(count) * sizeof(T));
+    if (count > 0) std::memcpy(to, from, static_cast<std::size_t>(count) * sizeof(T));
   }
 
   void check(std::int64_t index, SourceLocation location) const {

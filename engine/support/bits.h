@@ -2,7 +2,6 @@
 #pragma once
 
 #include <bit>
-#include <cstdint>
 
 #include "support/abort.h"
 

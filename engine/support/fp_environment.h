@@ -4,8 +4,11 @@
 // engine computes in the default environment and leaves the host's as it was, bit for bit.
 #pragma once
 
+#if defined(__x86_64__)
+#include <xmmintrin.h>
+#elif defined(__aarch64__)
 #include <cstdint>
-#if !defined(__x86_64__) && !defined(__aarch64__)
+#else
 #include <cfenv>
 #endif
 
@@ -18,7 +21,7 @@ class DefaultFpEnvironment {
   DefaultFpEnvironment(const DefaultFpEnvironment&) = delete;
   DefaultFpEnvironment& operator=(const DefaultFpEnvironment&) = delete;
 
-#if defined(__x86_64__)
+#if defined(__x86_64__) || defined(__aarch64__)
   DefaultFpEnvironment() : host_(read()) {
     if ((host_ & ~kFlags) != kDefault) write(kDefault);
   }
@@ -27,51 +30,36 @@ class DefaultFpEnvironment {
   }
 
  private:
+#if defined(__x86_64__)
   // MXCSR: every exception masked, round to nearest, denormals kept; the low six bits are the
   // flags.
-  static constexpr std::uint32_t kDefault = 0x1F80;
-  static constexpr std::uint32_t kFlags = 0x3F;
+  using State = unsigned;
+  static constexpr State kDefault = 0x1F80;
+  static constexpr State kFlags = 0x3F;
 
-  static std::uint32_t read() {
-    std::uint32_t mxcsr;
-    asm volatile("stmxcsr %0" : "=m"(mxcsr) : : "memory");
-    return mxcsr;
-  }
-  static void write(std::uint32_t mxcsr) { asm volatile("ldmxcsr %0" : : "m"(mxcsr) : "memory"); }
+  static State read() { return _mm_getcsr(); }
+  static void write(State state) { _mm_setcsr(state); }
+#else
+  // FPCR above FPSR, the flags: no trap, round to nearest, denormals kept, no alternative format.
+  using State = std::uint64_t;
+  static constexpr State kDefault = 0;
+  static constexpr State kFlags = 0xFFFFFFFF;
 
-  const std::uint32_t host_;
-#elif defined(__aarch64__)
-  DefaultFpEnvironment() : host_control_(read_control()), host_flags_(read_flags()) {
-    if (host_control_ != kDefault) write_control(kDefault);
+  static State read() {
+    State control;
+    State flags;
+    asm volatile("mrs %0, fpcr\n\tmrs %1, fpsr" : "=r"(control), "=r"(flags) : : "memory");
+    return control << 32 | flags;
   }
-  ~DefaultFpEnvironment() {
-    if (host_control_ != kDefault) write_control(host_control_);
-    if (read_flags() != host_flags_) write_flags(host_flags_);
+  static void write(State state) {
+    asm volatile("msr fpcr, %0\n\tmsr fpsr, %1"
+                 :
+                 : "r"(state >> 32), "r"(state & kFlags)
+                 : "memory");
   }
+#endif
 
- private:
-  // FPCR: no trap, round to nearest, denormals kept, no alternative format.
-  static constexpr std::uint64_t kDefault = 0;
-
-  static std::uint64_t read_control() {
-    std::uint64_t fpcr;
-    asm volatile("mrs %0, fpcr" : "=r"(fpcr) : : "memory");
-    return fpcr;
-  }
-  static void write_control(std::uint64_t fpcr) {
-    asm volatile("msr fpcr, %0" : : "r"(fpcr) : "memory");
-  }
-  static std::uint64_t read_flags() {
-    std::uint64_t fpsr;
-    asm volatile("mrs %0, fpsr" : "=r"(fpsr) : : "memory");
-    return fpsr;
-  }
-  static void write_flags(std::uint64_t fpsr) {
-    asm volatile("msr fpsr, %0" : : "r"(fpsr) : "memory");
-  }
-
-  const std::uint64_t host_control_;
-  const std::uint64_t host_flags_;
+  const State host_;
 #else
   DefaultFpEnvironment() {
     std::fegetenv(&host_);

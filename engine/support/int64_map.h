@@ -15,7 +15,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -49,12 +48,11 @@ class BasicInt64Map {
 
   BasicInt64Map() = default;
   BasicInt64Map(BasicInt64Map&& other) noexcept { swap(other); }
-  BasicInt64Map& operator=(BasicInt64Map&& other) noexcept {
-    release();
+  BasicInt64Map& operator=(BasicInt64Map other) noexcept {
     swap(other);
     return *this;
   }
-  ~BasicInt64Map() { release(); }
+  ~BasicInt64Map() { qx::release(entries_); }
 
   std::int64_t size() const { return size_; }
 
@@ -87,19 +85,15 @@ class BasicInt64Map {
     if (is_at(cursor, keys, count, 0) || is_at(cursor, keys, count, 1)) {
       get_in_order(keys, count, otherwise, values, cursor);
     } else if (size_ == 0) {
-      for (std::int64_t i = 0; i < count; ++i) values[i] = otherwise;
-    } else if (wide()) {
-      get_unordered<std::uint64_t>(keys, count, otherwise, values, cursor);
+      std::fill_n(values, count, otherwise);
     } else {
-      get_unordered<std::uint32_t>(keys, count, otherwise, values, cursor);
+      with_table([&](auto table) { get_unordered(table, keys, count, otherwise, values, cursor); });
     }
   }
 
   // Gives a key its value, inserting the key if it is new.
   void assign(std::int64_t key, std::int64_t value) {
-    bool inserted;
-    std::int64_t* const present = find_or_insert(key, value, &inserted);
-    if (!inserted) *present = value;
+    assign_batch(&key, 1, [=](std::int64_t) { return value; });
   }
 
   // assign() for any number of keys in order; key i gets value_of(i).
@@ -120,7 +114,7 @@ class BasicInt64Map {
       if (std::int64_t* const present = find(key)) return present;
       grow();
     }
-    const std::int64_t at = wide() ? claim<std::uint64_t>(key) : claim<std::uint32_t>(key);
+    const std::int64_t at = with_table([&](auto table) { return table.claim(key, size_); });
     *inserted = at == size_;
     if (*inserted) entries_[size_++] = {key, value};
     return &entries_[at].value;
@@ -130,24 +124,24 @@ class BasicInt64Map {
   void prefetch(std::int64_t key) const {
     if (slots_ == nullptr) return;
     const std::uint64_t home = hash(key) >> (64 - bits_);
-    const auto* const table = static_cast<const char*>(slots_);
-    __builtin_prefetch(table + home * slot_bytes());
+    __builtin_prefetch(static_cast<const char*>(slots_) + home * slot_bytes());
   }
 
   // Tuning: how many keys ahead a loop over keys calls prefetch(), a mere hint.
   static constexpr std::int64_t kPrefetchDistance = 16;
 
   // Releases the storage. The map is empty afterwards.
-  void release() {
-    qx::release(entries_);
-    entries_ = nullptr;
-    slots_ = nullptr;
-    size_ = 0;
-    bits_ = 0;
-  }
+  void release() { *this = BasicInt64Map(); }
 
   // Checks every invariant, for tests.
-  bool is_valid() const { return wide() ? is_valid<std::uint64_t>() : is_valid<std::uint32_t>(); }
+  bool is_valid() const {
+    if (slots_ == nullptr) return size_ == 0 && entries_ == nullptr;
+    const std::int64_t empty = with_table(
+        [&](auto table) { return std::count(table.slots, table.slots + slot_count(), 0u); });
+    bool found = slot_count() - empty == size_ && 2 * size_ <= slot_count();
+    for (std::int64_t i = 0; i < size_; ++i) found &= position_of(entries_[i].key) == i;
+    return found;
+  }
 
   // Two multiplications with a fold between: a single one collapses to linear search on some
   // ordinary strides of keys. The table is indexed by the top bits, the tag is the low ones.
@@ -164,67 +158,70 @@ class BasicInt64Map {
   std::size_t slot_bytes() const { return wide() ? sizeof(std::uint64_t) : sizeof(std::uint32_t); }
   std::int64_t slot_count() const { return slots_ == nullptr ? 0 : std::int64_t{1} << bits_; }
 
+  // The table, as slots of one width.
   template <typename Slot>
-  Slot* table() const {
-    return static_cast<Slot*>(slots_);
-  }
-  template <typename Slot>
-  Slot tag(std::uint64_t key_hash) const {
-    return static_cast<Slot>(key_hash << bits_);
-  }
-  template <typename Slot>
-  std::int64_t position(Slot slot) const {
-    return static_cast<std::int64_t>(slot & ((Slot{1} << bits_) - 1)) - 1;
-  }
+  struct Table {
+    Slot* slots;
+    const Entry* entries;
+    int bits;
 
-  // True if a slot is neither empty nor has the tag.
-  template <typename Slot>
-  bool is_foreign(Slot slot, Slot wanted) const {
-    return (slot != 0) & ((slot ^ wanted) >> bits_ != 0);
-  }
+    std::uint64_t last() const { return (std::uint64_t{1} << bits) - 1; }
+    std::uint64_t home(std::uint64_t key_hash) const { return key_hash >> (64 - bits); }
+    Slot tag(std::uint64_t key_hash) const { return static_cast<Slot>(key_hash << bits); }
 
-  // The first slot from `at` on that is not foreign.
-  template <typename Slot>
-  std::uint64_t next_candidate(std::uint64_t at, Slot wanted) const {
-    const std::uint64_t last = (std::uint64_t{1} << bits_) - 1;
-    at &= last;
-    while (is_foreign(table<Slot>()[at], wanted)) at = (at + 1) & last;
-    return at;
-  }
-
-  // Like next_candidate(), but the first step is branch-free: most probes end in the first two
-  // slots, unpredictably in which.
-  template <typename Slot>
-  std::uint64_t first_candidate(std::uint64_t home, Slot wanted) const {
-    const std::uint64_t foreign = is_foreign(table<Slot>()[home], wanted) ? 1 : 0;
-    return next_candidate<Slot>(home + foreign, wanted);
-  }
-
-  // The slot that holds the key, or the empty one where it belongs.
-  template <typename Slot>
-  std::uint64_t probe(std::int64_t key, std::uint64_t key_hash) const {
-    const Slot wanted = tag<Slot>(key_hash);
-    std::uint64_t at = next_candidate<Slot>(key_hash >> (64 - bits_), wanted);
-    while (table<Slot>()[at] != 0 && entries_[position(table<Slot>()[at])].key != key) {
-      at = next_candidate<Slot>(at + 1, wanted);
+    // The entry of a slot, or -1.
+    std::int64_t position(std::uint64_t at) const {
+      return static_cast<std::int64_t>(slots[at] & last()) - 1;
     }
-    return at;
+
+    // True if a slot is neither empty nor has the tag.
+    bool is_foreign(std::uint64_t at, Slot wanted) const {
+      return (slots[at] != 0) & ((slots[at] ^ wanted) >> bits != 0);
+    }
+
+    // The first slot from `at` on that is not foreign.
+    std::uint64_t next_candidate(std::uint64_t at, Slot wanted) const {
+      at &= last();
+      while (is_foreign(at, wanted)) at = (at + 1) & last();
+      return at;
+    }
+
+    // Like next_candidate() from the key's home on, but the first step is branch-free: most probes
+    // end in the first two slots, unpredictably in which.
+    std::uint64_t first_candidate(std::uint64_t key_hash) const {
+      const std::uint64_t foreign = is_foreign(home(key_hash), tag(key_hash)) ? 1 : 0;
+      return next_candidate(home(key_hash) + foreign, tag(key_hash));
+    }
+
+    // The slot that holds the key, or the empty one where it belongs.
+    std::uint64_t probe(std::int64_t key, std::uint64_t key_hash) const {
+      const Slot wanted = tag(key_hash);
+      std::uint64_t at = next_candidate(home(key_hash), wanted);
+      while (slots[at] != 0 && entries[position(at)].key != key) {
+        at = next_candidate(at + 1, wanted);
+      }
+      return at;
+    }
+
+    // The entry of a key; the slot of a new key is written for the entry `next`.
+    std::int64_t claim(std::int64_t key, std::int64_t next) const {
+      const std::uint64_t key_hash = hash(key);
+      const std::uint64_t at = probe(key, key_hash);
+      if (slots[at] == 0) slots[at] = tag(key_hash) | static_cast<Slot>(next + 1);
+      return position(at);
+    }
+  };
+
+  // Calls use(table) with the table, whichever width its slots have.
+  template <typename Use>
+  auto with_table(Use use) const {
+    return wide() ? use(Table<std::uint64_t>{static_cast<std::uint64_t*>(slots_), entries_, bits_})
+                  : use(Table<std::uint32_t>{static_cast<std::uint32_t*>(slots_), entries_, bits_});
   }
 
   // The entry of a key, or -1. Requires: size() > 0.
   std::int64_t position_of(std::int64_t key) const {
-    const std::uint64_t key_hash = hash(key);
-    if (wide()) return position(table<std::uint64_t>()[probe<std::uint64_t>(key, key_hash)]);
-    return position(table<std::uint32_t>()[probe<std::uint32_t>(key, key_hash)]);
-  }
-
-  // The entry of a key; the slot of a new key is written for the entry that is appended next.
-  template <typename Slot>
-  std::int64_t claim(std::int64_t key) {
-    const std::uint64_t key_hash = hash(key);
-    Slot& slot = table<Slot>()[probe<Slot>(key, key_hash)];
-    if (slot == 0) slot = tag<Slot>(key_hash) | static_cast<Slot>(size_ + 1);
-    return position(slot);
+    return with_table([&](auto table) { return table.position(table.probe(key, hash(key))); });
   }
 
   // True if there is a key `i` and the cursor is at its entry.
@@ -272,17 +269,16 @@ class BasicInt64Map {
 
   // get_batch() for keys in any order: three passes, each of which prefetches for the next.
   template <typename Slot>
-  void get_unordered(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
-                     std::int64_t* values, Cursor& cursor) const {
+  void get_unordered(Table<Slot> table, const std::int64_t* keys, std::int64_t count,
+                     std::int64_t otherwise, std::int64_t* values, Cursor& cursor) const {
     std::uint64_t hashes[kBatch];
     std::int64_t positions[kBatch];
     for (std::int64_t i = 0; i < count; ++i) {
       hashes[i] = hash(keys[i]);
-      __builtin_prefetch(table<Slot>() + (hashes[i] >> (64 - bits_)));
+      __builtin_prefetch(table.slots + table.home(hashes[i]));
     }
     for (std::int64_t i = 0; i < count; ++i) {
-      const Slot wanted = tag<Slot>(hashes[i]);
-      positions[i] = position(table<Slot>()[first_candidate(hashes[i] >> (64 - bits_), wanted)]);
+      positions[i] = table.position(table.first_candidate(hashes[i]));
       __builtin_prefetch(entries_ + std::max<std::int64_t>(positions[i], 0));
     }
     // Hits and misses mix, so no branch depends on them.
@@ -306,34 +302,19 @@ class BasicInt64Map {
     const std::int64_t capacity = slots / 2;
     entries_ = static_cast<Entry*>(reallocate(entries_, capacity + table_entries, sizeof(Entry)));
     slots_ = std::memset(entries_ + capacity, 0, table_bytes);
-    if (wide()) {
-      fill_table<std::uint64_t>();
-    } else {
-      fill_table<std::uint32_t>();
-    }
+    with_table([&](auto table) { fill(table); });
   }
 
   // Writes the slot of every entry into an empty table. All keys differ, so none is compared.
   template <typename Slot>
-  void fill_table() {
-    const std::uint64_t last = (std::uint64_t{1} << bits_) - 1;
+  void fill(Table<Slot> table) const {
     for (std::int64_t i = 0; i < size_; ++i) {
       if (i + kPrefetchDistance < size_) prefetch(entries_[i + kPrefetchDistance].key);
       const std::uint64_t key_hash = hash(entries_[i].key);
-      std::uint64_t at = key_hash >> (64 - bits_);
-      while (table<Slot>()[at] != 0) at = (at + 1) & last;
-      table<Slot>()[at] = tag<Slot>(key_hash) | static_cast<Slot>(i + 1);
+      std::uint64_t at = table.home(key_hash);
+      while (table.slots[at] != 0) at = (at + 1) & table.last();
+      table.slots[at] = table.tag(key_hash) | static_cast<Slot>(i + 1);
     }
-  }
-
-  template <typename Slot>
-  bool is_valid() const {
-    if (slots_ == nullptr) return size_ == 0 && entries_ == nullptr;
-    std::int64_t used = 0;
-    for (std::int64_t i = 0; i < slot_count(); ++i) used += table<Slot>()[i] != 0 ? 1 : 0;
-    bool found = used == size_ && 2 * size_ <= slot_count();
-    for (std::int64_t i = 0; i < size_; ++i) found &= position_of(entries_[i].key) == i;
-    return found;
   }
 
   void swap(BasicInt64Map& other) {

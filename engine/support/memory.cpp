@@ -1,6 +1,5 @@
 #include "support/memory.h"
 
-#include <cstdint>
 #include <cstdlib>
 
 #include "support/abort.h"
@@ -19,29 +18,28 @@ std::size_t block_bytes(std::int64_t count, std::size_t element_bytes) {
   return bytes;
 }
 
+// The block, of which the system was asked at `location`.
+void* allocated(void* block, SourceLocation location = SourceLocation::current()) {
+  if (block == nullptr) abort_allocation(kThisFile, location);
+  return block;
+}
+
 }  // namespace
 
 void* allocate(std::int64_t count, std::size_t element_bytes) {
   const std::size_t bytes = block_bytes(count, element_bytes);
-  if (bytes == 0) return nullptr;
-  void* const block = std::malloc(bytes);
-  if (block == nullptr) abort_allocation(kThisFile, SourceLocation::current());
-  return block;
+  return bytes == 0 ? nullptr : allocated(std::malloc(bytes));
 }
 
 void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes) {
   constexpr std::size_t kLineBytes = 64;
   const std::size_t bytes = block_bytes(count, element_bytes);
-  if (bytes == 0) return nullptr;
-  void* const block = std::aligned_alloc(kLineBytes, (bytes + kLineBytes - 1) & ~(kLineBytes - 1));
-  if (block == nullptr) abort_allocation(kThisFile, SourceLocation::current());
-  return block;
+  const std::size_t whole_lines = (bytes + kLineBytes - 1) & ~(kLineBytes - 1);
+  return bytes == 0 ? nullptr : allocated(std::aligned_alloc(kLineBytes, whole_lines));
 }
 
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes) {
-  void* const moved = std::realloc(block, block_bytes(count, element_bytes));
-  if (moved == nullptr) abort_allocation(kThisFile, SourceLocation::current());
-  return moved;
+  return allocated(std::realloc(block, block_bytes(count, element_bytes)));
 }
 
 void release(void* block) { std::free(block); }
