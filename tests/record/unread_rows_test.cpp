@@ -127,7 +127,8 @@ TEST_P(UnreadRows, AreThoseThatAreNotVisibleOrFailTheFilter) {
         make(1500, dim, turns, way);
         std::size_t unreadable = 0;
         for (const Unreadable& pages : pages_) unreadable += pages.bytes();
-        EXPECT_GT(unreadable, 50000u);
+        // Wherever the heap places the rows, 22 of 128 floats hold one whole page; there are seven.
+        EXPECT_GE(unreadable, 7u * 4096);
         const Floats query(static_cast<std::size_t>(dim), 0.5f);
         const std::vector<Found> results = search(query);
         pages_.clear();
