@@ -1,6 +1,5 @@
 // AVX2 and FMA, first part: what the CPU must have, comparing and compressing. Scores are in
 // avx2_scores.cpp, estimates in avx2_estimates.cpp.
-#include "kernels/kernels.h"
 #include "kernels/tables.h"
 #include "support/compiler.h"
 

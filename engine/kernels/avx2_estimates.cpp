@@ -1,10 +1,8 @@
 // AVX2 and FMA, third part: estimates. A register holds eight components of one row, and its lanes
 // are added last.
-#include "kernels/kernels.h"
 #include "kernels/row_views.h"
 #include "kernels/tables.h"
 #include "kernels/tuning.h"
-#include "support/compiler.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -45,10 +43,7 @@ QX_AVX2_INLINE void add_lanes(const __m256 (&sums)[RowsInFlight], float* estimat
 template <int RowsInFlight, int Chains, typename Rows>
 QX_AVX2_INLINE void estimate_rows(const Rows& rows, std::int64_t dim, const float* query,
                                   __m256 rest, float* estimates) {
-  __m256 sums[Chains][RowsInFlight];
-  for (auto& chain : sums) {
-    for (__m256& sum : chain) sum = _mm256_setzero_ps();
-  }
+  __m256 sums[Chains][RowsInFlight] = {};
   const auto add = [&](std::int64_t at, __m256 factors, int chain) QX_AVX2_LAMBDA {
 #pragma GCC unroll 8
     for (int i = 0; i < RowsInFlight; ++i) {
@@ -70,25 +65,22 @@ QX_AVX2_INLINE void estimate_rows(const Rows& rows, std::int64_t dim, const floa
   add_lanes(sums[0], estimates);
 }
 
-// ---- Contiguous rows ----
-
-// Estimates neighbours, four at a time; returns the number of rows. The fastest way where four rows
-// make one stream, or are in the second-level cache.
-QX_AVX2 std::int64_t estimate_four_rows(const float* rows, std::int64_t count, std::int64_t dim,
-                                        const float* query, float* estimates) {
-  const __m256 rest = query_rest(query, dim);
+// Estimates whole groups of rows; returns the number of rows.
+template <int RowsInFlight, int Chains, typename Rows>
+QX_AVX2_INLINE std::int64_t estimate_groups(const Rows& rows, std::int64_t count, std::int64_t dim,
+                                            const float* query, __m256 rest, float* estimates) {
   std::int64_t i = 0;
-  for (; i + 4 <= count; i += 4) {
-    estimate_rows<4, 1>(ContiguousRows{rows + i * dim, dim}, dim, query, rest, estimates + i);
+  for (; i + RowsInFlight <= count; i += RowsInFlight) {
+    estimate_rows<RowsInFlight, Chains>(rows.from(i), dim, query, rest, estimates + i);
   }
   return i;
 }
 
 // Estimates one row of each quarter at a time; returns the number of rows. Four streams, each long
 // enough for the hardware to follow, keep more cache lines in flight than one.
-QX_AVX2 std::int64_t estimate_four_streams(const float* rows, std::int64_t count, std::int64_t dim,
-                                           const float* query, float* estimates) {
-  const __m256 rest = query_rest(query, dim);
+QX_AVX2_INLINE std::int64_t estimate_four_streams(const float* rows, std::int64_t count,
+                                                  std::int64_t dim, const float* query, __m256 rest,
+                                                  float* estimates) {
   const std::int64_t quarter = count / 4;
   for (std::int64_t i = 0; i < quarter; ++i) {
     float four[4];
@@ -99,41 +91,31 @@ QX_AVX2 std::int64_t estimate_four_streams(const float* rows, std::int64_t count
   return 4 * quarter;
 }
 
-// Estimates one row at a time.
-QX_AVX2 void estimate_one_row(const float* rows, std::int64_t count, std::int64_t dim,
-                              const float* query, float* estimates) {
-  const __m256 rest = query_rest(query, dim);
-  for (std::int64_t i = 0; i < count; ++i) {
-    estimate_rows<1, 4>(ContiguousRows{rows + i * dim, dim}, dim, query, rest, estimates + i);
-  }
-}
-
 }  // namespace
 
+// Four neighbours are the fastest way where they make one stream, or are in the second-level cache.
 QX_AVX2 void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
                                  const float* query, CacheLevel level, float* estimates) {
   if (dim < kLanes) return score_contiguous(rows, count, dim, query, level, estimates);
+  const ContiguousRows all{rows, dim};
+  const __m256 rest = query_rest(query, dim);
   std::int64_t i = 0;
   if (dim >= tuning::kMinFourStreamsDim) {
-    i = estimate_four_streams(rows, count, dim, query, estimates);
+    i = estimate_four_streams(rows, count, dim, query, rest, estimates);
   } else if (dim <= tuning::max_four_rows_dim(level)) {
-    i = estimate_four_rows(rows, count, dim, query, estimates);
+    i = estimate_groups<4, 1>(all, count, dim, query, rest, estimates);
   }
-  estimate_one_row(rows + i * dim, count - i, dim, query, estimates + i);
+  estimate_groups<1, 4>(all.from(i), count - i, dim, query, rest, estimates + i);
 }
 
 // Eight rows at a time: as many cache lines in flight as a core can keep.
 QX_AVX2 void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
                                 const float* query, float* estimates) {
   if (dim < kLanes) return score_scattered(rows, count, dim, query, estimates);
+  const ScatteredRows all{rows};
   const __m256 rest = query_rest(query, dim);
-  std::int64_t i = 0;
-  for (; i + 8 <= count; i += 8) {
-    estimate_rows<8, 1>(ScatteredRows{rows + i}, dim, query, rest, estimates + i);
-  }
-  for (; i < count; ++i) {
-    estimate_rows<1, 4>(ScatteredRows{rows + i}, dim, query, rest, estimates + i);
-  }
+  const std::int64_t i = estimate_groups<8, 1>(all, count, dim, query, rest, estimates);
+  estimate_groups<1, 4>(all.from(i), count - i, dim, query, rest, estimates + i);
 }
 
 }  // namespace qx::avx2

@@ -1,11 +1,8 @@
 // AVX2 and FMA, second part: scores. Eight rows per register, one row per lane.
-#include "kernels/avx2_short_rows.h"
-#include "kernels/kernels.h"
 #include "kernels/row_views.h"
 #include "kernels/tables.h"
 #include "kernels/transposed_steps.h"
 #include "kernels/tuning.h"
-#include "support/compiler.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -16,9 +13,12 @@ namespace {
 constexpr std::int64_t kLine = 16;  // floats of a cache line
 constexpr std::int64_t kLineBytes = 64;
 
+QX_AVX2_INLINE __m256 load_halves(const float* low, const float* high) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(low)), _mm_loadu_ps(high), 1);
+}
+
 // Turns four columns of eight rows: column[c] holds component `at + c` of rows 0 to 7.
 struct Transposition {
-  using Sums = __m256;
   struct Columns {
     __m256 column[kStep];
   };
@@ -28,10 +28,7 @@ struct Transposition {
   template <typename Rows>
   static QX_AVX2_INLINE Columns load_columns(const Rows& rows, std::int64_t at) {
     __m256 pair[4];
-    for (int i = 0; i < 4; ++i) {
-      const __m256 low = _mm256_castps128_ps256(_mm_loadu_ps(rows.row(i) + at));
-      pair[i] = _mm256_insertf128_ps(low, _mm_loadu_ps(rows.row(i + 4) + at), 1);
-    }
+    for (int i = 0; i < 4; ++i) pair[i] = load_halves(rows.row(i) + at, rows.row(i + 4) + at);
     const __m256 low01 = _mm256_unpacklo_ps(pair[0], pair[1]);
     const __m256 high01 = _mm256_unpackhi_ps(pair[0], pair[1]);
     const __m256 low23 = _mm256_unpacklo_ps(pair[2], pair[3]);
@@ -51,94 +48,55 @@ struct Transposition {
   }
 };
 
-// What score_rows prefetches: before a step from column `at` on, before each group's part of it,
-// and after the last. All inlined, since g++ drops the call of a function that only prefetches.
-
-struct PrefetchNothing {
-  QX_AVX2_INLINE void before_step(std::int64_t /*at*/) const {}
-  QX_AVX2_INLINE void before_group() const {}
-  QX_AVX2_INLINE void after_steps(std::int64_t /*dim*/) const {}
-};
-
-// As many lines as a step reads, in address order. Takes an integer: a pointer past the rows, which
-// may even be null, must not be computed.
-struct PrefetchAhead : PrefetchNothing {
-  std::uintptr_t address;
-
-  explicit PrefetchAhead(std::uintptr_t first) : address(first) {}
-  static QX_AVX2_INLINE void prefetch_line(std::uintptr_t line) {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
-    _mm_prefetch(reinterpret_cast<const char*>(line), _MM_HINT_T0);
-  }
-  QX_AVX2_INLINE void before_group() {
-    prefetch_line(address);
-    prefetch_line(address + kLineBytes);
-    address += 2 * kLineBytes;
-  }
-};
-
-// `count` rows of a list: where a step begins a line of its rows, the same line of those. The
-// hardware cannot foresee them, since each begins at an address of its own.
-struct PrefetchListed : PrefetchNothing {
-  const float* const* rows;
-  std::int64_t count;
-
-  PrefetchListed(const float* const* listed, std::int64_t listed_count)
-      : rows(listed), count(listed_count) {}
-  QX_AVX2_INLINE void before_step(std::int64_t at) const {
-    if (at % kLine != 0) return;
-    for (std::int64_t i = 0; i < count; ++i) _mm_prefetch(rows[i] + at, _MM_HINT_T0);
-  }
-  // A row that begins inside a line ends on one line more.
-  QX_AVX2_INLINE void after_steps(std::int64_t dim) const {
-    for (std::int64_t i = 0; i < count && dim > 0; ++i) {
-      _mm_prefetch(rows[i] + dim - 1, _MM_HINT_T0);
-    }
-  }
-};
-
 // Scores `Groups` groups of eight rows side by side: the chain of a group waits for its own last
-// step, and the others fill the wait.
+// step, and the others fill the wait. Before a group's part of a step from column `at` on comes
+// prefetch(at, group); it is inlined, since g++ drops the call of a function that only prefetches.
 template <int Groups, typename Rows, typename Prefetch>
-QX_AVX2_INLINE void score_rows(const Rows (&rows)[Groups], std::int64_t dim, const float* query,
+QX_AVX2_INLINE void score_rows(const Rows& rows, std::int64_t dim, const float* query,
                                Prefetch prefetch, float* scores) {
-  __m256 sums[Groups];
-  for (int g = 0; g < Groups; ++g) sums[g] = _mm256_setzero_ps();
+  __m256 sums[Groups] = {};
   std::int64_t j = 0;
   for (; j + kStep <= dim; j += kStep) {
-    prefetch.before_step(j);
 #pragma GCC unroll 3
     for (int g = 0; g < Groups; ++g) {
-      prefetch.before_group();
-      sums[g] = add_step<Transposition>(rows[g], j, query, sums[g]);
+      prefetch(j, g);
+      sums[g] = add_columns<Transposition>(rows.from(g * kLanes), j, 0, query, sums[g]);
     }
   }
-  prefetch.after_steps(dim);
 #pragma GCC unroll 3
   for (int g = 0; g < Groups; ++g) {
-    _mm256_storeu_ps(scores + g * kLanes, add_rest<Transposition>(rows[g], j, dim, query, sums[g]));
+    const Rows group = rows.from(g * kLanes);
+    _mm256_storeu_ps(scores + g * kLanes, add_rest<Transposition>(group, j, dim, query, sums[g]));
   }
 }
 
 // ---- Contiguous rows ----
 
-// From the end of `bytes` bytes of rows on; where they are few, from further ahead.
+// The address after `bytes` bytes of rows; where they are few, from further ahead. An integer: a
+// pointer past the rows, which may even be null, must not be computed.
 // Tuning: only the address of prefetches, which read nothing.
-PrefetchAhead prefetch_after(const float* rows, std::int64_t bytes) {
+std::uintptr_t address_ahead(const float* rows, std::int64_t bytes) {
   const std::int64_t ahead = bytes > tuning::kMinAheadBytes ? bytes : tuning::kMinAheadBytes;
-  return PrefetchAhead(reinterpret_cast<std::uintptr_t>(rows) + static_cast<std::uintptr_t>(ahead));
+  return reinterpret_cast<std::uintptr_t>(rows) + static_cast<std::uintptr_t>(ahead);
+}
+
+QX_AVX2_INLINE void prefetch_line(std::uintptr_t address) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
+  _mm_prefetch(reinterpret_cast<const char*>(address), _MM_HINT_T0);
 }
 
 template <int Groups, bool Prefetches>
 QX_AVX2 void score_groups(const float* rows, std::int64_t dim, const float* query, float* scores) {
-  ContiguousRows groups[Groups];
-  for (int g = 0; g < Groups; ++g) groups[g] = {rows + g * kLanes * dim, dim};
-  if constexpr (Prefetches) {
-    const PrefetchAhead ahead = prefetch_after(rows, Groups * kLanes * dim * 4);
-    score_rows(groups, dim, query, ahead, scores);
-  } else {
-    score_rows(groups, dim, query, PrefetchNothing{}, scores);
-  }
+  std::uintptr_t ahead = address_ahead(rows, Groups * kLanes * dim * 4);
+  // As many lines as a step reads, in address order.
+  const auto prefetch = [&](std::int64_t /*at*/, int /*group*/) QX_AVX2_LAMBDA {
+    if constexpr (Prefetches) {
+      prefetch_line(ahead);
+      prefetch_line(ahead + kLineBytes);
+      ahead += 2 * kLineBytes;
+    }
+  };
+  score_rows<Groups>(ContiguousRows{rows, dim}, dim, query, prefetch, scores);
 }
 
 // Scores whole groups of eight rows; returns the number of rows.
@@ -159,33 +117,84 @@ QX_AVX2 std::int64_t score_whole_groups(const float* rows, std::int64_t count, s
   return i;
 }
 
+// ---- Contiguous rows of one to three floats ----
+
+// Eight such rows fill one to three registers, from which each column is taken by itself. The
+// hardware prefetcher follows the one stream well.
+
+QX_AVX2_INLINE void load_short_columns(const float* rows, __m256 (&columns)[1]) {
+  columns[0] = _mm256_loadu_ps(rows);
+}
+
+// Rows i and i + 4 share a register, as in a transposition.
+QX_AVX2_INLINE void load_short_columns(const float* rows, __m256 (&columns)[2]) {
+  const __m256 low = load_halves(rows, rows + 8);
+  const __m256 high = load_halves(rows + 4, rows + 12);
+  columns[0] = _mm256_shuffle_ps(low, high, 0x88);
+  columns[1] = _mm256_shuffle_ps(low, high, 0xDD);
+}
+
+// Component c of row r is element 3 r + c of the 24. Modulo 8 these are all different for one c, so
+// blending the three registers by position gathers a column, and one permutation puts it in order.
+QX_AVX2_INLINE void load_short_columns(const float* rows, __m256 (&columns)[3]) {
+  const __m256 a = _mm256_loadu_ps(rows);
+  const __m256 b = _mm256_loadu_ps(rows + 8);
+  const __m256 c = _mm256_loadu_ps(rows + 16);
+  const __m256 first = _mm256_blend_ps(_mm256_blend_ps(a, b, 0x92), c, 0x24);
+  const __m256 second = _mm256_blend_ps(_mm256_blend_ps(a, b, 0x24), c, 0x49);
+  const __m256 third = _mm256_blend_ps(_mm256_blend_ps(a, b, 0x49), c, 0x92);
+  columns[0] = _mm256_permutevar8x32_ps(first, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5));
+  columns[1] = _mm256_permutevar8x32_ps(second, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6));
+  columns[2] = _mm256_permutevar8x32_ps(third, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7));
+}
+
+// Scores whole groups of eight rows of Dim floats; returns the number of rows.
+template <int Dim>
+QX_AVX2 std::int64_t score_short_groups(const float* rows, std::int64_t count, std::int64_t /*dim*/,
+                                        const float* query, float* scores) {
+  std::int64_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    __m256 columns[Dim];
+    load_short_columns(rows + i * Dim, columns);
+    __m256 sums = _mm256_setzero_ps();
+    for (int c = 0; c < Dim; ++c) sums = Transposition::add_column(columns[c], query + c, sums);
+    _mm256_storeu_ps(scores + i, sums);
+  }
+  return i;
+}
+
 auto choose_whole_groups(std::int64_t dim, CacheLevel level) {
-  if (dim >= 1 && dim < kStep) return score_short_groups;
+  if (dim == 1) return score_short_groups<1>;
+  if (dim == 2) return score_short_groups<2>;
+  if (dim == 3) return score_short_groups<3>;
   return tuning::prefetches_ahead(dim, level) ? score_whole_groups<true>
                                               : score_whole_groups<false>;
 }
 
 // ---- Scattered rows ----
 
-template <int Groups, typename Prefetch>
-QX_AVX2_INLINE void score_listed_groups(const float* const* rows, std::int64_t dim,
-                                        const float* query, Prefetch prefetch, float* scores) {
-  ScatteredRows groups[Groups];
-  for (int g = 0; g < Groups; ++g) groups[g] = {rows + g * kLanes};
-  score_rows(groups, dim, query, prefetch, scores);
-}
-
-// Scores two groups of eight rows, and prefetches the next `following` rows of the list.
-QX_AVX2 void score_pair(const float* const* rows, std::int64_t following, std::int64_t dim,
-                        const float* query, float* scores) {
-  const PrefetchListed next(rows + 2 * kLanes, following);
-  score_listed_groups<2>(rows, dim, query, next, scores);
+// Scores `Groups` groups of eight rows, and prefetches the next `following` rows of the list. The
+// hardware cannot foresee them, since each begins at an address of its own.
+template <int Groups>
+QX_AVX2_INLINE void score_listed(const float* const* rows, std::int64_t following, std::int64_t dim,
+                                 const float* query, float* scores) {
+  const float* const* const next = rows + Groups * kLanes;
+  // Where a step begins a line of its rows, the same line of those.
+  const auto prefetch = [&](std::int64_t at, int group) QX_AVX2_LAMBDA {
+    if (group != 0 || at % kLine != 0) return;
+    for (std::int64_t i = 0; i < following; ++i) _mm_prefetch(next[i] + at, _MM_HINT_T0);
+  };
+  score_rows<Groups>(ScatteredRows{rows}, dim, query, prefetch, scores);
+  // A row that begins inside a line ends on one line more.
+  for (std::int64_t i = 0; i < following && dim > 0; ++i) {
+    _mm_prefetch(next[i] + dim - 1, _MM_HINT_T0);
+  }
 }
 
 template <int Groups>
 QX_AVX2 void score_last_groups(const float* const* rows, std::int64_t dim, const float* query,
                                float* scores) {
-  score_listed_groups<Groups>(rows, dim, query, PrefetchNothing{}, scores);
+  score_listed<Groups>(rows, 0, dim, query, scores);
 }
 
 }  // namespace
@@ -204,7 +213,7 @@ QX_AVX2 void score_scattered(const float* const* rows, std::int64_t count, std::
   std::int64_t i = 0;
   for (; i + 2 * kLanes <= count; i += 2 * kLanes) {
     const std::int64_t left = count - i - 2 * kLanes;
-    score_pair(rows + i, left < 2 * kLanes ? left : 2 * kLanes, dim, query, scores + i);
+    score_listed<2>(rows + i, left < 2 * kLanes ? left : 2 * kLanes, dim, query, scores + i);
   }
   if (i == count) return;
   const auto score_last = count - i > kLanes

@@ -1,7 +1,6 @@
 // AVX-512: estimates of rows in the second-level cache, sixteen components per register, and
 // compressing. All else is inherited from AVX2: scores wait for their chains, which wider registers
 // do not shorten.
-#include "kernels/kernels.h"
 #include "kernels/tables.h"
 #include "kernels/tuning.h"
 #include "support/compiler.h"
@@ -12,7 +11,6 @@
 // The intrinsics of g++ 12 hand an undefined register to operands that no mask selects, and then
 // warn of it where they are inlined.
 #if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
@@ -28,6 +26,7 @@ bool supported() {
 
 namespace {
 
+constexpr std::int64_t kLanes = 16;  // floats of a register
 constexpr int kRowsInFlight = 4;
 
 QX_AVX512_INLINE void add_lanes(const __m512 (&sums)[kRowsInFlight], float* estimates) {
@@ -43,8 +42,7 @@ QX_AVX512_INLINE void add_lanes(const __m512 (&sums)[kRowsInFlight], float* esti
 
 QX_AVX512_INLINE void estimate_rows(const float* rows, std::int64_t dim, const float* query,
                                     float* estimates) {
-  __m512 sums[kRowsInFlight] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(),
-                                _mm512_setzero_ps()};
+  __m512 sums[kRowsInFlight] = {};
   std::int64_t j = 0;
   for (; j + kLanes <= dim; j += kLanes) {
     const __m512 factors = _mm512_loadu_ps(query + j);
@@ -96,8 +94,4 @@ QX_AVX512 void compress(const std::int64_t* numbers, std::uint64_t mask, std::in
 }
 
 }  // namespace qx::avx512
-
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 #endif

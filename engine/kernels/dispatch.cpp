@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstring>
 
-#include "kernels/kernels.h"
 #include "kernels/tables.h"
 
 namespace qx {
@@ -34,39 +33,28 @@ constexpr const Kernels* kBestFirst[] = {
 // relaxed order is enough; a constant initial value needs no code at load time.
 constinit std::atomic<const Kernels*> chosen{nullptr};
 
-// The last of the list, before the null that ends it, runs everywhere.
-const Kernels* best_supported() {
-  const Kernels* const* candidate = kBestFirst;
-  // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the null is never reached
-  while (!(*candidate)->supported()) ++candidate;
-  return *candidate;
+// The best kernels that run here and have this name, or any if it is null. Null if there are none.
+const Kernels* best_supported(const char* name) {
+  for (const Kernels* const* next = kBestFirst; *next != nullptr; ++next) {
+    const bool is_meant = name == nullptr || std::strcmp((*next)->name, name) == 0;
+    if (is_meant && (*next)->supported()) return *next;
+  }
+  return nullptr;
 }
 
 }  // namespace
 
 const Kernels& kernels() {
-  const Kernels* now = chosen.load(std::memory_order_relaxed);
-  if (now == nullptr) {
-    now = best_supported();
-    chosen.store(now, std::memory_order_relaxed);
-  }
-  return *now;
+  if (chosen.load(std::memory_order_relaxed) == nullptr) force_kernels(nullptr);
+  return *chosen.load(std::memory_order_relaxed);
 }
 
 const Kernels* const* all_kernels() { return kBestFirst; }
 
 bool force_kernels(const char* name) {
-  if (name == nullptr) {
-    chosen.store(nullptr, std::memory_order_relaxed);
-    return true;
-  }
-  for (const Kernels* const* candidate = kBestFirst; *candidate != nullptr; ++candidate) {
-    if (std::strcmp((*candidate)->name, name) != 0) continue;
-    if (!(*candidate)->supported()) return false;
-    chosen.store(*candidate, std::memory_order_relaxed);
-    return true;
-  }
-  return false;
+  const Kernels* const best = best_supported(name);
+  if (best != nullptr) chosen.store(best, std::memory_order_relaxed);
+  return best != nullptr;
 }
 
 }  // namespace qx

@@ -1,21 +1,16 @@
 // NEON, which every AArch64 CPU has: four rows per register, one row per lane. Comparing and
 // compressing are inherited from the portable kernel.
-#include "kernels/kernels.h"
 #include "kernels/row_views.h"
 #include "kernels/tables.h"
 #include "kernels/transposed_steps.h"
-#include "support/compiler.h"
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
 
 namespace qx::neon {
-
-bool supported() { return true; }
+namespace {
 
 // ---- Scores ----
-
-namespace {
 
 constexpr std::int64_t kLanes = 4;
 constexpr std::int64_t kGroups = 4;  // groups of four rows that are scored side by side
@@ -30,7 +25,6 @@ inline float32x4_t high_halves(float32x4_t a, float32x4_t b) {
 
 // Turns four columns of four rows: column[c] holds component `at + c` of rows 0 to 3.
 struct Transposition {
-  using Sums = float32x4_t;
   struct Columns {
     float32x4_t column[kStep];
   };
@@ -60,11 +54,12 @@ struct Transposition {
 };
 
 void score_rows(const float* const* rows, std::int64_t dim, const float* query, float* scores) {
-  float32x4_t sums[kGroups] = {vdupq_n_f32(0), vdupq_n_f32(0), vdupq_n_f32(0), vdupq_n_f32(0)};
+  float32x4_t sums[kGroups] = {};
   std::int64_t j = 0;
   for (; j + kStep <= dim; j += kStep) {
     for (int g = 0; g < kGroups; ++g) {
-      sums[g] = add_step<Transposition>(ScatteredRows{rows + g * kLanes}, j, query, sums[g]);
+      const ScatteredRows group{rows + g * kLanes};
+      sums[g] = add_columns<Transposition>(group, j, 0, query, sums[g]);
     }
   }
   for (int g = 0; g < kGroups; ++g) {
@@ -73,24 +68,7 @@ void score_rows(const float* const* rows, std::int64_t dim, const float* query, 
   }
 }
 
-}  // namespace
-
-void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      CacheLevel /*level*/, float* scores) {
-  by_address<kGroupRows, score_scattered>(rows, count, dim, query, scores);
-}
-
-void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
-                     const float* query, float* scores) {
-  std::int64_t i = 0;
-  for (; i + kGroupRows <= count; i += kGroupRows) score_rows(rows + i, dim, query, scores + i);
-  if (i == count) return;
-  score_padded<kGroupRows, score_rows>(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
-}
-
 // ---- Estimates ----
-
-namespace {
 
 constexpr std::int64_t kRowsInFlight = 4;
 
@@ -101,8 +79,7 @@ void add_lanes(const float32x4_t (&sums)[kRowsInFlight], float* estimates) {
 // A register holds four components of one row, and its lanes are added last.
 void estimate_rows(const float* const* rows, std::int64_t dim, const float* query,
                    float* estimates) {
-  float32x4_t sums[kRowsInFlight] = {vdupq_n_f32(0), vdupq_n_f32(0), vdupq_n_f32(0),
-                                     vdupq_n_f32(0)};
+  float32x4_t sums[kRowsInFlight] = {};
   std::int64_t j = 0;
   for (; j + kLanes <= dim; j += kLanes) {
     const float32x4_t factors = vld1q_f32(query + j);
@@ -118,18 +95,27 @@ void estimate_rows(const float* const* rows, std::int64_t dim, const float* quer
 
 }  // namespace
 
+bool supported() { return true; }
+
+void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
+                      CacheLevel /*level*/, float* scores) {
+  score_in_groups<kGroupRows, score_rows>(ContiguousRows{rows, dim}, count, dim, query, scores);
+}
+
+void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                     const float* query, float* scores) {
+  score_in_groups<kGroupRows, score_rows>(ScatteredRows{rows}, count, dim, query, scores);
+}
+
 void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
                          const float* query, CacheLevel /*level*/, float* estimates) {
-  by_address<kGroupRows, estimate_scattered>(rows, count, dim, query, estimates);
+  score_in_groups<kRowsInFlight, estimate_rows>(ContiguousRows{rows, dim}, count, dim, query,
+                                                estimates);
 }
 
 void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
                         const float* query, float* estimates) {
-  std::int64_t i = 0;
-  for (; i + kRowsInFlight <= count; i += kRowsInFlight) {
-    estimate_rows(rows + i, dim, query, estimates + i);
-  }
-  score_scattered(rows + i, count - i, dim, query, estimates + i);
+  score_in_groups<kRowsInFlight, estimate_rows>(ScatteredRows{rows}, count, dim, query, estimates);
 }
 
 }  // namespace qx::neon

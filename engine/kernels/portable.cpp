@@ -1,18 +1,13 @@
 // The truth: the numeric contract in plain C++. Read this kernel first; every other one returns
 // the same bits.
-#include "kernels/kernels.h"
 #include "kernels/row_views.h"
 #include "kernels/tables.h"
 #include "kernels/tuning.h"
-#include "support/compiler.h"
 
 namespace qx::portable {
-
-bool supported() { return true; }
+namespace {
 
 // ---- Scores ----
-
-namespace {
 
 // Rows that are scored side by side: the chain of one cannot be shortened.
 constexpr std::int64_t kGroupRows = 8;
@@ -27,24 +22,7 @@ void score_rows(const float* const* rows, std::int64_t dim, const float* query, 
   for (std::int64_t i = 0; i < kGroupRows; ++i) scores[i] = sums[i];
 }
 
-}  // namespace
-
-void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
-                      CacheLevel /*level*/, float* scores) {
-  by_address<kGroupRows, score_scattered>(rows, count, dim, query, scores);
-}
-
-void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
-                     const float* query, float* scores) {
-  std::int64_t i = 0;
-  for (; i + kGroupRows <= count; i += kGroupRows) score_rows(rows + i, dim, query, scores + i);
-  if (i == count) return;
-  score_padded<kGroupRows, score_rows>(ScatteredRows{rows + i}, count - i, dim, query, scores + i);
-}
-
 // ---- Estimates ----
-
-namespace {
 
 // The widest registers that the compiler was told of, by way of the vector extension that g++ and
 // clang share. On a CPU without FMA this is what makes the library fast.
@@ -101,25 +79,7 @@ void estimate_rows(const float* const* rows, std::int64_t dim, const float* quer
   }
 }
 
-}  // namespace
-
-void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
-                         const float* query, CacheLevel /*level*/, float* estimates) {
-  by_address<kRowsInFlight, estimate_scattered>(rows, count, dim, query, estimates);
-}
-
-void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
-                        const float* query, float* estimates) {
-  std::int64_t i = 0;
-  for (; i + kRowsInFlight <= count; i += kRowsInFlight) {
-    estimate_rows(rows + i, dim, query, estimates + i);
-  }
-  score_scattered(rows + i, count - i, dim, query, estimates + i);
-}
-
-// ---- Comparing and compressing ----
-
-namespace {
+// ---- Comparing ----
 
 // Without a branch, which compilers turn into SIMD.
 bool all_less(const float* numbers, float limit) {
@@ -129,6 +89,29 @@ bool all_less(const float* numbers, float limit) {
 }
 
 }  // namespace
+
+bool supported() { return true; }
+
+void score_contiguous(const float* rows, std::int64_t count, std::int64_t dim, const float* query,
+                      CacheLevel /*level*/, float* scores) {
+  score_in_groups<kGroupRows, score_rows>(ContiguousRows{rows, dim}, count, dim, query, scores);
+}
+
+void score_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                     const float* query, float* scores) {
+  score_in_groups<kGroupRows, score_rows>(ScatteredRows{rows}, count, dim, query, scores);
+}
+
+void estimate_contiguous(const float* rows, std::int64_t count, std::int64_t dim,
+                         const float* query, CacheLevel /*level*/, float* estimates) {
+  score_in_groups<kRowsInFlight, estimate_rows>(ContiguousRows{rows, dim}, count, dim, query,
+                                                estimates);
+}
+
+void estimate_scattered(const float* const* rows, std::int64_t count, std::int64_t dim,
+                        const float* query, float* estimates) {
+  score_in_groups<kRowsInFlight, estimate_rows>(ScatteredRows{rows}, count, dim, query, estimates);
+}
 
 // Mostly all numbers of a chunk are less.
 std::uint64_t mask_not_less(const float* numbers, std::int64_t count, float limit) {

@@ -12,43 +12,36 @@
 namespace qx::portable {
 
 SupportedFunction supported;
-ContiguousFunction score_contiguous;
-ScatteredFunction score_scattered;
-ContiguousFunction estimate_contiguous;
-ScatteredFunction estimate_scattered;
+ContiguousFunction score_contiguous, estimate_contiguous;
+ScatteredFunction score_scattered, estimate_scattered;
 MaskFunction mask_not_less;
 CompressFunction compress;
 
-inline constexpr Kernels kEntries = {.name = "portable",
-                                     .supported = supported,
-                                     .score_contiguous = score_contiguous,
-                                     .score_scattered = score_scattered,
-                                     .estimate_contiguous = estimate_contiguous,
-                                     .estimate_scattered = estimate_scattered,
-                                     .mask_not_less = mask_not_less,
-                                     .compress = compress};
+inline constexpr Kernels kEntries = {
+    "portable",          supported,          score_contiguous, score_scattered,
+    estimate_contiguous, estimate_scattered, mask_not_less,    compress};
 
 }  // namespace qx::portable
 
 #if defined(__x86_64__)
 namespace qx::avx2 {
 
+inline constexpr std::int64_t kLanes = 8;  // floats of a register
+
 SupportedFunction supported;
-QX_AVX2 ContiguousFunction score_contiguous;
-QX_AVX2 ScatteredFunction score_scattered;
-QX_AVX2 ContiguousFunction estimate_contiguous;
-QX_AVX2 ScatteredFunction estimate_scattered;
+QX_AVX2 ContiguousFunction score_contiguous, estimate_contiguous;
+QX_AVX2 ScatteredFunction score_scattered, estimate_scattered;
 QX_AVX2 MaskFunction mask_not_less;
 QX_AVX2 CompressFunction compress;
 
-inline constexpr Kernels kEntries = {.name = "avx2",
-                                     .supported = supported,
-                                     .score_contiguous = score_contiguous,
-                                     .score_scattered = score_scattered,
-                                     .estimate_contiguous = estimate_contiguous,
-                                     .estimate_scattered = estimate_scattered,
-                                     .mask_not_less = mask_not_less,
-                                     .compress = compress};
+inline constexpr Kernels kEntries = {"avx2",
+                                     supported,
+                                     score_contiguous,
+                                     score_scattered,
+                                     estimate_contiguous,
+                                     estimate_scattered,
+                                     mask_not_less,
+                                     compress};
 
 }  // namespace qx::avx2
 
@@ -70,38 +63,26 @@ inline constexpr Kernels kEntries = {.name = "avx512",
 namespace qx::neon {
 
 SupportedFunction supported;
-ContiguousFunction score_contiguous;
-ScatteredFunction score_scattered;
-ContiguousFunction estimate_contiguous;
-ScatteredFunction estimate_scattered;
+ContiguousFunction score_contiguous, estimate_contiguous;
+ScatteredFunction score_scattered, estimate_scattered;
 
-inline constexpr Kernels kEntries = {.name = "neon",
-                                     .supported = supported,
-                                     .score_contiguous = score_contiguous,
-                                     .score_scattered = score_scattered,
-                                     .estimate_contiguous = estimate_contiguous,
-                                     .estimate_scattered = estimate_scattered};
+inline constexpr Kernels kEntries = {"neon",          supported,           score_contiguous,
+                                     score_scattered, estimate_contiguous, estimate_scattered};
 
 }  // namespace qx::neon
 #endif
 
 namespace qx {
 
-template <typename Function>
-constexpr Function* own_or_inherited(Function* own, Function* inherited) {
-  return own != nullptr ? own : inherited;
-}
-
 // The entries of `own`, completed by those of `next`. Requires: `next` is complete.
-constexpr Kernels inherit(const Kernels& own, const Kernels& next) {
-  return {own.name,
-          own.supported,
-          own_or_inherited(own.score_contiguous, next.score_contiguous),
-          own_or_inherited(own.score_scattered, next.score_scattered),
-          own_or_inherited(own.estimate_contiguous, next.estimate_contiguous),
-          own_or_inherited(own.estimate_scattered, next.estimate_scattered),
-          own_or_inherited(own.mask_not_less, next.mask_not_less),
-          own_or_inherited(own.compress, next.compress)};
+constexpr Kernels inherit(Kernels own, const Kernels& next) {
+  if (own.score_contiguous == nullptr) own.score_contiguous = next.score_contiguous;
+  if (own.score_scattered == nullptr) own.score_scattered = next.score_scattered;
+  if (own.estimate_contiguous == nullptr) own.estimate_contiguous = next.estimate_contiguous;
+  if (own.estimate_scattered == nullptr) own.estimate_scattered = next.estimate_scattered;
+  if (own.mask_not_less == nullptr) own.mask_not_less = next.mask_not_less;
+  if (own.compress == nullptr) own.compress = next.compress;
+  return own;
 }
 
 }  // namespace qx

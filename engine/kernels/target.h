@@ -1,5 +1,4 @@
-// What functions that are compiled for more than the baseline of x86-64 need: their attributes, and
-// the size of their registers.
+// What functions that are compiled for more than the baseline of x86-64 need: their attributes.
 //
 // Such a function is never a template or inline function of the standard library, and a file that
 // has one includes only plain types, the intrinsics and the headers of this folder: the linker
@@ -7,8 +6,6 @@
 // on any CPU. For the same reason all inline functions with these attributes are in the namespace
 // of their instruction set, in an unnamed one, or depend on a type of one.
 #pragma once
-
-#include <cstdint>
 
 #if defined(__x86_64__)
 #define QX_AVX2 __attribute__((target("avx2,fma,popcnt")))
@@ -18,12 +15,4 @@
 #define QX_AVX512 __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt")))
 #define QX_AVX512_INLINE \
   __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt"), always_inline)) inline
-
-// Floats of a register.
-namespace qx::avx2 {
-inline constexpr std::int64_t kLanes = 8;
-}
-namespace qx::avx512 {
-inline constexpr std::int64_t kLanes = 16;
-}
 #endif

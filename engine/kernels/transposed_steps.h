@@ -1,12 +1,11 @@
 // The steps of a kernel that transposes rows: the same for every instruction set.
 //
 // A Transposition has
-//   Sums                                a register with the sum of one row in each lane
-//   Columns                             kStep columns of a group of rows
-//   load_columns(rows, at)              the columns `at` to `at + kStep - 1`
+//   load_columns(rows, at)              the columns `at` to `at + kStep - 1` of a group of rows
 //   load_column(rows, at)               the column `at`
 //   add_column(column, factor, sums)    sums + column * *factor, rounded once
-// of which load_columns must not be called for rows that are shorter than at + kStep.
+// where `sums` is a register with the sum of one row in each lane, and load_columns must not be
+// called for rows that are shorter than at + kStep.
 #pragma once
 
 #include <cstdint>
@@ -25,34 +24,27 @@ namespace qx {
 // Columns that a transposition turns at a time.
 inline constexpr std::int64_t kStep = 4;
 
-// Adds the columns from `used` on to the sums; `factors` are the query's components for all kStep.
-template <typename Transposition>
-QX_STEP_INLINE auto add_columns(const typename Transposition::Columns& columns, std::int64_t used,
-                                const float* factors, typename Transposition::Sums sums) {
+// Adds the columns from `at + used` to `at + kStep - 1`. Requires: at + kStep <= dim.
+template <typename Transposition, typename Rows, typename Sums>
+QX_STEP_INLINE Sums add_columns(const Rows& rows, std::int64_t at, std::int64_t used,
+                                const float* query, Sums sums) {
+  const auto columns = Transposition::load_columns(rows, at);
   for (std::int64_t c = used; c < kStep; ++c) {
-    sums = Transposition::add_column(columns.column[c], factors + c, sums);
+    sums = Transposition::add_column(columns.column[c], query + at + c, sums);
   }
   return sums;
-}
-
-// One step of a group of rows. Requires: at + kStep <= dim.
-template <typename Transposition, typename Rows>
-QX_STEP_INLINE auto add_step(const Rows& rows, std::int64_t at, const float* query,
-                             typename Transposition::Sums sums) {
-  return add_columns<Transposition>(Transposition::load_columns(rows, at), 0, query + at, sums);
 }
 
 // Finishes a group of rows from column `at`. Nothing is read past a row: the columns are taken from
 // the row's last kStep, of which the first have been used already; those of shorter rows are loaded
 // one by one. Requires: dim - at < kStep.
-template <typename Transposition, typename Rows>
-QX_STEP_INLINE auto add_rest(const Rows& rows, std::int64_t at, std::int64_t dim,
-                             const float* query, typename Transposition::Sums sums) {
+template <typename Transposition, typename Rows, typename Sums>
+QX_STEP_INLINE Sums add_rest(const Rows& rows, std::int64_t at, std::int64_t dim,
+                             const float* query, Sums sums) {
   if (at == dim) return sums;
   if (dim >= kStep) {
     const std::int64_t last = dim - kStep;
-    return add_columns<Transposition>(Transposition::load_columns(rows, last), at - last,
-                                      query + last, sums);
+    return add_columns<Transposition>(rows, last, at - last, query, sums);
   }
   for (; at < dim; ++at) {
     sums = Transposition::add_column(Transposition::load_column(rows, at), query + at, sums);

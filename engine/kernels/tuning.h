@@ -8,8 +8,6 @@
 // runs over 0.5 MB (L2) or 12 MB (L3), as time against the first line of the table.
 #pragma once
 
-#include <cstdint>
-
 #include "kernels/kernels.h"
 
 namespace qx::tuning {
