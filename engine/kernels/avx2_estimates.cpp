@@ -84,8 +84,7 @@ QX_AVX2_INLINE std::int64_t estimate_four_streams(const float* rows, std::int64_
   const std::int64_t quarter = count / 4;
   for (std::int64_t i = 0; i < quarter; ++i) {
     float four[4];
-    const ContiguousRows apart{rows + i * dim, quarter * dim};
-    estimate_rows<4, 1>(apart, dim, query, rest, four);
+    estimate_rows<4, 1>(ContiguousRows{rows + i * dim, quarter * dim}, dim, query, rest, four);
     for (std::int64_t q = 0; q < 4; ++q) estimates[i + q * quarter] = four[q];
   }
   return 4 * quarter;

@@ -13,6 +13,5 @@
 #define QX_AVX2_INLINE QX_AVX2_LAMBDA inline
 
 #define QX_AVX512 __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt")))
-#define QX_AVX512_INLINE \
-  __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt"), always_inline)) inline
+#define QX_AVX512_INLINE QX_AVX512 __attribute__((always_inline)) inline
 #endif

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -19,13 +18,12 @@ constexpr std::size_t kLineBytes = 256;
 // the process before the trap.
 void write_line(const char* line, int length) {
   std::signal(SIGPIPE, SIG_IGN);
-  auto left = static_cast<std::size_t>(std::max(length, 0));
-  while (left > 0) {
-    const ssize_t written = ::write(STDERR_FILENO, line, left);
+  while (length > 0) {
+    const ssize_t written = ::write(STDERR_FILENO, line, static_cast<std::size_t>(length));
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;
     line += written;
-    left -= static_cast<std::size_t>(written);
+    length -= static_cast<int>(written);
   }
 }
 

@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <memory>
-#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -51,11 +50,11 @@ struct Array {
 
   // Element `index`. Ends the process if it does not exist.
   T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) {
-    check(index, location);
+    check(index, 1, location);
     return data[index];
   }
   const T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) const {
-    check(index, location);
+    check(index, 1, location);
     return data[index];
   }
 
@@ -63,18 +62,18 @@ struct Array {
   // first such. Requires: count >= 1.
   T* range(std::int64_t first, std::int64_t count,
            SourceLocation location = SourceLocation::current()) {
-    check_range(first, count, location);
+    check(first, count, location);
     return data + first;
   }
   const T* range(std::int64_t first, std::int64_t count,
                  SourceLocation location = SourceLocation::current()) const {
-    check_range(first, count, location);
+    check(first, count, location);
     return data + first;
   }
 
   void append(T value) {
     reserve(length + 1);
-    new (data + length++) T(std::move(value));
+    std::construct_at(data + length++, std::move(value));
   }
 
   // Appends `count` copies; nothing, without reading, if count < 1.
@@ -100,13 +99,10 @@ struct Array {
     if (count > 0) std::memcpy(to, from, static_cast<std::size_t>(count) * sizeof(T));
   }
 
-  void check(std::int64_t index, SourceLocation location) const {
-    if (index < 0 || index >= length) abort_index(index, length, location);
-  }
-  void check_range(std::int64_t first, std::int64_t count, SourceLocation location) const {
+  void check(std::int64_t first, std::int64_t count, SourceLocation location) const {
     QX_ASSERT(count >= 1);
-    check(first, location);
-    if (count > length - first) abort_index(length, length, location);
+    if (first >= 0 && count <= length - first) return;
+    abort_index(first < 0 || first > length ? first : length, length, location);
   }
 
   // Doubling from 1 makes an append constant time on average.

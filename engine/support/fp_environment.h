@@ -6,9 +6,7 @@
 
 #if defined(__x86_64__)
 #include <xmmintrin.h>
-#elif defined(__aarch64__)
-#include <cstdint>
-#else
+#elif !defined(__aarch64__)
 #include <cfenv>
 #endif
 
@@ -41,7 +39,7 @@ class DefaultFpEnvironment {
   static void write(State state) { _mm_setcsr(state); }
 #else
   // FPCR above FPSR, the flags: no trap, round to nearest, denormals kept, no alternative format.
-  using State = std::uint64_t;
+  using State = unsigned long;
   static constexpr State kDefault = 0;
   static constexpr State kFlags = 0xFFFFFFFF;
 
