@@ -2,29 +2,19 @@
 // size.
 #include "store/base.h"
 
-#include <cstring>
-
-namespace {
-
-template <typename T>
-void copy_out(T* target, const T* source, std::int64_t count) {
-  if (count > 0) std::memcpy(target, source, static_cast<std::size_t>(count) * sizeof(T));
-}
-
-}  // namespace
+#include <algorithm>
 
 int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t dim,
                        const int64_t* ids, const int64_t* part_keys, const int32_t* part_starts,
                        const int32_t* part_sizes, int32_t n_parts) {
-  const bool built =
-      qx::build_base(*index, {vectors, n, dim, ids, part_keys, part_starts, part_sizes, n_parts});
-  return built ? 0 : -1;
+  const qx::BaseInput input = {vectors, n, dim, ids, part_keys, part_starts, part_sizes, n_parts};
+  return qx::build_base(*index, input) ? 0 : -1;
 }
 
 int64_t qx_index_export_base(const QxIndex* index, float* out_vectors, int64_t* out_ids) {
   if (index->sealed == 0) return 0;
-  copy_out(out_vectors, index->base_vectors, index->n_base * qx::dim_of(*index));
-  copy_out(out_ids, index->base_ids, index->n_base);
+  std::copy_n(index->base_vectors, index->n_base * qx::dim_of(*index), out_vectors);
+  std::copy_n(index->base_ids, index->n_base, out_ids);
   return index->n_base;
 }
 
@@ -40,8 +30,7 @@ int32_t qx_index_tuner_oversized(const QxIndex* index, int32_t threshold, int64_
   for (std::int32_t p = 0; p < index->n_parts; ++p) {
     if (index->part_sizes[p] < threshold) continue;
     keys[listed] = index->part_keys[p];
-    sizes[listed] = index->part_sizes[p];
-    ++listed;
+    sizes[listed++] = index->part_sizes[p];
   }
   return listed;
 }

@@ -1,8 +1,6 @@
 // The functions that attach IVF structures and change them.
 #include "store/ivf.h"
 
-#include <utility>
-
 int32_t qx_index_set_ivf(QxIndex* index, int64_t key, int32_t nlist, int32_t nprobe,
                          const float* centroids, const int64_t* list_ids,
                          const int32_t* list_offsets, int32_t n_ids) {

@@ -1,7 +1,4 @@
 // The functions of the life of an index: creation, release, the accessors.
-#include <new>
-
-#include "store/base.h"
 #include "store/ivf.h"
 
 QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag) {
@@ -14,7 +11,12 @@ QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag) {
 // Fields are released in the order in which they are declared; destructors would reverse it.
 void qx_index_free(QxIndex* index) {
   if (index == nullptr) return;
-  qx::release_base(*index);
+  qx::release(index->base_vectors);
+  qx::release(index->base_ids);
+  qx::release(index->part_keys);
+  qx::release(index->part_starts);
+  qx::release(index->part_sizes);
+  qx::release(index->id_to_row);
   index->delta_pos.release();
   index->delta_ids.release();
   index->delta_stamps.release();

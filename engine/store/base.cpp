@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "support/compiler.h"
 #include "support/fp_environment.h"
@@ -30,18 +29,12 @@ bool find_max_id(const std::int64_t* ids, std::int64_t n, std::int64_t* max_id) 
   return true;
 }
 
-// Copies `count` elements into a block; null, without reading, for none.
+// A new block with a copy of `count` elements; null, without reading, for none.
 template <typename T>
-T* copy_into(void* block, const T* source, std::int64_t count) {
-  if (count == 0) return nullptr;
-  return static_cast<T*>(std::memcpy(block, source, static_cast<std::size_t>(count) * sizeof(T)));
-}
-template <typename T>
-T* copy_block(const T* source, std::int64_t count) {
-  return copy_into(allocate(count, sizeof(T)), source, count);
-}
-float* copy_vectors(const float* source, std::int64_t count) {
-  return copy_into(allocate_cache_aligned(count, sizeof(float)), source, count);
+T* copy_of(const T* source, std::int64_t count, decltype(allocate)& new_block = allocate) {
+  auto* const copy = static_cast<T*>(new_block(count, sizeof(T)));
+  std::copy_n(source, count, copy);
+  return copy;
 }
 
 // The largest magnitude of `count` floats, NaNs aside.
@@ -64,10 +57,7 @@ float largest_magnitude(const float* floats, std::int64_t count) {
 std::int64_t* build_id_to_row(const BaseInput& input, std::int64_t max_id,
                               std::int64_t* duplicates) {
   auto* const id_to_row = static_cast<std::int64_t*>(allocate(max_id + 1, sizeof(std::int64_t)));
-  *duplicates = 0;
-  if (input.n == 0) return id_to_row;
-  const auto bytes = static_cast<std::size_t>(max_id + 1) * sizeof(std::int64_t);
-  std::memset(id_to_row, 0xFF, bytes);  // every element is -1
+  std::fill_n(id_to_row, max_id + 1, -1);
   for (std::int64_t r = 0; r < input.n; ++r) {
     *duplicates += id_to_row[input.ids[r]] >= 0 ? 1 : 0;
     id_to_row[input.ids[r]] = r;
@@ -91,11 +81,11 @@ bool build_base(QxIndex& index, const BaseInput& input) {
   if (!is_within_limits(input) || !find_max_id(input.ids, input.n, &max_id)) return false;
   const std::int64_t n_floats = input.n * input.dim;
   std::int64_t duplicates = 0;
-  index.base_vectors = copy_vectors(input.vectors, n_floats);
-  index.base_ids = copy_block(input.ids, input.n);
-  index.part_keys = copy_block(input.part_keys, input.n_parts);
-  index.part_starts = copy_block(input.part_starts, input.n_parts);
-  index.part_sizes = copy_block(input.part_sizes, input.n_parts);
+  index.base_vectors = copy_of(input.vectors, n_floats, allocate_cache_aligned);
+  index.base_ids = copy_of(input.ids, input.n);
+  index.part_keys = copy_of(input.part_keys, input.n_parts);
+  index.part_starts = copy_of(input.part_starts, input.n_parts);
+  index.part_sizes = copy_of(input.part_sizes, input.n_parts);
   index.id_to_row = build_id_to_row(input, max_id, &duplicates);
   index.max_base_id = max_id;
   index.dim = static_cast<std::uint32_t>(input.dim);
@@ -121,15 +111,6 @@ std::int32_t find_partition(const QxIndex& index, std::int64_t key) {
     }
   }
   return -1;
-}
-
-void release_base(QxIndex& index) {
-  release(index.base_vectors);
-  release(index.base_ids);
-  release(index.part_keys);
-  release(index.part_starts);
-  release(index.part_sizes);
-  release(index.id_to_row);
 }
 
 }  // namespace qx

@@ -2,8 +2,6 @@
 // visibility, metadata and scores.
 #pragma once
 
-#include <cstdint>
-
 #include "store/qx_index.h"
 
 namespace qx {
@@ -52,8 +50,5 @@ bool build_base(QxIndex& index, const BaseInput& input);
 // The partition of a key, or -1. Of equal keys, binary search decides, which is part of the
 // contract.
 std::int32_t find_partition(const QxIndex& index, std::int64_t key);
-
-// Releases the six arrays of the base, in the order of the fields.
-void release_base(QxIndex& index);
 
 }  // namespace qx

@@ -1,6 +1,6 @@
 #include "store/delta.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace qx {
 namespace {
@@ -11,31 +11,6 @@ std::int64_t next_snapshot(QxIndex& index) {
   return static_cast<std::int64_t>(++index.snapshot);
 }
 
-void lift_tombstone(QxIndex& index, std::int64_t id) {
-  if (std::int64_t* const tombstone = index.deleted_at.find(id)) *tombstone = 0;
-}
-
-// Appends the row of an id that has just become a key of delta_pos.
-void append_row(QxIndex& index, const float* vector, std::int64_t id, std::int64_t stamp) {
-  index.delta_ids.append(id);
-  index.delta_stamps.append(stamp);
-  index.delta_vectors.append(vector, dim_of(index));
-}
-
-void overwrite_row(QxIndex& index, std::int64_t row, const float* vector, std::int64_t stamp) {
-  const std::int64_t dim = dim_of(index);
-  if (dim > 0) {
-    float* const target = index.delta_vectors.range(row * dim, dim);
-    std::memcpy(target, vector, static_cast<std::size_t>(dim) * sizeof(float));
-  }
-  index.delta_stamps.at(row) = stamp;
-}
-
-void prefetch_lookups(const QxIndex& index, std::int64_t id) {
-  index.deleted_at.prefetch(id);
-  index.delta_pos.prefetch(id);
-}
-
 }  // namespace
 
 void insert_rows(QxIndex& index, const float* vectors, const std::int64_t* ids, std::int64_t n) {
@@ -44,15 +19,22 @@ void insert_rows(QxIndex& index, const float* vectors, const std::int64_t* ids, 
   const std::int64_t dim = dim_of(index);
   for (std::int64_t i = 0; i < n; ++i) {
     const std::int64_t ahead = i + Int64Map::kPrefetchDistance;
-    if (ahead < n) prefetch_lookups(index, ids[ahead]);
-    lift_tombstone(index, ids[i]);
+    if (ahead < n) {
+      index.deleted_at.prefetch(ids[ahead]);
+      index.delta_pos.prefetch(ids[ahead]);
+    }
+    // The id's tombstone is lifted.
+    if (std::int64_t* const tombstone = index.deleted_at.find(ids[i])) *tombstone = 0;
     bool inserted;
     const std::int64_t next_row = index.delta_ids.length;
     const std::int64_t row = *index.delta_pos.find_or_insert(ids[i], next_row, &inserted);
     if (inserted) {
-      append_row(index, vectors + i * dim, ids[i], stamp);
+      index.delta_ids.append(ids[i]);
+      index.delta_stamps.append(stamp);
+      index.delta_vectors.append(vectors + i * dim, dim);
     } else {
-      overwrite_row(index, row, vectors + i * dim, stamp);
+      if (dim > 0) std::copy_n(vectors + i * dim, dim, index.delta_vectors.range(row * dim, dim));
+      index.delta_stamps.at(row) = stamp;
     }
   }
 }

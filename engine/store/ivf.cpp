@@ -1,17 +1,6 @@
 #include "store/ivf.h"
 
-#include <utility>
-
 namespace qx {
-
-const QxIvf* find_ivf(const QxIndex& index, std::int64_t key) {
-  const std::int64_t position = index.ivf_map.get(key, -1);
-  return position < 0 ? nullptr : &index.ivf_list.at(position);
-}
-QxIvf* find_ivf(QxIndex& index, std::int64_t key) {
-  const std::int64_t position = index.ivf_map.get(key, -1);
-  return position < 0 ? nullptr : &index.ivf_list.at(position);
-}
 
 void attach_ivf(QxIndex& index, std::int64_t key, QxIvf&& ivf) {
   if (QxIvf* const present = find_ivf(index, key)) {

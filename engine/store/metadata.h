@@ -1,8 +1,6 @@
 // Labels and columns per id. It knows nothing of rows.
 #pragma once
 
-#include <cstdint>
-
 #include "store/qx_index.h"
 
 namespace qx {

@@ -30,8 +30,6 @@
 //   threshold candidate    a row that was not pruned and waits for its score
 #pragma once
 
-#include <cstdint>
-
 #include "support/array.h"
 #include "support/int64_map.h"
 
