@@ -1,8 +1,6 @@
 // The current reads: searches, listings and the export of the rows that are visible now.
-#include "read/id_list.h"
+#include "read/id_lists.h"
 #include "read/listing.h"
-#include "read/scan.h"
-#include "read/selection.h"
 
 int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
                              const float* query, uint32_t k, int64_t* out_ids, float* out_scores) {

@@ -1,9 +1,5 @@
 // The searches of the sealed base: the whole of it, one partition, listed ids, IVF lists.
-#include <algorithm>
-
-#include "read/id_list.h"
-#include "read/ivf_probe.h"
-#include "read/scan.h"
+#include "read/id_lists.h"
 #include "store/ivf.h"
 
 namespace {

@@ -2,8 +2,6 @@
 // visibility and of vectors.
 #pragma once
 
-#include <cstdint>
-
 #include "read/row_bitmap.h"
 #include "store/qx_index.h"
 

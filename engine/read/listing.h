@@ -1,10 +1,7 @@
 // What a selection shows without scores: its ids, their number, and copies of its rows.
 #pragma once
 
-#include <cstdint>
-
-#include "read/filter.h"
-#include "store/qx_index.h"
+#include "read/selection.h"
 
 namespace qx {
 

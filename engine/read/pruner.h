@@ -4,11 +4,10 @@
 #pragma once
 
 #include <cmath>
-#include <cstdint>
 #include <limits>
+#include <numeric>
 
 #include "read/topk.h"
-#include "support/uninitialized_array.h"
 
 namespace qx {
 
@@ -29,11 +28,10 @@ class Pruner {
   void open(const float* query, std::int64_t dim, float magnitude, std::int64_t rows) {
     if (dim < kMinEstimatedDim || rows / 4 < k_) return;
     error_ = max_error(query, dim, magnitude);
-    worthwhile_ = std::isfinite(error_);
   }
 
   // True if estimates can save scores at all.
-  bool is_worthwhile() const { return worthwhile_; }
+  bool is_worthwhile() const { return std::isfinite(error_); }
 
   // Rows with an estimate below this need no score. A NaN is not below. `threshold` is a lower
   // bound of the score needed to enter the results.
@@ -77,9 +75,7 @@ class Pruner {
       for (std::int64_t lane = 0; lane < kLanes; ++lane) sums[lane] += std::abs(floats[i + lane]);
     }
     for (; i < count; ++i) sums[0] += std::abs(floats[i]);
-    double sum = 0;
-    for (const float part : sums) sum += double{part};
-    return sum;
+    return std::accumulate(sums, sums + kLanes, 0.0);
   }
 
   // The largest difference of an estimate and a score; not finite if none is known. Twice the
@@ -96,7 +92,6 @@ class Pruner {
 
   std::int64_t k_;
   double error_ = std::numeric_limits<double>::infinity();
-  bool worthwhile_ = false;
   UninitializedArray<std::int64_t, kMaxTrackedK> best_ids_;
   UninitializedArray<float, kMaxTrackedK> best_estimates_;
   BasicTopK<128> best_;

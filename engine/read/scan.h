@@ -3,13 +3,9 @@
 // report, not why the rows were selected.
 #pragma once
 
-#include <cstdint>
-
+#include "kernels/kernels.h"
 #include "read/pruner.h"
 #include "read/selection.h"
-#include "read/topk.h"
-#include "store/delta.h"
-#include "support/uninitialized_array.h"
 
 namespace qx {
 
@@ -29,7 +25,6 @@ class Scan {
   // to score.
   Scan(const QxIndex& index, const float* query, const ResultSlots& slots, std::int64_t rows);
   Scan(const Scan&) = delete;
-  Scan& operator=(const Scan&) = delete;
 
   // Adds the selected rows of a span.
   void add(const Selection& span);
@@ -41,17 +36,13 @@ class Scan {
   // Adds one row. Ends the process if a row of the delta has no vector.
   void add(Row row, std::int64_t id) {
     if (run_.count > 0 || listed_ == kBlockRows) flush();
-    const float* vector = nullptr;
     if (row.in_delta) {
-      vector = delta_vector(index_, row.number);
       listed_in_delta_[listed_ / kMaskRows] |= std::uint64_t{1} << (listed_ % kMaskRows);
-    } else {
-      vector = index_.base_vectors + row.number * dim_;
     }
+    const float* const vector = vector_of(index_, row, dim_);
     __builtin_prefetch(vector);
     listed_vectors_[listed_] = vector;
-    listed_ids_[listed_] = id;
-    ++listed_;
+    listed_ids_[listed_++] = id;
   }
 
   // Completes the results. Must be called after the last row.
@@ -82,28 +73,27 @@ class Scan {
   void scan_block(const Block& block);
   void open();
   void estimate(const Block& block, float* estimates) const;
-  void score(const Block& block, float* scores) const;
+  void compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
+               float* values) const;
   void prune(const Block& block, const float* estimates);
   void add_candidate(const Block& block, std::int64_t i, float estimate);
   void adapt_to(std::int64_t candidates, std::int64_t rows);
-  void prune_candidates();
+  void prune_candidates(std::int64_t first);
   void score_candidates();
 
   void flush();
   void add_window(const Selection& span, std::int64_t offset, std::int64_t count);
   void list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count);
-  const float* vector(const Block& block, std::int64_t i) const {
-    return block.listed ? listed_vectors_[i] : block.rows + i * dim_;
-  }
 
   // A copy of the query that starts at a cache line. The query is half of an estimate's loads;
   // aligned, none of them splits.
   alignas(64) float aligned_query_[kMaxCopiedDim];
   const QxIndex& index_;
   const float* query_;
-  std::int64_t dim_;
+  std::int64_t dim_ = dim_of(index_);
   std::int64_t rows_;
   bool opened_ = false;
+  CacheLevel level_ = CacheLevel::kMemory;  // of the rows, once opened
   TopK topk_;
   Pruner pruner_;
 
@@ -124,9 +114,5 @@ class Scan {
   UninitializedArray<std::int64_t, kCandidateCapacity> candidate_ids_;
   UninitializedArray<float, kCandidateCapacity> candidate_estimates_;
 };
-
-// Scores `count` consecutive vectors that are no rows.
-void score_vectors(const float* vectors, std::int64_t count, std::int64_t dim, const float* query,
-                   float* scores);
 
 }  // namespace qx

@@ -1,25 +1,6 @@
 #include "read/selection.h"
 
-#include <algorithm>
-
-#include "support/bits.h"
-
 namespace qx {
-namespace {
-
-// Rows of a span that are looked up one by one: their ids stay in the first-level cache until the
-// rows are read.
-constexpr std::int64_t kLookupSpan = std::min<std::int64_t>(1024, RowBitmap::kMaxRows);
-
-}  // namespace
-
-Selection::Selection(const QxIndex& index, const Filter& filter)
-    : index_(index),
-      filter_(filter),
-      visibility_(index),
-      all_ids_(index.delta_ids.data),
-      rows_(index.delta_ids.length),
-      span_rows_(kLookupSpan) {}
 
 bool Selection::next() {
   first_ += count_;
@@ -64,8 +45,8 @@ void Selection::apply_lookups() {
     const std::int64_t rows = std::min(kMaskRows, count_ - offset);
     std::uint64_t mask = bitmap_.mask(offset) & first_bits(rows);
     if (mask != 0 && hidden_ == Test::kLookup) {
-      mask &= in_delta_ ? visibility_.visible_delta_rows(ids() + offset, rows)
-                        : visibility_.visible_base_rows(ids() + offset, rows);
+      mask &= ~(in_delta_ ? visibility_.hidden_delta_rows(ids() + offset, rows)
+                          : visibility_.hidden_base_rows(ids() + offset, rows));
     }
     if (mask != 0 && passing_ == Test::kLookup) {
       mask &= _match(index_, filter_, ids() + offset, rows, metadata_);
@@ -86,7 +67,7 @@ void Selection::recompute_duplicates() {
     std::int64_t ids[kMaskRows];
     for (std::int64_t i = 0; i < count; ++i) ids[i] = index_.base_ids[next[i]];
     std::uint64_t mask = first_bits(count);
-    if (hidden_ == Test::kMarked) mask &= visibility_.visible_base_rows(ids, count);
+    if (hidden_ == Test::kMarked) mask &= ~visibility_.hidden_base_rows(ids, count);
     if (passing_ == Test::kMarked) mask &= _match(index_, filter_, ids, count, metadata_);
     for (std::int64_t i = 0; i < count; ++i) {
       (mask >> i & 1) != 0 ? bitmap_.set(next[i]) : bitmap_.clear(next[i]);

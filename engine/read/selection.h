@@ -2,11 +2,9 @@
 // in base order, span by span. How it finds out is decided here. It knows nothing of vectors.
 #pragma once
 
-#include <cstdint>
-
 #include "read/filter.h"
-#include "read/row_bitmap.h"
 #include "read/visibility.h"
+#include "support/bits.h"
 
 namespace qx {
 
@@ -14,24 +12,44 @@ namespace qx {
 class Selection {
  public:
   // Of the visible rows that pass the filter.
-  Selection(const QxIndex& index, const Filter& filter);
+  Selection(const QxIndex& index, const Filter& filter) : index_(index), filter_(filter) {}
 
   // Moves to the next span. Returns false after the last one.
   bool next();
 
   // The span: its rows, and their ids.
   bool in_delta() const { return in_delta_; }
-  std::int64_t first() const { return first_; }
   std::int64_t count() const { return count_; }
+  Row row(std::int64_t i) const { return {in_delta_, first_ + i}; }
   const std::int64_t* ids() const { return all_ids_ + first_; }
 
   // The mask of kMaskRows rows of the span, or fewer at its end. Requires: offset is a multiple of
   // kMaskRows.
   std::uint64_t mask(std::int64_t offset) const {
-    return first_bits_of(offset) & (takes_all_ ? ~std::uint64_t{0} : bitmap_.mask(offset));
+    const std::uint64_t rows = first_bits(std::min(kMaskRows, count_ - offset));
+    return takes_all_ ? rows : rows & bitmap_.mask(offset);
+  }
+
+  // How many of `count` rows from `offset` on are selected. Requires the same.
+  std::int64_t count_selected(std::int64_t offset, std::int64_t count) const {
+    std::int64_t selected = 0;
+    for (std::int64_t i = 0; i < count; i += kMaskRows) selected += count_bits(mask(offset + i));
+    return selected;
+  }
+
+  // Calls visit(i) for each of them, with its place i in the span. Requires the same.
+  template <typename Visit>
+  void for_each_row(std::int64_t offset, std::int64_t count, Visit visit) const {
+    for (std::int64_t first = offset; first < offset + count; first += kMaskRows) {
+      for_each_bit(mask(first), [&](std::int64_t i) { visit(first + i); });
+    }
   }
 
  private:
+  // Rows of a span that are looked up one by one: their ids stay in the first-level cache until the
+  // rows are read.
+  static constexpr std::int64_t kLookupSpan = std::min<std::int64_t>(1024, RowBitmap::kMaxRows);
+
   // How base rows are tested: not at all, by bits marked from ids, or by a lookup for each row.
   enum class Test { kNone, kMarked, kLookup };
 
@@ -40,23 +58,19 @@ class Selection {
   void select();
   void apply_lookups();
   void recompute_duplicates();
-  std::uint64_t first_bits_of(std::int64_t offset) const {
-    const std::int64_t rows = count_ - offset;
-    return ~std::uint64_t{0} >> (rows < kMaskRows ? kMaskRows - rows : 0);
-  }
 
   const QxIndex& index_;
   Filter filter_;
-  Visibility visibility_;
+  Visibility visibility_{index_};
   Int64Map::Cursor metadata_;
   Test hidden_ = Test::kLookup;
   Test passing_ = Test::kLookup;
 
   bool in_delta_ = true;
   bool takes_all_ = false;
-  const std::int64_t* all_ids_;
-  std::int64_t rows_;       // of the delta, or of the base
-  std::int64_t span_rows_;  // at most
+  const std::int64_t* all_ids_ = index_.delta_ids.data;
+  std::int64_t rows_ = index_.delta_ids.length;  // of the delta, or of the base
+  std::int64_t span_rows_ = kLookupSpan;         // at most
   std::int64_t first_ = 0;
   std::int64_t count_ = 0;
   RowBitmap bitmap_;

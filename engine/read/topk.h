@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -39,8 +38,6 @@ class BasicTopK {
     std::fill_n(scores_, k_, kEmptyScore);
     std::fill_n(ids_, k_, kEmptyId);
   }
-
-  std::int64_t k() const { return k_; }
 
   // A lower bound of the score needed to enter; exact after finish().
   float threshold() const { return scores_[k_ - 1]; }
@@ -107,8 +104,8 @@ class BasicTopK {
     return any != 0;
   }
 
-  // kAt[i] == 1 << i. A loop that reads its bits from a table is turned into SIMD, one that shifts
-  // them is not.
+  // kAt[i] == 1 << i. A loop that reads its bits from a table is turned into SIMD, one that
+  // shifts them is not.
   template <typename Positions>
   struct Bits;
   template <std::int64_t... kPositions>

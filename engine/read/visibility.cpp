@@ -1,9 +1,5 @@
 #include "read/visibility.h"
 
-#include "read/marking.h"
-#include "store/base.h"
-#include "support/bits.h"
-
 namespace qx {
 namespace {
 
@@ -16,11 +12,7 @@ bool is_row(std::int64_t row) { return row >= 0; }
 
 }  // namespace
 
-std::int64_t Visibility::changes() const {
-  return index_.delta_pos.size() + index_.deleted_at.size();
-}
-
-std::uint64_t Visibility::deleted(const std::int64_t* ids, std::int64_t count) {
+std::uint64_t Visibility::hidden_delta_rows(const std::int64_t* ids, std::int64_t count) {
   if (index_.deleted_at.size() == 0) return 0;
   std::int64_t stamps[kMaskRows];
   index_.deleted_at.get_batch(ids, count, kNoTombstone, stamps, tombstones_);
@@ -29,22 +21,18 @@ std::uint64_t Visibility::deleted(const std::int64_t* ids, std::int64_t count) {
   return mask;
 }
 
-std::uint64_t Visibility::visible_delta_rows(const std::int64_t* ids, std::int64_t count) {
-  return first_bits(count) & ~deleted(ids, count);
-}
-
-std::uint64_t Visibility::visible_base_rows(const std::int64_t* ids, std::int64_t count) {
+std::uint64_t Visibility::hidden_base_rows(const std::int64_t* ids, std::int64_t count) {
   std::int64_t rows[kMaskRows];
   index_.delta_pos.get_batch(ids, count, kNoRow, rows, delta_rows_);
   std::uint64_t superseded = 0;
   for (std::int64_t i = 0; i < count; ++i) superseded |= std::uint64_t{is_row(rows[i])} << i;
-  return visible_delta_rows(ids, count) & ~superseded;
+  return superseded | hidden_delta_rows(ids, count);
 }
 
 void Visibility::clear_hidden(RowBitmap& bitmap) const {
   const auto clear = [&](std::int64_t row) { bitmap.clear(row); };
-  const auto has_row = [](const Int64Map::Entry& entry) { return is_row(entry.value); };
-  const auto has_tombstone = [](const Int64Map::Entry& entry) { return is_deleted(entry.value); };
+  const auto has_row = [](std::int64_t row) { return is_row(row); };
+  const auto has_tombstone = [](std::int64_t tombstone) { return is_deleted(tombstone); };
   for_each_base_row(index_, index_.delta_pos, has_row, clear);
   for_each_base_row(index_, index_.deleted_at, has_tombstone, clear);
 }
@@ -59,7 +47,7 @@ std::uint64_t Visibility::find(const std::int64_t* ids, std::int64_t count, Row*
     rows[i] = {in_delta, in_delta ? delta_rows[i] : base_row_of(index_, ids[i])};
     found |= std::uint64_t{is_row(rows[i].number)} << i;
   }
-  return found & ~deleted(ids, count);
+  return found & ~hidden_delta_rows(ids, count);
 }
 
 }  // namespace qx

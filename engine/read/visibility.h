@@ -8,10 +8,8 @@
 // Lookups are made in batches of up to kMaskRows ids. Each read has its own cursors.
 #pragma once
 
-#include <cstdint>
-
 #include "read/row_bitmap.h"
-#include "store/qx_index.h"
+#include "store/delta.h"
 
 namespace qx {
 
@@ -19,24 +17,18 @@ namespace qx {
 inline constexpr std::int64_t kMaskRows = Int64Map::kBatch;
 static_assert(kMaskRows == 64);
 
-// A row of the delta or of the base.
-struct Row {
-  bool in_delta;
-  std::int64_t number;
-};
-
 class Visibility {
  public:
   explicit Visibility(const QxIndex& index) : index_(index) {}
 
   // Keys of the maps that hide rows. With none, every row is visible.
-  std::int64_t changes() const;
+  std::int64_t changes() const { return index_.delta_pos.size() + index_.deleted_at.size(); }
 
-  // The mask of the ids whose delta rows are visible.
-  std::uint64_t visible_delta_rows(const std::int64_t* ids, std::int64_t count);
+  // The mask of the ids whose delta rows are hidden: those that are deleted.
+  std::uint64_t hidden_delta_rows(const std::int64_t* ids, std::int64_t count);
 
-  // The mask of the ids whose base rows are visible.
-  std::uint64_t visible_base_rows(const std::int64_t* ids, std::int64_t count);
+  // The mask of the ids whose base rows are hidden.
+  std::uint64_t hidden_base_rows(const std::int64_t* ids, std::int64_t count);
 
   // Clears the bit of every base row that is not visible, found from the changed ids. Of
   // duplicates, only the last row is right. Requires: there are base rows.
@@ -46,8 +38,6 @@ class Visibility {
   std::uint64_t find(const std::int64_t* ids, std::int64_t count, Row* rows);
 
  private:
-  std::uint64_t deleted(const std::int64_t* ids, std::int64_t count);
-
   const QxIndex& index_;
   Int64Map::Cursor tombstones_;
   Int64Map::Cursor delta_rows_;

@@ -1,8 +1,6 @@
-// The delta and the tombstones: inserts and deletes, and where delta rows are. It never looks at
-// the base.
+// The delta and the tombstones: inserts and deletes, and from a row, of the delta or of the base,
+// to its vector.
 #pragma once
-
-#include <cstdint>
 
 #include "store/base.h"
 
@@ -13,6 +11,18 @@ namespace qx {
 inline const float* delta_vector(const QxIndex& index, std::int64_t row) {
   const std::int64_t dim = dim_of(index);
   return dim == 0 ? nullptr : index.delta_vectors.range(row * dim, dim);
+}
+
+// A row of the delta or of the base.
+struct Row {
+  bool in_delta;
+  std::int64_t number;
+};
+
+// The vector of a row. Ends the process where delta_vector() does. `dim` is dim_of(), which is read
+// once for many rows.
+inline const float* vector_of(const QxIndex& index, Row row, std::int64_t dim) {
+  return row.in_delta ? delta_vector(index, row.number) : index.base_vectors + row.number * dim;
 }
 
 // Upserts n rows and lifts their tombstones. Requires: n >= 1.

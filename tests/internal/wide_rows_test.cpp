@@ -42,7 +42,8 @@ TEST_P(WideRows, AreScannedWithTheHostsOwnQueryToo) {
     std::vector<std::int64_t> row_ids(kRows);
     for (std::int64_t i = 0; i < kRows; ++i) row_ids[static_cast<std::size_t>(i)] = i;
     std::vector<float> all(kRows);
-    qx::score_vectors(rows.data(), kRows, dim, rows.data(), all.data());
+    GetParam()->score_contiguous(rows.data(), kRows, dim, rows.data(), qx::CacheLevel::kL2,
+                                 all.data());
     std::int64_t id = -1;
     float score = 0;
     QxIndex index;
