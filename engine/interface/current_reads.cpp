@@ -8,8 +8,7 @@ int64_t qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n
   if (slots < 1) return 0;
   qx::Scan scan(*index, query, {slots, out_ids, out_scores}, n);
   qx::add_visible_rows(*index, ids, n, scan);
-  scan.finish();
-  return slots;
+  return scan.finish();
 }
 
 int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t column, int64_t value,
@@ -21,8 +20,7 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   qx::Scan scan(*index, query, {slots, out_ids, out_scores},
                 index->n_base + index->delta_ids.length);
   while (selection.next()) scan.add(selection);
-  scan.finish();
-  return slots;
+  return scan.finish();
 }
 
 int64_t qx_index_match_ids(const QxIndex* index, uint32_t mode, int32_t column, int64_t value,

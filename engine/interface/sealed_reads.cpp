@@ -11,8 +11,7 @@ int32_t search_rows(const QxIndex& index, std::int64_t first, std::int64_t count
   if (slots < 1) return 0;
   qx::Scan scan(index, query, {slots, out_ids, out_scores}, count);
   scan.add_base_rows(first, count, index.base_ids + first);
-  scan.finish();
-  return static_cast<int32_t>(slots);
+  return scan.finish();
 }
 
 }  // namespace
@@ -40,8 +39,7 @@ int32_t qx_index_scatter_topk(const QxIndex* index, const int64_t* cand_ids, int
   if (index->sealed == 0 || slots < 1) return 0;
   qx::Scan scan(*index, query, {slots, out_ids, out_scores}, n_cand);
   qx::add_base_rows(*index, cand_ids, n_cand, scan);
-  scan.finish();
-  return slots;
+  return scan.finish();
 }
 
 int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* query, int32_t k,
@@ -50,6 +48,5 @@ int32_t qx_index_search_ivf(const QxIndex* index, int64_t key, const float* quer
   if (ivf == nullptr || k < 1 || ivf->nlist < 1) return 0;
   qx::Scan scan(*index, query, {k, out_ids, out_scores}, ivf->list_ids.length);
   qx::add_best_lists(*index, *ivf, query, scan);
-  scan.finish();
-  return k;
+  return scan.finish();
 }

@@ -18,9 +18,10 @@ namespace qx {
 class Pruner {
  public:
   // For the k best rows. Not worthwhile until it is opened.
+  // cppcheck-suppress uninitMemberVar ; the arrays are slots of best_, which empties them
   explicit Pruner(std::int64_t k)
       : k_(k),
-        best_(best_ids_.data(), best_estimates_.data(), k <= kMaxTrackedK ? k : 1),
+        best_(best_ids_, best_estimates_, k <= kMaxTrackedK ? k : 1),
         tracks_best_(k <= kMaxTrackedK) {}
 
   // For a scan of `rows` rows, whose estimated ones have no component above `magnitude`, which may
@@ -92,8 +93,8 @@ class Pruner {
 
   std::int64_t k_;
   double error_ = std::numeric_limits<double>::infinity();
-  UninitializedArray<std::int64_t, kMaxTrackedK> best_ids_;
-  UninitializedArray<float, kMaxTrackedK> best_estimates_;
+  std::int64_t best_ids_[kMaxTrackedK];
+  float best_estimates_[kMaxTrackedK];
   BasicTopK<128> best_;
   bool tracks_best_;
 };

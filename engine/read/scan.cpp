@@ -61,14 +61,17 @@ void Scan::flush() {
   in_default_fp_environment([&] { scan_waiting(); });
 }
 
-void Scan::finish() {
-  if (!opened_ && run_.count == 0 && listed_ == 0) return;  // no row has been added
-  in_default_fp_environment([&] {
-    scan_waiting();
-    prune_candidates(0);
-    score_candidates();
-    topk_.finish();
-  });
+// Without a row, nothing is computed and the query is not read.
+std::int32_t Scan::finish() {
+  if (opened_ || run_.count > 0 || listed_ > 0) {
+    in_default_fp_environment([&] {
+      scan_waiting();
+      prune_candidates(0);
+      score_candidates();
+      topk_.finish();
+    });
+  }
+  return static_cast<std::int32_t>(topk_.k());
 }
 
 void Scan::scan_waiting() {
@@ -76,7 +79,7 @@ void Scan::scan_waiting() {
     const std::int64_t count = std::min(kBlockRows, run_.count - first);
     scan_block({false, run_.rows + first * dim_, run_.ids + first, count});
   }
-  if (listed_ > 0) scan_block({true, nullptr, listed_ids_.data(), listed_});
+  if (listed_ > 0) scan_block({true, nullptr, listed_ids_, listed_});
   run_.count = listed_ = 0;
   std::fill_n(listed_in_delta_, kBlockRows / kMaskRows, 0);
 }
@@ -119,7 +122,7 @@ void Scan::estimate(const Block& block, float* estimates) const {
 void Scan::compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
                    float* values) const {
   if (block.listed) {
-    scattered(listed_vectors_.data(), block.count, dim_, query_, values);
+    scattered(listed_vectors_, block.count, dim_, query_, values);
   } else {
     contiguous(block.rows, block.count, dim_, query_, level_, values);
   }
@@ -137,7 +140,7 @@ void Scan::prune(const Block& block, const float* estimates) {
   }
   const std::int64_t added = candidates_ - earlier;
   if (added == 0) return;
-  if (!seeding) pruner_.observe(candidate_estimates_.data() + earlier, added);
+  if (!seeding) pruner_.observe(candidate_estimates_ + earlier, added);
   prune_candidates(earlier);
   adapt_to(candidates_ - earlier, block.count);
 }
@@ -176,8 +179,8 @@ void Scan::prune_candidates(std::int64_t first) {
 void Scan::score_candidates() {
   if (candidates_ == 0) return;
   float scores[kCandidateCapacity];
-  kernels().score_scattered(candidate_vectors_.data(), candidates_, dim_, query_, scores);
-  topk_.offer(scores, candidate_ids_.data(), candidates_);
+  kernels().score_scattered(candidate_vectors_, candidates_, dim_, query_, scores);
+  topk_.offer(scores, candidate_ids_, candidates_);
   candidates_ = 0;
 }
 

@@ -45,8 +45,8 @@ class Scan {
     listed_ids_[listed_++] = id;
   }
 
-  // Completes the results. Must be called after the last row.
-  void finish();
+  // Completes the results, and returns the number of slots. Must be called after the last row.
+  std::int32_t finish();
 
  private:
   // Rows of one kernel call: a multiple of every kernel's group of rows. A block's scores stay in
@@ -101,8 +101,8 @@ class Scan {
   Block run_ = {false, nullptr, nullptr, 0};
   std::int64_t listed_ = 0;
   std::uint64_t listed_in_delta_[kBlockRows / kMaskRows] = {};  // no magnitude bounds these rows
-  UninitializedArray<const float*, kBlockRows> listed_vectors_;
-  UninitializedArray<std::int64_t, kBlockRows> listed_ids_;
+  const float* listed_vectors_[kBlockRows];
+  std::int64_t listed_ids_[kBlockRows];
 
   // Where most rows enter, estimates are wasted: then a number of blocks is scored at once, each
   // time twice as many.
@@ -110,9 +110,9 @@ class Scan {
   std::int64_t next_exact_blocks_ = 1;
 
   std::int64_t candidates_ = 0;
-  UninitializedArray<const float*, kCandidateCapacity> candidate_vectors_;
-  UninitializedArray<std::int64_t, kCandidateCapacity> candidate_ids_;
-  UninitializedArray<float, kCandidateCapacity> candidate_estimates_;
+  const float* candidate_vectors_[kCandidateCapacity];
+  std::int64_t candidate_ids_[kCandidateCapacity];
+  float candidate_estimates_[kCandidateCapacity];
 };
 
 }  // namespace qx

@@ -12,6 +12,7 @@ namespace qx {
 class Selection {
  public:
   // Of the visible rows that pass the filter.
+  // cppcheck-suppress uninitMemberVar ; bitmap_ is set for each span that is tested
   Selection(const QxIndex& index, const Filter& filter) : index_(index), filter_(filter) {}
 
   // Moves to the next span. Returns false after the last one.

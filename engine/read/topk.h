@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "support/abort.h"
-#include "support/uninitialized_array.h"
 
 namespace qx {
 
@@ -32,12 +31,15 @@ template <std::int64_t kMaxBatch>
 class BasicTopK {
  public:
   // Takes k slots and empties them.
+  // cppcheck-suppress uninitMemberVar ; batch_ is read up to batch_size_
   BasicTopK(std::int64_t* ids, float* scores, std::int64_t k)
       : ids_(ids), scores_(scores), k_(k), batch_limit_(batch_limit(k)) {
     QX_ASSERT(k >= 1);
     std::fill_n(scores_, k_, kEmptyScore);
     std::fill_n(ids_, k_, kEmptyId);
   }
+
+  std::int64_t k() const { return k_; }
 
   // A lower bound of the score needed to enter; exact after finish().
   float threshold() const { return scores_[k_ - 1]; }
@@ -206,7 +208,7 @@ class BasicTopK {
     for (int byte = 1; byte < 256; ++byte) positions[byte] += positions[byte - 1];
     Waiting sorted[kMaxBatch];
     for (std::int64_t i = 0; i < batch_size_; ++i) sorted[positions[byte_of(i)]++] = batch_[i];
-    std::copy_n(sorted, batch_size_, batch_.data());
+    std::copy_n(sorted, batch_size_, batch_);
   }
 
   // Merges the batch into the slots, from the last slot upwards. The m best of the batch enter if
@@ -249,7 +251,7 @@ class BasicTopK {
   std::int64_t k_;
   std::int64_t batch_limit_;
   std::int64_t batch_size_ = 0;
-  UninitializedArray<Waiting, kMaxBatch> batch_;
+  Waiting batch_[kMaxBatch];
 };
 
 using TopK = BasicTopK<256>;

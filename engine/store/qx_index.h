@@ -26,8 +26,8 @@
 //   score        the result of the numeric contract (kernels/kernels.h); the only number reported
 //   estimate     a sum of the same products in another order, with a proven error
 //   threshold    the score that a row must exceed to enter the results
-//   pruning      skipping the score of a row whose estimate proves that it stays below the
-//   threshold candidate    a row that was not pruned and waits for its score
+//   pruning      skipping the score of a row whose estimate proves that it cannot enter
+//   candidate    a row that was not pruned and waits for its score
 #pragma once
 
 #include "support/array.h"

@@ -50,12 +50,10 @@ struct Array {
 
   // Element `index`. Ends the process if it does not exist.
   T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) {
-    check(index, 1, location);
-    return data[index];
+    return *range(index, 1, location);
   }
   const T& at(std::int64_t index, SourceLocation location = SourceLocation::current()) const {
-    check(index, 1, location);
-    return data[index];
+    return *range(index, 1, location);
   }
 
   // Elements `first` to `first + count - 1`. Ends the process if one does not exist, and names the

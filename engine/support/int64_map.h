@@ -93,7 +93,8 @@ class BasicInt64Map {
 
   // Gives a key its value, inserting the key if it is new.
   void assign(std::int64_t key, std::int64_t value) {
-    assign_batch(&key, 1, [=](std::int64_t) { return value; });
+    bool inserted;
+    *find_or_insert(key, value, &inserted) = value;
   }
 
   // assign() for any number of keys in order; key i gets value_of(i).
@@ -101,9 +102,7 @@ class BasicInt64Map {
   void assign_batch(const std::int64_t* keys, std::int64_t count, ValueOf value_of) {
     for (std::int64_t i = 0; i < count; ++i) {
       if (i + kPrefetchDistance < count) prefetch(keys[i + kPrefetchDistance]);
-      bool inserted;
-      std::int64_t* const value = find_or_insert(keys[i], value_of(i), &inserted);
-      if (!inserted) *value = value_of(i);
+      assign(keys[i], value_of(i));
     }
   }
 
