@@ -1,0 +1,214 @@
+// IVF structures: how they are attached, replaced, changed and cleared; which lists a search scans,
+// in which order.
+#include "support/cases.h"
+
+namespace qx_test {
+namespace {
+
+// Rows with ids 1 to 6; a structure under key 7 where one is given.
+class SixRows : public Sealed {
+ public:
+  SixRows() : Sealed(1, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}) {}
+  explicit SixRows(const Ivf& ivf, const Floats& scores = {1, 2, 3, 4, 5, 6})
+      : Sealed(1, {1, 2, 3, 4, 5, 6}, scores) {
+    set_ivf(*this, 7, ivf);
+  }
+
+  // The ids that a search finds, best first; empty slots must follow them.
+  Ids found_in(std::int64_t key, const Floats& query = kOne) const {
+    const Found all = search_ivf(*this, key, query, 7);
+    EXPECT_EQ(all.returned, 7);
+    Ids ids;
+    for (const Hit& hit : all.slots) {
+      if (hit != kEmptySlot) ids.push_back(hit.id);
+    }
+    for (std::size_t i = ids.size(); i < all.slots.size(); ++i) {
+      EXPECT_EQ(all.slots[i], kEmptySlot);
+    }
+    return ids;
+  }
+};
+
+// Where all rows score alike, the order of a result is the order in which they were offered.
+const Floats kAlike(6, 1);
+
+// ---- The structures ----
+
+TEST(IvfLists, AnyKeyHasItsOwnStructure) {
+  const Ids keys{kLowestId, kHighestId, -1, 0, std::int64_t{1} << 40};
+  const SixRows index;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(qx_index_has_ivf(index, keys[i]), 0);
+    EXPECT_EQ(set_ivf(index, keys[i], one_list({static_cast<std::int64_t>(i + 1)})), 0);
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(qx_index_has_ivf(index, keys[i]), 1);
+    EXPECT_EQ(index.found_in(keys[i]), Ids{static_cast<std::int64_t>(i + 1)});
+  }
+  EXPECT_EQ(qx_index_has_ivf(index, 8), 0);
+  EXPECT_EQ(search_ivf(index, 8, kOne, 2), nothing_written());
+}
+
+TEST(IvfLists, ManyKeysKeepTheirOwnStructures) {
+  const SixRows index;
+  for (std::int64_t key = 0; key < 500; ++key) set_ivf(index, key << 32, one_list({key % 6 + 1}));
+  for (std::int64_t key = 0; key < 500; ++key) {
+    ASSERT_EQ(index.found_in(key << 32), Ids{key % 6 + 1});
+    ASSERT_EQ(qx_index_has_ivf(index, (key << 32) + 1), 0);
+  }
+}
+
+TEST(IvfLists, ASecondStructureUnderAKeyReplacesTheFirstAlone) {
+  const SixRows index({2, 2, {1, 2}, {1, 2, 3}, {0, 1, 3}});
+  set_ivf(index, 9, one_list({2}));
+  EXPECT_EQ(index.found_in(7), (Ids{3, 2, 1}));
+  EXPECT_EQ(set_ivf(index, 7, one_list({4})), 0);
+  EXPECT_EQ(index.found_in(7), Ids{4});
+  EXPECT_EQ(index.found_in(9), Ids{2});
+}
+
+TEST(IvfLists, AnyProbeCountIsTakenForItsKeyAlone) {
+  const Ivf two_lists{2, 1, {1, 2}, {1, 2}, {0, 1, 2}};
+  const SixRows index(two_lists);
+  set_ivf(index, 9, two_lists);
+  for (const std::int32_t nprobe : {kLowest, -1, 0, 1, 2, 3, kHighest}) {
+    const Ids expected = nprobe < 1 ? Ids() : nprobe == 1 ? Ids{2} : Ids{2, 1};
+    EXPECT_EQ(qx_index_set_ivf_nprobe(index, 7, nprobe), 0);
+    EXPECT_EQ(index.found_in(7), expected) << "nprobe " << nprobe;
+    set_ivf(index, 8, {2, nprobe, {1, 2}, {1, 2}, {0, 1, 2}});
+    EXPECT_EQ(index.found_in(8), expected) << "nprobe " << nprobe;
+    EXPECT_EQ(index.found_in(9), Ids{2});
+  }
+  EXPECT_EQ(qx_index_set_ivf_nprobe(index, 10, 3), -1);
+  EXPECT_EQ(qx_index_has_ivf(index, 10), 0);
+}
+
+TEST(IvfLists, OfNoElementsAreNotRead) {
+  const Index index(3);
+  const Guarded<std::int32_t> offset(1, 0);
+  EXPECT_EQ(qx_index_set_ivf(index, 0, 0, 1, nullptr, nullptr, offset.data(), 0), 0);
+  for (const std::int32_t nlist : {-1, kLowest}) {
+    EXPECT_EQ(qx_index_set_ivf(index, nlist, nlist, 1, nullptr, nullptr, nullptr, 0), 0);
+  }
+  for (const std::int32_t nlist : kNoCounts) {
+    EXPECT_EQ(qx_index_has_ivf(index, nlist), 1);
+    EXPECT_EQ(search_ivf(index, nlist, {1, 1, 1}, 2), nothing_written());
+  }
+  const Guarded<float> centroid(1, 1);
+  const Guarded<std::int32_t> offsets(2, 0);
+  for (const std::int32_t n_ids : kNoCounts) {
+    const SixRows rows;
+    EXPECT_EQ(qx_index_set_ivf(rows, 7, 1, 1, centroid.data(), nullptr, offsets.data(), n_ids), 0);
+    EXPECT_EQ(rows.found_in(7), Ids());
+  }
+}
+
+TEST(IvfLists, OfANegativeDimensionReadAProductAboveZeroAlone) {
+  const Index index(static_cast<std::uint32_t>(-2));
+  const Guarded<std::int32_t> offsets(2, 0);
+  EXPECT_EQ(qx_index_set_ivf(index, 7, 1, 1, nullptr, nullptr, offsets.data(), 0), 0);
+  EXPECT_EQ(search_ivf(index, 7, {}, 1), empty_slots(1));
+  const Guarded<float> centroids(6, 1);
+  EXPECT_EQ(qx_index_set_ivf(index, 7, -3, 1, centroids.data(), nullptr, nullptr, 0), 0);
+  const ChildEnd end = run_in_child([&] {
+    const Guarded<float> too_few(5, 1);
+    qx_index_set_ivf(index, 7, -3, 1, too_few.data(), nullptr, nullptr, 0);
+  });
+  EXPECT_NE(end.exit_status, 0) << "the sixth centroid value was not read";
+}
+
+TEST(IvfLists, AfterAClearEveryKeyIsUnknownUntilItIsAttachedAgain) {
+  const SixRows index;
+  EXPECT_EQ(qx_index_clear_ivf(index), 0);
+  set_ivf(index, 7, one_list({1}));
+  set_ivf(index, 9, one_list({2}));
+  EXPECT_EQ(qx_index_clear_ivf(index), 0);
+  for (const std::int64_t key : {7, 9}) {
+    EXPECT_EQ(qx_index_has_ivf(index, key), 0);
+    EXPECT_EQ(qx_index_set_ivf_nprobe(index, key, 1), -1);
+    EXPECT_EQ(search_ivf(index, key, kOne, 1), nothing_written());
+  }
+  set_ivf(index, 9, one_list({3}));
+  EXPECT_EQ(qx_index_has_ivf(index, 7), 0);
+  EXPECT_EQ(index.found_in(9), Ids{3});
+}
+
+TEST(IvfLists, IvfKeysAreNotPartitionKeys) {
+  const Sealed index(1, {1, 2}, {1, 2}, {{7}, {0}, {1}});
+  EXPECT_EQ(qx_index_has_ivf(index, 7), 0);
+  set_ivf(index, 7, one_list({2}));
+  set_ivf(index, 8, one_list({2}));
+  EXPECT_EQ(search_ivf(index, 7, kOne, 1), found({{2, 2}}));
+  EXPECT_EQ(search_partition(index, 7, kOne, 1), found({{1, 1}}));
+  EXPECT_EQ(search_partition(index, 8, kOne, 1), nothing_written());
+}
+
+// ---- The lists of a search ----
+
+TEST(IvfSearch, ScansTheListsOfTheBestCentroidsBestFirst) {
+  const Ivf ivf{3, 1, {5, 9, 7}, {1, 2, 3, 4, 5, 6}, {0, 2, 4, 6}};
+  const SixRows index(ivf);
+  EXPECT_EQ(index.found_in(7), (Ids{4, 3}));
+  qx_index_set_ivf_nprobe(index, 7, 2);
+  EXPECT_EQ(index.found_in(7), (Ids{6, 5, 4, 3}));
+  EXPECT_EQ(index.found_in(7, {-1}), (Ids{1, 2, 5, 6}));
+  const SixRows alike(ivf, kAlike);
+  qx_index_set_ivf_nprobe(alike, 7, 3);
+  EXPECT_EQ(alike.found_in(7), (Ids{3, 4, 5, 6, 1, 2}));
+  EXPECT_EQ(search_ivf(alike, 7, kOne, 3), found({{3, 1}, {4, 1}, {5, 1}}));
+}
+
+TEST(IvfSearch, ScansTheEarlierOfListsWithEqualCentroidsFirst) {
+  const SixRows all({3, 3, {5, 5, 5}, {1, 2, 3}, {0, 1, 2, 3}}, kAlike);
+  EXPECT_EQ(all.found_in(7), (Ids{1, 2, 3}));
+  const SixRows one({3, 1, {4, 5, 5}, {1, 2, 3}, {0, 1, 2, 3}}, kAlike);
+  EXPECT_EQ(one.found_in(7), Ids{2});
+}
+
+TEST(IvfSearch, NeverScansAListWhoseCentroidScoresTheEmptySlotOrLess) {
+  const SixRows index({5,
+                       9,
+                       {QX_EMPTY_SCORE, -kInfinity, kNaN, -9e29f, kInfinity},
+                       {1, 2, 3, 4, 5},
+                       {0, 1, 2, 3, 4, 5}});
+  EXPECT_EQ(index.found_in(7), (Ids{5, 4}));
+  const SixRows none({2, 2, {kNaN, -kInfinity}, {1, 2}, {0, 1, 2}});
+  EXPECT_EQ(none.found_in(7), Ids());
+}
+
+TEST(IvfSearch, TakesListsAsTheirOffsetsSay) {
+  const SixRows decreasing({4, 4, {4, 3, 2, 1}, {1, 2, 3}, {2, 2, 3, 0, 1}});
+  EXPECT_EQ(decreasing.found_in(7), (Ids{3, 1}));
+  const SixRows anywhere({3, 3, {3, 2, 1}, {1, 2}, {kHighest, kHighest, 9, kLowest}});
+  EXPECT_EQ(anywhere.found_in(7), Ids());
+  const SixRows some_left_out({2, 2, {2, 1}, {1, 2, 3, 4, 5}, {1, 3, 4}});
+  EXPECT_EQ(some_left_out.found_in(7), (Ids{4, 3, 2}));
+  const SixRows not_scanned({2, 1, {2, 1}, {1, 2, 3}, {0, 2, 9}});
+  EXPECT_EQ(not_scanned.found_in(7), (Ids{2, 1}));
+}
+
+TEST(IvfSearch, WritesAsManySlotsAsAreWanted) {
+  std::vector<Hit> hits(200, kEmptySlot);
+  hits[0] = {2, 2};
+  EXPECT_EQ(search_ivf(SixRows(one_list({2})), 7, kOne, 200), found(hits));
+}
+
+TEST(IvfSearch, WithoutComponentsListsAndRowsComeInOrder) {
+  const Sealed index(0, {1, 2, 3}, {});
+  set_ivf(index, 7, {2, 2, {}, {3, 1, 2}, {0, 1, 3}});
+  EXPECT_EQ(search_ivf(index, 7, {}, 4), found({{3, 0}, {1, 0}, {2, 0}, kEmptySlot}));
+  qx_index_set_ivf_nprobe(index, 7, 1);
+  EXPECT_EQ(search_ivf(index, 7, {}, 2), found({{3, 0}, kEmptySlot}));
+}
+
+TEST(IvfSearch, TakesCentroidsAsRowsOfTheirMatrixAlsoIfTheyCameBeforeTheBase) {
+  const Index index(2);
+  set_ivf(index, 7, {3, 1, {1, 0, 0, 1, -1, -1}, {1, 2, 3}, {0, 1, 2, 3}});
+  seal(index, 2, {1, 2, 3}, {1, 0, 0, 1, 1, 1});
+  EXPECT_EQ(search_ivf(index, 7, {2, 1}, 1), found({{1, 2}}));
+  EXPECT_EQ(search_ivf(index, 7, {1, 3}, 1), found({{2, 3}}));
+  EXPECT_EQ(search_ivf(index, 7, {-1, -3}, 1), found({{3, -4}}));
+}
+
+}  // namespace
+}  // namespace qx_test
