@@ -1,185 +1,224 @@
-// The visible rows: the count, the listing and the export.
-#include <limits>
-#include <set>
-#include <string>
+// Inserts and deletes, and what is visible after them, to every read of the current rows.
+#include <algorithm>
+#include <numeric>
+#include <utility>
 
-#include "support/host.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
 
-constexpr std::int64_t kLowestId = std::numeric_limits<std::int64_t>::min();
-constexpr std::int64_t kHighestId = std::numeric_limits<std::int64_t>::max();
+// A call that changes rows.
+struct Change {
+  enum { kBuild, kInsert, kDelete } kind;
+  Ids ids;
+  Floats vectors = {};
+};
 
-// The three reads must return the same rows.
-void expect_visible(QxIndex* index, const Rows& rows) {
-  EXPECT_EQ(qx_index_visible_count(index), static_cast<std::int64_t>(rows.ids.size()));
+Change built(Ids ids, Floats vectors) {
+  return {Change::kBuild, std::move(ids), std::move(vectors)};
+}
+Change inserted(Ids ids, Floats vectors) {
+  return {Change::kInsert, std::move(ids), std::move(vectors)};
+}
+Change deleted(Ids ids) { return {Change::kDelete, std::move(ids)}; }
+
+// Changes of an index, the rows that are then visible, and ids that are not.
+struct Case {
+  const char* name;
+  std::vector<Change> changes;
+  Rows visible;
+  Ids hidden;
+  std::uint32_t dim;
+};
+
+void PrintTo(const Case& what, std::ostream* out) { *out << what.name; }
+
+Case shown(const char* name, std::vector<Change> changes, Rows visible, Ids hidden = {},
+           std::uint32_t dim = 1) {
+  return {name, std::move(changes), std::move(visible), std::move(hidden), dim};
+}
+
+const std::vector<Case> kCases = {
+    shown("InANewIndexThereAreNone", {}, {}, {0, 1}, 2),
+    shown("InABaseWithoutRowsThereAreNone", {built({}, {})}, {}, {0}),
+    shown("BeforeABuildTheyAreTheDeltaRows", {inserted({4, 2}, {1, 2, 3, 4})},
+          {{4, 2}, {1, 2, 3, 4}}, {}, 2),
+    shown("OfAnUnchangedBaseTheyAreTheBase", {built({4, 2, 8}, {1, 2, 3})}, {{4, 2, 8}, {1, 2, 3}}),
+    shown("DeltaRowsComeBeforeTheSurvivingBaseRows",
+          {built({1, 2, 3}, {1, 10, 2, 20, 3, 30}), inserted({2, 9}, {5, 50, 9, 90}), deleted({3})},
+          {{2, 9, 1}, {5, 50, 9, 90, 1, 10}}, {3}, 2),
+    shown("TheyAreNotSortedById", {built({5, 1, 3}, {5, 1, 3}), inserted({9, 0, 4}, {9, 7, 4})},
+          {{9, 0, 4, 5, 1, 3}, {9, 7, 4, 5, 1, 3}}),
+    shown("OfAnIdInsertedTwiceInACallTheLastVectorIsKept",
+          {inserted({7, 8, 7}, {1, 2, 3, 4, 5, 6})}, {{7, 8}, {5, 6, 3, 4}}, {}, 2),
+    shown("AnIdInsertedAgainGetsItsNewVectorInPlace",
+          {inserted({6, 7, 8}, {1, 1, 2, 2, 3, 3}), inserted({7}, {9, 10})},
+          {{6, 7, 8}, {1, 1, 9, 10, 3, 3}}, {}, 2),
+    shown("ACallMayInsertNewAndKnownIds",
+          {inserted({1, 2}, {10, 20}), inserted({3, 1, 4, 3}, {30, 11, 40, 31})},
+          {{1, 2, 3, 4}, {11, 20, 31, 40}}),
+    shown("AnIdInsertedAfterItsDeleteKeepsItsPlace",
+          {inserted({7, 8, 9}, {7, 8, 9}), deleted({8}), inserted({8}, {80})},
+          {{7, 8, 9}, {7, 80, 9}}),
+    shown("AnInsertLiftsTheTombstonesOfItsOwnIds",
+          {inserted({1, 2, 3}, {1, 2, 3}), deleted({1, 2, 3}), inserted({2}, {5})}, {{2}, {5}},
+          {1, 3}),
+    shown("ADeletedBaseIdIsVisibleAgainThroughItsDeltaRow",
+          {built({1, 2}, {1, 2}), deleted({2}), inserted({2}, {20})}, {{2, 1}, {20, 1}}),
+    shown("ADeletedIdShowsNeitherItsDeltaRowNorItsBaseRow",
+          {built({1, 2}, {1, 2}), inserted({2}, {20}), deleted({2})}, {{1}, {1}}, {2}),
+    shown("ADeleteBeforeTheFirstInsertIsLifted", {deleted({5}), inserted({5}, {1})}, {{5}, {1}}),
+    shown("ADeleteBeforeABuildHidesTheBuiltRow", {deleted({5}), built({4, 5}, {4, 5})}, {{4}, {4}},
+          {5}),
+    shown("OneInsertLiftsManyDeletes",
+          {inserted({9}, {1}), deleted({9, 9}), deleted({9}), inserted({9}, {2})}, {{9}, {2}}),
+    shown("ADeleteAfterTheLiftHidesAgain",
+          {inserted({9}, {1}), deleted({9}), inserted({9}, {2}), deleted({9})}, {}, {9}),
+    shown("DeletingIdsWithoutRowsHidesNothing",
+          {built({1, 2}, {1, 2}), inserted({9}, {9}), deleted({55, -55, kLowestId, kHighestId})},
+          {{9, 1, 2}, {9, 1, 2}}, {55, -55, kLowestId, kHighestId}),
+    shown("EveryBaseRowOfARepeatedIdIsVisible", {built({7, 3, 7}, {1, 2, 3})},
+          {{7, 3, 7}, {1, 2, 3}}),
+    shown("ADeleteHidesEveryBaseRowOfItsId", {built({7, 3, 7}, {1, 2, 3}), deleted({7})},
+          {{3}, {2}}, {7}),
+    shown("ADeltaRowSupersedesEveryBaseRowOfItsId",
+          {built({7, 3, 7}, {1, 2, 3}), inserted({7}, {70})}, {{7, 3}, {70, 2}}),
+    shown("ARebuildLeavesTheDeltaAndTheTombstones",
+          {built({1, 2, 3}, {1, 2, 3}), inserted({2, 8}, {20, 80}), deleted({3}),
+           built({3, 2, 4}, {300, 200, 400})},
+          {{2, 8, 4}, {20, 80, 400}}, {1, 3}),
+    shown("AnyIdCanBeInsertedAndDeleted",
+          {inserted({kLowestId, kHighestId, -1, 0, QX_MAX_BASE_ID + 1}, {1, 2, 3, 4, 5}),
+           deleted({kHighestId, kLowestId, 12345}), inserted({kLowestId}, {6})},
+          {{kLowestId, -1, 0, QX_MAX_BASE_ID + 1}, {6, 3, 4, 5}}, {kHighestId, 12345}),
+    shown("WithoutComponentsTheyAreIdsAlone",
+          {built({1, 2, 3}, {}), inserted({9, 2}, {}), deleted({3})}, {{9, 2, 1}, {}}, {3}, 0)};
+
+class VisibleRows : public testing::TestWithParam<Case> {};
+
+// Makes a change; only the counters that it concerns may move.
+void make(QxIndex* index, const Change& change) {
+  const Observed before = observe(index);
+  const auto raised = static_cast<std::uint64_t>(change.ids.empty() ? 0 : 1);
+  if (change.kind == Change::kBuild) {
+    const auto dim = static_cast<std::int32_t>(before.stats.dim);
+    seal_to_be_replaced(index, dim, change.ids, change.vectors);
+    EXPECT_EQ(qx_index_snapshot(index), before.snapshot);
+    EXPECT_EQ(qx_index_mutated(index), before.mutated);
+    EXPECT_EQ(qx_index_delta_count(index), before.delta_count);
+    EXPECT_EQ(qx_index_sealed(index), 1u);
+    EXPECT_EQ(export_base(index), (Rows{change.ids, change.vectors}));
+    return;
+  }
+  EXPECT_EQ(change.kind == Change::kInsert ? insert(index, change.ids, change.vectors)
+                                           : delete_ids(index, change.ids),
+            before.snapshot + raised);
+  EXPECT_EQ(qx_index_snapshot(index), before.snapshot + raised);
+  EXPECT_EQ(qx_index_mutated(index), 1u);
+  const Observed after = observe(index);
+  EXPECT_EQ(after.sealed, before.sealed);
+  EXPECT_EQ(after.stats, before.stats);
+  EXPECT_EQ(after.base, before.base);
+  if (change.kind == Change::kDelete) {
+    EXPECT_EQ(after.delta_count, before.delta_count);
+  }
+}
+
+// The sum of the last vector of each id, which a query of ones finds.
+std::vector<Hit> sums_by_id(const Rows& rows, std::uint32_t dim) {
+  const std::ptrdiff_t width = dim;
+  std::vector<Hit> hits;
+  for (std::size_t i = 0; i < rows.ids.size(); ++i) {
+    const auto same = std::find(rows.ids.rbegin(), rows.ids.rend(), rows.ids[i]);
+    const auto vector = rows.vectors.begin() + (rows.ids.rend() - same - 1) * width;
+    hits.push_back({rows.ids[i], std::accumulate(vector, vector + width, 0.0f)});
+  }
+  return hits;
+}
+
+TEST_P(VisibleRows, OfEveryRead) {
+  const auto& [name, changes, rows, hidden, dim] = GetParam();
+  const Index index(dim);
+  for (const Change& change : changes) make(index, change);
+  const auto count = static_cast<std::uint32_t>(rows.ids.size());
+  EXPECT_EQ(qx_index_visible_count(index), std::ssize(rows.ids));
   EXPECT_EQ(visible_ids(index), rows.ids);
-  EXPECT_EQ(export_visible(index), rows);
   EXPECT_EQ(match_ids(index, kEveryId), rows.ids);
-}
+  EXPECT_EQ(export_visible(index), rows);
 
-TEST(VisibleRows, ANewIndexHasNoneAndWritesNothing) {
-  const Index index(2);
-  Guarded<float> vectors(2, kUntouchedFloat);
-  Guarded<std::int64_t> ids(1, kUntouchedId);
-  EXPECT_EQ(qx_index_visible_count(index), 0);
-  EXPECT_EQ(qx_index_visible_ids(index, ids.data()), 0);
-  EXPECT_EQ(qx_index_export_visible(index, vectors.data(), ids.data()), 0);
-  EXPECT_TRUE(ids.equals({kUntouchedId}));
-  EXPECT_TRUE(vectors.equals(Floats(2, kUntouchedFloat)));
-}
-
-TEST(VisibleRows, AreTheLiveDeltaRowsAndThenTheSurvivingBaseRows) {
-  const Index index(2);
-  seal(index, 2, {1, 2, 3}, {1, 10, 2, 20, 3, 30});
-  insert(index, {2, 9}, {200, 2000, 900, 9000});
-  delete_ids(index, {3});
-  expect_visible(index, {{2, 9, 1}, {200, 2000, 900, 9000, 1, 10}});
-}
-
-TEST(VisibleRows, AreNotSortedById) {
-  const Index index(1);
-  seal(index, 1, {5, 1, 3}, {5, 1, 3});
-  insert(index, {9, 0, 4}, {9, 0, 4});
-  expect_visible(index, {{9, 0, 4, 5, 1, 3}, {9, 0, 4, 5, 1, 3}});
-}
-
-TEST(VisibleRows, AnIdInsertedAfterItsDeleteKeepsItsDeltaPosition) {
-  const Index index(1);
-  insert(index, {7, 8, 9}, {7, 8, 9});
-  delete_ids(index, {8});
-  expect_visible(index, {{7, 9}, {7, 9}});
-  insert(index, {8}, {80});
-  expect_visible(index, {{7, 8, 9}, {7, 80, 9}});
-}
-
-TEST(VisibleRows, ADeletedIdShowsNeitherItsDeltaRowNorItsBaseRow) {
-  const Index index(1);
-  seal(index, 1, {1, 2}, {1, 2});
-  insert(index, {2}, {20});
-  delete_ids(index, {2});
-  expect_visible(index, {{1}, {1}});
-}
-
-TEST(VisibleRows, EveryBaseRowOfARepeatedIdIsListed) {
-  const Index index(1);
-  seal(index, 1, {7, 3, 7}, {1, 2, 3});
-  expect_visible(index, {{7, 3, 7}, {1, 2, 3}});
-}
-
-TEST(VisibleRows, OneDeltaRowSupersedesEveryBaseRowOfItsId) {
-  const Index index(1);
-  seal(index, 1, {7, 3, 7}, {1, 2, 3});
-  insert(index, {7}, {70});
-  expect_visible(index, {{7, 3}, {70, 2}});
-}
-
-TEST(VisibleRows, DeletingAnIdWithoutRowsChangesNothing) {
-  const Index index(1);
-  seal(index, 1, {1, 2}, {1, 2});
-  insert(index, {9}, {9});
-  delete_ids(index, {55, -55, kLowestId, kHighestId});
-  expect_visible(index, {{9, 1, 2}, {9, 1, 2}});
-}
-
-TEST(VisibleRows, TheModeThatMatchesEveryIdGivesTheSameList) {
-  const Index index(1);
-  seal(index, 1, {1, 2, 3, 4}, {1, 2, 3, 4});
-  insert(index, {9, 2, 8}, {9, 20, 8});
-  delete_ids(index, {1, 8});
-  EXPECT_EQ(visible_ids(index), (Ids{9, 2, 3, 4}));
-  EXPECT_EQ(match_ids(index, kEveryId), visible_ids(index));
-}
-
-TEST(VisibleRows, BeforeABuildAreTheDeltaRows) {
-  const Index index(2);
-  insert(index, {4, 2}, {1, 2, 3, 4});
-  expect_visible(index, {{4, 2}, {1, 2, 3, 4}});
-}
-
-TEST(VisibleRows, OfAnUnchangedBaseAreTheBase) {
-  const Index index(1);
-  seal(index, 1, {4, 2, 8}, {1, 2, 3});
-  expect_visible(index, export_base(index));
-}
-
-TEST(VisibleRows, WithoutComponentsAreIdsAlone) {
-  const Index index(0);
-  seal(index, 0, {1, 2, 3}, {});
-  insert(index, {9, 2}, {});
-  delete_ids(index, {3});
-  expect_visible(index, {{9, 2, 1}, {}});
-}
-
-TEST(VisibleRows, AreExportedBitForBit) {
-  const Floats base{-0.0f, std::bit_cast<float>(0x7F800001u)};
-  const Floats delta{std::bit_cast<float>(0xFFC12345u), std::numeric_limits<float>::denorm_min()};
-  const Index index(2);
-  seal(index, 2, {1}, base);
-  insert(index, {2}, delta);
-  expect_visible(index, {{2, 1}, {delta[0], delta[1], base[0], base[1]}});
-}
-
-TEST(VisibleRows, MakeAnIndexThatAnswersAlike) {
-  const Index index(1);
-  seal(index, 1, {1, 2, 3, 4}, {5, 2, 5, 4});
-  insert(index, {2, 9}, {5, 90});
-  delete_ids(index, {4});
-  const Rows rows = export_visible(index);
-  const Index copy(1);
-  seal(copy, 1, rows.ids, rows.vectors);
-  EXPECT_EQ(search_filtered(copy, kEveryId, {1}, 5),
-            found({{9, 90}, {2, 5}, {1, 5}, {3, 5}, kEmptySlot}));
-  EXPECT_EQ(search_filtered(index, kEveryId, {1}, 5), search_filtered(copy, kEveryId, {1}, 5));
-}
-
-// A base of many rows, with changes to one id in `stride`, compared with the visibility rule
-// applied row by row. Ids are `spread` apart and permuted, and every 50th row is a duplicate of the
-// row before.
-void expect_rule_in_many_rows(std::int64_t spread, std::int64_t stride) {
-  constexpr std::int64_t kRows = 20011;
-  Ids base;
-  for (std::int64_t r = 0; r < kRows; ++r) {
-    base.push_back(r % 50 == 49 ? base.back() : r * 7919 % kRows * spread + r % spread);
+  // A query of zeros finds them in the order in which they are offered, one of ones their vectors.
+  std::vector<Hit> in_order;
+  for (const std::int64_t id : rows.ids) in_order.push_back({id, 0});
+  in_order.push_back(kEmptySlot);
+  EXPECT_EQ(search_filtered(index, kEveryId, Floats(dim, 0), count + 1), found(in_order));
+  Ids listed = hidden;
+  listed.insert(listed.end(), rows.ids.begin(), rows.ids.end());
+  EXPECT_EQ(search_mvcc(index, listed, Floats(dim, 0), count + 1), found(in_order));
+  for (const Hit& hit : sums_by_id(rows, dim)) {
+    EXPECT_EQ(search_mvcc(index, {hit.id}, Floats(dim, 1), 1), found({hit}));
   }
-  Ids inserted = {-5, kHighestId};
-  Ids deleted = {-6, kLowestId};
-  for (std::int64_t r = 0; r < kRows; r += stride) {
-    inserted.push_back(base[static_cast<std::size_t>(r)]);
-    deleted.push_back(base[static_cast<std::size_t>(kRows - 1 - r)]);
-  }
-  const Ids again(deleted.begin() + static_cast<std::ptrdiff_t>(deleted.size() / 2), deleted.end());
-  const Index index(0);
-  seal(index, 0, base, {});
-  insert(index, inserted, {});
-  delete_ids(index, deleted);
-  insert(index, again, {});
-
-  std::set<std::int64_t> in_delta(inserted.begin(), inserted.end());
-  std::set<std::int64_t> gone(deleted.begin(), deleted.end());
-  for (const std::int64_t id : again) {
-    gone.erase(id);
-    if (in_delta.insert(id).second) inserted.push_back(id);
-  }
-  Ids expected;
-  std::set<std::int64_t> listed;
-  for (const std::int64_t id : inserted) {
-    if (gone.count(id) == 0 && listed.insert(id).second) expected.push_back(id);
-  }
-  for (const std::int64_t id : base) {
-    if (in_delta.count(id) == 0 && gone.count(id) == 0) expected.push_back(id);
-  }
-  expect_visible(index, {expected, {}});
+  EXPECT_EQ(search_mvcc(index, hidden, Floats(dim, 1), 1), empty_slots(1));
 }
 
-TEST(VisibleRows, FollowTheRuleInABaseOfManyRows) {
-  for (const std::int64_t spread : {1, 3, 250}) {
-    for (const std::int64_t stride : {1, 2, 13, 500, 20000}) {
-      SCOPED_TRACE("spread " + std::to_string(spread) + ", stride " + std::to_string(stride));
-      expect_rule_in_many_rows(spread, stride);
+INSTANTIATE_TEST_SUITE_P(After, VisibleRows, testing::ValuesIn(kCases),
+                         [](const auto& what) { return what.param.name; });
+
+TEST(Mutations, OfNoRowsChangeNothing) {
+  for (const bool mutated_before : {false, true}) {
+    const Index index(2);
+    if (mutated_before) insert(index, {1, 2}, {1, 1, 2, 2});
+    const Observed before = observe(index);
+    for (const std::int32_t n : kNoCounts) {
+      EXPECT_EQ(qx_index_insert(index, nullptr, nullptr, n), before.snapshot) << "n " << n;
+      EXPECT_EQ(qx_index_delete(index, nullptr, n), before.snapshot) << "n " << n;
     }
+    EXPECT_EQ(observe(index), before);
   }
+}
+
+TEST(Mutations, AreCountedAsDistinctIdsEverInserted) {
+  const Index index(1);
+  EXPECT_EQ(insert(index, {4, 9, 4, 2}, {1, 2, 3, 4}), 1u);
+  EXPECT_EQ(qx_index_delta_count(index), 3);
+  delete_ids(index, {4, 77});
+  EXPECT_EQ(qx_index_delta_count(index), 3);
+  insert(index, {4, 5}, {1, 2});
+  EXPECT_EQ(qx_index_delta_count(index), 4);
+  EXPECT_EQ(qx_index_snapshot(index), 3u);
+}
+
+TEST(Mutations, WithoutComponentsRecordIdsAlone) {
+  for (const std::uint32_t dim : kUnsignedNoCounts) {
+    const Index index(dim);
+    const Guarded<std::int64_t> ids(Ids{3, 5, 3});
+    EXPECT_EQ(qx_index_insert(index, nullptr, ids.data(), 3), 1u);
+    EXPECT_EQ(qx_index_insert(index, nullptr, ids.data(), 1), 2u);
+    EXPECT_EQ(qx_index_delta_count(index), 2);
+    EXPECT_EQ(export_visible(index), (Rows{{3, 5}, {}}));
+    EXPECT_EQ(search_mvcc(index, {5, 3}, {}, 2), found({{5, 0}, {3, 0}}));
+  }
+}
+
+TEST(Exports, GiveVectorsBitForBit) {
+  const Sealed index(4, {9}, kOddBits);
+  insert(index, {1}, {1, 2, 3, 4});
+  insert(index, {1, 2},
+         {kOddBits[0], kOddBits[1], kOddBits[2], kOddBits[3], -kInfinity, kInfinity, kNaN,
+          std::numeric_limits<float>::max()});
+  EXPECT_EQ(export_base(index), (Rows{{9}, kOddBits}));
+  const Rows visible = export_visible(index);
+  EXPECT_EQ(visible.ids, (Ids{1, 2, 9}));
+  EXPECT_TRUE(same_bits({visible.vectors.begin(), visible.vectors.begin() + 4}, kOddBits));
+  EXPECT_TRUE(same_bits({visible.vectors.begin() + 8, visible.vectors.end()}, kOddBits));
+}
+
+TEST(Exports, OfNoRowsWriteNothing) {
+  const Index index(2);
+  EXPECT_EQ(export_visible(index), Rows());
+  EXPECT_EQ(visible_ids(index), Ids());
+  insert(index, {1}, {1, 2});
+  EXPECT_EQ(export_base(index), Rows());
 }
 
 }  // namespace
