@@ -13,6 +13,11 @@ namespace {
 
 constexpr std::int64_t kLimit = std::int64_t{1} << 40;
 
+struct Shape {
+  std::int64_t n;
+  std::int32_t dim;
+};
+
 enum class Verdict { kRejected, kReadsTheIds, kOther };
 
 // The verdict on a shape, with ids of which only the first may be read. A rejected shape is
@@ -32,25 +37,31 @@ Verdict verdict_on(std::int64_t n, std::int32_t dim) {
   return end.exit_status == kReadStatus ? Verdict::kReadsTheIds : Verdict::kOther;
 }
 
-TEST(BuildLimits, TwoToTheFortyRowsAreAccepted) {
-  EXPECT_EQ(verdict_on(kLimit, 0), Verdict::kReadsTheIds);
-  EXPECT_EQ(verdict_on(kLimit, 1), Verdict::kReadsTheIds);
+TEST(BuildLimits, TwoToTheFortyRowsAndElementsAreAccepted) {
+  for (const auto& [n, dim] :
+       {Shape{kLimit, 0}, {kLimit, 1}, {kLimit / 2, 2}, {1 << 10, 1 << 30}}) {
+    EXPECT_EQ(verdict_on(n, dim), Verdict::kReadsTheIds) << n << " of " << dim;
+  }
 }
 
-TEST(BuildLimits, OneRowMoreIsRejectedEvenWithoutElements) {
-  EXPECT_EQ(verdict_on(kLimit + 1, 0), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(kLimit + 1, 1), Verdict::kRejected);
-}
-
-TEST(BuildLimits, TwoToTheFortyElementsAreAccepted) {
-  EXPECT_EQ(verdict_on(kLimit / 2, 2), Verdict::kReadsTheIds);
-  EXPECT_EQ(verdict_on(std::int64_t{1} << 10, 1 << 30), Verdict::kReadsTheIds);
-}
-
-TEST(BuildLimits, OneRowOfElementsMoreIsRejected) {
-  EXPECT_EQ(verdict_on(kLimit / 2 + 1, 2), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(kLimit, 2), Verdict::kRejected);
-  EXPECT_EQ(verdict_on((std::int64_t{1} << 10) + 1, 1 << 30), Verdict::kRejected);
+// The last ones have products that become small or negative when truncated to 64 bits.
+TEST(BuildLimits, MoreRowsOrElementsAndNegativeCountsAreRejected) {
+  for (const auto& [n, dim] : {Shape{kLimit + 1, 0},
+                               {kLimit + 1, 1},
+                               {kLimit / 2 + 1, 2},
+                               {kLimit, 2},
+                               {(1 << 10) + 1, 1 << 30},
+                               {-1, 1},
+                               {-1, 0},
+                               {INT64_MIN, 1},
+                               {INT64_MIN, 0},
+                               {kLimit, 1 << 23},
+                               {kLimit, 1 << 24},
+                               {kLimit, 1 << 30},
+                               {kLimit, INT32_MAX},
+                               {kLimit / 2 + 1, 1 << 25}}) {
+    EXPECT_EQ(verdict_on(n, dim), Verdict::kRejected) << n << " of " << dim;
+  }
 }
 
 TEST(BuildLimits, ARejectedShapeIsNotRead) {
@@ -60,31 +71,6 @@ TEST(BuildLimits, ARejectedShapeIsNotRead) {
   };
   EXPECT_EQ(build_nothing(kLimit, 2), -1);
   EXPECT_EQ(build_nothing(kLimit, INT32_MAX), -1);
-}
-
-TEST(BuildLimits, ANegativeRowCountIsRejected) {
-  EXPECT_EQ(verdict_on(-1, 1), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(-1, 0), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(INT64_MIN, 1), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(INT64_MIN, 0), Verdict::kRejected);
-}
-
-// Products that become small or negative when truncated to 64 bits.
-TEST(BuildLimits, AProductThatOverflowsIsRejected) {
-  EXPECT_EQ(verdict_on(kLimit, 1 << 23), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(kLimit, 1 << 24), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(kLimit, 1 << 30), Verdict::kRejected);
-  EXPECT_EQ(verdict_on(kLimit, INT32_MAX), Verdict::kRejected);
-  EXPECT_EQ(verdict_on((std::int64_t{1} << 39) + 1, 1 << 25), Verdict::kRejected);
-}
-
-TEST(BuildLimits, AnIdOfTwoToTheFortyIsRejected) {
-  const Index index(6);
-  EXPECT_EQ(build(index, 1, {QX_MAX_BASE_ID + 1}, {1}), -1);
-  EXPECT_EQ(build(index, 1, {3, QX_MAX_BASE_ID + 1, 4}, {1, 2, 3}), -1);
-  EXPECT_EQ(build(index, 1, {INT64_MAX}, {1}), -1);
-  EXPECT_EQ(qx_index_sealed(index), 0u);
-  EXPECT_EQ(stats(index), (Stats{0, 6, 0, 0}));
 }
 
 constexpr int kNoLimitStatus = 43;
@@ -114,26 +100,17 @@ void expect_accepted_beyond_memory(const std::function<void()>& body) {
 }
 
 // The table of ids needs 8 TiB for it.
-TEST(BuildLimits, TheLargestIdIsAccepted) {
-  expect_accepted_beyond_memory([] {
-    const Index index(1);
-    build(index, 1, {0xFFFFFFFFFF}, {1});
-  });
-}
-
-TEST(BuildLimits, TheLargestIdIsAcceptedAmongOthers) {
-  expect_accepted_beyond_memory([] {
-    const Index index(1);
-    build(index, 0, {3, 0xFFFFFFFFFF, 4}, {});
-  });
+TEST(BuildLimits, TheLargestIdIsAcceptedWhereverItStands) {
+  for (const Ids& ids : {Ids{QX_MAX_BASE_ID}, Ids{3, QX_MAX_BASE_ID, 4}}) {
+    expect_accepted_beyond_memory([&] { build(Index(1), 0, ids, {}); });
+  }
 }
 
 // The vectors need 4 TiB.
 TEST(BuildLimits, ABaseOfTwoToTheFortyElementsIsAccepted) {
   expect_accepted_beyond_memory([] {
-    const Index index(1);
     const Ids ids(1 << 20, 7);
-    qx_index_build(index, nullptr, 1 << 20, 1 << 20, ids.data(), nullptr, nullptr, nullptr, 0);
+    qx_index_build(Index(1), nullptr, 1 << 20, 1 << 20, ids.data(), nullptr, nullptr, nullptr, 0);
   });
 }
 
