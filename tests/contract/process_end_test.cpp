@@ -7,23 +7,15 @@
 #include <cerrno>
 #include <csignal>
 
-#include "support/host.h"
+#include "contract/rebuilt.h"
 
 namespace qx_test {
 namespace {
 
-// Delta rows 11 and 12 of dimension 2 (four floats) and two centroids of it, read under dimension
-// 3.
-class Widened : public Index {
- public:
-  Widened() : Index(2) {
-    insert(*this, {11, 12}, {1, 2, 3, 4});
-    set_ivf(*this, 7, {2, 1, {1, 2, 3, 4}, {5, 6}, {0, 1, 2}});
-    seal(*this, 3, {5, 6}, Floats(6, 1));
-  }
-};
-
-const Floats kOnes(3, 1);
+const Ids kTwoRows{11, 12};
+const Floats kTwo(2, 1);
+const Floats kThree(3, 1);
+const Floats kFour(4, 1);
 
 // A call that ends the process, and the numbers in its line.
 struct End {
@@ -35,25 +27,53 @@ struct End {
 
 void PrintTo(const End& end, std::ostream* out) { *out << end.name; }
 
-// One list of two ids, with these offsets.
-void search_list(std::int32_t begin, std::int32_t end) {
-  const Index index(1);
-  seal(index, 1, {5, 6}, {1, 2});
-  set_ivf(index, 7, {1, 1, {1}, {5, 6}, {begin, end}});
-  search_ivf(index, 7, {1}, 1);
+void search_without_probes() {
+  const Rebuilt index(3);
+  qx_index_set_ivf_nprobe(index, 7, 0);
+  search_ivf(index, 7, kThree, 1);
+}
+
+// One list of the ids, with these offsets.
+void search_list(std::int32_t begin, std::int32_t end, const Ids& ids = kTwoRows) {
+  const Sealed index(1, {11, 12}, {1, 2});
+  set_ivf(index, 7, {1, 1, {1}, ids, {begin, end}});
+  search_ivf(index, 7, kOne, 1);
+}
+
+void search_second_list() {
+  const Sealed index(1, {11, 12}, {1, 2});
+  set_ivf(index, 7, {2, 2, {2, 1}, {11, 12}, {0, 1, 9}});
+  search_ivf(index, 7, kOne, 1);
 }
 
 const std::vector<End> kEnds = {
-    {"SearchOfAListedDeltaRow", 4, 4, [] { search_mvcc(Widened(), {12}, kOnes, 1); }},
-    {"FilteredSearch", 4, 4, [] { search_filtered(Widened(), kEveryId, kOnes, 1); }},
-    {"ExportOfVisibleRows", 4, 4, [] { export_visible(Widened()); }},
-    {"OverwritingADeltaRow", 4, 4, [] { insert(Widened(), {12}, kOnes); }},
-    {"SearchOfCentroids", 4, 4, [] { search_ivf(Widened(), 7, kOnes, 1); }},
+    {"SearchOfARowThatStartsAtTheEnd", 6, 6, [] { search_mvcc(Rebuilt(3), {13}, kThree, 1); }},
+    {"SearchOfARowThatStartsPastTheEnd", 8, 6, [] { search_mvcc(Rebuilt(4), {13}, kFour, 1); }},
+    {"SearchOfARowThatLeavesTheEnd", 6, 6, [] { search_mvcc(Rebuilt(4), {12}, kFour, 1); }},
+    {"SearchOfASecondRow", 6, 6, [] { search_mvcc(Rebuilt(4), kTwoRows, kFour, 1); }},
+    {"SearchOfNoFloats", 0, 0, [] { search_mvcc(RebuiltFromZero(), {11}, kTwo, 1); }},
+    {"FilteredSearch", 6, 6, [] { search_filtered(Rebuilt(4), kEveryId, kFour, 1); }},
+    {"LabelledRowLeaves", 6, 6, [] { search_filtered(Rebuilt(4), has_label(2), kFour, 1); }},
+    {"LabelledRowStarts", 8, 6, [] { search_filtered(Rebuilt(4), has_label(3), kFour, 1); }},
+    {"ExportOfARowThatStartsAtTheEnd", 6, 6, [] { export_visible(Rebuilt(3)); }},
+    {"ExportOfARowThatLeavesTheEnd", 6, 6, [] { export_visible(Rebuilt(4)); }},
+    {"ExportOfNoFloats", 0, 0, [] { export_visible(RebuiltFromZero()); }},
+    {"OverwritingARowThatStartsAtTheEnd", 6, 6, [] { insert(Rebuilt(3), {13}, kThree); }},
+    {"OverwritingARowThatStartsPastTheEnd", 8, 6, [] { insert(Rebuilt(4), {13}, kFour); }},
+    {"OverwritingARowThatLeavesTheEnd", 6, 6, [] { insert(Rebuilt(4), {12}, kFour); }},
+    {"SearchOfCentroids", 4, 4, [] { search_ivf(Rebuilt(3), 7, kThree, 1); }},
+    {"SearchOfCentroidsWhollyOutside", 4, 4, [] { search_ivf(Rebuilt(5), 7, Floats(5, 1), 1); }},
+    {"SearchOfCentroidsWithoutProbes", 4, 4, search_without_probes},
+    {"SearchOfNoCentroids", 0, 0, [] { search_ivf(RebuiltFromZero(), 7, kTwo, 1); }},
     {"OffsetsThatEndBehindTheIds", 2, 2, [] { search_list(0, 3); }},
+    {"OffsetsThatEndFarBehindTheIds", 2, 2, [] { search_list(1, kHighest); }},
     {"OffsetsThatStartBehindTheIds", 9, 2, [] { search_list(9, 10); }},
     {"OffsetsThatStartBeforeTheIds", -1, 2, [] { search_list(-1, 2); }},
-    {"TheLargestOffset", INT32_MAX - 1, 2, [] { search_list(INT32_MAX - 1, INT32_MAX); }},
-    {"TheSmallestOffset", INT32_MIN, 2, [] { search_list(INT32_MIN, 0); }},
+    {"OffsetsOfNoIds", 0, 0, [] { search_list(0, 1, {}); }},
+    {"OffsetsOfASecondList", 2, 2, search_second_list},
+    {"TheLargestOffset", kHighest - 1, 2, [] { search_list(kHighest - 1, kHighest); }},
+    {"TheSmallestOffset", kLowest, 2, [] { search_list(kLowest, 0); }},
+    {"TheWidestList", kLowest, 2, [] { search_list(kLowest, kHighest); }},
 };
 
 class ProcessEnd : public testing::TestWithParam<End> {
