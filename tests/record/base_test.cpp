@@ -1,83 +1,49 @@
 // What a build leaves in the record.
-#include <limits>
-
 #include "record/fields.h"
-#include "store/qx_index.h"
-#include "support/host.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
 
-Ids id_to_row(const QxIndex* index) {
-  return Ids(index->id_to_row, index->id_to_row + index->max_base_id + 1);
-}
-
 TEST(BaseRecord, WithoutRowsHasNoTable) {
-  const Index index(3);
-  seal(index, 2, {}, {});
+  const Sealed index(2, {}, {});
   EXPECT_EQ(index->sealed, 1u);
   EXPECT_EQ(index->n_base, 0);
-  EXPECT_EQ(index->max_base_id, -1);
-  EXPECT_EQ(index->base_vectors, nullptr);
-  EXPECT_EQ(index->base_ids, nullptr);
-  EXPECT_EQ(index->part_keys, nullptr);
-  EXPECT_EQ(index->part_starts, nullptr);
-  EXPECT_EQ(index->part_sizes, nullptr);
-  EXPECT_EQ(index->id_to_row, nullptr);
+  EXPECT_TRUE(owns_no_base(index));
 }
 
-TEST(BaseRecord, TheTableNamesTheLastRowOfEachId) {
-  const Index index(1);
-  seal(index, 1, {7, 3, 7}, {1, 2, 3});
-  EXPECT_EQ(index->max_base_id, 7);
-  EXPECT_EQ(id_to_row(index), (Ids{-1, -1, -1, 1, -1, -1, -1, 2}));
-}
-
-TEST(BaseRecord, ListsTheRowsThatAreNotTheLastOfTheirId) {
-  const Index index(1);
-  seal(index, 1, {2, 1, 2, 0, 2, 1}, {1, 2, 3, 4, 5, 6});
-  EXPECT_EQ(id_to_row(index), (Ids{3, 5, 4}));
-  EXPECT_EQ(values_of(index->duplicate_rows), (Ids{0, 1, 2}));
-  const Index distinct(1);
-  seal(distinct, 1, {2, 1}, {1, 2});
-  EXPECT_EQ(id_to_row(distinct), (Ids{-1, 1, 0}));
-  EXPECT_EQ(values_of(distinct->duplicate_rows), Ids());
-}
-
-TEST(BaseRecord, TheTableEndsWithTheLargestIdWhereverItStands) {
-  const Index first(1);
-  seal(first, 1, {5, 0, 2}, {1, 2, 3});
-  EXPECT_EQ(first->max_base_id, 5);
-  EXPECT_EQ(id_to_row(first), (Ids{1, -1, 2, -1, -1, 0}));
-  const Index zero(1);
-  seal(zero, 1, {0}, {1});
-  EXPECT_EQ(zero->max_base_id, 0);
-  EXPECT_EQ(id_to_row(zero), Ids{0});
+TEST(BaseRecord, TheTableEndsWithTheLargestIdAndNamesTheLastRowOfEach) {
+  const struct {
+    Ids ids;
+    Ids table;
+    Ids duplicates;
+  } cases[] = {{{7, 3, 7}, {-1, -1, -1, 1, -1, -1, -1, 2}, {0}},
+               {{2, 1, 2, 0, 2, 1}, {3, 5, 4}, {0, 1, 2}},
+               {{2, 1}, {-1, 1, 0}, {}},
+               {{5, 0, 2}, {1, -1, 2, -1, -1, 0}, {}},
+               {{0}, {0}, {}}};
+  for (const auto& [ids, table, duplicates] : cases) {
+    const Sealed index(0, ids, {});
+    EXPECT_EQ(index->max_base_id, std::ssize(table) - 1);
+    EXPECT_EQ(id_to_row(index), table);
+    EXPECT_EQ(values_of(index->duplicate_rows), duplicates);
+  }
 }
 
 TEST(BaseRecord, HoldsCopiesOfTheHostsArrays) {
   const Index index(9, 8);
   seal(index, 2, {4, 2}, {1, 2, 3, 4}, {{-5, 6, 7}, {0, 1, -9}, {1, 99, 0}});
-  EXPECT_EQ(index->dim, 2u);
-  EXPECT_EQ(index->user_tag, 8u);
-  EXPECT_EQ(index->n_base, 2);
+  EXPECT_EQ(stats(index), (Stats{2, 2, 8, 3}));
   EXPECT_EQ(index->sealed, 1u);
-  EXPECT_EQ(index->n_parts, 3);
-  EXPECT_EQ(Floats(index->base_vectors, index->base_vectors + 4), (Floats{1, 2, 3, 4}));
-  EXPECT_EQ(Ids(index->base_ids, index->base_ids + 2), (Ids{4, 2}));
-  EXPECT_EQ(Ids(index->part_keys, index->part_keys + 3), (Ids{-5, 6, 7}));
-  EXPECT_EQ(Ints(index->part_starts, index->part_starts + 3), (Ints{0, 1, -9}));
-  EXPECT_EQ(Ints(index->part_sizes, index->part_sizes + 3), (Ints{1, 99, 0}));
+  EXPECT_EQ(values_of(index->base_vectors, 4), (Floats{1, 2, 3, 4}));
+  EXPECT_EQ(values_of(index->base_ids, 2), (Ids{4, 2}));
+  EXPECT_EQ(values_of(index->part_keys, 3), (Ids{-5, 6, 7}));
+  EXPECT_EQ(values_of(index->part_starts, 3), (Ints{0, 1, -9}));
+  EXPECT_EQ(values_of(index->part_sizes, 3), (Ints{1, 99, 0}));
 }
 
 float kept_magnitude(const Floats& vectors, std::int32_t dim) {
-  const Index index(1);
-  Ids ids;
-  for (std::size_t i = 0; i < vectors.size(); i += static_cast<std::size_t>(dim)) {
-    ids.push_back(std::ssize(ids));
-  }
-  seal(index, dim, ids, vectors);
-  return index->base_magnitude;
+  return Sealed(dim, ids_from(0, std::ssize(vectors) / dim), vectors)->base_magnitude;
 }
 
 TEST(BaseRecord, KeepsTheLargestMagnitudeWhereverItStands) {
@@ -102,7 +68,6 @@ TEST(BaseRecord, KeepsTheLargestMagnitudeOfALongBase) {
 }
 
 TEST(BaseRecord, NoNaNHidesTheLargestMagnitude) {
-  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
   for (std::size_t at = 0; at < 40; ++at) {
     for (std::size_t spoiled = 0; spoiled < 40; ++spoiled) {
       if (spoiled == at) continue;
@@ -116,11 +81,9 @@ TEST(BaseRecord, NoNaNHidesTheLargestMagnitude) {
 }
 
 TEST(BaseRecord, KeepsAnInfinityAndTheSmallestMagnitudes) {
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  constexpr float kSmallest = std::numeric_limits<float>::denorm_min();
   EXPECT_EQ(kept_magnitude({1, -kInfinity, 2}, 1), kInfinity);
   EXPECT_EQ(kept_magnitude({kInfinity}, 1), kInfinity);
-  EXPECT_EQ(kept_magnitude({0, -kSmallest, 0}, 3), kSmallest);
+  EXPECT_EQ(kept_magnitude({0, -kDenormal, 0}, 3), kDenormal);
   EXPECT_EQ(kept_magnitude({-0.0f}, 1), 0.0f);
   EXPECT_EQ(kept_magnitude({}, 5), 0.0f);
 }
@@ -133,8 +96,7 @@ std::vector<unsigned char> bytes_of(const QxIndex* index) {
 }
 
 TEST(BaseRecord, ARejectedBuildChangesNoByte) {
-  const Index index(1);
-  seal(index, 1, {4, 2}, {1, 2}, {{1}, {0}, {2}});
+  const Sealed index(1, {4, 2}, {1, 2}, {{1}, {0}, {2}});
   insert(index, {2}, {3});
   const std::vector<unsigned char> before = bytes_of(index);
   EXPECT_EQ(build(index, -1, {1}, {1}), -1);
@@ -152,11 +114,8 @@ TEST(BaseRecord, ARebuildReplacesEveryBaseFieldAndNoOther) {
   set_rowmeta(index, {9}, {5}, {6}, 1);
   set_ivf(index, 3, {1, 1, {1}, {4}, {0, 1}});
   seal(index, 3, {1}, {1, 2, 3});
-  EXPECT_EQ(index->dim, 3u);
-  EXPECT_EQ(index->n_base, 1);
-  EXPECT_EQ(index->n_parts, 0);
+  EXPECT_EQ(stats(index), (Stats{1, 3, 0, 0}));
   EXPECT_EQ(index->part_keys, nullptr);
-  EXPECT_EQ(index->max_base_id, 1);
   EXPECT_EQ(id_to_row(index), (Ids{-1, 0}));
   EXPECT_EQ(index->snapshot, 2u);
   EXPECT_EQ(values_of(index->delta_ids), (Ids{9, 8}));
@@ -170,16 +129,13 @@ TEST(BaseRecord, ARebuildReplacesEveryBaseFieldAndNoOther) {
 }
 
 TEST(BaseRecord, MutationsLeaveTheBaseAndItsTable) {
-  const Index index(1);
-  seal(index, 1, {4, 2}, {1, 2});
+  const Sealed index(1, {4, 2}, {1, 2});
   const float* const vectors = index->base_vectors;
   insert(index, {2, 3, 7}, {20, 30, 70});
   delete_ids(index, {4, 5});
   EXPECT_EQ(index->base_vectors, vectors);
-  EXPECT_EQ(Floats(vectors, vectors + 2), (Floats{1, 2}));
-  EXPECT_EQ(Ids(index->base_ids, index->base_ids + 2), (Ids{4, 2}));
+  EXPECT_EQ(export_base(index), (Rows{{4, 2}, {1, 2}}));
   EXPECT_EQ(id_to_row(index), (Ids{-1, -1, 1, -1, 0}));
-  EXPECT_EQ(index->n_base, 2);
 }
 
 }  // namespace

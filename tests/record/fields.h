@@ -10,9 +10,28 @@
 namespace qx_test {
 
 template <typename T>
+std::vector<T> values_of(const T* data, std::int64_t count) {
+  return count == 0 ? std::vector<T>() : std::vector<T>(data, data + count);
+}
+
+template <typename T>
 std::vector<T> values_of(const qx::Array<T>& array) {
-  return array.length == 0 ? std::vector<T>()
-                           : std::vector<T>(array.data, array.data + array.length);
+  return values_of(array.data, array.length);
+}
+
+template <typename T>
+bool owns_nothing(const qx::Array<T>& array) {
+  return array.data == nullptr && array.length == 0 && array.capacity == 0;
+}
+
+inline bool owns_no_base(const QxIndex* index) {
+  return index->base_vectors == nullptr && index->base_ids == nullptr &&
+         index->part_keys == nullptr && index->part_starts == nullptr &&
+         index->part_sizes == nullptr && index->id_to_row == nullptr && index->max_base_id == -1;
+}
+
+inline std::vector<std::int64_t> id_to_row(const QxIndex* index) {
+  return values_of(index->id_to_row, index->max_base_id + 1);
 }
 
 // The value of a key, or none: a key with the value 0 is not an absent key.

@@ -2,7 +2,7 @@
 #include <cstddef>
 #include <type_traits>
 
-#include "store/qx_index.h"
+#include "record/fields.h"
 #include "support/host.h"
 
 namespace qx_test {
@@ -19,39 +19,29 @@ struct FieldOf<Member> {
   using Type = Field;
 };
 
-template <auto Member, typename Type>
-constexpr bool kFieldIs = std::is_same_v<typename FieldOf<Member>::Type, Type>;
+template <typename Type, auto... Members>
+constexpr bool kFieldsAre = (std::is_same_v<typename FieldOf<Members>::Type, Type> && ...);
 
-static_assert(kFieldIs<&QxIndex::dim, std::uint32_t>);
-static_assert(kFieldIs<&QxIndex::user_tag, std::uint32_t>);
-static_assert(kFieldIs<&QxIndex::n_base, std::int64_t>);
-static_assert(kFieldIs<&QxIndex::sealed, std::uint32_t>);
-static_assert(kFieldIs<&QxIndex::n_parts, std::int32_t>);
-static_assert(kFieldIs<&QxIndex::base_vectors, float*>);
-static_assert(kFieldIs<&QxIndex::base_ids, std::int64_t*>);
-static_assert(kFieldIs<&QxIndex::part_keys, std::int64_t*>);
-static_assert(kFieldIs<&QxIndex::part_starts, std::int32_t*>);
-static_assert(kFieldIs<&QxIndex::part_sizes, std::int32_t*>);
-static_assert(kFieldIs<&QxIndex::id_to_row, std::int64_t*>);
-static_assert(kFieldIs<&QxIndex::max_base_id, std::int64_t>);
-static_assert(kFieldIs<&QxIndex::snapshot, std::uint64_t>);
-static_assert(kFieldIs<&QxIndex::mutated, std::uint32_t>);
-static_assert(kFieldIs<&QxIndex::delta_pos, qx::Int64Map>);
-static_assert(kFieldIs<&QxIndex::delta_ids, qx::Array<std::int64_t>>);
-static_assert(kFieldIs<&QxIndex::delta_stamps, qx::Array<std::int64_t>>);
-static_assert(kFieldIs<&QxIndex::delta_vectors, qx::Array<float>>);
-static_assert(kFieldIs<&QxIndex::deleted_at, qx::Int64Map>);
-static_assert(kFieldIs<&QxIndex::row_labels, qx::Int64Map>);
-static_assert(kFieldIs<&QxIndex::meta_ncols, std::int32_t>);
-static_assert(kFieldIs<&QxIndex::meta_columns, qx::Array<qx::Int64Map>>);
-static_assert(kFieldIs<&QxIndex::ivf_map, qx::Int64Map>);
-static_assert(kFieldIs<&QxIndex::ivf_list, qx::Array<QxIvf>>);
+static_assert(kFieldsAre<std::uint32_t, &QxIndex::dim, &QxIndex::user_tag, &QxIndex::sealed,
+                         &QxIndex::mutated>);
+static_assert(kFieldsAre<std::int32_t, &QxIndex::n_parts, &QxIndex::meta_ncols>);
+static_assert(kFieldsAre<std::int64_t, &QxIndex::n_base, &QxIndex::max_base_id>);
+static_assert(kFieldsAre<std::uint64_t, &QxIndex::snapshot>);
+static_assert(kFieldsAre<float*, &QxIndex::base_vectors>);
+static_assert(
+    kFieldsAre<std::int64_t*, &QxIndex::base_ids, &QxIndex::part_keys, &QxIndex::id_to_row>);
+static_assert(kFieldsAre<std::int32_t*, &QxIndex::part_starts, &QxIndex::part_sizes>);
+static_assert(kFieldsAre<qx::Int64Map, &QxIndex::delta_pos, &QxIndex::deleted_at,
+                         &QxIndex::row_labels, &QxIndex::ivf_map>);
+static_assert(kFieldsAre<qx::Array<std::int64_t>, &QxIndex::delta_ids, &QxIndex::delta_stamps>);
+static_assert(kFieldsAre<qx::Array<float>, &QxIndex::delta_vectors>);
+static_assert(kFieldsAre<qx::Array<qx::Int64Map>, &QxIndex::meta_columns>);
+static_assert(kFieldsAre<qx::Array<QxIvf>, &QxIndex::ivf_list>);
 
-static_assert(kFieldIs<&QxIvf::nlist, std::int32_t>);
-static_assert(kFieldIs<&QxIvf::nprobe, std::int32_t>);
-static_assert(kFieldIs<&QxIvf::centroids, qx::Array<float>>);
-static_assert(kFieldIs<&QxIvf::list_ids, qx::Array<std::int64_t>>);
-static_assert(kFieldIs<&QxIvf::list_offsets, qx::Array<std::int32_t>>);
+static_assert(kFieldsAre<std::int32_t, &QxIvf::nlist, &QxIvf::nprobe>);
+static_assert(kFieldsAre<qx::Array<float>, &QxIvf::centroids>);
+static_assert(kFieldsAre<qx::Array<std::int64_t>, &QxIvf::list_ids>);
+static_assert(kFieldsAre<qx::Array<std::int32_t>, &QxIvf::list_offsets>);
 
 // Whether the offsets rise strictly from 0.
 bool are_in_order(const std::vector<std::size_t>& offsets) {
@@ -62,80 +52,43 @@ bool are_in_order(const std::vector<std::size_t>& offsets) {
 }
 
 TEST(Layout, TheFieldsOfTheRecordAreInTheirOrder) {
-  EXPECT_TRUE(are_in_order({
-      offsetof(QxIndex, dim),          offsetof(QxIndex, user_tag),
-      offsetof(QxIndex, n_base),       offsetof(QxIndex, sealed),
-      offsetof(QxIndex, n_parts),      offsetof(QxIndex, base_vectors),
-      offsetof(QxIndex, base_ids),     offsetof(QxIndex, part_keys),
-      offsetof(QxIndex, part_starts),  offsetof(QxIndex, part_sizes),
-      offsetof(QxIndex, id_to_row),    offsetof(QxIndex, max_base_id),
-      offsetof(QxIndex, snapshot),     offsetof(QxIndex, mutated),
-      offsetof(QxIndex, delta_pos),    offsetof(QxIndex, delta_ids),
-      offsetof(QxIndex, delta_stamps), offsetof(QxIndex, delta_vectors),
-      offsetof(QxIndex, deleted_at),   offsetof(QxIndex, row_labels),
-      offsetof(QxIndex, meta_ncols),   offsetof(QxIndex, meta_columns),
-      offsetof(QxIndex, ivf_map),      offsetof(QxIndex, ivf_list),
-  }));
+  EXPECT_TRUE(are_in_order(
+      {offsetof(QxIndex, dim), offsetof(QxIndex, user_tag), offsetof(QxIndex, n_base),
+       offsetof(QxIndex, sealed), offsetof(QxIndex, n_parts), offsetof(QxIndex, base_vectors),
+       offsetof(QxIndex, base_ids), offsetof(QxIndex, part_keys), offsetof(QxIndex, part_starts),
+       offsetof(QxIndex, part_sizes), offsetof(QxIndex, id_to_row), offsetof(QxIndex, max_base_id),
+       offsetof(QxIndex, snapshot), offsetof(QxIndex, mutated), offsetof(QxIndex, delta_pos),
+       offsetof(QxIndex, delta_ids), offsetof(QxIndex, delta_stamps),
+       offsetof(QxIndex, delta_vectors), offsetof(QxIndex, deleted_at),
+       offsetof(QxIndex, row_labels), offsetof(QxIndex, meta_ncols),
+       offsetof(QxIndex, meta_columns), offsetof(QxIndex, ivf_map), offsetof(QxIndex, ivf_list),
+       // What is derived comes after the fixed fields.
+       offsetof(QxIndex, base_magnitude), offsetof(QxIndex, duplicate_rows)}));
 }
 
-TEST(Layout, TheFieldsOfAnIvfStructureAreInTheirOrder) {
+TEST(Layout, TheFieldsOfAnIvfStructureAreInTheirOrderAndTheWhole) {
   EXPECT_TRUE(
       are_in_order({offsetof(QxIvf, nlist), offsetof(QxIvf, nprobe), offsetof(QxIvf, centroids),
                     offsetof(QxIvf, list_ids), offsetof(QxIvf, list_offsets)}));
-}
-
-// What is derived comes after the fixed fields.
-TEST(Layout, DerivedFieldsFollowTheFixedOnes) {
-  EXPECT_TRUE(are_in_order({0, offsetof(QxIndex, ivf_list), offsetof(QxIndex, base_magnitude),
-                            offsetof(QxIndex, duplicate_rows)}));
   EXPECT_EQ(sizeof(QxIvf), offsetof(QxIvf, list_offsets) + sizeof(QxIvf::list_offsets));
 }
 
-TEST(Layout, AHandleIsAligned) {
-  const Index index(3);
-  const QxIndex* const record = index;
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(record) % 8, 0u);
-}
-
-template <typename T>
-bool owns_nothing(const qx::Array<T>& array) {
-  return array.data == nullptr && array.length == 0 && array.capacity == 0;
-}
-
-TEST(Layout, ANewRecordHoldsItsInitialValues) {
+TEST(Layout, ANewRecordIsAlignedAndHoldsItsInitialValues) {
   const Index index(7, 42);
-  EXPECT_EQ(index->dim, 7u);
-  EXPECT_EQ(index->user_tag, 42u);
-  EXPECT_EQ(index->n_base, 0);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(static_cast<QxIndex*>(index)) % 8, 0u);
+  EXPECT_EQ(stats(index), (Stats{0, 7, 42, 0}));
   EXPECT_EQ(index->sealed, 0u);
-  EXPECT_EQ(index->n_parts, 0);
-  EXPECT_EQ(index->max_base_id, -1);
   EXPECT_EQ(index->snapshot, 0u);
   EXPECT_EQ(index->mutated, 0u);
   EXPECT_EQ(index->meta_ncols, 0);
-}
-
-TEST(Layout, ANewRecordOwnsNoArrays) {
-  const Index index(7, 42);
-  EXPECT_EQ(index->base_vectors, nullptr);
-  EXPECT_EQ(index->base_ids, nullptr);
-  EXPECT_EQ(index->part_keys, nullptr);
-  EXPECT_EQ(index->part_starts, nullptr);
-  EXPECT_EQ(index->part_sizes, nullptr);
-  EXPECT_EQ(index->id_to_row, nullptr);
-  EXPECT_TRUE(owns_nothing(index->delta_ids));
-  EXPECT_TRUE(owns_nothing(index->delta_stamps));
-  EXPECT_TRUE(owns_nothing(index->delta_vectors));
-  EXPECT_TRUE(owns_nothing(index->meta_columns));
-  EXPECT_TRUE(owns_nothing(index->ivf_list));
-}
-
-TEST(Layout, ANewRecordHasEmptyMaps) {
-  const Index index(7, 42);
-  EXPECT_EQ(index->delta_pos.size(), 0);
-  EXPECT_EQ(index->deleted_at.size(), 0);
-  EXPECT_EQ(index->row_labels.size(), 0);
-  EXPECT_EQ(index->ivf_map.size(), 0);
+  EXPECT_TRUE(owns_no_base(index));
+  EXPECT_TRUE(owns_nothing(index->delta_ids) && owns_nothing(index->delta_stamps) &&
+              owns_nothing(index->delta_vectors));
+  EXPECT_TRUE(owns_nothing(index->meta_columns) && owns_nothing(index->ivf_list));
+  for (const qx::Int64Map* const map :
+       {&index->delta_pos, &index->deleted_at, &index->row_labels, &index->ivf_map}) {
+    EXPECT_EQ(map->size(), 0);
+  }
 }
 
 }  // namespace
