@@ -2,10 +2,8 @@
 // 8 TiB of addresses and some pages of memory.
 #include <sys/mman.h>
 
-#include <numeric>
-
 #include "store/delta.h"
-#include "support/host.h"
+#include "support/cases.h"
 #include "support/memory.h"
 
 namespace qx_test {
@@ -78,12 +76,11 @@ class FarRows : public testing::Test {
     return ids;
   }
   static Found best_first(const Ids& ids) {
-    Found all = found({});
+    std::vector<Hit> all;
     for (std::size_t i = ids.size(); i > 0; --i) {
-      all.slots.push_back(hit(ids[i - 1], static_cast<float>(i)));
+      all.push_back(hit(ids[i - 1], static_cast<float>(i)));
     }
-    all.returned = std::ssize(all.slots);
-    return all;
+    return found(all);
   }
 
   const Reserved<float> vectors_{kFloats};
@@ -92,14 +89,10 @@ class FarRows : public testing::Test {
   QxIndex index_;
 };
 
-TEST_F(FarRows, AreFoundAmongCandidates) {
+TEST_F(FarRows, AreFoundAmongCandidatesAndThroughLists) {
   const Ids ids = place_at_edges();
   EXPECT_EQ(scatter(&index_, ids, query_, 9), best_first(ids));
   EXPECT_EQ(search_mvcc(&index_, ids, query_, 9), best_first(ids));
-}
-
-TEST_F(FarRows, AreFoundThroughLists) {
-  const Ids ids = place_at_edges();
   set_ivf(&index_, 1, {1, 1, query_, ids, {0, 9}});
   EXPECT_EQ(search_ivf(&index_, 1, query_, 9), best_first(ids));
   qx_index_clear_ivf(&index_);
@@ -107,8 +100,7 @@ TEST_F(FarRows, AreFoundThroughLists) {
 
 // Members whose rows are consecutive are scanned in place, without a list of addresses.
 TEST_F(FarRows, AreFoundThroughAListInTheirOrder) {
-  Ids ids(200);
-  std::iota(ids.begin(), ids.end(), kTwoTo32 - 77);
+  const Ids ids = ids_from(kTwoTo32 - 77, 200);
   for (std::size_t i = 0; i < ids.size(); ++i) {
     place(ids[i], kTwoTo31 - 100 + static_cast<std::int64_t>(i), static_cast<float>(i % 150));
   }
@@ -141,7 +133,7 @@ TEST_F(FarRows, TheIdsOfTheTableEndBelowTwoToThe40) {
   for (const std::int64_t id : {std::int64_t{0}, kTwoTo31 - 1, kTwoTo31, kTwoTo32, kTwoTo40 - 1}) {
     EXPECT_TRUE(qx::may_have_base_row(index_, id)) << id;
   }
-  for (const std::int64_t id : {std::int64_t{-1}, kTwoTo40, INT64_MAX, INT64_MIN}) {
+  for (const std::int64_t id : {std::int64_t{-1}, kTwoTo40, kHighestId, kLowestId}) {
     EXPECT_FALSE(qx::may_have_base_row(index_, id)) << id;
     EXPECT_EQ(qx::base_row_of(index_, id), -1) << id;
   }
@@ -152,9 +144,8 @@ TEST_F(FarRows, OfTheDeltaAreInsideItsArrayOrEndTheProcess) {
   index_.delta_vectors.length = kTwoTo32 + kWidth;
   EXPECT_EQ(qx::delta_vector(index_, kTwoTo31 / kWidth), vectors_.data() + kTwoTo31);
   EXPECT_EQ(qx::delta_vector(index_, kTwoTo32 / kWidth), vectors_.data() + kTwoTo32);
-  const ChildEnd end = run_in_child([&] { qx::delta_vector(index_, kTwoTo32 / kWidth + 1); });
-  EXPECT_TRUE(end.trapped && is_bounds_line(end.standard_error, kTwoTo32 + 8, kTwoTo32 + 8))
-      << end.standard_error;
+  EXPECT_TRUE(ends_out_of_bounds(kTwoTo32 + kWidth, kTwoTo32 + kWidth,
+                                 [&] { qx::delta_vector(index_, kTwoTo32 / kWidth + 1); }));
   index_.delta_vectors.data = nullptr;  // the array is not the heap's
 }
 
@@ -166,16 +157,20 @@ TEST_F(FarRows, OfAnArrayAreCheckedWithoutOverflow) {
     EXPECT_EQ(&array.at(at), vectors_.data() + at);
     EXPECT_EQ(array.range(at, kFloats - at), vectors_.data() + at);
   }
-  const auto reported = [](const std::function<void()>& body, std::int64_t index) {
-    const ChildEnd end = run_in_child(body);
-    return end.trapped && is_bounds_line(end.standard_error, index, kFloats);
-  };
-  EXPECT_TRUE(reported([&] { (void)array.at(kFloats); }, kFloats));
-  EXPECT_TRUE(reported([&] { (void)array.at(INT64_MAX); }, INT64_MAX));
-  EXPECT_TRUE(reported([&] { (void)array.at(INT64_MIN); }, INT64_MIN));
-  EXPECT_TRUE(reported([&] { (void)array.range(INT64_MAX, INT64_MAX); }, INT64_MAX));
-  EXPECT_TRUE(reported([&] { (void)array.range(1, INT64_MAX); }, kFloats));
-  EXPECT_TRUE(reported([&] { (void)array.range(kTwoTo32, kFloats - kTwoTo32 + 1); }, kFloats));
+  for (const std::int64_t at : {kFloats, kHighestId, kLowestId}) {
+    EXPECT_TRUE(ends_out_of_bounds(at, kFloats, [&] { (void)array.at(at); }));
+  }
+  const struct {
+    std::int64_t first;
+    std::int64_t count;
+    std::int64_t reported;
+  } outside[] = {{kHighestId, kHighestId, kHighestId},
+                 {1, kHighestId, kFloats},
+                 {kTwoTo32, kFloats - kTwoTo32 + 1, kFloats}};
+  for (const auto& [first, count, reported] : outside) {
+    EXPECT_TRUE(ends_out_of_bounds(reported, kFloats,
+                                   [&, from = first, n = count] { (void)array.range(from, n); }));
+  }
   array.data = nullptr;  // the array is not the heap's
 }
 
@@ -186,8 +181,8 @@ bool ends_as_a_failed_allocation(const std::function<void()>& body) {
 
 TEST(FarSizes, BlocksThatNoAddressSpaceHoldsAreFailedAllocations) {
   constexpr std::int64_t kTwoTo62 = std::int64_t{1} << 62;
-  for (const std::int64_t count : {std::int64_t{-1}, INT64_MIN, kTwoTo62 / 2, kTwoTo62 - 1,
-                                   kTwoTo62, kTwoTo62 + 1, INT64_MAX}) {
+  for (const std::int64_t count : {std::int64_t{-1}, kLowestId, kTwoTo62 / 2, kTwoTo62 - 1,
+                                   kTwoTo62, kTwoTo62 + 1, kHighestId}) {
     EXPECT_TRUE(ends_as_a_failed_allocation([=] { qx::allocate(count, 4); })) << count;
     EXPECT_TRUE(ends_as_a_failed_allocation([=] { qx::allocate_cache_aligned(count, 4); }))
         << count;

@@ -1,11 +1,10 @@
 // Walks take a large base in spans. Changed rows at the edges of spans are seen where they are, and
 // nowhere else.
 #include <algorithm>
-#include <numeric>
 #include <set>
 
 #include "read/row_bitmap.h"
-#include "support/host.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
@@ -34,11 +33,7 @@ std::int64_t id_of(std::int64_t row) { return kRows - 1 - row; }
 
 class Spans : public testing::Test {
  protected:
-  void SetUp() override {
-    Ids ids(kRows);
-    for (std::int64_t row = 0; row < kRows; ++row) ids[static_cast<std::size_t>(row)] = id_of(row);
-    seal(index_, 1, ids, Floats(kRows, 1.0f));
-  }
+  void SetUp() override { seal(index_, 1, all_but({}), Floats(kRows, 1.0f)); }
 
   // The ids of all base rows but these.
   static Ids all_but(const std::set<std::int64_t>& left_out) {
@@ -70,27 +65,15 @@ TEST_F(Spans, HideTheirOwnRowsAlone) {
   }
 }
 
-TEST_F(Spans, HideAllRowsAtTheirEdgesAtOnce) {
-  const Ids rows = rows_at_edges();
-  Ids ids;
-  for (const std::int64_t row : rows) ids.push_back(id_of(row));
-  delete_ids(index_, ids);
-  EXPECT_TRUE(visible_ids(index_) == all_but({rows.begin(), rows.end()}));
-}
-
 TEST_F(Spans, FindTheirOwnLabelledRowsAlone) {
   const Ids rows = rows_at_edges();
   Ids ids;
-  Ids labels;
+  for (const std::int64_t row : rows) ids.push_back(id_of(row));
+  set_rowmeta(index_, ids, rows, {}, 0);
   for (const std::int64_t row : rows) {
-    ids.push_back(id_of(row));
-    labels.push_back(row);
+    EXPECT_EQ(match_ids(index_, has_label(row)), Ids{id_of(row)}) << "row " << row;
   }
-  set_rowmeta(index_, ids, labels, {}, 0);
-  for (const std::int64_t row : rows) {
-    EXPECT_EQ(match_ids(index_, {1, 0, row}), Ids{id_of(row)}) << "row " << row;
-  }
-  EXPECT_TRUE(match_ids(index_, {1, 0, -1}) == all_but({rows.begin(), rows.end()}));
+  EXPECT_TRUE(match_ids(index_, has_label(-1)) == all_but({rows.begin(), rows.end()}));
 }
 
 }  // namespace

@@ -4,14 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iterator>
 #include <memory>
-#include <numeric>
 #include <utility>
 
 #include "internal/every_kernel.h"
 #include "store/qx_index.h"
-#include "support/host.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
@@ -58,38 +56,29 @@ class UnreadRows : public UnderAKernel {
  protected:
   // A base of `rows` rows, and as many rows of the delta by the same turns, under ids that follow.
   void make(std::int32_t rows, std::int32_t dim, Turns turns, LeftOut way) {
-    index_ = std::make_unique<Index>(static_cast<std::uint32_t>(dim));
-    Ids ids(static_cast<std::size_t>(rows));
-    std::iota(ids.begin(), ids.end(), 0);
+    const Ids ids = ids_from(0, rows);
     Floats vectors(static_cast<std::size_t>(rows) * static_cast<std::size_t>(dim));
     for (std::size_t i = 0; i < vectors.size(); ++i) {
       vectors[i] = static_cast<float>(i * 7919 % 1009) / 256.0f;
     }
-    seal(*index_, dim, ids, vectors);
-    Ids newer = ids;
-    for (std::int64_t& id : newer) id += rows;
-    insert(*index_, newer, vectors);
-    candidates_ = ids;
-    candidates_.insert(candidates_.end(), newer.begin(), newer.end());
+    index_ = std::make_unique<Sealed>(dim, ids, vectors);
+    insert(*index_, ids_from(rows, rows), vectors);
+    const Ids candidates = ids_from(0, 2 * std::int64_t{rows});
     Ids left;
     Ids labels;
-    for (const std::int64_t id : candidates_) {
+    for (const std::int64_t id : candidates) {
       const bool taken = turns.takes(id % rows);
       labels.push_back(taken || way != LeftOut::kByLabel ? kPassing : kFailing);
       if (!taken) left.push_back(id);
     }
-    set_rowmeta(*index_, candidates_, labels, {}, 0);
+    set_rowmeta(*index_, candidates, labels, {}, 0);
     if (way == LeftOut::kByDelete) delete_ids(*index_, left);
-    if (way == LeftOut::kByNewerRow) leave_out_by_newer_rows(left, rows, dim);
+    if (way == LeftOut::kByNewerRow) {
+      // A newer row of a base id hides the base row; delta rows are written in place.
+      std::erase_if(left, [&](std::int64_t id) { return id >= rows; });
+      insert(*index_, left, Floats(left.size() * static_cast<std::size_t>(dim), -1.0f));
+    }
     protect_left_out(rows, dim, turns, way);
-  }
-
-  // A newer row of a base id hides the base row; delta rows are written in place.
-  void leave_out_by_newer_rows(const Ids& left, std::int64_t rows, std::int32_t dim) {
-    Ids of_base;
-    std::copy_if(left.begin(), left.end(), std::back_inserter(of_base),
-                 [&](std::int64_t id) { return id < rows; });
-    insert(*index_, of_base, Floats(of_base.size() * static_cast<std::size_t>(dim), -1.0f));
   }
 
   void protect_left_out(std::int64_t rows, std::int64_t dim, Turns turns, LeftOut way) {
@@ -107,16 +96,15 @@ class UnreadRows : public UnderAKernel {
   std::vector<Found> search(const Floats& query) {
     std::vector<Found> results;
     for (const std::uint32_t k : {1u, 10u, 300u}) {
-      results.push_back(search_filtered(*index_, {1, 0, kPassing}, query, k));
-      Ids visible = match_ids(*index_, {1, 0, kPassing});
+      results.push_back(search_filtered(*index_, has_label(kPassing), query, k));
+      Ids visible = match_ids(*index_, has_label(kPassing));
       std::reverse(visible.begin(), visible.end());
       results.push_back(search_mvcc(*index_, visible, query, k));
     }
     return results;
   }
 
-  std::unique_ptr<Index> index_;
-  Ids candidates_;
+  std::unique_ptr<Sealed> index_;
   std::vector<Unreadable> pages_;
 };
 
@@ -145,8 +133,8 @@ TEST_P(UnreadRows, AreAllRowsToCallsThatListIds) {
   pages_.emplace_back(record.base_vectors, 1500 * 128);
   pages_.emplace_back(record.delta_vectors.data, 1500 * 128);
   EXPECT_EQ(qx_index_visible_count(*index_), std::ssize(visible_ids(*index_)));
-  EXPECT_EQ(match_ids(*index_, {1, 0, kPassing}), visible_ids(*index_));
-  EXPECT_EQ(match_ids(*index_, {1, 0, kFailing}), Ids());
+  EXPECT_EQ(match_ids(*index_, has_label(kPassing)), visible_ids(*index_));
+  EXPECT_EQ(match_ids(*index_, has_label(kFailing)), Ids());
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, UnreadRows, testing::ValuesIn(listed_kernels()), kernel_name);

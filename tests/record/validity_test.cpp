@@ -1,18 +1,15 @@
 // index_is_valid() holds for an index after ordinary calls, and notices each broken invariant.
 #include "store/validity.h"
 
-#include <functional>
-
-#include "support/host.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
 
 // An index that has a value in every field.
-class Full : public Index {
+class Full : public Sealed {
  public:
-  Full() : Index(2) {
-    seal(*this, 2, {4, 1, 4}, {1, -2, 3, 4, 5, 6}, {{1}, {0}, {3}});
+  Full() : Sealed(2, {4, 1, 4}, {1, -2, 3, 4, 5, 6}, {{1}, {0}, {3}}) {
     insert(*this, {4, 9}, {1, 2, 3, 4});
     delete_ids(*this, {1, 9});
     set_rowmeta(*this, {4}, {5}, {6}, 1);
@@ -22,13 +19,9 @@ class Full : public Index {
 };
 
 TEST(Validity, HoldsAfterOrdinaryCalls) {
-  const Index empty(3);
-  EXPECT_TRUE(qx::index_is_valid(*empty));
-  const Index without_rows(3);
-  seal(without_rows, 2, {}, {});
-  EXPECT_TRUE(qx::index_is_valid(*without_rows));
-  const Full full;
-  EXPECT_TRUE(qx::index_is_valid(*full));
+  EXPECT_TRUE(qx::index_is_valid(*Index(3)));
+  EXPECT_TRUE(qx::index_is_valid(*Sealed(2, {}, {})));
+  EXPECT_TRUE(qx::index_is_valid(*Full()));
 }
 
 // Breaks an invariant, and puts it right for the release of the index.
@@ -95,16 +88,11 @@ TEST(Validity, NoticesABrokenDelta) {
   expect_noticed(index, index.delta_vectors.length, -1, "a length below 0");
 }
 
-TEST(Validity, NoticesBrokenMetadata) {
+TEST(Validity, NoticesBrokenMetadataAndABrokenIvf) {
   const Full full;
   QxIndex& index = *full;
   expect_noticed(index, index.meta_ncols, -1, "a number of columns below 0");
   expect_noticed(index, index.meta_ncols, 2, "a column without a map");
-}
-
-TEST(Validity, NoticesABrokenIvf) {
-  const Full full;
-  QxIndex& index = *full;
   expect_noticed(index, index.ivf_list.length, 1, "a key without its structure");
   expect_noticed(index, *index.ivf_map.find(8), 0, "two keys of one structure");
   expect_noticed(index, index.ivf_list.data[1].list_ids.capacity, 0, "an array of a structure");
