@@ -1,97 +1,70 @@
-// What the engine asks of the heap: what it owns, what it gives back, which calls allocate, and how
-// every failed allocation ends the process.
-#include <gtest/gtest.h>
+// What the engine asks of the heap: which calls allocate, what it gives back, and how every failed
+// allocation ends the process.
 #include <unistd.h>
 
 #include "allocation/scenario.h"
-#include "qx_runtime.h"
-#include "support/child.h"
+#include "support/cases.h"
 #include "support/heap.h"
 
+namespace qx_test {
 namespace {
 
-using qx_test::ChildEnd;
-using qx_test::HeapLog;
-using qx_test::record_heap;
-using qx_test::run_in_child;
-using qx_test::Scenario;
+// An index for a scenario, without a use of the recorded heap by the host.
+class Heap : public testing::Test {
+ protected:
+  Scenario scenario_;
+  const Index index_{Scenario::kDim};
+};
 
-TEST(Heap, ANewIndexOwnsOneBlock) {
-  QxIndex* index = nullptr;
-  const HeapLog made = record_heap([&] { index = qx_index_new(100, 0); });
-  const std::vector<const void*> the_record = {index};
-  EXPECT_EQ(made.still_held, the_record);
-  EXPECT_EQ(record_heap([&] { qx_index_free(index); }).releases, the_record);
-}
-
-TEST(Heap, FreeReturnsTheProcessToWhereItWas) {
-  Scenario scenario;
-  const HeapLog log = record_heap([&] { scenario.play(); });
+TEST_F(Heap, FreeReturnsTheProcessToWhereItWas) {
+  const HeapLog log = record_heap([&] { scenario_.play(); });
   EXPECT_GT(log.allocations, 40);
   EXPECT_EQ(log.still_held.size(), 0u);
 }
 
-TEST(Heap, ABuildOfNothingSucceedsWithoutABlock) {
-  QxIndex* const index = qx_index_new(Scenario::kDim, 0);
-  std::int32_t result = -1;
+TEST_F(Heap, CallsThatStoreNothingAllocateAndReleaseNothing) {
+  const float* const vectors = scenario_.vectors.data();
+  const std::int64_t bad_ids[] = {3, -1};
+  const std::int64_t large_ids[] = {3, QX_MAX_BASE_ID + 1};
+  const std::int64_t* const ids = scenario_.ids.data();
+  const std::int64_t* const keys = scenario_.part_keys.data();
+  const std::int32_t* const starts = scenario_.part_starts.data();
+  std::int32_t built = -1;
   const HeapLog log = record_heap([&] {
-    result = qx_index_build(index, nullptr, 0, 5, nullptr, nullptr, nullptr, nullptr, 0);
+    qx_index_free(nullptr);
+    qx_index_build(index_, vectors, 2, 2, bad_ids, keys, starts, starts, 1);
+    qx_index_build(index_, vectors, 2, 2, large_ids, keys, starts, starts, 1);
+    qx_index_build(index_, vectors, 2, -1, ids, keys, starts, starts, 1);
+    qx_index_build(index_, vectors, 2, 2, ids, keys, starts, starts, -1);
+    qx_index_insert(index_, vectors, ids, 0);
+    qx_index_delete(index_, ids, -1);
+    qx_index_set_rowmeta(index_, ids, nullptr, nullptr, 0, 0);
+    qx_index_clear_ivf(index_);
+    built = qx_index_build(index_, nullptr, 0, 5, nullptr, nullptr, nullptr, nullptr, 0);
   });
-  EXPECT_EQ(result, 0);
+  EXPECT_EQ(built, 0);
   EXPECT_EQ(log.allocations, 0);
-  EXPECT_EQ(qx_index_sealed(index), 1u);
-  qx_index_free(index);
+  EXPECT_EQ(log.releases.size(), 0u);
 }
 
-TEST(Heap, ClearingIvfGivesItsBlocksBack) {
+TEST_F(Heap, ReadsAllocateNothingButAnIvfSearchOneArrayThatItReleases) {
+  for (const std::int64_t arrays : {0, 1}) {
+    EXPECT_EQ(record_heap([&] { scenario_.read_without_ivf(index_); }).allocations, 0);
+    const HeapLog log = record_heap([&] { scenario_.search_ivf(index_); });
+    EXPECT_EQ(log.allocations, arrays);
+    EXPECT_EQ(log.still_held.size(), 0u);
+    if (arrays == 0) scenario_.write(index_);
+  }
+}
+
+// How the process ends where an allocation of the whole life of an index fails.
+ChildEnd end_by_failure(std::int64_t number, bool from_then_on, bool standard_error_closed) {
   Scenario scenario;
-  QxIndex* const index = qx_index_new(Scenario::kDim, 0);
-  const HeapLog log = record_heap([&] {
-    for (std::int64_t key = 0; key < 10; ++key) {
-      qx_index_set_ivf(index, key % 6, 2, 2, scenario.vectors.data(), scenario.ids.data(),
-                       scenario.list_offsets.data(), Scenario::kRows);
-    }
-    qx_index_clear_ivf(index);
+  return run_in_child([&] {
+    alarm(60);  // which would end a hang, and not by a trap
+    if (standard_error_closed) close(STDERR_FILENO);
+    with_failing_allocation(number, from_then_on, [&] { scenario.play(); });
   });
-  EXPECT_EQ(log.still_held.size(), 0u);
-  qx_index_free(index);
-}
-
-TEST(Heap, ReadsAllocateNothing) {
-  Scenario scenario;
-  QxIndex* const index = qx_index_new(Scenario::kDim, 0);
-  EXPECT_EQ(record_heap([&] { scenario.read_without_ivf(index); }).allocations, 0);
-  scenario.write(index);
-  EXPECT_EQ(record_heap([&] { scenario.read_without_ivf(index); }).allocations, 0);
-  qx_index_free(index);
-}
-
-TEST(Heap, AnIvfSearchAllocatesOneArrayAndReleasesIt) {
-  Scenario scenario;
-  QxIndex* const index = qx_index_new(Scenario::kDim, 0);
-  EXPECT_EQ(record_heap([&] { scenario.search_ivf(index); }).allocations, 0);
-  scenario.write(index);
-  const HeapLog log = record_heap([&] { scenario.search_ivf(index); });
-  EXPECT_EQ(log.allocations, 1);
-  EXPECT_EQ(log.still_held.size(), 0u);
-  qx_index_free(index);
-}
-
-TEST(Heap, MutationsThatCarryNoRowAllocateNothing) {
-  Scenario scenario;
-  QxIndex* const index = qx_index_new(Scenario::kDim, 0);
-  const HeapLog log = record_heap([&] {
-    qx_index_insert(index, scenario.vectors.data(), scenario.ids.data(), 0);
-    qx_index_delete(index, scenario.ids.data(), -1);
-    qx_index_set_rowmeta(index, scenario.ids.data(), nullptr, nullptr, 0, 0);
-  });
-  EXPECT_EQ(log.allocations, 0);
-  qx_index_free(index);
-}
-
-void expect_allocation_end(const ChildEnd& end, std::int64_t number) {
-  EXPECT_TRUE(end.trapped) << "allocation " << number;
-  EXPECT_TRUE(qx_test::is_allocation_line(end.standard_error)) << end.standard_error;
 }
 
 TEST(FailedAllocation, EndsTheProcessWithItsLineWhereverItHappens) {
@@ -99,48 +72,28 @@ TEST(FailedAllocation, EndsTheProcessWithItsLineWhereverItHappens) {
   const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
   for (std::int64_t number = 1; number <= allocations; ++number) {
     for (const bool from_then_on : {false, true}) {
-      expect_allocation_end(run_in_child([&] {
-                              qx_test::with_failing_allocation(number, from_then_on,
-                                                               [&] { scenario.play(); });
-                            }),
-                            number);
-    }
-  }
-}
-
-TEST(FailedAllocation, NoMoreThanTheWholeLifeAllocates) {
-  Scenario scenario;
-  const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
-  const ChildEnd end = run_in_child(
-      [&] { qx_test::with_failing_allocation(allocations + 1, true, [&] { scenario.play(); }); });
-  EXPECT_EQ(end.exit_status, 0);
-  EXPECT_EQ(end.standard_error, "");
-}
-
-TEST(FailedAllocation, TrapsAlsoWhenStandardErrorIsClosed) {
-  Scenario scenario;
-  const std::int64_t allocations = record_heap([&] { scenario.play(); }).allocations;
-  for (std::int64_t number = 1; number <= allocations; ++number) {
-    for (const bool from_then_on : {false, true}) {
-      const ChildEnd end = run_in_child([&] {
-        alarm(60);  // which would end a hang, and not by a trap
-        close(STDERR_FILENO);
-        qx_test::with_failing_allocation(number, from_then_on, [&] { scenario.play(); });
-      });
+      const ChildEnd end = end_by_failure(number, from_then_on, false);
       EXPECT_TRUE(end.trapped) << "allocation " << number << ", exit status " << end.exit_status;
-      EXPECT_EQ(end.standard_error, "");
+      EXPECT_TRUE(is_allocation_line(end.standard_error)) << end.standard_error;
+      const ChildEnd silent = end_by_failure(number, from_then_on, true);
+      EXPECT_TRUE(silent.trapped) << "allocation " << number << ", " << silent.exit_status;
+      EXPECT_EQ(silent.standard_error, "");
     }
   }
+  const ChildEnd after_the_last = end_by_failure(allocations + 1, true, false);
+  EXPECT_EQ(after_the_last.exit_status, 0);
+  EXPECT_EQ(after_the_last.standard_error, "");
 }
 
 TEST(FailedAllocation, OfASizeThatNoAddressSpaceHolds) {
   const ChildEnd end = run_in_child([] {
     // dim -2^31 and nlist -2^31 have a product of 2^62 floats; nothing of it is read.
-    QxIndex* const index = qx_index_new(0x80000000u, 0);
     const float centroid = 0.0f;
-    qx_index_set_ivf(index, 1, INT32_MIN, 1, &centroid, nullptr, nullptr, 0);
+    qx_index_set_ivf(Index(0x80000000u), 1, kLowest, 1, &centroid, nullptr, nullptr, 0);
   });
-  expect_allocation_end(end, 2);
+  EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
+  EXPECT_TRUE(is_allocation_line(end.standard_error)) << end.standard_error;
 }
 
 }  // namespace
+}  // namespace qx_test

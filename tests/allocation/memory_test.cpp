@@ -1,24 +1,17 @@
 // Convention 12 of the header: its formula, written out as a host would, against the bytes that the
 // engine has asked the heap for.
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <numeric>
 #include <set>
-#include <vector>
 
-#include "qx_runtime.h"
+#include "support/cases.h"
 #include "support/heap.h"
 #include "support/int64_map.h"
 #include "support/random.h"
 
 namespace qx_test {
 namespace {
-
-using Ids = std::vector<std::int64_t>;
 
 // ---- The formula ----
 
@@ -70,11 +63,11 @@ const std::vector<std::int64_t> kCounts = {0,   1,   2,   3,   4,   5,   6,    7
                                            15,  16,  17,  31,  32,  33,  63,   64,   65,   100, 127,
                                            128, 129, 255, 256, 257, 999, 1023, 1024, 1025, 3000};
 
-// The bytes that an index holds after `calls`.
-std::int64_t bytes_after(std::uint32_t dim, const std::function<void(QxIndex*)>& calls) {
+// The bytes that an index holds besides its own after `calls`.
+std::int64_t bytes_after(std::int64_t dim, const std::function<void(QxIndex*)>& calls) {
   QxIndex* index = nullptr;
   const HeapLog log = record_heap([&] {
-    index = qx_index_new(dim, 0);
+    index = qx_index_new(static_cast<std::uint32_t>(dim), 0);
     calls(index);
   });
   std::vector<const void*> blocks = log.still_held;
@@ -82,63 +75,50 @@ std::int64_t bytes_after(std::uint32_t dim, const std::function<void(QxIndex*)>&
     std::erase(blocks, block);
   }
   for (const void* const block : blocks) std::free(const_cast<void*>(block));  // of earlier builds
-  return log.held_bytes;
+  return log.held_bytes - kIndexBytes;
 }
 
-std::int32_t count32(const Ids& ids) { return static_cast<std::int32_t>(ids.size()); }
-
-Ids ids_from(std::int64_t first, std::int64_t count) {
-  Ids ids(static_cast<std::size_t>(count));
-  std::iota(ids.begin(), ids.end(), first);
-  return ids;
+// Expects an index to hold these. Where it does not, `a` and `b` tell the case.
+void expect_bytes(std::int64_t expected, std::int64_t dim,
+                  const std::function<void(QxIndex*)>& calls, std::int64_t a = 0,
+                  std::int64_t b = 0) {
+  EXPECT_EQ(bytes_after(dim, calls), expected) << a << ", " << b;
 }
 
-std::vector<float> floats_of(std::int64_t count) {
-  return std::vector<float>(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)));
+Floats floats_of(std::int64_t count) { return Floats(static_cast<std::size_t>(at_least_0(count))); }
+
+void build_rows(QxIndex* index, const Ids& ids, std::int32_t dim, std::int32_t n_parts) {
+  const Ints ranges(static_cast<std::size_t>(n_parts));
+  seal(index, dim, ids, floats_of(std::ssize(ids) * dim), {ids_from(0, n_parts), ranges, ranges});
 }
 
-void build(QxIndex* index, const Ids& ids, std::int32_t dim, std::int32_t n_parts) {
-  const std::vector<float> vectors = floats_of(count32(ids) * std::int64_t{dim});
-  const Ids keys = ids_from(0, n_parts);
-  const std::vector<std::int32_t> ranges(static_cast<std::size_t>(n_parts));
-  ASSERT_EQ(qx_index_build(index, vectors.data(), count32(ids), dim, ids.data(), keys.data(),
-                           ranges.data(), ranges.data(), n_parts),
-            0);
+void insert_rows(QxIndex* index, const Ids& ids, std::int64_t dim) {
+  insert(index, ids, floats_of(std::ssize(ids) * dim));
 }
 
-void insert(QxIndex* index, const Ids& ids, std::int64_t dim) {
-  const std::vector<float> vectors = floats_of(count32(ids) * dim);
-  qx_index_insert(index, vectors.data(), ids.data(), count32(ids));
-}
-
-void set_rowmeta(QxIndex* index, const Ids& ids, std::int32_t ncols) {
+void set_columns(QxIndex* index, const Ids& ids, std::int32_t ncols) {
   const Ids values(ids.size() * static_cast<std::size_t>(ncols));
-  ASSERT_EQ(qx_index_set_rowmeta(index, ids.data(), ids.data(), values.data(), ncols, count32(ids)),
-            0);
+  ASSERT_EQ(set_rowmeta(index, ids, ids, values, ncols), 0);
 }
 
-void set_ivf(QxIndex* index, std::int64_t key, std::int32_t dim, std::int32_t nlist,
-             std::int32_t n_ids) {
-  const std::vector<float> centroids = floats_of(std::int64_t{dim} * nlist);
+void attach(QxIndex* index, std::int64_t key, std::int32_t dim, std::int32_t nlist,
+            std::int32_t n_ids) {
   const Ids members(static_cast<std::size_t>(at_least_0(n_ids)));
-  const std::vector<std::int32_t> offsets(static_cast<std::size_t>(at_least_0(nlist + 1)));
-  qx_index_set_ivf(index, key, nlist, 1, centroids.data(), members.data(), offsets.data(), n_ids);
+  const Ints offsets(static_cast<std::size_t>(at_least_0(nlist + 1)));
+  qx_index_set_ivf(index, key, nlist, 1, floats_of(std::int64_t{dim} * nlist).data(),
+                   members.data(), offsets.data(), n_ids);
 }
 
 // ---- Each part of an index ----
-
-TEST(Memory, OfANewIndex) {
-  EXPECT_EQ(bytes_after(7, [](QxIndex*) {}), kIndexBytes);
-}
 
 TEST(Memory, OfABase) {
   for (const std::int64_t n : kCounts) {
     for (const std::int32_t dim : {0, 1, 3, 16, 100}) {
       const std::int64_t first_id = 5 * std::int64_t{dim};
-      EXPECT_EQ(
-          bytes_after(1, [&](QxIndex* index) { build(index, ids_from(first_id, n), dim, dim); }),
-          kIndexBytes + base_bytes(n, dim, n == 0 ? -1 : first_id + n - 1, dim))
-          << n << " rows of " << dim;
+      const auto calls = [&](QxIndex* index) {
+        build_rows(index, ids_from(first_id, n), dim, dim);
+      };
+      expect_bytes(base_bytes(n, dim, n == 0 ? -1 : first_id + n - 1, dim), 1, calls, n, dim);
     }
   }
 }
@@ -148,51 +128,28 @@ TEST(Memory, OfABaseWithRepeatedIds) {
     Ids ids = ids_from(3, n);
     ids.insert(ids.begin(), ids.begin(), ids.begin() + n / 2);
     ids.insert(ids.end(), 4, ids.back());
-    const std::int64_t rows = n + n / 2 + 4;
-    EXPECT_EQ(bytes_after(1, [&](QxIndex* index) { build(index, ids, 2, 0); }),
-              kIndexBytes + base_bytes(rows, 2, n + 2, 0, n / 2 + 4))
-        << n << " ids";
+    const std::int64_t repeated = n / 2 + 4;
+    expect_bytes(
+        base_bytes(n + repeated, 2, n + 2, 0, repeated), 1,
+        [&](QxIndex* index) { build_rows(index, ids, 2, 0); }, n);
   }
-}
-
-TEST(Memory, OfEveryBuild) {
-  EXPECT_EQ(bytes_after(1,
-                        [](QxIndex* index) {
-                          build(index, ids_from(0, 100), 3, 1);
-                          build(index, ids_from(7, 50), 5, 4);
-                        }),
-            kIndexBytes + base_bytes(100, 3, 99, 1) + base_bytes(50, 5, 56, 4));
 }
 
 TEST(Memory, OfADelta) {
   for (const std::int64_t r : kCounts) {
     for (const std::int32_t dim : {-1, 0, 1, 3, 16, 100}) {
-      const auto calls = [&](QxIndex* index) { insert(index, ids_from(-9, r), std::max(dim, 0)); };
-      EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim), calls),
-                kIndexBytes + delta_bytes(r, r * std::max(dim, 0)))
-          << r << " rows of " << dim;
+      const auto calls = [&](QxIndex* index) { insert_rows(index, ids_from(-9, r), dim); };
+      expect_bytes(delta_bytes(r, r * std::max(dim, 0)), dim, calls, r, dim);
     }
   }
 }
 
 TEST(Memory, OfADeltaOfSeveralDimensions) {
-  EXPECT_EQ(bytes_after(6,
-                        [](QxIndex* index) {
-                          insert(index, ids_from(0, 10), 6);
-                          build(index, {}, 4, 0);
-                          insert(index, ids_from(5, 10), 4);  // five of them are there already
-                        }),
-            kIndexBytes + delta_bytes(15, 10 * 6 + 5 * 4));
-}
-
-TEST(Memory, OfTombstones) {
-  for (const std::int64_t t : kCounts) {
-    const Ids ids = ids_from(1000, t);
-    EXPECT_EQ(
-        bytes_after(3, [&](QxIndex* index) { qx_index_delete(index, ids.data(), count32(ids)); }),
-        kIndexBytes + M(t))
-        << t;
-  }
+  expect_bytes(delta_bytes(15, 10 * 6 + 5 * 4), 6, [](QxIndex* index) {
+    insert_rows(index, ids_from(0, 10), 6);
+    build_rows(index, {}, 4, 0);
+    insert_rows(index, ids_from(5, 10), 4);  // five of them are there already
+  });
 }
 
 // A map whose slots widen from 2^6 on stands for the engine's, whose do from 2^29 on.
@@ -210,32 +167,19 @@ TEST(Memory, OfATableOfManyKeys) {
 TEST(Memory, OfMetadata) {
   for (const std::int64_t m : kCounts) {
     for (const std::int32_t ncols : {0, 1, 2, 3, 5, 17}) {
-      EXPECT_EQ(bytes_after(3, [&](QxIndex* index) { set_rowmeta(index, ids_from(3, m), ncols); }),
-                kIndexBytes + metadata_bytes(
-                                  m, std::vector<std::int64_t>(static_cast<std::size_t>(ncols), m)))
-          << m << " ids, " << ncols << " columns";
+      const auto calls = [&](QxIndex* index) { set_columns(index, ids_from(3, m), ncols); };
+      expect_bytes(metadata_bytes(m, Ids(static_cast<std::size_t>(ncols), m)), 3, calls, m, ncols);
     }
   }
-}
-
-TEST(Memory, OfMetadataWhoseColumnsCameLater) {
-  EXPECT_EQ(bytes_after(3,
-                        [](QxIndex* index) {
-                          set_rowmeta(index, ids_from(0, 100), 1);
-                          set_rowmeta(index, ids_from(50, 100), 2);  // ids 50 to 149
-                          set_rowmeta(index, {}, 3);
-                        }),
-            kIndexBytes + metadata_bytes(150, {150, 100, 0}));
 }
 
 TEST(Memory, OfIvfStructures) {
   for (const std::int64_t s : kCounts) {
     if (s > 300) continue;  // the heap log records no more allocations
     const auto calls = [&](QxIndex* index) {
-      for (std::int64_t key = 0; key < s; ++key) set_ivf(index, key * 7, 3, 5, 11);
+      for (std::int64_t key = 0; key < s; ++key) attach(index, key * 7, 3, 5, 11);
     };
-    EXPECT_EQ(bytes_after(3, calls), kIndexBytes + ivf_table_bytes(s) + s * ivf_bytes(3, 5, 11))
-        << s;
+    expect_bytes(ivf_table_bytes(s) + s * ivf_bytes(3, 5, 11), 3, calls, s);
   }
 }
 
@@ -244,10 +188,8 @@ TEST(Memory, OfIvfStructuresOfAnyShape) {
     for (const std::int32_t nlist : {-1, 0, 1, 5, 100}) {
       if (dim < 0 && nlist < 0) continue;  // their product is above 0, and so is read
       for (const std::int32_t n_ids : {-1, 0, 1, 1000}) {
-        EXPECT_EQ(bytes_after(static_cast<std::uint32_t>(dim),
-                              [&](QxIndex* index) { set_ivf(index, 1, dim, nlist, n_ids); }),
-                  kIndexBytes + ivf_table_bytes(1) + ivf_bytes(dim, nlist, n_ids))
-            << dim << " x " << nlist << ", " << n_ids;
+        const auto calls = [&](QxIndex* index) { attach(index, 1, dim, nlist, n_ids); };
+        expect_bytes(ivf_table_bytes(1) + ivf_bytes(dim, nlist, n_ids), dim, calls, nlist, n_ids);
       }
     }
   }
@@ -255,18 +197,19 @@ TEST(Memory, OfIvfStructuresOfAnyShape) {
 
 TEST(Memory, OfIvfStructuresReplacedAndCleared) {
   const auto replaced = [](QxIndex* index) {
-    for (std::int64_t key = 0; key < 9; ++key) set_ivf(index, key, 3, 5, 11);
-    set_ivf(index, 4, 3, 100, 1000);
+    for (std::int64_t key = 0; key < 9; ++key) attach(index, key, 3, 5, 11);
+    attach(index, 4, 3, 100, 1000);
   };
-  EXPECT_EQ(bytes_after(3, replaced),
-            kIndexBytes + ivf_table_bytes(9) + 8 * ivf_bytes(3, 5, 11) + ivf_bytes(3, 100, 1000));
-  EXPECT_EQ(bytes_after(3,
-                        [&](QxIndex* index) {
-                          replaced(index);
-                          qx_index_clear_ivf(index);
-                          set_ivf(index, 4, 3, 2, 2);
-                        }),
-            kIndexBytes + ivf_table_bytes(1) + ivf_bytes(3, 2, 2));
+  expect_bytes(ivf_table_bytes(9) + 8 * ivf_bytes(3, 5, 11) + ivf_bytes(3, 100, 1000), 3, replaced);
+  const auto cleared = [&](QxIndex* index) {
+    replaced(index);
+    qx_index_clear_ivf(index);
+  };
+  expect_bytes(0, 3, cleared);
+  expect_bytes(ivf_table_bytes(1) + ivf_bytes(3, 2, 2), 3, [&](QxIndex* index) {
+    cleared(index);
+    attach(index, 4, 3, 2, 2);
+  });
 }
 
 // ---- Any order ----
@@ -277,10 +220,10 @@ struct CallSequence {
 
   QxIndex* index;
   Random& random;
-  std::set<std::int64_t> inserted;
-  std::set<std::int64_t> deleted;
-  std::set<std::int64_t> with_metadata;
-  std::vector<std::set<std::int64_t>> columns;
+  std::set<std::int64_t> inserted = {};
+  std::set<std::int64_t> deleted = {};
+  std::set<std::int64_t> with_metadata = {};
+  std::vector<std::set<std::int64_t>> columns = {};
   std::int64_t bytes_of_builds = 0;
 
   void play() {
@@ -291,9 +234,8 @@ struct CallSequence {
   std::int64_t bytes() const {
     std::vector<std::int64_t> column_ids;
     for (const std::set<std::int64_t>& ids : columns) column_ids.push_back(std::ssize(ids));
-    return kIndexBytes + bytes_of_builds +
-           delta_bytes(std::ssize(inserted), std::ssize(inserted) * kDim) + M(std::ssize(deleted)) +
-           metadata_bytes(std::ssize(with_metadata), column_ids);
+    return bytes_of_builds + delta_bytes(std::ssize(inserted), std::ssize(inserted) * kDim) +
+           M(std::ssize(deleted)) + metadata_bytes(std::ssize(with_metadata), column_ids);
   }
 
   // Ids that repeat within the call and between calls, in any order.
@@ -307,23 +249,23 @@ struct CallSequence {
     const Ids ids = draw_ids();
     const std::int64_t choice = random.between(0, 9);
     if (choice < 4) {
-      insert(index, ids, kDim);
+      insert_rows(index, ids, kDim);
       inserted.insert(ids.begin(), ids.end());
     } else if (choice < 7) {
-      qx_index_delete(index, ids.data(), count32(ids));
+      delete_ids(index, ids);
       deleted.insert(ids.begin(), ids.end());
     } else if (choice < 9) {
       set_metadata(ids);
     } else {
       const std::int64_t n = random.between(0, 40);
-      build(index, ids_from(n, n), kDim, 2);
+      build_rows(index, ids_from(n, n), kDim, 2);
       bytes_of_builds += base_bytes(n, kDim, n == 0 ? -1 : 2 * n - 1, 2);
     }
   }
 
   void set_metadata(const Ids& ids) {
     if (random.percent(30)) columns.emplace_back();
-    set_rowmeta(index, ids, static_cast<std::int32_t>(columns.size()));
+    set_columns(index, ids, static_cast<std::int32_t>(columns.size()));
     with_metadata.insert(ids.begin(), ids.end());
     for (std::set<std::int64_t>& column : columns) column.insert(ids.begin(), ids.end());
   }
@@ -333,16 +275,12 @@ TEST(Memory, AfterRandomCalls) {
   Random random(12);
   for (int number = 0; number < 300; ++number) {
     std::int64_t expected = 0;
-    const std::int64_t bytes = bytes_after(CallSequence::kDim, [&](QxIndex* index) {
-      CallSequence sequence{.index = index,
-                            .random = random,
-                            .inserted = {},
-                            .deleted = {},
-                            .with_metadata = {},
-                            .columns = {}};
+    const auto calls = [&](QxIndex* index) {
+      CallSequence sequence{.index = index, .random = random};
       sequence.play();
       expected = sequence.bytes();
-    });
+    };
+    const std::int64_t bytes = bytes_after(CallSequence::kDim, calls);
     ASSERT_EQ(bytes, expected) << "call sequence " << number;
   }
 }

@@ -1,25 +1,13 @@
 // How much of the calling thread's stack the reads use: no more than the header says.
 #include <pthread.h>
 
-#include <cstdint>
 #include <cstring>
 #include <functional>
-#include <numeric>
-#include <vector>
 
-#include "gtest/gtest.h"
-#include "qx_runtime.h"
 #include "read/row_bitmap.h"
+#include "support/cases.h"
 
-// Sanitizers give frames a size of their own.
-#if defined(__SANITIZE_ADDRESS__)
-#define QX_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define QX_SANITIZED 1
-#endif
-#endif
-
+namespace qx_test {
 namespace {
 
 constexpr std::size_t kKiB = 1024;
@@ -59,73 +47,51 @@ class Stack : public testing::Test {
   static constexpr std::int32_t kDim = 16;
 
   void SetUp() override {
-#if defined(QX_SANITIZED)
+#if defined(QX_TEST_ADDRESS_SANITIZER)
     GTEST_SKIP() << "sanitizers give frames a size of their own";
 #endif
-    std::iota(ids_.begin(), ids_.end(), 0);
     ids_[5] = 6;
     for (std::size_t i = 0; i < vectors_.size(); ++i) {
       vectors_[i] = static_cast<float>(i * 7919 % 2001) / 100.0f;
     }
-    for (std::size_t i = 0; i < labels_.size(); ++i) labels_[i] = static_cast<std::int64_t>(i % 50);
+    for (std::int64_t& label : labels_) label %= 50;
     const std::int32_t offsets[] = {0, kRows / 2, kRows};
-    ASSERT_EQ(qx_index_build(index_, vectors_.data(), kRows, kDim, ids_.data(), nullptr, nullptr,
-                             nullptr, 0),
-              0);
+    seal(index_, kDim, ids_, vectors_);
     qx_index_insert(index_, vectors_.data(), ids_.data(), 200);
     qx_index_delete(index_, ids_.data() + 5000, 200);
     qx_index_set_rowmeta(index_, ids_.data(), labels_.data(), nullptr, 0, kRows);
     qx_index_set_ivf(index_, 1, 2, 2, vectors_.data(), ids_.data(), offsets, kRows);
   }
-  void TearDown() override { qx_index_free(index_); }
 
- public:  // for the functions of threads
-  QxIndex* index_ = qx_index_new(kDim, 0);
-  std::vector<float> vectors_ = std::vector<float>(std::size_t{kRows} * kDim);
-  std::vector<std::int64_t> ids_ = std::vector<std::int64_t>(kRows);
-  std::vector<std::int64_t> labels_ = std::vector<std::int64_t>(kRows);
-  std::vector<float> out_vectors_ = std::vector<float>(2 * std::size_t{kRows} * kDim);
-  std::vector<std::int64_t> out_ids_ = std::vector<std::int64_t>(2 * std::size_t{kRows});
-  std::vector<float> out_scores_ = std::vector<float>(2 * std::size_t{kRows});
+  const Index index_{kDim};
+  Floats vectors_ = Floats(std::size_t{kRows} * kDim);
+  Ids ids_ = ids_from(0, kRows);
+  Ids labels_ = ids_from(0, kRows);
+  Floats out_vectors_ = Floats(2 * std::size_t{kRows} * kDim);
+  Ids out_ids_ = Ids(2 * std::size_t{kRows});
+  Floats out_scores_ = Floats(2 * std::size_t{kRows});
 };
+
+void expect_stack(const std::function<void()>& call, std::size_t least, std::size_t most) {
+  const std::size_t used = stack_of(call);
+  EXPECT_GT(used, least);  // the measurement sees what the call has there
+  EXPECT_LE(used, most);
+}
 
 TEST_F(Stack, OfWalks) {
   std::int64_t* const ids = out_ids_.data();
   float* const scores = out_scores_.data();
+  const float* const query = vectors_.data();
   const std::function<void()> calls[] = {
       [&] { qx_index_visible_count(index_); },
       [&] { qx_index_visible_ids(index_, ids); },
       [&] { qx_index_export_visible(index_, out_vectors_.data(), ids); },
       [&] { qx_index_match_ids(index_, 1, 0, 7, ids); },
       [&] { qx_index_match_ids(index_, 1, 0, -1, ids); },
-      [&] { qx_index_search_filtered(index_, 0, 0, 0, vectors_.data(), 10, ids, scores); },
-      [&] { qx_index_search_filtered(index_, 1, 0, 7, vectors_.data(), 1000, ids, scores); },
-      [&] { qx_index_search_filtered(index_, 1, 0, -1, vectors_.data(), 5000, ids, scores); }};
-  for (const auto& call : calls) {
-    const std::size_t used = stack_of(call);
-    EXPECT_GT(used,
-              qx::RowBitmap::kMaxRows / 8);  // the bits of the rows: the measurement sees them
-    EXPECT_LE(used, 96 * kKiB);
-  }
-}
-
-// Threads of the smallest stacks that hosts give them: every call fits, with room for the host.
-TEST_F(Stack, OfAnyCallLeavesAThreadOf128KiBToItsHost) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 128 * kKiB), 0);
-  const auto search = [](void* test) -> void* {
-    auto* const self = static_cast<Stack*>(test);
-    qx_index_search_filtered(self->index_, 1, 0, -1, self->vectors_.data(), 5000,
-                             self->out_ids_.data(), self->out_scores_.data());
-    return qx_index_visible_count(self->index_) > 0 ? test : nullptr;
-  };
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, &attributes, search, this), 0);
-  void* result = nullptr;
-  pthread_join(thread, &result);
-  pthread_attr_destroy(&attributes);
-  EXPECT_EQ(result, this);
+      [&] { qx_index_search_filtered(index_, 0, 0, 0, query, 10, ids, scores); },
+      [&] { qx_index_search_filtered(index_, 1, 0, 7, query, 1000, ids, scores); },
+      [&] { qx_index_search_filtered(index_, 1, 0, -1, query, 5000, ids, scores); }};
+  for (const auto& call : calls) expect_stack(call, qx::RowBitmap::kMaxRows / 8, 96 * kKiB);
 }
 
 TEST_F(Stack, OfOtherSearches) {
@@ -133,20 +99,15 @@ TEST_F(Stack, OfOtherSearches) {
   float* const scores = out_scores_.data();
   const float* const query = vectors_.data();
   for (const std::int32_t k : {1, 10, 48, 100, 5000}) {
+    const auto unsigned_k = static_cast<std::uint32_t>(k);
     const std::function<void()> calls[] = {
         [&] { qx_index_search_full(index_, query, k, ids, scores); },
         [&] { qx_index_scatter_topk(index_, ids_.data(), kRows, query, k, ids, scores); },
-        [&] {
-          qx_index_search_mvcc(index_, ids_.data(), kRows, query, static_cast<std::uint32_t>(k),
-                               ids, scores);
-        },
+        [&] { qx_index_search_mvcc(index_, ids_.data(), kRows, query, unsigned_k, ids, scores); },
         [&] { qx_index_search_ivf(index_, 1, query, k, ids, scores); }};
-    for (const auto& call : calls) {
-      const std::size_t used = stack_of(call);
-      EXPECT_GT(used, 16 * kKiB);
-      EXPECT_LE(used, 48 * kKiB);
-    }
+    for (const auto& call : calls) expect_stack(call, 16 * kKiB, 48 * kKiB);
   }
 }
 
 }  // namespace
+}  // namespace qx_test
