@@ -10,20 +10,19 @@ shift 2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 passed=0
-
-compile() {
-  "$compiler" -std=c++20 -DNDEBUG -Iinclude "$@"
-}
 contract=(-ffp-contract=off -DQX_FP_CONTRACT_OFF)
-
-# build_player ENGINE PROGRAM OPTION...: builds the tests with an engine of these options.
-build_player() {
-  local engine=$1 program=$2
-  shift 2
-  compile "${contract[@]}" -I"$engine" "$@" "$engine"/*/*.cpp "${links[@]}" \
-    -o "$program"
-}
 links=("$@" -lgtest -lpthread)
+
+fail() { echo "compilations_test: $*" >&2; exit 1; }
+compile() { "$compiler" -std=c++20 -DNDEBUG -Iinclude "$@"; }
+# build_player ENGINE OPTION...: builds the tests with an engine of these options.
+build_player() { compile "${contract[@]}" -I"$1" "${@:2}" "$1"/*/*.cpp "${links[@]}" -o "$work/player"; }
+plays() { "$work/player" --gtest_brief=1 --count 250 "$@" >"$work/log" 2>&1; }
+# expect_to_play WAY
+expect_to_play() {
+  plays || { tail -n 40 "$work/log" >&2; fail "$1 fails"; }
+  passed=$((passed + 1))
+}
 
 # A clang without a linker for it cannot optimise at link time.
 ways=("-O0" "-O1" "-O2" "-O3" "-Os" "-O3 -march=native")
@@ -35,36 +34,29 @@ else
 fi
 for way in "${ways[@]}"; do
   # shellcheck disable=SC2086  # the way is a list of options
-  build_player engine "$work/player" $way
-  "$work/player" --gtest_brief=1 --count 250 >"$work/log" ||
-    { tail -n 40 "$work/log" >&2; echo "compilations_test: $way fails" >&2; exit 1; }
-  passed=$((passed + 1))
+  build_player engine $way
+  expect_to_play "$way"
 done
 
 # All sources as one unit, where each instruction set must keep to its own namespace.
 printf '#include "%s"\n' engine/*/*.cpp >"$work/one_unit.cpp"
-compile "${contract[@]}" -Iengine -I. -O2 "$work/one_unit.cpp" "${links[@]}" -o "$work/one_unit"
-"$work/one_unit" --gtest_brief=1 --count 250 >"$work/log" ||
-  { tail -n 40 "$work/log" >&2; echo "compilations_test: one unit fails" >&2; exit 1; }
-passed=$((passed + 1))
+compile "${contract[@]}" -Iengine -I. -O2 "$work/one_unit.cpp" "${links[@]}" -o "$work/player"
+expect_to_play "one unit"
 
 # The call sequences notice an engine that computes in whatever environment the host has set.
 cp -r engine "$work/careless"
 sed -i '/^  const DefaultFpEnvironment environment;$/d' "$work/careless/support/fp_environment.h"
-! diff -r engine "$work/careless" >/dev/null || { echo "compilations_test: no fault planted" >&2; exit 1; }
-build_player "$work/careless" "$work/careless_player" -O2
-! "$work/careless_player" --gtest_brief=1 --count 250 --trace >"$work/log" 2>&1 ||
-  { echo "compilations_test: the call sequences do not notice the host's environment" >&2; exit 1; }
+! diff -r engine "$work/careless" >/dev/null || fail "no fault planted"
+build_player "$work/careless" -O2
+! plays --trace || fail "the call sequences do not notice the host's environment"
 passed=$((passed + 1))
 
 # refuses TEXT OPTION...: the compiler must refuse the engine, and say this.
 refuses() {
   local text=$1
   shift
-  if compile -Iengine -fsyntax-only "$@" engine/kernels/portable.cpp 2>"$work/log"; then
-    echo "compilations_test: the engine compiles with $*" >&2
-    exit 1
-  fi
+  ! compile -Iengine -fsyntax-only "$@" engine/kernels/portable.cpp 2>"$work/log" ||
+    fail "the engine compiles with $*"
   grep -q "$text" "$work/log" || { cat "$work/log" >&2; exit 1; }
   passed=$((passed + 1))
 }

@@ -11,42 +11,28 @@ nm=${NM:-nm}
 here=$(dirname "$0")
 failed=0
 
-# Prints the differences between a stored list and the names on standard input.
-compare() {
-  if ! diff "$here/$1" - >&2; then
-    echo "library_test: $2 (< stored, > found)" >&2
-    failed=1
-  fi
-}
+wrong() { echo "library_test: $*" >&2; failed=1; }
 
 # The sanitizers add symbols of their own; the rest of a sanitized library is checked all the same.
 "$nm" --dynamic --defined-only --format=posix "$library" | awk '{ print $1 }' | sort |
   { [ "$sanitized" = 1 ] && grep '^qx_' || cat; } |
-  compare exported_symbols.txt "the exported symbols differ from the stored list"
+  diff "$here/exported_symbols.txt" - >&2 ||
+  wrong "the exported symbols differ from the stored list (< stored, > found)"
 
 soname=$(readelf --dynamic "$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
-if [ "$soname" != "$expected_soname" ]; then
-  echo "library_test: the SONAME is '$soname'" >&2
-  failed=1
-fi
+[ "$soname" = "$expected_soname" ] || wrong "the SONAME is '$soname'"
 [ "$sanitized" = 1 ] && exit $failed
 
 # Everything that the library may call: the heap, blocks of memory, and one line to standard error.
 # No thread, lock, file or socket function is among them.
 unexpected=$("$nm" --dynamic --undefined-only --format=posix "$library" |
   awk '$2 == "U" { sub("@.*", "", $1); print $1 }' | sort | comm -13 "$here/imported_symbols.txt" -)
-if [ -n "$unexpected" ]; then
-  echo "library_test: it imports what it may not call:" $unexpected >&2
-  failed=1
-fi
+[ -z "$unexpected" ] || wrong "it imports what it may not call:" $unexpected
 
 for needed in $(readelf --dynamic "$library" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p'); do
   case $needed in
     libc.so.* | libm.so.* | libgcc_s.so.* | libstdc++.so.* | ld-linux*) ;;
-    *)
-      echo "library_test: it links $needed" >&2
-      failed=1
-      ;;
+    *) wrong "it links $needed" ;;
   esac
 done
 exit $failed
