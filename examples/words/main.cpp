@@ -1,96 +1,199 @@
-// Searches English words by meaning with the qx_runtime library. See README.md beside this file.
+// Searches English words by meaning with the qx_runtime library: the command line, the way through
+// the program, and the prompt, which has the same language. See README.md beside this file.
 #include <unistd.h>
 
-#include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <iostream>
+#include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "answers.h"
-#include "options.h"
-#include "prompt.h"
-#include "query.h"
-#include "report.h"
+#include "answer.h"
 #include "text.h"
 #include "tour.h"
-#include "word_search.h"
-#include "word_vectors.h"
+#include "word_index.h"
 
 namespace {
 
-constexpr int kExitFailure = 1;
-constexpr int kExitBadInput = 2;
+constexpr const char* kHelp =
+    R"(usage: ./demo [WORD | WORD - WORD + WORD ...] [options]
 
-using Clock = std::chrono::steady_clock;
+Searches English words by meaning with the qx_runtime library: each word has a vector, and the
+inner product of two of them says how alike the words are.
 
-std::string seconds_since(Clock::time_point start) {
-  return time_text(std::chrono::duration<double, std::nano>(Clock::now() - start).count());
+  ./demo                        a tour of what the library does; on a terminal, then a prompt
+  ./demo king                   the words nearest to "king": exact, by IVF, and by first letter
+  ./demo king - man + woman     the words nearest to a sum
+  ./demo --like king --letter q the words nearest to "king" that begin with q
+
+  --like WORD     the same as WORD alone
+  --letter L      only words that begin with L: a to z, or # for everything else
+  --length N      only words of N characters
+  --without WORD  delete WORD first; may be given several times
+  --insert WORD   insert a deleted WORD again
+  --k N           show N neighbours, 1 to 1000 (10; the tour 5)
+  --nprobe N      scan the N nearest IVF lists (a tenth of the lists)
+  --prompt        no tour, only the prompt: words and options, on lines of standard input
+  --full          all 341,479 words, not only the 20,000 most frequent; fetched on first use
+  --data FILE     other words: a file as data/README.md describes, or JSON as --full fetches
+  --help          this text)";
+
+struct Options {
+  bool help = false;
+  bool check_only = false;  // end once the options are understood
+  bool full = false;
+  bool prompt = false;
+  std::optional<std::string> data;  // the file of words, if none of the project's
+  std::string text;  // what to look for; empty for the tour, the prompt, or a mere change
+  std::optional<std::int64_t> k;
+  std::optional<std::int64_t> nprobe;
+  std::optional<std::int64_t> letter;  // only words with this letter
+  std::optional<std::int64_t> length;  // only words of so many characters
+  std::vector<std::string> without;    // deleted first
+  std::vector<std::string> insert;     // then inserted
+};
+
+using Text = const std::string&;
+
+const std::map<std::string, bool Options::*> kFlags = {{"--help", &Options::help},
+                                                       {"-h", &Options::help},
+                                                       {"--full", &Options::full},
+                                                       {"--prompt", &Options::prompt},
+                                                       {"--check-options", &Options::check_only}};
+
+void add_words(Options& options, Text words) {
+  if (words.empty()) throw UserError("a word is empty");
+  options.text += (options.text.empty() ? "" : " ") + words;
 }
 
-// The build system names the two files that belong to the project.
-std::string data_path(const Options& options) {
-  if (!options.data.empty()) return options.data;
-  return options.full ? QX_WORDS_FULL : QX_WORDS_SAMPLE;
+const std::map<std::string, void (*)(Options&, Text)> kSetters = {
+    {"--like", add_words},
+    {"--data", [](Options& o, Text text) { o.data = text; }},
+    {"--letter", [](Options& o, Text text) { o.letter = parse_letter(text); }},
+    {"--without", [](Options& o, Text text) { o.without.push_back(text); }},
+    {"--insert", [](Options& o, Text text) { o.insert.push_back(text); }},
+    {"--length", [](Options& o, Text text) { o.length = parse_number("--length", text, 1, 1000); }},
+    {"--k", [](Options& o, Text text) { o.k = parse_number("--k", text, 1, 1000); }},
+    {"--nprobe",
+     [](Options& o, Text text) { o.nprobe = parse_number("--nprobe", text, 1, 999999); }}};
+
+void check_combinations(const Options& options) {
+  const bool word = !options.text.empty();
+  if (options.full && options.data) throw UserError("--full and --data exclude each other");
+  if (options.prompt && word) throw UserError("--prompt takes no word");
+  if (!word && options.letter) throw UserError("--letter needs a word to look for");
+  if (!word && options.length) throw UserError("--length needs a word to look for");
 }
 
-WordVectors load(const Options& options) {
-  const Clock::time_point start = Clock::now();
-  WordVectors data = load_words(data_path(options));
-  std::printf("%s words of %d numbers read in %s", grouped(std::ssize(data.words)).c_str(),
-              data.dimension, seconds_since(start).c_str());
-  if (data.skipped > 0) std::printf("; %s without a vector skipped", grouped(data.skipped).c_str());
-  std::printf("\n");
-  return data;
+// Throws a UserError if the arguments make no sense.
+Options parse_options(const std::vector<std::string>& arguments) {
+  Options options;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& argument = arguments[i];
+    const std::string name = argument.substr(0, argument.find('='));
+    const bool has_value = name != argument;
+    if (!argument.starts_with("-") || argument == "-") {
+      add_words(options, argument);
+    } else if (kFlags.contains(name)) {
+      if (has_value) throw UserError(name + " takes no value");
+      options.*kFlags.at(name) = true;
+    } else if (!kSetters.contains(name)) {
+      throw UserError("unknown option " + in_quotes(name) + "; ./demo --help lists them all");
+    } else {
+      if (!has_value && ++i == arguments.size()) throw UserError(name + " needs a value");
+      kSetters.at(name)(options, has_value ? argument.substr(name.size() + 1) : arguments[i]);
+    }
+  }
+  if (!options.help) check_combinations(options);
+  return options;
 }
 
-// Builds everything without a word about it, after the words of the command line are known.
-void prepare(WordSearch& search, const Options& options) {
-  std::vector<std::int64_t> deleted;
+Words load(const Options& options) {
+  const char* const own = options.full ? QX_WORDS_FULL : QX_WORDS_SAMPLE;
+  std::optional<Words> words;
+  const double time = time_of(1, [&] { words.emplace(options.data.value_or(own)); });
+  say(grouped(words->size()) + " words of " + std::to_string(words->dim()) + " numbers read in " +
+      time_text(time) +
+      (words->skipped() > 0 ? "; " + grouped(words->skipped()) + " without a vector skipped" : ""));
+  return std::move(*words);
+}
+
+// What is asked for, or a UserError: before long work begins, or a change is made.
+std::optional<Query> check(const Options& options, const Words& words) {
+  for (const std::string& word : options.without) words.require(word);
+  for (const std::string& word : options.insert) words.require(word);
+  if (options.text.empty()) return std::nullopt;
+  return parse_query(options.text, words);
+}
+
+// Makes the changes, and answers.
+void carry_out(WordIndex& search, const Options& options, const std::optional<Query>& query) {
+  const auto nprobe = static_cast<std::int32_t>(options.nprobe.value_or(0));
+  if (nprobe > 0) {
+    show_call("qx_index_set_ivf_nprobe", "", [&] { search.set_nprobe(nprobe); });
+  }
   for (const std::string& word : options.without) {
-    deleted.push_back(search.vocabulary().require(word));
+    const std::int64_t id = search.words.require(word);
+    show_call("qx_index_delete", word, [&] { search.erase(id); });
   }
-  const Clock::time_point start = Clock::now();
-  search.seal();
-  search.attach_metadata();
-  search.attach_ivf(options.probes);
-  std::printf("Base, metadata and %d IVF lists made in %s\n", search.lists().count(),
-              seconds_since(start).c_str());
-  for (const std::int64_t id : deleted) {
-    search.erase(id);
-    print_call(search.log().last(), search.vocabulary().word(id) + " is deleted");
+  for (const std::string& word : options.insert) {
+    const std::int64_t id = search.words.require(word);
+    show_call("qx_index_insert", word, [&] { search.insert(id); });
   }
+  if (query) answer(search, *query, options.k.value_or(10), options.letter, options.length);
 }
 
-int run(const Options& options) {
-  CallLog log;
-  WordSearch search(load(options), log);
-  if (!options.expression.empty()) {
-    Query query = parse_query(options.expression, search);
-    prepare(search, options);
-    print_answer(search, {std::move(query), options.k, options.letter, options.length});
-    return 0;
-  }
-  const bool interactive = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
-  bool correct = true;
-  if (options.prompt) {
-    prepare(search, options);
+// A command on a line of standard input. Returns false when the user quits.
+bool run_line(WordIndex& search, const std::string& line) {
+  const std::vector<std::string> fields = split(line);
+  if (fields.empty()) return true;
+  const std::string only = fields.size() == 1 ? fields[0] : "";
+  if (only == "quit" || only == "exit") return false;
+  const Options options = parse_options(fields);
+  if (options.help || only == "help") {
+    say(kHelp);
+  } else if (line.size() > 1000 || options.full || options.prompt || options.data) {
+    throw UserError("here stand words, and options of searches and changes");
   } else {
-    correct = run_tour(search, {options.k, options.probes});
+    carry_out(search, options, check(options, search.words));
   }
-  if (options.prompt || interactive) run_prompt(search, options.k, interactive);
-  return correct ? 0 : kExitFailure;
+  return true;
 }
 
-int run_command_line(const std::vector<std::string>& arguments) {
-  const Options options = parse_options(arguments);
-  if (options.help) {
-    std::fwrite(help_text().data(), 1, help_text().size(), stdout);
-    return 0;
+// Reads commands until the input ends. One that makes no sense gets a line on standard error.
+void run_prompt(WordIndex& search, bool interactive) {
+  if (interactive) say("\nA word, or a sum such as king - man + woman; help, or quit.");
+  for (std::string line;;) {
+    if (interactive) std::fputs("> ", stdout);
+    std::fflush(stdout);
+    if (!std::getline(std::cin, line)) break;
+    try {
+      if (!run_line(search, line)) return;
+    } catch (const UserError& problem) {
+      std::fflush(stdout);
+      std::fprintf(stderr, "words: %s\n", problem.what());
+    }
   }
-  return options.check_only ? 0 : run(options);
+  if (interactive) say("");
+}
+
+void run(const Options& options) {
+  Words words = load(options);
+  const std::optional<Query> query = check(options, words);
+  std::optional<WordIndex> search;
+  const double time = time_of(1, [&] { search.emplace(std::move(words)); });
+  say("Base, metadata and " + std::to_string(search->lists.count()) + " IVF lists made in " +
+      time_text(time));
+  carry_out(*search, options, query);
+  if (query) return;
+  const bool interactive = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
+  if (!options.prompt) run_tour(*search, options.k.value_or(5));
+  if (options.prompt || interactive) run_prompt(*search, interactive);
 }
 
 }  // namespace
@@ -98,20 +201,23 @@ int run_command_line(const std::vector<std::string>& arguments) {
 int main(int argc, char** argv) {
   // A reader that has seen enough ends the program without a message, whatever the parent set.
   std::signal(SIGPIPE, SIG_DFL);
-  int status = 0;
+  std::setlocale(LC_CTYPE, "C.UTF-8");
   try {
-    status = run_command_line(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+    const Options options = parse_options({argv + (argc > 0 ? 1 : 0), argv + argc});
+    if (options.help) {
+      say(kHelp);
+    } else if (!options.check_only) {
+      run(options);
+    }
   } catch (const UserError& problem) {
     std::fflush(stdout);
     std::fprintf(stderr, "words: %s\n", problem.what());
-    return kExitBadInput;
+    return 2;
   } catch (const std::exception& problem) {
     std::fprintf(stderr, "words: internal error: %s\n", problem.what());
-    return kExitFailure;
+    return 1;
   }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    std::fputs("words: cannot write the output\n", stderr);
-    return kExitFailure;
-  }
-  return status;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+  std::fputs("words: cannot write the output\n", stderr);
+  return 1;
 }

@@ -1,37 +1,37 @@
-// A progress bar for work that takes a while. On a terminal it is one line of standard error,
-// drawn in place and erased at the end; elsewhere a plain line appears every few seconds, and
-// none for short work. Nothing is written to standard output.
-#ifndef WORDS_PROGRESS_H
-#define WORDS_PROGRESS_H
+// How far long work is, on standard error: on a terminal a line that is erased at the end,
+// elsewhere a line every few seconds, and none for short work.
+#pragma once
+
+#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
+#include <cstddef>
+#include <cstdio>
 #include <string>
+#include <utility>
 
 class Progress {
  public:
-  // title  what is being done; total  the amount of work, in any unit, at least 1.
-  Progress(std::string title, std::int64_t total);
-  ~Progress();
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
+  Progress(std::string title, std::size_t total) : title_(std::move(title)), total_(total) {}
+  ~Progress() {
+    if (terminal_) std::fputs("\r\033[K", stderr);
+  }
+  Progress(Progress&&) = delete;
 
-  // Reports how much of the total is done. Cheap enough for an inner loop's outer step.
-  void update(std::int64_t done);
-  // Reports one more unit.
-  void advance() { update(done_ + 1); }
+  void advance() {
+    if (++done_ % 16 != 0 || Clock::now() < next_) return;
+    next_ = Clock::now() + pause_;
+    std::fprintf(stderr, "%s%s: %zu%%%s", terminal_ ? "\r" : "", title_.c_str(),
+                 done_ * 100 / total_, terminal_ ? "" : "\n");
+  }
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  void draw_bar(int percent);
-
   std::string title_;
-  std::int64_t total_;
-  std::int64_t done_ = 0;
-  bool on_terminal_;
-  bool drawn_ = false;
-  Clock::time_point next_;
+  std::size_t total_;
+  std::size_t done_ = 0;
+  bool terminal_ = isatty(STDERR_FILENO) == 1;
+  std::chrono::milliseconds pause_{terminal_ ? 100 : 5000};
+  Clock::time_point next_ = Clock::now() + pause_;
 };
-
-#endif

@@ -1,12 +1,12 @@
-// Small helpers for words and numbers as text. They know nothing of vectors or of the engine.
-#ifndef WORDS_TEXT_H
-#define WORDS_TEXT_H
+// Words and numbers as text: what may be shown, how it is aligned, and what the user typed.
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // What is wrong with the user's input, in one line. The program prints it and ends with status 2;
 // the prompt prints it and goes on.
@@ -15,34 +15,27 @@ class UserError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Returns the text in double quotes, safe to print on one line: control characters and bytes that
-// are not UTF-8 become '?', and a text of more characters than the longest is cut.
-constexpr std::size_t kLongestWordShown = 40;
-constexpr std::size_t kLongestPathShown = 400;
-std::string in_quotes(std::string_view text, std::size_t longest = kLongestWordShown);
+// In double quotes and safe to print: what is no character, or controls a terminal, becomes '?'.
+constexpr std::size_t kLongestPath = 400;
+std::string in_quotes(std::string_view text, std::size_t longest = 40);
 
-// Returns true if the text is not empty, is UTF-8 and has no control characters or blanks.
-bool is_word_text(std::string_view text);
+// Whether the text is UTF-8, and neither empty nor has blanks or control characters.
+bool is_word(std::string_view text);
 
-// Returns the number of characters of a UTF-8 text.
-std::size_t character_count(std::string_view text);
+// The number of characters; the text filled with blanks behind or before; left cuts what is longer.
+std::size_t characters(std::string_view text);
+std::string left(std::string_view text, std::size_t width);
+std::string right(const std::string& text, std::size_t width);
 
-// Returns the text filled with blanks, or cut with "..", to exactly width characters.
-std::string fitted(std::string_view text, std::size_t width);
-
-// Returns the text with A to Z made small.
-std::string lower_case(std::string_view text);
-
-// Returns the number with a comma between groups of three digits.
-std::string grouped(std::int64_t number);
-
-// Returns "1 row" or "20,000 rows".
-std::string counted(std::int64_t count, std::string_view what);
-
-// Returns a duration in the unit that suits it, with three digits: "63 ns", "1.24 us", "12.3 ms".
-std::string time_text(double nanoseconds);
-
-// Returns the number with the given count of digits after the point.
+std::string lower_case(std::string text);                 // A to Z alone
+std::vector<std::string> split(const std::string& text);  // at blanks
 std::string decimal(double number, int digits);
+std::string grouped(std::int64_t number);   // 20,000
+std::string time_text(double nanoseconds);  // 63 ns, 1.24 us, 12.3 ms
 
-#endif
+// Reads a whole number within bounds, or throws a UserError that says what it is for.
+std::int64_t parse_number(const std::string& what, const std::string& text, std::int64_t smallest,
+                          std::int64_t largest);
+
+// Prints a line without the blanks at its end.
+void say(std::string line);

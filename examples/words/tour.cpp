@@ -1,172 +1,239 @@
+// Walks through the searches and through changes, and ends with the table of costs. Words that a
+// file lacks are replaced by others.
 #include "tour.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
+#include <functional>
+#include <optional>
+#include <set>
 
-#include "report.h"
+#include "answer.h"
+#include "progress.h"
 #include "text.h"
-#include "tour_steps.h"
 
 namespace {
 
-// Some words around royalty, and some that have nothing to do with it.
-constexpr std::array<const char*, 10> kCandidates = {
-    "queen", "castle", "banana", "crown", "monday", "throne", "car", "prince", "river", "seven"};
+// The table of costs: every function of the library, called with one word after another.
+constexpr int kRepetitions = 31;
 
-void show_build(Tour& tour) {
-  WordSearch& search = tour.search;
-  tour.begin_step("Seal a base: rows sorted by first letter, a partition for each letter");
-  print_call({"qx_index_new", sum(search.log().times("qx_index_new"))},
-             "an empty index of dimension " + std::to_string(search.dimension()));
-  search.seal();
-  tour.show(counted(search.vocabulary().size(), "row") + " copied, their ids made findable");
-  const bool sealed = tour.index().sealed();
-  tour.show(sealed ? "1: there is a sealed base" : "0: there is no sealed base");
-  const IndexStats stats = tour.index().stats();
-  tour.show(counted(static_cast<std::int64_t>(stats.base_rows), "row") + ", dimension " +
-            std::to_string(stats.dimension) + ", " + counted(stats.partitions, "partition") +
-            ", user tag " + std::to_string(stats.user_tag));
-}
+using Vector = std::span<const float>;
 
-void show_attachments(Tour& tour, std::int32_t probes) {
-  WordSearch& search = tour.search;
-  tour.begin_step("Attach metadata and an inverted file (IVF)");
-  search.attach_metadata();
-  tour.show("per word: its first letter as label, its length and frequency band as columns");
-  search.attach_ivf(probes);
-  const Call attached = search.log().last();
-  const std::vector<double>& times = search.clustering_log().times("qx_index_search_full");
-  print_text("The host computes the centroids by k-means, with the engine: " +
-             grouped(static_cast<std::int64_t>(times.size())) +
-             " calls of qx_index_search_full with k = 1 over an index of the centroids took " +
-             time_text(sum(times)) + ".");
-  print_call(attached, counted(search.lists().count(), "list") + ", of which a search scans " +
-                           std::to_string(search.probes()));
-  const bool present = tour.index().has_ivf(kIvfKey);
-  tour.show(present ? "1: the key has an IVF structure" : "0: the key has no IVF structure");
-}
+class Costs {
+ public:
+  explicit Costs(WordIndex& search)
+      : search_(search), index_(search.index), ids_(search.words.spread(1000)) {}
 
-// Returns the ids of those that the vocabulary has.
-std::vector<std::int64_t> candidate_ids(const Vocabulary& vocabulary) {
-  std::vector<std::int64_t> ids;
-  for (const char* candidate : kCandidates) {
-    const std::optional<std::int64_t> id = vocabulary.find(candidate);
-    if (id) ids.push_back(*id);
+  void print() {
+    say("   Medians of up to " + std::to_string(kRepetitions) +
+        " calls through the C++ header. Rows: the vectors that each of them reads.");
+    say(std::string(52, ' ') + "median       rows    GB/s");
+    print_life();
+    print_sealed();
+    print_current();
+    print_accessors();
   }
-  return ids;
-}
 
-void show_exact(Tour& tour) {
-  const Query king = tour.query_for("king", 0);
-  tour.begin_step("Exact search of the sealed base for " + in_quotes(king.text) +
-                  "; the scores are cosines");
-  const Hits all = tour.index().search_full(king.vector, tour.wanted(king));
-  tour.show_hits("every row:", all, king);
-  const std::int64_t key = tour.vocabulary().find("queen") ? 'q' : king.letter_key;
-  const Hits letter = tour.index().search_partition(key, king.vector, tour.wanted(king));
-  tour.show_hits("partition " + letter_name(key) + ":", letter, king);
-  const std::vector<std::int64_t> candidates = candidate_ids(tour.vocabulary());
-  const Hits among = tour.index().search_candidates(candidates, king.vector, tour.wanted(king));
-  tour.show_hits("among " + counted(static_cast<std::int64_t>(candidates.size()), "id") +
-                     " listed by the host:",
-                 among, king);
-}
-
-void show_filters(Tour& tour) {
-  const Query king = tour.query_for("king", 0);
-  const Query queen = tour.query_for("queen", 1);
-  Index& index = tour.index();
-  tour.begin_step("Search what passes a test of the metadata");
-  const std::array<std::int64_t, 2> ids = {king.word_ids[0], queen.word_ids[0]};
-  const Metadata metadata = index.export_metadata(ids);
-  std::string text;
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    text += (i == 0 ? "" : "; ") + tour.vocabulary().word(ids[i]) + " has label " +
-            letter_name(metadata.labels[i]) + ", length " + std::to_string(metadata.values[2 * i]) +
-            ", band " + std::to_string(metadata.values[2 * i + 1]);
+ private:
+  // A row of the table; rows is how many vectors a call reads, if that is known.
+  void row(const std::string& name, const std::string& what, std::int64_t rows,
+           const std::function<void(Vector)>& call, const std::function<void()>& before = nullptr) {
+    std::size_t next = 0;
+    const auto ask = [&] { call(search_.words.vector(ids_[next++ % ids_.size()])); };
+    const double time = time_of(kRepetitions, ask, before);
+    const double bytes = 4.0 * search_.words.dim() * static_cast<double>(rows);
+    say("   " + left((name.starts_with("qx_") ? "" : "qx_index_") + name, 26) + left(what, 20) +
+        right(time_text(time), 9) + right(rows > 0 ? grouped(rows) : "", 11) +
+        right(rows > 0 ? decimal(bytes / time, 2) : "", 8));
   }
-  tour.show(text + " (the digits of its place by frequency)");
-  const std::int64_t letter = queen.letter_key;
-  const Hits label = index.search_filtered(Filter::label(letter), king.vector, tour.wanted(king));
-  tour.show_hits("label " + letter_name(letter) + ":", label, king);
-  const Filter length = Filter::column_value(kLengthColumn, 6);
-  const Hits six = index.search_filtered(length, king.vector, tour.wanted(king));
-  tour.show_hits("column 0, 6 characters:", six, king);
-  const Filter band = Filter::column_value(kBandColumn, 3);
-  const Hits frequent = index.search_filtered(band, king.vector, tour.wanted(king));
-  tour.show_hits("column 1, band 3:", frequent, king);
-  const std::vector<std::int64_t> matched = index.match_ids(length);
-  tour.show(counted(static_cast<std::int64_t>(matched.size()), "word") + " of 6 characters");
-}
-
-void show_oversized_at(Tour& tour, std::int32_t threshold) {
-  const Oversized found = tour.index().oversized_partitions(threshold);
-  std::string list;
-  for (std::size_t i = 0; i < found.keys.size(); ++i) {
-    list += list.empty() ? ": " : ", ";
-    list += letter_name(found.keys[i]) + " " + grouped(found.sizes[i]);
+  void row(const std::string& name, const std::function<void()>& call,
+           const std::function<void()>& before = nullptr) {
+    const auto ask = [&](Vector) { call(); };
+    row(name, "", 0, ask, before);
   }
-  tour.show(counted(static_cast<std::int64_t>(found.keys.size()), "partition") + " of " +
-            grouped(threshold) + " rows or more" + list);
-}
 
-void show_oversized(Tour& tour) {
-  tour.begin_step("Find the partitions that are large enough to be split");
-  const TunerDefaults defaults = engine_tuner_defaults(tour.search.log());
-  tour.show("default tuning numbers " + grouped(defaults.first) + " and " +
-            grouped(defaults.second));
-  const std::int32_t threshold = static_cast<std::int32_t>(defaults.first);
-  show_oversized_at(tour, threshold);
-  const std::vector<std::int32_t>& sizes = tour.search.partitions().sizes;
-  const std::int32_t largest = *std::max_element(sizes.begin(), sizes.end());
-  // With few words nothing reaches the default threshold: half the largest partition always does.
-  if (largest < threshold) show_oversized_at(tour, std::max(1, largest / 2));
-}
+  // From new to free, by copies: a base is sealed once.
+  void print_life() {
+    const qx::Rows rows = index_.export_base();
+    const qx::RowMeta meta = index_.export_rowmeta(rows.ids);
+    const std::span<const std::int64_t> id = std::span(rows.ids).first(1);
+    const Lists& lists = search_.lists;
+    std::optional<qx::Index> copy;
+    const auto free = [&] { copy.reset(); };
+    const auto renew = [&] { copy = qx::Index(search_.words.dim()); };
+    const auto build = [&](Vector = {}) {
+      copy->build(rows.vectors, rows.ids, search_.partitions);
+    };
+    const auto rebuild = [&] { renew(), build(); };
+    const auto set = [&] { copy->set_ivf(0, 1, lists.centroids, lists.ids, lists.offsets); };
+    const auto clear = [&] { copy->clear_ivf(); };
+    row("new", renew, free);
+    row("build", "", index_.size(), build, renew);
+    row("set_rowmeta", [&] { copy->set_rowmeta(rows.ids, meta.labels, meta.values, 1); });
+    row("set_ivf", set);
+    row("clear_ivf", clear, set);
+    row("insert", "a row", 0, [&](Vector vector) { copy->insert(vector, id); });
+    row("delete", "an id", 0, [&](Vector) { copy->erase(id); });
+    row("free", free, rebuild);
+  }
+
+  void print_sealed() {
+    const std::int64_t all = index_.size();
+    const auto part = std::ranges::max(search_.partitions, {}, &qx::Partition::size);
+    const std::string letter(1, static_cast<char>(part.key));
+    const std::string lists = std::to_string(search_.nprobe) + " lists";
+    row("search_full", "k = 10", all, [&](Vector v) { index_.search_full(v, 10); });
+    row("search_full", "k = 100", all, [&](Vector v) { index_.search_full(v, 100); });
+    row("search_partition", "partition " + letter, part.size,
+        [&](Vector v) { index_.search_partition(part.key, v, 10); });
+    row("scatter_topk", "listed ids", std::ssize(ids_),
+        [&](Vector v) { index_.scatter_topk(ids_, v, 10); });
+    row("search_ivf", lists, 0, [&](Vector v) { index_.search_ivf(kIvfKey, v, 10); });
+    row("set_ivf_nprobe", [&] { search_.set_nprobe(search_.nprobe); });
+    row("export_base", "", all, [&](Vector) { index_.export_base(); });
+  }
+
+  void print_current() {
+    const std::int64_t all = index_.visible_count();
+    const qx::Filter length = qx::Filter::column(0, 6);
+    row("search_mvcc", "listed ids", std::ssize(ids_),
+        [&](Vector v) { index_.search_mvcc(ids_, v, 10); });
+    print_filtered("every visible row", qx::Filter::all());
+    print_filtered("label s", qx::Filter::label('s'));
+    print_filtered("6 characters", length);
+    row("match_ids", "6 characters", 0, [&](Vector) { index_.match_ids(length); });
+    row("visible_count", [&] { index_.visible_count(); });
+    row("visible_ids", [&] { index_.visible_ids(); });
+    row("export_visible", "", all, [&](Vector) { index_.export_visible(); });
+    row("export_rowmeta", "listed ids", 0, [&](Vector) { index_.export_rowmeta(ids_); });
+  }
+
+  void print_filtered(const std::string& what, const qx::Filter& filter) {
+    row("search_filtered", what, std::ssize(index_.match_ids(filter)),
+        [&](Vector v) { index_.search_filtered(filter, v, 10); });
+  }
+
+  void print_accessors() {
+    const auto threshold = static_cast<std::int32_t>(qx::tuner_defaults().first);
+    row("tuner_oversized", [&] { index_.tuner_oversized(threshold); });
+    row("qx_tuner_defaults", [] { qx::tuner_defaults(); });
+    row("stats", [&] { index_.size(); });
+    row("snapshot", [&] { index_.snapshot(); });
+    row("mutated", [&] { index_.mutated(); });
+    row("sealed", [&] { index_.sealed(); });
+    row("delta_count", [&] { index_.delta_count(); });
+    row("has_ivf", [&] { index_.has_ivf(kIvfKey); });
+    row("qx_runtime_format_version", [] { qx_runtime_format_version(); });
+  }
+
+  WordIndex& search_;
+  const qx::Index& index_;
+  std::vector<std::int64_t> ids_;
+};
+
+class Tour {
+ public:
+  Tour(WordIndex& search, std::int64_t k) : search_(search), words_(search.words), k_(k) {}
+
+  void run() {
+    say("\nAnswers stand below their function and its median time; the scores are cosines.");
+    show_searches();
+    show_recall();
+    show_changes();
+    step("What the calls cost");
+    Costs(search_).print();
+  }
+
+ private:
+  void step(const std::string& title) {
+    say("");
+    say(std::to_string(++steps_) + ". " + title);
+  }
+
+  // A word, or the one at a place where there is none.
+  std::string word(const std::string& word, std::int64_t place) const {
+    return words_.find(word) ? word : words_.word(std::min(place, search_.index.size() - 1));
+  }
+  Asker asker(const std::string& text) const { return {search_, parse_query(text, words_), k_}; }
+  std::vector<std::int64_t> some_ids() const {
+    std::vector<std::int64_t> ids;
+    for (const char* some : {"queen", "castle", "banana", "monday", "throne", "prince", "river"}) {
+      ids.push_back(words_.require(word(some, std::ssize(ids))));
+    }
+    return ids;
+  }
+
+  void show_searches() {
+    const Asker king = asker(king_);
+    const std::int64_t letter = parse_query(queen_, words_).letter;
+    step("Search the sealed base for " + in_quotes(king_) + ": all of it, a partition, listed ids");
+    print_columns({king.full("every word"), king.partition(letter), king.listed(some_ids())},
+                  words_);
+    step("Search words whose metadata pass a test: a label, the value of a column, or both");
+    print_columns({king.label(letter), king.length(6), king.label_and_length(letter, 5)}, words_);
+  }
+
+  void show_recall() {
+    step("Search by IVF: fewer rows, and now and then a neighbour missed");
+    const std::int32_t chosen = search_.nprobe;
+    std::set<std::int32_t> tried = {chosen, search_.lists.count()};
+    for (std::int32_t n = 1; n <= search_.lists.count() / 2; n *= 4) tried.insert(n);
+    const std::vector<std::int64_t> ids = words_.spread(200);
+    say("   lists scanned    recall      time    (the share of the 10 nearest that is found; "
+        "means)");
+    Progress progress("Comparing IVF with exact search", ids.size() * tried.size());
+    for (const std::int32_t n : tried) {
+      search_.set_nprobe(n);
+      print_recall(n, ids, progress);
+    }
+    search_.set_nprobe(chosen);
+    print_columns({asker(king_).full("every word"), asker(king_).ivf()}, words_);
+  }
+
+  void print_recall(std::int32_t nprobe, const std::vector<std::int64_t>& ids, Progress& progress) {
+    double wanted = 0;
+    double met = 0;
+    double time = 0;
+    for (const std::int64_t id : ids) {
+      const std::span<const float> query = words_.vector(id);
+      qx::Hits hits;
+      time += time_of(1, [&] { hits = search_.index.search_ivf(kIvfKey, query, 10); });
+      for (const qx::Hit exact : search_.index.search_full(query, 10)) {
+        met += std::ranges::count(hits.ids, exact.id) > 0;
+        ++wanted;
+      }
+      progress.advance();
+    }
+    say(right(std::to_string(nprobe), 16) + right(decimal(100 * met / wanted, 1), 8) + " %" +
+        right(time_text(time / static_cast<double>(ids.size())), 10));
+  }
+
+  void show_changes() {
+    const std::int64_t queen = words_.require(queen_);
+    step("Delete " + in_quotes(queen_) +
+         ": current reads see that, the sealed base stays as it is");
+    show_call("qx_index_delete", queen_, [&] { search_.erase(queen); });
+    print_columns({asker(king_).visible("visible now"), asker(king_).full("still sealed"),
+                   asker(king_).now("listed ids", some_ids())},
+                  words_);
+    const std::string sum = king_ + " - " + word("man", 1) + " + " + word("woman", 2);
+    step("Insert it again, and a row that no word has: " + in_quotes(sum));
+    show_call("qx_index_insert", queen_, [&] { search_.insert(queen); });
+    const std::int64_t added = search_.add(sum, parse_query(sum, words_).vector);
+    show_call("qx_index_insert", "the sum", [&] { search_.insert(added); });
+    print_columns({asker(king_).visible("visible now"), asker(king_).ivf_now(),
+                   asker(queen_).visible("near " + queen_)},
+                  words_);
+  }
+
+  WordIndex& search_;
+  const Words& words_;
+  std::int64_t k_;
+  int steps_ = 0;
+  std::string king_ = word("king", 0);
+  std::string queen_ = word("queen", 1);
+};
 
 }  // namespace
 
-void Tour::begin_step(std::string_view title) {
-  print_heading(std::to_string(++steps) + ". " + std::string(title));
-}
-
-void Tour::show(std::string_view text) { print_call(search.log().last(), text); }
-
-void Tour::show_hits(std::string_view text, const Hits& hits, const Query& query) {
-  const Hits kept = without_query_words(hits, query, k);
-  show(std::string(text) + " " + hit_list(kept, vocabulary()));
-}
-
-Query Tour::query_for(std::string_view word, std::int64_t place) const {
-  const std::int64_t last = vocabulary().original_size() - 1;
-  return word_query(vocabulary().find(word).value_or(std::min(place, last)), search);
-}
-
-std::vector<std::int64_t> spread_ids(const Vocabulary& vocabulary, std::int64_t count) {
-  const std::int64_t size = vocabulary.original_size();
-  count = std::min(count, size);
-  std::vector<std::int64_t> ids;
-  for (std::int64_t i = 0; i < count; ++i) ids.push_back(i * size / count);
-  return ids;
-}
-
-bool run_tour(WordSearch& search, const TourOptions& options) {
-  Tour tour{search, options.k};
-  const std::int32_t version = engine_format_version(search.log());
-  print_heading("qx_runtime on " + grouped(search.vocabulary().size()) + " English words, " +
-                std::to_string(search.dimension()) + " numbers each");
-  print_text("Every line that begins with qx_ is a call of the library, with the time it took.");
-  tour.show("the version of the interface: " + std::to_string(version));
-  show_build(tour);
-  show_attachments(tour, options.probes);
-  show_exact(tour);
-  show_recall(tour);
-  show_filters(tour);
-  show_delete_and_insert(tour);
-  show_new_row(tour);
-  const bool exported = show_exports(tour);
-  const bool copied = show_copy(tour);
-  show_oversized(tour);
-  show_costs(tour);
-  return exported && copied;
-}
+void run_tour(WordIndex& search, std::int64_t k) { Tour(search, k).run(); }

@@ -1,0 +1,68 @@
+// The words by id and the ids by word, with their vectors, and what a host knows of a word: the
+// numbers that become its label and its columns. Nothing here knows of the engine.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+// The words of a file, the most frequent first, and dim floats for each.
+struct WordFile {
+  std::int32_t dim = 0;
+  std::vector<std::string> words;
+  std::vector<float> vectors;
+};
+
+// Reads words as data/README.md describes them, or the package's JSON. Throws a UserError where the
+// file cannot be read, is neither, or is damaged: nothing in it is trusted.
+WordFile read_words(const std::string& path);
+
+// Scales a vector to length 1. Returns false, with nothing changed, if it has no length.
+bool normalise(std::span<float> vector);
+
+// The ids 0 to count - 1.
+std::vector<std::int64_t> first_ids(std::int64_t count);
+
+// The letter of words that begin with none of a to z.
+constexpr std::int64_t kOtherLetter = '#';
+
+class Words {
+ public:
+  // An id is a word's place in the file, without the words that have no vector. All vectors have
+  // length 1, so that an inner product of two is their cosine.
+  explicit Words(const std::string& path);
+
+  std::int32_t dim() const { return dim_; }
+  std::int64_t size() const { return std::ssize(words_); }
+  std::int64_t skipped() const { return skipped_; }
+  const std::string& word(std::int64_t id) const { return words_.at(static_cast<std::size_t>(id)); }
+  std::span<const float> vector(std::int64_t id) const;
+  std::vector<float> vectors(const std::vector<std::int64_t>& ids) const;
+  // So many words or all, spread evenly.
+  std::vector<std::int64_t> spread(std::int64_t count) const;
+
+  std::optional<std::int64_t> find(const std::string& word) const;
+  // The same for what a user typed. Throws a UserError, with a suggestion, if there is none.
+  std::int64_t require(const std::string& typed) const;
+  std::int64_t add(const std::string& word, std::span<const float> vector);
+
+  std::int64_t letter(std::int64_t id) const;  // 'a' to 'z' or kOtherLetter
+  std::int64_t length(std::int64_t id) const;  // in characters
+
+ private:
+  std::string most_similar(const std::string& word) const;
+
+  std::int32_t dim_;
+  std::vector<std::string> words_;
+  std::vector<float> vectors_;
+  std::unordered_map<std::string, std::int64_t> ids_;
+  std::int64_t skipped_;
+};
+
+// The letter that a user typed: a to z in either case, or #. Throws a UserError.
+std::int64_t parse_letter(const std::string& typed);
