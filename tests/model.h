@@ -118,9 +118,9 @@ class Model {
     return search_range(start, size, query, k, out_ids, out_scores);
   }
 
-  std::int32_t scatter_topk(const Ids& candidates, std::int32_t n_cand, const Floats& query,
-                            std::int32_t k, Ids& out_ids, Floats& out_scores) const {
-    const std::int32_t results = std::min(k, n_cand);
+  std::int32_t scatter_topk(const Ids& candidates, const Floats& query, std::int32_t k,
+                            Ids& out_ids, Floats& out_scores) const {
+    const std::int32_t results = std::min(k, static_cast<std::int32_t>(candidates.size()));
     if (!sealed || results < 1) return 0;
     std::vector<Hit> hits;
     for (const std::int64_t id : candidates) {
@@ -203,9 +203,9 @@ class Model {
 
   // ---- Current reads ----
 
-  std::int64_t search_mvcc(const Ids& ids, const Floats& query, std::uint32_t k, Ids& out_ids,
+  std::int64_t search_mvcc(const Ids& ids, const Floats& query, std::int32_t k, Ids& out_ids,
                            Floats& out_scores) const {
-    if (static_cast<std::int32_t>(k) < 1) return 0;
+    if (k < 1) return 0;
     std::vector<Hit> hits;
     for (const std::int64_t id : ids) {
       if (deleted.count(id) != 0) continue;
@@ -219,9 +219,9 @@ class Model {
     return k;
   }
 
-  std::int64_t search_filtered(const Predicate& predicate, const Floats& query, std::uint32_t k,
+  std::int64_t search_filtered(const Predicate& predicate, const Floats& query, std::int32_t k,
                                Ids& out_ids, Floats& out_scores) const {
-    if (static_cast<std::int32_t>(k) < 1) return 0;
+    if (k < 1) return 0;
     std::vector<Hit> hits;
     for (const Row& row : visible_rows(predicate)) {
       hits.push_back({row.id, score(vector_of(row), query)});

@@ -385,43 +385,21 @@ class HostileCalls {
     return qx::Filter::column(test.column, test.value);
   }
 
-  template <typename... Slots>  // k, or spans for ids and scores
-  auto answer(const Search& s, const Slots&... slots) const {
-    switch (s.way) {
-      case Way::kFull:
-        return index_.search_full(s.query, slots...);
-      case Way::kPartition:
-        return index_.search_partition(s.key, s.query, slots...);
-      case Way::kScatter:
-        return index_.scatter_topk(s.candidates, s.query, slots...);
-      case Way::kIvf:
-        return index_.search_ivf(s.key, s.query, slots...);
-      case Way::kMvcc:
-        return index_.search_mvcc(s.candidates, s.query, slots...);
-      default:
-        return index_.search_filtered(filter_of(s.test), s.query, slots...);
-    }
+  // Asks the index or the model, which take the same arguments before those for the results.
+  template <typename Result, typename Asked, typename Listed, typename Test, typename... Results>
+  static Result ask(const Asked& asked, const Search& s, const Listed& listed, const Test& test,
+                    Results&&... results) {
+    if (s.way == Way::kFull) return asked.search_full(s.query, results...);
+    if (s.way == Way::kPartition) return asked.search_partition(s.key, s.query, results...);
+    if (s.way == Way::kScatter) return asked.scatter_topk(listed, s.query, results...);
+    if (s.way == Way::kIvf) return asked.search_ivf(s.key, s.query, results...);
+    if (s.way == Way::kMvcc) return asked.search_mvcc(listed, s.query, results...);
+    return asked.search_filtered(test, s.query, results...);
   }
   qx::Hits expected_of(const Search& s, std::int64_t wanted) const {
     const auto k = static_cast<std::int32_t>(std::min<std::int64_t>(wanted, 2000));
-    const auto unsigned_k = static_cast<std::uint32_t>(k);
     qx::Hits hits{Ids(static_cast<std::size_t>(k)), Floats(static_cast<std::size_t>(k))};
-    std::int64_t found = 0;
-    if (s.way == Way::kFull) found = model_.search_full(s.query, k, hits.ids, hits.scores);
-    if (s.way == Way::kPartition) {
-      found = model_.search_partition(s.key, s.query, k, hits.ids, hits.scores);
-    }
-    if (s.way == Way::kScatter) {
-      found = model_.scatter_topk(s.given, static_cast<std::int32_t>(s.given.size()), s.query, k,
-                                  hits.ids, hits.scores);
-    }
-    if (s.way == Way::kIvf) found = model_.search_ivf(s.key, s.query, k, hits.ids, hits.scores);
-    if (s.way == Way::kMvcc) {
-      found = model_.search_mvcc(s.given, s.query, unsigned_k, hits.ids, hits.scores);
-    }
-    if (s.way == Way::kFiltered) {
-      found = model_.search_filtered(s.test, s.query, unsigned_k, hits.ids, hits.scores);
-    }
+    const auto found = ask<std::int64_t>(model_, s, s.given, s.test, k, hits.ids, hits.scores);
     auto filled = static_cast<std::size_t>(found);
     while (filled > 0 && hits.scores[filled - 1] == -1e30f) --filled;  // no row has this score
     hits.ids.resize(filled);
@@ -442,7 +420,8 @@ class HostileCalls {
     }
     const bool fits = s.fits && k >= 0;
     qx::Hits hits;
-    must(when(fits), "a search", [&] { hits = answer(s, k); });
+    must(when(fits), "a search",
+         [&] { hits = ask<qx::Hits>(index_, s, s.candidates, filter_of(s.test), k); });
     if (fits) compare(s, k, hits);
   }
   void compare(const Search& s, std::int64_t k, const qx::Hits& hits) const {
@@ -470,7 +449,9 @@ class HostileCalls {
       fits = fits && kind == 2 && s.query.empty();
     }
     std::size_t found = 0;
-    must(when(fits), "a search into slots", [&] { found = answer(s, id_slots, score_slots); });
+    must(when(fits), "a search into slots", [&] {
+      found = ask<std::size_t>(index_, s, s.candidates, filter_of(s.test), id_slots, score_slots);
+    });
     expect(ids.back() == 77 && scores.back() == 7.5f, "a search wrote after its slots");
     if (!fits) return;
     ids.resize(found);
@@ -495,6 +476,10 @@ class HostileCalls {
     model_.export_visible(vectors, ids);
     must(End::kReturned, "export_visible", [&] { rows = index_.export_visible(); });
     expect(rows.ids == ids && same_bits(rows.vectors, vectors), "export_visible: other rows");
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      expect(rows.vector(i).data() == rows.vectors.data() + i * static_cast<std::size_t>(dim_),
+             "export_visible: another vector");
+    }
     must(End::kReturned, "visible_ids", [&] { found = index_.visible_ids(); });
     expect(found == ids, "visible_ids: other ids");
     must(End::kReturned, "export_base", [&] { rows = index_.export_base(); });
@@ -532,7 +517,7 @@ class HostileCalls {
     for (std::size_t i = 0; i < listed.size(); ++i) {
       expect(listed[i] == qx::PartitionSize{keys[i], sizes[i]}, "tuner_oversized: other sizes");
     }
-    expect(qx::tuner_defaults().first == 20000, "other defaults");
+    expect(qx::tuner_defaults().first == 20000 && qx::tuner_defaults().second == 980, "defaults");
   }
 
   // ---- Lifecycle ----
@@ -560,7 +545,10 @@ class HostileCalls {
         [&] { index_.export_visible(); },
         [&] { index_.export_base(); },
         [&] { index_.tuner_oversized(0); },
-        [&] { answer(some_search(), std::int64_t{1}); },
+        [&] {
+          const Search s = some_search();
+          ask<qx::Hits>(index_, s, s.candidates, filter_of(s.test), std::int64_t{1});
+        },
     };
     must(End::kLogicError, "a call on what was moved from", random_.any_of(calls));
     if (random_.percent(50)) {

@@ -3,8 +3,6 @@
 
 #include <bit>
 
-#include "qx_runtime.h"
-
 namespace qx_test {
 namespace {
 
@@ -16,9 +14,10 @@ constexpr std::int64_t kLimit = std::int64_t{1} << 40;
 constexpr std::int64_t kMostCentroidFloats = 100000;
 
 std::int32_t int32(std::int64_t number) { return static_cast<std::int32_t>(number); }
+std::uint32_t uint32(std::int64_t number) { return static_cast<std::uint32_t>(number); }
 std::int64_t as_int64(std::uint64_t number) { return static_cast<std::int64_t>(number); }
 
-void grant(Answer& answer, const Call& call, std::int64_t ids, std::int64_t floats,
+void grant(Answer& answer, const Call& call, std::int64_t ids, std::int64_t floats = -1,
            std::int64_t values = -1) {
   const auto elements = [&](std::int64_t granted) {
     return granted < 0 ? 0 : static_cast<std::size_t>(granted + call.spare);
@@ -28,203 +27,146 @@ void grant(Answer& answer, const Call& call, std::int64_t ids, std::int64_t floa
   answer.values.assign(elements(values), kUntouchedId);
 }
 
+// The same number of ids and scores.
+void grant_slots(Answer& answer, const Call& call, std::int64_t slots) {
+  grant(answer, call, std::max<std::int64_t>(slots, 0), std::max<std::int64_t>(slots, 0));
+}
+
 Model::Predicate predicate_of(const Call& call) {
-  return {static_cast<std::uint32_t>(call.numbers[0]), int32(call.numbers[1]), call.numbers[2]};
+  return {uint32(call.numbers[0]), int32(call.numbers[1]), call.numbers[2]};
 }
 
-void answer_search(Answer& answer, const Model& model, const Call& call) {
-  const auto& n = call.numbers;
-  const std::int32_t k = int32(n[static_cast<std::size_t>(traits(call.function).k)]);
-  const std::int64_t slots = std::max(k, 0);
-  switch (call.function) {
-    case Function::kSearchFull: {
-      const std::int64_t granted = std::min(slots, model.n_base());
-      grant(answer, call, granted, granted);
-      answer.result = model.search_full(call.floats, k, answer.ids, answer.floats);
-      break;
-    }
-    case Function::kSearchPartition: {
-      grant(answer, call, model.n_base(), model.n_base());
-      Answer most = answer;
-      answer.result = model.search_partition(n[0], call.floats, k, most.ids, most.floats);
-      grant(answer, call, answer.result, answer.result);
-      model.search_partition(n[0], call.floats, k, answer.ids, answer.floats);
-      break;
-    }
-    case Function::kScatterTopk: {
-      const std::int64_t granted = std::max(0, std::min(k, int32(n[0])));
-      grant(answer, call, granted, granted);
-      answer.result =
-          model.scatter_topk(call.ids, int32(n[0]), call.floats, k, answer.ids, answer.floats);
-      break;
-    }
-    case Function::kSearchIvf:
-      grant(answer, call, slots, slots);
-      answer.result = model.search_ivf(n[0], call.floats, k, answer.ids, answer.floats);
-      break;
-    case Function::kSearchMvcc:
-      grant(answer, call, slots, slots);
-      answer.result = model.search_mvcc(call.ids, call.floats, static_cast<std::uint32_t>(k),
-                                        answer.ids, answer.floats);
-      break;
-    default:
-      grant(answer, call, slots, slots);
-      answer.result =
-          model.search_filtered(predicate_of(call), call.floats, static_cast<std::uint32_t>(k),
-                                answer.ids, answer.floats);
-  }
+void answer_partition(Answer& answer, const Model& model, const Call& call) {
+  Ids ids(static_cast<std::size_t>(model.n_base()));
+  Floats scores(ids.size());
+  const auto search = [&](Ids& out_ids, Floats& out_scores) {
+    return model.search_partition(call.numbers[0], call.floats, int32(call.numbers[1]), out_ids,
+                                  out_scores);
+  };
+  answer.result = search(ids, scores);
+  grant_slots(answer, call, answer.result);
+  search(answer.ids, answer.floats);
 }
 
-void answer_listing(Answer& answer, const Model& model, const Call& call) {
-  const auto& n = call.numbers;
-  switch (call.function) {
-    case Function::kExportBase:
-      grant(answer, call, model.n_base(), std::ssize(model.base_vectors));
-      answer.result = model.export_base(answer.floats, answer.ids);
-      break;
-    case Function::kTunerOversized:
-      grant(answer, call, std::ssize(model.part_keys), -1, std::ssize(model.part_keys));
-      answer.result = model.tuner_oversized(int32(n[0]), answer.ids, answer.values);
-      break;
-    case Function::kExportRowmeta:
-      grant(answer, call, std::ssize(call.ids), -1,
-            std::ssize(call.ids) * std::ssize(model.columns));
-      answer.result = model.export_rowmeta(call.ids, answer.ids, answer.values);
-      break;
-    case Function::kMatchIds:
-      grant(answer, call, model.visible_count(), -1);
-      answer.result = model.match_ids(predicate_of(call), answer.ids);
-      break;
-    case Function::kVisibleIds:
-      grant(answer, call, model.visible_count(), -1);
-      answer.result = model.match_ids({QX_FILTER_ALL, 0, 0}, answer.ids);
-      break;
-    case Function::kExportVisible: {
-      const std::int64_t rows = model.visible_count();
-      grant(answer, call, rows, rows * model.width());
-      answer.result = model.export_visible(answer.floats, answer.ids);
-      break;
-    }
-    default:
-      answer_search(answer, model, call);
-  }
-}
-
-void answer_accessor(Answer& answer, const Model& model, const Call& call) {
-  switch (call.function) {
-    case Function::kStats:
-      answer.numbers = {model.n_base(), static_cast<std::uint32_t>(model.dim), model.user_tag,
-                        std::ssize(model.part_keys)};
-      break;
-    case Function::kSnapshot:
-      answer.result = as_int64(model.snapshot);
-      break;
-    case Function::kMutated:
-      answer.result = model.mutated ? 1 : 0;
-      break;
-    case Function::kSealed:
-      answer.result = model.sealed ? 1 : 0;
-      break;
-    case Function::kDeltaCount:
-      answer.result = std::ssize(model.delta_ids);
-      break;
-    case Function::kFormatVersion:
-      answer.result = 1;
-      break;
-    case Function::kTunerDefaults:
-      answer.numbers = {20000, 980};
-      break;
-    case Function::kHasIvf:
-      answer.result = static_cast<std::int64_t>(model.ivfs.count(call.numbers[0]));
-      break;
-    case Function::kVisibleCount:
-      answer.result = model.visible_count();
-      break;
-    default:
-      answer_listing(answer, model, call);
-  }
-}
-
-void answer_call(Answer& answer, Model& model, const Call& call) {
-  const auto& n = call.numbers;
-  switch (call.function) {
-    case Function::kNew:
-      model = Model(static_cast<std::uint32_t>(n[0]), static_cast<std::uint32_t>(n[1]));
-      break;
-    case Function::kFree:
-    case Function::kFreeNull:
-      break;
-    case Function::kBuild:
-      answer.result = model.build(call.floats, n[kBuildN], int32(n[kBuildDim]), call.ids,
-                                  call.more_ids, call.ints, call.more_ints, int32(n[kBuildParts]));
-      break;
-    case Function::kInsert:
-      answer.result = as_int64(model.insert(call.floats, call.ids));
-      break;
-    case Function::kDelete:
-      answer.result = as_int64(model.erase(call.ids));
-      break;
-    case Function::kSetIvf:
-      model.ivfs[n[kIvfKey]] = {int32(n[kIvfNlist]), int32(n[kIvfNprobe]), call.floats, call.ids,
-                                call.ints};
-      break;
-    case Function::kClearIvf:
-      model.ivfs.clear();
-      break;
-    case Function::kSetIvfNprobe:
-      answer.result = model.set_ivf_nprobe(n[0], int32(n[1]));
-      break;
-    case Function::kSetRowmeta:
-      answer.result = model.set_rowmeta(call.ids, call.more_ids, call.values, int32(n[0]));
-      break;
-    default:
-      answer_accessor(answer, model, call);
-  }
-}
+constexpr FunctionTraits kTraits[] = {
+    {"qx_index_new", -1, -1,
+     [](Answer&, Model& m, const Call& c) {
+       m = Model(uint32(c.numbers[0]), uint32(c.numbers[1]));
+     }},
+    {"qx_index_free", -1, -1, [](Answer&, Model&, const Call&) {}},
+    {"qx_index_free", -1, -1, [](Answer&, Model&, const Call&) {}},
+    {"qx_index_stats", -1, -1,
+     [](Answer& a, Model& m, const Call&) {
+       a.numbers = {m.n_base(), uint32(m.dim), m.user_tag, std::ssize(m.part_keys)};
+     }},
+    {"qx_index_snapshot", -1, -1,
+     [](Answer& a, Model& m, const Call&) { a.result = as_int64(m.snapshot); }},
+    {"qx_index_mutated", -1, -1, [](Answer& a, Model& m, const Call&) { a.result = m.mutated; }},
+    {"qx_index_sealed", -1, -1, [](Answer& a, Model& m, const Call&) { a.result = m.sealed; }},
+    {"qx_index_delta_count", -1, -1,
+     [](Answer& a, Model& m, const Call&) { a.result = std::ssize(m.delta_ids); }},
+    {"qx_runtime_format_version", -1, -1, [](Answer& a, Model&, const Call&) { a.result = 1; }},
+    {"qx_index_build", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       a.result = m.build(c.floats, c.numbers[kBuildN], int32(c.numbers[kBuildDim]), c.ids,
+                          c.more_ids, c.ints, c.more_ints, int32(c.numbers[kBuildParts]));
+     }},
+    {"qx_index_export_base", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, m.n_base(), std::ssize(m.base_vectors));
+       a.result = m.export_base(a.floats, a.ids);
+     }},
+    {"qx_index_search_full", 0, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant_slots(a, c, std::min<std::int64_t>(int32(c.numbers[0]), m.n_base()));
+       a.result = m.search_full(c.floats, int32(c.numbers[0]), a.ids, a.floats);
+     }},
+    {"qx_index_search_partition", 1, -1,
+     [](Answer& a, Model& m, const Call& c) { answer_partition(a, m, c); }},
+    {"qx_index_scatter_topk", 1, 0,
+     [](Answer& a, Model& m, const Call& c) {
+       grant_slots(a, c, std::min(int32(c.numbers[0]), int32(c.numbers[1])));
+       a.result = m.scatter_topk(c.ids, c.floats, int32(c.numbers[1]), a.ids, a.floats);
+     }},
+    {"qx_tuner_defaults", -1, -1,
+     [](Answer& a, Model&, const Call&) {
+       a.numbers = {20000, 980};
+     }},
+    {"qx_index_tuner_oversized", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, std::ssize(m.part_keys), -1, std::ssize(m.part_keys));
+       a.result = m.tuner_oversized(int32(c.numbers[0]), a.ids, a.values);
+     }},
+    {"qx_index_insert", -1, 0,
+     [](Answer& a, Model& m, const Call& c) { a.result = as_int64(m.insert(c.floats, c.ids)); }},
+    {"qx_index_delete", -1, 0,
+     [](Answer& a, Model& m, const Call& c) { a.result = as_int64(m.erase(c.ids)); }},
+    {"qx_index_set_ivf", -1, 3,
+     [](Answer&, Model& m, const Call& c) {
+       m.ivfs[c.numbers[kIvfKey]] = {int32(c.numbers[kIvfNlist]), int32(c.numbers[kIvfNprobe]),
+                                     c.floats, c.ids, c.ints};
+     }},
+    {"qx_index_has_ivf", -1, -1,
+     [](Answer& a, Model& m, const Call& c) { a.result = m.ivfs.contains(c.numbers[0]); }},
+    {"qx_index_clear_ivf", -1, -1, [](Answer&, Model& m, const Call&) { m.ivfs.clear(); }},
+    {"qx_index_set_ivf_nprobe", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       a.result = m.set_ivf_nprobe(c.numbers[0], int32(c.numbers[1]));
+     }},
+    {"qx_index_search_ivf", 1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant_slots(a, c, int32(c.numbers[1]));
+       a.result = m.search_ivf(c.numbers[0], c.floats, int32(c.numbers[1]), a.ids, a.floats);
+     }},
+    {"qx_index_search_mvcc", 1, 0,
+     [](Answer& a, Model& m, const Call& c) {
+       grant_slots(a, c, int32(c.numbers[1]));
+       a.result = m.search_mvcc(c.ids, c.floats, int32(c.numbers[1]), a.ids, a.floats);
+     }},
+    {"qx_index_set_rowmeta", -1, 1,
+     [](Answer& a, Model& m, const Call& c) {
+       a.result = m.set_rowmeta(c.ids, c.more_ids, c.values, int32(c.numbers[0]));
+     }},
+    {"qx_index_export_rowmeta", -1, 0,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, std::ssize(c.ids), -1, std::ssize(c.ids) * std::ssize(m.columns));
+       a.result = m.export_rowmeta(c.ids, a.ids, a.values);
+     }},
+    {"qx_index_search_filtered", 3, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant_slots(a, c, int32(c.numbers[3]));
+       a.result =
+           m.search_filtered(predicate_of(c), c.floats, int32(c.numbers[3]), a.ids, a.floats);
+     }},
+    {"qx_index_match_ids", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, m.visible_count());
+       a.result = m.match_ids(predicate_of(c), a.ids);
+     }},
+    {"qx_index_visible_ids", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, m.visible_count());
+       a.result = m.match_ids({QX_FILTER_ALL, 0, 0}, a.ids);
+     }},
+    {"qx_index_visible_count", -1, -1,
+     [](Answer& a, Model& m, const Call&) { a.result = m.visible_count(); }},
+    {"qx_index_export_visible", -1, -1,
+     [](Answer& a, Model& m, const Call& c) {
+       grant(a, c, m.visible_count(), m.visible_count() * m.width());
+       a.result = m.export_visible(a.floats, a.ids);
+     }},
+};
 
 }  // namespace
 
 const FunctionTraits& traits(Function function) {
-  static const std::array<FunctionTraits, 31> all = {{
-      {"qx_index_new", 2, -1, -1, true},
-      {"qx_index_free", 0, -1, -1, true},
-      {"qx_index_free", 0, -1, -1, true},
-      {"qx_index_stats", 0, -1, -1, false},
-      {"qx_index_snapshot", 0, -1, -1, false},
-      {"qx_index_mutated", 0, -1, -1, false},
-      {"qx_index_sealed", 0, -1, -1, false},
-      {"qx_index_delta_count", 0, -1, -1, false},
-      {"qx_runtime_format_version", 0, -1, -1, false},
-      {"qx_index_build", 3, -1, -1, true},
-      {"qx_index_export_base", 0, -1, -1, false},
-      {"qx_index_search_full", 1, 0, -1, false},
-      {"qx_index_search_partition", 2, 1, -1, false},
-      {"qx_index_scatter_topk", 2, 1, 0, false},
-      {"qx_tuner_defaults", 0, -1, -1, false},
-      {"qx_index_tuner_oversized", 1, -1, -1, false},
-      {"qx_index_insert", 1, -1, 0, true},
-      {"qx_index_delete", 1, -1, 0, true},
-      {"qx_index_set_ivf", 4, -1, 3, true},
-      {"qx_index_has_ivf", 1, -1, -1, false},
-      {"qx_index_clear_ivf", 0, -1, -1, true},
-      {"qx_index_set_ivf_nprobe", 2, -1, -1, true},
-      {"qx_index_search_ivf", 2, 1, -1, false},
-      {"qx_index_search_mvcc", 2, 1, 0, false},
-      {"qx_index_set_rowmeta", 2, -1, 1, true},
-      {"qx_index_export_rowmeta", 1, -1, 0, false},
-      {"qx_index_search_filtered", 4, 3, -1, false},
-      {"qx_index_match_ids", 3, -1, -1, false},
-      {"qx_index_visible_ids", 0, -1, -1, false},
-      {"qx_index_visible_count", 0, -1, -1, false},
-      {"qx_index_export_visible", 0, -1, -1, false},
-  }};
-  return all.at(static_cast<std::size_t>(function));
+  return kTraits[static_cast<std::size_t>(function)];
 }
 
 Answer expected_answer(Model& model, const Call& call) {
   Answer answer;
   try {
-    answer_call(answer, model, call);
+    traits(call.function).answer(answer, model, call);
   } catch (const OutOfBounds& end) {
     answer.end = end;
   }
@@ -316,7 +258,7 @@ CallSequence repair(CallSequence sequence) {
     } else if (!there || !fit(call, model)) {
       continue;
     }
-    if (traits(call.function).changes && expected_answer(model, call).end) {
+    if (changes(call.function) && expected_answer(model, call).end) {
       valid.push_back(call);
       break;
     }
@@ -327,13 +269,22 @@ CallSequence repair(CallSequence sequence) {
 }
 
 std::string describe(const Call& call) {
-  const FunctionTraits& function = traits(call.function);
-  std::string text = function.name;
+  std::string text = traits(call.function).name;
   text += '(';
-  for (std::size_t i = 0; i < function.numbers; ++i) {
+  for (std::size_t i = 0; i < numbers(call.function); ++i) {
     text += (i == 0 ? "" : ", ") + std::to_string(call.numbers[i]);
   }
   return text + (call.function == Function::kFreeNull ? "null)" : ")");
+}
+
+void add_to(Digest& digest, const CallSequence& sequence) {
+  for (const Call& call : sequence) {
+    digest.add(static_cast<int>(call.function));
+    for (const std::int64_t number : call.numbers) digest.add(number);
+    std::apply([&](const auto&... arrays) { (digest.add(arrays), ...); }, inputs_of(call));
+    digest.add(call.starts);
+    digest.add(call.spare);
+  }
 }
 
 }  // namespace qx_test

@@ -6,9 +6,13 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
+#include "cpus/digest.h"
 #include "model.h"
+#include "qx_runtime.h"
 #include "support/random.h"
 
 namespace qx_test {
@@ -70,14 +74,86 @@ using CallSequence = std::vector<Call>;
 inline constexpr std::size_t kBuildN = 0, kBuildDim = 1, kBuildParts = 2;
 inline constexpr std::size_t kIvfKey = 0, kIvfNlist = 1, kIvfNprobe = 2, kIvfIds = 3;
 
-struct FunctionTraits {
-  const char* name;     // in the header
-  std::size_t numbers;  // number of scalar arguments
-  int k;                // index of the number of results, or -1
-  int count;            // index of the length of `ids`, or -1
-  bool changes;         // true if it changes the index
-};
-const FunctionTraits& traits(Function function);
+// The functions, in the order of the enumeration. Their types tell the arguments: the first
+// parameter that is a number stands for the first of a call's `numbers`, and so on; the same holds
+// for the arrays of a type, and for the numbers that a function writes.
+inline constexpr auto kInterface = std::make_tuple(
+    qx_index_new, qx_index_free, qx_index_free, qx_index_stats, qx_index_snapshot, qx_index_mutated,
+    qx_index_sealed, qx_index_delta_count, qx_runtime_format_version, qx_index_build,
+    qx_index_export_base, qx_index_search_full, qx_index_search_partition, qx_index_scatter_topk,
+    qx_tuner_defaults, qx_index_tuner_oversized, qx_index_insert, qx_index_delete, qx_index_set_ivf,
+    qx_index_has_ivf, qx_index_clear_ivf, qx_index_set_ivf_nprobe, qx_index_search_ivf,
+    qx_index_search_mvcc, qx_index_set_rowmeta, qx_index_export_rowmeta, qx_index_search_filtered,
+    qx_index_match_ids, qx_index_visible_ids, qx_index_visible_count, qx_index_export_visible);
+
+// Calls use(f) with the C function.
+template <typename Use>
+void with_function(Function function, Use use) {
+  auto left = static_cast<int>(function);
+  std::apply([&](auto... each) { (void)((left-- == 0 && (use(each), true)) || ...); }, kInterface);
+}
+
+// What an argument is, told by the type of its parameter.
+enum class Kind { kIndex, kNumber, kFloats, kIds, kInts, kOutIds, kOutFloats, kOutNumber };
+
+template <typename Parameter>
+constexpr Kind kind_of() {
+  using Pointed = std::remove_pointer_t<Parameter>;
+  constexpr bool kOutput = !std::is_const_v<Pointed>;
+  if (std::is_integral_v<Parameter>) return Kind::kNumber;
+  if (std::is_same_v<std::remove_const_t<Pointed>, QxIndex>) return Kind::kIndex;
+  if (std::is_floating_point_v<Pointed>) return kOutput ? Kind::kOutFloats : Kind::kFloats;
+  if (std::is_same_v<std::remove_const_t<Pointed>, std::int64_t>) {
+    return kOutput ? Kind::kOutIds : Kind::kIds;
+  }
+  return kOutput ? Kind::kOutNumber : Kind::kInts;
+}
+
+// The arguments of a function in order: choose<Parameter>(n) gives each, number n of its kind.
+template <typename Result, typename... Parameters, typename Choose>
+auto arguments_of(Result (*)(Parameters...), const Choose& choose) {
+  [[maybe_unused]] static constexpr Kind kKinds[] = {kind_of<Parameters>()..., Kind::kIndex};
+  return [&]<std::size_t... i>(std::index_sequence<i...>) {
+    return std::tuple<decltype(choose.template operator()<Parameters>(0))...>{
+        choose.template operator()<Parameters>(
+            static_cast<std::size_t>(std::count(kKinds, kKinds + i, kKinds[i])))...};
+  }
+  (std::index_sequence_for<Parameters...>());
+}
+
+// The arrays of a call: inputs, then outputs.
+inline constexpr const char* kArrays[] = {"floats",    "ids",     "more_ids",   "values",    "ints",
+                                          "more_ints", "out_ids", "out_floats", "out_values"};
+constexpr std::size_t kOutputs = 6;
+
+// The number of array n of a kind.
+constexpr std::size_t array_number(Kind kind, std::size_t n) {
+  if (kind == Kind::kOutIds) return n == 0 ? kOutputs : kOutputs + 2;
+  if (kind == Kind::kOutFloats) return kOutputs + 1;
+  return kind == Kind::kFloats ? 0 : (kind == Kind::kIds ? 1 : 4) + n;
+}
+
+template <typename AnyCall>
+auto inputs_of(AnyCall& call) {
+  return std::tie(call.floats, call.ids, call.more_ids, call.values, call.ints, call.more_ints);
+}
+
+inline std::size_t numbers(Function function) {
+  std::size_t count = 0;
+  with_function(function, [&]<typename Result, typename... Parameters>(Result (*)(Parameters...)) {
+    count = (std::size_t{std::is_integral_v<Parameters>} + ... + 0);
+  });
+  return count;
+}
+
+// True if a function changes the index.
+inline bool changes(Function function) {
+  bool found = false;
+  with_function(function, [&]<typename Result, typename... Parameters>(Result (*)(Parameters...)) {
+    found = (std::is_same_v<Parameters, QxIndex*> || ... || std::is_same_v<Result, QxIndex*>);
+  });
+  return found;
+}
 
 // The result of a call and everything that it writes. The engine's must equal the model's.
 struct Answer {
@@ -87,7 +163,18 @@ struct Answer {
   Floats floats;
   Ids values;
   std::optional<OutOfBounds> end;  // the process ends instead
+
+  auto outputs() const { return std::tie(ids, floats, values); }
 };
+
+// What the types do not tell.
+struct FunctionTraits {
+  const char* name;                              // in the header
+  int k;                                         // index of the number of results, or -1
+  int count;                                     // index of the length of `ids`, or -1
+  void (*answer)(Answer&, Model&, const Call&);  // asks the model
+};
+const FunctionTraits& traits(Function function);
 
 // Every byte of an output buffer before a call. Elements of such bytes are neither empty results
 // nor values that call sequences draw.
@@ -105,6 +192,9 @@ bool rejected_unread(const Call& build);
 CallSequence repair(CallSequence sequence);
 
 std::string describe(const Call& call);
+
+// Adds the calls and all their arguments, except that all NaNs count as one.
+void add_to(Digest& digest, const CallSequence& sequence);
 
 // By contract a rebuild keeps the arrays of the earlier base allocated, which a leak checker would
 // report.

@@ -16,7 +16,6 @@
 #include "call_sequences/call_sequence.h"
 #include "call_sequences/replay.h"
 #include "call_sequences/series.h"
-#include "cpus/digest.h"
 
 namespace {
 
@@ -81,18 +80,7 @@ TEST(CallSequences, AgreeWithTheModel) {
 TEST(CallSequences, AreTheSameWithEveryCompilerAndOnEveryCpu) {
   qx_test::Digest digest;
   for (std::uint64_t seed = 1; seed <= 100; ++seed) {
-    for (const qx_test::Call& call : qx_test::draw_call_sequence(qx_test::Random(seed))) {
-      digest.add(static_cast<int>(call.function));
-      for (const std::int64_t number : call.numbers) digest.add(number);
-      digest.add(call.floats);
-      for (const auto* const numbers : {&call.ids, &call.more_ids, &call.values}) {
-        digest.add(*numbers);
-      }
-      digest.add(call.ints);
-      digest.add(call.more_ints);
-      digest.add(call.starts);
-      digest.add(call.spare);
-    }
+    qx_test::add_to(digest, qx_test::draw_call_sequence(qx_test::Random(seed)));
   }
   EXPECT_EQ(digest.text(), "982b490087b29ebbf1871e6e910fefde");
 }

@@ -11,10 +11,7 @@
 namespace qx_test {
 namespace {
 
-std::int32_t int32(std::int64_t number) { return static_cast<std::int32_t>(number); }
-std::uint32_t uint32(std::int64_t number) { return static_cast<std::uint32_t>(number); }
-
-Edge edge_of(const Call& call, int array) {
+Edge edge_of(const Call& call, std::size_t array) {
   return (call.starts >> array & 1) != 0 ? Edge::kStart : Edge::kEnd;
 }
 
@@ -23,6 +20,17 @@ Edge edge_of(const Call& call, int array) {
 const FpEnvironment& environment_of(const Call& call) {
   const auto drawn = static_cast<std::size_t>(call.starts + call.spare);
   return fp_environments()[drawn % fp_environments().size()];
+}
+
+constexpr const char* kOtherOutput[] = {"other ids", "other floats", "other values"};
+
+// Calls work(i, buffer i, values i) for each buffer.
+template <typename Buffers, typename Values, typename Work>
+void for_each_array(Buffers& buffers, const Values& values, Work work) {
+  [&]<std::size_t... i>(std::index_sequence<i...>) {
+    (work(i, std::get<i>(buffers), std::get<i>(values)), ...);
+  }
+  (std::make_index_sequence<std::tuple_size_v<Values>>());
 }
 
 }  // namespace
@@ -38,8 +46,7 @@ std::string Player::play(const CallSequence& sequence) {
 }
 
 void Player::perform(const Call& call) {
-  const FunctionTraits& function = traits(call.function);
-  ++calls_[function.name];
+  ++calls_[traits(call.function).name];
   if (trace_) std::printf("%4zu  %s\n", step_, describe(call).c_str());
   const bool compares = call.function != Function::kNew && call.function != Function::kFree &&
                         call.function != Function::kFreeNull;
@@ -48,15 +55,12 @@ void Player::perform(const Call& call) {
   // The model is asked first: if it ends the process, the call must not change the engine's index.
   const Answer expected = expected_answer(model_, call);
   rebuilt_ |= builds_anew && expected.result >= 0;
-  place_inputs(call);
-  const auto run = [&] {
-    if (expected.end) {
-      expect_end(call, expected);
-    } else {
-      compare(call, expected);
-    }
-  };
-  if (function.changes || kernels_ == UnderKernels::kChosen) {
+  for_each_array(inputs_, inputs_of(call), [&](std::size_t i, auto& buffer, const auto& values) {
+    buffer.assign(values, edge_of(call, i));
+    placed_[i] = buffer.data();
+  });
+  const auto run = [&] { expected.end ? expect_end(call, expected) : compare(call, expected); };
+  if (changes(call.function) || kernels_ == UnderKernels::kChosen) {
     run();
   } else {
     for (const qx::Kernels* const* kernels = qx::all_kernels(); *kernels != nullptr; ++kernels) {
@@ -64,8 +68,11 @@ void Player::perform(const Call& call) {
     }
     qx::force_kernels(nullptr);
   }
-  check_inputs(call);
-  ended_ = expected.end && function.changes;  // the model has stopped in the middle of the call
+  for_each_array(inputs_, inputs_of(call), [&](std::size_t, auto& buffer, const auto& values) {
+    check(call, buffer.equals(values), "an input was changed");
+    check(call, buffer.margins_intact(), "written outside an input");
+  });
+  ended_ = expected.end && changes(call.function);  // the model has stopped in the middle
 }
 
 void Player::compare(const Call& call, const Answer& expected) {
@@ -77,21 +84,13 @@ void Player::compare(const Call& call, const Answer& expected) {
   check(call, index_ == nullptr || qx::index_is_valid(*index_), "the record is not valid");
   check(call, answer.result == expected.result, "another result");
   check(call, answer.numbers == expected.numbers, "other numbers");
-  check(call, out_ids_.equals(expected.ids), "other ids");
-  check(call, out_floats_.equals(expected.floats), "other floats");
-  check(call, out_values_.equals(expected.values), "other values");
-  check(call,
-        out_ids_.margins_intact() && out_floats_.margins_intact() && out_values_.margins_intact(),
-        "written outside the outputs");
-  add_to_digest(answer);
-}
-
-void Player::add_to_digest(const Answer& answer) {
   digest_.add(answer.result);
   digest_.add(answer.numbers);
-  digest_.add(out_ids_.values());
-  digest_.add(out_floats_.values());
-  digest_.add(out_values_.values());
+  for_each_array(outputs_, expected.outputs(), [&](std::size_t i, auto& out, const auto& after) {
+    check(call, out.equals(after), kOtherOutput[i]);
+    check(call, out.margins_intact(), "written outside the outputs");
+    digest_.add(out.values());
+  });
 }
 
 void Player::expect_end(const Call& call, const Answer& expected) {
@@ -107,178 +106,50 @@ void Player::expect_end(const Call& call, const Answer& expected) {
   digest_.add(expected.end->length);
 }
 
-void Player::place_inputs(const Call& call) {
-  floats_.assign(call.floats, edge_of(call, 0));
-  ids_.assign(call.ids, edge_of(call, 1));
-  more_ids_.assign(call.more_ids, edge_of(call, 2));
-  values_.assign(call.values, edge_of(call, 3));
-  ints_.assign(call.ints, edge_of(call, 4));
-  more_ints_.assign(call.more_ints, edge_of(call, 5));
-}
-
 void Player::place_outputs(const Call& call, const Answer& expected) {
-  const auto place = [&](auto& buffer, const auto& after, int array) {
-    auto untouched = after;
+  for_each_array(outputs_, expected.outputs(), [&](std::size_t i, auto& out, auto untouched) {
     if (!untouched.empty()) {
       std::memset(untouched.data(), kUntouchedByte, untouched.size() * sizeof untouched[0]);
     }
-    buffer.assign(untouched, edge_of(call, array));
-  };
-  place(out_ids_, expected.ids, 6);
-  place(out_floats_, expected.floats, 7);
-  place(out_values_, expected.values, 8);
+    out.assign(untouched, edge_of(call, kOutputs + i));
+    placed_[kOutputs + i] = out.data();
+  });
 }
 
 Answer Player::ask(const Call& call) {
   Answer answer;
-  ask_change(call, answer);
+  std::tuple<std::uint64_t, std::uint32_t, std::int32_t> written[4];
+  written[0] = written[1] = written[2] = written[3] = {1, 1, -1};
+  const auto choose = [&]<typename Parameter>(std::size_t n) -> Parameter {
+    constexpr Kind kKind = kind_of<Parameter>();
+    if constexpr (kKind == Kind::kNumber) {
+      return static_cast<Parameter>(call.numbers[n]);
+    } else if constexpr (kKind == Kind::kOutNumber) {
+      return &std::get<std::remove_pointer_t<Parameter>>(written[n]);
+    } else if constexpr (kKind == Kind::kIndex) {
+      return call.function == Function::kFreeNull ? nullptr : index_;
+    } else {
+      return static_cast<Parameter>(placed_[array_number(kKind, n)]);
+    }
+  };
+  const auto note = [&]<typename Argument>(Argument argument) {
+    if constexpr (kind_of<Argument>() == Kind::kOutNumber) {
+      answer.numbers.push_back(static_cast<std::int64_t>(*argument));
+    }
+  };
+  with_function(call.function, [&]<typename Result, typename... Types>(Result (*made)(Types...)) {
+    const std::tuple<Types...> arguments = arguments_of(made, choose);
+    if constexpr (std::is_same_v<Result, QxIndex*>) {
+      index_ = std::apply(made, arguments);
+    } else if constexpr (std::is_void_v<Result>) {
+      std::apply(made, arguments);
+      if (call.function == Function::kFree) index_ = nullptr;
+    } else {
+      answer.result = static_cast<std::int64_t>(std::apply(made, arguments));
+    }
+    std::apply([&](auto... each) { (note(each), ...); }, arguments);
+  });
   return answer;
-}
-
-void Player::ask_change(const Call& call, Answer& answer) {
-  const auto& n = call.numbers;
-  const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
-  switch (call.function) {
-    case Function::kNew:
-      index_ = qx_index_new(uint32(n[0]), uint32(n[1]));
-      break;
-    case Function::kFree:
-      qx_index_free(index_);
-      index_ = nullptr;
-      break;
-    case Function::kFreeNull:
-      qx_index_free(nullptr);
-      break;
-    case Function::kBuild:
-      give(qx_index_build(index_, floats_.data(), n[kBuildN], int32(n[kBuildDim]), ids_.data(),
-                          more_ids_.data(), ints_.data(), more_ints_.data(),
-                          int32(n[kBuildParts])));
-      break;
-    case Function::kInsert:
-      give(qx_index_insert(index_, floats_.data(), ids_.data(), int32(n[0])));
-      break;
-    case Function::kDelete:
-      give(qx_index_delete(index_, ids_.data(), int32(n[0])));
-      break;
-    case Function::kSetIvf:
-      give(qx_index_set_ivf(index_, n[kIvfKey], int32(n[kIvfNlist]), int32(n[kIvfNprobe]),
-                            floats_.data(), ids_.data(), ints_.data(), int32(n[kIvfIds])));
-      break;
-    case Function::kClearIvf:
-      give(qx_index_clear_ivf(index_));
-      break;
-    case Function::kSetIvfNprobe:
-      give(qx_index_set_ivf_nprobe(index_, n[0], int32(n[1])));
-      break;
-    case Function::kSetRowmeta:
-      give(qx_index_set_rowmeta(index_, ids_.data(), more_ids_.data(), values_.data(), int32(n[0]),
-                                int32(n[1])));
-      break;
-    default:
-      ask_accessor(call, answer);
-  }
-}
-
-void Player::ask_accessor(const Call& call, Answer& answer) {
-  const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
-  switch (call.function) {
-    case Function::kStats: {
-      std::uint64_t n_base = 1;
-      std::uint32_t dim = 1;
-      std::uint32_t tag = 1;
-      std::int32_t n_parts = -1;
-      give(qx_index_stats(index_, &n_base, &dim, &tag, &n_parts));
-      answer.numbers = {static_cast<std::int64_t>(n_base), dim, tag, n_parts};
-      break;
-    }
-    case Function::kSnapshot:
-      give(qx_index_snapshot(index_));
-      break;
-    case Function::kMutated:
-      give(qx_index_mutated(index_));
-      break;
-    case Function::kSealed:
-      give(qx_index_sealed(index_));
-      break;
-    case Function::kDeltaCount:
-      give(qx_index_delta_count(index_));
-      break;
-    case Function::kFormatVersion:
-      give(qx_runtime_format_version());
-      break;
-    case Function::kTunerDefaults: {
-      std::uint32_t first = 0;
-      std::uint32_t second = 0;
-      give(qx_tuner_defaults(&first, &second));
-      answer.numbers = {first, second};
-      break;
-    }
-    case Function::kHasIvf:
-      give(qx_index_has_ivf(index_, call.numbers[0]));
-      break;
-    case Function::kVisibleCount:
-      give(qx_index_visible_count(index_));
-      break;
-    default:
-      ask_listing(call, answer);
-  }
-}
-
-void Player::ask_listing(const Call& call, Answer& answer) {
-  const auto& n = call.numbers;
-  const auto give = [&](auto result) { answer.result = static_cast<std::int64_t>(result); };
-  switch (call.function) {
-    case Function::kExportBase:
-      give(qx_index_export_base(index_, out_floats_.data(), out_ids_.data()));
-      break;
-    case Function::kTunerOversized:
-      give(qx_index_tuner_oversized(index_, int32(n[0]), out_ids_.data(), out_values_.data()));
-      break;
-    case Function::kExportRowmeta:
-      give(qx_index_export_rowmeta(index_, ids_.data(), uint32(n[0]), out_ids_.data(),
-                                   out_values_.data()));
-      break;
-    case Function::kMatchIds:
-      give(qx_index_match_ids(index_, uint32(n[0]), int32(n[1]), n[2], out_ids_.data()));
-      break;
-    case Function::kVisibleIds:
-      give(qx_index_visible_ids(index_, out_ids_.data()));
-      break;
-    case Function::kExportVisible:
-      give(qx_index_export_visible(index_, out_floats_.data(), out_ids_.data()));
-      break;
-    default:
-      ask_search(call, answer);
-  }
-}
-
-void Player::ask_search(const Call& call, Answer& answer) {
-  const auto& n = call.numbers;
-  const float* const query = floats_.data();
-  std::int64_t* const ids = out_ids_.data();
-  float* const scores = out_floats_.data();
-  switch (call.function) {
-    case Function::kSearchFull:
-      answer.result = qx_index_search_full(index_, query, int32(n[0]), ids, scores);
-      break;
-    case Function::kSearchPartition:
-      answer.result = qx_index_search_partition(index_, n[0], query, int32(n[1]), ids, scores);
-      break;
-    case Function::kScatterTopk:
-      answer.result =
-          qx_index_scatter_topk(index_, ids_.data(), int32(n[0]), query, int32(n[1]), ids, scores);
-      break;
-    case Function::kSearchIvf:
-      answer.result = qx_index_search_ivf(index_, n[0], query, int32(n[1]), ids, scores);
-      break;
-    case Function::kSearchMvcc:
-      answer.result =
-          qx_index_search_mvcc(index_, ids_.data(), int32(n[0]), query, uint32(n[1]), ids, scores);
-      break;
-    default:
-      answer.result = qx_index_search_filtered(index_, uint32(n[0]), int32(n[1]), n[2], query,
-                                               uint32(n[3]), ids, scores);
-  }
 }
 
 void Player::check(const Call& call, bool agrees, const char* what) {
@@ -286,19 +157,6 @@ void Player::check(const Call& call, bool agrees, const char* what) {
   disagreement_ = "step " + std::to_string(step_) + ", " + describe(call) + ", kernel " +
                   qx::kernels().name + ", host's floats: " + environment_of(call).name + ": " +
                   what;
-}
-
-void Player::check_inputs(const Call& call) {
-  const auto check_input = [&](const auto& placed, const auto& values) {
-    check(call, placed.equals(values), "an input was changed");
-    check(call, placed.margins_intact(), "written outside an input");
-  };
-  check_input(floats_, call.floats);
-  check_input(ids_, call.ids);
-  check_input(more_ids_, call.more_ids);
-  check_input(values_, call.values);
-  check_input(ints_, call.ints);
-  check_input(more_ints_, call.more_ints);
 }
 
 }  // namespace qx_test

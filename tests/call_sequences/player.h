@@ -39,19 +39,12 @@ class Player {
 
  private:
   void perform(const Call& call);
-  // The engine's answer. Each function calls the next one for functions that it does not know.
+  // The engine's answer.
   Answer ask(const Call& call);
-  void ask_change(const Call& call, Answer& answer);
-  void ask_accessor(const Call& call, Answer& answer);
-  void ask_listing(const Call& call, Answer& answer);
-  void ask_search(const Call& call, Answer& answer);
-  void add_to_digest(const Answer& answer);
   void compare(const Call& call, const Answer& expected);
   void expect_end(const Call& call, const Answer& expected);
-  void place_inputs(const Call& call);
   void place_outputs(const Call& call, const Answer& expected);
   void check(const Call& call, bool agrees, const char* what);
-  void check_inputs(const Call& call);
 
   UnderKernels kernels_;
   bool trace_;
@@ -65,11 +58,11 @@ class Player {
   std::string disagreement_;
   Digest digest_;
 
-  Guarded<float> floats_;
-  Guarded<std::int64_t> ids_, more_ids_, values_;
-  Guarded<std::int32_t> ints_, more_ints_;
-  Guarded<std::int64_t> out_ids_, out_values_;
-  Guarded<float> out_floats_;
+  std::tuple<Guarded<float>, Guarded<std::int64_t>, Guarded<std::int64_t>, Guarded<std::int64_t>,
+             Guarded<std::int32_t>, Guarded<std::int32_t>>
+      inputs_;
+  std::tuple<Guarded<std::int64_t>, Guarded<float>, Guarded<std::int64_t>> outputs_;
+  std::array<void*, kOutputs + 3> placed_{};  // the addresses of these arrays
 };
 
 }  // namespace qx_test

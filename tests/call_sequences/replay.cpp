@@ -1,6 +1,5 @@
 #include "call_sequences/replay.h"
 
-#include <array>
 #include <bit>
 #include <cstdio>
 #include <sstream>
@@ -115,10 +114,11 @@ std::string element(float value) {
   return text;
 }
 
+// The type of an element; floats are written as their bits.
 template <typename T>
-const char* type_name() {
-  if (sizeof(T) == 8) return "int64_t";
-  return std::is_same_v<T, float> ? "uint32_t" : "int32_t";
+std::string type_name() {
+  constexpr bool kSigned = std::is_signed_v<T> && !std::is_same_v<T, float>;
+  return std::string(kSigned ? "int" : "uint") + std::to_string(8 * sizeof(T)) + "_t";
 }
 
 // A constant array; floats as their bits.
@@ -128,54 +128,14 @@ std::string constant(const std::string& name, const std::vector<T>& values) {
   std::size_t column = text.size();
   if (values.empty()) text += "0";
   for (std::size_t i = 0; i < values.size(); ++i) {
-    const std::string next = (i == 0 ? "" : ", ") + element(values[i]);
-    column += next.size();
-    if (column > 96) {
-      text += i == 0 ? "\n        " : ",\n        ";
-      text += element(values[i]);
-      column = 8 + element(values[i]).size();
-    } else {
-      text += next;
-    }
+    const std::string next = element(values[i]);
+    const bool wraps = column + next.size() > 94;
+    column = (wraps ? 8 : column + 2) + next.size();
+    text += std::string(i == 0 ? "" : ",") + (wraps ? "\n        " : i == 0 ? "" : " ");
+    text += next;
   }
   return text + "};\n";
 }
-
-// The C arguments of each function, in the order of the enumeration: arrays by their names, scalars
-// by their types and indices in `numbers`. Without blanks.
-constexpr std::array<const char*, 31> kArguments = {
-    "uint32:0,uint32:1",                                                  // new
-    "index",                                                              // free
-    "NULL",                                                               // free
-    "index,&uint64:0,&uint32:1,&uint32:2,&int32:3",                       // stats
-    "index",                                                              // snapshot
-    "index",                                                              // mutated
-    "index",                                                              // sealed
-    "index",                                                              // delta_count
-    "",                                                                   // format_version
-    "index,floats,int64:0,int32:1,ids,more_ids,ints,more_ints,int32:2",   // build
-    "index,out_floats,out_ids",                                           // export_base
-    "index,floats,int32:0,out_ids,out_floats",                            // search_full
-    "index,int64:0,floats,int32:1,out_ids,out_floats",                    // search_partition
-    "index,ids,int32:0,floats,int32:1,out_ids,out_floats",                // scatter_topk
-    "&uint32:0,&uint32:1",                                                // tuner_defaults
-    "index,int32:0,out_ids,out_values",                                   // tuner_oversized
-    "index,floats,ids,int32:0",                                           // insert
-    "index,ids,int32:0",                                                  // delete
-    "index,int64:0,int32:1,int32:2,floats,ids,ints,int32:3",              // set_ivf
-    "index,int64:0",                                                      // has_ivf
-    "index",                                                              // clear_ivf
-    "index,int64:0,int32:1",                                              // set_ivf_nprobe
-    "index,int64:0,floats,int32:1,out_ids,out_floats",                    // search_ivf
-    "index,ids,int32:0,floats,uint32:1,out_ids,out_floats",               // search_mvcc
-    "index,ids,more_ids,values,int32:0,int32:1",                          // set_rowmeta
-    "index,ids,uint32:0,out_ids,out_values",                              // export_rowmeta
-    "index,uint32:0,int32:1,int64:2,floats,uint32:3,out_ids,out_floats",  // search_filtered
-    "index,uint32:0,int32:1,int64:2,out_ids",                             // match_ids
-    "index,out_ids",                                                      // visible_ids
-    "index",                                                              // visible_count
-    "index,out_floats,out_ids",                                           // export_visible
-};
 
 class Writer {
  public:
@@ -215,75 +175,72 @@ class Writer {
   }
 
   std::string statement(const Call& call, const Answer& answer, const std::string& made) {
-    const std::string at = std::to_string(calls_);
     if (call.function == Function::kNew) return "    index = " + made + ";\n";
     if (call.function == Function::kFree || call.function == Function::kFreeNull) {
       return "    " + made + ";\n";
     }
-    return "    result(" + at + ", (int64_t)" + made + ", " + number(answer.result) + ");\n";
+    return result("(int64_t)" + made, answer.result);
+  }
+
+  std::string result(const std::string& got, std::int64_t expected) const {
+    return std::string("    result(") + std::to_string(calls_) + ", " + got + ", " +
+           number(expected) + ");\n";
   }
 
   std::string call_text(const Call& call, const Answer& answer) {
-    const auto function = static_cast<std::size_t>(call.function);
-    std::istringstream words(kArguments.at(function));
     std::string made;
-    for (std::string word; std::getline(words, word, ',');) {
-      made += (made.empty() ? "" : ", ") + argument(word, call, answer);
-    }
+    const auto choose = [&]<typename Parameter>(std::size_t n) {
+      constexpr Kind kKind = kind_of<Parameter>();
+      made += made.empty() ? "" : ", ";
+      if constexpr (kKind == Kind::kIndex) {
+        made += call.function == Function::kFreeNull ? "NULL" : "index";
+      } else if constexpr (kKind == Kind::kNumber) {
+        made += std::string("(") + type_name<Parameter>() + ")" + number(call.numbers[n]);
+      } else if constexpr (kKind == Kind::kOutNumber) {
+        made += out_number(type_name<std::remove_pointer_t<Parameter>>(), n, answer);
+      } else {
+        made += array(array_number(kKind, n), call, answer);
+      }
+      return 0;
+    };
+    with_function(call.function, [&](auto typed) { arguments_of(typed, choose); });
     return std::string(traits(call.function).name) + "(" + made + ")";
   }
 
-  // The argument that a word of kArguments stands for.
-  std::string argument(const std::string& word, const Call& call, const Answer& answer) {
-    if (word == "floats") return input(word, "const float*", 0, call.floats, call);
-    if (word == "ids") return input(word, "const int64_t*", 1, call.ids, call);
-    if (word == "more_ids") return input(word, "const int64_t*", 2, call.more_ids, call);
-    if (word == "values") return input(word, "const int64_t*", 3, call.values, call);
-    if (word == "ints") return input(word, "const int32_t*", 4, call.ints, call);
-    if (word == "more_ints") return input(word, "const int32_t*", 5, call.more_ints, call);
-    if (word == "out_ids") return output(word, "int64_t*", 6, answer.ids, call, answer);
-    if (word == "out_floats") return output(word, "float*", 7, answer.floats, call, answer);
-    if (word == "out_values") return output(word, "int64_t*", 8, answer.values, call, answer);
-    const std::size_t colon = word.find(':');
-    if (colon == std::string::npos) return word;
-    const std::string type = word.substr(0, colon) + "_t";
-    const std::size_t i = std::stoul(word.substr(colon + 1));
-    if (type[0] == '&') return output_number(type.substr(1), i, answer);
-    return "(" + type + ")" + number(call.numbers.at(i));
-  }
-
-  static bool at_start(const Call& call, int array) { return (call.starts >> array & 1) != 0; }
-
-  template <typename T>
-  std::string input(const std::string& name, const char* type, int array,
-                    const std::vector<T>& values, const Call& call) {
-    before_ += constant(name + "_", values);
-    before_ += "    const Block " + name + " = input(" + name + "_, " +
-               std::to_string(values.size() * sizeof(T)) + ", " +
-               (at_start(call, array) ? "1" : "0") + ");\n";
-    after_ += "    same(" + std::to_string(calls_) + ", " + name + ", " + name +
-              "_, \"an input was changed\");\n";
-    return std::string("(") + type + ")" + name + ".data";
+  // Declares array number `i`, and compares it with what it must be after the call.
+  std::string array(std::size_t i, const Call& call, const Answer& answer) {
+    std::string argument;
+    std::size_t at = 0;
+    const auto write = [&](const auto& values) {
+      if (at++ == i) argument = array_of(i, values, call, answer);
+    };
+    std::apply([&](const auto&... each) { (write(each), ...); },
+               std::tuple_cat(inputs_of(call), answer.outputs()));
+    return argument;
   }
 
   template <typename T>
-  std::string output(const std::string& name, const char* type, int array,
-                     const std::vector<T>& after, const Call& call, const Answer& answer) {
-    before_ += "    const Block " + name + " = block(" + std::to_string(after.size() * sizeof(T)) +
-               ", " + (at_start(call, array) ? "1" : "0") + ");\n";
-    if (!answer.end) {
-      before_ += constant(name + "_", after);
-      after_ += "    same(" + std::to_string(calls_) + ", " + name + ", " + name + "_, \"other " +
-                name.substr(4) + "\");\n";
+  std::string array_of(std::size_t i, const std::vector<T>& values, const Call& call,
+                       const Answer& answer) {
+    const bool is_input = i < kOutputs;
+    const std::string name = kArrays[i];
+    const std::string kept = name + "_";
+    if (is_input || !answer.end) {
+      before_ += constant(kept, values);
+      after_ += "    same(" + std::to_string(calls_) + ", " + name + ", " + kept + ", \"" +
+                (is_input ? "an input was changed" : "other " + name.substr(4)) + "\");\n";
     }
-    return std::string("(") + type + ")" + name + ".data";
+    before_ += "    const Block " + name + " = " + (is_input ? "input(" + kept + ", " : "block(") +
+               std::to_string(values.size() * sizeof(T)) + ", " +
+               ((call.starts >> i & 1) != 0 ? "1" : "0") + ");\n";
+    return std::string("(") + (is_input ? "const " : "") +
+           (std::is_same_v<T, float> ? "float" : type_name<T>()) + "*)" + name + ".data";
   }
 
-  std::string output_number(const std::string& type, std::size_t i, const Answer& answer) {
+  std::string out_number(const std::string& type, std::size_t i, const Answer& answer) {
     const std::string name = "number" + std::to_string(i);
     before_ += "    " + type + " " + name + " = 1;\n";
-    after_ += "    result(" + std::to_string(calls_) + ", (int64_t)" + name + ", " +
-              number(answer.numbers.at(i)) + ");\n";
+    after_ += result("(int64_t)" + name, answer.numbers.at(i));
     return "&" + name;
   }
 

@@ -6,26 +6,15 @@
 #include <bit>
 #include <chrono>
 #include <set>
+#include <string>
 
 namespace qx_test {
 namespace {
 
-// Compares bits, since a NaN does not equal itself.
-bool same(const Floats& a, const Floats& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](float x, float y) {
-    return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y);
-  });
-}
-
-bool same(const Call& a, const Call& b) {
-  return a.function == b.function && a.numbers == b.numbers && same(a.floats, b.floats) &&
-         a.ids == b.ids && a.more_ids == b.more_ids && a.values == b.values && a.ints == b.ints &&
-         a.more_ints == b.more_ints && a.starts == b.starts && a.spare == b.spare;
-}
-
-bool same(const CallSequence& a, const CallSequence& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](const Call& x, const Call& y) { return same(x, y); });
+std::string digest_of(const CallSequence& sequence) {
+  Digest digest;
+  add_to(digest, sequence);
+  return digest.text();
 }
 
 using Clock = std::chrono::steady_clock;
@@ -55,7 +44,7 @@ class Shrinker {
   bool keep_if_failing(const CallSequence& candidate) {
     if (Clock::now() >= end_) return false;
     CallSequence valid = repair(candidate);
-    if (same(valid, best_) || !fails_(valid)) return false;
+    if (digest_of(valid) == digest_of(best_) || !fails_(valid)) return false;
     best_ = std::move(valid);
     improved_ = true;
     return true;
@@ -132,26 +121,24 @@ class Shrinker {
 
   // Removes rows, ids, lists and partitions of one call, and the elements that belong to them.
   void drop_elements(std::size_t at) {
-    drop_of(
-        at, [](Call& call) -> std::size_t { return call.ids.size(); }, &drop_ids);
-    if (at >= best_.size()) return;
-    if (best_[at].function == Function::kBuild) {
-      drop_of(
-          at, [](Call& call) { return call.more_ids.size(); }, &drop_partitions);
-    } else if (best_[at].function == Function::kSetIvf) {
-      drop_of(
-          at, [](Call& call) { return call.ints.empty() ? 0 : call.ints.size() - 1; }, &drop_lists);
-    }
-  }
-
-  template <typename Size>
-  void drop_of(std::size_t at, Size size, void (*drop)(Call&, std::size_t, std::size_t)) {
-    drop_spans([&] { return at < best_.size() ? size(best_[at]) : 0; },
-               [&](std::size_t first, std::size_t count) {
-                 CallSequence sequence = best_;
-                 drop(sequence[at], first, count);
-                 return sequence;
-               });
+    const auto drop_of = [&](auto size, void (*drop)(Call&, std::size_t, std::size_t)) {
+      drop_spans([&] { return at < best_.size() ? size(best_[at]) : 0; },
+                 [&](std::size_t first, std::size_t count) {
+                   CallSequence sequence = best_;
+                   drop(sequence[at], first, count);
+                   return sequence;
+                 });
+    };
+    drop_of([](const Call& call) { return call.ids.size(); }, &drop_ids);
+    const auto partitions = [](const Call& call) {
+      return call.function == Function::kBuild ? call.more_ids.size() : 0;
+    };
+    drop_of(partitions, &drop_partitions);
+    const auto lists = [](const Call& call) {
+      const bool some = call.function == Function::kSetIvf && !call.ints.empty();
+      return some ? call.ints.size() - 1 : 0;
+    };
+    drop_of(lists, &drop_lists);
   }
 
   template <typename T>
@@ -211,16 +198,16 @@ class Shrinker {
   void simplify(std::size_t at) {
     simplify_all<std::uint32_t>(at, [](Call& c) { return &c.starts; }, {0});
     simplify_all<std::int64_t>(at, [](Call& c) { return &c.spare; }, {0});
-    for (std::size_t i = 0; at < best_.size() && i < traits(best_[at].function).numbers; ++i) {
+    for (std::size_t i = 0; at < best_.size() && i < numbers(best_[at].function); ++i) {
       const std::int64_t now = best_[at].numbers[i];
       simplify_all<std::int64_t>(at, [i](Call& c) { return &c.numbers[i]; },
                                  {0, 1, now / 2, now - 1});
     }
-    simplify_elements<float>(at, [](Call& c) -> Floats& { return c.floats; }, {0.0f, 1.0f, 2.0f});
-    simplify_elements<std::int64_t>(at, [](Call& c) -> Ids& { return c.more_ids; }, {0, 1});
-    simplify_elements<std::int64_t>(at, [](Call& c) -> Ids& { return c.values; }, {0, 1});
-    simplify_elements<std::int32_t>(at, [](Call& c) -> Ints& { return c.ints; }, {0, 1});
-    simplify_elements<std::int32_t>(at, [](Call& c) -> Ints& { return c.more_ints; }, {0, 1});
+    simplify_elements<0, float>(at, {0.0f, 1.0f, 2.0f});
+    simplify_elements<2, std::int64_t>(at, {0, 1});
+    simplify_elements<3, std::int64_t>(at, {0, 1});
+    simplify_elements<4, std::int32_t>(at, {0, 1});
+    simplify_elements<5, std::int32_t>(at, {0, 1});
   }
 
   template <typename T, typename Place>
@@ -235,10 +222,11 @@ class Shrinker {
     }
   }
 
-  // All elements at once; if that does not fail, one by one.
-  template <typename T, typename Elements>
-  void simplify_elements(std::size_t at, Elements elements, std::initializer_list<T> choices) {
+  // The elements of an input array: all at once; if that does not fail, one by one.
+  template <std::size_t array, typename T>
+  void simplify_elements(std::size_t at, std::initializer_list<T> choices) {
     if (at >= best_.size()) return;
+    const auto elements = [](Call & call) -> auto& { return std::get<array>(inputs_of(call)); };
     for (const T choice : choices) {
       CallSequence sequence = best_;
       auto& values = elements(sequence[at]);
@@ -249,7 +237,7 @@ class Shrinker {
     }
     for (std::size_t i = 0; at < best_.size() && i < elements(best_[at]).size(); ++i) {
       simplify_all<T>(
-          at, [&](Call& c) { return &elements(c)[i]; }, choices);
+          at, [&](Call& call) { return &elements(call)[i]; }, choices);
     }
   }
 

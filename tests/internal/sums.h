@@ -1,10 +1,12 @@
-// Sums for the tests of kernels and scans: the score as the numeric contract defines it, and the
-// exact sum of a row's products, without rounding.
+// Sums for the tests of kernels and scans: the score as the numeric contract defines it, the exact
+// sum of a row's products, without rounding, and what a kernel may answer for a row.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 namespace qx_test {
@@ -65,6 +67,41 @@ class ExactSum {
   std::vector<double> parts_;
   double magnitudes_ = 0;
   double dim_ = 0;
+};
+
+// What a kernel may answer for a row.
+class RowAnswers {
+ public:
+  RowAnswers(const float* row, const float* query, std::int64_t dim)
+      : score_(contract_score(row, query, dim)), exact_(row, query, dim) {
+    const auto is_finite = [](float value) { return std::isfinite(value); };
+    has_nan_ = std::any_of(row, row + dim, [](float value) { return std::isnan(value); });
+    bounded_ = std::all_of(row, row + dim, is_finite) &&
+               std::all_of(query, query + dim, is_finite) &&
+               2 * exact_.magnitudes() < double{std::numeric_limits<float>::max()};
+  }
+
+  float score() const { return score_; }
+  const ExactSum& exact() const { return exact_; }
+  bool bounded() const { return bounded_; }
+
+  // The same bits, or two NaNs, whose payload is the only thing that a kernel may choose.
+  bool is_score(float answer) const {
+    return std::bit_cast<std::uint32_t>(answer) == std::bit_cast<std::uint32_t>(score_) ||
+           (std::isnan(answer) && std::isnan(score_));
+  }
+
+  // A NaN for a row with a NaN; within the bound where nothing overflows.
+  bool is_estimate(float answer) const {
+    if (has_nan_) return std::isnan(answer);
+    return !bounded_ || exact_.distance(answer) <= exact_.bound();
+  }
+
+ private:
+  float score_;
+  ExactSum exact_;
+  bool has_nan_;
+  bool bounded_;
 };
 
 }  // namespace qx_test
