@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "internal/every_kernel.h"
@@ -32,11 +31,31 @@ class Both {
   void compare_all() {
     for (const std::int32_t k : {1, 10, 48, 49, 300}) {
       const Floats query = random_.percent(80) ? rows_.query : row(random_.between(0, last_row()));
-      full(query, k);
-      partition(query, k);
-      candidates(query, k);
-      filtered(query, k);
-      ivf(query, k);
+      compare("search_full", k, &Model::search_full, search_full, query);
+      compare("search_partition", k, &Model::search_partition, search_partition,
+              random_.between(0, kPartitions - 1), query);
+      // A third of the rows by their ids, with absent ids and duplicates.
+      Ids listed;
+      for (std::int64_t i = 0; i < rows_.count / 3; ++i) {
+        listed.push_back(random_.between(-1, rows_.count + 100));
+      }
+      compare("scatter_topk", k, &Model::scatter_topk, scatter, listed, query);
+      const auto current = [](QxIndex* index, const Ids& ids, const Floats& factors,
+                              std::int32_t slots) {
+        return search_mvcc(index, ids, factors, static_cast<std::uint32_t>(slots));
+      };
+      compare("search_mvcc", k, &Model::search_mvcc, current, listed, query);
+      const std::int64_t label = random_.between(0, 2);
+      for (const std::uint32_t mode : {QX_FILTER_ALL, QX_FILTER_LABEL}) {
+        const auto filtered = [](QxIndex* index, const Model::Predicate& test,
+                                 const Floats& factors, std::int32_t slots) {
+          return search_filtered(index, {test.mode, test.column, test.value}, factors,
+                                 static_cast<std::uint32_t>(slots));
+        };
+        compare("search_filtered", k, &Model::search_filtered, filtered,
+                Model::Predicate{mode, 0, label}, query);
+      }
+      compare("search_ivf", k, &Model::search_ivf, search_ivf, std::int64_t{5}, query);
     }
   }
 
@@ -105,93 +124,30 @@ class Both {
   }
 
   void attach_ivf() {
-    const Ivf ivf{kLists, 9, draw_floats(random_, Values::kSmooth, kLists * rows_.width), ids_,
-                  [&] {
-                    Ints offsets;
-                    for (std::int64_t list = 0; list <= kLists; ++list) {
-                      offsets.push_back(static_cast<std::int32_t>(rows_.count * list / kLists));
-                    }
-                    return offsets;
-                  }()};
+    Ivf ivf{kLists, 9, draw_floats(random_, Values::kSmooth, kLists * rows_.width), ids_, {}};
+    for (std::int64_t list = 0; list <= kLists; ++list) {
+      ivf.list_offsets.push_back(static_cast<std::int32_t>(rows_.count * list / kLists));
+    }
     model_.ivfs[5] = {ivf.nlist, ivf.nprobe, ivf.centroids, ivf.list_ids, ivf.list_offsets};
     set_ivf(index_, 5, ivf);
   }
 
   // Compares a search of the model, which fills k slots, with the same search of the engine under
   // every kernel.
-  template <typename Expect, typename Call>
-  void compare(const char* search, std::int64_t k, Expect expect, Call call) {
+  template <typename Search, typename Call, typename... Arguments>
+  void compare(const char* name, std::int32_t k, Search search, Call call,
+               const Arguments&... arguments) {
     Ids ids(static_cast<std::size_t>(k));
     Floats scores(ids.size());
-    Found expected{expect(ids, scores), {}};
-    ASSERT_EQ(expected.returned, k) << search;
+    Found expected{(model_.*search)(arguments..., k, ids, scores), {}};
+    ASSERT_EQ(expected.returned, k);
     for (std::size_t i = 0; i < ids.size(); ++i) expected.slots.push_back({ids[i], scores[i]});
     for (const qx::Kernels* kernels : listed_kernels()) {
       if (!qx::force_kernels(kernels->name)) continue;
-      EXPECT_EQ(call(), expected) << search << ", k " << k << ", kernel " << kernels->name;
+      EXPECT_EQ(call(index_, arguments..., k), expected)
+          << name << ", k " << k << ", kernel " << kernels->name;
     }
     qx::force_kernels(nullptr);
-  }
-
-  void full(const Floats& query, std::int32_t k) {
-    compare(
-        "search_full", k,
-        [&](Ids& ids, Floats& scores) { return model_.search_full(query, k, ids, scores); },
-        [&] { return search_full(index_, query, k); });
-  }
-
-  void partition(const Floats& query, std::int32_t k) {
-    const std::int64_t key = random_.between(0, kPartitions - 1);
-    compare(
-        "search_partition", k,
-        [&](Ids& ids, Floats& scores) {
-          return model_.search_partition(key, query, k, ids, scores);
-        },
-        [&] { return search_partition(index_, key, query, k); });
-  }
-
-  // A third of the rows by their ids, with absent ids and duplicates.
-  void candidates(const Floats& query, std::int32_t k) {
-    Ids listed;
-    for (std::int64_t i = 0; i < rows_.count / 3; ++i) {
-      listed.push_back(random_.between(-1, rows_.count + 100));
-    }
-    const auto count = static_cast<std::int32_t>(listed.size());
-    compare(
-        "scatter_topk", k,
-        [&](Ids& ids, Floats& scores) {
-          return model_.scatter_topk(listed, count, query, k, ids, scores);
-        },
-        [&] { return scatter(index_, listed, query, k); });
-    const auto wanted = static_cast<std::uint32_t>(k);
-    compare(
-        "search_mvcc", k,
-        [&](Ids& ids, Floats& scores) {
-          return model_.search_mvcc(listed, query, wanted, ids, scores);
-        },
-        [&] { return search_mvcc(index_, listed, query, wanted); });
-  }
-
-  void filtered(const Floats& query, std::int32_t k) {
-    const auto wanted = static_cast<std::uint32_t>(k);
-    const std::int64_t label = random_.between(0, 2);
-    for (const std::uint32_t mode : {0u, 1u}) {
-      compare(
-          "search_filtered", k,
-          [&](Ids& ids, Floats& scores) {
-            return model_.search_filtered({mode, 0, label}, query, wanted, ids, scores);
-          },
-          [&] {
-            return search_filtered(index_, {mode, 0, label}, query, wanted);
-          });
-    }
-  }
-
-  void ivf(const Floats& query, std::int32_t k) {
-    compare(
-        "search_ivf", k,
-        [&](Ids& ids, Floats& scores) { return model_.search_ivf(5, query, k, ids, scores); },
-        [&] { return search_ivf(index_, 5, query, k); });
   }
 
   Random& random_;

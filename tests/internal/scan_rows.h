@@ -4,9 +4,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
+#include <numeric>
 #include <vector>
 
+#include "read/scan.h"
 #include "support/random.h"
 
 namespace qx_test {
@@ -60,6 +63,9 @@ inline float power(Random& random, int low, int high) {
          (random.percent(50) ? 1.0f : -1.0f);
 }
 
+inline float integer(Random& random) { return static_cast<float>(random.between(-2, 2)); }
+inline float positive(Random& random) { return std::abs(unit(random)) + 0x1p-30f; }
+
 // A query of ones and twos, and rows with two large products that cancel: what is left of the small
 // ones depends on the order in which they are added.
 inline void draw_cancelling(Random& random, ScanRows& rows) {
@@ -82,7 +88,7 @@ inline void draw_negative_cancelling(Random& random, ScanRows& rows) {
   }
   for (std::int64_t i = 0; i < rows.count; ++i) {
     float* const row = rows.row(i);
-    for (std::int64_t j = 0; j < rows.width; ++j) row[j] = -std::abs(unit(random)) - 0x1p-30f;
+    for (std::int64_t j = 0; j < rows.width; ++j) row[j] = -positive(random);
     const float large = -0x1p+20f * static_cast<float>(random.between(4, 8));
     row[2 * random.between(0, rows.width / 2 - 1)] = large;
     row[2 * random.between(0, rows.width / 2 - 1) + 1] = large;
@@ -132,47 +138,37 @@ inline void sprinkle(Random& random, ScanRows& rows, const std::vector<float>& v
   }
 }
 
-inline float draw_component(Random& random, Family family) {
-  switch (family) {
-    case Family::kIntegers:
-      return static_cast<float>(random.between(-2, 2));
-    case Family::kTwoValued:
-      return static_cast<float>(random.between(0, 1));
-    case Family::kOutlier:
-      return unit(random) * 1e-10f;
-    case Family::kMixed:
-      return power(random, -140, 60);
-    case Family::kHuge:
-      return power(random, 90, 120);
-    case Family::kSubnormals:
-      return power(random, -149, -130);
-    case Family::kLow:
-      return power(random, 88, 102);
-    case Family::kAllNegative:
-      return -std::abs(unit(random)) - 0x1p-30f;
-    default:
-      return unit(random);
-  }
-}
+// How a component of a row and a factor of the query are drawn.
+struct Recipe {
+  float (*component)(Random&) = unit;
+  float (*factor)(Random&) = unit;
+};
 
-inline float draw_factor(Random& random, Family family) {
+inline Recipe recipe_of(Family family) {
+  const auto near_one = [](Random& random) { return power(random, -3, 3); };
   switch (family) {
     case Family::kIntegers:
+      return {integer, integer};
     case Family::kTwoValued:
-      return static_cast<float>(random.between(-2, 2));
+      return {[](Random& r) { return static_cast<float>(r.between(0, 1)); }, integer};
     case Family::kOutlier:
+      return {[](Random& r) { return unit(r) * 1e-10f; }, near_one};
     case Family::kMixed:
-      return power(random, -3, 3);
+      return {[](Random& r) { return power(r, -140, 60); }, near_one};
     case Family::kHuge:
-      return power(random, 5, 10);
+      return {[](Random& r) { return power(r, 90, 120); },
+              [](Random& r) { return power(r, 5, 10); }};
     case Family::kSubnormals:
-      return random.percent(50) ? power(random, -149, -120) : unit(random);
+      return {[](Random& r) { return power(r, -149, -130); },
+              [](Random& r) { return r.percent(50) ? power(r, -149, -120) : unit(r); }};
+    case Family::kLow:
+      return {[](Random& r) { return power(r, 88, 102); }, unit};
     case Family::kAllNegative:
-      return std::abs(unit(random)) + 0x1p-30f;
+      return {[](Random& r) { return -positive(r); }, positive};
     case Family::kZeroQuery:
-      return random.percent(50) ? 0.0f : -0.0f;
+      return {unit, [](Random& r) { return r.percent(50) ? 0.0f : -0.0f; }};
     default:
-      return unit(random);
+      return {};
   }
 }
 
@@ -183,29 +179,16 @@ inline ScanRows draw_scan_rows(Random& random, Family family, std::int64_t width
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   ScanRows rows{width, count, std::vector<float>(static_cast<std::size_t>(width)),
                 std::vector<float>(static_cast<std::size_t>(width * count))};
-  if (family == Family::kAllNegative && random.percent(50)) {
-    draw_negative_cancelling(random, rows);
-    return rows;
-  }
-  switch (family) {
-    case Family::kCancelling:
-      draw_cancelling(random, rows);
-      return rows;
-    case Family::kClustered:
-      draw_clustered(random, rows);
-      return rows;
-    case Family::kAscending:
-    case Family::kDescending:
-      draw_steps(random, rows, family == Family::kAscending);
-      return rows;
-    case Family::kDuplicates:
-      draw_duplicates(random, rows);
-      return rows;
-    default:
-      break;
-  }
-  for (float& factor : rows.query) factor = draw_factor(random, family);
-  for (float& component : rows.vectors) component = draw_component(random, family);
+  const bool all_negative = family == Family::kAllNegative;
+  const bool steps = family == Family::kAscending || family == Family::kDescending;
+  if (all_negative && random.percent(50)) return draw_negative_cancelling(random, rows), rows;
+  if (family == Family::kCancelling) return draw_cancelling(random, rows), rows;
+  if (family == Family::kClustered) return draw_clustered(random, rows), rows;
+  if (steps) return draw_steps(random, rows, family == Family::kAscending), rows;
+  if (family == Family::kDuplicates) return draw_duplicates(random, rows), rows;
+  const Recipe recipe = recipe_of(family);
+  for (float& factor : rows.query) factor = recipe.factor(random);
+  for (float& component : rows.vectors) component = recipe.component(random);
   const auto any_place = static_cast<std::size_t>(random.between(0, width - 1));
   if (family == Family::kAllEqual) {
     for (std::int64_t i = 1; i < count; ++i) std::copy_n(rows.row(0), width, rows.row(i));
@@ -221,6 +204,39 @@ inline ScanRows draw_scan_rows(Random& random, Family family, std::int64_t width
     rows.query[any_place] = random.percent(50) ? kInfinity : -kInfinity;
   }
   return rows;
+}
+
+struct Result {
+  std::vector<std::int64_t> ids;
+  std::vector<float> scores;
+
+  // Compares bits.
+  bool operator==(const Result& other) const {
+    return ids == other.ids && scores.size() == other.scores.size() &&
+           std::memcmp(scores.data(), other.scores.data(), scores.size() * sizeof(float)) == 0;
+  }
+};
+
+// The k best rows of a base, whose ids are their numbers.
+inline Result scan_base(const std::vector<float>& vectors, const std::vector<float>& query,
+                        std::int64_t k, bool contiguous) {
+  const std::int64_t count = std::ssize(vectors) / std::ssize(query);
+  std::vector<std::int64_t> ids(static_cast<std::size_t>(count));
+  std::iota(ids.begin(), ids.end(), 0);
+  Result found{std::vector<std::int64_t>(static_cast<std::size_t>(k)),
+               std::vector<float>(static_cast<std::size_t>(k))};
+  QxIndex index;
+  index.dim = static_cast<std::uint32_t>(query.size());
+  index.base_vectors = const_cast<float*>(vectors.data());
+  index.base_magnitude = magnitude_of(vectors);
+  qx::Scan scan(index, query.data(), {k, found.ids.data(), found.scores.data()}, count);
+  if (contiguous) {
+    scan.add_base_rows(0, count, ids.data());
+  } else {
+    for (const std::int64_t id : ids) scan.add({false, id}, id);
+  }
+  scan.finish();
+  return found;
 }
 
 }  // namespace qx_test

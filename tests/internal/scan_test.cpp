@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "internal/every_kernel.h"
@@ -19,6 +18,7 @@ namespace {
 using qx_test::Family;
 using qx_test::Guarded;
 using qx_test::Random;
+using qx_test::Result;
 using qx_test::ScanRows;
 using Floats = std::vector<float>;
 using Ids = std::vector<std::int64_t>;
@@ -36,15 +36,6 @@ enum class Way {
   kMixed         // all of it
 };
 constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
-
-struct Result {
-  Ids ids;
-  Floats scores;
-  bool operator==(const Result& other) const {
-    return ids == other.ids && scores.size() == other.scores.size() &&
-           std::memcmp(scores.data(), other.scores.data(), scores.size() * sizeof(float)) == 0;
-  }
-};
 
 // Rows with what they are by the contract, placed where one element too many faults.
 class Fixed {
@@ -78,19 +69,19 @@ class Fixed {
     const std::int64_t first = random.between(0, width - 2);
     const std::int64_t second = random.between(first + 1, width - 1);
     const float large = magnitude * scale * 64;
-    if (cancels && query[at(first)] != 0 && query[at(second)] != 0) {
-      made[first] = large / query[at(first)];
-      made[second] = -large / query[at(second)];
+    const float* const factors = query.data();
+    if (cancels && factors[first] != 0 && factors[second] != 0) {
+      made[first] = large / factors[first];
+      made[second] = -large / factors[second];
     }
     delta_scores.push_back(qx_test::contract_score(made, query.data(), width));
   }
 
   static constexpr std::int64_t kDeltaRows = 60;
-  static std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
   const float* row(std::int64_t i) const { return vectors.data() + i * width; }
   // Whether fewer than about a tenth of the rows are better.
   bool is_good(std::int64_t i) const {
-    return !sorted.empty() && scores[at(i)] >= sorted[sorted.size() - 1 - sorted.size() / 10];
+    return !sorted.empty() && scores.data()[i] >= sorted[sorted.size() - 1 - sorted.size() / 10];
   }
 
   std::int64_t width;
@@ -200,11 +191,11 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
 
   void add_one(std::int64_t i) {
     arrive(i);
-    scan_.add({false, i}, rows_.ids[Fixed::at(i)]);
+    scan_.add({false, i}, ids()[i]);
   }
 
   void add_delta_row(std::int64_t i) {
-    arrivals_.push_back({1000000 + i, rows_.delta_scores[Fixed::at(i)]});
+    arrivals_.push_back({1000000 + i, rows_.delta_scores.data()[i]});
     scan_.add({true, i}, 1000000 + i);
   }
 
@@ -232,9 +223,7 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     }
   }
 
-  void arrive(std::int64_t i) {
-    arrivals_.push_back({rows_.ids[Fixed::at(i)], rows_.scores[Fixed::at(i)]});
-  }
+  void arrive(std::int64_t i) { arrivals_.push_back({ids()[i], rows_.scores.data()[i]}); }
 
   const std::int64_t* ids() const { return rows_.ids.data(); }
 
@@ -304,7 +293,7 @@ TEST_P(EveryScan, KeepsTheOrderOfEqualsAcrossBlocks) {
       const std::int64_t from_multiple = (i + 2) % around;
       if (from_multiple < 5) std::copy_n(drawn.row(0), drawn.width, drawn.row(i));
     }
-    for (std::int64_t j = 0; j < drawn.width; ++j) drawn.query[Fixed::at(j)] = drawn.row(0)[j];
+    for (std::int64_t j = 0; j < drawn.width; ++j) drawn.query.data()[j] = drawn.row(0)[j];
     const Fixed rows(random, drawn);
     for (int way = 0; way < kWays; ++way) {
       for (const std::int64_t k : {1, 2, 10, 48, 49, 100}) {
@@ -323,7 +312,7 @@ TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
   for (const Family family : {Family::kCancelling, Family::kClustered}) {
     Random random(3200);
     const Fixed rows(random, draw_scan_rows(random, family, 64, 1000));
-    Floats estimates(Fixed::at(rows.count));
+    Floats estimates(rows.scores.size());
     GetParam()->estimate_contiguous(rows.vectors.data(), rows.count, rows.width, rows.query.data(),
                                     qx::CacheLevel::kL2, estimates.data());
     std::int64_t swapped = 0;
@@ -356,6 +345,20 @@ TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
       }
       EXPECT_TRUE(wrong) << "way " << static_cast<int>(way) << ", k " << k;
     }
+  }
+}
+
+// Around the dimension from which a scan uses the host's own query.
+TEST_P(EveryScan, FindsTheBestOfVeryWideRows) {
+  Random random(31);
+  for (const std::int64_t dim : {2047, 2048, 2049, 2051}) {
+    Floats rows(static_cast<std::size_t>(250 * dim));
+    for (float& number : rows) number = static_cast<float>(random.between(-9, 9));
+    const Floats query(rows.begin(), rows.begin() + dim);
+    Floats scores(250);
+    qx::score_vectors(rows.data(), 250, dim, query.data(), scores.data());
+    const auto best = std::max_element(scores.begin(), scores.end());
+    EXPECT_EQ(qx_test::scan_base(rows, query, 1, true), (Result{{best - scores.begin()}, {*best}}));
   }
 }
 

@@ -3,18 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "kernels/kernels.h"
-#include "scale/pieces.h"
 #include "scale/stages.h"
 
 namespace qx_scale {
-
-void under_every_kernel(const std::function<void(const char*)>& work) {
-  for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
-    if (qx::force_kernels((*next)->name)) work((*next)->name);
-  }
-  qx::force_kernels(nullptr);
-}
 
 namespace {
 
@@ -29,6 +20,19 @@ std::int64_t rows_that_fit(std::int64_t bytes) {
     if (vectors_stage_bytes(rows) <= bytes) return rows;
   }
   return 0;
+}
+
+// The bytes that programs can still allocate, by the system's estimate; 0 if there is none.
+std::int64_t available_bytes() {
+  std::FILE* const file = std::fopen("/proc/meminfo", "re");
+  if (file == nullptr) return 0;
+  char line[200];
+  long long kibibytes = 0;
+  while (std::fgets(line, sizeof line, file) != nullptr) {
+    if (std::sscanf(line, "MemAvailable: %lld kB", &kibibytes) == 1) break;
+  }
+  std::fclose(file);
+  return kibibytes * 1024;
 }
 
 double gib(std::int64_t bytes) { return static_cast<double>(bytes) / static_cast<double>(kGiB); }

@@ -5,9 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <span>
-#include <vector>
 
 #include "scale/pieces.h"
 #include "scale/stages.h"
@@ -15,32 +14,27 @@
 
 namespace qx_scale {
 
-using Floats = std::vector<float>;
-using Ids = std::vector<std::int64_t>;
-
-struct Hit {
-  std::int64_t id;
-  float score;
-  bool operator==(const Hit& other) const = default;
-};
-using Hits = std::vector<Hit>;
-
 inline float score_of(const float* row, const Floats& query) {
   float score = 0;
   for (std::size_t j = 0; j < query.size(); ++j) score = std::fma(row[j], query[j], score);
   return score;
 }
 
-// Keeps the best of the rows offered; among equal scores, the earlier one.
+// Keeps the k best of the rows offered; among equal scores, the earlier one.
 class Oracle {
  public:
   explicit Oracle(std::size_t k) : k_(k) {}
 
   void offer(float score, std::int64_t id) {
-    if (hits_.size() == k_ && !(score > hits_.back().score)) return;
-    if (hits_.size() == k_) hits_.pop_back();
-    const auto worse = [](float a, const Hit& b) { return a > b.score; };
-    hits_.insert(std::upper_bound(hits_.begin(), hits_.end(), score, worse), {id, score});
+    if (hits_.ids.size() == k_ && !(score > hits_.scores.back())) return;
+    const auto at =
+        std::upper_bound(hits_.scores.begin(), hits_.scores.end(), score, std::greater<>()) -
+        hits_.scores.begin();
+    hits_.scores.insert(hits_.scores.begin() + at, score);
+    hits_.ids.insert(hits_.ids.begin() + at, id);
+    if (hits_.ids.size() <= k_) return;
+    hits_.scores.pop_back();
+    hits_.ids.pop_back();
   }
   const Hits& hits() const { return hits_; }
 

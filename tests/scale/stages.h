@@ -4,25 +4,35 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
+#include <memory>
+#include <vector>
+
+#include "kernels/kernels.h"
+#include "qx_runtime.h"
+#include "support/call.h"
 
 namespace qx_scale {
 
+using Handle = std::unique_ptr<QxIndex, decltype(&qx_index_free)>;
+using Ids = std::vector<std::int64_t>;
+using Floats = std::vector<float>;
+
 inline constexpr std::int64_t kGiB = std::int64_t{1} << 30;
+
+// An index of vectors of one float.
+inline Handle new_index() { return Handle(qx_index_new(1, 0), qx_index_free); }
 
 // Prints each result with the time since the start, and counts them.
 class Report {
  public:
   void expect(bool holds, const char* fact) {
     ++(holds ? passed_ : failed_);
-    std::printf("  %-6s %7.1f s  %s\n", holds ? "ok" : "FAILED", seconds(), fact);
+    const std::chrono::duration<double> past = std::chrono::steady_clock::now() - start_;
+    std::printf("  %-6s %7.1f s  %s\n", holds ? "ok" : "FAILED", past.count(), fact);
     std::fflush(stdout);
   }
   void stage(const char* name) { std::printf("== %s\n", name); }
 
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  }
   std::int64_t passed() const { return passed_; }
   std::int64_t failed() const { return failed_; }
 
@@ -32,8 +42,33 @@ class Report {
   std::int64_t failed_ = 0;
 };
 
-// Calls work(name) under every kernel that runs here.
-void under_every_kernel(const std::function<void(const char*)>& work);
+// Does the work under every kernel that runs here.
+template <typename Work>
+void under_every_kernel(Work work) {
+  for (const qx::Kernels* const* next = qx::all_kernels(); *next != nullptr; ++next) {
+    if (!qx::force_kernels((*next)->name)) continue;
+    std::printf("  kernel %s\n", (*next)->name);
+    work();
+  }
+  qx::force_kernels(nullptr);
+}
+
+struct Hits {
+  Ids ids;
+  Floats scores;
+  bool operator==(const Hits& other) const = default;
+};
+
+// The slots that a search fills, which takes these arguments before k.
+template <typename Search, typename... Arguments>
+Hits hits_of(std::int32_t k, Search search, const QxIndex* index, Arguments... arguments) {
+  Hits hits{Ids(static_cast<std::size_t>(k)), Floats(static_cast<std::size_t>(k))};
+  const auto found = static_cast<std::size_t>(
+      qx_test::call_c(search, index, arguments..., k, hits.ids.data(), hits.scores.data()));
+  hits.ids.resize(found);
+  hits.scores.resize(found);
+  return hits;
+}
 
 // Rows of this many floats.
 inline constexpr std::int64_t kWidth = 128;

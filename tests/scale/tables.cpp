@@ -2,23 +2,14 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <memory>
 #include <numeric>
-#include <vector>
 
-#include "qx_runtime.h"
 #include "scale/pieces.h"
 #include "scale/stages.h"
 #include "support/child.h"
 
 namespace qx_scale {
 namespace {
-
-using Handle = std::unique_ptr<QxIndex, decltype(&qx_index_free)>;
-using Ids = std::vector<std::int64_t>;
-using Floats = std::vector<float>;
-
-Handle new_index() { return Handle(qx_index_new(1, 0), qx_index_free); }
 
 // Rows of one float, which is also their score under this query.
 constexpr float kQuery = 1;
@@ -30,11 +21,7 @@ std::int32_t build(QxIndex* index, const Ids& ids, const Floats& vectors) {
 
 // The id of the best of the listed ids; -1 if none has a row.
 std::int64_t best_of(const QxIndex* index, const Ids& listed) {
-  std::int64_t id = 0;
-  float score = 0;
-  qx_index_search_mvcc(index, listed.data(), static_cast<std::int32_t>(listed.size()), &kQuery, 1,
-                       &id, &score);
-  return id;
+  return hits_of(1, qx_index_search_mvcc, index, listed.data(), listed.size(), &kQuery).ids[0];
 }
 
 constexpr std::int64_t kIdLimit = std::int64_t{1} << 40;
@@ -82,7 +69,7 @@ constexpr std::int32_t kPieceParts = 1 << 20;
 
 Handle partitioned() {
   Ids keys(kMany);
-  for (std::int32_t p = 0; p < kMany; ++p) keys[static_cast<std::size_t>(p)] = 3 * std::int64_t{p};
+  for (std::int32_t p = 0; p < kMany; ++p) keys.data()[p] = 3 * std::int64_t{p};
   const Piece one_piece(kPieceParts * sizeof(std::int32_t));
   std::fill_n(one_piece.as<std::int32_t>(), kPieceParts, 1);
   const Repeated sizes(one_piece, kMany * sizeof(std::int32_t), Writes::kPrivate);
@@ -101,11 +88,7 @@ Handle partitioned() {
 
 // The ids that a search of a partition returns, best first.
 Ids found_in(const QxIndex* index, std::int64_t key) {
-  Ids ids(4);
-  Floats scores(4);
-  ids.resize(static_cast<std::size_t>(
-      qx_index_search_partition(index, key, &kQuery, 4, ids.data(), scores.data())));
-  return ids;
+  return hits_of(4, qx_index_search_partition, index, key, &kQuery).ids;
 }
 
 }  // namespace
@@ -146,13 +129,9 @@ void run_lists(Report& report) {
   qx_index_set_ivf(index.get(), 1, 2, 1, centroids, members.as<std::int64_t>(), offsets, kMany);
   const auto best = [&](std::int32_t lists) {
     qx_index_set_ivf_nprobe(index.get(), 1, lists);
-    Ids ids(3);
-    Floats scores(3);
-    qx_index_search_ivf(index.get(), 1, &kQuery, 3, ids.data(), scores.data());
-    return ids;
+    return hits_of(3, qx_index_search_ivf, index.get(), 1, &kQuery).ids;
   };
-  under_every_kernel([&](const char* kernel) {
-    std::printf("  kernel %s\n", kernel);
+  under_every_kernel([&] {
     report.expect(best(1) == Ids{30, 10, 10}, "the last member of 2^28 + 77 in the best list");
     report.expect(best(2) == Ids{30, 20, 10}, "the last member of the long list after it");
   });
@@ -169,9 +148,7 @@ void run_tombstones(Report& report) {
     std::iota(ids.begin(), ids.end(), 0);
     report.expect(build(index.get(), ids, Floats(kRows, 1)) == 0, "a base of 2^20 rows is built");
     ids.resize(kDeleted);
-    for (std::int32_t i = 0; i < kDeleted; ++i) {
-      ids[static_cast<std::size_t>(i)] = 4 * std::int64_t{i} - (std::int64_t{1} << 28);
-    }
+    for (std::int64_t i = 0; i < kDeleted; ++i) ids.data()[i] = 4 * i - (std::int64_t{1} << 28);
     qx_index_delete(index.get(), ids.data(), kDeleted);
   }
   report.expect(qx_index_visible_count(index.get()) == kRows - kRows / 4,

@@ -2,17 +2,13 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <memory>
 #include <set>
 
-#include "qx_runtime.h"
 #include "scale/rows.h"
 #include "scale/stages.h"
 
 namespace qx_scale {
 namespace {
-
-using Handle = std::unique_ptr<QxIndex, decltype(&qx_index_free)>;
 
 constexpr std::int32_t kBest = 100;
 constexpr std::int64_t kLastPart = 5000;
@@ -51,17 +47,6 @@ Hits best_of_rows(const Rows& rows, std::int64_t first, std::int64_t count) {
   return oracle.hits();
 }
 
-// The results of a search; empty if it does not return kBest.
-template <typename Search>
-Hits hits_of(Search search) {
-  Ids ids(kBest);
-  Floats scores(kBest);
-  if (search(ids.data(), scores.data()) != kBest) return {};
-  Hits hits;
-  for (std::size_t i = 0; i < kBest; ++i) hits.push_back({ids[i], scores[i]});
-  return hits;
-}
-
 void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, Report& report) {
   const float* const query = rows.query().data();
   const Hits best = best_of_rows(rows, 0, rows.count());
@@ -76,24 +61,15 @@ void search_sealed(const QxIndex* index, const Rows& rows, const Parts& parts, R
     listed.push_back(Rows::id_of(row) + 1);  // an id without a row
     oracle.offer(rows.score(row), Rows::id_of(row));
   }
-  under_every_kernel([&](const char* kernel) {
-    std::printf("  kernel %s\n", kernel);
-    report.expect(best == hits_of([&](std::int64_t* ids, float* scores) {
-                    return qx_index_search_full(index, query, kBest, ids, scores);
-                  }),
-                  "the whole base");
+  under_every_kernel([&] {
+    report.expect(best == hits_of(kBest, qx_index_search_full, index, query), "the whole base");
     for (int p = 0; p < 3; ++p) {
-      report.expect(best_of_part[p] == hits_of([&](std::int64_t* ids, float* scores) {
-                      return qx_index_search_partition(index, parts.keys[p], query, kBest, ids,
-                                                       scores);
-                    }),
-                    "a partition");
+      report.expect(
+          best_of_part[p] == hits_of(kBest, qx_index_search_partition, index, parts.keys[p], query),
+          "a partition");
     }
-    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
-                    return qx_index_scatter_topk(index, listed.data(),
-                                                 static_cast<std::int32_t>(listed.size()), query,
-                                                 kBest, ids, scores);
-                  }),
+    report.expect(oracle.hits() == hits_of(kBest, qx_index_scatter_topk, index, listed.data(),
+                                           listed.size(), query),
                   "candidates");
   });
 }
@@ -146,20 +122,14 @@ void search_current(const QxIndex* index, const Rows& rows, const Changed& chang
   const float* const query = rows.query().data();
   Oracle oracle(kBest);
   walk(rows, changed, [&](std::int64_t id, float score) { oracle.offer(score, id); });
-  Ids listed;
-  for (const Hit& hit : oracle.hits()) listed.push_back(hit.id);
-  for (const std::int64_t id : changed.deleted) listed.push_back(id);
-  under_every_kernel([&](const char* kernel) {
-    std::printf("  kernel %s, after changes\n", kernel);
-    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
-                    return qx_index_search_filtered(index, 0, 0, 0, query, kBest, ids, scores);
-                  }),
+  Ids listed = oracle.hits().ids;
+  listed.insert(listed.end(), changed.deleted.begin(), changed.deleted.end());
+  std::printf("  after changes\n");
+  under_every_kernel([&] {
+    report.expect(oracle.hits() == hits_of(kBest, qx_index_search_filtered, index, 0, 0, 0, query),
                   "every visible row");
-    report.expect(oracle.hits() == hits_of([&](std::int64_t* ids, float* scores) {
-                    return qx_index_search_mvcc(index, listed.data(),
-                                                static_cast<std::int32_t>(listed.size()), query,
-                                                kBest, ids, scores);
-                  }),
+    report.expect(oracle.hits() == hits_of(kBest, qx_index_search_mvcc, index, listed.data(),
+                                           listed.size(), query),
                   "candidates as they are now");
   });
 }
@@ -231,7 +201,7 @@ void run_vectors(std::int64_t rows, Report& report) {
   report.stage("a base of many gigabytes");
   const Rows all(rows);
   const Parts parts(rows);
-  const Handle index(qx_index_new(1, 0), qx_index_free);
+  const Handle index = new_index();
   report.expect(build(index.get(), all, parts), "built");
   search_sealed(index.get(), all, parts, report);
   const Changed changed = change(index.get(), all);
