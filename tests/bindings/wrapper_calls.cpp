@@ -28,7 +28,10 @@ using Offsets = std::vector<std::int32_t>;
 using IdSpan = std::span<const std::int64_t>;
 using FloatSpan = std::span<const float>;
 
-constexpr std::int64_t kMost32 = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kMost32 = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kLeast32 = std::numeric_limits<std::int32_t>::min();
+constexpr std::int64_t kMost64 = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kLeast64 = std::numeric_limits<std::int64_t>::min();
 constexpr std::size_t kTooMany = std::size_t{1} << 31;
 constexpr int kCallsOfASequence = 150;
 
@@ -119,20 +122,27 @@ class HostileCalls {
   // ---- Arguments ----
 
   std::int64_t any_id() {
-    static const Ids edges = {-1,      std::numeric_limits<std::int64_t>::min(),
-                              kMost32, std::numeric_limits<std::int64_t>::max(),
-                              -2,      std::int64_t{1} << 40};
+    static const Ids edges = {-1, kLeast64, kMost32, kMost64, -2, std::int64_t{1} << 40};
     return random_.percent(8) ? random_.any_of(edges) : random_.between(0, 40);
   }
-  Ids some_ids() {
-    Ids ids(static_cast<std::size_t>(random_.percent(1) ? random_.between(0, 900)
-                                                        : random_.between(0, 9)));
-    for (std::int64_t& id : ids) id = any_id();
-    return ids;
+  template <typename T, typename Draw>
+  static std::vector<T> several(std::int64_t count, Draw draw) {
+    std::vector<T> values;
+    for (std::int64_t i = 0; i < count; ++i) values.push_back(draw());
+    return values;
   }
+  Ids some_ids() {
+    const std::int64_t most = random_.percent(1) ? 900 : 9;
+    return several<std::int64_t>(random_.between(0, most), [&] { return any_id(); });
+  }
+  Ids small_numbers(std::size_t count) {
+    return several<std::int64_t>(static_cast<std::int64_t>(count),
+                                 [&] { return random_.between(-1, 3); });
+  }
+  std::size_t width_of(std::size_t rows) const { return rows * static_cast<std::size_t>(dim_); }
   Floats some_floats(std::size_t rows) {
     return qx_test::draw_floats(random_, qx_test::Values::kMixed,
-                                static_cast<std::int64_t>(rows) * dim_);
+                                static_cast<std::int64_t>(width_of(rows)));
   }
   // A size that is usually wrong.
   template <typename T>
@@ -148,8 +158,8 @@ class HostileCalls {
 
   void build() {
     if (model_.sealed && !hostile()) return;
-    Ids ids(static_cast<std::size_t>(random_.between(0, 30)));
-    for (std::int64_t& id : ids) id = random_.between(0, random_.percent(2) ? 5000 : 40);
+    Ids ids = several<std::int64_t>(
+        random_.between(0, 30), [&] { return random_.between(0, random_.percent(2) ? 5000 : 40); });
     Floats vectors = some_floats(ids.size());
     std::vector<qx::Partition> parts = some_partitions(std::ssize(ids));
     End expected = model_.sealed ? End::kLogicError : End::kReturned;
@@ -175,16 +185,12 @@ class HostileCalls {
                  static_cast<std::int32_t>(keys.size()));
   }
   End end_of_build(const Floats& vectors, const Ids& ids, bool wrong_parts) const {
-    if (vectors.size() != ids.size() * static_cast<std::size_t>(dim_)) {
-      return End::kInvalidArgument;
-    }
-    std::int64_t largest = 0;
-    for (const std::int64_t id : ids) {
-      if (id < 0 || id >= std::int64_t{1} << 40) return End::kInvalidArgument;
-      largest = std::max(largest, id);
-    }
-    if (wrong_parts) return End::kInvalidArgument;
-    return largest > std::int64_t{1} << 38 ? End::kNoMemory : End::kReturned;
+    const bool some = !ids.empty();
+    const std::int64_t least = some ? *std::min_element(ids.begin(), ids.end()) : 0;
+    const std::int64_t largest = some ? *std::max_element(ids.begin(), ids.end()) : 0;
+    const bool fits = vectors.size() == width_of(ids.size()) && !wrong_parts && least >= 0 &&
+                      largest < std::int64_t{1} << 40;
+    return fits && largest > std::int64_t{1} << 38 ? End::kNoMemory : when(fits);
   }
   std::vector<qx::Partition> some_partitions(std::int64_t rows) {
     std::vector<qx::Partition> parts;
@@ -198,13 +204,11 @@ class HostileCalls {
     return parts;
   }
   qx::Partition wrong_partition(const std::vector<qx::Partition>& parts, std::int64_t rows) {
-    constexpr auto kLeast = std::numeric_limits<std::int32_t>::min();
-    constexpr auto kLargest = std::numeric_limits<std::int32_t>::max();
     const std::int64_t key = parts.empty() ? 0 : parts.back().key + 1;
     const auto count = static_cast<std::int32_t>(rows);
     const std::vector<qx::Partition> wrong = {
-        {key, count, 1},       {key, -1, 1},        {key, 0, -1},      {key, kLargest, kLargest},
-        {key, kLeast, kLeast}, {key, 0, count + 1}, {key, 1, kLargest}};
+        {key, count, 1},           {key, -1, 1},        {key, 0, -1},     {key, kMost32, kMost32},
+        {key, kLeast32, kLeast32}, {key, 0, count + 1}, {key, 1, kMost32}};
     if (!parts.empty() && random_.percent(30)) return {parts.back().key, 0, 0};
     return random_.any_of(wrong);
   }
@@ -213,13 +217,12 @@ class HostileCalls {
     const Ids ids = some_ids();
     Floats vectors = some_floats(ids.size());
     if (hostile() && random_.percent(20)) {
-      const std::size_t many = kTooMany * static_cast<std::size_t>(dim_);
-      must(End::kInvalidArgument, "insert",
-           [&] { index_.insert(FloatSpan(&never_read_float_, many), too_many_ids()); });
+      const FloatSpan many(&never_read_float_, width_of(kTooMany));
+      must(End::kInvalidArgument, "insert", [&] { index_.insert(many, too_many_ids()); });
       return;
     }
     if (hostile()) spoil(vectors);
-    const bool fits = vectors.size() == ids.size() * static_cast<std::size_t>(dim_);
+    const bool fits = vectors.size() == width_of(ids.size());
     std::uint64_t snapshot = 0;
     must(when(fits), "insert", [&] { snapshot = index_.insert(vectors, ids); });
     if (fits) expect(snapshot == model_.insert(vectors, ids), "insert: another snapshot");
@@ -247,45 +250,37 @@ class HostileCalls {
       model_.ivfs.clear();
     }
     const Ids list_ids = some_ids();
-    Offsets offsets(static_cast<std::size_t>(random_.between(1, 5)));
-    for (std::int32_t& offset : offsets) {
-      offset = random_.between32(0, static_cast<std::int32_t>(list_ids.size()));
-    }
+    const auto n_ids = static_cast<std::int32_t>(list_ids.size());
+    Offsets offsets =
+        several<std::int32_t>(random_.between(1, 5), [&] { return random_.between32(0, n_ids); });
     std::sort(offsets.begin(), offsets.end());
     Floats centroids = some_floats(offsets.size() - 1);
     std::int32_t nprobe = random_.between32(0, 6);
     if (hostile()) {
-      spoil_ivf(key, centroids, offsets, nprobe, static_cast<std::int32_t>(list_ids.size()));
+      const auto at = static_cast<std::size_t>(random_.between(0, std::ssize(offsets) - 1));
+      const auto kind = random_.between(0, 4);
+      if (kind == 0) spoil(centroids);
+      if (kind == 1) nprobe = random_.any_of(Offsets{-1, kLeast32});
+      if (kind == 2) spoil(offsets);
+      if (kind == 3) offsets[at] = random_.any_of(Offsets{-1, kLeast32, kMost32, n_ids + 1});
+      if (kind == 4) {
+        must(End::kInvalidArgument, "set_ivf",
+             [&] { index_.set_ivf(key, nprobe, centroids, too_many_ids(), offsets); });
+      }
     }
     const bool fits = nprobe >= 0 && !offsets.empty() &&
-                      centroids.size() == (offsets.size() - 1) * static_cast<std::size_t>(dim_) &&
+                      centroids.size() == width_of(offsets.size() - 1) &&
                       std::is_sorted(offsets.begin(), offsets.end()) && offsets.front() >= 0 &&
-                      offsets.back() <= std::ssize(list_ids);
+                      offsets.back() <= n_ids;
     must(when(fits), "set_ivf", [&] { index_.set_ivf(key, nprobe, centroids, list_ids, offsets); });
     if (!fits) return;
     model_.ivfs[key] = {static_cast<std::int32_t>(offsets.size()) - 1, nprobe, centroids, list_ids,
                         offsets};
   }
-  void spoil_ivf(std::int64_t key, Floats& centroids, Offsets& offsets, std::int32_t& nprobe,
-                 std::int32_t n_ids) {
-    constexpr auto kLeast = std::numeric_limits<std::int32_t>::min();
-    constexpr auto kLargest = std::numeric_limits<std::int32_t>::max();
-    const auto at = static_cast<std::size_t>(random_.between(0, std::ssize(offsets) - 1));
-    const auto kind = random_.between(0, 4);
-    if (kind == 0) spoil(centroids);
-    if (kind == 1) nprobe = random_.any_of(Offsets{-1, kLeast});
-    if (kind == 2) spoil(offsets);
-    if (kind == 3) offsets[at] = random_.any_of(Offsets{-1, kLeast, kLargest, n_ids + 1});
-    if (kind == 4) {
-      must(End::kInvalidArgument, "set_ivf",
-           [&] { index_.set_ivf(key, nprobe, centroids, too_many_ids(), offsets); });
-    }
-  }
 
   void probe() {
     const std::int64_t key = random_.between(-1, 4);
-    const std::int32_t nprobe = random_.any_of(
-        Offsets{0, 1, 2, 9, static_cast<std::int32_t>(kMost32), -1, -static_cast<int>(kMost32)});
+    const std::int32_t nprobe = random_.any_of(Offsets{0, 1, 2, 9, kMost32, -1, -kMost32});
     const bool fits = nprobe >= 0 && model_.ivfs.contains(key);
     must(when(fits), "set_ivf_nprobe", [&] { index_.set_ivf_nprobe(key, nprobe); });
     if (fits) model_.set_ivf_nprobe(key, nprobe);
@@ -295,10 +290,8 @@ class HostileCalls {
     const Ids ids = some_ids();
     const auto has = static_cast<std::int32_t>(model_.columns.size());
     std::int32_t ncols = has + (has < 5 && random_.percent(10) ? 1 : 0);
-    Ids labels(ids.size());
-    Ids values(ids.size() * static_cast<std::size_t>(ncols));
-    for (std::int64_t& label : labels) label = random_.between(-1, 3);
-    for (std::int64_t& value : values) value = random_.between(-1, 3);
+    Ids labels = small_numbers(ids.size());
+    Ids values = small_numbers(ids.size() * static_cast<std::size_t>(ncols));
     End expected = End::kReturned;
     if (hostile()) {
       const auto kind = random_.between(0, 4);
@@ -310,7 +303,7 @@ class HostileCalls {
                         values.size() == ids.size() * static_cast<std::size_t>(ncols);
       expected = when(fits);
       if (kind == 4) {
-        const std::int32_t many = random_.any_of(Offsets{1 << 30, 0x7FFFFFFF});
+        const std::int32_t many = random_.any_of(Offsets{1 << 30, kMost32});
         must(End::kNoMemory, "set_rowmeta", [&] { index_.set_rowmeta({}, {}, {}, many); });
         must(End::kInvalidArgument, "set_rowmeta",
              [&] { index_.set_rowmeta(too_many_ids(), too_many_ids(), {}, ncols); });
@@ -347,11 +340,12 @@ class HostileCalls {
     bool fits = true;
   };
   Search some_search() {
-    Search search{.way = static_cast<Way>(random_.between(0, 5)),
-                  .key = random_.between(-3, 6),
-                  .given = some_ids(),
-                  .candidates = {},
-                  .query = some_floats(1)};
+    Search search{static_cast<Way>(random_.between(0, 5)),
+                  random_.between(-3, 6),
+                  {},
+                  some_ids(),
+                  {},
+                  some_floats(1)};
     search.candidates = search.given;
     if (search.way == Way::kIvf && !model_.ivfs.empty() && !hostile()) {
       search.key = model_.ivfs.begin()->first;
@@ -372,8 +366,7 @@ class HostileCalls {
   Model::Predicate some_test() {
     const auto mode = static_cast<std::uint32_t>(random_.between(0, 2));
     std::int32_t column = random_.between32(0, 1);
-    if (hostile())
-      column = random_.any_of(Offsets{-1, 5, 6, static_cast<int>(kMost32), -2147483647});
+    if (hostile()) column = random_.any_of(Offsets{-1, 5, 6, kMost32, -kMost32});
     return {mode, column, random_.between(-1, 3)};
   }
   bool fits(const Model::Predicate& test) const {
@@ -413,10 +406,10 @@ class HostileCalls {
       search_into_slots(s);
       return;
     }
-    constexpr auto kLeast = std::numeric_limits<std::int64_t>::min();
     std::int64_t k = random_.between(0, 12);
     if (hostile()) {
-      k = random_.any_of(Ids{-1, kLeast, kMost32, kMost32 + 1, -kMost32 - 1, ~kLeast, 100});
+      constexpr std::int64_t kMore = std::int64_t{kMost32} + 1;
+      k = random_.any_of(Ids{-1, kLeast64, kMost32, kMore, -kMore, kMost64, 100});
     }
     const bool fits = s.fits && k >= 0;
     qx::Hits hits;
@@ -472,13 +465,12 @@ class HostileCalls {
     }
     qx::Rows rows;
     Ids ids(static_cast<std::size_t>(model_.visible_count()));
-    Floats vectors(ids.size() * static_cast<std::size_t>(dim_));
+    Floats vectors(width_of(ids.size()));
     model_.export_visible(vectors, ids);
     must(End::kReturned, "export_visible", [&] { rows = index_.export_visible(); });
     expect(rows.ids == ids && same_bits(rows.vectors, vectors), "export_visible: other rows");
     for (std::size_t i = 0; i < ids.size(); ++i) {
-      expect(rows.vector(i).data() == rows.vectors.data() + i * static_cast<std::size_t>(dim_),
-             "export_visible: another vector");
+      expect(rows.vector(i).data() == &rows.vectors[width_of(i)], "another vector");
     }
     must(End::kReturned, "visible_ids", [&] { found = index_.visible_ids(); });
     expect(found == ids, "visible_ids: other ids");
@@ -506,8 +498,7 @@ class HostileCalls {
   }
 
   void oversized() {
-    const std::int32_t threshold =
-        random_.any_of(Offsets{0, 1, 5, -1, -2147483647 - 1, static_cast<int>(kMost32)});
+    const std::int32_t threshold = random_.any_of(Offsets{0, 1, 5, -1, kLeast32, kMost32});
     Ids keys(model_.part_keys.size());
     Ids sizes(keys.size());
     const auto count = model_.tuner_oversized(threshold, keys, sizes);
@@ -525,6 +516,7 @@ class HostileCalls {
   void move_away() {
     qx::Index kept = std::move(index_);
     const Floats query = some_floats(1);
+    const Offsets no_lists = {0, 0};
     const std::vector<std::function<void()>> calls = {
         [&] { index_.handle(); },
         [&] { index_.size(); },
@@ -532,9 +524,7 @@ class HostileCalls {
         [&] { index_.insert(query, Ids{1}); },
         [&] { index_.insert({}, {}); },
         [&] { index_.erase({}); },
-        [&] {
-          index_.set_ivf(0, 0, query, {}, Offsets{0, 0});
-        },
+        [&] { index_.set_ivf(0, 0, query, {}, no_lists); },
         [&] { index_.set_ivf_nprobe(0, 0); },
         [&] { index_.clear_ivf(); },
         [&] { index_.has_ivf(0); },
@@ -561,7 +551,7 @@ class HostileCalls {
   }
 
   void other_index() {
-    const std::int32_t dim = random_.any_of(Offsets{0, -1, -2147483647 - 1, 1, 0x7FFFFFFF});
+    const std::int32_t dim = random_.any_of(Offsets{0, -1, kLeast32, 1, kMost32});
     must(when(dim >= 1), "Index", [&] {
       const qx::Index other(dim);
       expect(other.dim() == dim && other.visible_ids().empty(), "an empty index that is not");

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -202,5 +203,16 @@ enum class Rebuilds { kAllowed, kLeftOut };
 
 // Draws a call sequence, for example that of a seed.
 CallSequence draw_call_sequence(Random random, Rebuilds rebuilds = Rebuilds::kAllowed);
+
+// The smallest call sequence found that still `fails`, starting from one that does. Every attempt
+// is repaired first. Stops early after `seconds`.
+CallSequence shrink(const CallSequence& sequence,
+                    const std::function<bool(const CallSequence&)>& fails, int seconds);
+
+// A C99 source that needs only the public header and a POSIX system: it makes exactly these calls,
+// on arrays that begin or end at unmapped pages, and compares each answer with the model's. It
+// exits with 0 if all are equal, and otherwise prints the calls that differ. `comment` is its
+// opening comment.
+std::string replay_source(const CallSequence& sequence, const std::string& comment);
 
 }  // namespace qx_test

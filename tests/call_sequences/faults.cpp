@@ -17,18 +17,9 @@ bool planted(const char* name) {
 
 extern "C" {
 
-int64_t __real_qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
-                                    const float* query, uint32_t k, int64_t* out_ids,
-                                    float* out_scores);
-int64_t __wrap_qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,
-                                    const float* query, uint32_t k, int64_t* out_ids,
-                                    float* out_scores);
-int64_t __real_qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_t* out_ids);
-int64_t __wrap_qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_t* out_ids);
-int32_t __real_qx_index_search_full(const QxIndex* index, const float* query, int32_t k,
-                                    int64_t* out_ids, float* out_scores);
-int32_t __wrap_qx_index_search_full(const QxIndex* index, const float* query, int32_t k,
-                                    int64_t* out_ids, float* out_scores);
+decltype(qx_index_search_mvcc) __real_qx_index_search_mvcc, __wrap_qx_index_search_mvcc;
+decltype(qx_index_export_visible) __real_qx_index_export_visible, __wrap_qx_index_export_visible;
+decltype(qx_index_search_full) __real_qx_index_search_full, __wrap_qx_index_search_full;
 
 // A wrong bit in the second score, once two rows have been inserted.
 int64_t __wrap_qx_index_search_mvcc(const QxIndex* index, const int64_t* ids, int32_t n,

@@ -1,8 +1,9 @@
-#include "call_sequences/replay.h"
-
+// Prints a call sequence as a C program.
 #include <bit>
 #include <cstdio>
 #include <sstream>
+
+#include "call_sequences/call_sequence.h"
 
 namespace qx_test {
 namespace {

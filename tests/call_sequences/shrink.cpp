@@ -1,12 +1,12 @@
 // Delta debugging: removes whole calls, then rows, ids and lists, and at last replaces values by
 // plain ones. Each pass keeps what still fails; passes repeat until none finds anything.
-#include "call_sequences/shrink.h"
-
 #include <algorithm>
 #include <bit>
 #include <chrono>
 #include <set>
 #include <string>
+
+#include "call_sequences/call_sequence.h"
 
 namespace qx_test {
 namespace {

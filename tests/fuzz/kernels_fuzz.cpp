@@ -37,54 +37,42 @@ Floats draw_array(Random& random, std::int64_t count) {
   return draw_floats(random.for_array(count), kind, count);
 }
 
-void check(float score, float estimate, const float* row, const float* query, std::int64_t dim) {
-  const qx_test::RowAnswers answers(row, query, dim);
-  require(answers.is_score(score), "a score");
-  require(answers.is_estimate(estimate), "an estimate outside its bound, or no NaN for a NaN");
-}
-
 struct Rows {
   std::int64_t count;
   std::int64_t dim;
   qx::CacheLevel level;
 };
 
-void play_contiguous_rows(Random& random, const Kernels& kernels, const Rows& shape) {
+void play_rows(Random& random, const Kernels& kernels, const Rows& shape, bool contiguous) {
   const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
-  const Guarded<float> rows(draw_array(random, shape.count * shape.dim), draw_edge(random));
-  const auto count = static_cast<std::size_t>(shape.count);
-  Guarded<float> scores(count, 7.0f, draw_edge(random));
-  Guarded<float> estimates(count, 7.0f, draw_edge(random));
-  kernels.score_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.level,
-                           scores.data());
-  kernels.estimate_contiguous(rows.data(), shape.count, shape.dim, query.data(), shape.level,
-                              estimates.data());
-  for (std::size_t i = 0; i < count; ++i) {
-    const float* const row = rows.data() + static_cast<std::int64_t>(i) * shape.dim;
-    check(scores[i], estimates[i], row, query.data(), shape.dim);
-  }
-  require(scores.margins_intact() && estimates.margins_intact(), "written outside of the outputs");
-}
-
-void play_scattered_rows(Random& random, const Kernels& kernels, const Rows& shape) {
-  constexpr std::size_t kPlaces = 4;  // rows that each end or begin at an unmapped page
-  const Guarded<float> query(draw_array(random, shape.dim), draw_edge(random));
-  Guarded<float> places[kPlaces];
+  // All rows in one place, or each at one of several that end or begin at an unmapped page.
+  Guarded<float> places[4];
   for (Guarded<float>& place : places) {
     const Edge edge = draw_edge(random);
-    place.assign(draw_array(random, shape.dim), edge);
+    place.assign(draw_array(random, contiguous ? shape.count * shape.dim : shape.dim), edge);
+    if (contiguous) break;
   }
   std::vector<const float*> addresses;
   for (std::int64_t i = 0; i < shape.count; ++i) {
-    addresses.push_back(places[random.between(0, kPlaces - 1)].data());
+    addresses.push_back(contiguous ? places[0].data() + i * shape.dim
+                                   : places[random.between(0, std::ssize(places) - 1)].data());
   }
   const Guarded<const float*> rows(addresses);
   Guarded<float> scores(addresses.size(), 7.0f, draw_edge(random));
   Guarded<float> estimates(addresses.size(), 7.0f, draw_edge(random));
-  kernels.score_scattered(rows.data(), shape.count, shape.dim, query.data(), scores.data());
-  kernels.estimate_scattered(rows.data(), shape.count, shape.dim, query.data(), estimates.data());
+  if (contiguous) {
+    kernels.score_contiguous(places[0].data(), shape.count, shape.dim, query.data(), shape.level,
+                             scores.data());
+    kernels.estimate_contiguous(places[0].data(), shape.count, shape.dim, query.data(), shape.level,
+                                estimates.data());
+  } else {
+    kernels.score_scattered(rows.data(), shape.count, shape.dim, query.data(), scores.data());
+    kernels.estimate_scattered(rows.data(), shape.count, shape.dim, query.data(), estimates.data());
+  }
   for (std::size_t i = 0; i < addresses.size(); ++i) {
-    check(scores[i], estimates[i], addresses[i], query.data(), shape.dim);
+    const qx_test::RowAnswers answers(addresses[i], query.data(), shape.dim);
+    require(answers.is_score(scores[i]), "a score");
+    require(answers.is_estimate(estimates[i]), "an estimate outside its bound, or that is no NaN");
   }
   require(scores.margins_intact() && estimates.margins_intact(), "written outside of the outputs");
 }
@@ -129,8 +117,7 @@ void play(Random& random) {
       std::min<std::int64_t>(200, kMostFloats / std::max<std::int64_t>(dim, 1));
   const Rows shape = {random.between(0, most), dim,
                       static_cast<qx::CacheLevel>(random.between(0, 2))};
-  way == 0 ? play_contiguous_rows(random, kernels, shape)
-           : play_scattered_rows(random, kernels, shape);
+  play_rows(random, kernels, shape, way == 0);
 }
 
 }  // namespace

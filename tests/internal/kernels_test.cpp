@@ -16,14 +16,9 @@
 #include "support/guarded.h"
 #include "support/random.h"
 
+namespace qx_test {
 namespace {
 
-using qx_test::Edge;
-using qx_test::Guarded;
-using qx_test::listed_kernels;
-using qx_test::Random;
-using qx_test::RowAnswers;
-using qx_test::Values;
 using Floats = std::vector<float>;
 using Counts = std::vector<std::int64_t>;
 
@@ -121,7 +116,7 @@ Drawn draw_hard(Random& random, std::int64_t dim) {
 
 Edge any_edge(Random& random) { return random.percent(50) ? Edge::kEnd : Edge::kStart; }
 
-class EveryKernel : public qx_test::OfAKernel {
+class EveryKernel : public OfAKernel {
  protected:
   using Draw = Drawn (*)(Random&, std::int64_t);
 
@@ -150,7 +145,7 @@ class EveryKernel : public qx_test::OfAKernel {
     for_each_dim(dims, draw, [&](Drawn& drawn) {
       for (const std::int64_t count : counts) {
         rows_.assign(Floats(drawn.row(0), drawn.row(count)), any_edge(random_));
-        for (const qx::CacheLevel level : qx_test::kLevels) {
+        for (const qx::CacheLevel level : kLevels) {
           clear(count);
           GetParam()->score_contiguous(rows_.data(), count, drawn.dim, query_.data(), level,
                                        scores_.data());
@@ -276,7 +271,7 @@ TEST_P(EveryKernel, EstimatesARowWithANaNAsANaNWhereverItStands) {
               << way << ", dim " << dim << ", position " << at << ", row " << i;
         }
       };
-      for (const qx::CacheLevel level : qx_test::kLevels) {
+      for (const qx::CacheLevel level : kLevels) {
         clear(kRows);
         GetParam()->estimate_contiguous(rows_.data(), kRows, dim, query.data(), level,
                                         estimates_.data());
@@ -302,7 +297,7 @@ TEST_P(EveryKernel, ComputesNoAddressFromRowsOfNoElements) {
       EXPECT_TRUE(scores_.equals(Floats(scores_.size(), 0.0f)));  // positive zeros
       EXPECT_EQ(estimates_.values(), Floats(scores_.size(), 0.0f));
     };
-    for (const qx::CacheLevel level : qx_test::kLevels) {
+    for (const qx::CacheLevel level : kLevels) {
       expect_zeros(
           [&](float* out) { GetParam()->score_contiguous(nullptr, count, 0, nullptr, level, out); },
           [&](float* out) {
@@ -397,8 +392,7 @@ TEST_P(EveryKernel, MarksTheOneNumberThatIsNotLessAtEveryPosition) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, EveryKernel, testing::ValuesIn(listed_kernels()),
-                         qx_test::kernel_name);
+INSTANTIATE_TEST_SUITE_P(Kernels, EveryKernel, testing::ValuesIn(listed_kernels()), kernel_name);
 
 TEST(Dispatch, EndsItsListWithThePortableKernelWhichRunsEverywhere) {
   EXPECT_STREQ(listed_kernels().back()->name, "portable");
@@ -424,3 +418,4 @@ TEST(Dispatch, ForcesTheKernelsThatRunHereByNameAndNoOther) {
 }
 
 }  // namespace
+}  // namespace qx_test

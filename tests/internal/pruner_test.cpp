@@ -16,10 +16,10 @@
 #include "internal/sums.h"
 #include "support/random.h"
 
+namespace qx_test {
 namespace {
 
 using qx::Pruner;
-using qx_test::Random;
 using Floats = std::vector<float>;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -33,23 +33,19 @@ struct OpenPruner : Pruner {
   }
 };
 
-OpenPruner pruner_of(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) {
-  return {query, magnitude, rows, k};
-}
-
 bool pays(const Floats& query, float magnitude, std::int64_t rows = kRows, std::int64_t k = 1) {
-  return pruner_of(query, magnitude, rows, k).is_worthwhile();
+  return OpenPruner(query, magnitude, rows, k).is_worthwhile();
 }
 
 // By how much the score and the estimate of a row may differ, as kernels.h states: each is within
 // a bound of the exact sum.
 double largest_difference(const Floats& query, float magnitude) {
   const Floats row(query.size(), magnitude);
-  return 2 * qx_test::ExactSum(row.data(), query.data(), std::ssize(query)).bound();
+  return 2 * ExactSum(row.data(), query.data(), std::ssize(query)).bound();
 }
 
 Floats draw_query(Random& random, std::int64_t width) {
-  return draw_floats(random, qx_test::Values::kSmooth, width);
+  return draw_floats(random, Values::kSmooth, width);
 }
 
 TEST(APruner, PaysForRowsOfEightToAMillionComponents) {
@@ -100,10 +96,10 @@ TEST(APruner, StaysBelowTheThresholdByTheWholeError) {
   for (std::int64_t width = 8; width <= 2500; width += width < 100 ? 1 : 173) {
     const Floats query = draw_query(random, width);
     for (const float magnitude : {0.0f, 1e-45f, 1e-30f, 1e-6f, 1.0f, 3.7f, 1e5f, 1e30f}) {
-      const OpenPruner pruner = pruner_of(query, magnitude, kRows, 49);
+      const OpenPruner pruner(query, magnitude, kRows, 49);
       ASSERT_TRUE(pruner.is_worthwhile());
       for (int draw = 0; draw < 20; ++draw) {
-        const float threshold = std::ldexp(qx_test::draw_float(random, qx_test::Values::kSmooth),
+        const float threshold = std::ldexp(draw_float(random, Values::kSmooth),
                                            static_cast<int>(random.between(-140, 110)));
         ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, query, magnitude, threshold));
       }
@@ -117,7 +113,7 @@ TEST(APruner, StaysBelowTheThresholdByTheWholeError) {
 TEST(APruner, AllowsForWhatItsOwnSumsLose) {
   Floats query(std::size_t{1} << 20, 1.0f);
   for (std::size_t lane = 0; lane < 16; ++lane) query[lane] = 0x1p+24f;
-  const OpenPruner pruner = pruner_of(query, 1, kRows, 1);
+  const OpenPruner pruner(query, 1, kRows, 1);
   ASSERT_TRUE(pruner.is_worthwhile());
   ASSERT_NO_FATAL_FAILURE(expect_far_enough(pruner, query, 1, 0));
 }
@@ -125,14 +121,14 @@ TEST(APruner, AllowsForWhatItsOwnSumsLose) {
 TEST(APruner, StaysBelowTheThresholdByLittleMoreThanTheError) {
   const Floats query(64, 1.0f);
   const double difference = largest_difference(query, 1);
-  EXPECT_GT(double{pruner_of(query, 1, kRows, 1).pruning_threshold(10)},
+  EXPECT_GT(double{OpenPruner(query, 1, kRows, 1).pruning_threshold(10)},
             10 - 1.1 * difference - 1e-4);
 }
 
 TEST(APruner, PrunesNothingThatAnEmptySlotWouldTake) {
   const Floats query(64, 1.0f);
   for (const std::int64_t k : {1, 48, 49}) {
-    const float limit = pruner_of(query, 1, kRows, k).pruning_threshold(qx::kEmptyScore);
+    const float limit = OpenPruner(query, 1, kRows, k).pruning_threshold(qx::kEmptyScore);
     EXPECT_LT(limit, qx::kEmptyScore);
     EXPECT_GE(limit, -kMax);
   }
@@ -141,8 +137,8 @@ TEST(APruner, PrunesNothingThatAnEmptySlotWouldTake) {
 // A threshold of infinity is that of rows whose scores are infinite.
 TEST(APruner, HasALimitForEveryThreshold) {
   const Floats query(64, 1.0f);
-  EXPECT_EQ(pruner_of(query, 1e34f, kRows, 49).pruning_threshold(-kMax), -kMax);
-  const float limit = pruner_of(query, 1, kRows, 1).pruning_threshold(kInfinity);
+  EXPECT_EQ(OpenPruner(query, 1e34f, kRows, 49).pruning_threshold(-kMax), -kMax);
+  const float limit = OpenPruner(query, 1, kRows, 1).pruning_threshold(kInfinity);
   EXPECT_FALSE(1.0f < limit && std::isfinite(limit));
 }
 
@@ -151,10 +147,10 @@ TEST(APruner, LearnsAThresholdFromTheBestEstimates) {
   Random random(42);
   for (const std::int64_t k : {1, 2, 10, 47, 48}) {
     const Floats query = draw_query(random, 50);
-    OpenPruner pruner = pruner_of(query, 3, kRows, k);
+    OpenPruner pruner(query, 3, kRows, k);
     Floats known;
     for (int block = 0; block < 6; ++block) {
-      Floats estimates = draw_floats(random, qx_test::Values::kSmooth, random.between(1, 192));
+      Floats estimates = draw_floats(random, Values::kSmooth, random.between(1, 192));
       estimates.front() = kNaN;
       pruner.observe(estimates.data(), std::ssize(estimates));
       known.insert(known.end(), estimates.begin() + 1, estimates.end());
@@ -174,7 +170,7 @@ TEST(APruner, LearnsAThresholdFromTheBestEstimates) {
 
 TEST(APruner, LearnsNothingForALargeK) {
   const Floats query(50, 1.0f);
-  OpenPruner pruner = pruner_of(query, 3, kRows, 49);
+  OpenPruner pruner(query, 3, kRows, 49);
   const Floats estimates(192, 5.0f);
   pruner.observe(estimates.data(), std::ssize(estimates));
   EXPECT_LT(pruner.pruning_threshold(qx::kEmptyScore), qx::kEmptyScore);
@@ -184,7 +180,7 @@ TEST(APruner, LearnsNothingForALargeK) {
 // are 2 apart, and every component is an odd number of halves of that: a tie, which goes to the
 // even neighbour, or as good as one. The factors let ties go one way in the score, and the other
 // way in the chain of an estimate that takes every eighth component.
-class OneSided : public qx_test::UnderAKernel {
+class OneSided : public UnderAKernel {
  protected:
   static constexpr std::int64_t kWidth = 512;
   static constexpr std::int64_t kBlock = 192;
@@ -212,9 +208,7 @@ class OneSided : public qx_test::UnderAKernel {
   const Floats nothing_ = Floats(kWidth, 0.0f);
   const Floats query_ = query();
 
-  float score(const Floats& of) const {
-    return qx_test::contract_score(of.data(), query_.data(), kWidth);
-  }
+  float score(const Floats& of) const { return contract_score(of.data(), query_.data(), kWidth); }
 
   // Scans rows, all contiguous or all by themselves, and expects the best ones first.
   void expect_best(const std::vector<const Floats*>& rows, std::size_t k) const {
@@ -225,13 +219,13 @@ class OneSided : public qx_test::UnderAKernel {
       vectors.insert(vectors.end(), next->begin(), next->end());
     }
     std::stable_sort(best.begin(), best.end());
-    qx_test::Result expected;
+    Result expected;
     for (std::size_t slot = 0; slot < k; ++slot) {
       expected.ids.push_back(best[slot].second);
       expected.scores.push_back(-best[slot].first);
     }
     for (const bool contiguous : {true, false}) {
-      ASSERT_EQ(qx_test::scan_base(vectors, query_, std::ssize(expected.ids), contiguous), expected)
+      ASSERT_EQ(scan_base(vectors, query_, std::ssize(expected.ids), contiguous), expected)
           << "contiguous " << contiguous;
     }
   }
@@ -270,7 +264,7 @@ TEST_P(OneSided, RowsAreKeptInAScanThatKnowsOnlyItsResults) {
   ASSERT_NO_FATAL_FAILURE(expect_best(rows, kMany));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, OneSided, testing::ValuesIn(qx_test::listed_kernels()),
-                         qx_test::kernel_name);
+INSTANTIATE_TEST_SUITE_P(Kernels, OneSided, testing::ValuesIn(listed_kernels()), kernel_name);
 
 }  // namespace
+}  // namespace qx_test

@@ -13,13 +13,9 @@
 #include "support/bits.h"
 #include "support/guarded.h"
 
+namespace qx_test {
 namespace {
 
-using qx_test::Family;
-using qx_test::Guarded;
-using qx_test::Random;
-using qx_test::Result;
-using qx_test::ScanRows;
 using Floats = std::vector<float>;
 using Ids = std::vector<std::int64_t>;
 
@@ -36,25 +32,25 @@ enum class Way {
   kMixed         // all of it
 };
 constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
+constexpr std::int64_t kDeltaRows = 60;
+constexpr std::int64_t kFirstDeltaId = 1000000;
 
 // Rows with what they are by the contract, placed where one element too many faults.
-class Fixed {
- public:
+struct Fixed {
   Fixed(Random& random, const ScanRows& rows)
       : width(rows.width),
         count(rows.count),
-        magnitude(qx_test::magnitude_of(rows.vectors)),
+        magnitude(magnitude_of(rows.vectors)),
         vectors(rows.vectors),
         query(rows.query),
         delta(Floats(static_cast<std::size_t>(width * kDeltaRows))) {
     for (std::int64_t i = 0; i < count; ++i) {
       ids.push_back(random.between(-5, 3 * count));
-      scores.push_back(qx_test::contract_score(row(i), query.data(), width));
+      scores.push_back(contract_score(row(i), query.data(), width));
     }
     for (std::int64_t i = 0; i < kDeltaRows; ++i) draw_delta_row(random, i);
-    sorted = scores;
-    const auto no_number = [](float score) { return std::isnan(score); };
-    sorted.erase(std::remove_if(sorted.begin(), sorted.end(), no_number), sorted.end());
+    std::copy_if(scores.begin(), scores.end(), std::back_inserter(sorted),
+                 [](float score) { return !std::isnan(score); });
     std::sort(sorted.begin(), sorted.end());
   }
 
@@ -63,21 +59,19 @@ class Fixed {
   void draw_delta_row(Random& random, std::int64_t i) {
     const float* const model = row(random.between(0, count - 1));
     float* const made = delta.data() + i * width;
+    const float* const factors = query.data();
     const float scale = std::ldexp(1.0f, static_cast<int>(random.between(0, 20)));
     const bool cancels = i % 2 == 0;
     for (std::int64_t j = 0; j < width; ++j) made[j] = model[j] * (cancels ? 1 : scale);
     const std::int64_t first = random.between(0, width - 2);
     const std::int64_t second = random.between(first + 1, width - 1);
-    const float large = magnitude * scale * 64;
-    const float* const factors = query.data();
     if (cancels && factors[first] != 0 && factors[second] != 0) {
-      made[first] = large / factors[first];
-      made[second] = -large / factors[second];
+      made[first] = magnitude * scale * 64 / factors[first];
+      made[second] = -magnitude * scale * 64 / factors[second];
     }
-    delta_scores.push_back(qx_test::contract_score(made, query.data(), width));
+    delta_scores.push_back(contract_score(made, factors, width));
   }
 
-  static constexpr std::int64_t kDeltaRows = 60;
   const float* row(std::int64_t i) const { return vectors.data() + i * width; }
   // Whether fewer than about a tenth of the rows are better.
   bool is_good(std::int64_t i) const {
@@ -105,8 +99,7 @@ QxIndex record_of(const Fixed& rows, float magnitude) {
   index.base_vectors = const_cast<float*>(rows.vectors.data());
   index.base_ids = const_cast<std::int64_t*>(rows.ids.data());
   index.base_magnitude = magnitude;
-  index.delta_vectors =
-      qx::Array<float>::copy_of(rows.delta.data(), rows.width * Fixed::kDeltaRows);
+  index.delta_vectors = qx::Array<float>::copy_of(rows.delta.data(), rows.width * kDeltaRows);
   return index;
 }
 
@@ -123,9 +116,9 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         index_(record_of(rows, stated_magnitude)),
         scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, stated_rows) {}
 
-  void add_all(Way way) {
-    std::int64_t first = 0;
-    while (first < rows_.count) {
+  // True if the scan of all rows gives what the slots must hold.
+  bool agrees(Way way) {
+    for (std::int64_t first = 0; first < rows_.count;) {
       const auto now = way == Way::kMixed ? static_cast<Way>(random_.between(0, kWays - 2)) : way;
       const bool whole = way != Way::kMixed && now != Way::kPieces;
       const std::int64_t most = rows_.count - first;
@@ -133,20 +126,22 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
       add(now, first, size);
       first += size;
     }
-  }
-
-  Result finish() {
     scan_.finish();
     EXPECT_TRUE(out_ids_.margins_intact() && out_scores_.margins_intact());
-    return {out_ids_.values(), out_scores_.values()};
+    return Result{out_ids_.values(), out_scores_.values()} == expected();
   }
 
-  // What the slots must hold: a row enters with a score above the last slot's, after its equals.
+ private:
+  struct Arrival {
+    std::int64_t id;
+    float score;
+  };
+
+  // A row enters with a score above the last slot's, after its equals.
   Result expected() const {
     std::vector<Arrival> entering;
-    for (const Arrival& arrival : arrivals_) {
-      if (arrival.score > qx::kEmptyScore) entering.push_back(arrival);
-    }
+    std::copy_if(arrivals_.begin(), arrivals_.end(), std::back_inserter(entering),
+                 [](const Arrival& arrival) { return arrival.score > qx::kEmptyScore; });
     std::stable_sort(entering.begin(), entering.end(),
                      [](const Arrival& a, const Arrival& b) { return a.score > b.score; });
     entering.resize(out_ids_.size(), Arrival{qx::kEmptyId, qx::kEmptyScore});
@@ -158,45 +153,33 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     return result;
   }
 
- private:
-  struct Arrival {
-    std::int64_t id;
-    float score;
-  };
-
   void add(Way way, std::int64_t first, std::int64_t size) {
-    switch (way) {
-      case Way::kContiguous:
-      case Way::kPieces:
-        for (std::int64_t i = first; i < first + size; ++i) arrive(i);
-        scan_.add_base_rows(first, size, ids() + first);
-        break;
-      case Way::kOneByOne:
-      case Way::kAnywhere:
-        for (std::int64_t i = first; i < first + size; ++i) {
-          add_one(way == Way::kOneByOne ? i : random_.between(0, rows_.count - 1));
+    if (way == Way::kContiguous || way == Way::kPieces) {
+      for (std::int64_t i = first; i < first + size; ++i) arrive(i);
+      scan_.add_base_rows(first, size, rows_.ids.data() + first);
+    } else if (way == Way::kOneByOne || way == Way::kAnywhere || way == Way::kWithDelta) {
+      for (std::int64_t i = first; i < first + size; ++i) {
+        if (way == Way::kWithDelta && random_.percent(5)) {
+          add_delta_row(random_.between(0, kDeltaRows - 1));
+        } else {
+          add_one(way == Way::kAnywhere ? random_.between(0, rows_.count - 1) : i);
         }
-        break;
-      case Way::kWithDelta:
-        for (std::int64_t i = first; i < first + size; ++i) {
-          random_.percent(5) ? add_delta_row(random_.between(0, Fixed::kDeltaRows - 1))
-                             : add_one(i);
-        }
-        break;
-      default:
-        add_masked(way, first, size);
-        break;
+      }
+    } else {
+      add_masked(way, first, size);
     }
   }
 
   void add_one(std::int64_t i) {
     arrive(i);
-    scan_.add({false, i}, ids()[i]);
+    scan_.add({false, i}, rows_.ids.data()[i]);
   }
-
+  void arrive(std::int64_t i) {
+    arrivals_.push_back({rows_.ids.data()[i], rows_.scores.data()[i]});
+  }
   void add_delta_row(std::int64_t i) {
-    arrivals_.push_back({1000000 + i, rows_.delta_scores.data()[i]});
-    scan_.add({true, i}, 1000000 + i);
+    arrivals_.push_back({kFirstDeltaId + i, rows_.delta_scores.data()[i]});
+    scan_.add({true, i}, kFirstDeltaId + i);
   }
 
   // Whole masks as consecutive rows, others row by row.
@@ -222,10 +205,6 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
       at += block;
     }
   }
-
-  void arrive(std::int64_t i) { arrivals_.push_back({ids()[i], rows_.scores.data()[i]}); }
-
-  const std::int64_t* ids() const { return rows_.ids.data(); }
 
   const Fixed& rows_;
   Random& random_;
@@ -261,10 +240,10 @@ ScanRows draw_rows(Random& random, Family family) {
   return draw_scan_rows(random, family, width, random.between(400, most));
 }
 
-class EveryScan : public qx_test::UnderAKernel {};
+class EveryScan : public UnderAKernel {};
 
 TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
-  for (int family = 0; family < qx_test::kFamilies; ++family) {
+  for (int family = 0; family < kFamilies; ++family) {
     Random random(static_cast<std::uint64_t>(3000 + family));
     for (int draw = 0; draw < 4; ++draw) {
       const Fixed rows(random, draw_rows(random, static_cast<Family>(family)));
@@ -273,8 +252,7 @@ TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
           const std::int64_t k = draw_k(random, rows.count);
           const std::int64_t stated = draw_stated_rows(random, rows);
           Compared scan(rows, random, stated, rows.magnitude, k);
-          scan.add_all(static_cast<Way>(way));
-          ASSERT_EQ(scan.finish(), scan.expected())
+          ASSERT_TRUE(scan.agrees(static_cast<Way>(way)))
               << "family " << family << ", way " << way << ", width " << rows.width << ", "
               << rows.count << " rows, k " << k;
         }
@@ -290,16 +268,14 @@ TEST_P(EveryScan, KeepsTheOrderOfEqualsAcrossBlocks) {
   for (const std::int64_t around : {64, 128, 192, 256, 384, 576}) {
     ScanRows drawn = draw_scan_rows(random, Family::kSmooth, 24, 1500);
     for (std::int64_t i = 1; i < drawn.count; ++i) {
-      const std::int64_t from_multiple = (i + 2) % around;
-      if (from_multiple < 5) std::copy_n(drawn.row(0), drawn.width, drawn.row(i));
+      if ((i + 2) % around < 5) std::copy_n(drawn.row(0), drawn.width, drawn.row(i));
     }
-    for (std::int64_t j = 0; j < drawn.width; ++j) drawn.query.data()[j] = drawn.row(0)[j];
+    drawn.query.assign(drawn.row(0), drawn.row(1));
     const Fixed rows(random, drawn);
     for (int way = 0; way < kWays; ++way) {
       for (const std::int64_t k : {1, 2, 10, 48, 49, 100}) {
-        Compared scan(rows, random, rows.count, rows.magnitude, k);
-        scan.add_all(static_cast<Way>(way));
-        ASSERT_EQ(scan.finish(), scan.expected())
+        ASSERT_TRUE(
+            Compared(rows, random, rows.count, rows.magnitude, k).agrees(static_cast<Way>(way)))
             << "around " << around << ", way " << way << ", k " << k;
       }
     }
@@ -324,9 +300,7 @@ TEST_P(EveryScan, MeetsEstimatesInAnotherOrderThanScores) {
       other_sign += rows.scores[i] * estimates[i] < 0 ? 1 : 0;
     }
     EXPECT_GT(swapped, 10);
-    if (family == Family::kCancelling) {
-      EXPECT_GT(other_sign, 10);
-    }
+    EXPECT_GT(other_sign, family == Family::kCancelling ? 10 : -1);
   }
 }
 
@@ -339,9 +313,7 @@ TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
       bool wrong = false;
       for (int draw = 0; draw < 400 && !wrong; ++draw) {
         const Fixed rows(random, draw_scan_rows(random, Family::kCancelling, 24, 6000));
-        Compared scan(rows, random, rows.count, 0x1p-30f, k);
-        scan.add_all(way);
-        wrong = !(scan.finish() == scan.expected());
+        wrong = !Compared(rows, random, rows.count, 0x1p-30f, k).agrees(way);
       }
       EXPECT_TRUE(wrong) << "way " << static_cast<int>(way) << ", k " << k;
     }
@@ -358,11 +330,11 @@ TEST_P(EveryScan, FindsTheBestOfVeryWideRows) {
     Floats scores(250);
     qx::score_vectors(rows.data(), 250, dim, query.data(), scores.data());
     const auto best = std::max_element(scores.begin(), scores.end());
-    EXPECT_EQ(qx_test::scan_base(rows, query, 1, true), (Result{{best - scores.begin()}, {*best}}));
+    EXPECT_EQ(scan_base(rows, query, 1, true), (Result{{best - scores.begin()}, {*best}}));
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, EveryScan, testing::ValuesIn(qx_test::listed_kernels()),
-                         qx_test::kernel_name);
+INSTANTIATE_TEST_SUITE_P(Kernels, EveryScan, testing::ValuesIn(listed_kernels()), kernel_name);
 
 }  // namespace
+}  // namespace qx_test

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <map>
 #include <numeric>
 #include <set>
@@ -18,142 +17,64 @@
 #include <vector>
 
 #include "internal/every_kernel.h"
-#include "qx_runtime.h"
-#include "support/call.h"
+#include "support/host.h"
 #include "support/random.h"
 
 namespace qx_test {
 namespace {
-
-using Ids = std::vector<std::int64_t>;
-using Floats = std::vector<float>;
-using Ints = std::vector<std::int32_t>;
 
 constexpr std::int64_t kRows = 200000;
 constexpr std::int32_t kDim = 16;
 constexpr std::int32_t kMost = 1000;  // the largest k
 constexpr int kQueries = 3;
 
-struct Rows {
-  Floats vectors;
-  Ids ids;
-
-  std::int64_t count() const { return std::ssize(ids); }
-  const float* at(std::int64_t row) const { return vectors.data() + row * kDim; }
-  void add(const float* vector, std::int64_t id) {
-    vectors.insert(vectors.end(), vector, vector + kDim);
-    ids.push_back(id);
-  }
-  void add(const Rows& rows, std::int64_t row) { add(rows.at(row), rows.ids.data()[row]); }
-};
-
-struct Hits {
-  Ids ids;
-  Floats scores;  // finite, so equal values of nonzero scores are equal bits
-
-  explicit Hits(std::int64_t slots = 0)
-      : ids(static_cast<std::size_t>(slots), -7), scores(static_cast<std::size_t>(slots), -7.0f) {}
-
-  Hits first(std::int64_t count) const {
-    Hits hits(count);
-    std::copy_n(ids.begin(), count, hits.ids.begin());
-    std::copy_n(scores.begin(), count, hits.scores.begin());
-    return hits;
-  }
-  std::vector<std::uint32_t> score_bits() const {
-    std::vector<std::uint32_t> bits;
-    for (const float score : scores) bits.push_back(std::bit_cast<std::uint32_t>(score));
-    return bits;
-  }
-  friend bool operator==(const Hits& a, const Hits& b) {
-    return a.ids == b.ids && a.score_bits() == b.score_bits();
-  }
-};
-
-// Equal scores slot by slot, and the same set of ids for each score except the last: further rows
-// with the last score may exist that did not fit.
-bool equal_up_to_ties(const Hits& a, const Hits& b) {
-  if (a.score_bits() != b.score_bits()) return false;
-  std::map<std::uint32_t, std::multiset<std::int64_t>> of_a;
-  std::map<std::uint32_t, std::multiset<std::int64_t>> of_b;
-  for (std::size_t i = 0; i < a.ids.size(); ++i) {
-    if (a.scores[i] == a.scores.back()) break;
-    of_a[a.score_bits()[i]].insert(a.ids[i]);
-    of_b[b.score_bits()[i]].insert(b.ids[i]);
-  }
-  return of_a == of_b;
+const float* vector_of(const Rows& rows, std::int64_t row) {
+  return rows.vectors.data() + row * kDim;
+}
+void add(Rows& rows, const float* vector, std::int64_t id) {
+  rows.vectors.insert(rows.vectors.end(), vector, vector + kDim);
+  rows.ids.push_back(id);
+}
+void add(Rows& rows, const Rows& from, std::int64_t row) {
+  add(rows, vector_of(from, row), from.ids.data()[row]);
 }
 
-// An index, with its rows in base order.
-class Index {
- public:
-  explicit Index(const Rows& rows) : rows_(rows), index_(qx_index_new(kDim, 0)) {
-    const auto part = static_cast<std::int32_t>(rows.count() / 3);
-    const Ids keys = {5, 6};
-    const Ints starts = {0, part};
-    const Ints sizes = {2 * part, part};
-    EXPECT_EQ(qx_index_build(index_, rows.vectors.data(), rows.count(), kDim, rows.ids.data(),
-                             keys.data(), starts.data(), sizes.data(), 2),
-              0);
+// An index of rows, in two partitions that share a third of them.
+struct Base : Index {
+  explicit Base(Rows sealed) : Index(kDim), rows(std::move(sealed)) {
+    const auto part = static_cast<std::int32_t>(rows.ids.size() / 3);
+    seal(*this, kDim, rows.ids, rows.vectors, {{5, 6}, {0, part}, {2 * part, part}});
   }
-  ~Index() { qx_index_free(index_); }
-  Index(const Index&) = delete;
-  Index& operator=(const Index&) = delete;
 
-  const Rows& rows() const { return rows_; }
-  QxIndex* get() const { return index_; }
+  Found full(const Floats& query, std::int32_t k = kMost) const {
+    return search_full(*this, query, k);
+  }
+  Found visible(const Floats& query) const {
+    return search_filtered(*this, kEveryId, query, kMost);
+  }
   Ids partition_ids(std::int64_t key) const {
-    const auto part = static_cast<std::ptrdiff_t>(rows_.count() / 3);
-    const auto begin = rows_.ids.begin();
+    const std::ptrdiff_t part = std::ssize(rows.ids) / 3;
+    const auto begin = rows.ids.begin();
     return key == 5 ? Ids(begin, begin + 2 * part) : Ids(begin + part, begin + 2 * part);
   }
 
-  Hits full(const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_search_full, query.data());
-  }
-  Hits partition(std::int64_t key, const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_search_partition, key, query.data());
-  }
-  Hits candidates(const Ids& ids, const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_scatter_topk, ids.data(), std::ssize(ids), query.data());
-  }
-  Hits visible(const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_search_filtered, QX_FILTER_ALL, 0, 0, query.data());
-  }
-  Hits as_they_are_now(const Ids& ids, const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_search_mvcc, ids.data(), std::ssize(ids), query.data());
-  }
-  Hits ivf(const Floats& query, std::int32_t k) const {
-    return best(k, qx_index_search_ivf, 1, query.data());
-  }
-
-  Ids visible_ids() const {
-    Ids ids(static_cast<std::size_t>(qx_index_visible_count(index_)));
-    EXPECT_EQ(qx_index_visible_ids(index_, ids.data()), std::ssize(ids));
-    return ids;
-  }
-  Rows exported(bool visible) const {
-    const auto count =
-        static_cast<std::size_t>(visible ? qx_index_visible_count(index_) : rows_.count());
-    Rows rows{Floats(count * kDim), Ids(count)};
-    EXPECT_EQ(visible ? qx_index_export_visible(index_, rows.vectors.data(), rows.ids.data())
-                      : qx_index_export_base(index_, rows.vectors.data(), rows.ids.data()),
-              rows.count());
-    return rows;
-  }
-
- private:
-  // The k best by a search, which takes these arguments before k.
-  template <typename Search, typename... Arguments>
-  Hits best(std::int32_t k, Search search, Arguments... arguments) const {
-    Hits hits(k);
-    EXPECT_EQ(call_c(search, index_, arguments..., k, hits.ids.data(), hits.scores.data()), k);
-    return hits;
-  }
-
-  Rows rows_;
-  QxIndex* index_;
+  const Rows rows;
 };
+
+// True for equal scores slot by slot, and the same set of ids for each score except the last:
+// further rows with the last score may exist that did not fit.
+bool equal_up_to_ties(const Found& a, const Found& b) {
+  std::map<std::uint32_t, std::multiset<std::int64_t>> of_a, of_b;
+  if (a.slots.size() != b.slots.size()) return false;
+  for (std::size_t i = 0; i < a.slots.size(); ++i) {
+    const std::uint32_t score = bits_of(a.slots[i].score);
+    if (score != bits_of(b.slots[i].score)) return false;
+    if (score == bits_of(a.slots.back().score)) continue;
+    of_a[score].insert(a.slots[i].id);
+    of_b[score].insert(b.slots[i].id);
+  }
+  return of_a == of_b;
+}
 
 enum class Data { kFewTies, kManyTies };
 
@@ -169,27 +90,22 @@ struct World {
       return data == Data::kFewTies ? draw_float(random, Values::kSmooth)
                                     : static_cast<float>(random.between(-1, 1));
     };
-    Ids ids(kRows);
-    std::iota(ids.begin(), ids.end(), 0);
-    random.shuffle(ids);
-    for (const std::int64_t id : ids) {
-      Floats vector(kDim);
-      for (float& component : vector) component = draw();
-      rows.add(vector.data(), id);
-    }
+    rows.ids.resize(kRows);
+    std::iota(rows.ids.begin(), rows.ids.end(), 0);
+    random.shuffle(rows.ids);
+    rows.vectors.resize(kRows * kDim);
+    std::generate(rows.vectors.begin(), rows.vectors.end(), draw);
     altered = rows;
-    const Index index(rows);
+    const Base index(rows);
     for (int q = 0; q < kQueries; ++q) {
-      Floats query(kDim);
-      for (float& factor : query)
-        factor = data == Data::kFewTies ? draw() : (q % 2 == 0 ? 1.0f : -1.0f);
+      Floats query(kDim, q % 2 == 0 ? 1.0f : -1.0f);
+      if (data == Data::kFewTies) std::generate(query.begin(), query.end(), draw);
       if (q == 2) query[3] = -query[3];
-      best.push_back(index.full(query, 1).ids[0]);
+      best.push_back(index.full(query, 1).slots[0].id);
       queries.push_back(query);
       const auto row = std::find(rows.ids.begin(), rows.ids.end(), best.back()) - rows.ids.begin();
-      for (std::int32_t j = 0; j < kDim; ++j) {
-        altered.vectors[static_cast<std::size_t>(row * kDim + j)] = 2 * rows.at(row)[j];
-      }
+      float* const vector = altered.vectors.data() + row * kDim;
+      for (std::int32_t j = 0; j < kDim; ++j) vector[j] = 2 * vector_of(rows, row)[j];
     }
   }
 };
@@ -215,28 +131,29 @@ class Metamorphic : public testing::TestWithParam<std::tuple<const qx::Kernels*,
   // ones.
   template <typename Relation>
   void expect_relation(Relation holds) {
-    const Index index(world().rows);
-    const Index altered(world().altered);
+    const Base index(world().rows);
+    const Base altered(world().altered);
     for (const Floats& query : world().queries) {
+      ASSERT_EQ(index.full(query).returned, kMost);
       EXPECT_TRUE(holds(index, index, query));
       EXPECT_FALSE(holds(index, altered, query)) << "the planted difference is not found";
     }
   }
 
   // Hides, replaces and adds rows, once, but leaves the best ones.
-  void change(const Index& index) const {
-    if (qx_index_mutated(index.get()) != 0) return;
+  void change(const Base& index) const {
+    if (qx_index_mutated(index) != 0) return;
     Rows inserted;
     Ids deleted;
     for (std::int64_t i = 0; i < 2000; ++i) {
       const std::int64_t replaced = i * 97 % kRows;
       const std::int64_t hidden = i * 89 % kRows;
-      if (!is_best(replaced)) inserted.add(world().rows.at(i), i % 2 == 0 ? replaced : kRows + i);
+      const float* const vector = vector_of(world().rows, i);
+      if (!is_best(replaced)) add(inserted, vector, i % 2 == 0 ? replaced : kRows + i);
       if (!is_best(hidden)) deleted.push_back(hidden);
     }
-    qx_index_insert(index.get(), inserted.vectors.data(), inserted.ids.data(),
-                    static_cast<std::int32_t>(inserted.ids.size()));
-    qx_index_delete(index.get(), deleted.data(), static_cast<std::int32_t>(deleted.size()));
+    insert(index, inserted.ids, inserted.vectors);
+    delete_ids(index, deleted);
   }
 
   bool is_best(std::int64_t id) const {
@@ -245,149 +162,141 @@ class Metamorphic : public testing::TestWithParam<std::tuple<const qx::Kernels*,
 };
 
 TEST_P(Metamorphic, FewResultsArePrefixOfMany) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
-    const Hits many = other.full(query, kMost);
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
+    const Found many = other.full(query);
     bool holds = true;
     for (const std::int32_t k : {1, 2, 10, 48, 49, 100, 999}) {
-      holds &= index.full(query, k) == many.first(k);
+      holds &= index.full(query, k) == found({many.slots.begin(), many.slots.begin() + k});
     }
     return holds;
   });
 }
 
 TEST_P(Metamorphic, BestOfShardsMergedAreBestOfAll) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
     constexpr std::int64_t kShards = 4;
-    std::vector<std::pair<float, std::int64_t>> all;
+    std::vector<Hit> all;
     for (std::int64_t s = 0; s < kShards; ++s) {
       Rows part;
       const std::int64_t end = (s + 1) * kRows / kShards;
-      for (std::int64_t row = s * kRows / kShards; row < end; ++row) {
-        part.add(other.rows(), row);
-      }
-      const Hits hits = Index(part).full(query, kMost);
-      for (std::size_t i = 0; i < kMost; ++i) all.emplace_back(hits.scores[i], hits.ids[i]);
+      for (std::int64_t row = s * kRows / kShards; row < end; ++row) add(part, other.rows, row);
+      const Found hits = Base(part).full(query);
+      all.insert(all.end(), hits.slots.begin(), hits.slots.end());
     }
     std::stable_sort(all.begin(), all.end(),
-                     [](const auto& a, const auto& b) { return a.first > b.first; });
-    Hits merged(kMost);
-    for (std::size_t i = 0; i < kMost; ++i) std::tie(merged.scores[i], merged.ids[i]) = all[i];
-    return index.full(query, kMost) == merged;
+                     [](const Hit& a, const Hit& b) { return a.score > b.score; });
+    all.resize(kMost, kEmptySlot);
+    return index.full(query) == found(all);
   });
 }
 
 TEST_P(Metamorphic, RebuiltFromItsBaseAnIndexAnswersAlike) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
-    return index.full(query, kMost) == Index(other.exported(false)).full(query, kMost);
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
+    return index.full(query) == Base(export_base(other)).full(query);
   });
 }
 
 TEST_P(Metamorphic, RebuiltFromWhatIsVisibleAnIndexAnswersAlike) {
-  expect_relation([this](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([this](const Base& index, const Base& other, const Floats& query) {
     change(index);
     change(other);
-    const Index rebuilt(other.exported(true));
-    const Hits hits = index.visible(query, kMost);
-    return hits == rebuilt.full(query, kMost) && hits == rebuilt.visible(query, kMost);
+    const Base rebuilt(export_visible(other));
+    const Found hits = index.visible(query);
+    return hits == rebuilt.full(query) && hits == rebuilt.visible(query);
   });
 }
 
 TEST_P(Metamorphic, APartitionIsTheListOfItsIds) {
   // One of the two partitions has the best row of a query; the rows after both are in no partition.
-  const Index index(world().rows);
+  const Base index(world().rows);
   for (const std::int64_t key : {5, 6}) {
     const Ids ids = index.partition_ids(key);
     for (const Floats& query : world().queries) {
-      const Hits hits = index.partition(key, query, kMost);
-      EXPECT_TRUE(hits == index.candidates(ids, query, kMost));
+      const Found hits = search_partition(index, key, query, kMost);
+      ASSERT_EQ(hits.returned, kMost);
+      EXPECT_TRUE(hits == scatter(index, ids, query, kMost));
       // The planted difference: a list without the best row.
       Ids fewer = ids;
-      fewer.erase(std::find(fewer.begin(), fewer.end(), hits.ids[0]));
-      EXPECT_FALSE(hits == index.candidates(fewer, query, kMost));
+      fewer.erase(std::find(fewer.begin(), fewer.end(), hits.slots[0].id));
+      EXPECT_FALSE(hits == scatter(index, fewer, query, kMost));
     }
   }
 }
 
 TEST_P(Metamorphic, WhereAllPassAFilteredSearchScansAllThatIsVisible) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
-    return index.visible(query, kMost) == other.full(query, kMost);
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
+    return index.visible(query) == other.full(query);
   });
-  expect_relation([this](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([this](const Base& index, const Base& other, const Floats& query) {
     change(index);
     change(other);
-    return index.visible(query, kMost) == other.as_they_are_now(other.visible_ids(), query, kMost);
+    return index.visible(query) == search_mvcc(other, visible_ids(other), query, kMost);
   });
 }
 
 TEST_P(Metamorphic, WithEveryListProbedIvfIsExactUpToTies) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
     constexpr std::int32_t kLists = 64;
-    Ids ids;
-    Ints offsets = {0};
-    Floats centroids;
+    Ivf ivf{kLists, kLists, {}, {}, {0}};
     for (std::int64_t list = 0; list < kLists; ++list) {
       for (std::int64_t row = list; row < kRows; row += kLists) {
-        ids.push_back(index.rows().ids[static_cast<std::size_t>(row)]);
+        ivf.list_ids.push_back(index.rows.ids.data()[row]);
       }
-      offsets.push_back(static_cast<std::int32_t>(ids.size()));
-      centroids.insert(centroids.end(), index.rows().at(list), index.rows().at(list) + kDim);
+      ivf.list_offsets.push_back(static_cast<std::int32_t>(ivf.list_ids.size()));
+      const float* const centroid = vector_of(index.rows, list);
+      ivf.centroids.insert(ivf.centroids.end(), centroid, centroid + kDim);
     }
-    qx_index_set_ivf(index.get(), 1, kLists, kLists, centroids.data(), ids.data(), offsets.data(),
-                     static_cast<std::int32_t>(ids.size()));
-    return equal_up_to_ties(index.ivf(query, kMost), other.full(query, kMost));
+    set_ivf(index, 1, ivf);
+    return equal_up_to_ties(search_ivf(index, 1, query, kMost), other.full(query));
   });
 }
 
 TEST_P(Metamorphic, RowsInAnotherOrderPermuteOnlyTies) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
     std::vector<std::int64_t> order(kRows);
     std::iota(order.begin(), order.end(), 0);
     Random(3).shuffle(order);
     Rows permuted;
-    for (const std::int64_t row : order) {
-      permuted.add(other.rows(), row);
-    }
-    return equal_up_to_ties(index.full(query, kMost), Index(permuted).full(query, kMost));
+    for (const std::int64_t row : order) add(permuted, other.rows, row);
+    return equal_up_to_ties(index.full(query), Base(permuted).full(query));
   });
 }
 
 TEST_P(Metamorphic, RowsDeletedAndInsertedAgainPermuteOnlyTies) {
-  expect_relation([](const Index& index, const Index& other, const Floats& query) {
-    const Index again(other.rows());
+  expect_relation([](const Base& index, const Base& other, const Floats& query) {
+    const Base again(other.rows);
     Rows moved;
-    for (std::int64_t row = 0; row < kRows; row += 20) {
-      moved.add(other.rows(), row);
-    }
-    const auto count = static_cast<std::int32_t>(moved.count());
-    qx_index_delete(again.get(), moved.ids.data(), count);
-    EXPECT_EQ(qx_index_visible_count(again.get()), kRows - count);
-    qx_index_insert(again.get(), moved.vectors.data(), moved.ids.data(), count);
-    EXPECT_EQ(qx_index_visible_count(again.get()), kRows);
-    return equal_up_to_ties(index.visible(query, kMost), again.visible(query, kMost));
+    for (std::int64_t row = 0; row < kRows; row += 20) add(moved, other.rows, row);
+    delete_ids(again, moved.ids);
+    EXPECT_EQ(qx_index_visible_count(again), kRows - std::ssize(moved.ids));
+    insert(again, moved.ids, moved.vectors);
+    EXPECT_EQ(qx_index_visible_count(again), kRows);
+    return equal_up_to_ties(index.visible(query), again.visible(query));
   });
 }
 
 // Checks the test data: the number of distinct scores.
 TEST(MetamorphicData, HasManyTiesOrFew) {
   for (const Data data : {Data::kFewTies, Data::kManyTies}) {
-    const Index index(world_of(data).rows);
+    const Base index(world_of(data).rows);
     for (const Floats& query : world_of(data).queries) {
-      const std::vector<std::uint32_t> bits = index.full(query, kMost).score_bits();
-      const std::set<std::uint32_t> distinct(bits.begin(), bits.end());
+      std::set<std::uint32_t> distinct;
+      for (const Hit& hit : index.full(query).slots) distinct.insert(bits_of(hit.score));
       EXPECT_GT(distinct.size(), data == Data::kFewTies ? 990u : 2u);
       EXPECT_LT(distinct.size(), data == Data::kFewTies ? 1001u : 20u);
     }
   }
 }
 
+std::string name_of(const testing::TestParamInfo<Metamorphic::ParamType>& parameters) {
+  const auto& [kernels, data] = parameters.param;
+  return std::string(kernels->name) + (data == Data::kFewTies ? "_few_ties" : "_many_ties");
+}
+
 INSTANTIATE_TEST_SUITE_P(Kernels, Metamorphic,
                          testing::Combine(testing::ValuesIn(listed_kernels()),
                                           testing::Values(Data::kFewTies, Data::kManyTies)),
-                         [](const auto& parameters) {
-                           return std::string(std::get<0>(parameters.param)->name) +
-                                  (std::get<1>(parameters.param) == Data::kFewTies ? "_few_ties"
-                                                                                   : "_many_ties");
-                         });
+                         name_of);
 
 }  // namespace
 }  // namespace qx_test

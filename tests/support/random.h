@@ -89,29 +89,29 @@ class Random {
 // The kinds of values that components are drawn from.
 enum class Values { kTies, kSmooth, kSpecial, kBits, kMixed, kCancelling };
 
+// Among others the score of an empty slot, -1e30, and the float just below it.
 inline float special_float(Random& random) {
   using Limits = std::numeric_limits<float>;
-  static const std::vector<float> choices = {
-      0.0f,
-      -0.0f,
-      1.0f,
-      -1.0f,
-      1e30f,
-      -1e30f,  // the score of an empty slot
-      1e15f,
-      -1e15f,
-      std::bit_cast<float>(0xF149F2CBu),  // just below -1e30f
-      Limits::max(),
-      -Limits::max(),
-      Limits::min(),
-      -Limits::min(),
-      Limits::denorm_min(),
-      -Limits::denorm_min(),
-      1e-20f,
-      -1e-20f,
-      Limits::infinity(),
-      -Limits::infinity(),
-      Limits::quiet_NaN()};
+  static const std::vector<float> choices = {0.0f,
+                                             -0.0f,
+                                             1.0f,
+                                             -1.0f,
+                                             1e30f,
+                                             -1e30f,
+                                             1e15f,
+                                             -1e15f,
+                                             std::bit_cast<float>(0xF149F2CBu),
+                                             Limits::max(),
+                                             -Limits::max(),
+                                             Limits::min(),
+                                             -Limits::min(),
+                                             Limits::denorm_min(),
+                                             -Limits::denorm_min(),
+                                             1e-20f,
+                                             -1e-20f,
+                                             Limits::infinity(),
+                                             -Limits::infinity(),
+                                             Limits::quiet_NaN()};
   return random.any_of(choices);
 }
 
