@@ -18,6 +18,7 @@ namespace qx_test {
 
 using Ids = std::vector<std::int64_t>;
 using Floats = std::vector<float>;
+using Ints = std::vector<std::int32_t>;
 
 // Thrown where the engine ends the process, with the numbers that its last line names.
 struct OutOfBounds {
@@ -40,7 +41,7 @@ class Model {
     std::int32_t nprobe;
     Floats centroids;
     Ids list_ids;
-    std::vector<std::int32_t> list_offsets;
+    Ints list_offsets;
   };
 
   // A predicate over metadata.
@@ -60,8 +61,8 @@ class Model {
   Floats base_vectors;
   Ids base_ids;
   Ids part_keys;
-  std::vector<std::int32_t> part_starts;
-  std::vector<std::int32_t> part_sizes;
+  Ints part_starts;
+  Ints part_sizes;
   std::uint64_t snapshot = 0;
   bool mutated = false;
   Ids delta_ids;
@@ -77,8 +78,7 @@ class Model {
   // ---- The sealed base ----
 
   std::int32_t build(const Floats& vectors, std::int64_t n, std::int32_t new_dim, const Ids& ids,
-                     const Ids& keys, const std::vector<std::int32_t>& starts,
-                     const std::vector<std::int32_t>& sizes, std::int32_t n_parts) {
+                     const Ids& keys, const Ints& starts, const Ints& sizes, std::int32_t n_parts) {
     constexpr std::int64_t kLimit = 1099511627776;
     if (new_dim < 0 || n_parts < 0 || n < 0 || n > kLimit) return -1;
     if (new_dim > 0 && n > kLimit / new_dim) return -1;

@@ -18,8 +18,6 @@
 
 namespace qx_test {
 
-using Ints = std::vector<std::int32_t>;
-
 enum class Function {
   kNew,
   kFree,

@@ -16,6 +16,7 @@
 #include <bit>
 #include <charconv>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -32,27 +33,22 @@
 namespace qx_test {
 namespace {
 
-struct SeriesOptions {
+struct Options {
   std::uint64_t first_seed = 1;
   std::uint64_t sequences = 1000;
   std::uint64_t calls = 0;  // if not 0: play until this many calls are compared
   std::uint64_t workers = 1;
   bool progress = false;  // a line each minute
   bool trace = false;
-};
+  std::string replay_file;
+  std::string program_file;
+} options;
 
-struct SeriesResult {
-  std::uint64_t sequences = 0;
-  std::uint64_t last_seed = 0;
-  std::int64_t compared = 0;
-  std::int64_t made = 0;
-  std::int64_t functions = 0;  // number of different functions called
-  double seconds = 0;
-  std::optional<std::uint64_t> failed_seed;
-  std::string failure;
-};
+constexpr int kFunctions = 30;
 
-using Clock = std::chrono::steady_clock;
+// Fewer call sequences may not call every function, and their average length may differ.
+constexpr std::uint64_t kEnoughForAverages = 500;
+constexpr std::uint64_t kLeastComparedOnAverage = 25;
 
 constexpr std::uint64_t kMostWorkers = 64;
 // A new process replaces a worker after this many call sequences: by contract rebuilds keep the
@@ -64,7 +60,7 @@ constexpr unsigned kSequenceSeconds = 60;  // for a shrunk call sequence that do
 // Memory that the workers share with the process that watches them.
 struct Shared {
   std::atomic<std::uint64_t> taken;  // call sequences started
-  std::atomic<std::int64_t> compared;
+  std::atomic<std::uint64_t> compared;
   std::atomic<std::int64_t> made;
   std::atomic<std::uint64_t> functions;  // bit i: function i of the list was called
   std::atomic<bool> stop;
@@ -73,126 +69,130 @@ struct Shared {
   char failures[kMostWorkers][300];
 };
 
-Shared* share() {
-  void* const memory =
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) {
-    std::perror("mmap");
+// Plays the call sequences of consecutive seeds until enough are played or one fails. A process
+// that survives any failure of the engine watches those that play.
+class Series {
+ public:
+  Series() {
+    void* const memory =
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) fail("mmap");
+    shared_ = new (memory) Shared{};
+    play();
+  }
+  Series(const Series&) = delete;
+  Series& operator=(const Series&) = delete;
+  ~Series() { munmap(shared_, sizeof(Shared)); }
+
+  const Shared& played() const { return *shared_; }
+  std::uint64_t last_seed() const { return options.first_seed + shared_->taken - 1; }
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
+  const std::optional<std::uint64_t>& failed_seed() const { return failed_seed_; }
+  const std::string& failure() const { return failure_; }
+
+ private:
+  [[noreturn]] static void fail(const char* what) {
+    std::perror(what);
     std::abort();
   }
-  return new (memory) Shared{};
-}
 
-bool enough(const SeriesOptions& options, const Shared& shared) {
-  if (options.calls != 0) return shared.compared >= static_cast<std::int64_t>(options.calls);
-  return shared.taken >= options.sequences;
-}
-
-void note_calls(const CallSequence& sequence, const Player& player, Shared& shared) {
-  std::uint64_t functions = 0;
-  for (const Call& call : sequence) {
-    const bool frees_null = call.function == Function::kFreeNull;  // the same function as kFree
-    functions |= std::uint64_t{1} << static_cast<int>(frees_null ? Function::kFree : call.function);
+  bool enough() const {
+    return options.calls != 0 ? shared_->compared >= options.calls
+                              : shared_->taken >= options.sequences;
   }
-  shared.functions |= functions;
-  shared.compared += player.compared();
-  for (const auto& [name, count] : player.calls()) shared.made += count;
-}
 
-void work(const SeriesOptions& options, std::uint64_t worker, Shared& shared) {
-  for (int played = 0; played < kSequencesOfAWorker && !shared.stop; ++played) {
-    if (options.calls != 0 && enough(options, shared)) return;
-    const std::uint64_t number = shared.taken++;
-    if (options.calls == 0 && number >= options.sequences) {
-      --shared.taken;
-      return;
+  void play() {
+    const std::uint64_t workers = std::min(options.workers, kMostWorkers);
+    std::vector<pid_t> children;
+    for (std::uint64_t w = 0; w < workers; ++w) children.push_back(start_worker(w));
+    double next_line = 60;
+    for (std::uint64_t running = workers; running > 0;) {
+      for (std::uint64_t w = 0; w < workers; ++w) {
+        int status = 0;
+        if (children[w] < 0 || waitpid(children[w], &status, WNOHANG) != children[w]) continue;
+        if (status != 0 || shared_->disagrees[w]) note_failure(w, status);
+        const bool more = !shared_->stop && !enough();
+        children[w] = more ? start_worker(w) : -1;
+        running -= more ? 0 : 1;
+      }
+      if (options.progress && seconds() >= next_line) {
+        std::printf("%8.0f s  %" PRIu64 " call sequences, last seed %" PRIu64 ", %" PRIu64
+                    " calls compared, %.0f a second\n",
+                    seconds(), shared_->taken.load(), last_seed(), shared_->compared.load(),
+                    static_cast<double>(shared_->compared) / seconds());
+        std::fflush(stdout);
+        next_line += 60;
+      }
+      usleep(20000);
     }
-    shared.seeds[worker] = options.first_seed + number;
-    const CallSequence sequence = draw_call_sequence(Random(options.first_seed + number));
-    Player player(UnderKernels::kAll, options.trace);
-    const std::string failure = player.play(sequence);
-    note_calls(sequence, player, shared);
-    if (!failure.empty()) {
-      std::strncpy(shared.failures[worker], failure.c_str(), sizeof shared.failures[worker] - 1);
-      shared.disagrees[worker] = true;
-      shared.stop = true;
-      return;
+  }
+
+  pid_t start_worker(std::uint64_t worker) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0) fail("fork");
+    if (child == 0) {
+      work(worker);
+      std::exit(0);
     }
-    shared.seeds[worker] = 0;
+    return child;
   }
-}
 
-pid_t start_worker(const SeriesOptions& options, std::uint64_t worker, Shared& shared) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child < 0) {
-    std::perror("fork");
-    std::abort();
-  }
-  if (child == 0) {
-    work(options, worker, shared);
-    std::exit(0);
-  }
-  return child;
-}
-
-void print_progress(const SeriesOptions& options, const Shared& shared, double seconds) {
-  const std::int64_t compared = shared.compared;
-  std::printf("%8.0f s  %llu call sequences, last seed %llu, %lld calls compared, %.0f a second\n",
-              seconds, static_cast<unsigned long long>(shared.taken),
-              static_cast<unsigned long long>(options.first_seed + shared.taken - 1),
-              static_cast<long long>(compared), static_cast<double>(compared) / seconds);
-  std::fflush(stdout);
-}
-
-void note_failure(std::uint64_t worker, int status, Shared& shared, SeriesResult& result) {
-  shared.stop = true;
-  if (result.failed_seed) return;
-  result.failed_seed = shared.seeds[worker];
-  if (shared.disagrees[worker]) {
-    result.failure = shared.failures[worker];
-  } else if (WIFSIGNALED(status)) {
-    result.failure = std::string("the process ended: ") + strsignal(WTERMSIG(status));
-  } else {
-    result.failure = "the process ended with status " + std::to_string(WEXITSTATUS(status));
-  }
-}
-
-// Plays the call sequences of consecutive seeds from `first_seed` on, until enough are played or
-// one fails. A process that survives any failure of the engine watches those that play.
-SeriesResult play_series(const SeriesOptions& options) {
-  Shared& shared = *share();
-  SeriesResult result;
-  const auto start = Clock::now();
-  const auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - start).count(); };
-  const std::uint64_t workers = std::min(options.workers, kMostWorkers);
-  std::vector<pid_t> children;
-  for (std::uint64_t w = 0; w < workers; ++w) children.push_back(start_worker(options, w, shared));
-  double next_line = 60;
-  for (std::uint64_t running = workers; running > 0;) {
-    for (std::uint64_t w = 0; w < workers; ++w) {
-      int status = 0;
-      if (children[w] < 0 || waitpid(children[w], &status, WNOHANG) != children[w]) continue;
-      if (status != 0 || shared.disagrees[w]) note_failure(w, status, shared, result);
-      const bool more = !shared.stop && !enough(options, shared);
-      children[w] = more ? start_worker(options, w, shared) : -1;
-      running -= more ? 0 : 1;
+  void work(std::uint64_t worker) {
+    for (int played = 0; played < kSequencesOfAWorker && !shared_->stop; ++played) {
+      if (options.calls != 0 && enough()) return;
+      const std::uint64_t number = shared_->taken++;
+      if (options.calls == 0 && number >= options.sequences) {
+        --shared_->taken;
+        return;
+      }
+      const std::uint64_t seed = options.first_seed + number;
+      shared_->seeds[worker] = seed;
+      const CallSequence sequence = draw_call_sequence(Random(seed));
+      Player player(UnderKernels::kAll, options.trace);
+      const std::string failure = player.play(sequence);
+      note_calls(sequence, player);
+      if (!failure.empty()) {
+        char* const noted = shared_->failures[worker];
+        std::strncpy(noted, failure.c_str(), sizeof shared_->failures[worker] - 1);
+        shared_->disagrees[worker] = true;
+        shared_->stop = true;
+        return;
+      }
+      shared_->seeds[worker] = 0;
     }
-    if (options.progress && elapsed() >= next_line) {
-      print_progress(options, shared, elapsed());
-      next_line += 60;
-    }
-    usleep(20000);
   }
-  result.seconds = elapsed();
-  result.sequences = shared.taken;
-  result.last_seed = options.first_seed + shared.taken - 1;
-  result.compared = shared.compared;
-  result.made = shared.made;
-  result.functions = std::popcount(shared.functions.load());
-  munmap(&shared, sizeof shared);
-  return result;
-}
+
+  void note_calls(const CallSequence& sequence, const Player& player) {
+    std::uint64_t functions = 0;
+    for (const Call& call : sequence) {
+      const bool frees_null = call.function == Function::kFreeNull;  // the same function as kFree
+      functions |= std::uint64_t{1}
+                   << static_cast<int>(frees_null ? Function::kFree : call.function);
+    }
+    shared_->functions |= functions;
+    shared_->compared += static_cast<std::uint64_t>(player.compared());
+    for (const auto& [name, count] : player.calls()) shared_->made += count;
+  }
+
+  void note_failure(std::uint64_t worker, int status) {
+    shared_->stop = true;
+    if (failed_seed_) return;
+    failed_seed_ = shared_->seeds[worker];
+    failure_ = "the process ended with status " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) {
+      failure_ = std::string("the process ended: ") + strsignal(WTERMSIG(status));
+    }
+    if (shared_->disagrees[worker]) failure_ = shared_->failures[worker];
+  }
+
+  Shared* shared_ = nullptr;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  std::optional<std::uint64_t> failed_seed_;
+  std::string failure_;
+};
 
 // Shrinks the call sequence of a seed, each attempt in a child process, as long as it fails.
 // Returns a replay; empty if the call sequence does not fail again.
@@ -221,16 +221,6 @@ std::string shrunk_replay(std::uint64_t seed, const std::string& failure) {
   return replay_source(small, comment);
 }
 
-SeriesOptions options;
-std::string replay_file;
-std::string program_file;
-
-constexpr std::int64_t kFunctions = 30;
-
-// Fewer call sequences may not call every function, and their average length may differ.
-constexpr std::uint64_t kEnoughForAverages = 500;
-constexpr std::uint64_t kLeastComparedOnAverage = 25;
-
 bool write_file(const std::string& name, const std::string& text) {
   std::FILE* const file = std::fopen(name.c_str(), "w");
   if (file == nullptr) return false;
@@ -241,39 +231,37 @@ bool write_file(const std::string& name, const std::string& text) {
 int write_program() {
   const std::uint64_t seed = options.first_seed;
   const std::string comment = " * The call sequence of seed " + std::to_string(seed) + ".\n";
-  if (write_file(program_file, replay_source(draw_call_sequence(Random(seed)), comment))) return 0;
-  std::perror(program_file.c_str());
+  if (write_file(options.program_file, replay_source(draw_call_sequence(Random(seed)), comment)))
+    return 0;
+  std::perror(options.program_file.c_str());
   return 1;
 }
 
 void report_failure(std::uint64_t seed, const std::string& failure) {
-  std::printf("%s\nreplay: call_sequence_tests --seed %llu --count 1 --trace\n", failure.c_str(),
-              static_cast<unsigned long long>(seed));
+  std::printf("%s\nreplay: call_sequence_tests --seed %" PRIu64 " --count 1 --trace\n",
+              failure.c_str(), seed);
   if (options.trace) return;
   const std::string source = shrunk_replay(seed, failure);
   std::printf("%s\n", source.empty() ? "by itself it does not fail again" : source.c_str());
-  if (replay_file.empty() || source.empty()) return;
-  EXPECT_TRUE(write_file(replay_file, source)) << replay_file;
+  if (options.replay_file.empty() || source.empty()) return;
+  EXPECT_TRUE(write_file(options.replay_file, source)) << options.replay_file;
 }
 
 TEST(CallSequences, AgreeWithTheModel) {
-  const SeriesResult result = play_series(options);
-  std::printf(
-      "%llu call sequences, seeds %llu to %llu, %lld calls of %lld functions, "
-      "%lld of them compared with the model, %.1f s\n",
-      static_cast<unsigned long long>(result.sequences),
-      static_cast<unsigned long long>(options.first_seed),
-      static_cast<unsigned long long>(result.last_seed), static_cast<long long>(result.made),
-      static_cast<long long>(result.functions), static_cast<long long>(result.compared),
-      result.seconds);
-  if (result.failed_seed) {
-    report_failure(*result.failed_seed, result.failure);
-    FAIL() << "seed " << *result.failed_seed << ": " << result.failure;
+  const Series series;
+  const Shared& played = series.played();
+  const int functions = std::popcount(played.functions.load());
+  std::printf("%" PRIu64 " call sequences, seeds %" PRIu64 " to %" PRIu64 ", %" PRId64
+              " calls of %d functions, %" PRIu64 " of them compared with the model, %.1f s\n",
+              played.taken.load(), options.first_seed, series.last_seed(), played.made.load(),
+              functions, played.compared.load(), series.seconds());
+  if (series.failed_seed()) {
+    report_failure(*series.failed_seed(), series.failure());
+    FAIL() << "seed " << *series.failed_seed() << ": " << series.failure();
   }
-  if (result.sequences >= kEnoughForAverages) {
-    EXPECT_EQ(result.functions, kFunctions);
-    EXPECT_GE(result.compared,
-              static_cast<std::int64_t>(kLeastComparedOnAverage * result.sequences));
+  if (played.taken >= kEnoughForAverages) {
+    EXPECT_EQ(functions, kFunctions);
+    EXPECT_GE(played.compared, kLeastComparedOnAverage * played.taken);
   }
 }
 
@@ -289,7 +277,7 @@ TEST(CallSequences, AreTheSameWithEveryCompilerAndOnEveryCpu) {
 // Takes the value of an option that has one.
 bool parse_value(std::string_view option, std::string_view value) {
   if (option == "--replay" || option == "--program") {
-    (option == "--replay" ? replay_file : program_file) = value;
+    (option == "--replay" ? options.replay_file : options.program_file) = value;
     return true;
   }
   std::uint64_t ignored = 0;
@@ -324,7 +312,7 @@ int main(int count, char** arguments) {
                  "[--progress] [--trace] [--replay FILE | --program FILE]\n");
     return 2;
   }
-  if (!qx_test::program_file.empty()) return qx_test::write_program();
+  if (!qx_test::options.program_file.empty()) return qx_test::write_program();
   if (qx_test::options.trace) std::setvbuf(stdout, nullptr, _IONBF, 0);
   return RUN_ALL_TESTS();
 }

@@ -36,16 +36,14 @@ void note(const Event& event) {
   if (event_count == kMostEvents) std::abort();
   events[event_count++] = event;
 }
-void note_had(const void* block, std::size_t bytes) { note({block, bytes, false}); }
-void note_released(const void* block) { note({block, 0, true}); }
 
-using Held = std::vector<Event>;
-
-// Removes an allocation that was made while recording.
-void remove(Held& held, const void* block) {
-  const auto found =
-      std::find_if(held.begin(), held.end(), [&](const Event& had) { return had.block == block; });
-  if (found != held.end()) held.erase(found);
+// Makes an allocation, unless it must fail.
+template <typename Allocate>
+void* allocate(std::size_t bytes, Allocate real) {
+  if (next_fails()) return nullptr;
+  void* const block = real();
+  note({block, bytes, false});
+  return block;
 }
 
 }  // namespace
@@ -60,14 +58,16 @@ HeapLog record_heap(const std::function<void()>& body) {
   recording = false;
   HeapLog log;
   log.allocations = allocations;
-  Held held;
+  std::vector<Event> held;
   for (std::size_t i = 0; i < event_count; ++i) {
     if (!events[i].released) {
       held.push_back(events[i]);
       continue;
     }
     log.releases.push_back(events[i].block);
-    remove(held, events[i].block);
+    const auto is_it = [&](const Event& had) { return had.block == events[i].block; };
+    const auto found = std::find_if(held.begin(), held.end(), is_it);
+    if (found != held.end()) held.erase(found);
   }
   for (const Event& had : held) {
     log.still_held.push_back(had.block);
@@ -95,37 +95,25 @@ void* __real_realloc(void* block, std::size_t bytes);
 void __real_free(void* block);
 
 void* __wrap_malloc(std::size_t bytes) {
-  if (next_fails()) return nullptr;
-  void* const block = __real_malloc(bytes);
-  note_had(block, bytes);
-  return block;
+  return allocate(bytes, [=] { return __real_malloc(bytes); });
 }
-
 void* __wrap_calloc(std::size_t count, std::size_t bytes) {
-  if (next_fails()) return nullptr;
-  void* const block = __real_calloc(count, bytes);
-  note_had(block, count * bytes);
-  return block;
+  return allocate(count * bytes, [=] { return __real_calloc(count, bytes); });
 }
-
 void* __wrap_aligned_alloc(std::size_t alignment, std::size_t bytes) {
-  if (next_fails()) return nullptr;
-  void* const block = __real_aligned_alloc(alignment, bytes);
-  note_had(block, bytes);
-  return block;
+  return allocate(bytes, [=] { return __real_aligned_alloc(alignment, bytes); });
 }
 
 // A reallocation that moves counts as a release of the old address and an allocation of the new.
 void* __wrap_realloc(void* block, std::size_t bytes) {
-  if (next_fails()) return nullptr;
-  note_released(block);
-  void* const moved = __real_realloc(block, bytes);
-  note_had(moved, bytes);
-  return moved;
+  return allocate(bytes, [=] {
+    note({block, 0, true});
+    return __real_realloc(block, bytes);
+  });
 }
 
 void __wrap_free(void* block) {
-  note_released(block);
+  note({block, 0, true});
   __real_free(block);
 }
 
