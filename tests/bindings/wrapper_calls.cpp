@@ -537,7 +537,14 @@ class HostileCalls {
         [&] { index_.tuner_oversized(0); },
         [&] {
           const Search s = some_search();
-          ask<qx::Hits>(index_, s, s.candidates, filter_of(s.test), std::int64_t{1});
+          Ids ids(1);
+          Floats scores(1);
+          if (random_.percent(50)) {
+            ask<qx::Hits>(index_, s, s.candidates, filter_of(s.test), std::int64_t{1});
+          } else {
+            ask<std::size_t>(index_, s, s.candidates, filter_of(s.test), std::span(ids),
+                             std::span(scores));
+          }
         },
     };
     must(End::kLogicError, "a call on what was moved from", random_.any_of(calls));

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "qx_runtime.h"
+#include "support/call.h"
 #include "support/child.h"
 #include "support/guarded.h"
 
@@ -159,14 +160,9 @@ class Index {
 
 inline std::int32_t build(QxIndex* index, std::int32_t dim, const Ids& ids, const Floats& vectors,
                           const Partitions& parts = {}) {
-  const Guarded<float> floats(vectors);
-  const Guarded<std::int64_t> row_ids(ids);
-  const Guarded<std::int64_t> keys(parts.keys);
-  const Guarded<std::int32_t> starts(parts.starts);
-  const Guarded<std::int32_t> sizes(parts.sizes);
-  return qx_index_build(index, floats.data(), static_cast<std::int64_t>(ids.size()), dim,
-                        row_ids.data(), keys.data(), starts.data(), sizes.data(),
-                        static_cast<std::int32_t>(parts.keys.size()));
+  return call_c(qx_index_build, index, Guarded(vectors).data(), ids.size(), dim,
+                Guarded(ids).data(), Guarded(parts.keys).data(), Guarded(parts.starts).data(),
+                Guarded(parts.sizes).data(), parts.keys.size());
 }
 
 // A build that must succeed.
@@ -186,32 +182,23 @@ inline void seal_to_be_replaced(QxIndex* index, std::int32_t dim, const Ids& ids
 }
 
 inline std::uint64_t insert(QxIndex* index, const Ids& ids, const Floats& vectors) {
-  const Guarded<float> floats(vectors);
-  const Guarded<std::int64_t> row_ids(ids);
-  return qx_index_insert(index, floats.data(), row_ids.data(),
-                         static_cast<std::int32_t>(ids.size()));
+  return call_c(qx_index_insert, index, Guarded(vectors).data(), Guarded(ids).data(), ids.size());
 }
 
 inline std::uint64_t delete_ids(QxIndex* index, const Ids& ids) {
-  const Guarded<std::int64_t> row_ids(ids);
-  return qx_index_delete(index, row_ids.data(), static_cast<std::int32_t>(ids.size()));
+  return call_c(qx_index_delete, index, Guarded(ids).data(), ids.size());
 }
 
 inline std::int32_t set_ivf(QxIndex* index, std::int64_t key, const Ivf& ivf) {
-  const Guarded<float> centroids(ivf.centroids);
-  const Guarded<std::int64_t> list_ids(ivf.list_ids);
-  const Guarded<std::int32_t> list_offsets(ivf.list_offsets);
-  return qx_index_set_ivf(index, key, ivf.nlist, ivf.nprobe, centroids.data(), list_ids.data(),
-                          list_offsets.data(), static_cast<std::int32_t>(ivf.list_ids.size()));
+  return call_c(qx_index_set_ivf, index, key, ivf.nlist, ivf.nprobe, Guarded(ivf.centroids).data(),
+                Guarded(ivf.list_ids).data(), Guarded(ivf.list_offsets).data(),
+                ivf.list_ids.size());
 }
 
 inline std::int32_t set_rowmeta(QxIndex* index, const Ids& ids, const Ids& labels,
                                 const Ids& values, std::int32_t ncols) {
-  const Guarded<std::int64_t> row_ids(ids);
-  const Guarded<std::int64_t> row_labels(labels);
-  const Guarded<std::int64_t> row_values(values);
-  return qx_index_set_rowmeta(index, row_ids.data(), row_labels.data(), row_values.data(), ncols,
-                              static_cast<std::int32_t>(ids.size()));
+  return call_c(qx_index_set_rowmeta, index, Guarded(ids).data(), Guarded(labels).data(),
+                Guarded(values).data(), ncols, ids.size());
 }
 
 // ---- Reads -------------------------------------------------------------------------------------
@@ -232,54 +219,42 @@ Found run_search(std::int64_t k, Call call) {
   return result;
 }
 
-inline Found search_full(QxIndex* index, const Floats& query, std::int32_t k) {
-  const Guarded<float> floats(query);
+// The same for a search that takes these arguments before k.
+template <typename Search, typename... Arguments>
+Found best_by(Search search, std::int64_t k, Arguments... arguments) {
   return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_search_full(index, floats.data(), k, ids, scores);
+    return call_c(search, arguments..., k, ids, scores);
   });
+}
+
+inline Found search_full(QxIndex* index, const Floats& query, std::int32_t k) {
+  return best_by(qx_index_search_full, k, index, Guarded(query).data());
 }
 
 inline Found search_partition(QxIndex* index, std::int64_t key, const Floats& query,
                               std::int32_t k) {
-  const Guarded<float> floats(query);
-  return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_search_partition(index, key, floats.data(), k, ids, scores);
-  });
+  return best_by(qx_index_search_partition, k, index, key, Guarded(query).data());
 }
 
 inline Found scatter(QxIndex* index, const Ids& candidates, const Floats& query, std::int32_t k) {
-  const Guarded<std::int64_t> listed(candidates);
-  const Guarded<float> floats(query);
-  return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_scatter_topk(index, listed.data(), static_cast<std::int32_t>(listed.size()),
-                                 floats.data(), k, ids, scores);
-  });
+  return best_by(qx_index_scatter_topk, k, index, Guarded(candidates).data(), candidates.size(),
+                 Guarded(query).data());
 }
 
 inline Found search_ivf(QxIndex* index, std::int64_t key, const Floats& query, std::int32_t k) {
-  const Guarded<float> floats(query);
-  return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_search_ivf(index, key, floats.data(), k, ids, scores);
-  });
+  return best_by(qx_index_search_ivf, k, index, key, Guarded(query).data());
 }
 
 inline Found search_mvcc(QxIndex* index, const Ids& candidates, const Floats& query,
                          std::uint32_t k) {
-  const Guarded<std::int64_t> listed(candidates);
-  const Guarded<float> floats(query);
-  return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_search_mvcc(index, listed.data(), static_cast<std::int32_t>(listed.size()),
-                                floats.data(), k, ids, scores);
-  });
+  return best_by(qx_index_search_mvcc, k, index, Guarded(candidates).data(), candidates.size(),
+                 Guarded(query).data());
 }
 
 inline Found search_filtered(QxIndex* index, const Predicate& predicate, const Floats& query,
                              std::uint32_t k) {
-  const Guarded<float> floats(query);
-  return run_search(k, [&](std::int64_t* ids, float* scores) {
-    return qx_index_search_filtered(index, predicate.mode, predicate.column, predicate.value,
-                                    floats.data(), k, ids, scores);
-  });
+  return best_by(qx_index_search_filtered, k, index, predicate.mode, predicate.column,
+                 predicate.value, Guarded(query).data());
 }
 
 // The elements of a buffer up to the last one that a call wrote.
