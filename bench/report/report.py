@@ -4,72 +4,40 @@
 The folder receives BENCHMARKS.md and, in benchmarks/, the pictures, and core.json for hosts/mpi/plan.py.
 """
 
-import datetime
 import json
 import os
+import pathlib
 import re
 import sys
 
 import machine
 import plots
-import tables
 import targets
 from results import Run
-
-TITLES = {
-    "scan": ("Exact search of the whole base", tables.scan_tables),
-    "candidates": ("Search of listed ids", tables.candidates_table),
-    "walk": ("The walk over visible rows", tables.walk_table),
-    "match": ("Ids by label", tables.match_table),
-    "filtered": ("Filtered search", tables.filtered_table),
-    "ivf": ("Search through lists", tables.ivf_table),
-    "topk": ("The result buffer", tables.topk_table),
-    "mutation": ("Insert, delete, metadata, build", tables.mutation_table),
-    "keys": ("Patterned keys", tables.keys_table),
-    "header": ("The C++ header beside the C interface", tables.header_table),
-    "environment": ("The host's floating-point environment", tables.environment_table),
-    "readers": ("Two threads that read one handle", tables.readers_table),
-}
-
-
-def read_remarks():
-    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "remarks.md")
-    with open(path, encoding="utf-8") as file:
-        parts = re.split(r"^## (\w+)\n", file.read(), flags=re.MULTILINE)
-    return {name: text.strip() for name, text in zip(parts[1::2], parts[2::2])}
+from tables import SECTIONS, section_tables, table
 
 
 def introduction(run):
     kind = "\nThis was a quick run: fewer rounds and smaller sets than the targets name.\n"
-    facts = machine.describe(run.header, datetime.date.today().isoformat())
-    rows = [[name, value] for name, value in facts]
     return f"""# Benchmarks
 
 Written by `bench/run`; `bench/README.md` says how each figure is measured and how to read a row.
 Every ratio is one of medians over interleaved rounds in one process, on the same data, in one
 thread unless two are named. *Limit* is the least that the hardware must do, measured in the same run.
 {kind if run.header["quick"] else ""}
-{tables.table(["machine", ""], rows).replace("---:|", "---|")}
+{table(["machine", ""], machine.describe(run.header)).replace("---:|", "---|")}
 """
 
 
-def target_part(run):
-    outcomes = targets.outcomes(run)
-    met = sum(outcome.met for outcome in outcomes)
-    return f"""## Targets: {met} of {len(outcomes)} met
+def target_part(outcomes):
+    rows = [[outcome.work, outcome.bound, outcome.reached(), "yes" if outcome.met else "**no**"]
+            for outcome in outcomes]
+    return f"""## Targets: {sum(outcome.met for outcome in outcomes)} of {len(outcomes)} met
 
 *Reached* is the worst case, or the median where the target says so; in brackets the range.
 
-{tables.targets_table(outcomes)}
+{table(["work", "target", "reached", "met"], rows)}
 """
-
-
-def section_part(run, section, pictures, remarks):
-    title, make_table = TITLES[section]
-    parts = [f"## {title}", remarks.get(section, "")]
-    parts += [f"![{words}](benchmarks/{name})" for name, words, of, _ in pictures if of == section]
-    parts.append(make_table(run))
-    return "\n\n".join(part for part in parts if part) + "\n"
 
 
 def core(run):
@@ -85,37 +53,34 @@ def core(run):
             "listed_ns": round(listed[0].nanoseconds_per_item(), 2)}
 
 
-def write_report(run, folder):
-    pictures = plots.draw_all(run)
-    remarks = read_remarks()
-    parts = [introduction(run), target_part(run)]
-    parts += [section_part(run, section, pictures, remarks) for section in TITLES
-              if run.select(section)]
-    os.makedirs(os.path.join(folder, "benchmarks"), exist_ok=True)
-    for name, _, _, content in pictures:
-        with open(os.path.join(folder, "benchmarks", name), "w", encoding="utf-8") as file:
-            file.write(content)
-    if core(run):
-        with open(os.path.join(folder, "benchmarks", "core.json"), "w", encoding="utf-8") as file:
-            file.write(json.dumps(core(run)) + "\n")
-    path = os.path.join(folder, "BENCHMARKS.md")
-    with open(path, "w", encoding="utf-8") as file:
-        file.write("\n".join(parts))
-    return path
-
-
 def main():
     if len(sys.argv) != 3:
-        print("usage: report.py RESULTS FOLDER", file=sys.stderr)
-        return 2
-    run = Run(sys.argv[1])
-    path = write_report(run, sys.argv[2])
-    for outcome in targets.outcomes(run):
+        sys.exit("usage: report.py RESULTS FOLDER")
+    run, folder = Run(sys.argv[1]), pathlib.Path(sys.argv[2])
+    (folder / "benchmarks").mkdir(parents=True, exist_ok=True)
+    remarks = pathlib.Path(__file__).with_name("remarks.md").read_text(encoding="utf-8")
+    remarks = re.split(r"^## (\w+)\n", remarks, flags=re.MULTILINE)
+    remarks = dict(zip(remarks[1::2], map(str.strip, remarks[2::2])))
+    outcomes = targets.outcomes(run)
+    parts = [introduction(run), target_part(outcomes)]
+    for section, (title, _, _) in SECTIONS.items():
+        if not run.select(section):
+            continue
+        pictures = [picture for picture in plots.PICTURES if picture[1] == section]
+        for name, _, _, draw in pictures:
+            (folder / "benchmarks" / name).write_text(draw(run), encoding="utf-8")
+        parts.append("\n\n".join([f"## {title}", remarks[section],
+                                  *[f"![{shows}](benchmarks/{name})" for name, _, shows, _ in pictures],
+                                  *section_tables(run, section)]) + "\n")
+    if core(run):
+        (folder / "benchmarks" / "core.json").write_text(json.dumps(core(run)) + "\n", encoding="utf-8")
+    path = folder / "BENCHMARKS.md"
+    path.write_text("\n".join(parts), encoding="utf-8")
+    for outcome in outcomes:
         mark = "met   " if outcome.met else "missed"
-        print(f"{mark} {outcome.target.work}: {outcome.reached()}, target {outcome.target.bound()}")
+        print(f"{mark} {outcome.work}: {outcome.reached()}, target {outcome.bound}")
     print(f"Report: {os.path.relpath(path)}")
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -1,7 +1,6 @@
 """What a run measured: its header and its cases, read from the file that the benchmark writes."""
 
 import json
-import statistics
 
 
 class Case:
@@ -18,8 +17,10 @@ class Case:
     def __getitem__(self, label):
         return self.labels.get(label)
 
-    def matches(self, **labels):
-        return all(self.labels.get(key) == value for key, value in labels.items())
+    def matches(self, labels):
+        """A label is given by its value, or by a tuple or a range of values."""
+        return all(self[key] in wanted if isinstance(wanted, (tuple, range)) else self[key] == wanted
+                   for key, wanted in labels.items())
 
     def of_role(self, role):
         return [time for time in self.times if time["role"] == role]
@@ -36,14 +37,13 @@ class Case:
     def engine(self):
         return self.fastest("engine")
 
-    def speed(self, contestant):
-        """How often the engine does the work in the contestant's time; None without one."""
-        return contestant["median"] / self.engine["median"] if contestant else None
+    def speed(self, contestant, of=None):
+        """How often the engine, or another, does the work in the contestant's time, or None."""
+        return contestant["median"] / (of or self.engine)["median"] if contestant else None
 
     def of_limit(self, contestant=None):
         """The part of the limit that a contestant, usually the engine, reaches."""
-        limit = self.fastest("limit")
-        return limit["median"] / (contestant or self.engine)["median"] if limit else None
+        return self.speed(self.fastest("limit"), contestant)
 
     def against_peer(self):
         return self.speed(self.fastest("peer"))
@@ -55,8 +55,8 @@ class Case:
         """The engine's time in multiples of the baseline's."""
         return 1 / self.against_baseline()
 
-    def gigabytes_per_second(self, contestant=None):
-        return self.bytes / (contestant or self.engine)["median"] / 1e9
+    def gigabytes_per_second(self, contestant):
+        return self.bytes / contestant["median"] / 1e9
 
     def nanoseconds_per_item(self, contestant=None):
         return (contestant or self.engine)["median"] / self.items * 1e9
@@ -67,17 +67,13 @@ class Run:
 
     def __init__(self, path):
         with open(path, encoding="utf-8") as lines:
-            records = [json.loads(line) for line in lines]
-        self.header = records[0]["run"]
-        self.cases = [Case(record) for record in records[1:]]
+            header, *records = map(json.loads, lines)
+        self.header = header["run"]
+        self.cases = [Case(record) for record in records]
 
     def select(self, section, **labels):
-        return [case for case in self.cases if case.section == section and case.matches(**labels)]
+        return [case for case in self.cases if case.section == section and case.matches(labels)]
 
     def values(self, section, label):
         """The values of a label, each once, in the order of their first appearance."""
         return list(dict.fromkeys(case[label] for case in self.select(section)))
-
-
-def median(values):
-    return statistics.median(values)

@@ -1,193 +1,111 @@
 """What the library is meant to reach: every target, and whether a run met it."""
 
 from dataclasses import dataclass
-from typing import Callable
+from statistics import median
 
-from results import Case, median
+from results import Case
 
 
-@dataclass
-class Target:
-    work: str
-    section: str
-    applies: Callable[[Case], bool]
-    measure: Callable[[Case], float]
-    unit: str  # what the figure is a multiple of
-    at_least: float = None  # one of the two bounds is given
-    at_most: float = None
-    by_median: bool = False  # of all cases; otherwise each case must meet the bound
+def avx2_of_limit(case):
+    """The part of the limit that the kernel reaches, chosen by the CPU or forced."""
+    return case.of_limit(case.engine if case.engine["name"].endswith(", avx2") else
+                         case.named("avx2"))
 
-    def meets(self, value):
-        return value >= self.at_least if self.at_most is None else value <= self.at_most
 
-    def bound(self):
-        sign, value = ("≤", self.at_most) if self.at_least is None else ("≥", self.at_least)
-        return f"{sign} {value:g} {self.unit}" + (", median" if self.by_median else "")
+def portable_against_one_row(case):
+    return case.speed(case.named("one row at a time"), case.named("portable, -O3"))
+
+
+# The work, the section and the labels of its cases, what is measured, and the bound. Each case must
+# meet it, or the median of all where it says so.
+L2, L3, MEMORY = {"set": "L2"}, {"set": "L3"}, {"set": "DRAM"}
+LIMIT, PEER, BASELINE, COST = Case.of_limit, Case.against_peer, Case.against_baseline, Case.cost
+TARGETS = [
+    ("whole-base scan, memory, up to dim 256", "scan", {**MEMORY, "dim": range(257)}, LIMIT,
+     "≥ 0.95 of the limit"),
+    ("whole-base scan, memory, above dim 256", "scan", {**MEMORY, "dim": range(257, 1 << 30)}, LIMIT,
+     "≥ 0.92 of the limit"),
+    ("whole-base scan, memory", "scan", MEMORY, PEER, "≥ 1 × the fastest peer"),
+    ("whole-base scan, L3", "scan", L3, LIMIT, "≥ 0.75 of the limit, median"),
+    ("whole-base scan, L3", "scan", L3, PEER, "≥ 1 × the fastest peer"),
+    ("whole-base scan, L2", "scan", L2, LIMIT, "≥ 0.5 of the limit, median"),
+    ("whole-base scan, L2", "scan", L2, PEER, "≥ 1 × the fastest peer"),
+    ("AVX2 kernel, memory", "scan", MEMORY, avx2_of_limit, "≥ 0.92 of the limit"),
+    ("portable kernel under -mavx2 -mfma, L2", "scan", L2, portable_against_one_row,
+     "≥ 8 × one row at a time, median"),
+    ("candidate lists", "candidates", {"changed": 0}, BASELINE, "≥ 8 × one row at a time"),
+    ("candidate lists, dim 128, 100,000 ids", "candidates",
+     {"changed": 0, "dim": 128, "ids": 100000}, BASELINE, "≥ 12 × one row at a time"),
+    ("candidate lists", "candidates", {"changed": 0}, LIMIT, "≥ 0.85 of the limit"),
+    ("visible count and ids, dense, 1 % and 10 % changed", "walk",
+     {"ids": ("ascending", "permuted"), "changed": (1, 10)}, BASELINE, "≥ 8 × absl::flat_hash_map"),
+    ("visible count and ids, sparse, 1 % and 10 % changed", "walk",
+     {"ids": "sparse", "changed": (1, 10)}, BASELINE, "≥ 5 × absl::flat_hash_map"),
+    ("visible count and ids, nothing changed", "walk", {"changed": 0}, LIMIT, "≥ 0.8 of the limit"),
+    ("label match, metadata in base order", "match", {"attached": "base order"}, BASELINE,
+     "≥ 13 × absl::flat_hash_map"),
+    ("label match, 5 % without metadata", "match", {"attached": "5 % missing"}, BASELINE,
+     "≥ 8 × absl::flat_hash_map"),
+    ("label match, metadata in random order", "match", {"attached": "random order"}, BASELINE,
+     "≥ 3 × absl::flat_hash_map"),
+    ("filtered search, every row passing, 1 % changed", "filtered", {"passing": 100, "changed": 1},
+     COST, "≤ 1.1 × the whole-base scan"),
+    ("filtered search, 1 % passing, 1 % changed", "filtered", {"passing": 1, "changed": 1}, COST,
+     "≤ 0.15 × the whole-base scan"),
+    ("IVF search, base in list order", "ivf", {"base": "list order"}, PEER,
+     "≥ 1.5 × Faiss IndexIVFFlat"),
+    ("IVF search, base scattered", "ivf", {"base": "scattered"}, PEER, "≥ 1 × Faiss IndexIVFFlat"),
+    *[(f"top {k:,}, {scores} scores", "topk", {"scores": scores, "k": k}, BASELINE,
+       f"≥ {bound} × plain shifting insertion")
+      for scores, k, bound in [("random", 100, 1.3), ("random", 1000, 5), ("random", 10000, 25),
+                               ("ascending", 1000, 40), ("random", 10, 1), ("ascending", 10, 1)]],
+    ("delete", "mutation", {"function": "delete"}, BASELINE, "≥ 2.5 × absl::flat_hash_map"),
+    ("row metadata", "mutation",
+     {"function": ("set_rowmeta, columns: 0", "set_rowmeta, columns: 2")}, BASELINE,
+     "≥ 2.5 × absl::flat_hash_map"),
+    ("insert", "mutation", {"function": "insert"}, COST, "≤ 1.5 × vector copy and map entry"),
+    ("bulk build", "mutation", {"function": "build"}, COST, "≤ 1.2 × block copies and table"),
+    ("memory of a map, 1 M entries", "mutation", {"function": "memory"},
+     lambda case: case.figures["bytes per entry"], "≤ 26 bytes per entry"),
+    ("patterned keys", "keys", {}, COST, "≤ 2 × random keys"),
+]
 
 
 @dataclass
 class Outcome:
-    target: Target
+    work: str
+    bound: str
     values: list
+
+    def meets(self, value):
+        sign, limit, _ = self.bound.split(" ", 2)
+        return value >= float(limit) if sign == "≥" else value <= float(limit)
 
     @property
     def deciding_value(self):
         """The median, or the one that is furthest from the bound."""
-        if self.target.by_median:
+        if self.bound.endswith(", median"):
             return median(self.values)
-        return min(self.values) if self.target.at_most is None else max(self.values)
+        return min(self.values) if self.bound.startswith("≥") else max(self.values)
 
     @property
     def met(self):
-        return self.target.meets(self.deciding_value)
+        return self.meets(self.deciding_value)
 
     def reached(self):
         text = f"{self.deciding_value:.2f}"
         if len(self.values) > 1:
             text += f" ({min(self.values):.2f} to {max(self.values):.2f})"
-        if not self.met and not self.target.by_median and len(self.values) > 1:
-            held = sum(self.target.meets(value) for value in self.values)
-            text += f", {held} of {len(self.values)} cases"
+            if not self.met and not self.bound.endswith(", median"):
+                text += f", {sum(map(self.meets, self.values))} of {len(self.values)} cases"
         return text
-
-
-def in_set(name, low=0, high=1 << 30):
-    return lambda case: case["set"] == name and low <= case["dim"] <= high
-
-
-def labelled(**labels):
-    return lambda case: case.matches(**labels)
-
-
-def on_kernel(name):
-    """The part of the limit that a named kernel reaches, chosen by the CPU or forced."""
-
-    def measure(case):
-        chosen = case.engine["name"].endswith(", " + name)
-        return case.of_limit(case.engine if chosen else case.named(name))
-
-    return measure
-
-
-def portable_against_one_row(case):
-    return case.named("one row at a time")["median"] / case.named("portable, -O3")["median"]
-
-
-LIMIT = "of the limit"
-PEER = "× the fastest peer"
-ONE_ROW = "× one row at a time"
-ABSL = "× absl::flat_hash_map"
-PLAIN = "× plain shifting insertion"
-
-
-def scan_targets():
-    return [
-        Target("whole-base scan, memory, up to dim 256", "scan", in_set("DRAM", high=256),
-               Case.of_limit, LIMIT, at_least=0.95),
-        Target("whole-base scan, memory, above dim 256", "scan", in_set("DRAM", low=257),
-               Case.of_limit, LIMIT, at_least=0.92),
-        Target("whole-base scan, memory", "scan", in_set("DRAM"), Case.against_peer, PEER,
-               at_least=1.0),
-        Target("whole-base scan, L3", "scan", in_set("L3"), Case.of_limit, LIMIT, at_least=0.75,
-               by_median=True),
-        Target("whole-base scan, L3", "scan", in_set("L3"), Case.against_peer, PEER, at_least=1.0),
-        Target("whole-base scan, L2", "scan", in_set("L2"), Case.of_limit, LIMIT, at_least=0.50,
-               by_median=True),
-        Target("whole-base scan, L2", "scan", in_set("L2"), Case.against_peer, PEER, at_least=1.0),
-        Target("AVX2 kernel, memory", "scan", in_set("DRAM"), on_kernel("avx2"), LIMIT,
-               at_least=0.92),
-        Target("portable kernel under -mavx2 -mfma, L2", "scan", in_set("L2"),
-               portable_against_one_row, ONE_ROW, at_least=8, by_median=True),
-    ]
-
-
-def candidate_targets():
-    unchanged = labelled(changed=0)
-    return [
-        Target("candidate lists", "candidates", unchanged, Case.against_baseline, ONE_ROW,
-               at_least=8),
-        Target("candidate lists, dim 128, 100,000 ids", "candidates",
-               labelled(changed=0, dim=128, ids=100000), Case.against_baseline, ONE_ROW,
-               at_least=12),
-        Target("candidate lists", "candidates", unchanged, Case.of_limit, LIMIT, at_least=0.85),
-    ]
-
-
-def walk_targets():
-    def changed(*orders):
-        return lambda case: case["ids"] in orders and case["changed"] in (1, 10)
-
-    def match(attached):
-        return labelled(attached=attached)
-
-    return [
-        Target("visible count and ids, dense, 1 % and 10 % changed", "walk",
-               changed("ascending", "permuted"), Case.against_baseline, ABSL, at_least=8),
-        Target("visible count and ids, sparse, 1 % and 10 % changed", "walk", changed("sparse"),
-               Case.against_baseline, ABSL, at_least=5),
-        Target("visible count and ids, nothing changed", "walk", labelled(changed=0),
-               Case.of_limit, LIMIT, at_least=0.8),
-        Target("label match, metadata in base order", "match", match("base order"),
-               Case.against_baseline, ABSL, at_least=13),
-        Target("label match, 5 % without metadata", "match", match("5 % missing"),
-               Case.against_baseline, ABSL, at_least=8),
-        Target("label match, metadata in random order", "match", match("random order"),
-               Case.against_baseline, ABSL, at_least=3),
-    ]
-
-
-def search_targets():
-    scan = "× the whole-base scan"
-    faiss = "× Faiss IndexIVFFlat"
-    return [
-        Target("filtered search, every row passing, 1 % changed", "filtered",
-               labelled(passing=100, changed=1), Case.cost, scan, at_most=1.10),
-        Target("filtered search, 1 % passing, 1 % changed", "filtered",
-               labelled(passing=1, changed=1), Case.cost, scan, at_most=0.15),
-        Target("IVF search, base in list order", "ivf", labelled(base="list order"),
-               Case.against_peer, faiss, at_least=1.5),
-        Target("IVF search, base scattered", "ivf", labelled(base="scattered"), Case.against_peer,
-               faiss, at_least=1.0),
-    ]
-
-
-def topk_targets():
-    bounds = [("random", 100, 1.3), ("random", 1000, 5), ("random", 10000, 25),
-              ("ascending", 1000, 40), ("random", 10, 1.0), ("ascending", 10, 1.0)]
-    return [Target(f"top {k:,}, {scores} scores", "topk", labelled(scores=scores, k=k),
-                   Case.against_baseline, PLAIN, at_least=bound) for scores, k, bound in bounds]
-
-
-def storage_targets():
-    def function(start):
-        return lambda case: case["function"].startswith(start)
-
-    return [
-        Target("delete", "mutation", function("delete"), Case.against_baseline, ABSL,
-               at_least=2.5),
-        Target("row metadata", "mutation", function("set_rowmeta"), Case.against_baseline, ABSL,
-               at_least=2.5),
-        Target("insert", "mutation", function("insert"), Case.cost, "× vector copy and map entry",
-               at_most=1.5),
-        Target("bulk build", "mutation", function("build"), Case.cost,
-               "× block copies and table", at_most=1.2),
-        Target("memory of a map, 1 M entries", "mutation", function("memory"),
-               lambda case: case.figures["bytes per entry"], "bytes per entry", at_most=26),
-        Target("patterned keys", "keys", lambda case: True, Case.cost, "× random keys", at_most=2),
-    ]
-
-
-def all_targets():
-    return (scan_targets() + candidate_targets() + walk_targets() + search_targets() +
-            topk_targets() + storage_targets())
 
 
 def outcomes(run):
     """One outcome for each target that the run has cases for."""
     found = []
-    for target in all_targets():
-        cases = [case for case in run.select(target.section) if target.applies(case)]
-        values = [value for value in map(target.measure, cases) if value is not None]
-        if values:
-            found.append(Outcome(target, values))
+    for work, section, labels, measure, bound in TARGETS:
+        values = [measure(case) for case in run.select(section, **labels)]
+        if any(value is not None for value in values):
+            found.append(Outcome(work, bound, [value for value in values if value is not None]))
     return found

@@ -12,7 +12,7 @@ import time
 import numpy as np
 
 import machine
-import svg
+import plots
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bindings/python/ann_benchmarks"))
 from module import QxRuntimeExact, QxRuntimeIVF  # noqa: E402
@@ -76,46 +76,42 @@ def rate(times, clock=0):
 
 def picture(results):
     series = []
-    for i, name in enumerate(dict.fromkeys(name for name, *_ in results)):
+    for name, colour in zip(dict.fromkeys(name for name, *_ in results), plots.COLOURS):
         points = [(recall, rate(times)) for other, _, recall, times in results if other == name]
-        series.append(svg.Series(name, points, svg.COLOURS[i], width=2.2 if len(points) > 1 else 4))
-    rates = [rate(times) for *_, times in results]
-    ticks = [10 ** power for power in range(0, 7)]
-    low = max(tick for tick in ticks if tick <= min(rates))
-    high = min(tick for tick in ticks if tick >= max(rates))
-    panel = svg.Panel("", svg.Axis([(i / 10, f"{i / 10:.1f}") for i in range(11)], 0.0, 1.02,
-                                   label=f"recall of the {K} nearest"),
-                      svg.Axis([(tick, f"{tick:,}") for tick in ticks if low <= tick <= high], low,
-                               high, True, "queries a CPU second"), series, width=660)
-    return svg.chart("Words: recall and queries a CPU second, one thread", [panel], series)
+        series.append(plots.Series(name, points, colour, 2.2 if len(points) > 1 else 4))
+    axis = plots.Axis([(i / 10, f"{i / 10:.1f}") for i in range(11)], 0.0, 1.02,
+                      label=f"recall of the {K} nearest")
+    rates = plots.decades("queries a CPU second", [rate(times) for *_, times in results])
+    return plots.chart("Words: recall and queries a CPU second, one thread", [("", axis, series)], rates)
 
 
 def page(results, rows, dim, load):
     exact = next(rate(times) for name, *_, times in results if name == "exact")
-    lines = ["# Recall and speed on words", "",
-             "Written by `bench/word_recall`, which runs the adapter of "
-             "`bindings/python/ann_benchmarks`.", "",
-             f"{rows:,} words of dimension {dim} are searched, and {QUERIES:,} others, drawn with a "
-             f"fixed seed, are asked for, one at a time, for their {K} nearest by angle. One thread; "
-             f"{ROUNDS} interleaved rounds, of which the median counts. The time is that of a call "
-             "in Python, scaling of the query included: a *CPU second* is one that the thread ran for, "
-             "and the other column has the clock's, with the waits for other programs. Recall is the share of the ids that the exact "
-             "search finds. The lists come from a few rounds of clustering in the adapter, and the "
-             "base is in their order.", "",
-             f"{machine.cpu()}. The load of the machine was {load[0]:.1f} before and {load[1]:.1f} after: "
-             f"above 1, others shared its cores, "
-             f"caches and memory, so the figures are low. {time.strftime('%Y-%m-%d')}.", "",
-             "![Recall and queries a second](benchmarks/word_recall.svg)", "",
-             "| search | lists probed | recall | queries a CPU second | × exact | spread | queries a second |",
-             "|---|---:|---:|---:|---:|---:|---:|"]
+    lines = f"""# Recall and speed on words
+
+Written by `bench/word_recall`, which runs the adapter of `bindings/python/ann_benchmarks`.
+
+{rows:,} words of dimension {dim} are searched, and {QUERIES:,} others, drawn with a fixed seed, are \
+asked for, one at a time, for their {K} nearest by angle. One thread; {ROUNDS} interleaved rounds, of \
+which the median counts. The time is that of a call in Python, scaling of the query included: a *CPU \
+second* is one that the thread ran for, and the other column has the clock's, with the waits for other \
+programs. Recall is the share of the ids that the exact search finds. The lists come from a few rounds \
+of clustering in the adapter, and the base is in their order.
+
+{machine.cpu()}. The load of the machine was {load[0]:.1f} before and {load[1]:.1f} after: above 1, \
+others shared its cores, caches and memory, so the figures are low. {time.strftime('%Y-%m-%d')}.
+
+![Recall and queries a second](benchmarks/word_recall.svg)
+
+| search | lists probed | recall | queries a CPU second | × exact | spread | queries a second |
+|---|---:|---:|---:|---:|---:|---:|
+"""
     for name, probes, recall, times in results:
         busy = [pair[0] for pair in times]
-        middle = statistics.median(busy)
-        spread = f"{min(busy) / middle * 100 - 100:+.0f} … {max(busy) / middle * 100 - 100:+.0f} %"
-        lines.append(f"| {name} | {probes or '–'} | {recall:.3f} | {rate(times):,.0f} | "
-                     f"{rate(times) / exact:.1f} | {spread} | {rate(times, 1):,.0f} |")
-    lines += ["", "*Spread* is that of the CPU time of a round around its median."]
-    return "\n".join(lines) + "\n"
+        low, high = (end(busy) / statistics.median(busy) * 100 - 100 for end in (min, max))
+        lines += (f"| {name} | {probes or '–'} | {recall:.3f} | {rate(times):,.0f} | "
+                  f"{rate(times) / exact:.1f} | {low:+.0f} … {high:+.0f} % | {rate(times, 1):,.0f} |\n")
+    return lines + "\n*Spread* is that of the CPU time of a round around its median.\n"
 
 
 def main():
