@@ -1,31 +1,34 @@
 // The benchmark: reads the options, runs the sections, writes what they measured to a file.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "harness/data.h"
-#include "harness/results.h"
-#include "harness/settings.h"
+#include "harness/run.h"
 #include "kernels/kernels.h"
-#include "peers/flat.h"
+#include "peers/peers.h"
 #include "sections/sections.h"
 
 namespace bench {
 namespace {
 
-constexpr int kUsageStatus = 2;
+using Sections = std::vector<const Section*>;
+const Sections kSections = {&sections::scan,   &sections::candidates,  &sections::walk,
+                            &sections::match,  &sections::filtered,    &sections::ivf,
+                            &sections::topk,   &sections::mutation,    &sections::keys,
+                            &sections::header, &sections::environment, &sections::readers};
 
 struct Options {
-  Settings settings;
-  std::vector<const Section*> sections;  // empty for all
+  bool quick = false;
+  std::string kernel;
   std::string output;
+  Sections sections;
 };
 
 [[noreturn]] void refuse(const std::string& why) {
   std::fprintf(stderr, "bench: %s\n", why.c_str());
-  std::exit(kUsageStatus);
+  std::exit(2);
 }
 
 std::string kernel_names() {
@@ -38,67 +41,46 @@ std::string kernel_names() {
 
 [[noreturn]] void list() {
   std::puts("sections:");
-  for (const Section& section : kSections) std::printf("  %-11s %s\n", section.name, section.what);
+  for (const Section* section : kSections)
+    std::printf("  %-11s %s\n", section->name, section->what);
   std::printf("kernels that run here, best first:\n  %s\n", kernel_names().c_str());
   std::exit(0);
 }
 
-const Section* find_section(const char* name) {
-  for (const Section& section : kSections) {
-    if (std::strcmp(section.name, name) == 0) return &section;
+const Section* find_section(const std::string& name) {
+  for (const Section* section : kSections) {
+    if (section->name == name) return section;
   }
-  refuse(std::string("there is no section '") + name + "' (--list names them)");
-}
-
-void choose_kernel(Settings& settings, const char* name) {
-  if (!qx::force_kernels(name)) {
-    refuse(std::string("no kernel '") + name + "' runs here, only: " + kernel_names());
-  }
-  settings.kernel = name;
+  refuse("there is no section '" + name + "' (--list names them)");
 }
 
 Options read_options(int count, char** arguments) {
   Options options;
-  const auto value_of = [&](int i) -> const char* {
-    if (i + 1 >= count) refuse(std::string(arguments[i]) + " needs a value");
-    return arguments[i + 1];
-  };
   for (int i = 1; i < count; ++i) {
     const std::string argument = arguments[i];
-    if (argument == "--list") list();
-    if (argument == "--quick") {
-      options.settings.quick = true;
+    const auto value = [&]() -> std::string {
+      if (i + 1 == count) refuse(argument + " needs a value");
+      return arguments[++i];
+    };
+    if (argument == "--list") {
+      list();
+    } else if (argument == "--quick") {
+      options.quick = true;
     } else if (argument == "--section") {
-      options.sections.push_back(find_section(value_of(i++)));
+      options.sections.push_back(find_section(value()));
     } else if (argument == "--kernel") {
-      choose_kernel(options.settings, value_of(i++));
+      options.kernel = value();
     } else if (argument == "--output") {
-      options.output = value_of(i++);
+      options.output = value();
     } else {
       refuse("unknown option '" + argument + "'");
     }
   }
-  return options;
-}
-
-void run(Options& options) {
+  if (!options.kernel.empty() && !qx::force_kernels(options.kernel.c_str())) {
+    refuse("no kernel '" + options.kernel + "' runs here, only: " + kernel_names());
+  }
   if (options.output.empty()) refuse("--output FILE is needed");
-  if (options.sections.empty()) {
-    for (const Section& section : kSections) options.sections.push_back(&section);
-  }
-  use_one_thread();
-  hold_scattered_pages();
-  Results results(options.output);
-  results.add_header({{"quick", std::int64_t{options.settings.quick}},
-                      {"kernel", qx::kernels().name},
-                      {"forced", std::int64_t{!options.settings.kernel.empty()}},
-                      {"kernels", kernel_names()},
-                      {"compiler", "g++ " __VERSION__},
-                      {"rounds", std::int64_t{options.settings.effort().rounds}}});
-  for (const Section* section : options.sections) {
-    std::fprintf(stderr, "%s: %s\n", section->name, section->what);
-    section->run(options.settings, results);
-  }
+  return options;
 }
 
 }  // namespace
@@ -109,7 +91,16 @@ int main(int count, char** arguments) {
     std::fprintf(stderr, "bench: this CPU has no AVX2 or no FMA, which the comparisons need\n");
     return 1;
   }
-  bench::Options options = bench::read_options(count, arguments);
-  bench::run(options);
+  const bench::Options options = bench::read_options(count, arguments);
+  bench::use_one_thread();
+  bench::hold_scattered_pages();
+  bench::Run run(options.quick, options.kernel, options.output);
+  run.add_header(bench::kernel_names());
+  for (const bench::Section* section :
+       options.sections.empty() ? bench::kSections : options.sections) {
+    std::fprintf(stderr, "%s: %s\n", section->name, section->what);
+    run.begin(section->name);
+    section->run(run);
+  }
   return 0;
 }

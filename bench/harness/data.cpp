@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "harness/measure.h"
+#include "store/qx_index.h"
 
 namespace bench {
 namespace {
@@ -50,13 +51,9 @@ Ids sparse_ids(std::int64_t n, std::int64_t limit, Random& random) {
 
 Floats::Floats(std::int64_t count) : count_(count), values_(line_aligned_floats(count)) {}
 
-void Floats::fill(Random& random) {
-  for (std::int64_t i = 0; i < count_; ++i) values_.get()[i] = random.unit();
-}
-
 Floats random_floats(std::int64_t count, Random& random) {
   Floats floats(count);
-  floats.fill(random);
+  std::generate_n(floats.data(), count, [&] { return random.unit(); });
   return floats;
 }
 
@@ -65,9 +62,6 @@ void hold_scattered_pages() {
   std::memset(held.get(), 1, kScatteredBytes);
   consume(held);
 }
-
-Queries::Queries(std::int64_t dim, Random& random)
-    : dim_(dim), values_(random_floats(kCount * dim, random)) {}
 
 Index empty_index(std::int64_t dim) { return Index(qx_index_new(static_cast<uint32_t>(dim), 0)); }
 
@@ -79,5 +73,7 @@ Index built_index(const float* vectors, const Ids& ids, std::int64_t dim) {
   require(status == 0, "the index is built");
   return index;
 }
+
+const float* base_vectors(const Index& index) { return index->base_vectors; }
 
 }  // namespace bench

@@ -2,6 +2,7 @@
 // gives the same data with every compiler.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -47,17 +48,26 @@ class Random {
 
 using Ids = std::vector<std::int64_t>;
 
+struct NamedIds {
+  const char* name;
+  Ids ids;
+};
+
 inline std::int64_t count_of(const Ids& ids) { return static_cast<std::int64_t>(ids.size()); }
 inline std::int32_t count32_of(const Ids& ids) { return static_cast<std::int32_t>(ids.size()); }
 
-// 0 to n - 1 in order.
-Ids ascending_ids(std::int64_t n);
+Ids ascending_ids(std::int64_t n);                                   // 0 to n - 1 in order
+Ids permuted_ids(std::int64_t n, Random& random);                    // 0 to n - 1 shuffled
+Ids sparse_ids(std::int64_t n, std::int64_t limit, Random& random);  // n distinct ones of limit
 
-// 0 to n - 1 in a random order.
-Ids permuted_ids(std::int64_t n, Random& random);
-
-// n distinct numbers from 0 to limit - 1 in a random order.
-Ids sparse_ids(std::int64_t n, std::int64_t limit, Random& random);
+// Hands ids over as a host might: call(first, count) for each thousand of them.
+template <typename Call>
+void in_calls(const Ids& ids, Call&& call) {
+  constexpr std::int64_t kCall = 1000;
+  for (std::int64_t first = 0; first < count_of(ids); first += kCall) {
+    call(first, static_cast<std::int32_t>(std::min(kCall, count_of(ids) - first)));
+  }
+}
 
 // Floats whose first one starts a cache line, so that a peer that uses wide loads loses nothing.
 class Floats {
@@ -66,7 +76,6 @@ class Floats {
   const float* data() const { return values_.get(); }
   float* data() { return values_.get(); }
   std::int64_t count() const { return count_; }
-  void fill(Random& random);
 
  private:
   struct Free {
@@ -78,6 +87,13 @@ class Floats {
 
 Floats random_floats(std::int64_t count, Random& random);
 
+// Row-major vectors, which outlive what reads them.
+struct Matrix {
+  const float* values;
+  std::int64_t rows;
+  std::int64_t dim;
+};
+
 // Takes the free pages that are scattered in physical memory and keeps them to the end of the
 // process. The first allocations would get them, and be slower to read by a third than later ones;
 // now no contestant does.
@@ -87,7 +103,8 @@ void hold_scattered_pages();
 // heart which rows of a small set enter the result.
 class Queries {
  public:
-  Queries(std::int64_t dim, Random& random);
+  Queries(std::int64_t dim, Random& random)
+      : dim_(dim), values_(random_floats(kCount * dim, random)) {}
   const float* next() { return values_.data() + dim_ * (turn_++ % kCount); }
   const float* first() const { return values_.data(); }
 
@@ -105,5 +122,35 @@ using Index = std::unique_ptr<QxIndex, FreeIndex>;
 
 Index empty_index(std::int64_t dim);
 Index built_index(const float* vectors, const Ids& ids, std::int64_t dim);
+
+// The vectors of the sealed base, row-major: the very bytes that the engine reads, and the only
+// look inside an index. How fast memory can be read depends on which pages the system happened to
+// give, by more than a third between two blocks of one process. So limits, and peers that hold no
+// copy of their own, read the engine's block and not an equal one.
+const float* base_vectors(const Index& index);
+
+// What searches ask for where nothing else is said.
+inline constexpr std::int32_t kResults = 10;
+
+// The result slots of a host, and the searches that fill them.
+struct Slots {
+  explicit Slots(std::int64_t slots = kResults)
+      : k(static_cast<std::int32_t>(slots)),
+        ids(static_cast<std::size_t>(k)),
+        scores(static_cast<std::size_t>(k)) {}
+
+  std::int32_t search_full(const QxIndex* index, const float* query) {
+    return qx_index_search_full(index, query, k, ids.data(), scores.data());
+  }
+  std::int64_t search_mvcc(const QxIndex* index, const std::int64_t* listed, std::int64_t count,
+                           const float* query) {
+    return qx_index_search_mvcc(index, listed, static_cast<std::int32_t>(count), query, k,
+                                ids.data(), scores.data());
+  }
+
+  std::int32_t k;
+  Ids ids;
+  std::vector<float> scores;
+};
 
 }  // namespace bench

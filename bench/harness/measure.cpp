@@ -3,11 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 
 namespace bench {
 namespace {
@@ -45,11 +43,8 @@ Pace find_pace(const Contestant& contestant, const Effort& effort) {
     pace.runs = std::llround(std::ceil(effort.sample_seconds / std::max(seconds, 1e-8)));
   }
   const double all_seconds = seconds * static_cast<double>(pace.runs) * effort.rounds;
-  if (all_seconds > effort.budget_seconds) {
-    const double share = effort.budget_seconds / all_seconds;
-    pace.samples = static_cast<int>(effort.rounds * share);
-  }
-  pace.samples = std::clamp(pace.samples, std::min(kLeastSamples, effort.rounds), effort.rounds);
+  const double share = std::min(1.0, effort.budget_seconds / all_seconds);
+  pace.samples = std::max(static_cast<int>(effort.rounds * share), kLeastSamples);
   return pace;
 }
 
@@ -60,7 +55,7 @@ bool takes_part(const Pace& pace, int round, int rounds) {
 
 }  // namespace
 
-std::vector<Timing> time_rounds(const std::vector<Contestant>& contestants, const Effort& effort) {
+std::vector<Timing> time_rounds(const Contestants& contestants, const Effort& effort) {
   std::vector<Timing> timings;
   std::vector<Pace> paces;
   for (const Contestant& contestant : contestants) {
@@ -78,33 +73,9 @@ std::vector<Timing> time_rounds(const std::vector<Contestant>& contestants, cons
 }
 
 double median(std::vector<double> samples) {
-  if (samples.empty()) return std::numeric_limits<double>::infinity();
   std::sort(samples.begin(), samples.end());
   const std::size_t middle = samples.size() / 2;
   return samples.size() % 2 == 1 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
-}
-
-double best_median(const std::vector<Timing>& timings, Role role) {
-  double best = std::numeric_limits<double>::infinity();
-  for (const Timing& timing : timings) {
-    if (timing.role == role) best = std::min(best, median(timing.seconds));
-  }
-  return best;
-}
-
-std::string_view role_name(Role role) {
-  switch (role) {
-    case Role::kEngine:
-      return "engine";
-    case Role::kKernel:
-      return "kernel";
-    case Role::kLimit:
-      return "limit";
-    case Role::kPeer:
-      return "peer";
-    default:
-      return "baseline";
-  }
 }
 
 void require(bool holds, const std::string& what) {

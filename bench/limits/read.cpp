@@ -1,7 +1,7 @@
-#include "limits/read.h"
-
 #include <algorithm>
 #include <cstring>
+
+#include "limits/limits.h"
 
 namespace bench {
 namespace {
@@ -12,7 +12,9 @@ namespace {
 #pragma GCC target("avx512f")
 namespace avx512 {
 typedef std::uint64_t Wide __attribute__((vector_size(64)));
+#define LOAD_TEXT "64 bytes a load"
 #include "limits/read_loops.inc"
+#undef LOAD_TEXT
 }  // namespace avx512
 #pragma GCC pop_options
 
@@ -20,35 +22,17 @@ typedef std::uint64_t Wide __attribute__((vector_size(64)));
 #pragma GCC target("avx2")
 namespace avx2 {
 typedef std::uint64_t Wide __attribute__((vector_size(32)));
+#define LOAD_TEXT "32 bytes a load"
 #include "limits/read_loops.inc"
+#undef LOAD_TEXT
 }  // namespace avx2
 #pragma GCC pop_options
 
-std::vector<ReadLoop> find_loops() {
-  if (__builtin_cpu_supports("avx512f")) {
-    return {{"read linearly, 64 bytes a load", avx512::read_linearly},
-            {"read astride lines, 64 bytes a load", avx512::read_astride},
-            {"read with prefetch, 64 bytes a load", avx512::read_with_prefetch},
-            {"read in four streams, 64 bytes a load", avx512::read_in_four_streams}};
-  }
-  return {{"read linearly, 32 bytes a load", avx2::read_linearly},
-          {"read astride lines, 32 bytes a load", avx2::read_astride},
-          {"read with prefetch, 32 bytes a load", avx2::read_with_prefetch},
-          {"read in four streams, 32 bytes a load", avx2::read_in_four_streams}};
-}
-
 }  // namespace
 
-const std::vector<ReadLoop>& read_loops() {
-  static const std::vector<ReadLoop> loops = find_loops();
-  return loops;
-}
-
-void add_read_limits(std::vector<Contestant>& contestants, const void* data, std::size_t bytes) {
-  for (const ReadLoop& loop : read_loops()) {
-    contestants.push_back(
-        {loop.name, Role::kLimit, [read = loop.read, data, bytes] { consume(read(data, bytes)); }});
-  }
+std::span<const ReadLoop> read_loops() {
+  if (__builtin_cpu_supports("avx512f")) return avx512::kLoops;
+  return avx2::kLoops;
 }
 
 }  // namespace bench

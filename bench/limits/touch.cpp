@@ -1,7 +1,7 @@
-#include "limits/touch.h"
-
 #include <algorithm>
 #include <cstddef>
+
+#include "limits/limits.h"
 
 namespace bench {
 namespace {
@@ -75,22 +75,21 @@ std::uint64_t touch_side_by_side(const Table& table, const std::int64_t* ids, st
 
 }  // namespace
 
-const std::vector<TouchLoop>& touch_loops() {
-  static const std::vector<TouchLoop> loops = {
+std::span<const TouchLoop> touch_loops() {
+  static constexpr TouchLoop kLoops[] = {
       {"touch row after row, 8 ahead", touch_in_turn<8>},
       {"touch row after row, 32 ahead", touch_in_turn<32>},
       {"touch 8 rows side by side, prefetch", touch_side_by_side<8, true>},
       {"touch 16 rows side by side, prefetch", touch_side_by_side<16, true>},
       {"touch 16 rows side by side", touch_side_by_side<16, false>}};
-  return loops;
+  return kLoops;
 }
 
 Ids row_table(const Ids& ids) {
   const std::int64_t slots = *std::max_element(ids.begin(), ids.end()) + 1;
   Ids rows(static_cast<std::size_t>(slots), -1);
-  for (std::size_t r = 0; r < ids.size(); ++r) {
-    rows[static_cast<std::size_t>(ids[r])] = static_cast<std::int64_t>(r);
-  }
+  std::int64_t row = 0;
+  for (const std::int64_t id : ids) rows[static_cast<std::size_t>(id)] = row++;
   return rows;
 }
 

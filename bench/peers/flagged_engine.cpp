@@ -1,10 +1,7 @@
-#include "peers/flagged_engine.h"
-
 #include <dlfcn.h>
 
-#include <cstddef>
-
-#include "kernels/kernels.h"
+#include "harness/measure.h"
+#include "peers/peers.h"
 
 namespace bench {
 namespace {
@@ -26,7 +23,7 @@ void find(void* library, const char* name, Function& function) {
 Library load() {
   void* const library = dlopen(QX_FLAGGED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
   require(library != nullptr, "the second library can be loaded");
-  decltype(&qx::force_kernels) force = nullptr;
+  bool (*force)(const char* kernel) = nullptr;
   find(library, "_ZN2qx13force_kernelsEPKc", force);
   require(force("portable"), "the second library has a portable kernel");
   Library functions{};
@@ -37,29 +34,20 @@ Library load() {
   return functions;
 }
 
-const Library& library() {
-  static const Library loaded = load();
-  return loaded;
-}
-
 }  // namespace
 
-FlaggedEngine::FlaggedEngine(const Matrix& matrix)
-    : index_(library().make(static_cast<uint32_t>(matrix.dim), 0)) {
-  const Ids ids = ascending_ids(matrix.rows);
-  const int32_t status =
-      library().build(index_, matrix.values, matrix.rows, static_cast<int32_t>(matrix.dim),
-                      ids.data(), nullptr, nullptr, nullptr, 0);
+FlatPeer flagged_engine(const Matrix& matrix) {
+  static const Library library = load();
+  const std::shared_ptr<QxIndex> index(library.make(static_cast<std::uint32_t>(matrix.dim), 0),
+                                       library.free);
+  const std::int32_t status =
+      library.build(index.get(), matrix.values, matrix.rows, static_cast<std::int32_t>(matrix.dim),
+                    ascending_ids(matrix.rows).data(), nullptr, nullptr, nullptr, 0);
   require(status == 0, "the second library builds its index");
-}
-
-FlaggedEngine::~FlaggedEngine() { library().free(index_); }
-
-float FlaggedEngine::search(const float* query, std::int64_t k) {
-  scores_.resize(static_cast<std::size_t>(k));
-  ids_.resize(static_cast<std::size_t>(k));
-  consume(library().search(index_, query, static_cast<int32_t>(k), ids_.data(), scores_.data()));
-  return scores_.front();
+  return {"portable, -O3 -mavx2 -mfma", [index, found = Slots()](const float* query) mutable {
+            library.search(index.get(), query, found.k, found.ids.data(), found.scores.data());
+            return found.scores.front();
+          }};
 }
 
 }  // namespace bench

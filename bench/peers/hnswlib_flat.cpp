@@ -2,41 +2,34 @@
 // the machine that it runs on. They define plain functions: no other file may include them.
 #include <hnswlib/hnswlib.h>
 
-#include <memory>
-
-#include "peers/flat.h"
+#include "peers/peers.h"
 
 namespace bench {
 namespace {
 
-class HnswlibFlat : public FlatPeer {
- public:
-  explicit HnswlibFlat(const Matrix& matrix)
-      : space_(static_cast<std::size_t>(matrix.dim)),
-        index_(&space_, static_cast<std::size_t>(matrix.rows)) {
+struct Parts {
+  explicit Parts(const Matrix& matrix)
+      : space(static_cast<std::size_t>(matrix.dim)),
+        index(&space, static_cast<std::size_t>(matrix.rows)) {
     for (std::int64_t r = 0; r < matrix.rows; ++r) {
-      index_.addPoint(matrix.values + r * matrix.dim, static_cast<hnswlib::labeltype>(r));
+      index.addPoint(matrix.values + r * matrix.dim, static_cast<hnswlib::labeltype>(r));
     }
   }
 
-  const char* name() const override { return "hnswlib BruteforceSearch"; }
-
-  // The library ranks by 1 - inner product, worst first.
-  float search(const float* query, std::int64_t k) override {
-    auto found = index_.searchKnn(query, static_cast<std::size_t>(k));
-    while (found.size() > 1) found.pop();
-    return 1.0f - found.top().first;
-  }
-
- private:
-  hnswlib::InnerProductSpace space_;
-  hnswlib::BruteforceSearch<float> index_;
+  hnswlib::InnerProductSpace space;
+  hnswlib::BruteforceSearch<float> index;
 };
 
 }  // namespace
 
-std::unique_ptr<FlatPeer> make_hnswlib_flat(const Matrix& matrix) {
-  return std::make_unique<HnswlibFlat>(matrix);
+// The library ranks by 1 - inner product, worst first.
+FlatPeer hnswlib_flat(const Matrix& matrix) {
+  return {"hnswlib BruteforceSearch",
+          [parts = std::make_shared<Parts>(matrix)](const float* query) {
+            auto found = parts->index.searchKnn(query, kResults);
+            while (found.size() > 1) found.pop();
+            return 1.0f - found.top().first;
+          }};
 }
 
 }  // namespace bench

@@ -1,60 +1,104 @@
 // The search through lists: Faiss trains the centroids and assigns the rows, and the library takes
 // over both, so that both search the same lists for the same query.
+#include <faiss/IndexFlat.h>
+#include <faiss/IndexIVFFlat.h>
+
 #include <algorithm>
-#include <cstddef>
 #include <vector>
 
-#include "harness/base_bytes.h"
-#include "limits/read.h"
-#include "limits/touch.h"
-#include "peers/faiss_ivf.h"
+#include "limits/limits.h"
 #include "sections/sections.h"
 
 namespace bench {
 namespace {
 
-constexpr std::int32_t kResults = 10;
 constexpr std::int64_t kKey = 1;
 constexpr std::int64_t kQueries = 64;
 
+// Faiss, IndexIVFFlat by inner product; and what it learned, so that the library can search the
+// same lists under the same centroids.
+struct FaissIvf {
+  FaissIvf(const Matrix& matrix, std::int64_t nlist)
+      : quantizer(matrix.dim),
+        index(&quantizer, static_cast<std::size_t>(matrix.dim), static_cast<std::size_t>(nlist),
+              faiss::METRIC_INNER_PRODUCT) {
+    // Both programs search the same lists, so how good the centroids are does not matter: a short
+    // training is enough.
+    constexpr std::int64_t kRowsPerCentroid = 40;
+    index.cp.niter = 4;
+    index.cp.min_points_per_centroid = 1;
+    index.train(std::min(matrix.rows, nlist * kRowsPerCentroid), matrix.values);
+    index.add(matrix.rows, matrix.values);
+    for (std::size_t list = 0; list < index.nlist; ++list) {
+      faiss::InvertedLists::ScopedIds ids(index.invlists, list);
+      rows.insert(rows.end(), ids.get(), ids.get() + index.get_list_size(list));
+      offsets.push_back(count32_of(rows));
+    }
+  }
+
+  const Ids& search(const float* query) {
+    index.search(1, query, found.k, found.scores.data(), found.ids.data());
+    return found.ids;
+  }
+
+  // The lists that a search with this query probes, best first.
+  Ids probed(const float* query) const {
+    Slots lists(static_cast<std::int64_t>(index.nprobe));
+    quantizer.search(1, query, lists.k, lists.scores.data(), lists.ids.data());
+    return lists.ids;
+  }
+
+  faiss::IndexFlatIP quantizer;  // whose vectors are the centroids
+  faiss::IndexIVFFlat index;
+  Ids rows;                                 // every row of the matrix once, list after list
+  std::vector<std::int32_t> offsets = {0};  // nlist + 1
+  Slots found;
+};
+
 struct Arena {
-  Arena(const Settings& settings, std::int64_t vector_dim, std::int64_t list_count, Random& random)
+  // A million short vectors, or as many long ones as take 300 MB.
+  Arena(const Run& run, std::int64_t vector_dim, std::int64_t list_count, Random& random)
       : dim(vector_dim),
         nlist(list_count),
-        rows(row_count(settings, vector_dim)),
+        rows(std::min<std::int64_t>(1000000,
+                                    (std::int64_t{run.pick(300, 64)} << 20) / (4 * vector_dim))),
         vectors(random_floats(rows * dim, random)),
         queries(random_floats(kQueries * dim, random)),
         faiss({vectors.data(), rows, dim}, nlist),
-        lists(faiss.lists()),
         id_to_row(ascending_ids(rows)),
-        scattered_index(built_index(vectors.data(), ascending_ids(rows), dim)),
-        sorted_index(built_index(sorted_vectors().data(), lists.rows, dim)) {
-    attach(scattered_index.get());
-    attach(sorted_index.get());
-  }
-
-  // A million short vectors, or as many long ones as take 300 MB.
-  static std::int64_t row_count(const Settings& settings, std::int64_t dim) {
-    const std::int64_t bytes = std::int64_t{settings.pick(300, 64)} << 20;
-    return std::min<std::int64_t>(1000000, bytes / (4 * dim));
-  }
+        scattered_index(with_lists(vectors, id_to_row)),
+        sorted_index(with_lists(sorted_vectors(), faiss.rows)) {}
 
   // The vectors, list after list.
   Floats sorted_vectors() const {
     Floats sorted(rows * dim);
-    for (std::int64_t i = 0; i < rows; ++i) {
-      const float* const row = vectors.data() + lists.rows[static_cast<std::size_t>(i)] * dim;
-      std::copy_n(row, dim, sorted.data() + i * dim);
-    }
+    float* at = sorted.data();
+    for (const std::int64_t row : faiss.rows) at = std::copy_n(vectors.data() + row * dim, dim, at);
     return sorted;
   }
 
-  void attach(QxIndex* index) {
-    qx_index_set_ivf(index, kKey, static_cast<int32_t>(nlist), 1, lists.centroids.data(),
-                     lists.rows.data(), lists.offsets.data(), count32_of(lists.rows));
+  Index with_lists(const Floats& base, const Ids& ids) const {
+    Index index = built_index(base.data(), ids, dim);
+    qx_index_set_ivf(index.get(), kKey, static_cast<std::int32_t>(nlist), 1,
+                     faiss.quantizer.get_xb(), faiss.rows.data(), faiss.offsets.data(),
+                     count32_of(faiss.rows));
+    return index;
   }
 
-  const float* query(std::int64_t i) const { return queries.data() + i * dim; }
+  template <typename Search>
+  void for_each_query(Search&& search) const {
+    for (std::int64_t i = 0; i < kQueries; ++i) search(queries.data() + i * dim);
+  }
+
+  // Calls visit(first, length) for each list that is not empty.
+  template <typename Visit>
+  void for_each_list(const Ids& probed, Visit&& visit) const {
+    for (const std::int64_t list : probed) {
+      const auto at = static_cast<std::size_t>(list);
+      const std::int64_t length = faiss.offsets[at + 1] - faiss.offsets[at];
+      if (length > 0) visit(std::int64_t{faiss.offsets[at]}, length);
+    }
+  }
 
   std::int64_t dim;
   std::int64_t nlist;
@@ -62,108 +106,91 @@ struct Arena {
   Floats vectors;
   Floats queries;
   FaissIvf faiss;
-  Lists lists;
   Ids id_to_row;          // of the vectors as they came
   Index scattered_index;  // over the vectors as they came
   Index sorted_index;     // over the sorted ones
 };
 
-void search_all(const QxIndex* index, const Arena& arena) {
-  std::int64_t ids[kResults];
-  float scores[kResults];
-  for (std::int64_t i = 0; i < kQueries; ++i) {
-    consume(qx_index_search_ivf(index, kKey, arena.query(i), kResults, ids, scores));
-  }
-}
-
 // Reads what every query's search must read at least: all centroids and the probed lists.
 void read_all(const Arena& arena, const std::vector<Ids>& probed, const ReadLoop& loop) {
-  const float* const sorted = base_vectors(arena.sorted_index.get());
+  const float* const sorted = base_vectors(arena.sorted_index);
+  const auto read = [&](const float* floats, std::int64_t count) {
+    consume(loop.read(floats, static_cast<std::size_t>(count) * sizeof(float)));
+  };
   for (const Ids& lists : probed) {
-    consume(loop.read(arena.lists.centroids.data(), arena.lists.centroids.size() * sizeof(float)));
-    for (const std::int64_t list : lists) {
-      const auto at = static_cast<std::size_t>(list);
-      const std::int64_t first = arena.lists.offsets[at];
-      const std::int64_t length = arena.lists.offsets[at + 1] - first;
-      consume(loop.read(sorted + first * arena.dim,
-                        static_cast<std::size_t>(length * arena.dim) * sizeof(float)));
-    }
+    read(arena.faiss.quantizer.get_xb(), arena.nlist * arena.dim);
+    arena.for_each_list(lists, [&](std::int64_t first, std::int64_t length) {
+      read(sorted + first * arena.dim, length * arena.dim);
+    });
   }
 }
 
 // Where the rows are scattered, they cannot be read faster than their lines can be touched.
 void touch_all(const Arena& arena, const std::vector<Ids>& probed, const TouchLoop& loop) {
-  const Table table{base_vectors(arena.scattered_index.get()), arena.id_to_row.data(), arena.dim};
+  const Table table{base_vectors(arena.scattered_index), arena.id_to_row.data(), arena.dim};
   for (const Ids& lists : probed) {
-    for (const std::int64_t list : lists) {
-      const auto at = static_cast<std::size_t>(list);
-      const std::int64_t first = arena.lists.offsets[at];
-      const std::int64_t length = arena.lists.offsets[at + 1] - first;
-      if (length > 0) consume(loop.touch(table, arena.lists.rows.data() + first, length));
-    }
+    arena.for_each_list(lists, [&](std::int64_t first, std::int64_t length) {
+      consume(loop.touch(table, arena.faiss.rows.data() + first, length));
+    });
   }
 }
 
-// Sums are rounded in another order, so near ties may differ: nine of ten results must agree.
-void require_same_answer(Arena& arena, const QxIndex* index) {
-  std::int64_t ids[kResults];
-  float scores[kResults];
+void run_case(Run& run, Arena& arena, std::int64_t nprobe, bool scattered) {
+  const Index& index = scattered ? arena.scattered_index : arena.sorted_index;
+  Slots slots;
+  const auto search = [&](const float* query) {
+    consume(qx_index_search_ivf(index.get(), kKey, query, slots.k, slots.ids.data(),
+                                slots.scores.data()));
+  };
+  qx_index_set_ivf_nprobe(index.get(), kKey, static_cast<std::int32_t>(nprobe));
+  arena.faiss.index.nprobe = static_cast<std::size_t>(nprobe);
+
+  // Sums are rounded in another order, so near ties may differ: nine of ten results must agree.
   std::int64_t agreed = 0;
-  for (std::int64_t i = 0; i < kQueries; ++i) {
-    qx_index_search_ivf(index, kKey, arena.query(i), kResults, ids, scores);
-    const Ids& expected = arena.faiss.search(arena.query(i), kResults);
-    for (const std::int64_t id : ids) {
+  std::vector<Ids> probed;
+  arena.for_each_query([&](const float* query) {
+    search(query);
+    const Ids& expected = arena.faiss.search(query);
+    for (const std::int64_t id : slots.ids) {
       agreed += std::find(expected.begin(), expected.end(), id) != expected.end();
     }
-  }
+    probed.push_back(arena.faiss.probed(query));
+  });
   require(agreed * 10 >= kQueries * kResults * 9, "both find the same rows through the lists");
-}
 
-void run_case(const Settings& settings, Results& results, Arena& arena, std::int64_t nprobe,
-              const char* base, const Index& index) {
-  const bool scattered = &index == &arena.scattered_index;
-  qx_index_set_ivf_nprobe(index.get(), kKey, static_cast<int32_t>(nprobe));
-  arena.faiss.set_nprobe(nprobe);
-  require_same_answer(arena, index.get());
-
-  std::vector<Ids> probed;
-  for (std::int64_t i = 0; i < kQueries; ++i) {
-    probed.push_back(arena.faiss.probed(arena.query(i), nprobe));
-  }
-  std::vector<Contestant> contestants = {
-      {"qx_runtime", Role::kEngine, [&] { search_all(index.get(), arena); }},
+  Contestants contestants = {
+      {"qx_runtime", Role::kEngine, [&] { arena.for_each_query(search); }},
       {"Faiss IndexIVFFlat", Role::kPeer, [&] {
-         for (std::int64_t i = 0; i < kQueries; ++i) {
-           consume(arena.faiss.search(arena.query(i), kResults));
-         }
+         arena.for_each_query([&](const float* query) { consume(arena.faiss.search(query)); });
        }}};
-  for (const TouchLoop& loop : touch_loops()) {
-    if (!scattered) break;
-    contestants.push_back({loop.name, Role::kLimit, [&] { touch_all(arena, probed, loop); }});
+  if (scattered) {
+    add_limits(contestants, touch_loops(),
+               [&](const TouchLoop& loop) { touch_all(arena, probed, loop); });
+  } else {
+    add_limits(contestants, read_loops(),
+               [&](const ReadLoop& loop) { read_all(arena, probed, loop); });
   }
-  for (const ReadLoop& loop : read_loops()) {
-    if (scattered) break;
-    contestants.push_back({loop.name, Role::kLimit, [&] { read_all(arena, probed, loop); }});
-  }
-  const Labels labels = {
-      {"dim", arena.dim}, {"nlist", arena.nlist}, {"nprobe", nprobe}, {"base", base}};
-  compare(settings, results, {"ivf", labels, 0, kQueries}, contestants);
+  run.compare({{"dim", arena.dim},
+               {"nlist", arena.nlist},
+               {"nprobe", nprobe},
+               {"base", scattered ? "scattered" : "list order"}},
+              0, kQueries, contestants);
 }
 
-}  // namespace
-
-void run_ivf(const Settings& settings, Results& results) {
+void run_ivf(Run& run) {
   Random random(7);
   for (const std::int64_t dim : {32, 128, 768}) {
-    for (const std::int64_t nlist : {256, 1024}) {
-      if (settings.quick && nlist != 256) continue;
-      Arena arena(settings, dim, nlist, random);
+    for (const std::int64_t nlist : run.pick(Ids{256, 1024}, Ids{256})) {
+      Arena arena(run, dim, nlist, random);
       for (const std::int64_t nprobe : {4, 32}) {
-        run_case(settings, results, arena, nprobe, "list order", arena.sorted_index);
-        run_case(settings, results, arena, nprobe, "scattered", arena.scattered_index);
+        for (const bool scattered : {false, true}) run_case(run, arena, nprobe, scattered);
       }
     }
   }
 }
+
+}  // namespace
+
+const Section sections::ivf = {"ivf", "search through lists, against Faiss IndexIVFFlat", run_ivf};
 
 }  // namespace bench

@@ -1,8 +1,5 @@
 // Patterned keys, against random ones: no pattern that hosts give their ids may slow the maps down.
-#include <algorithm>
-#include <cstddef>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "harness/data.h"
@@ -11,38 +8,30 @@
 namespace bench {
 namespace {
 
-constexpr std::int32_t kCall = 1000;
 constexpr std::int32_t kProbes = 1000000;
 
-using Key = std::int64_t (*)(std::uint64_t i);
-
-std::int64_t spread(std::uint64_t i) { return static_cast<std::int64_t>(Random(i).bits()); }
+struct Pattern {
+  const char* name;
+  std::int64_t (*key)(std::uint64_t i);
+};
 
 template <int kShift>
 std::int64_t multiple(std::uint64_t i) {
   return static_cast<std::int64_t>(i << kShift);
 }
 
-std::int64_t signed_key(std::uint64_t i) {
-  return static_cast<std::int64_t>(i | (std::uint64_t{1} << 63));
-}
-
-struct Pattern {
-  const char* name;
-  Key key;
-};
-
 // The first one is what the others are compared with.
-constexpr Pattern kPatterns[] = {{"random", spread},
-                                 {"multiples of 2^16", multiple<16>},
-                                 {"multiples of 2^20", multiple<20>},
-                                 {"multiples of 2^32", multiple<32>},
-                                 {"sign bit set", signed_key}};
+constexpr Pattern kPatterns[] = {
+    {"random", [](std::uint64_t i) { return static_cast<std::int64_t>(Random(i).bits()); }},
+    {"multiples of 2^16", multiple<16>},
+    {"multiples of 2^20", multiple<20>},
+    {"multiples of 2^32", multiple<32>},
+    {"sign bit set", [](std::uint64_t i) { return INT64_MIN + static_cast<std::int64_t>(i); }}};
 
-// An index whose tombstones and labels have the keys of a pattern, and keys to ask for.
+// An index whose tombstones or labels have the keys of a pattern, and keys to ask for.
 struct Arena {
-  Arena(const Pattern& tested, std::int64_t n, Random& random) : pattern(tested) {
-    for (std::int64_t i = 0; i < n; ++i) keys.push_back(pattern.key(static_cast<uint64_t>(i)));
+  Arena(const Pattern& pattern, std::int64_t n, Random& random) : name(pattern.name) {
+    for (std::int64_t i = 0; i < n; ++i) keys.push_back(pattern.key(static_cast<std::uint64_t>(i)));
     for (std::int32_t i = 0; i < kProbes; ++i) {
       const auto place = static_cast<std::uint64_t>(random.below(n));
       present.push_back(pattern.key(place));
@@ -50,38 +39,7 @@ struct Arena {
     }
   }
 
-  template <typename Call>
-  void for_each_call(Call&& call) const {
-    for (std::int64_t first = 0; first < count_of(keys); first += kCall) {
-      const auto count = std::min<std::int64_t>(kCall, count_of(keys) - first);
-      call(keys.data() + first, static_cast<int32_t>(count));
-    }
-  }
-
-  void erase_all() {
-    for_each_call(
-        [&](const std::int64_t* ids, int32_t n) { qx_index_delete(index.get(), ids, n); });
-  }
-
-  void label_all() {
-    for_each_call([&](const std::int64_t* ids, int32_t n) {
-      qx_index_set_rowmeta(index.get(), ids, ids, nullptr, 0, n);
-    });
-  }
-
-  // There is no row, so nothing is left of the search but looking the ids up.
-  void look_up(const Ids& ids) {
-    const float query = 1.0f;
-    std::int64_t out_id = 0;
-    float out_score = 0;
-    consume(qx_index_search_mvcc(index.get(), ids.data(), kProbes, &query, 1, &out_id, &out_score));
-  }
-
-  void read_labels(const Ids& ids) {
-    consume(qx_index_export_rowmeta(index.get(), ids.data(), kProbes, labels.data(), nullptr));
-  }
-
-  Pattern pattern;
+  const char* name;
   Ids keys;
   Ids present;
   Ids absent;
@@ -89,71 +47,90 @@ struct Arena {
   Index index;
 };
 
-using Arenas = std::vector<std::unique_ptr<Arena>>;
+using Fill = void (*)(QxIndex* index, const Ids& keys);
 
-// The random keys are the baseline; each pattern is compared with them alone.
-Contestant contestant_of(Arena& arena, const std::function<void(Arena&)>& work) {
-  const bool is_random = arena.pattern.key == spread;
-  return {arena.pattern.name, is_random ? Role::kBaseline : Role::kEngine,
-          [&arena, work] { work(arena); }};
+void erase_all(QxIndex* index, const Ids& keys) {
+  in_calls(keys, [&](std::int64_t first, std::int32_t count) {
+    qx_index_delete(index, keys.data() + first, count);
+  });
 }
 
-// Times all patterns side by side and stores a case for each of them.
-void compare_patterns(const Settings& settings, Results& results, const char* operation,
-                      std::int64_t items, const std::vector<Contestant>& contestants) {
-  const std::vector<Timing> timings = time_rounds(contestants, settings.effort());
+void label_all(QxIndex* index, const Ids& keys) {
+  in_calls(keys, [&](std::int64_t first, std::int32_t count) {
+    const std::int64_t* const ids = keys.data() + first;
+    qx_index_set_rowmeta(index, ids, ids, nullptr, 0, count);
+  });
+}
+
+// There is no row, so nothing is left of the search but looking the ids up.
+void look_up(const Arena& arena, const Ids& ids) {
+  const float query = 1.0f;
+  Slots slots(1);
+  consume(slots.search_mvcc(arena.index.get(), ids.data(), kProbes, &query));
+}
+
+// Times all patterns side by side and stores a case for each of them but the random keys, which are
+// the baseline.
+void compare(Run& run, const char* operation, std::vector<Arena>& arenas,
+             const std::function<Contestant(Arena&, Role)>& contestant_of) {
+  Contestants contestants;
+  for (Arena& arena : arenas) {
+    contestants.push_back(
+        contestant_of(arena, contestants.empty() ? Role::kBaseline : Role::kEngine));
+  }
+  const bool fills = contestants.front().single;
+  const std::vector<Timing> timings = time_rounds(contestants, run.effort());
   for (std::size_t i = 1; i < timings.size(); ++i) {
-    const Labels labels = {{"operation", operation}, {"keys", timings[i].name}};
-    results.add({"keys", labels, 0, items}, {timings[i], timings.front()});
+    run.add({{"operation", operation}, {"keys", timings[i].name}}, 0,
+            fills ? count_of(arenas.front().keys) : kProbes, {timings[i], timings.front()});
   }
 }
 
-// Fills a new index in every sample.
-void run_fill(const Settings& settings, Results& results, const Arenas& arenas,
-              const char* operation, void (Arena::*fill)()) {
-  std::vector<Contestant> contestants;
-  for (const auto& arena : arenas) {
-    Contestant contestant = contestant_of(*arena, [fill](Arena& filled) { (filled.*fill)(); });
-    contestant.before = [&arena = *arena] { arena.index = empty_index(1); };
-    contestant.after = [&arena = *arena] { arena.index.reset(); };
-    contestant.single = true;
-    contestants.push_back(contestant);
-  }
-  compare_patterns(settings, results, operation, count_of(arenas.front()->keys), contestants);
+// Every sample fills a new index.
+void run_fill(Run& run, const char* operation, std::vector<Arena>& arenas, Fill fill) {
+  compare(run, operation, arenas, [fill](Arena& arena, Role role) {
+    return filler(
+        arena.name, role, [] { return empty_index(1); },
+        [&arena, fill](Index& index) { fill(index.get(), arena.keys); });
+  });
 }
 
-void run_probe(const Settings& settings, Results& results, const Arenas& arenas,
-               const char* operation, const std::function<void(Arena&)>& probe) {
-  std::vector<Contestant> contestants;
-  for (const auto& arena : arenas) contestants.push_back(contestant_of(*arena, probe));
-  compare_patterns(settings, results, operation, kProbes, contestants);
+void run_probe(Run& run, const char* operation, std::vector<Arena>& arenas,
+               void (*probe)(Arena& arena)) {
+  compare(run, operation, arenas, [probe](Arena& arena, Role role) {
+    return Contestant(arena.name, role, [&arena, probe] { probe(arena); });
+  });
+}
+
+void fill_all(std::vector<Arena>& arenas, Fill fill) {
+  for (Arena& arena : arenas) {
+    arena.index = empty_index(1);
+    fill(arena.index.get(), arena.keys);
+  }
+}
+
+void run_keys(Run& run) {
+  Random random(10);
+  std::vector<Arena> arenas;
+  for (const Pattern& pattern : kPatterns) {
+    arenas.emplace_back(pattern, run.pick(10000000, 1000000), random);
+  }
+  run_fill(run, "delete", arenas, erase_all);
+  run_fill(run, "set_rowmeta", arenas, label_all);
+  fill_all(arenas, erase_all);
+  run_probe(run, "search_mvcc, deleted ids", arenas,
+            [](Arena& arena) { look_up(arena, arena.present); });
+  run_probe(run, "search_mvcc, unknown ids", arenas,
+            [](Arena& arena) { look_up(arena, arena.absent); });
+  fill_all(arenas, label_all);
+  run_probe(run, "export_rowmeta", arenas, [](Arena& arena) {
+    consume(qx_index_export_rowmeta(arena.index.get(), arena.present.data(), kProbes,
+                                    arena.labels.data(), nullptr));
+  });
 }
 
 }  // namespace
 
-void run_keys(const Settings& settings, Results& results) {
-  Random random(10);
-  const std::int64_t n = settings.pick(10000000, 1000000);
-  Arenas arenas;
-  for (const Pattern& pattern : kPatterns) {
-    arenas.push_back(std::make_unique<Arena>(pattern, n, random));
-  }
-  run_fill(settings, results, arenas, "delete", &Arena::erase_all);
-  run_fill(settings, results, arenas, "set_rowmeta", &Arena::label_all);
-  for (const auto& arena : arenas) {
-    arena->index = empty_index(1);
-    arena->erase_all();
-  }
-  run_probe(settings, results, arenas, "search_mvcc, deleted ids",
-            [](Arena& arena) { arena.look_up(arena.present); });
-  run_probe(settings, results, arenas, "search_mvcc, unknown ids",
-            [](Arena& arena) { arena.look_up(arena.absent); });
-  for (const auto& arena : arenas) {
-    arena->index = empty_index(1);
-    arena->label_all();
-  }
-  run_probe(settings, results, arenas, "export_rowmeta",
-            [](Arena& arena) { arena.read_labels(arena.present); });
-}
+const Section sections::keys = {"keys", "patterned keys, against random ones", run_keys};
 
 }  // namespace bench

@@ -1,0 +1,36 @@
+// Other programs that do the library's work, on the same data and in one thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "harness/data.h"
+
+namespace bench {
+
+// The exact search of a matrix by inner product. `search` finds the best rows, and returns the best
+// score for the check that all agree on it.
+struct FlatPeer {
+  const char* name;
+  std::function<float(const float* query)> search;
+};
+
+FlatPeer faiss_flat(const Matrix& matrix);     // holds a copy
+FlatPeer hnswlib_flat(const Matrix& matrix);   // holds a copy
+FlatPeer openblas_flat(const Matrix& matrix);  // reads the matrix itself
+FlatPeer fast_math(const Matrix& matrix);      // reads the matrix itself
+
+// The library a second time, compiled with -mavx2 -mfma and on its portable kernel: what it does
+// where the compiler may use these instructions, but no kernel was written for them.
+FlatPeer flagged_engine(const Matrix& matrix);
+
+// One row at a time: the plain loop of the numeric contract, one chain of fused multiply-adds after
+// the other, compiled with -O3 -mavx2 -mfma, so that the fused step is an instruction.
+FlatPeer one_row(const Matrix& matrix);
+float score_one_row(const float* row, const float* query, std::int64_t dim);
+
+// Keeps every peer's libraries to one thread. Called once, before anything is timed.
+void use_one_thread();
+
+}  // namespace bench
