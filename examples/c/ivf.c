@@ -2,10 +2,11 @@
  * An inverted file: the host clusters its rows, and a search looks into the clusters whose
  * centroids are nearest instead of at all rows.
  *
- * Introduces: qx_index_set_ivf qx_index_has_ivf qx_index_search_ivf qx_index_set_ivf_nprobe
- *             qx_index_clear_ivf
+ * Introduces: qx_runtime_format_version qx_index_sealed qx_index_set_ivf qx_index_has_ivf
+ *             qx_index_search_ivf qx_index_set_ivf_nprobe qx_index_clear_ivf
  *
  * Prints:
+ *   interface 1, sealed 1
  *   attached 1
  *   1 list: id 0 (0.99), id 1 (0.93)
  *   2 lists: id 0 (0.99), id 4 (0.94)
@@ -37,6 +38,7 @@ int main(void) {
   const int32_t list_offsets[LISTS + 1] = {0, 2, 4, 6}; /* list c: offset c up to c + 1 */
   QxIndex* index = qx_index_new(2, 0);
   if (qx_index_build(index, vectors, ROWS, 2, ids, NULL, NULL, NULL, 0) != 0) return 1;
+  printf("interface %d, sealed %u\n", qx_runtime_format_version(), qx_index_sealed(index));
 
   qx_index_set_ivf(index, KEY, LISTS, 1, centroids, list_ids, list_offsets, ROWS);
   printf("attached %d\n", qx_index_has_ivf(index, KEY));

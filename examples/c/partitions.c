@@ -1,10 +1,11 @@
 /*
  * A base in partitions (one for each tenant, say), and candidates that the host has chosen.
  *
- * Introduces: qx_index_search_partition qx_index_scatter_topk qx_index_tuner_oversized
- *             qx_tuner_defaults
+ * Introduces: qx_index_stats qx_index_search_partition qx_index_scatter_topk
+ *             qx_index_tuner_oversized qx_tuner_defaults
  *
  * Prints:
+ *   5 rows of 2 floats in 2 partitions, tag 2026
  *   partition 100: id 2 (0.80), id 3 (0.60)
  *   partition 200: id 9 (0.90), id 8 (0.70)
  *   partition 300: 0 results
@@ -27,11 +28,13 @@ int main(void) {
   const int64_t candidates[3] = {3, 8, 77};
   int64_t found[2], large_keys[2], large_sizes[2];
   float scores[2];
-  uint32_t first, second;
-  int i;
-  QxIndex* index = qx_index_new(2, 0);
+  uint64_t rows;
+  uint32_t dim, tag, first, second;
+  int32_t parts, i;
+  QxIndex* index = qx_index_new(2, 2026);
   if (qx_index_build(index, vectors, 5, 2, ids, keys, starts, sizes, 2) != 0) return 1;
-
+  qx_index_stats(index, &rows, &dim, &tag, &parts);
+  printf("%" PRIu64 " rows of %u floats in %d partitions, tag %u\n", rows, dim, parts, tag);
   for (i = 0; i < 2; ++i) {
     if (qx_index_search_partition(index, keys[i], query, 2, found, scores) != 2) return 1;
     printf("partition %" PRId64 ": id %" PRId64 " (%.2f), id %" PRId64 " (%.2f)\n", keys[i],
