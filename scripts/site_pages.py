@@ -1,7 +1,7 @@
 """Makes the pages of the site that are not written by hand.
 
 site_pages.py PAGES    writes PAGES/reference.md from the public header, copies the plots of the
-                       benchmark to PAGES/plots, and puts tables of docs/ into PAGES/performance.md
+                       benchmark to PAGES/plots, and puts into the other pages what stands elsewhere
 """
 import pathlib
 import re
@@ -11,19 +11,20 @@ import textwrap
 
 import header
 
-DOCS = pathlib.Path(__file__).resolve().parents[1] / "docs"
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+DOCS = ROOT / "docs"
 
 
-def marked(text, names):
+def marked(text, names, page=""):
     """Text as Markdown reads it: every function is a link, and nothing is taken for markup."""
     text = re.sub(r"([\\`*_<>\[\]#|])", r"\\\1", text)
     def link(match):
         plain = match[0].replace("\\", "")
-        return f"[`{plain}`](#{plain})" if plain in names else f"`{plain}`"
+        return f"[`{plain}`]({page}#{plain})" if plain in names else f"`{plain}`"
     return re.sub(r"\bqx\\_(?:\w|\\_)+", link, text)
 
 
-def set_blocks(blocks, names):
+def set_blocks(blocks, names, page=""):
     lines = []
     for block in blocks:
         if block == ("",):
@@ -31,7 +32,7 @@ def set_blocks(blocks, names):
         if isinstance(block, tuple):
             lines += ["```text", *textwrap.dedent("\n".join(block)).splitlines(), "```", ""]
         else:
-            lines += [marked(block, names), ""]
+            lines += [marked(block, names, page), ""]
     return lines
 
 
@@ -95,18 +96,42 @@ def word_recall():
     return "\n\n".join(part for part in paragraphs if not part.startswith("![")).strip()
 
 
+def block_of(name):
+    """A block of another document: "README.md 2" is the second of the README."""
+    path, number = name.split()
+    blocks = re.findall(r"^```(\w*)\n(.*?)^```$", (ROOT / path).read_text(), re.M | re.S)
+    language, text = blocks[int(number) - 1]
+    return f"```{language or 'text'}\n{text}```"
+
+
+def opening(path):
+    """What a document says under its title, up to the paragraph that introduces its first block."""
+    return "\n\n".join((ROOT / path).read_text().split("\n\n```")[0].split("\n\n")[1:-1])
+
+
+def convention(read, number):
+    blocks = next(blocks for its, _, blocks in read.conventions if int(its) == int(number))
+    names = {function.name for function in read.functions}
+    return "\n".join(set_blocks(blocks, names, "reference.md")).strip()
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit("usage: site_pages.py PAGES")
-    pages = pathlib.Path(sys.argv[1])
-    (pages / "reference.md").write_text(reference(header.read()))
+    pages, read = pathlib.Path(sys.argv[1]), header.read()
+    sources = {"benchmarks": benchmark_part, "word recall": lambda _: word_recall(),
+               "block": block_of, "opening": opening,
+               "convention": lambda number: convention(read, number)}
+    for page in pages.glob("*.md"):
+        page.write_text(re.sub(rf"(?m)^<!-- ({'|'.join(sources)}): *(.*?) *-->$",
+                               lambda match: sources[match[1]](match[2]), page.read_text()))
+    style = (pages / "drawings/style.css").read_text()
+    for drawing in (pages / "drawings").glob("*.svg"):
+        drawing.write_text(drawing.read_text().replace("<style/>", f"<style>{style}</style>"))
+    (pages / "reference.md").write_text(reference(read))
     (pages / "plots").mkdir(exist_ok=True)
     for plot in (DOCS / "benchmarks").glob("*.svg"):
         shutil.copy(plot, pages / "plots")
-    page = pages / "performance.md"
-    text = re.sub(r"(?m)^<!-- benchmarks: *(.*?) *-->$", lambda match: benchmark_part(match[1]),
-                  page.read_text())
-    page.write_text(text.replace("<!-- word recall -->", word_recall()))
 
 
 main()

@@ -47,7 +47,7 @@ def core(run):
     if not scan or not listed:
         return None
     time = scan[0].engine
-    return {"scan_gbs": round(scan[0].gigabytes_per_second(), 1),
+    return {"scan_gbs": round(scan[0].gigabytes_per_second(time), 1),
             "scan_spread": [round(1 - time["min"] / time["median"], 2),
                             round(time["max"] / time["median"] - 1, 2)],
             "listed_ns": round(listed[0].nanoseconds_per_item(), 2)}
