@@ -21,7 +21,6 @@ constexpr std::int64_t kLists = 50;
 // length, whose centroids are the first rows.
 struct Data {
   Data() {
-    bench::Ids labels;
     for (const std::int64_t id : ids) labels.push_back(id % 3);
     qx_index_set_rowmeta(index.get(), ids.data(), labels.data(), nullptr, 0, kRows);
     qx_index_insert(index.get(), vectors.data(), ids.data() + 100, 50);
@@ -37,6 +36,7 @@ struct Data {
   bench::Floats vectors = bench::random_floats(kRows * kDim, random);
   bench::Floats query = bench::random_floats(kDim, random);
   bench::Ids ids = bench::permuted_ids(kRows, random);
+  bench::Ids labels;
   bench::Index index = bench::built_index(vectors.data(), ids, kDim);
   bench::Slots slots;
 };

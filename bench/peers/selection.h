@@ -2,6 +2,7 @@
 // few results: sixteen scores at a time are compared with the last slot, and few of them enter.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -22,11 +23,13 @@ class Selection {
 
   // Offers the scores of the rows from `first` on.
   void offer(const float* scores, std::int64_t first, std::int64_t count) {
-    std::int64_t i = 0;
-    for (; i + kRun <= count; i += kRun) {
-      if (any_above(scores + i, scores_.back())) offer_singly(scores + i, first + i, kRun);
+    for (std::int64_t start = 0; start < count; start += kRun) {
+      const std::int64_t end = std::min(start + kRun, count);
+      if (end - start == kRun && !any_above(scores + start, scores_.back())) continue;
+      for (std::int64_t i = start; i < end; ++i) {
+        if (scores[i] > scores_.back()) insert(scores[i], first + i);
+      }
     }
-    offer_singly(scores + i, first + i, count - i);
   }
 
  private:
@@ -36,12 +39,6 @@ class Selection {
     int above = 0;
     for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar;
     return above != 0;
-  }
-
-  void offer_singly(const float* scores, std::int64_t first, std::int64_t count) {
-    for (std::int64_t i = 0; i < count; ++i) {
-      if (scores[i] > scores_.back()) insert(scores[i], first + i);
-    }
   }
 
   void insert(float score, std::int64_t row) {

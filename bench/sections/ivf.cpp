@@ -15,73 +15,44 @@ namespace {
 constexpr std::int64_t kKey = 1;
 constexpr std::int64_t kQueries = 64;
 
-// Faiss, IndexIVFFlat by inner product; and what it learned, so that the library can search the
-// same lists under the same centroids.
-struct FaissIvf {
-  FaissIvf(const Matrix& matrix, std::int64_t nlist)
-      : quantizer(matrix.dim),
-        index(&quantizer, static_cast<std::size_t>(matrix.dim), static_cast<std::size_t>(nlist),
-              faiss::METRIC_INNER_PRODUCT) {
-    // Both programs search the same lists, so how good the centroids are does not matter: a short
-    // training is enough.
-    constexpr std::int64_t kRowsPerCentroid = 40;
-    index.cp.niter = 4;
-    index.cp.min_points_per_centroid = 1;
-    index.train(std::min(matrix.rows, nlist * kRowsPerCentroid), matrix.values);
-    index.add(matrix.rows, matrix.values);
-    for (std::size_t list = 0; list < index.nlist; ++list) {
-      faiss::InvertedLists::ScopedIds ids(index.invlists, list);
-      rows.insert(rows.end(), ids.get(), ids.get() + index.get_list_size(list));
-      offsets.push_back(count32_of(rows));
-    }
-  }
-
-  const Ids& search(const float* query) {
-    index.search(1, query, found.k, found.scores.data(), found.ids.data());
-    return found.ids;
-  }
-
-  // The lists that a search with this query probes, best first.
-  Ids probed(const float* query) const {
-    Slots lists(static_cast<std::int64_t>(index.nprobe));
-    quantizer.search(1, query, lists.k, lists.scores.data(), lists.ids.data());
-    return lists.ids;
-  }
-
-  faiss::IndexFlatIP quantizer;  // whose vectors are the centroids
-  faiss::IndexIVFFlat index;
-  Ids rows;                                 // every row of the matrix once, list after list
-  std::vector<std::int32_t> offsets = {0};  // nlist + 1
-  Slots found;
-};
-
 struct Arena {
   // A million short vectors, or as many long ones as take 300 MB.
   Arena(const Run& run, std::int64_t vector_dim, std::int64_t list_count, Random& random)
       : dim(vector_dim),
         nlist(list_count),
-        rows(std::min<std::int64_t>(1000000,
-                                    (std::int64_t{run.pick(300, 64)} << 20) / (4 * vector_dim))),
+        rows(std::min<std::int64_t>(1000000, (run.pick(300, 64) << 20) / (4 * dim))),
         vectors(random_floats(rows * dim, random)),
         queries(random_floats(kQueries * dim, random)),
-        faiss({vectors.data(), rows, dim}, nlist),
-        id_to_row(ascending_ids(rows)),
-        scattered_index(with_lists(vectors, id_to_row)),
-        sorted_index(with_lists(sorted_vectors(), faiss.rows)) {}
-
-  // The vectors, list after list.
-  Floats sorted_vectors() const {
+        quantizer(dim),
+        faiss(&quantizer, static_cast<std::size_t>(dim), static_cast<std::size_t>(nlist),
+              faiss::METRIC_INNER_PRODUCT),
+        id_to_row(ascending_ids(rows)) {
+    train();
     Floats sorted(rows * dim);
     float* at = sorted.data();
-    for (const std::int64_t row : faiss.rows) at = std::copy_n(vectors.data() + row * dim, dim, at);
-    return sorted;
+    for (const std::int64_t row : list_rows) at = std::copy_n(vectors.data() + row * dim, dim, at);
+    scattered_index = with_lists(vectors, id_to_row);
+    sorted_index = with_lists(sorted, list_rows);
+  }
+
+  // How good the centroids are does not matter, so a short training is enough.
+  void train() {
+    constexpr std::int64_t kRowsPerCentroid = 40;
+    faiss.cp.niter = 4;
+    faiss.cp.min_points_per_centroid = 1;
+    faiss.train(std::min(rows, nlist * kRowsPerCentroid), vectors.data());
+    faiss.add(rows, vectors.data());
+    for (std::size_t list = 0; list < faiss.nlist; ++list) {
+      faiss::InvertedLists::ScopedIds ids(faiss.invlists, list);
+      list_rows.insert(list_rows.end(), ids.get(), ids.get() + faiss.get_list_size(list));
+      offsets.push_back(count32_of(list_rows));
+    }
   }
 
   Index with_lists(const Floats& base, const Ids& ids) const {
     Index index = built_index(base.data(), ids, dim);
-    qx_index_set_ivf(index.get(), kKey, static_cast<std::int32_t>(nlist), 1,
-                     faiss.quantizer.get_xb(), faiss.rows.data(), faiss.offsets.data(),
-                     count32_of(faiss.rows));
+    qx_index_set_ivf(index.get(), kKey, static_cast<std::int32_t>(nlist), 1, quantizer.get_xb(),
+                     list_rows.data(), offsets.data(), count32_of(list_rows));
     return index;
   }
 
@@ -94,9 +65,8 @@ struct Arena {
   template <typename Visit>
   void for_each_list(const Ids& probed, Visit&& visit) const {
     for (const std::int64_t list : probed) {
-      const auto at = static_cast<std::size_t>(list);
-      const std::int64_t length = faiss.offsets[at + 1] - faiss.offsets[at];
-      if (length > 0) visit(std::int64_t{faiss.offsets[at]}, length);
+      const std::int32_t* const ends = offsets.data() + list;
+      if (ends[1] > ends[0]) visit(std::int64_t{ends[0]}, std::int64_t{ends[1] - ends[0]});
     }
   }
 
@@ -105,10 +75,13 @@ struct Arena {
   std::int64_t rows;
   Floats vectors;
   Floats queries;
-  FaissIvf faiss;
-  Ids id_to_row;          // of the vectors as they came
-  Index scattered_index;  // over the vectors as they came
-  Index sorted_index;     // over the sorted ones
+  faiss::IndexFlatIP quantizer;  // whose vectors are the centroids
+  faiss::IndexIVFFlat faiss;
+  Ids list_rows;                            // every row once, list after list
+  std::vector<std::int32_t> offsets = {0};  // nlist + 1
+  Ids id_to_row;                            // of the vectors as they came
+  Index scattered_index;                    // over the vectors as they came
+  Index sorted_index;                       // over the vectors list after list
 };
 
 // Reads what every query's search must read at least: all centroids and the probed lists.
@@ -118,7 +91,7 @@ void read_all(const Arena& arena, const std::vector<Ids>& probed, const ReadLoop
     consume(loop.read(floats, static_cast<std::size_t>(count) * sizeof(float)));
   };
   for (const Ids& lists : probed) {
-    read(arena.faiss.quantizer.get_xb(), arena.nlist * arena.dim);
+    read(arena.quantizer.get_xb(), arena.nlist * arena.dim);
     arena.for_each_list(lists, [&](std::int64_t first, std::int64_t length) {
       read(sorted + first * arena.dim, length * arena.dim);
     });
@@ -130,45 +103,47 @@ void touch_all(const Arena& arena, const std::vector<Ids>& probed, const TouchLo
   const Table table{base_vectors(arena.scattered_index), arena.id_to_row.data(), arena.dim};
   for (const Ids& lists : probed) {
     arena.for_each_list(lists, [&](std::int64_t first, std::int64_t length) {
-      consume(loop.touch(table, arena.faiss.rows.data() + first, length));
+      consume(loop.touch(table, arena.list_rows.data() + first, length));
     });
   }
 }
 
 void run_case(Run& run, Arena& arena, std::int64_t nprobe, bool scattered) {
   const Index& index = scattered ? arena.scattered_index : arena.sorted_index;
-  Slots slots;
+  Slots ours;
+  Slots theirs;
+  Slots lists(nprobe);
   const auto search = [&](const float* query) {
-    consume(qx_index_search_ivf(index.get(), kKey, query, slots.k, slots.ids.data(),
-                                slots.scores.data()));
+    consume(
+        qx_index_search_ivf(index.get(), kKey, query, ours.k, ours.ids.data(), ours.scores.data()));
   };
-  qx_index_set_ivf_nprobe(index.get(), kKey, static_cast<std::int32_t>(nprobe));
-  arena.faiss.index.nprobe = static_cast<std::size_t>(nprobe);
+  const auto search_faiss = [&](const float* query) {
+    arena.faiss.search(1, query, theirs.k, theirs.scores.data(), theirs.ids.data());
+  };
+  qx_index_set_ivf_nprobe(index.get(), kKey, lists.k);
+  arena.faiss.nprobe = static_cast<std::size_t>(nprobe);
 
   // Sums are rounded in another order, so near ties may differ: nine of ten results must agree.
   std::int64_t agreed = 0;
   std::vector<Ids> probed;
   arena.for_each_query([&](const float* query) {
     search(query);
-    const Ids& expected = arena.faiss.search(query);
-    for (const std::int64_t id : slots.ids) {
-      agreed += std::find(expected.begin(), expected.end(), id) != expected.end();
+    search_faiss(query);
+    for (const std::int64_t id : ours.ids) {
+      agreed += std::find(theirs.ids.begin(), theirs.ids.end(), id) != theirs.ids.end();
     }
-    probed.push_back(arena.faiss.probed(query));
+    arena.quantizer.search(1, query, nprobe, lists.scores.data(), lists.ids.data());
+    probed.push_back(lists.ids);
   });
   require(agreed * 10 >= kQueries * kResults * 9, "both find the same rows through the lists");
 
   Contestants contestants = {
       {"qx_runtime", Role::kEngine, [&] { arena.for_each_query(search); }},
-      {"Faiss IndexIVFFlat", Role::kPeer, [&] {
-         arena.for_each_query([&](const float* query) { consume(arena.faiss.search(query)); });
-       }}};
+      {"Faiss IndexIVFFlat", Role::kPeer, [&] { arena.for_each_query(search_faiss); }}};
   if (scattered) {
-    add_limits(contestants, touch_loops(),
-               [&](const TouchLoop& loop) { touch_all(arena, probed, loop); });
+    add_limits(contestants, touch_loops(), [&](auto& loop) { touch_all(arena, probed, loop); });
   } else {
-    add_limits(contestants, read_loops(),
-               [&](const ReadLoop& loop) { read_all(arena, probed, loop); });
+    add_limits(contestants, read_loops(), [&](auto& loop) { read_all(arena, probed, loop); });
   }
   run.compare({{"dim", arena.dim},
                {"nlist", arena.nlist},
