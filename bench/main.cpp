@@ -14,10 +14,8 @@ namespace bench {
 namespace {
 
 using Sections = std::vector<const Section*>;
-const Sections kSections = {&sections::scan,   &sections::candidates,  &sections::walk,
-                            &sections::match,  &sections::filtered,    &sections::ivf,
-                            &sections::topk,   &sections::mutation,    &sections::keys,
-                            &sections::header, &sections::environment, &sections::readers};
+const Sections kSections = {&kScan, &kCandidates, &kWalk, &kMatch,  &kFiltered,    &kIvf,
+                            &kTopk, &kMutation,   &kKeys, &kHeader, &kEnvironment, &kReaders};
 
 struct Options {
   bool quick = false;

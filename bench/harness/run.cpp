@@ -18,12 +18,12 @@ std::string text(const char* format, Values... values) {
 }
 
 std::string quoted(const std::string& words) {
-  std::string json = "\"";
+  std::string inside = "\"";
   for (const char c : words) {
-    if (c == '"' || c == '\\') json += '\\';
-    json += c;
+    if (c == '"' || c == '\\') inside += '\\';
+    inside += c;
   }
-  return json + '"';
+  return inside + '"';
 }
 
 std::string number(double value) { return text("%.9g", value); }

@@ -144,11 +144,11 @@ void run_readers(Run& run) {
 
 }  // namespace
 
-const Section sections::header = {
-    "header", "calls of the C++ header, against those of the C interface", run_header};
-const Section sections::environment = {
-    "environment", "short calls in floating-point environments of hosts", run_environment};
-const Section sections::readers = {"readers", "two threads that search one handle, against one",
-                                   run_readers};
+const Section kHeader = {"header", "calls of the C++ header, against those of the C interface",
+                         run_header};
+const Section kEnvironment = {"environment", "short calls in floating-point environments of hosts",
+                              run_environment};
+const Section kReaders = {"readers", "two threads that search one handle, against one",
+                          run_readers};
 
 }  // namespace bench

@@ -102,15 +102,16 @@ void run_case(Run& run, Arena& arena, const Candidates& lists, const Work& work)
   require(work.engine(arena, lists.ids.data(), lists.length, query) ==
               work.plain(arena, lists.ids.data(), lists.length, query),
           "one row at a time finds the same best score");
-  const auto searcher = [&](const char* name, Role role, Search search) {
-    return Contestant(name, role, [&arena, &lists, search] {
-      lists.for_each_list([&](const std::int64_t* ids) {
-        consume(search(arena, ids, lists.length, arena.queries.next()));
-      });
-    });
+  Contestants contestants;
+  const auto add = [&](const char* name, Role role, Search search) {
+    contestants.push_back({name, role, [&arena, &lists, search] {
+                             lists.for_each_list([&](const std::int64_t* ids) {
+                               consume(search(arena, ids, lists.length, arena.queries.next()));
+                             });
+                           }});
   };
-  Contestants contestants = {searcher("qx_runtime", Role::kEngine, work.engine),
-                             searcher("one row at a time", Role::kBaseline, work.plain)};
+  add("qx_runtime", Role::kEngine, work.engine);
+  add("one row at a time", Role::kBaseline, work.plain);
   add_limits(contestants, touch_loops(), [&](const TouchLoop& loop) {
     lists.for_each_list(
         [&](const std::int64_t* ids) { consume(loop.touch(arena.table(), ids, lists.length)); });
@@ -142,7 +143,7 @@ void run_candidates(Run& run) {
 
 }  // namespace
 
-const Section sections::candidates = {
+const Section kCandidates = {
     "candidates", "search of listed ids, against touching their cache lines", run_candidates};
 
 }  // namespace bench

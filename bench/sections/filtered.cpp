@@ -64,7 +64,7 @@ void run_filtered(Run& run) {
 
 }  // namespace
 
-const Section sections::filtered = {
-    "filtered", "filtered search, against the exact search of the base", run_filtered};
+const Section kFiltered = {"filtered", "filtered search, against the exact search of the base",
+                           run_filtered};
 
 }  // namespace bench

@@ -166,6 +166,6 @@ void run_ivf(Run& run) {
 
 }  // namespace
 
-const Section sections::ivf = {"ivf", "search through lists, against Faiss IndexIVFFlat", run_ivf};
+const Section kIvf = {"ivf", "search through lists, against Faiss IndexIVFFlat", run_ivf};
 
 }  // namespace bench

@@ -35,14 +35,14 @@ std::vector<Set> sets(const Run& run) {
 
 // The other programs. Those that add in another order have scores that are close but not equal.
 struct Other {
-  Role role;
   FlatPeer (*make)(const Matrix& matrix);
+  Role role;
   bool same_bits;
 };
 constexpr Other kOthers[] = {
-    {Role::kPeer, faiss_flat, false},      {Role::kPeer, hnswlib_flat, false},
-    {Role::kPeer, openblas_flat, false},   {Role::kPeer, fast_math, false},
-    {Role::kKernel, flagged_engine, true}, {Role::kBaseline, one_row, true}};
+    {faiss_flat, Role::kPeer, false},      {hnswlib_flat, Role::kPeer, false},
+    {openblas_flat, Role::kPeer, false},   {fast_math, Role::kPeer, false},
+    {flagged_engine, Role::kKernel, true}, {one_row, Role::kBaseline, true}};
 
 void add_others(Contestants& contestants, const Matrix& matrix, Queries& queries, float best) {
   const float rounding = 1e-4f * std::sqrt(static_cast<float>(matrix.dim));
@@ -96,7 +96,7 @@ void run_scan(Run& run) {
 
 }  // namespace
 
-const Section sections::scan = {
+const Section kScan = {
     "scan", "exact search of the whole base, against reading its bytes and four peers", run_scan};
 
 }  // namespace bench

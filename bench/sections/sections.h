@@ -11,9 +11,7 @@ struct Section {
   void (*run)(Run& run);
 };
 
-namespace sections {
-extern const Section scan, candidates, walk, match, filtered, ivf, topk, mutation, keys, header,
-    environment, readers;
-}
+extern const Section kScan, kCandidates, kWalk, kMatch, kFiltered, kIvf, kTopk, kMutation, kKeys,
+    kHeader, kEnvironment, kReaders;
 
 }  // namespace bench

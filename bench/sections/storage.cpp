@@ -265,9 +265,9 @@ void run_keys(Run& run) {
 
 }  // namespace
 
-const Section sections::mutation = {
+const Section kMutation = {
     "mutation", "insert, delete, metadata and build, against maps and copies", run_mutation};
 
-const Section sections::keys = {"keys", "patterned keys, against random ones", run_keys};
+const Section kKeys = {"keys", "patterned keys, against random ones", run_keys};
 
 }  // namespace bench

@@ -62,7 +62,6 @@ void run_topk(Run& run) {
 
 }  // namespace
 
-const Section sections::topk = {"topk", "the result buffer, against plain shifting insertion",
-                                run_topk};
+const Section kTopk = {"topk", "the result buffer, against plain shifting insertion", run_topk};
 
 }  // namespace bench

@@ -109,8 +109,8 @@ void run_match(Run& run) {
 
 }  // namespace
 
-const Section sections::walk = {
-    "walk", "counting and listing visible rows, against absl::flat_hash_map", run_walk};
-const Section sections::match = {"match", "ids by label, against absl::flat_hash_map", run_match};
+const Section kWalk = {"walk", "counting and listing visible rows, against absl::flat_hash_map",
+                       run_walk};
+const Section kMatch = {"match", "ids by label, against absl::flat_hash_map", run_match};
 
 }  // namespace bench
