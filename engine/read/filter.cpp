@@ -8,11 +8,12 @@ namespace qx {
 namespace {
 
 // The map that the filter tests; null if there is none. Ends the process where a column is missing
-// from the list of columns, which breaks an invariant.
+// from the list of columns, which breaks an invariant. Requires: not every id passes.
 const Int64Map* map_of(const QxIndex& index, const Filter& filter) {
+  QX_ASSERT(!filter.passes_all());
   if (filter.mode == 1) return &index.row_labels;
   const bool exists = filter.column >= 0 && filter.column < index.meta_ncols;
-  return filter.passes_all() || !exists ? nullptr : &index.meta_columns.at(filter.column);
+  return exists ? &index.meta_columns.at(filter.column) : nullptr;
 }
 
 // If the value looked for is kMissing, ids without an entry pass, and the entries that fail are

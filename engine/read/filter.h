@@ -25,6 +25,7 @@ std::uint64_t _match(const QxIndex& index, const Filter& filter, const std::int6
                      std::int64_t count, Int64Map::Cursor& cursor);
 
 // True if mark_passing() is cheaper than _match() for every base row: few rows pass, or few fail.
+// Requires: not every id passes.
 bool prefers_marking(const QxIndex& index, const Filter& filter);
 
 // Covers `count` base rows from `first` on by a bitmap of those whose ids pass, found from the

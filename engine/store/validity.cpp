@@ -32,14 +32,11 @@ bool table_is_valid(const QxIndex& index) {
     if (listed == index.duplicate_rows.length || index.duplicate_rows.at(listed) != r) return false;
     ++listed;
   }
-  std::int64_t named = 0;
   for (std::int64_t id = 0; id <= index.max_base_id; ++id) {
     const std::int64_t row = index.id_to_row[id];
     if (row < -1 || row >= index.n_base || (row >= 0 && index.base_ids[row] != id)) return false;
-    named += row >= 0 ? 1 : 0;
   }
-  return listed == index.duplicate_rows.length && named + listed == index.n_base &&
-         largest == index.max_base_id;
+  return listed == index.duplicate_rows.length && largest == index.max_base_id;
 }
 
 bool magnitude_is_valid(const QxIndex& index) {
