@@ -34,7 +34,8 @@ def target_part(outcomes):
             for outcome in outcomes]
     return f"""## Targets: {sum(outcome.met for outcome in outcomes)} of {len(outcomes)} met
 
-*Reached* is the worst case, or the median where the target says so; in brackets the range.
+*Reached* is the worst case, or the median where the target says so; in brackets the range. Targets
+were set on an AMD EPYC (Zen 4); another machine reaches others.
 
 {table(["work", "target", "reached", "met"], rows)}
 """
