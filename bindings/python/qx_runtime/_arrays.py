@@ -67,3 +67,20 @@ def number(what: str, value: Any, low: int, high: int) -> int:
     if not low <= integer <= high:
         raise ValueError(f"{what} must be from {low} to {high}, not {integer}")
     return integer
+
+
+def key(what: str, value: Any) -> int:
+    """Any 64-bit integer."""
+    return number(what, value, INT64_MIN, INT64_MAX)
+
+
+def count(what: str, value: Any) -> int:
+    """A 32-bit integer from 0 on."""
+    return number(what, value, 0, INT32_MAX)
+
+
+def same_length(what: str, value: npt.NDArray[Any], other: Ids) -> None:
+    """Whether there is a row for each of the ids."""
+    if len(value) != len(other):
+        raise ValueError(f"{what} must have one row for each of the {len(other)} ids, "
+                         f"not {len(value)}")

@@ -10,7 +10,7 @@ from typing import Any, NamedTuple, NoReturn, Optional
 import numpy as np
 
 from . import _arrays, _library, _memory
-from ._arrays import INT32_MAX, INT64_MAX, INT64_MIN, Floats, Ids
+from ._arrays import INT32_MAX, INT64_MAX, Floats, Ids
 from ._library import FILTER_ALL, FILTER_COLUMN, FILTER_LABEL
 
 _lib = _library.load()
@@ -116,11 +116,9 @@ class Index:
         return self._handle
 
     def _ask(self, function: Any, *arguments: Any) -> Any:
-        """One call under the lock. Arrays are given as they are, and kept until it returns."""
-        given = [argument.ctypes.data if isinstance(argument, np.ndarray) else argument
-                 for argument in arguments]
+        """One call under the lock."""
         with self._lock:
-            return function(self._open(), *given)
+            return _call(function, self._open(), *arguments)
 
     # ---- What it is ----
 
@@ -157,10 +155,10 @@ class Index:
 
     @staticmethod
     def _base_count(handle: int) -> int:
-        n_base, dim, tag, parts = (ctypes.c_uint64(), ctypes.c_uint32(), ctypes.c_uint32(),
-                                   ctypes.c_int32())
-        _lib.qx_index_stats(handle, *map(ctypes.addressof, (n_base, dim, tag, parts)))
-        return n_base.value
+        numbers = (ctypes.c_uint64 * 4)()  # room for each of the four
+        first = ctypes.addressof(numbers)
+        _lib.qx_index_stats(handle, first, first + 8, first + 16, first + 24)
+        return numbers[0]
 
     @property
     def delta_count(self) -> int:
@@ -205,7 +203,8 @@ class Index:
             return False
         # Every vector is finite, so each visible row scores 0 with the query of zeros.
         query = np.zeros(self._dim, dtype=np.float32)
-        return bool(self._found_of(np.array([wanted], dtype=np.int64), query, 1).ids.size)
+        ids = np.array([wanted], dtype=np.int64)
+        return bool(self._among(_lib.qx_index_search_mvcc, ids, query, 1).ids.size)
 
     # ---- Changes ----
 
@@ -222,22 +221,19 @@ class Index:
         # A copy, since the largest id decides over memory: no thread may raise it any more.
         given_ids = _arrays.array("ids", ids, np.int64, 1)
         checked_ids = _arrays.ids("ids", given_ids.copy(), _library.MAX_BASE_ID)
-        _same_length("vectors", checked, "ids", checked_ids)
+        _arrays.same_length("vectors", checked, checked_ids)
         parts = _check_partitions(partitions, len(checked))
-        keys = np.array([part.key for part in parts], dtype=np.int64)
-        starts = np.array([part.start for part in parts], dtype=np.int32)
-        sizes = np.array([part.size for part in parts], dtype=np.int32)
+        table = [np.array([part[i] for part in parts], dtype=dtype)
+                 for i, dtype in enumerate((np.int64, np.int32, np.int32))]
         largest = int(checked_ids.max()) if checked_ids.size else -1
         with self._lock:
             handle = self._open()
             if _lib.qx_index_sealed(handle):
                 raise ValueError("the index is built already; make a new one")
             _memory.require(4.0 * checked.size + 16 * len(checked) + 8.0 * (largest + 3) +
-                         16 * len(parts) + _memory.SLACK)
-            result = _lib.qx_index_build(
-                handle, checked.ctypes.data, len(checked), self._dim, checked_ids.ctypes.data,
-                keys.ctypes.data, starts.ctypes.data, sizes.ctypes.data, len(parts))
-            if result != 0:
+                            16 * len(parts) + _memory.SLACK)
+            if _call(_lib.qx_index_build, handle, checked, len(checked), self._dim, checked_ids,
+                     *table, len(parts)) != 0:
                 raise ValueError("the base is larger than 2**40 components")
             self._partitions = parts
 
@@ -245,15 +241,14 @@ class Index:
         """Inserts rows, or replaces those of the ids. Returns the snapshot counter."""
         checked = _arrays.floats("vectors", vectors, 2, self._dim)
         checked_ids = _arrays.ids("ids", ids)
-        _same_length("vectors", checked, "ids", checked_ids)
+        _arrays.same_length("vectors", checked, checked_ids)
         with self._lock:
             handle = self._open()
             before = int(_lib.qx_index_delta_count(handle))
             after = _memory.delta_bytes(before + len(checked_ids), self._dim)
             if after > _memory.delta_bytes(before, self._dim):
                 _memory.require(after)
-            return int(_lib.qx_index_insert(handle, checked.ctypes.data, checked_ids.ctypes.data,
-                                            len(checked_ids)))
+            return int(_call(_lib.qx_index_insert, handle, checked, checked_ids, len(checked)))
 
     def delete(self, ids: Ids) -> int:
         """Hides the rows of the ids, if they have any. Returns the snapshot counter."""
@@ -261,7 +256,7 @@ class Index:
         with self._lock:
             handle = self._open()
             _memory.require(self._deleted.growth(checked))
-            return int(_lib.qx_index_delete(handle, checked.ctypes.data, len(checked)))
+            return int(_call(_lib.qx_index_delete, handle, checked, len(checked)))
 
     def set_metadata(self, ids: Ids, labels: Ids, values: Optional[Ids] = None) -> None:
         """Sets the label of each id, and its row of column values.
@@ -274,17 +269,17 @@ class Index:
         if values is None:
             values = np.empty((len(checked), 0), dtype=np.int64)
         checked_values = _arrays.array("values", values, np.int64, 2)
-        _same_length("labels", checked_labels, "ids", checked)
-        _same_length("values", checked_values, "ids", checked)
-        columns = _arrays.number("the number of columns", checked_values.shape[1], 0, INT32_MAX)
+        _arrays.same_length("labels", checked_labels, checked)
+        _arrays.same_length("values", checked_values, checked)
+        columns = _arrays.count("the number of columns", checked_values.shape[1])
         with self._lock:
             handle = self._open()
             before = self._column_count(handle)
             if columns < before:
                 raise ValueError(f"values must have {before} columns or more, not {columns}")
             self._require_for_metadata(checked, before, columns)
-            _lib.qx_index_set_rowmeta(handle, checked.ctypes.data, checked_labels.ctypes.data,
-                                      checked_values.ctypes.data, columns, len(checked))
+            _call(_lib.qx_index_set_rowmeta, handle, checked, checked_labels, checked_values,
+                  columns, len(checked))
 
     def _require_for_metadata(self, ids: Ids, before: int, columns: int) -> None:
         # The labels are one more column, which is there from the first call on.
@@ -297,11 +292,11 @@ class Index:
     def set_ivf(self, key: int, centroids: Floats, list_ids: Ids,
                 list_offsets: np.ndarray[Any, np.dtype[np.int32]], nprobe: int) -> None:
         """Attaches an inverted file: list c is ``list_ids[list_offsets[c]:list_offsets[c + 1]]``."""
-        checked_key = _arrays.number("key", key, INT64_MIN, INT64_MAX)
-        probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
+        checked_key = _arrays.key("key", key)
+        probes = _arrays.count("nprobe", nprobe)
         checked = _arrays.floats("centroids", centroids, 2, self._dim)
         checked_ids = _arrays.ids("list_ids", list_ids)
-        _arrays.number("the number of centroids", len(checked), 0, INT32_MAX)
+        _arrays.count("the number of centroids", len(checked))
         # A copy, since they say where the engine reads: no thread may change them any more.
         offsets = _arrays.array("list_offsets", list_offsets, np.int32, 1).copy()
         if len(offsets) != len(checked) + 1:
@@ -314,16 +309,16 @@ class Index:
             handle = self._open()
             keys = len(self._ivfs) + 1
             _memory.require(4.0 * checked.size + 8.0 * checked_ids.size + 4.0 * offsets.size +
-                         _memory.table_bytes(keys) + 80 * _memory.power(keys) + _memory.SLACK)
+                            _memory.table_bytes(keys) + 80 * _memory.power(keys) + _memory.SLACK)
             # First here, so that a signal in between leaves no inverted file that is not known.
             self._ivfs[checked_key] = (len(checked_ids), len(checked))
-            _lib.qx_index_set_ivf(handle, checked_key, len(checked), probes, checked.ctypes.data,
-                                  checked_ids.ctypes.data, offsets.ctypes.data, len(checked_ids))
+            _call(_lib.qx_index_set_ivf, handle, checked_key, len(checked), probes, checked,
+                  checked_ids, offsets, len(checked_ids))
 
     def set_nprobe(self, key: int, nprobe: int) -> None:
         """Changes how many lists a search of the inverted file looks into."""
-        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
-        probes = _arrays.number("nprobe", nprobe, 0, INT32_MAX)
+        checked = _arrays.key("key", key)
+        probes = _arrays.count("nprobe", nprobe)
         with self._lock:
             handle = self._open()
             self._ivf(checked)
@@ -331,7 +326,7 @@ class Index:
 
     def has_ivf(self, key: int) -> bool:
         """Whether the key has an inverted file."""
-        checked = _arrays.number("key", key, INT64_MIN, INT64_MAX)
+        checked = _arrays.key("key", key)
         return bool(self._ask(_lib.qx_index_has_ivf, checked))
 
     def clear_ivf(self) -> None:
@@ -360,7 +355,7 @@ class Index:
         with `current`; those of `candidates` with `current`; those that have a `label`; those whose
         `column`, given as (number, value), has a value.
         """
-        wanted = _arrays.number("k", k, 0, INT32_MAX)
+        wanted = _arrays.count("k", k)
         checked = _arrays.floats("query", query, 1, self._dim)
         given = [name for name, value in (("partition", partition), ("candidates", candidates),
                                           ("ivf", ivf), ("label", label), ("column", column))
@@ -370,43 +365,41 @@ class Index:
         if current and given and given[0] in ("partition", "ivf"):
             raise ValueError(f"a search by {given[0]} sees the sealed base, not what is current")
         if partition is not None:
-            key = _arrays.number("partition", partition, INT64_MIN, INT64_MAX)
-            return self._search(_lib.qx_index_search_partition, (key, checked), wanted, None)
+            part = _arrays.key("partition", partition)
+            return self._search(_lib.qx_index_search_partition, (part, checked), wanted)
         if ivf is not None:
-            key = _arrays.number("ivf", ivf, INT64_MIN, INT64_MAX)
+            key = _arrays.key("ivf", ivf)
             return self._search(_lib.qx_index_search_ivf, (key, checked), wanted, key)
         if candidates is not None:
             ids = _arrays.ids("candidates", candidates)
-            if current:
-                return self._found_of(ids, checked, wanted)
-            return self._hits(_lib.qx_index_scatter_topk, (ids, len(ids), checked), wanted,
-                              len(ids))
-        if label is not None:
-            value = _arrays.number("label", label, INT64_MIN, INT64_MAX)
-            return self._search(_lib.qx_index_search_filtered,
-                                (FILTER_LABEL, 0, value, checked), wanted, None)
-        if column is not None:
-            return self._search(_lib.qx_index_search_filtered,
-                                (FILTER_COLUMN, *self._column(column), checked), wanted, None)
-        if current:
-            return self._search(_lib.qx_index_search_filtered, (FILTER_ALL, 0, 0, checked),
-                                wanted, None)
-        return self._search(_lib.qx_index_search_full, (checked,), wanted, None)
+            function = _lib.qx_index_search_mvcc if current else _lib.qx_index_scatter_topk
+            return self._among(function, ids, checked, wanted)
+        if current or given:
+            test = self._test(label, column)
+            return self._search(_lib.qx_index_search_filtered, (*test, checked), wanted)
+        return self._search(_lib.qx_index_search_full, (checked,), wanted)
 
-    def _column(self, column: tuple[int, int]) -> tuple[int, int]:
+    def _test(self, label: Optional[int],
+              column: Optional[tuple[int, int]]) -> tuple[int, int, int]:
+        """A filter, as the library takes it."""
+        if label is not None:
+            return FILTER_LABEL, 0, _arrays.key("label", label)
+        if column is None:
+            return FILTER_ALL, 0, 0
         if not isinstance(column, tuple) or len(column) != 2:
             raise TypeError("column must be a tuple of a column number and a value")
         columns = self.columns  # which never become fewer
         if columns == 0:
             raise ValueError("the index has no columns")
-        return (_arrays.number("the column number", column[0], 0, columns - 1),
-                _arrays.number("the column value", column[1], INT64_MIN, INT64_MAX))
+        return (FILTER_COLUMN, _arrays.number("the column number", column[0], 0, columns - 1),
+                _arrays.key("the column value", column[1]))
 
-    def _found_of(self, ids: Ids, query: Floats, k: int) -> Hits:
-        return self._hits(_lib.qx_index_search_mvcc, (ids, len(ids), query), k, len(ids))
+    def _among(self, function: Any, ids: Ids, query: Floats, k: int) -> Hits:
+        with self._lock:
+            return _fill(function, self._open(), (ids, len(ids), query), min(k, len(ids)))
 
     def _search(self, function: Any, arguments: tuple[Any, ...], k: int,
-                ivf: Optional[int]) -> Hits:
+                ivf: Optional[int] = None) -> Hits:
         with self._lock:
             handle = self._open()
             if ivf is not None:
@@ -416,23 +409,16 @@ class Index:
                 most = self._base_count(handle) + int(_lib.qx_index_delta_count(handle))
             return _fill(function, handle, arguments, min(k, most))
 
-    def _hits(self, function: Any, arguments: tuple[Any, ...], k: int, most: int) -> Hits:
-        with self._lock:
-            return _fill(function, self._open(), arguments, min(k, most))
-
     def match(self, *, label: Optional[int] = None,
               column: Optional[tuple[int, int]] = None) -> Ids:
         """The ids of the visible rows that have the label, or the value in the column."""
         if (label is None) == (column is None):
             raise ValueError("one of label and column must be given")
-        if column is not None:
-            test = (FILTER_COLUMN, *self._column(column))
-        else:
-            test = (FILTER_LABEL, 0, _arrays.number("label", label, INT64_MIN, INT64_MAX))
+        test = self._test(label, column)
         with self._lock:
             handle = self._open()
             ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
-            count = _lib.qx_index_match_ids(handle, *test, ids.ctypes.data)
+            count = _call(_lib.qx_index_match_ids, handle, *test, ids)
         return ids[:count].copy()
 
     def metadata(self, ids: Ids) -> Metadata:
@@ -444,8 +430,7 @@ class Index:
             columns = self._column_count(handle)
             _memory.require(8.0 * len(checked) * columns)
             values = np.empty((len(checked), columns), dtype=np.int64)
-            _lib.qx_index_export_rowmeta(handle, checked.ctypes.data, len(checked),
-                                         labels.ctypes.data, values.ctypes.data)
+            _call(_lib.qx_index_export_rowmeta, handle, checked, len(checked), labels, values)
         return Metadata(labels, values)
 
     def visible_ids(self) -> Ids:
@@ -453,35 +438,24 @@ class Index:
         with self._lock:
             handle = self._open()
             ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
-            _lib.qx_index_visible_ids(handle, ids.ctypes.data)
+            _call(_lib.qx_index_visible_ids, handle, ids)
         return ids
 
     def export(self) -> Rows:
         """All visible rows, in the order of :meth:`visible_ids`."""
         with self._lock:
             handle = self._open()
-            rows = self._rows(_lib.qx_index_visible_count(handle))
-            _lib.qx_index_export_visible(handle, rows.vectors.ctypes.data, rows.ids.ctypes.data)
-        return rows
+            return self._rows(_lib.qx_index_export_visible, _lib.qx_index_visible_count(handle))
 
     def export_base(self) -> Rows:
         """The base as it was built."""
         with self._lock:
-            handle = self._open()
-            rows = self._rows(self._base_count(handle))
-            _lib.qx_index_export_base(handle, rows.vectors.ctypes.data, rows.ids.ctypes.data)
+            return self._rows(_lib.qx_index_export_base, self._base_count(self._open()))
+
+    def _rows(self, export: Any, count: int) -> Rows:
+        rows = Rows(np.empty(count, dtype=np.int64), np.empty((count, self._dim), dtype=np.float32))
+        _call(export, self._handle, rows.vectors, rows.ids)
         return rows
-
-    def _rows(self, count: int) -> Rows:
-        return Rows(np.empty(count, dtype=np.int64),
-                    np.empty((count, self._dim), dtype=np.float32))
-
-
-def _same_length(what: str, array: np.ndarray[Any, Any], other: str,
-                 ids: np.ndarray[Any, Any]) -> None:
-    if len(array) != len(ids):
-        raise ValueError(f"{what} must have one row for each of the {len(ids)} {other}, "
-                         f"not {len(array)}")
 
 
 def _check_partitions(partitions: Iterable[tuple[int, int, int]],
@@ -492,9 +466,9 @@ def _check_partitions(partitions: Iterable[tuple[int, int, int]],
             key, start, size = given
         except (TypeError, ValueError):
             raise TypeError("a partition must be (key, start, size)") from None
-        part = Partition(_arrays.number("a partition key", key, INT64_MIN, INT64_MAX),
-                         _arrays.number("a partition's start", start, 0, INT32_MAX),
-                         _arrays.number("a partition's size", size, 0, INT32_MAX))
+        part = Partition(_arrays.key("a partition key", key),
+                         _arrays.count("a partition's start", start),
+                         _arrays.count("a partition's size", size))
         if checked and part.key <= checked[-1].key:
             raise ValueError(f"partition keys must ascend, and {part.key} follows "
                              f"{checked[-1].key}")
@@ -504,13 +478,17 @@ def _check_partitions(partitions: Iterable[tuple[int, int, int]],
     return tuple(checked)
 
 
+def _call(function: Any, *arguments: Any) -> Any:
+    """Calls the library. Arrays are given as they are, and kept until it returns."""
+    return function(*(argument.ctypes.data if isinstance(argument, np.ndarray) else argument
+                      for argument in arguments))
+
+
 def _fill(function: Any, handle: int, arguments: tuple[Any, ...], k: int) -> Hits:
     """Calls a search that fills k slots; gives those that a row reached."""
     ids = np.empty(k, dtype=np.int64)
     scores = np.empty(k, dtype=np.float32)
-    given = [argument.ctypes.data if isinstance(argument, np.ndarray) else argument
-             for argument in arguments]
-    count = function(handle, *given, k, ids.ctypes.data, scores.ctypes.data)
+    count = _call(function, handle, *arguments, k, ids, scores)
     ids, scores = ids[:count], scores[:count]
     if count and ids[-1] == _library.EMPTY_ID:
         count = int(np.count_nonzero(scores > _EMPTY_SCORE))
