@@ -137,7 +137,8 @@ class BasicInt64Map {
     if (slots_ == nullptr) return (size_ == 0) & (entries_ == nullptr);
     const std::int64_t empty = with_table(
         [&](auto table) { return std::count(table.slots, table.slots + slot_count(), 0u); });
-    bool found = (slot_count() - empty == size_) & (2 * size_ <= slot_count());
+    bool found = slot_count() - empty == size_;
+    found &= 2 * size_ <= slot_count();
     for (std::int64_t i = 0; i < size_; ++i) found &= position_of(entries_[i].key) == i;
     return found;
   }
