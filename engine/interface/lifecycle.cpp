@@ -8,7 +8,8 @@ QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag) {
   return index;
 }
 
-// Fields are released in the order in which they are declared; destructors would reverse it.
+// Fields are released in the order in which they are declared; destructors would reverse it, and
+// find nothing afterwards.
 void qx_index_free(QxIndex* index) {
   if (index == nullptr) return;
   qx::release(index->base_vectors);
@@ -25,7 +26,7 @@ void qx_index_free(QxIndex* index) {
   index->row_labels.release();
   index->meta_columns.release();
   qx::release_ivf(*index);
-  index->~QxIndex();
+  index->duplicate_rows.release();
   qx::release(index);
 }
 
