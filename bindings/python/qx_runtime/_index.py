@@ -15,6 +15,7 @@ from ._library import FILTER_ALL, FILTER_COLUMN, FILTER_LABEL
 
 _lib = _library.load()
 _EMPTY_SCORE = np.float32(_library.EMPTY_SCORE)
+_FourNumbers = ctypes.c_uint64 * 4
 
 
 class Hits(NamedTuple):
@@ -155,7 +156,7 @@ class Index:
 
     @staticmethod
     def _base_count(handle: int) -> int:
-        numbers = (ctypes.c_uint64 * 4)()  # room for each of the four
+        numbers = _FourNumbers()
         first = ctypes.addressof(numbers)
         _lib.qx_index_stats(handle, first, first + 8, first + 16, first + 24)
         return numbers[0]
@@ -480,8 +481,8 @@ def _check_partitions(partitions: Iterable[tuple[int, int, int]],
 
 def _call(function: Any, *arguments: Any) -> Any:
     """Calls the library. Arrays are given as they are, and kept until it returns."""
-    return function(*(argument.ctypes.data if isinstance(argument, np.ndarray) else argument
-                      for argument in arguments))
+    return function(*[argument.ctypes.data if isinstance(argument, np.ndarray) else argument
+                      for argument in arguments])
 
 
 def _fill(function: Any, handle: int, arguments: tuple[Any, ...], k: int) -> Hits:
