@@ -1,4 +1,4 @@
-// A word or a sum, searched by different calls, and the answers side by side.
+// A word or a sum, searched by different calls, and the answers side by side; and the tour of them.
 #pragma once
 
 #include <cstdint>
@@ -96,3 +96,7 @@ void print_columns(const std::vector<Column>& columns, const Words& words);
 // they are given: of the sealed base until a row was changed, then of what is visible now.
 void answer(const WordIndex& search, const Query& query, std::int64_t k,
             std::optional<std::int64_t> letter, std::optional<std::int64_t> length);
+
+// The tour, in tour.cpp: what the library does, on the words, k neighbours a time, and what a call
+// of each function costs. Leaves the search ready for questions.
+void run_tour(WordIndex& search, std::int64_t k);

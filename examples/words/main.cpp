@@ -15,7 +15,6 @@
 
 #include "answer.h"
 #include "text.h"
-#include "tour.h"
 #include "word_index.h"
 
 namespace {
@@ -40,15 +39,13 @@ inner product of two of them says how alike the words are.
   --nprobe N      scan the N nearest IVF lists (a tenth of the lists)
   --prompt        no tour, only the prompt: words and options, on lines of standard input
   --full          all 341,479 words, not only the 20,000 most frequent; fetched on first use
-  --data FILE     other words: a file as data/README.md describes, or JSON as --full fetches
+  --data FILE     other words: a file as data/README.md describes
   --help          this text)";
 
 struct Options {
   bool help = false;
-  bool check_only = false;  // end once the options are understood
-  bool full = false;
   bool prompt = false;
-  std::optional<std::string> data;  // the file of words, if none of the project's
+  std::string data = QX_WORDS_SAMPLE;
   std::string text;  // what to look for; empty for the tour, the prompt, or a mere change
   std::optional<std::int64_t> k;
   std::optional<std::int64_t> nprobe;
@@ -60,16 +57,13 @@ struct Options {
 
 using Text = const std::string&;
 
-const std::map<std::string, bool Options::*> kFlags = {{"--help", &Options::help},
-                                                       {"-h", &Options::help},
-                                                       {"--full", &Options::full},
-                                                       {"--prompt", &Options::prompt},
-                                                       {"--check-options", &Options::check_only}};
-
 void add_words(Options& options, Text words) {
   if (words.empty()) throw UserError("a word is empty");
   options.text += (options.text.empty() ? "" : " ") + words;
 }
+
+const std::map<std::string, bool Options::*> kFlags = {
+    {"--help", &Options::help}, {"-h", &Options::help}, {"--prompt", &Options::prompt}};
 
 const std::map<std::string, void (*)(Options&, Text)> kSetters = {
     {"--like", add_words},
@@ -84,10 +78,10 @@ const std::map<std::string, void (*)(Options&, Text)> kSetters = {
 
 void check_combinations(const Options& options) {
   const bool word = !options.text.empty();
-  if (options.full && options.data) throw UserError("--full and --data exclude each other");
   if (options.prompt && word) throw UserError("--prompt takes no word");
-  if (!word && options.letter) throw UserError("--letter needs a word to look for");
-  if (!word && options.length) throw UserError("--length needs a word to look for");
+  if (!word && (options.letter || options.length)) {
+    throw UserError("--letter and --length need a word to look for");
+  }
 }
 
 // Throws a UserError if the arguments make no sense.
@@ -114,9 +108,8 @@ Options parse_options(const std::vector<std::string>& arguments) {
 }
 
 Words load(const Options& options) {
-  const char* const own = options.full ? QX_WORDS_FULL : QX_WORDS_SAMPLE;
   std::optional<Words> words;
-  const double time = time_of(1, [&] { words.emplace(options.data.value_or(own)); });
+  const double time = time_of(1, [&] { words.emplace(options.data); });
   say(grouped(words->size()) + " words of " + std::to_string(words->dim()) + " numbers read in " +
       time_text(time) +
       (words->skipped() > 0 ? "; " + grouped(words->skipped()) + " without a vector skipped" : ""));
@@ -157,7 +150,7 @@ bool run_line(WordIndex& search, const std::string& line) {
   const Options options = parse_options(fields);
   if (options.help || only == "help") {
     say(kHelp);
-  } else if (line.size() > 1000 || options.full || options.prompt || options.data) {
+  } else if (line.size() > 1000 || options.prompt || options.data != QX_WORDS_SAMPLE) {
     throw UserError("here stand words, and options of searches and changes");
   } else {
     carry_out(search, options, check(options, search.words));
@@ -206,7 +199,7 @@ int main(int argc, char** argv) {
     const Options options = parse_options({argv + (argc > 0 ? 1 : 0), argv + argc});
     if (options.help) {
       say(kHelp);
-    } else if (!options.check_only) {
+    } else {
       run(options);
     }
   } catch (const UserError& problem) {

@@ -98,8 +98,7 @@ class WordsTest(unittest.TestCase):
     def answer(self, *arguments, **options):
         """Runs the program, which must succeed without a complaint, and returns its output."""
         result = run(*arguments, **options)
-        complaint = re.sub(r"(?m)^[A-Z][A-Za-z ]+: \d+%\n", "", result.stderr)  # but progress
-        self.assertEqual((result.returncode, complaint), (0, ""), arguments)
+        self.assertEqual((result.returncode, result.stderr), (0, ""), arguments)
         self.assertLessEqual(max(map(len, result.stdout.splitlines()), default=0), 100)
         return result.stdout
 
@@ -159,12 +158,10 @@ class WordsTest(unittest.TestCase):
         for arguments, text in [(["-"], "-"), (["--like", "-"], "-"), ([","], ",")]:
             self.assertIn(f'Nearest to "{text}"', self.answer(*arguments))
 
-    def test_help_and_check_options(self):
+    def test_help(self):
         for option in "k letter length nprobe without insert full prompt data like".split():
             self.assertIn("--" + option, self.answer("--help"))
         self.assertEqual(self.answer("-h"), self.answer("--help"))
-        self.assertEqual(self.answer("king", "--check-options"), "")
-        self.refuse("king", "--check-options", "--k", "0")
 
     def test_bad_arguments(self):
         for option in ("--k", "--nprobe", "--length"):
@@ -175,18 +172,17 @@ class WordsTest(unittest.TestCase):
                 ("a letter", ["--letter", "qq"], ["--letter", ""], ["--letter", "é"]),
                 ("unknown option", ["--unknown"], ["-x"], ["-xy"]), ("un?known", ["--un\nknown"]),
                 ("needs a value", ["king", "--k"]), ("no value", ["king", "--prompt=yes"]),
-                ("no word", ["king", "--prompt"], [" "], ["king +"]), ("exclude", ["--full"]),
-                ("needs a word", ["--letter", "q"], ["--length", "3"]), ("empty", [""]),
+                ("no word", ["king", "--prompt"], [" "], ["king +"]),
+                ("need a word", ["--letter", "q"], ["--length", "3"]), ("empty", [""]),
                 ("adds up to nothing", ["king - king"]), ("+ or -", ["king man"], ["king a b"]),
                 ("more than", [" + ".join(["king"] * 40)]),
-                ('did you mean "king"?', ["kign"], ["kking"], ["kin9"]),
-                ('did you mean "queen"?', ["king", "--without", "quen"], ["--insert", "quen"]),
-                ("is not among", ["xzqxzqxzqxzq"], ["x" * 100000], ["\udcff\udcfe"]),
+                ("is not among", ["kign"], ["king", "--without", "quen"], ["--insert", "quen"],
+                 ["xzqxzqxzqxzq"], ["x" * 100000], ["\udcff\udcfe"]),
                 ('"a?[31m"', ["a\x1b[31m"])]:
             for arguments in lines:
                 self.refuse(*arguments, says=says)
         for path in (FOLDER.name, FOLDER.name + "/missing", ""):
-            self.refuse("king", data=path, says="cannot read")
+            self.refuse("king", data=path, says="cannot be read")
         self.refuse("king", data="/missing\n\x1b[31m", says="missing??[31m")
 
     def test_output_that_is_not_read_or_cannot_be_written(self):
@@ -217,71 +213,34 @@ class WordsTest(unittest.TestCase):
                 for count in (0, 2**31 - 1, 2**31, 2**32 - 1)]
         bad += [(file_bytes(two, [[1, 0], [value, 1]]), "not finite")
                 for value in (math.inf, -math.inf, math.nan)]
-        bad += [(file_bytes(["king", word], units), "is damaged: the word")
+        bad += [(file_bytes(["king", word], units), "the word")
                 for word in ("", "king", "a b", "a\x1b[2J", "\u0085")]
         for content, says in bad + [(file_bytes([], []), "no words")]:
             self.refuse("king", data=write("bad", content), says=says)
 
-    def package(self, **changes):
-        rows = {"king": [3, 4], "queen": [4, 3], "car": [-1, 0.5], "the": [0.25, 1e-3]}
+    def test_word_files_are_made_of_a_package(self):
+        rows = {"king": [3, 4], "qu]": [4, 3], "car": [-1, 0.5]}
         vectors = {word: row + [math.hypot(*row), i] for i, (word, row) in enumerate(rows.items())}
-        members = {"precision": 8, "dimensions": 2, "words": list(rows), "vectors": vectors,
-                   "unkVector": [0, 0, 0, -1], "other": {"deep": [{"words": [None, True, "x"]}]}}
-        return json.dumps({name: value for name, value in (members | changes).items()
-                           if value is not None})
-
-    def test_packages(self):
-        rows = json.loads(self.package())["vectors"]
-        expected = [("queen", 0.96), ("the", 0.6032), ("car", -0.1789)]
-        for vectors in (rows, dict(reversed(rows.items()))):
-            path = write("good.json", self.package(vectors=vectors).encode())
-            self.assertEqual(columns(self.answer("king", data=path))[0][0], expected)
-        rows.pop("car")
-        path = write("good.json", self.package(vectors=rows).encode())
-        output = self.answer("king", data=path)
-        self.assertIn("1 without a vector skipped", output)
-        self.assertEqual(columns(output)[0][0], expected[:2])
-
-    def test_damaged_packages(self):
-        text = self.package()
-        rows, words = json.loads(text)["vectors"], '"words": ["king", "queen", "car", "the"], '
-        vectors = text[text.index('"vectors"'):text.index('"unk')]
-        bad = [text[:length] for length in range(1, len(text), 7)]
-        bad += ["{", "{}", "{]", '{"words": }', '{"words": [}', "{'a': 1}", "{\0}", "{}{}",
-                '{"a": ' + "[" * 100000, text.replace("[3, 4", "[3e999, 4"),
-                text.replace(words, words + words), text.replace(vectors, vectors + vectors),
-                text.replace(words, words + '"dimensions": 2, '),
-                text.replace(words, "").replace('"unk', words + '"unk'),
-                text.replace('"vectors": {', '"vectors": {"king": [1, 2, 3, 0], ')]
-        bad += [self.package(dimensions=value)
-                for value in (0, -1, 3, 1, 4096, 1.5, 1e300, 2**31, "2", None, True, [2])]
-        bad += [self.package(vectors=rows | {"king": row}) for row in (
-            [], [1], [3, 4, 5, 0, 0], [3, 4, 5, 1], [3, 4, 5, -1], [3, 4, 5, 9], [3, 4, 5, 0.5],
-            [3, 4, 5, 1e300], [1e39, 4, 5, 0], [3, "4", 5, 0], [3, None, 5, 0], [3, [4], 5, 0],
-            [True, 4, 5, 0], {"a": 1}, "x", 7)]
-        bad += [self.package(words=value) for value in (
-            {}, "king", [1], [["king"]], [], None, ["king"] * 1000)]
-        bad += [self.package(vectors=value) for value in ([], [[3, 4, 5, 0]], None, 3)]
-        for package in bad:
-            self.refuse("king", data=write("bad", package.encode()), says="not the words' JSON")
-        for text in (b"[]", b"null", b"words"):
-            self.refuse("king", data=write("bad", text), says="is not a word file")
-
-    def test_sample_is_made_of_a_package(self):
-        good = write("good.json", self.package().encode())
+        package = {"precision": 8, "dimensions": 2, "words": [*rows, "none"],
+                   "vectors": dict(reversed(vectors.items())), "unkVector": [0, 0, 0, -1]}
         target = pathlib.Path(FOLDER.name, "made")
-        short = write("short.json", self.package(dimensions=3).encode())
-        command = [sys.executable, HERE / "make_sample.py"]
-        for arguments in ([], [good], [good, target, "0"], [good, target, "x"], [good, target, "5"],
-                          [write("bad", b'{"words": ['), target, "1"], [short, target, "1"],
-                          ["missing", target], [good, target / "x", "1"]):
-            result = subprocess.run(command + arguments, capture_output=True, check=False)
-            self.assertRegex(result.stderr, rb"\Amake_sample.py: [^\n]+\n\Z")
-            self.assertEqual((result.returncode, target.exists()), (1, False), arguments)
-        for _ in range(2):
-            subprocess.run(command + [good, target, "3"], check=True)
-            self.assertEqual(target.read_bytes(), file_bytes(["king", "queen", "car"],
-                                                             [[3, 4], [4, 3], [-1, 0.5]]))
+
+        def make(*arguments, **changes):
+            source = write("package.json", json.dumps(package | changes, indent=1).encode())
+            return subprocess.run([sys.executable, HERE / "make_words.py", source, *arguments],
+                                  capture_output=True, text=True, check=False)
+
+        for result in (make(), make(target, "x"), make(target, "4"), make(target / "x"),
+                       make(target, dimensions=3), make(target, words=["king"] * 4),
+                       make(target, vectors=[]), make(target, vectors={"king": [3, "4", 5, 0]}),
+                       make(target, vectors={"king": [1e9, 4, 5, 0]})):
+            self.assertRegex(result.stderr, r"\Amake_words.py: [^\n]+\n\Z")
+            self.assertEqual((result.returncode, target.exists()), (1, False))
+        for count in ("3", "2"):
+            self.assertEqual((make(target, count).stderr, target.read_bytes()), (
+                "", file_bytes(list(rows)[:int(count)], list(rows.values())[:int(count)])))
+        self.assertEqual((make(target).stderr, target.read_bytes()),
+                         ("", file_bytes(list(rows), list(rows.values()))))
 
     def test_steps(self):
         blocks = columns(self.answer("--k", "3", data=SAMPLE))
@@ -334,17 +293,16 @@ class WordsTest(unittest.TestCase):
         mistakes = ["kign", "king --letter qq", "--letter q", "king --length x", "king --k 0",
                     "--without kign", "queen man", "--insert kign", "--nprobe 0", "--nprobe",
                     "king - king", "king +", "+ king king", "x" * 5000, "king " * 300, "\x1b[31m",
-                    "king\0man", "--full", "--prompt", "--data x"]
+                    "king\0man", "--prompt", "--data x"]
         result = run("--prompt", lines="\n".join([*mistakes, "king"]))
         self.assertEqual((result.returncode, result.stderr.count("\n")), (0, len(mistakes)))
         self.assertTrue(all(line.startswith("words: ") for line in result.stderr.splitlines()))
-        self.assertIn('did you mean "king"?', result.stderr)
         self.assertNotIn("\x1b", result.stderr)
         self.assertIn('Nearest to "king"', result.stdout)
 
     def test_terminal(self):
         for arguments, lines, shown in [
-                ([], "king --letter q\nkign\nquit\n", ["qx_index_has_ivf", "> ", "did you mean"]),
+                ([], "king --letter q\nkign\nquit\n", ["qx_index_has_ivf", "> ", "is not among"]),
                 (["--prompt"], "\x04", ["> "]), (["king"], "", ["queen"])]:
             master, slave = pty.openpty()
             with subprocess.Popen([PROGRAM, "--data", SMALL, *arguments], stdin=slave,

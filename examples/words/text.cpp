@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cuchar>
 #include <cwctype>
+#include <iomanip>
 #include <iterator>
 #include <sstream>
 
@@ -50,10 +51,7 @@ bool is_word(std::string_view text) {
   });
 }
 
-std::size_t characters(std::string_view text) {
-  const auto begins = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0u) != 0x80; };
-  return static_cast<std::size_t>(std::ranges::count_if(text, begins));
-}
+std::size_t characters(std::string_view text) { return split_characters(text).size(); }
 
 std::string left(std::string_view text, std::size_t width) {
   const std::vector<Character> all = split_characters(text);
@@ -78,9 +76,9 @@ std::vector<std::string> split(const std::string& text) {
 }
 
 std::string decimal(double number, int digits) {
-  std::array<char, 64> buffer{};
-  std::snprintf(buffer.data(), buffer.size(), "%.*f", digits, number);
-  return buffer.data();
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(digits) << number;
+  return text.str();
 }
 
 std::string grouped(std::int64_t number) {

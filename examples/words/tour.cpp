@@ -1,7 +1,5 @@
 // Walks through the searches and through changes, and ends with the table of costs. Words that a
 // file lacks are replaced by others.
-#include "tour.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <functional>
@@ -9,7 +7,6 @@
 #include <set>
 
 #include "answer.h"
-#include "progress.h"
 #include "text.h"
 
 namespace {
@@ -178,19 +175,15 @@ class Tour {
     const std::int32_t chosen = search_.nprobe;
     std::set<std::int32_t> tried = {chosen, search_.lists.count()};
     for (std::int32_t n = 1; n <= search_.lists.count() / 2; n *= 4) tried.insert(n);
-    const std::vector<std::int64_t> ids = words_.spread(200);
     say("   lists scanned    recall      time    (the share of the 10 nearest that is found; "
         "means)");
-    Progress progress("Comparing IVF with exact search", ids.size() * tried.size());
-    for (const std::int32_t n : tried) {
-      search_.set_nprobe(n);
-      print_recall(n, ids, progress);
-    }
+    for (const std::int32_t n : tried) print_recall(n, words_.spread(200));
     search_.set_nprobe(chosen);
     print_columns({asker(king_).full("every word"), asker(king_).ivf()}, words_);
   }
 
-  void print_recall(std::int32_t nprobe, const std::vector<std::int64_t>& ids, Progress& progress) {
+  void print_recall(std::int32_t nprobe, const std::vector<std::int64_t>& ids) {
+    search_.set_nprobe(nprobe);
     double wanted = 0;
     double met = 0;
     double time = 0;
@@ -202,7 +195,6 @@ class Tour {
         met += std::ranges::count(hits.ids, exact.id) > 0;
         ++wanted;
       }
-      progress.advance();
     }
     say(right(std::to_string(nprobe), 16) + right(decimal(100 * met / wanted, 1), 8) + " %" +
         right(time_text(time / static_cast<double>(ids.size())), 10));

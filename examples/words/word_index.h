@@ -21,9 +21,6 @@ struct Lists {
   std::int32_t count() const { return static_cast<std::int32_t>(std::ssize(offsets) - 1); }
 };
 
-// Groups words around as many directions, by k-means; the same words always give the same lists.
-Lists make_lists(const Words& words, std::int64_t count);
-
 struct WordIndex {
   // Loads and attaches everything. Searches scan a tenth of the lists.
   explicit WordIndex(Words&& given);

@@ -1,12 +1,76 @@
-// Words and vectors in memory; word_file.cpp reads them from files.
+// Nothing in a file is trusted: every count is checked against its size.
 #include "words.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <fstream>
 #include <functional>
 #include <numeric>
+#include <sstream>
 
 #include "text.h"
+
+namespace {
+
+void check(bool condition, const std::string& reason) {
+  if (!condition) throw UserError(reason);
+}
+
+// The bits of a half are those of a float with fewer, and an exponent that begins 112 higher.
+float half_to_float(std::uint32_t half) {
+  check((half & 0x7C00u) != 0x7C00u, "it holds a number that is not finite");
+  return std::bit_cast<float>((half & 0x8000u) << 16 | (half & 0x7FFFu) << 13) * 0x1p112f;
+}
+
+// A file as data/README.md describes it.
+struct WordFile {
+  explicit WordFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    check(file.is_open() && content << file.rdbuf(), "it cannot be read");
+    bytes = content.str();
+    check(bytes.size() >= 32 && bytes.starts_with("QXWORDS\n"), "it does not begin like one");
+    check(number_at(8, 4) == 1, "it has another version than 1");
+    const std::uint64_t count = number_at(12, 4);
+    dim = static_cast<std::int32_t>(number_at(16, 4));
+    vectors = 32 + number_at(20, 4);
+    check(dim >= 1 && dim <= 4096, "its dimension is absurd");
+    check(bytes.size() == vectors + 2 * count * static_cast<std::uint64_t>(dim),
+          "it has not the bytes that its counts need");
+    check(crc32(std::string_view(bytes).substr(32)) == number_at(24, 4),
+          "its checksum does not match");
+    check(vectors == 32 || bytes[vectors - 1] == '\n', "its last word has no end");
+    std::istringstream lines(bytes.substr(32, vectors - 32));
+    for (std::string word; std::getline(lines, word);) words.push_back(word);
+    check(words.size() == count, "its words are not as many as it says");
+  }
+
+  std::uint32_t number_at(std::size_t at, std::size_t size) const {
+    std::uint32_t number = 0;
+    for (std::size_t i = size; i-- > 0;) {
+      number = number << 8 | static_cast<unsigned char>(bytes[at + i]);
+    }
+    return number;
+  }
+
+  // The checksum of zip and PNG files.
+  static std::uint32_t crc32(std::string_view bytes) {
+    std::uint32_t sum = ~0u;
+    for (const char byte : bytes) {
+      sum ^= static_cast<unsigned char>(byte);
+      for (int bit = 0; bit < 8; ++bit) sum = (sum >> 1) ^ ((sum & 1u) * 0xEDB88320u);
+    }
+    return ~sum;
+  }
+
+  std::string bytes;
+  std::int32_t dim;
+  std::size_t vectors;  // where they begin
+  std::vector<std::string> words;
+};
+
+}  // namespace
 
 bool normalise(std::span<float> vector) {
   const double squares =
@@ -23,22 +87,23 @@ std::vector<std::int64_t> first_ids(std::int64_t count) {
   return ids;
 }
 
-Words::Words(const std::string& path) {
-  WordFile file = read_words(path);
+Words::Words(const std::string& path) try {
+  const WordFile file(path);
   dim_ = file.dim;
-  const auto width = static_cast<std::size_t>(dim_);
-  vectors_.reserve(file.vectors.size());
+  std::vector<float> vector(static_cast<std::size_t>(dim_));
   for (std::size_t i = 0; i < file.words.size(); ++i) {
-    const std::span<float> vector = std::span(file.vectors).subspan(i * width, width);
-    const bool plain = is_word(file.words[i]);
-    if (!plain || ids_.contains(file.words[i])) {
-      throw UserError(in_quotes(path, kLongestPath) + " is damaged: the word " +
-                      in_quotes(file.words[i]) + (plain ? " appears twice" : " is not plain text"));
+    const std::string& word = file.words[i];
+    check(is_word(word), "the word " + in_quotes(word) + " is not plain text");
+    check(!ids_.contains(word), "the word " + in_quotes(word) + " appears twice");
+    for (std::size_t j = 0; j < vector.size(); ++j) {
+      vector[j] = half_to_float(file.number_at(file.vectors + 2 * (i * vector.size() + j), 2));
     }
-    if (normalise(vector)) add(file.words[i], vector);
+    if (normalise(vector)) add(word, vector);
   }
   skipped_ = std::ssize(file.words) - size();
-  if (words_.empty()) throw UserError(in_quotes(path, kLongestPath) + " has no words");
+  check(!words_.empty(), "it has no words");
+} catch (const UserError& problem) {
+  throw UserError(in_quotes(path, kLongestPath) + " is not a word file: " + problem.what());
 }
 
 std::span<const float> Words::vector(std::int64_t id) const {
@@ -67,12 +132,9 @@ std::optional<std::int64_t> Words::find(const std::string& word) const {
 }
 
 std::int64_t Words::require(const std::string& typed) const {
-  const std::string small = lower_case(typed);
   if (const auto id = find(typed)) return *id;
-  if (const auto id = find(small)) return *id;
-  const std::string similar = most_similar(small);
-  throw UserError(in_quotes(typed) + " is not among the " + grouped(size()) + " words" +
-                  (similar.empty() ? "" : "; did you mean " + in_quotes(similar) + "?"));
+  if (const auto id = find(lower_case(typed))) return *id;
+  throw UserError(in_quotes(typed) + " is not among the " + grouped(size()) + " words");
 }
 
 std::int64_t Words::add(const std::string& word, std::span<const float> vector) {
@@ -80,26 +142,6 @@ std::int64_t Words::add(const std::string& word, std::span<const float> vector) 
   words_.push_back(word);
   vectors_.insert(vectors_.end(), vector.begin(), vector.end());
   return size() - 1;
-}
-
-// The most frequent of the words that one step makes: a byte left out, swapped with the next one,
-// replaced or added.
-std::string Words::most_similar(const std::string& word) const {
-  std::int64_t best = size();
-  const auto consider = [&](std::size_t at, std::size_t bytes, const std::string& instead) {
-    if (at + bytes > word.size()) return;
-    best = std::min(best, find(std::string(word).replace(at, bytes, instead)).value_or(best));
-  };
-  if (word.size() < 2 || word.size() > 32) return "";
-  for (std::size_t at = 0; at <= word.size(); ++at) {
-    consider(at, 1, "");
-    if (at + 1 < word.size()) consider(at, 2, {word[at + 1], word[at]});
-    for (char letter = 'a'; letter <= 'z'; ++letter) {
-      consider(at, 1, {letter});
-      consider(at, 0, {letter});
-    }
-  }
-  return best == size() ? "" : words_[static_cast<std::size_t>(best)];
 }
 
 std::int64_t Words::letter(std::int64_t id) const {

@@ -11,17 +11,6 @@
 #include <unordered_map>
 #include <vector>
 
-// The words of a file, the most frequent first, and dim floats for each.
-struct WordFile {
-  std::int32_t dim = 0;
-  std::vector<std::string> words;
-  std::vector<float> vectors;
-};
-
-// Reads words as data/README.md describes them, or the package's JSON. Throws a UserError where the
-// file cannot be read, is neither, or is damaged: nothing in it is trusted.
-WordFile read_words(const std::string& path);
-
 // Scales a vector to length 1. Returns false, with nothing changed, if it has no length.
 bool normalise(std::span<float> vector);
 
@@ -33,8 +22,9 @@ constexpr std::int64_t kOtherLetter = '#';
 
 class Words {
  public:
-  // An id is a word's place in the file, without the words that have no vector. All vectors have
-  // length 1, so that an inner product of two is their cosine.
+  // Reads a file as data/README.md describes it. Throws a UserError where it cannot be read or is
+  // damaged: nothing in it is trusted. An id is a word's place in the file, without the words that
+  // have no vector. All vectors have length 1, so that an inner product of two is their cosine.
   explicit Words(const std::string& path);
 
   std::int32_t dim() const { return dim_; }
@@ -47,7 +37,7 @@ class Words {
   std::vector<std::int64_t> spread(std::int64_t count) const;
 
   std::optional<std::int64_t> find(const std::string& word) const;
-  // The same for what a user typed. Throws a UserError, with a suggestion, if there is none.
+  // The same for what a user typed. Throws a UserError if there is none.
   std::int64_t require(const std::string& typed) const;
   std::int64_t add(const std::string& word, std::span<const float> vector);
 
@@ -55,8 +45,6 @@ class Words {
   std::int64_t length(std::int64_t id) const;  // in characters
 
  private:
-  std::string most_similar(const std::string& word) const;
-
   std::int32_t dim_;
   std::vector<std::string> words_;
   std::vector<float> vectors_;

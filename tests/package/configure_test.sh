@@ -8,15 +8,8 @@ compiler=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 no_gtest=-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON
-no_json=-DCMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON
 no_c=-DCMAKE_C_COMPILER=
 no_python=-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON
-# The words want nlohmann_json before Python; one that is found and never built is enough.
-mkdir "$work/json"
-echo 'add_library(nlohmann_json::nlohmann_json INTERFACE IMPORTED)' \
-  >"$work/json/nlohmann_jsonConfig.cmake"
-echo 'set(PACKAGE_VERSION_COMPATIBLE TRUE)' >"$work/json/nlohmann_jsonConfigVersion.cmake"
-json=-Dnlohmann_json_DIR=$work/json
 
 fail() {
   echo "configure_test: $*" >&2
@@ -44,19 +37,17 @@ refuses() {
 
 leaves_out "GoogleTest: the tests of the library
 a C compiler: examples/c
-nlohmann_json 3.10 or later: examples/words" "$no_gtest" "$no_json" "$no_c" "$no_python"
-# With these alone, no test and no example is a target.
+Python: the test words_command_line" "$no_gtest" "$no_c" "$no_python"
+# With these alone, no test and no example in C is a target.
 targets=$(cmake --build "$work/build" --target help)
-! grep -E '_tests|example_|words' <<<"$targets" || fail "there are targets of tests or examples"
+! grep -E '_tests|example_' <<<"$targets" || fail "there are targets of tests or of examples in C"
 grep -q qx_runtime <<<"$targets" || fail "the library is no target"
 
-leaves_out "Python: the test words_command_line" "$no_gtest" "$json" "$no_python"
 refuses GoogleTest -DQX_BUILD_TESTS=ON "$no_gtest"
 refuses "a C compiler" -DQX_BUILD_EXAMPLES=ON "$no_c"
-refuses "nlohmann_json 3.10 or later" -DQX_BUILD_EXAMPLES=ON "$no_json"
-refuses Python -DQX_BUILD_TESTS=ON "$json" "$no_python"
+refuses Python -DQX_BUILD_TESTS=ON "$no_python"
 
 # The packages of parts that are OFF are not searched for, and not named.
-configure -DQX_BUILD_TESTS=OFF -DQX_BUILD_EXAMPLES=OFF "$no_gtest" "$no_json" "$no_c" ||
+configure -DQX_BUILD_TESTS=OFF -DQX_BUILD_EXAMPLES=OFF "$no_gtest" "$no_c" ||
   fail "the library alone cannot be configured"
 ! grep -F 'left out' "$work/log" || fail "something is left out that nobody asked for"
