@@ -220,15 +220,20 @@ class Excused:
         place, names = found[0]
         lines = {source.line_of(place + i) for i, (sign, _) in enumerate(code) if sign == "-"}
         mutants = [mutant for mutant in source.mutants if mutant.number in lines]
-        if any(sign == "+" for sign, _ in entry.hunk):
+        for at, (sign, changed) in enumerate(entry.hunk):
+            if sign != "+":
+                continue
             wanted = [names.get(token.text, token.text) if token.is_name else token.text
-                      for sign, line in entry.hunk if sign != "-" for token in tokens_of(line)]
-            mutants = [m for m in mutants if source.makes(m, place, len(pattern), wanted)]
-            self.reasons.update(dict.fromkeys(mutants, entry.reason))
-        else:
+                      for i, (sign, line) in enumerate(entry.hunk) if i == at or sign == " "
+                      for token in tokens_of(line)]
+            found = [m for m in mutants if source.makes(m, place, len(pattern), wanted)]
+            self.reasons.update(dict.fromkeys(found, entry.reason))
+            if not found:
+                self.problems.append(f"listed, but line {min(lines)} has no mutant {changed}")
+        if "+" not in {sign for sign, _ in entry.hunk}:
             self.blocks.append(LeftOut(source.file, min(lines), max(lines), entry.reason, mutants))
-        if not mutants:
-            self.problems.append(f"listed, but line {min(lines)} has no such mutant: {shown}")
+            if not mutants:
+                self.problems.append(f"listed, but line {min(lines)} has no mutant: {shown}")
 
     def left_out(self):
         return {mutant for block in self.blocks for mutant in block.mutants}

@@ -38,8 +38,10 @@ def changes(code, entries=ENTRY):
 
 
 class Entries(unittest.TestCase):
-    def test_excuse_one_mutant(self):
+    def test_excuse_the_mutant_of_each_changed_line(self):
         self.assertEqual((["if (key > 1) {"], []), changes(CODE))
+        both = ENTRY.replace("+ if", "+ if (key <= 0) {\n+ if")
+        self.assertEqual((["if (key <= 0) {", "if (key > 1) {"], []), changes(CODE, both))
 
     def test_survive_better_names(self):
         renamed = CODE.replace("key", "id").replace("find", "lookup").replace("ahead", "kDistance")
@@ -88,7 +90,7 @@ struct Map {
         self.assert_problem("2 pieces", CODE + CODE)
 
     def test_are_errors_where_no_mutant_makes_the_changed_line(self):
-        self.assert_problem("no such mutant", CODE, ENTRY.replace("> 1", "> 2"))
+        self.assert_problem("has no mutant", CODE, ENTRY.replace("> 1", "> 2"))
 
     def test_are_errors_in_a_file_that_is_not_there(self):
         self.assert_problem("0 pieces", CODE, ENTRY.replace("map.h", "maps.h"))
