@@ -43,9 +43,15 @@ def unnamed():
         name = str(path.relative_to("engine"))
         if path.suffix in SOURCES and f"`{name}`" not in pathlib.Path("engine/README.md").read_text():
             yield f"{path}: not named in engine/README.md"
-    for path in sorted(pathlib.Path("checks").iterdir()):
-        if path.name != "README.md" and f"`{path.name}`" not in pathlib.Path("checks/README.md").read_text():
-            yield f"{path}: not named in checks/README.md"
+    readme = pathlib.Path("checks/README.md").read_text()
+    listed = re.findall(r"^check-(\S+)\n(?:.+\n)*proves ", pathlib.Path("scripts/commands.txt").read_text(),
+                        re.MULTILINE)
+    programs = [path for path in sorted(pathlib.Path("checks").iterdir()) if path.is_file()]
+    for path in programs:
+        if path.name not in [*listed, "README.md"] and f"`{path.name}`" not in readme:
+            yield f"{path}: not named in scripts/commands.txt or checks/README.md"
+    for name in set(listed) - {path.name for path in programs}:
+        yield f"scripts/commands.txt: there is no check {name}"
 
 
 # What the files of a layer of the engine may include: their own layer and those below.
