@@ -3,8 +3,7 @@
     hostile_calls.py [--calls N] [--seed S] [--processes P]
 
 A hostile call must raise TypeError, ValueError or MemoryError and change nothing; a good one must
-answer as the model, in every bit. In one call sequence of fifty, threads share the index, and
-one of them keeps writing into the arrays that another passes to it.
+answer as the model, in every bit.
 """
 
 import argparse
@@ -14,7 +13,6 @@ import multiprocessing
 import random
 import resource
 import sys
-import threading
 import time
 
 import numpy as np
@@ -224,83 +222,13 @@ class HostileSequence(CallSequence):
         return self.calls
 
 
-class SharedCallSequence:
-    """Threads share an index while another changes the arrays that are passed to it."""
-
-    def __init__(self, seed):
-        self.rng = np.random.default_rng(seed)
-        self.index = qx_runtime.Index(3)
-        self.index.build(self.rng.integers(-9, 10, (300, 3)).astype(np.float32))
-        self.queries = self.rng.integers(-9, 10, (4, 3)).astype(np.float32)
-        self.expected = [self.index.search(query, 5).ids.tolist() for query in self.queries]
-        self.done = threading.Event()
-        self.errors = []
-
-    def thread(self, work, *arguments):
-        def guarded():
-            try:
-                work(*arguments)
-            except BaseException as error:  # reported by the thread that waits
-                self.errors.append(error)
-        return threading.Thread(target=guarded)
-
-    def ask(self, query, right):
-        for _ in range(40):
-            try:
-                assert self.index.search(query, 5).ids.tolist() == right
-                len(self.index.visible_ids()), self.index.metadata(np.arange(9))
-            except ValueError as error:
-                assert "closed" in str(error)
-
-    def change(self, arrays):
-        while not self.done.is_set():
-            for array in arrays:
-                array[...] = np.roll(array, 1)
-
-    def pass_arrays(self, offsets, ids):
-        rows = np.zeros((len(ids), 1), dtype=np.float32)
-        middles = np.zeros((len(offsets) - 1, 3), dtype=np.float32)
-        for number in range(60):
-            values = np.zeros((len(ids), 1 + number // 20), dtype=np.int64)
-            for call, *arguments in (
-                (qx_runtime.Index(1).build, rows, ids),
-                (self.index.set_ivf, number % 3, middles, np.arange(2), offsets, 9),
-                (lambda: self.index.search(self.queries[0], 9, ivf=number % 3),),
-                (self.index.delete, ids),
-                (self.index.set_metadata, ids, ids, values),
-            ):
-                try:
-                    call(*arguments)
-                except REFUSALS:
-                    pass
-
-    def play(self):
-        offsets = np.array([0, 1, 2, 2, 2, MOST32], dtype=np.int32)
-        ids = int_array([1, 2, 3, 1 << 39, -1])
-        threads = [self.thread(self.ask, *pair) for pair in zip(self.queries, self.expected)]
-        threads.append(self.thread(self.pass_arrays, offsets, ids))
-        changer = self.thread(self.change, [offsets, ids])
-        for thread in (*threads, changer):
-            thread.start()
-        if self.rng.random() < 0.3:
-            time.sleep(0.01)
-            self.index.close()
-        for thread in threads:
-            thread.join()
-        self.done.set()
-        changer.join()
-        if self.errors:
-            raise self.errors[0]
-        return 4 * 40 * 3 + 60 * 5
-
-
 def work(step, calls, state):
     """Plays the call sequences of every `step`-th seed, until the calls are made."""
     faulthandler.enable()
     np.seterr(all="ignore")
     resource.setrlimit(resource.RLIMIT_AS, (1 << 32, 1 << 32))
     while state[1] < calls:
-        state[1] += (HostileSequence if state[0] % 50 else SharedCallSequence)(state[0]).play()
+        state[1] += HostileSequence(state[0]).play()
         state[2] += 1
         state[0] += step
 

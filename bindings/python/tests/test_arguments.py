@@ -6,12 +6,14 @@ import pathlib
 import pickle
 import re
 import threading
+import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
 
 import qx_runtime
+from hostile_calls import LEAST32, MOST32, Liar
 from qx_runtime import _library
 
 
@@ -25,12 +27,6 @@ def ids(*numbers):
 
 def int32s(*numbers):
     return np.array(numbers, dtype=np.int32)
-
-
-class Liar(int):
-    """An integer that compares otherwise."""
-
-    __le__ = __ge__ = __lt__ = __gt__ = lambda self, other: True
 
 
 QUERY = np.ones(3, dtype=np.float32)
@@ -50,7 +46,6 @@ def index():
 
 
 ONES = np.ones(6, dtype=np.float32)
-MOST32, LEAST32 = (1 << 31) - 1, -(1 << 31)
 
 NO_QUERIES = [
     (None, TypeError, "numpy array of float32, not NoneType"),
@@ -217,9 +212,22 @@ def test_threads_share_an_index():
             found.append(index.search(query, 5).ids.tolist())
         return found
 
+    def ask_until_closed(query):
+        found = []
+        with pytest.raises(ValueError, match="closed"):
+            while True:
+                found.append(index.search(query, 5).ids.tolist())
+                index.visible_ids(), index.metadata(ids(1))
+        return found
+
     with ThreadPoolExecutor(len(queries)) as pool:
         assert list(pool.map(ask, queries)) == [[right] * 50 for right in expected]
-    assert index.snapshot == 400
+        assert index.snapshot == 400
+        asked = [pool.submit(ask_until_closed, query) for query in queries]
+        time.sleep(0.01)
+        index.close()
+        for done, right in zip(asked, expected):
+            assert all(found == right for found in done.result())
 
 
 def test_other_threads_go_on_during_a_call():
