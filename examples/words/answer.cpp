@@ -10,20 +10,9 @@
 
 namespace {
 
-constexpr std::size_t kMostFields = 31;  // 16 words
-constexpr int kRepetitions = 5;          // the first finds nothing in the caches
+constexpr int kRepetitions = 5;  // the first finds nothing in the caches
 constexpr std::size_t kWordWidth = 21;
 constexpr std::size_t kScoreWidth = 7;
-
-void check_form(const std::vector<std::string>& fields) {
-  if (fields.empty()) throw UserError("there is no word to look for");
-  if (fields.size() > kMostFields) throw UserError("the sum has more than 16 words");
-  for (std::size_t i = 1; i < fields.size(); i += 2) {
-    if (fields[i] == "+" || fields[i] == "-") continue;
-    throw UserError("between two words stands + or -, not " + in_quotes(fields[i]));
-  }
-  if (fields.size() % 2 == 0) throw UserError("no word follows the last sign");
-}
 
 // Prints the rank, and what the function makes of each column.
 void print_line(const std::vector<Column>& columns, const std::string& rank,
@@ -39,14 +28,19 @@ void print_line(const std::vector<Column>& columns, const std::string& rank,
 
 Query parse_query(const std::string& text, const Words& words) {
   const std::vector<std::string> fields = split(text);
-  check_form(fields);
+  if (fields.size() % 2 == 0) throw UserError("a sum begins and ends with a word");
   Query query{"", std::vector<float>(static_cast<std::size_t>(words.dim())), {}, 0};
   for (std::size_t i = 0; i < fields.size(); i += 2) {
+    const std::string sign = i == 0 ? "+" : fields[i - 1];
+    if (sign != "+" && sign != "-") {
+      throw UserError("between two words stands + or -, not " + in_quotes(sign));
+    }
     const std::int64_t id = words.require(fields[i]);
-    const float sign = i > 0 && fields[i - 1] == "-" ? -1.0f : 1.0f;
     std::ranges::transform(query.vector, words.vector(id), query.vector.begin(),
-                           [sign](float sum, float value) { return sum + sign * value; });
-    query.text += (i == 0 ? "" : " " + fields[i - 1] + " ") + words.word(id);
+                           [factor = sign == "-" ? -1.0f : 1.0f](float sum, float value) {
+                             return sum + factor * value;
+                           });
+    query.text += (i == 0 ? "" : " " + sign + " ") + words.word(id);
     query.ids.push_back(id);
   }
   // Less is what rounding leaves of words, whose length is 1, that cancel out.
@@ -81,29 +75,62 @@ void show_call(const std::string& name, const std::string& remark,
 
 Column Asker::ask(const std::string& title, const std::string& call, const Search& search) const {
   qx::Hits hits;
-  const double time = time_of(kRepetitions, [&] { hits = search(k_ + std::ssize(query_.ids)); });
+  const double time = time_of(kRepetitions, [&] { hits = search(k + std::ssize(query.ids)); });
   Column column{title, "qx_index_" + call, time, {}};
   for (const qx::Hit hit : hits) {
-    const bool asked = std::ranges::find(query_.ids, hit.id) != query_.ids.end();
-    if (!asked && std::ssize(column.hits) < k_) column.hits.push_back(hit);
+    const bool asked = std::ranges::find(query.ids, hit.id) != query.ids.end();
+    if (!asked && std::ssize(column.hits) < k) column.hits.push_back(hit);
   }
   return column;
+}
+
+Column Asker::full(const std::string& title) const {
+  return ask(title, "search_full",
+             [&](auto most) { return words.index.search_full(query.vector, most); });
+}
+
+Column Asker::partition(std::int64_t letter) const {
+  return ask(std::string("partition ") + static_cast<char>(letter), "search_partition",
+             [&](auto most) { return words.index.search_partition(letter, query.vector, most); });
+}
+
+Column Asker::ivf() const {
+  return ask(words.probes(), "search_ivf",
+             [&](auto most) { return words.index.search_ivf(kIvfKey, query.vector, most); });
 }
 
 // An IVF search sees the sealed base. What it finds is read again as it is now, four times as much,
 // since some may be deleted; words that were added are offered beside it.
 Column Asker::ivf_now() const {
-  return ask(probes(), "search_ivf + _mvcc", [&](std::int64_t k) {
-    std::vector<std::int64_t> ids = index_.search_ivf(kIvfKey, query_.vector, 4 * k).ids;
-    for (std::int64_t id = index_.size(); id < search_.words.size(); ++id) ids.push_back(id);
-    return index_.search_mvcc(ids, query_.vector, k);
+  return ask(words.probes(), "search_ivf + _mvcc", [&](std::int64_t most) {
+    Ids ids = words.index.search_ivf(kIvfKey, query.vector, 4 * most).ids;
+    for (std::int64_t id = words.index.size(); id < words.words.size(); ++id) ids.push_back(id);
+    return words.index.search_mvcc(ids, query.vector, most);
   });
+}
+
+Column Asker::now(const std::string& title, const Ids& ids) const {
+  return ask(title, "search_mvcc",
+             [&](auto most) { return words.index.search_mvcc(ids, query.vector, most); });
+}
+
+Column Asker::filtered(const std::string& title, const qx::Filter& filter) const {
+  return ask(title, "search_filtered",
+             [&](auto most) { return words.index.search_filtered(filter, query.vector, most); });
+}
+
+Column Asker::label(std::int64_t letter) const {
+  return filtered(std::string("label ") + static_cast<char>(letter), qx::Filter::label(letter));
+}
+
+Column Asker::length(std::int64_t characters) const {
+  return filtered(std::to_string(characters) + " characters", qx::Filter::column(0, characters));
 }
 
 // A search tests one thing. The host tests the other, and lists what passes both.
 Column Asker::label_and_length(std::int64_t letter, std::int64_t characters) const {
-  std::vector<std::int64_t> ids = index_.match_ids(qx::Filter::label(letter));
-  std::erase_if(ids, [&](auto id) { return search_.words.length(id) != characters; });
+  Ids ids = words.index.match_ids(qx::Filter::label(letter));
+  std::erase_if(ids, [&](auto id) { return words.words.length(id) != characters; });
   return now("both: " + grouped(std::ssize(ids)) + " words", ids);
 }
 
@@ -124,7 +151,7 @@ void print_columns(const std::vector<Column>& columns, const Words& words) {
 
 void answer(const WordIndex& search, const Query& query, std::int64_t k,
             std::optional<std::int64_t> letter, std::optional<std::int64_t> length) {
-  const Asker ask(search, query, k);
+  const Asker ask{search, query, k};
   const bool changed = search.index.mutated();
   std::vector<Column> columns;
   if (letter && length) {
@@ -135,11 +162,12 @@ void answer(const WordIndex& search, const Query& query, std::int64_t k,
     columns = {ask.label(*letter)};
     if (!changed) columns.push_back(ask.partition(*letter));
   } else if (changed) {
-    columns = {ask.visible("visible now"), ask.ivf_now(), ask.label(query.letter)};
+    columns = {ask.filtered("visible now", qx::Filter::all()), ask.ivf_now(),
+               ask.label(query.letter)};
   } else {
     columns = {ask.full("every word"), ask.ivf(), ask.partition(query.letter)};
   }
-  say("\nNearest to " + in_quotes(query.text) + ", by cosine; times are the median of " +
+  say("\nNearest to \"" + query.text + "\", by cosine; times are the median of " +
       std::to_string(kRepetitions) + " calls");
   print_columns(columns, search.words);
 }

@@ -5,7 +5,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "word_index.h"
@@ -37,57 +36,25 @@ struct Column {
   std::vector<qx::Hit> hits;
 };
 
-// One query, and each way to search for it.
-class Asker {
- public:
-  Asker(const WordIndex& search, Query query, std::int64_t k)
-      : search_(search), index_(search.index), query_(std::move(query)), k_(k) {}
+// One query, and the ways to search for it.
+struct Asker {
+  using Search = std::function<qx::Hits(std::int64_t k)>;
+  using Ids = std::vector<std::int64_t>;
 
-  Column full(const std::string& title) const {
-    return ask(title, "search_full", [&](auto k) { return index_.search_full(query_.vector, k); });
-  }
-  Column partition(std::int64_t letter) const {
-    return ask(std::string("partition ") + static_cast<char>(letter), "search_partition",
-               [&](auto k) { return index_.search_partition(letter, query_.vector, k); });
-  }
-  Column listed(const std::vector<std::int64_t>& ids) const {
-    return ask("listed ids", "scatter_topk",
-               [&](auto k) { return index_.scatter_topk(ids, query_.vector, k); });
-  }
-  Column ivf() const {
-    return ask(probes(), "search_ivf",
-               [&](auto k) { return index_.search_ivf(kIvfKey, query_.vector, k); });
-  }
+  Column ask(const std::string& title, const std::string& call, const Search& search) const;
+  Column full(const std::string& title) const;
+  Column partition(std::int64_t letter) const;
+  Column ivf() const;
   Column ivf_now() const;
-  Column now(const std::string& title, const std::vector<std::int64_t>& ids) const {
-    return ask(title, "search_mvcc",
-               [&](auto k) { return index_.search_mvcc(ids, query_.vector, k); });
-  }
-  Column filtered(const std::string& title, const qx::Filter& filter) const {
-    return ask(title, "search_filtered",
-               [&](auto k) { return index_.search_filtered(filter, query_.vector, k); });
-  }
-  Column visible(const std::string& title) const { return filtered(title, qx::Filter::all()); }
-  Column label(std::int64_t letter) const {
-    return filtered(std::string("label ") + static_cast<char>(letter), qx::Filter::label(letter));
-  }
-  Column length(std::int64_t characters) const {
-    return filtered(std::to_string(characters) + " characters", qx::Filter::column(0, characters));
-  }
+  Column now(const std::string& title, const Ids& ids) const;
+  Column filtered(const std::string& title, const qx::Filter& filter) const;
+  Column label(std::int64_t letter) const;
+  Column length(std::int64_t characters) const;
   Column label_and_length(std::int64_t letter, std::int64_t characters) const;
 
- private:
-  using Search = std::function<qx::Hits(std::int64_t k)>;
-  Column ask(const std::string& title, const std::string& call, const Search& search) const;
-  std::string probes() const {
-    return std::to_string(search_.nprobe) + " of " + std::to_string(search_.lists.count()) +
-           " IVF lists";
-  }
-
-  const WordIndex& search_;
-  const qx::Index& index_;
-  Query query_;
-  std::int64_t k_;
+  const WordIndex& words;
+  Query query;
+  std::int64_t k;
 };
 
 void print_columns(const std::vector<Column>& columns, const Words& words);

@@ -71,10 +71,9 @@ const std::map<std::string, void (*)(Options&, Text)> kSetters = {
     {"--letter", [](Options& o, Text text) { o.letter = parse_letter(text); }},
     {"--without", [](Options& o, Text text) { o.without.push_back(text); }},
     {"--insert", [](Options& o, Text text) { o.insert.push_back(text); }},
-    {"--length", [](Options& o, Text text) { o.length = parse_number("--length", text, 1, 1000); }},
-    {"--k", [](Options& o, Text text) { o.k = parse_number("--k", text, 1, 1000); }},
-    {"--nprobe",
-     [](Options& o, Text text) { o.nprobe = parse_number("--nprobe", text, 1, 999999); }}};
+    {"--length", [](Options& o, Text text) { o.length = parse_number("--length", text, 1000); }},
+    {"--k", [](Options& o, Text text) { o.k = parse_number("--k", text, 1000); }},
+    {"--nprobe", [](Options& o, Text text) { o.nprobe = parse_number("--nprobe", text, 999999); }}};
 
 void check_combinations(const Options& options) {
   const bool word = !options.text.empty();
@@ -88,19 +87,17 @@ void check_combinations(const Options& options) {
 Options parse_options(const std::vector<std::string>& arguments) {
   Options options;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& argument = arguments[i];
-    const std::string name = argument.substr(0, argument.find('='));
-    const bool has_value = name != argument;
-    if (!argument.starts_with("-") || argument == "-") {
-      add_words(options, argument);
+    const std::string& name = arguments[i];
+    if (!name.starts_with("-") || name == "-") {
+      add_words(options, name);
     } else if (kFlags.contains(name)) {
-      if (has_value) throw UserError(name + " takes no value");
       options.*kFlags.at(name) = true;
     } else if (!kSetters.contains(name)) {
       throw UserError("unknown option " + in_quotes(name) + "; ./demo --help lists them all");
+    } else if (++i == arguments.size()) {
+      throw UserError(name + " needs a value");
     } else {
-      if (!has_value && ++i == arguments.size()) throw UserError(name + " needs a value");
-      kSetters.at(name)(options, has_value ? argument.substr(name.size() + 1) : arguments[i]);
+      kSetters.at(name)(options, arguments[i]);
     }
   }
   if (!options.help) check_combinations(options);

@@ -129,8 +129,8 @@ class WordsTest(unittest.TestCase):
                 ("king - man + woman", "king - man + woman", ["all", None, "k"]),
                 ("--like king --like - --like man", "king - man", ["all", None, "k"]),
                 ("--like king --letter Q", "king", ["q", "q"]),
-                ("king --letter=#", "king", ["#", "#"]), ("king --length 6", "king", ["6"]),
-                ("king --length=5 --letter=q", "king", ["5q"]),
+                ("king --letter #", "king", ["#", "#"]), ("king --length 6", "king", ["6"]),
+                ("king --length 5 --letter q", "king", ["5q"]),
                 ("king --without queen --without PRINCE --nprobe 50", "king", ["left"] * 2 + ["k"]),
                 ("king --without king --letter q", "king", ["q"]),
                 ("king --without queen --insert queen", "king", ["all", None, "k"])]:
@@ -154,7 +154,6 @@ class WordsTest(unittest.TestCase):
         self.assertEqual(columns(output)[0][0], [("c", 0.7071)])
         self.refuse("b", data=zero, says="is not among the 2 words")
         self.assertIn("(nothing)", self.answer("king", "--length", "999"))
-        self.answer(" + ".join(["government"] * 16))
         for arguments, text in [(["-"], "-"), (["--like", "-"], "-"), ([","], ",")]:
             self.assertIn(f'Nearest to "{text}"', self.answer(*arguments))
 
@@ -171,11 +170,10 @@ class WordsTest(unittest.TestCase):
         for says, *lines in [
                 ("a letter", ["--letter", "qq"], ["--letter", ""], ["--letter", "é"]),
                 ("unknown option", ["--unknown"], ["-x"], ["-xy"]), ("un?known", ["--un\nknown"]),
-                ("needs a value", ["king", "--k"]), ("no value", ["king", "--prompt=yes"]),
-                ("no word", ["king", "--prompt"], [" "], ["king +"]),
+                ("needs a value", ["king", "--k"]),
+                ("no word", ["king", "--prompt"]), ("with a word", [" "], ["king +"], ["king man"]),
                 ("need a word", ["--letter", "q"], ["--length", "3"]), ("empty", [""]),
-                ("adds up to nothing", ["king - king"]), ("+ or -", ["king man"], ["king a b"]),
-                ("more than", [" + ".join(["king"] * 40)]),
+                ("adds up to nothing", ["king - king"]), ("+ or -", ["king a b"]),
                 ("is not among", ["kign"], ["king", "--without", "quen"], ["--insert", "quen"],
                  ["xzqxzqxzqxzq"], ["x" * 100000], ["\udcff\udcfe"]),
                 ('"a?[31m"', ["a\x1b[31m"])]:

@@ -3,60 +3,41 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstdio>
-#include <cuchar>
+#include <cstdlib>
 #include <cwctype>
 #include <iomanip>
 #include <iterator>
 #include <sstream>
 
-namespace {
-
-struct Character {
-  std::string_view bytes;
-  bool printable;  // it is UTF-8, and controls no terminal
-  bool blank;
-};
-
-// Bytes that are not UTF-8 count as characters of their own.
-std::vector<Character> split_characters(std::string_view text) {
-  std::vector<Character> result;
-  while (!text.empty()) {
-    char32_t code = 0;
-    std::mbstate_t state{};
-    const std::size_t read = std::mbrtoc32(&code, text.data(), text.size(), &state);
-    const std::size_t bytes = read > text.size() || read == 0 ? 1 : read;
-    result.push_back({text.substr(0, bytes), read <= text.size() && std::iswcntrl(code) == 0,
-                      std::iswspace(code) != 0});
-    text.remove_prefix(bytes);
-  }
-  return result;
-}
-
-}  // namespace
-
 std::string in_quotes(std::string_view text, std::size_t longest) {
-  const std::vector<Character> all = split_characters(text);
-  std::string result = "\"";
-  for (std::size_t i = 0; i < std::min(all.size(), longest); ++i) {
-    result += all[i].printable ? all[i].bytes : "?";
+  std::string shown(text.substr(0, longest));
+  std::ranges::replace_if(
+      shown, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
+  return '"' + shown + (text.size() > longest ? "...\"" : "\"");
+}
+
+bool is_word(const std::string& text) {
+  std::wstring wide(text.size(), L'\0');
+  const std::size_t length = std::mbstowcs(wide.data(), text.c_str(), wide.size());
+  return length > 0 && length == characters(text) &&
+         std::all_of(wide.begin(), wide.begin() + static_cast<std::ptrdiff_t>(length),
+                     [](wchar_t character) { return std::iswgraph(character) != 0; });
+}
+
+std::size_t characters(std::string_view text) {
+  const auto begins = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0u) != 0x80; };
+  return static_cast<std::size_t>(std::ranges::count_if(text, begins));
+}
+
+std::string left(std::string text, std::size_t width) {
+  if (characters(text) > width) {
+    while (characters(text) > width - 2) text.pop_back();
+    text += "..";
   }
-  return result + (all.size() > longest ? "...\"" : "\"");
-}
-
-bool is_word(std::string_view text) {
-  return !text.empty() && std::ranges::all_of(split_characters(text), [](const Character& one) {
-    return one.printable && !one.blank;
-  });
-}
-
-std::size_t characters(std::string_view text) { return split_characters(text).size(); }
-
-std::string left(std::string_view text, std::size_t width) {
-  const std::vector<Character> all = split_characters(text);
-  if (all.size() <= width) return std::string(text) + std::string(width - all.size(), ' ');
-  return std::string(text.begin(), all[width - 2].bytes.begin()) + "..";
+  return text + std::string(width - characters(text), ' ');
 }
 
 std::string right(const std::string& text, std::size_t width) {
@@ -65,7 +46,7 @@ std::string right(const std::string& text, std::size_t width) {
 
 std::string lower_case(std::string text) {
   for (char& letter : text) {
-    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
   }
   return text;
 }
@@ -95,14 +76,13 @@ std::string time_text(double nanoseconds) {
   return decimal(nanoseconds, digits) + kUnits[unit];
 }
 
-std::int64_t parse_number(const std::string& what, const std::string& text, std::int64_t smallest,
-                          std::int64_t largest) {
+std::int64_t parse_number(const std::string& what, const std::string& text, std::int64_t most) {
   std::int64_t number = 0;
   const char* const end = text.data() + text.size();
   const auto [read, error] = std::from_chars(text.data(), end, number);
-  if (error == std::errc() && read == end && number >= smallest && number <= largest) return number;
-  throw UserError(what + " takes a whole number from " + std::to_string(smallest) + " to " +
-                  std::to_string(largest) + ", not " + in_quotes(text));
+  if (error == std::errc() && read == end && number >= 1 && number <= most) return number;
+  throw UserError(what + " takes a whole number from 1 to " + std::to_string(most) + ", not " +
+                  in_quotes(text));
 }
 
 void say(std::string line) {

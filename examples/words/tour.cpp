@@ -164,8 +164,10 @@ class Tour {
     const Asker king = asker(king_);
     const std::int64_t letter = parse_query(queen_, words_).letter;
     step("Search the sealed base for " + in_quotes(king_) + ": all of it, a partition, listed ids");
-    print_columns({king.full("every word"), king.partition(letter), king.listed(some_ids())},
-                  words_);
+    const Column listed = king.ask("listed ids", "scatter_topk", [&](auto k) {
+      return search_.index.scatter_topk(some_ids(), king.query.vector, k);
+    });
+    print_columns({king.full("every word"), king.partition(letter), listed}, words_);
     step("Search words whose metadata pass a test: a label, the value of a column, or both");
     print_columns({king.label(letter), king.length(6), king.label_and_length(letter, 5)}, words_);
   }
@@ -205,16 +207,16 @@ class Tour {
     step("Delete " + in_quotes(queen_) +
          ": current reads see that, the sealed base stays as it is");
     show_call("qx_index_delete", queen_, [&] { search_.erase(queen); });
-    print_columns({asker(king_).visible("visible now"), asker(king_).full("still sealed"),
-                   asker(king_).now("listed ids", some_ids())},
+    print_columns({asker(king_).filtered("visible now", qx::Filter::all()),
+                   asker(king_).full("still sealed"), asker(king_).now("listed ids", some_ids())},
                   words_);
     const std::string sum = king_ + " - " + word("man", 1) + " + " + word("woman", 2);
     step("Insert it again, and a row that no word has: " + in_quotes(sum));
     show_call("qx_index_insert", queen_, [&] { search_.insert(queen); });
     const std::int64_t added = search_.add(sum, parse_query(sum, words_).vector);
     show_call("qx_index_insert", "the sum", [&] { search_.insert(added); });
-    print_columns({asker(king_).visible("visible now"), asker(king_).ivf_now(),
-                   asker(queen_).visible("near " + queen_)},
+    print_columns({asker(king_).filtered("visible now", qx::Filter::all()), asker(king_).ivf_now(),
+                   asker(queen_).filtered("near " + queen_, qx::Filter::all())},
                   words_);
   }
 

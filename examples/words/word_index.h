@@ -26,6 +26,9 @@ struct WordIndex {
   explicit WordIndex(Words&& given);
 
   void set_nprobe(std::int32_t lists_scanned);
+  std::string probes() const {
+    return std::to_string(nprobe) + " of " + std::to_string(lists.count()) + " IVF lists";
+  }
   void erase(std::int64_t id) { index.erase(std::span(&id, 1)); }
   void insert(std::int64_t id) { index.insert(words.vector(id), std::span(&id, 1)); }
   // Gives a new word metadata, and an id to insert.
