@@ -1,5 +1,6 @@
 """Reads include/qx_runtime.h: its overview, conventions and constants, and what it says of each function."""
 import dataclasses
+import itertools
 import pathlib
 import re
 
@@ -19,8 +20,7 @@ class Function:
 
 
 @dataclasses.dataclass
-class Constants:
-    """Some that belong together."""
+class Constants:  # some that belong together
     text: str
     named: list  # triples of a name, its value as it is written, and what is said beside it
 
@@ -40,39 +40,19 @@ def comment_lines(comment):
 
 
 def paragraphs(lines):
-    found, paragraph = [], []
-    for line in [*lines, ""]:
-        if line:
-            paragraph.append(line)
-        elif paragraph:
-            found.append(paragraph)
-            paragraph = []
-    return found
+    return [text.splitlines() for text in re.split(r"\n{2,}", "\n".join(lines).strip("\n")) if text]
 
 
 def joined(lines):
     return " ".join(line.strip() for line in lines)
 
 
-def blocks(lines, indent):
-    """Paragraphs of text; those that are indented further are kept as they are, as tuples."""
+def blocks(lines):
+    """Paragraphs of text; lines that are indented are kept as they are, as tuples."""
     found = []
     for paragraph in paragraphs(lines):
-        text = []
-        for line in paragraph:
-            plain = not line.startswith(" " * (indent + 2))
-            if plain:
-                text.append(line)
-                continue
-            if text:
-                found.append(joined(text))
-                text = []
-            if found and isinstance(found[-1], tuple) and line is not paragraph[0]:
-                found[-1] = (*found[-1], line[indent:])
-            else:
-                found.append((line[indent:],))
-        if text:
-            found.append(joined(text))
+        for indented, group in itertools.groupby(paragraph, lambda line: line.startswith("  ")):
+            found.append(tuple(group) if indented else joined(group))
     return found
 
 
@@ -121,7 +101,7 @@ def read(path=HEADER):
     life = first.index("THE LIFE OF AN INDEX")
     views = next(i for i, line in enumerate(first) if line.startswith("WHAT EACH FUNCTION SEES"))
     conventions = next(i for i, line in enumerate(first) if line.startswith("CONVENTIONS"))
-    opening = blocks(first[:life], 0)
+    opening = blocks(first[:life])
     summary = opening[0].split(": ", 1)[1].rstrip(".")
     titled = []
     continued = re.search(r"/\* -+ Conventions, continued -+ \*/\n\n(/\*.*?\*/)", text, re.S)
@@ -140,7 +120,7 @@ def read(path=HEADER):
         else:
             functions.append(function_of(match[2], match[3], section))
     words = first[views].split(", ", 1)[1]
-    seen = [words[0].upper() + words[1:] + ":"] + blocks(first[views + 1:conventions], 0)
-    return Header(summary, opening[1:] + [("",)] + blocks(first[life + 1:views], 0), seen,
-                  [(number, title, blocks(lines, 0)) for number, title, lines in titled],
+    seen = [words[0].upper() + words[1:] + ":"] + blocks(first[views + 1:conventions])
+    return Header(summary, opening[1:] + blocks(first[life + 1:views]), seen,
+                  [(number, title, blocks(lines)) for number, title, lines in titled],
                   constants_of(text), functions)

@@ -19,13 +19,11 @@ def roff(text):
 def set_blocks(blocks):
     lines = []
     for block in blocks:
-        if block == ("",):
-            continue
         if isinstance(block, tuple):
             lines += [".PP", ".in +2n", ".nf", *map(roff, block), ".fi", ".in"]
         else:
             lines += [".PP", roff(block)]
-    return lines[1:] if lines[:1] == [".PP"] and len(lines) > 1 else lines
+    return lines[1:]
 
 
 def title(name, section, release):

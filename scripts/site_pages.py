@@ -27,8 +27,6 @@ def marked(text, names, page=""):
 def set_blocks(blocks, names, page=""):
     lines = []
     for block in blocks:
-        if block == ("",):
-            continue
         if isinstance(block, tuple):
             lines += ["```text", *textwrap.dedent("\n".join(block)).splitlines(), "```", ""]
         else:
@@ -90,7 +88,7 @@ def benchmark_part(name):
     return "## " + found[0].strip()
 
 
-def word_recall():
+def word_recall(_):
     """What the page of the word vectors says under its title, without the picture."""
     paragraphs = (DOCS / "WORD_RECALL.md").read_text().split("\n\n")[2:]
     return "\n\n".join(part for part in paragraphs if not part.startswith("![")).strip()
@@ -119,8 +117,8 @@ def main():
     if len(sys.argv) != 2:
         sys.exit("usage: site_pages.py PAGES")
     pages, read = pathlib.Path(sys.argv[1]), header.read()
-    sources = {"benchmarks": benchmark_part, "word recall": lambda _: word_recall(),
-               "block": block_of, "opening": opening,
+    sources = {"benchmarks": benchmark_part, "word recall": word_recall, "block": block_of,
+               "opening": opening,
                "convention": lambda number: convention(read, number)}
     for page in pages.glob("*.md"):
         page.write_text(re.sub(rf"(?m)^<!-- ({'|'.join(sources)}): *(.*?) *-->$",

@@ -8,13 +8,11 @@ the first two cases.
 import base64
 import ctypes.util
 import hashlib
-import io
 import os
 import pathlib
 import shutil
 import subprocess
 import sysconfig
-import tarfile
 import tempfile
 import zipfile
 
@@ -55,15 +53,6 @@ def carried_library(scratch):
     return (pathlib.Path(scratch) / "libqx_runtime.so").read_bytes()
 
 
-def package_files():
-    return sorted(path for path in (HERE / "qx_runtime").iterdir()
-                  if path.suffix == ".py" or path.name == "py.typed")
-
-
-def metadata():
-    return (METADATA + (HERE / "README.md").read_text(encoding="utf-8")).encode()
-
-
 def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     del config_settings, metadata_directory
     with tempfile.TemporaryDirectory() as scratch:
@@ -72,11 +61,12 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     if library is not None:
         platform = sysconfig.get_platform().replace("-", "_").replace(".", "_")
     tag = f"py3-none-{platform}"
-    files = {f"{NAME}/{path.name}": path.read_bytes() for path in package_files()}
+    files = {f"{NAME}/{path.name}": path.read_bytes() for path in sorted((HERE / NAME).iterdir())
+             if path.suffix == ".py" or path.name == "py.typed"}
     if library is not None:
         files[f"{NAME}/libqx_runtime.so.1"] = library
     info = f"{NAME}-{VERSION}.dist-info"
-    files[f"{info}/METADATA"] = metadata()
+    files[f"{info}/METADATA"] = (METADATA + (HERE / "README.md").read_text(encoding="utf-8")).encode()
     pure = "true" if library is None else "false"
     files[f"{info}/WHEEL"] = (f"Wheel-Version: 1.0\nGenerator: qx_runtime\nRoot-Is-Purelib: {pure}\n"
                               f"Tag: {tag}\n").encode()
@@ -93,17 +83,3 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
             entry.compress_type = zipfile.ZIP_DEFLATED
             archive.writestr(entry, content)
     return wheel
-
-
-def build_sdist(sdist_directory, config_settings=None):
-    """The package without the library: its users have it installed, or name it."""
-    del config_settings
-    name = f"{NAME}-{VERSION}"
-    with tarfile.open(pathlib.Path(sdist_directory) / f"{name}.tar.gz", "w:gz") as archive:
-        for path in [HERE / "pyproject.toml", HERE / "backend.py", HERE / "README.md",
-                     *package_files()]:
-            archive.add(path, f"{name}/{path.relative_to(HERE)}")
-        information = tarfile.TarInfo(f"{name}/PKG-INFO")
-        information.size = len(metadata())
-        archive.addfile(information, io.BytesIO(metadata()))
-    return f"{name}.tar.gz"
