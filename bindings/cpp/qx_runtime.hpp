@@ -188,6 +188,8 @@ class Index {
  public:
   using Ids = std::span<const std::int64_t>;
   using Floats = std::span<const float>;
+  using IdSlots = std::span<std::int64_t>;
+  using ScoreSlots = std::span<float>;
 
   explicit Index(std::int32_t dim, std::uint32_t user_tag = 0) : dim_(dim) {
     require(dim >= 1, [&] { return "the dimension is " + text(dim) + ", and must be 1 or more"; });
@@ -233,7 +235,7 @@ class Index {
   // Once only: a further build would keep the arrays of the first. Build a new index instead.
   void build(Floats vectors, Ids ids, std::span<const Partition> partitions = {}) {
     if (sealed()) throw LogicError("the index is sealed; build a new one");
-    check_rows("build", vectors, ids);
+    check_width("build: vectors", vectors, ids.size());
     std::int64_t largest = -1;
     std::size_t row = 0;
     for (const std::int64_t id : ids) {
@@ -274,40 +276,31 @@ class Index {
   // spans must overlap neither each other nor what is given.
 
   Hits search_full(Floats query, std::int64_t k) const {
-    return hits(k, size(), [&](auto ids, auto scores) { return search_full(query, ids, scores); });
+    return hits(k, size(), [&](auto... slots) { return search_full(query, slots...); });
   }
-  std::size_t search_full(Floats query, std::span<std::int64_t> ids,
-                          std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores);
-    return filled(ids, scores,
-                  qx_index_search_full(open(), query.data(), k, ids.data(), scores.data()));
+  std::size_t search_full(Floats query, IdSlots ids, ScoreSlots scores) const {
+    return fill(query, ids, scores, {},
+                [&](auto... rest) { return qx_index_search_full(open(), rest...); });
   }
 
   // A key that no partition has finds nothing.
   Hits search_partition(std::int64_t key, Floats query, std::int64_t k) const {
-    return hits(k, size(),
-                [&](auto ids, auto scores) { return search_partition(key, query, ids, scores); });
+    return hits(k, size(), [&](auto... slots) { return search_partition(key, query, slots...); });
   }
-  std::size_t search_partition(std::int64_t key, Floats query, std::span<std::int64_t> ids,
-                               std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores);
-    return filled(
-        ids, scores,
-        qx_index_search_partition(open(), key, query.data(), k, ids.data(), scores.data()));
+  std::size_t search_partition(std::int64_t key, Floats query, IdSlots ids,
+                               ScoreSlots scores) const {
+    return fill(query, ids, scores, {},
+                [&](auto... rest) { return qx_index_search_partition(open(), key, rest...); });
   }
 
   Hits scatter_topk(Ids candidates, Floats query, std::int64_t k) const {
-    return hits(k, count_of(candidates), [&](auto ids, auto scores) {
-      return scatter_topk(candidates, query, ids, scores);
-    });
+    return hits(k, count_of(candidates),
+                [&](auto... slots) { return scatter_topk(candidates, query, slots...); });
   }
-  std::size_t scatter_topk(Ids candidates, Floats query, std::span<std::int64_t> ids,
-                           std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores, candidates);
-    const std::int32_t count = count_of(candidates);
-    return filled(ids, scores,
-                  qx_index_scatter_topk(open(), candidates.data(), count, query.data(), k,
-                                        ids.data(), scores.data()));
+  std::size_t scatter_topk(Ids candidates, Floats query, IdSlots ids, ScoreSlots scores) const {
+    return fill(query, ids, scores, candidates, [&](auto... rest) {
+      return qx_index_scatter_topk(open(), candidates.data(), count_of(candidates), rest...);
+    });
   }
 
   // ---- Partitions, as a tuner sees them ----
@@ -326,7 +319,7 @@ class Index {
   // ---- Mutation ----
 
   std::uint64_t insert(Floats vectors, Ids ids) {
-    check_rows("insert", vectors, ids);
+    check_width("insert: vectors", vectors, ids.size());
     const std::int32_t n = int32("the number of rows", std::ssize(ids));
     const auto rows = static_cast<double>(delta_count());
     const double after = delta_bytes(rows + n);
@@ -384,44 +377,41 @@ class Index {
 
   Hits search_ivf(std::int64_t key, Floats query, std::int64_t k) const {
     return hits(k, find_ivf(key).n_ids,
-                [&](auto ids, auto scores) { return search_ivf(key, query, ids, scores); });
+                [&](auto... slots) { return search_ivf(key, query, slots...); });
   }
-  std::size_t search_ivf(std::int64_t key, Floats query, std::span<std::int64_t> ids,
-                         std::span<float> scores) const {
+  std::size_t search_ivf(std::int64_t key, Floats query, IdSlots ids, ScoreSlots scores) const {
     const Ivf& ivf = find_ivf(key);
-    const std::int32_t k = check_search(query, ids, scores);
-    require_memory(4.0 * ivf.nlist);
-    return filled(ids, scores,
-                  qx_index_search_ivf(open(), key, query.data(), k, ids.data(), scores.data()));
+    return fill(query, ids, scores, {}, [&](auto... rest) {
+      require_memory(4.0 * ivf.nlist);
+      return qx_index_search_ivf(open(), key, rest...);
+    });
   }
 
   // ---- What is visible now ----
 
   Hits search_mvcc(Ids candidates, Floats query, std::int64_t k) const {
     return hits(k, count_of(candidates),
-                [&](auto ids, auto scores) { return search_mvcc(candidates, query, ids, scores); });
+                [&](auto... slots) { return search_mvcc(candidates, query, slots...); });
   }
-  std::size_t search_mvcc(Ids candidates, Floats query, std::span<std::int64_t> ids,
-                          std::span<float> scores) const {
-    const std::int32_t k = check_search(query, ids, scores, candidates);
-    const std::int32_t count = count_of(candidates);
-    return filled(ids, scores,
-                  qx_index_search_mvcc(open(), candidates.data(), count, query.data(),
-                                       static_cast<std::uint32_t>(k), ids.data(), scores.data()));
+  std::size_t search_mvcc(Ids candidates, Floats query, IdSlots ids, ScoreSlots scores) const {
+    return fill(query, ids, scores, candidates,
+                [&](const float* from, std::int32_t k, auto... slots) {
+                  return qx_index_search_mvcc(open(), candidates.data(), count_of(candidates), from,
+                                              static_cast<std::uint32_t>(k), slots...);
+                });
   }
 
   Hits search_filtered(const Filter& filter, Floats query, std::int64_t k) const {
     return hits(k, size() + delta_count(),
-                [&](auto ids, auto scores) { return search_filtered(filter, query, ids, scores); });
+                [&](auto... slots) { return search_filtered(filter, query, slots...); });
   }
-  std::size_t search_filtered(const Filter& filter, Floats query, std::span<std::int64_t> ids,
-                              std::span<float> scores) const {
+  std::size_t search_filtered(const Filter& filter, Floats query, IdSlots ids,
+                              ScoreSlots scores) const {
     check_filter(filter);
-    const std::int32_t k = check_search(query, ids, scores);
-    return filled(ids, scores,
-                  qx_index_search_filtered(open(), filter.mode(), filter.column(), filter.value(),
-                                           query.data(), static_cast<std::uint32_t>(k), ids.data(),
-                                           scores.data()));
+    return fill(query, ids, scores, {}, [&](const float* from, std::int32_t k, auto... slots) {
+      return qx_index_search_filtered(open(), filter.mode(), filter.column(), filter.value(), from,
+                                      static_cast<std::uint32_t>(k), slots...);
+    });
   }
 
   std::vector<std::int64_t> match_ids(const Filter& filter) const {
@@ -571,14 +561,10 @@ class Index {
     const double more = 1.0 * ncols - ncols_ + (tables_.empty() ? 1 : 0);
     double bytes = ncols > ncols_ ? 40 * power_of_two(ncols) : 0;
     for (Table& table : tables_) bytes += table.columns * growth(table.ids, ids);
-    if (more > 0) {
-      Table added{more, {}};
-      bytes += more * growth(added.ids, ids);
-      require_memory(bytes);
-      tables_.push_back(std::move(added));
-    } else {
-      require_memory(bytes);
-    }
+    Table added{more, {}};
+    if (more > 0) bytes += more * growth(added.ids, ids);
+    require_memory(bytes);
+    if (more > 0) tables_.push_back(std::move(added));
   }
 
   void check_width(const char* what, Floats floats, std::size_t rows) const {
@@ -588,10 +574,6 @@ class Index {
       return std::string(what) + " has " + text(floats.size()) + " floats, not " + text(rows) +
              " times the dimension " + text(dim_);
     });
-  }
-
-  void check_rows(const char* call, Floats vectors, Ids ids) const {
-    check_width((std::string(call) + ": vectors").c_str(), vectors, ids.size());
   }
 
   static void check_partition(const Partition& part, const std::vector<std::int64_t>& keys,
@@ -618,9 +600,10 @@ class Index {
            before(other.data(), one.data() + one.size());
   }
 
-  // Returns k.
-  std::int32_t check_search(Floats query, std::span<std::int64_t> ids, std::span<float> scores,
-                            Ids candidates = {}) const {
+  // Checks what every search is given, and makes the call. Returns how many of the written slots
+  // have a row: the empty ones come last.
+  template <typename Call>
+  std::size_t fill(Floats query, IdSlots ids, ScoreSlots scores, Ids candidates, Call call) const {
     open();
     require(query.size() == static_cast<std::size_t>(dim_), [&] {
       return "the query has " + text(query.size()) + " floats, and the dimension is " + text(dim_);
@@ -631,7 +614,12 @@ class Index {
     require(!overlap(ids, scores) && !overlap(ids, query) && !overlap(ids, candidates) &&
                 !overlap(scores, query) && !overlap(scores, candidates),
             "the slots overlap each other or what is given");
-    return int32("k", std::ssize(ids));
+    const std::int32_t k = int32("k", std::ssize(ids));
+    auto found = static_cast<std::size_t>(call(query.data(), k, ids.data(), scores.data()));
+    while (found > 0 && ids[found - 1] == QX_EMPTY_ID && scores[found - 1] == QX_EMPTY_SCORE) {
+      --found;
+    }
+    return found;
   }
 
   const Ivf& find_ivf(std::int64_t key) const {
@@ -653,16 +641,6 @@ class Index {
     hits.ids.resize(found);
     hits.scores.resize(found);
     return hits;
-  }
-
-  // How many of the written slots have a row: the empty ones come last.
-  static std::size_t filled(std::span<const std::int64_t> ids, std::span<const float> scores,
-                            std::int64_t written) {
-    auto found = static_cast<std::size_t>(written);
-    while (found > 0 && ids[found - 1] == QX_EMPTY_ID && scores[found - 1] == QX_EMPTY_SCORE) {
-      --found;
-    }
-    return found;
   }
 
   Rows rows_of(std::int64_t count) const {
