@@ -1,5 +1,5 @@
 # What the project's commands share: packages, quiet builds, and steps that are counted. Sourced at
-# the top of the repository. A check is
+# the top of the repository; ./check does that for the files of checks/. A check is
 #
 #   start CHECK; build_preset release TARGET; step NAME COMMAND...; finish
 passed=0
