@@ -12,6 +12,7 @@ begin() {
   log=$PWD/build/$check.log
   mkdir -p build
   : >"$log"
+  exec 3>&2  # seen from inside of a step too
 }
 
 # start CHECK: installs its packages, and says how long it takes.
@@ -31,11 +32,22 @@ usage() {
   exit 2
 }
 
+# numbers NAMES ARGUMENT...: `--NAME N` sets the variable of that name to a whole number from 1 on.
+numbers() {
+  local names=$1
+  while shift && [ $# -gt 0 ]; do
+    [[ " $names " == *" ${1#--} "* && $1 == --* && ${2:-} =~ ^[1-9][0-9]{0,11}$ ]] ||
+      usage "$(sed 's/[a-z]*/[--& N]/g' <<<"$names")"
+    printf -v "${1#--}" %s "$2"
+    shift
+  done
+}
+
 # quietly COMMAND...: its output goes to the log, which is shown where it fails; that is the end.
 quietly() {
   if ! "$@" >>"$log" 2>&1; then
-    tail -n 60 "$log" >&2
-    echo "$check: the build failed; the whole output is in $log" >&2
+    tail -n 60 "$log" >&3
+    echo "$check: the build failed; the whole output is in $log" >&3
     exit 1
   fi
 }

@@ -10,6 +10,7 @@ kernels/neon.cpp is measured by gcov, in the internal tests under emulation. The
 natively; instruction sets that the CPU lacks stay unreached. A call that ends the process is
 counted too: the trap first writes the child's counts.
 """
+import argparse
 import collections
 import gzip
 import json
@@ -172,9 +173,9 @@ def measure_neon(reached):
 
 
 def main():
-    sequences = sys.argv[2] if sys.argv[1:2] == ["--sequences"] and len(sys.argv) == 3 else "3000"
-    if len(sys.argv) not in (1, 3) or not sequences.isdigit():
-        sys.exit("usage: ./check coverage [--sequences N]")
+    parser = argparse.ArgumentParser(prog="./check coverage")
+    parser.add_argument("--sequences", type=int, default=3000)
+    sequences = parser.parse_args().sequences
     tests = [("contract_tests", "libqx_runtime.so", [])]
     tests += [(test, f"tests/{test}", [])
               for test in ("record_tests", "internal_tests", "allocation_tests")]

@@ -18,6 +18,7 @@ neither the engine nor a test has changed. kernels/neon.cpp is not compiled on x
 """
 import argparse
 import collections
+import contextlib
 import concurrent.futures
 import hashlib
 import os
@@ -56,30 +57,36 @@ SANITIZER_OPTIONS = {"ASAN_OPTIONS": "detect_leaks=0:allocator_may_return_null=1
 # What ends a program from outside, and never because of a mutant.
 OUTSIDE = {-signal.SIGINT, -signal.SIGTERM, -signal.SIGHUP, -signal.SIGQUIT, -signal.SIGKILL}
 
+
 class Stopped(Exception):
     """No verdict: the run ends."""
 
 
-def run(command, timeout, stopping, running, **options):
+def kill(session):
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(session, signal.SIGKILL)
+
+
+STOPPING, RUNNING = threading.Event(), set()
+
+
+def run(*command, timeout=None, **options):
     """Runs in a session of its own; the exit status, or None when out of time, and the output."""
-    if stopping.is_set():
+    if STOPPING.is_set():
         raise Stopped("the run was stopped")
-    with subprocess.Popen([str(part) for part in command], start_new_session=True,
+    with subprocess.Popen(["nice", *map(str, command)], start_new_session=True,
                           stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT, text=True,
                           errors="replace", **options) as process:
-        running.add(process.pid)
+        RUNNING.add(process.pid)
         try:
             output, _ = process.communicate(timeout=timeout)
             status = process.returncode
         except subprocess.TimeoutExpired:
             output, status = "", None
         finally:
-            running.discard(process.pid)
-            try:
-                os.killpg(process.pid, signal.SIGKILL)  # what a test may have left running as well
-            except ProcessLookupError:
-                pass
-    if stopping.is_set():
+            RUNNING.discard(process.pid)
+            kill(process.pid)  # what a test may have left running as well
+    if STOPPING.is_set():
         raise Stopped("the run was stopped")
     if status in OUTSIDE:
         raise Stopped(f"{command[0]} was ended from outside, signal {-status}")
@@ -96,8 +103,7 @@ class Build:
 
     def ninja(self, target):
         """Whether it builds; the copy's own warnings are no errors."""
-        status, output = self.worker.run("ninja", "-C", self.folder, "-j", "1", target,
-                                         stdout=subprocess.PIPE)
+        status, output = run("ninja", "-C", self.folder, "-j", "1", target, stdout=subprocess.PIPE)
         if status != 0 and "error:" not in output and "undefined reference" not in output:
             raise Stopped(f"the build of {target} failed, and not by the mutant\n{output[-2000:]}")
         return status == 0
@@ -109,8 +115,8 @@ class Build:
     def passes(self, number, timeout=None):
         test, options = TESTS[number]
         environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", **SANITIZER_OPTIONS)
-        status, _ = self.worker.run(self.folder / "tests" / test, *options, timeout=timeout,
-                                    env=environment, cwd=self.folder, stdout=subprocess.DEVNULL)
+        status, _ = run(self.folder / "tests" / test, *options, timeout=timeout, env=environment,
+                        cwd=self.folder, stdout=subprocess.DEVNULL)
         return status == 0
 
     def notices(self):
@@ -120,7 +126,7 @@ class Build:
 
     def prepare(self, tests):
         """Builds the original, whose tests must pass."""
-        status, output = self.worker.run(
+        status, output = run(
             "cmake", "-S", self.worker.source, "-B", self.folder, "-G", "Ninja",
             "-DCMAKE_BUILD_TYPE=Release", f"-DCMAKE_CXX_FLAGS_RELEASE={self.flags}",
             "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_TESTS=ON", "-DQX_BUILD_EXAMPLES=OFF",
@@ -140,38 +146,31 @@ class Build:
 
     def go_back(self):
         """Makes the build the original's again, in content and times; compiles nothing."""
-        for folder, _, names in os.walk(self.kept):
-            for name in names:
-                kept = os.path.join(folder, name)
-                built = os.path.join(self.folder, os.path.relpath(kept, self.kept))
-                if os.path.islink(kept):
-                    continue
-                stored = os.stat(kept)
-                if not os.path.exists(built) or os.stat(built).st_mtime_ns != stored.st_mtime_ns:
-                    # A killed test may still be ending: its program cannot be written over.
-                    shutil.copy2(kept, built + ".kept")
-                    os.replace(built + ".kept", built)
+        for kept in self.kept.rglob("*"):
+            built = self.folder / kept.relative_to(self.kept)
+            if not kept.is_file() or kept.is_symlink():
+                continue
+            if not built.exists() or built.stat().st_mtime_ns != kept.stat().st_mtime_ns:
+                # A killed test may still be ending: its program cannot be written over.
+                shutil.copy2(kept, f"{built}.kept")
+                os.replace(f"{built}.kept", built)
 
 
 class Worker:
     """A copy of the sources and its builds."""
 
-    def __init__(self, number, stopping, running):
+    def __init__(self, number):
         self.folder = WORK / f"worker-{number}"
         self.source = self.folder / "source"
-        self.control = stopping, running
         self.plain = Build(self, "build", "-O1")
         self.sanitized = Build(
             self, "sanitized", "-O1 -fsanitize=address,undefined -fno-sanitize-recover=all")
-
-    def run(self, *command, timeout=None, **options):
-        return run(["nice", *command], timeout, *self.control, **options)
 
     def prepare(self):
         shutil.rmtree(self.folder, ignore_errors=True)
         self.source.mkdir(parents=True)
         for name in COPIED:
-            self.run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
+            run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
         self.plain.prepare(range(len(TESTS)))
         self.sanitized.prepare(SANITIZED_TESTS)
 
@@ -234,7 +233,7 @@ def drawn(seed, mutant):
 
 def evaluate_all(mutants, results, jobs):
     """Finds the missing verdicts. Shows the progress on standard error."""
-    stopping, running, lock = threading.Event(), set(), threading.Lock()
+    lock = threading.Lock()
     waiting = queue.SimpleQueue()
     for mutant in mutants:
         waiting.put(mutant)
@@ -249,10 +248,10 @@ def evaluate_all(mutants, results, jobs):
               file=sys.stderr, flush=True)
 
     def work(number):
-        worker = Worker(number, stopping, running)
+        worker = Worker(number)
         worker.prepare()
         begun.append(time.monotonic())
-        while not stopping.is_set():
+        while not STOPPING.is_set():
             try:
                 mutant = waiting.get_nowait()
             except queue.Empty:
@@ -264,12 +263,9 @@ def evaluate_all(mutants, results, jobs):
                 show()
 
     def stop(*_):
-        stopping.set()
-        for pid in list(running):
-            try:
-                os.killpg(pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
+        STOPPING.set()
+        for pid in list(RUNNING):
+            kill(pid)
 
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, stop)
@@ -281,7 +277,7 @@ def evaluate_all(mutants, results, jobs):
     for worker in workers:
         if worker.exception():
             sys.exit(f"mutation: {worker.exception()}; the verdicts so far are kept")
-    if stopping.is_set():
+    if STOPPING.is_set():
         sys.exit("mutation: the run was stopped; the verdicts so far are kept")
 
 
@@ -299,7 +295,6 @@ def show_excused(excused):
 def report(mutants, excused, results):
     """Prints the totals; whether enough were killed and no excused mutant was."""
     counts = collections.Counter()
-    kinds = collections.defaultdict(collections.Counter)
     for mutant in mutants:
         verdict = results.get(mutant)
         if verdict == "survived" and mutant in excused.reasons:
@@ -308,9 +303,6 @@ def report(mutants, excused, results):
             print(f"survived: {mutant.file}:{mutant.number} ({mutant.which})\n"
                   f"  - {mutant.line.strip()}\n  + {mutant.changed.strip()}")
         counts[verdict] += 1
-        kinds[mutant.kind][verdict] += 1
-    for kind, by_verdict in sorted(kinds.items()):
-        print(f"{kind}: {by_verdict['killed']} killed, {by_verdict['survived']} survived")
     refuted = [mutant for mutant in excused.reasons if results.get(mutant) == "killed"]
     for mutant in refuted:
         print(f"listed as equivalent, but killed: {mutant.file}:{mutant.number} "
