@@ -34,7 +34,6 @@ inner product of two of them says how alike the words are.
   --letter L      only words that begin with L: a to z, or # for everything else
   --length N      only words of N characters
   --without WORD  delete WORD first; may be given several times
-  --insert WORD   insert a deleted WORD again
   --k N           show N neighbours, 1 to 1000 (10; the tour 5)
   --nprobe N      scan the N nearest IVF lists (a tenth of the lists)
   --prompt        no tour, only the prompt: words and options, on lines of standard input
@@ -52,7 +51,6 @@ struct Options {
   std::optional<std::int64_t> letter;  // only words with this letter
   std::optional<std::int64_t> length;  // only words of so many characters
   std::vector<std::string> without;    // deleted first
-  std::vector<std::string> insert;     // then inserted
 };
 
 using Text = const std::string&;
@@ -70,7 +68,6 @@ const std::map<std::string, void (*)(Options&, Text)> kSetters = {
     {"--data", [](Options& o, Text text) { o.data = text; }},
     {"--letter", [](Options& o, Text text) { o.letter = parse_letter(text); }},
     {"--without", [](Options& o, Text text) { o.without.push_back(text); }},
-    {"--insert", [](Options& o, Text text) { o.insert.push_back(text); }},
     {"--length", [](Options& o, Text text) { o.length = parse_number("--length", text, 1000); }},
     {"--k", [](Options& o, Text text) { o.k = parse_number("--k", text, 1000); }},
     {"--nprobe", [](Options& o, Text text) { o.nprobe = parse_number("--nprobe", text, 999999); }}};
@@ -104,19 +101,9 @@ Options parse_options(const std::vector<std::string>& arguments) {
   return options;
 }
 
-Words load(const Options& options) {
-  std::optional<Words> words;
-  const double time = time_of(1, [&] { words.emplace(options.data); });
-  say(grouped(words->size()) + " words of " + std::to_string(words->dim()) + " numbers read in " +
-      time_text(time) +
-      (words->skipped() > 0 ? "; " + grouped(words->skipped()) + " without a vector skipped" : ""));
-  return std::move(*words);
-}
-
 // What is asked for, or a UserError: before long work begins, or a change is made.
 std::optional<Query> check(const Options& options, const Words& words) {
   for (const std::string& word : options.without) words.require(word);
-  for (const std::string& word : options.insert) words.require(word);
   if (options.text.empty()) return std::nullopt;
   return parse_query(options.text, words);
 }
@@ -130,10 +117,6 @@ void carry_out(WordIndex& search, const Options& options, const std::optional<Qu
   for (const std::string& word : options.without) {
     const std::int64_t id = search.words.require(word);
     show_call("qx_index_delete", word, [&] { search.erase(id); });
-  }
-  for (const std::string& word : options.insert) {
-    const std::int64_t id = search.words.require(word);
-    show_call("qx_index_insert", word, [&] { search.insert(id); });
   }
   if (query) answer(search, *query, options.k.value_or(10), options.letter, options.length);
 }
@@ -173,12 +156,15 @@ void run_prompt(WordIndex& search, bool interactive) {
 }
 
 void run(const Options& options) {
-  Words words = load(options);
-  const std::optional<Query> query = check(options, words);
+  std::optional<Words> words;
+  const double read = time_of(1, [&] { words.emplace(options.data); });
+  say(grouped(words->size()) + " words of " + std::to_string(words->dim()) + " numbers read in " +
+      time_text(read));
+  const std::optional<Query> query = check(options, *words);
   std::optional<WordIndex> search;
-  const double time = time_of(1, [&] { search.emplace(std::move(words)); });
+  const double made = time_of(1, [&] { search.emplace(std::move(*words)); });
   say("Base, metadata and " + std::to_string(search->lists.count()) + " IVF lists made in " +
-      time_text(time));
+      time_text(made));
   carry_out(*search, options, query);
   if (query) return;
   const bool interactive = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
-#include <set>
 
 #include "answer.h"
 #include "text.h"
@@ -135,7 +134,6 @@ class Tour {
   void run() {
     say("\nAnswers stand below their function and its median time; the scores are cosines.");
     show_searches();
-    show_recall();
     show_changes();
     step("What the calls cost");
     Costs(search_).print();
@@ -168,38 +166,10 @@ class Tour {
       return search_.index.scatter_topk(some_ids(), king.query.vector, k);
     });
     print_columns({king.full("every word"), king.partition(letter), listed}, words_);
+    step("Search by IVF: fewer rows, and now and then a neighbour missed");
+    print_columns({king.full("every word"), king.ivf()}, words_);
     step("Search words whose metadata pass a test: a label, the value of a column, or both");
     print_columns({king.label(letter), king.length(6), king.label_and_length(letter, 5)}, words_);
-  }
-
-  void show_recall() {
-    step("Search by IVF: fewer rows, and now and then a neighbour missed");
-    const std::int32_t chosen = search_.nprobe;
-    std::set<std::int32_t> tried = {chosen, search_.lists.count()};
-    for (std::int32_t n = 1; n <= search_.lists.count() / 2; n *= 4) tried.insert(n);
-    say("   lists scanned    recall      time    (the share of the 10 nearest that is found; "
-        "means)");
-    for (const std::int32_t n : tried) print_recall(n, words_.spread(200));
-    search_.set_nprobe(chosen);
-    print_columns({asker(king_).full("every word"), asker(king_).ivf()}, words_);
-  }
-
-  void print_recall(std::int32_t nprobe, const std::vector<std::int64_t>& ids) {
-    search_.set_nprobe(nprobe);
-    double wanted = 0;
-    double met = 0;
-    double time = 0;
-    for (const std::int64_t id : ids) {
-      const std::span<const float> query = words_.vector(id);
-      qx::Hits hits;
-      time += time_of(1, [&] { hits = search_.index.search_ivf(kIvfKey, query, 10); });
-      for (const qx::Hit exact : search_.index.search_full(query, 10)) {
-        met += std::ranges::count(hits.ids, exact.id) > 0;
-        ++wanted;
-      }
-    }
-    say(right(std::to_string(nprobe), 16) + right(decimal(100 * met / wanted, 1), 8) + " %" +
-        right(time_text(time / static_cast<double>(ids.size())), 10));
   }
 
   void show_changes() {

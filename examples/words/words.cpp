@@ -98,9 +98,9 @@ Words::Words(const std::string& path) try {
     for (std::size_t j = 0; j < vector.size(); ++j) {
       vector[j] = half_to_float(file.number_at(file.vectors + 2 * (i * vector.size() + j), 2));
     }
-    if (normalise(vector)) add(word, vector);
+    check(normalise(vector), "the word " + in_quotes(word) + " has no vector");
+    add(word, vector);
   }
-  skipped_ = std::ssize(file.words) - size();
   check(!words_.empty(), "it has no words");
 } catch (const UserError& problem) {
   throw UserError(in_quotes(path, kLongestPath) + " is not a word file: " + problem.what());

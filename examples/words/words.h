@@ -23,13 +23,12 @@ constexpr std::int64_t kOtherLetter = '#';
 class Words {
  public:
   // Reads a file as data/README.md describes it. Throws a UserError where it cannot be read or is
-  // damaged: nothing in it is trusted. An id is a word's place in the file, without the words that
-  // have no vector. All vectors have length 1, so that an inner product of two is their cosine.
+  // damaged: nothing in it is trusted. An id is a word's place in the file. All vectors have length
+  // 1, so that an inner product of two is their cosine.
   explicit Words(const std::string& path);
 
   std::int32_t dim() const { return dim_; }
   std::int64_t size() const { return std::ssize(words_); }
-  std::int64_t skipped() const { return skipped_; }
   const std::string& word(std::int64_t id) const { return words_.at(static_cast<std::size_t>(id)); }
   std::span<const float> vector(std::int64_t id) const;
   std::vector<float> vectors(const std::vector<std::int64_t>& ids) const;
@@ -49,7 +48,6 @@ class Words {
   std::vector<std::string> words_;
   std::vector<float> vectors_;
   std::unordered_map<std::string, std::int64_t> ids_;
-  std::int64_t skipped_;
 };
 
 // The letter that a user typed: a to z in either case, or #. Throws a UserError.
