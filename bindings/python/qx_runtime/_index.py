@@ -415,11 +415,7 @@ class Index:
         """The ids of the visible rows that have the label, or the value in the column."""
         if (label is None) == (column is None):
             raise ValueError("one of label and column must be given")
-        test = self._test(label, column)
-        with self._lock:
-            handle = self._open()
-            ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
-            count = _call(_lib.qx_index_match_ids, handle, *test, ids)
+        ids, count = self._listed(_lib.qx_index_match_ids, *self._test(label, column))
         return ids[:count].copy()
 
     def metadata(self, ids: Ids) -> Metadata:
@@ -436,17 +432,20 @@ class Index:
 
     def visible_ids(self) -> Ids:
         """The ids of the visible rows: inserted ones first, then those of the base."""
+        return self._listed(_lib.qx_index_visible_ids)[0]
+
+    def _listed(self, function: Any, *test: int) -> tuple[Ids, int]:
+        """As many slots as there are visible rows, and how many of them were filled."""
         with self._lock:
             handle = self._open()
             ids = np.empty(_lib.qx_index_visible_count(handle), dtype=np.int64)
-            _call(_lib.qx_index_visible_ids, handle, ids)
-        return ids
+            return ids, _call(function, handle, *test, ids)
 
     def export(self) -> Rows:
         """All visible rows, in the order of :meth:`visible_ids`."""
         with self._lock:
-            handle = self._open()
-            return self._rows(_lib.qx_index_export_visible, _lib.qx_index_visible_count(handle))
+            count = _lib.qx_index_visible_count(self._open())
+            return self._rows(_lib.qx_index_export_visible, count)
 
     def export_base(self) -> Rows:
         """The base as it was built."""
