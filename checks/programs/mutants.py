@@ -15,25 +15,17 @@ import bisect
 import collections
 import re
 
-SPACED = r"(?<= ){}(?= )".format
-REPLACED = [
-    ("comparison", SPACED("<"), [">="]), ("comparison", SPACED("<="), [">"]),
-    ("comparison", SPACED(">"), ["<="]), ("comparison", SPACED(">="), ["<"]),
-    ("comparison", SPACED("=="), ["!="]), ("comparison", SPACED("!="), ["=="]),
-    ("off by one", SPACED("<"), ["<="]), ("off by one", SPACED("<="), ["<"]),
-    ("off by one", SPACED(">"), [">="]), ("off by one", SPACED(">="), [">"]),
-    ("operator", SPACED(r"\+"), ["-"]), ("operator", SPACED("-"), ["+"]),
-    ("operator", SPACED("/"), ["*"]), ("operator", r"(?<=[\w)\]] )\*(?= [\w(])", ["/"]),
-    ("operator", SPACED("%"), ["/"]), ("operator", SPACED("<<"), [">>"]),
-    ("operator", SPACED(">>"), ["<<"]), ("operator", "&&", ["||"]), ("operator", r"\|\|", ["&&"]),
-    ("operator", r"(?<= )\+=", ["-="]), ("operator", "(?<= )-=", ["+="]),
-    ("operator", r"(?<= )\|=", ["&="]), ("operator", "(?<= )&=", ["|="]),
-    ("operator", r"\+\+", ["--"]), ("operator", "(?<!-)--(?!-)", ["++"]),
-    ("operator", SPACED(r"\|"), ["&"]), ("operator", r"(?<=\w )&(?= \w)", ["|"]),
-    ("operator", r"\(!", ["("]), ("operator", r"(?<=[(= ])~(?=\w)", [""]),
-    ("operator", r"\bstd::min\b", ["std::max"]), ("operator", r"\bstd::max\b", ["std::min"]),
-    ("constant", r"\btrue\b", ["false"]), ("constant", r"\bfalse\b", ["true"]),
-]
+# Operators between blanks, each with what replaces it; then patterns.
+BETWEEN_BLANKS = {"comparison": "< >=  <= >  > <=  >= <  == !=  != ==",
+                  "off by one": "< <=  <= <  > >=  >= >",
+                  "operator": "+ -  - +  / *  % /  << >>  >> <<  | &  += -=  -= +=  |= &=  &= |="}
+REPLACED = [(kind, rf"(?<= ){re.escape(pair[0])}(?= )", pair[1])
+            for kind, pairs in BETWEEN_BLANKS.items() for pair in zip(*[iter(pairs.split())] * 2)]
+REPLACED += [("operator", pattern, new) for pattern, new in [
+    (r"(?<=[\w)\]] )\*(?= [\w(])", "/"), ("&&", "||"), (r"\|\|", "&&"), (r"\+\+", "--"),
+    ("(?<!-)--(?!-)", "++"), (r"(?<=\w )&(?= \w)", "|"), (r"\(!", "("), (r"(?<=[(= ])~(?=\w)", ""),
+    (r"\bstd::min\b", "std::max"), (r"\bstd::max\b", "std::min")]]
+REPLACED += [("constant", r"\btrue\b", "false"), ("constant", r"\bfalse\b", "true")]
 NUMBER = re.compile(r"(?<![\w.])(\d+|0x[0-9A-F]+)(?=u?(?![\w.']))")
 STATEMENT = re.compile(r"^\s+(?!return\b|const\b|auto\b|std::\w+ \w+(;| =)|using\b|typedef\b)"
                        r"[\w:*.\[\]()<>+-]+.*;$")
@@ -77,10 +69,9 @@ def changes_of_line(line):
     code = re.split(r"\s//", line)[0]
     if SKIPPED.match(line) or "prefetch" in code or '"' in code:
         return
-    for kind, pattern, replacements in REPLACED:
+    for kind, pattern, new in REPLACED:
         for match in re.finditer(pattern, code):
-            for new in replacements:
-                yield kind, code[:match.start()] + new + code[match.end():]
+            yield kind, code[:match.start()] + new + code[match.end():]
     for match in NUMBER.finditer(code):
         for kind, new in changed_numbers(match[0]):
             yield kind, code[:match.start()] + new + code[match.end():]
