@@ -1,6 +1,6 @@
 """Random call sequences for the Python package, with hostile arguments among good ones.
 
-    hostile_calls.py [--calls N] [--seed S] [--processes P]
+    hostile_calls.py [--calls N] [--seed S]
 
 A hostile call must raise TypeError, ValueError or MemoryError and change nothing; a good one must
 answer as the model, in every bit.
@@ -222,45 +222,34 @@ class HostileSequence(CallSequence):
         return self.calls
 
 
-def work(step, calls, state):
-    """Plays the call sequences of every `step`-th seed, until the calls are made."""
+def work(calls, state):
+    """Plays the call sequences of one seed after the other, until the calls are made."""
     faulthandler.enable()
     np.seterr(all="ignore")
     resource.setrlimit(resource.RLIMIT_AS, (1 << 32, 1 << 32))
     while state[1] < calls:
         state[1] += HostileSequence(state[0]).play()
-        state[2] += 1
-        state[0] += step
+        state[0] += 1
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--calls", type=int, default=20000)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--processes", type=int, default=2)
     options = parser.parse_args()
     started = time.monotonic()
     context = multiprocessing.get_context("spawn")
-    # Of each process: the seed that it plays, and how many calls and call sequences are done.
-    states = [context.Array("q", [options.seed + i, 0, 0]) for i in range(options.processes)]
-    each = -(-options.calls // options.processes)
-    workers = [context.Process(target=work, args=(options.processes, each, state))
-               for state in states]
-    for worker in workers:
-        worker.start()
-    for worker in workers:
-        worker.join()
-    failed = [(worker.exitcode, state[0]) for worker, state in zip(workers, states) if worker.exitcode]
-    for code, seed in failed:
-        print(f"a process ended with {code}; replay: hostile_calls.py --seed {seed} --calls 1 "
-              "--processes 1", file=sys.stderr)
-    if failed:
-        return 1
-    calls, sequences = (sum(state[i] for state in states) for i in (1, 2))
-    print(f"Python: {calls} calls of {sequences} call sequences as they must be, seeds from "
-          f"{options.seed}, {time.monotonic() - started:.1f} s")
-    return 0
+    state = context.Array("q", [options.seed, 0])  # the seed that is played, and the calls done
+    worker = context.Process(target=work, args=(options.calls, state))
+    worker.start()
+    worker.join()
+    seed, calls = state
+    if worker.exitcode:
+        sys.exit(f"the process ended with {worker.exitcode}; replay: hostile_calls.py --seed {seed} "
+                 "--calls 1")
+    print(f"Python: {calls} calls of {seed - options.seed} call sequences as they must be, seeds "
+          f"{options.seed} to {seed - 1}, {time.monotonic() - started:.1f} s")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()
