@@ -72,32 +72,20 @@ struct Map {
         self.assertEqual([], found.problems)
         self.assertEqual({3, 5}, {mutant.number for mutant in found.left_out()})
 
-    def assert_problem(self, part, code, entries=ENTRY):
-        found, problems = changes(code, entries)
-        self.assertEqual([], found)
-        self.assertEqual(1, len(problems), problems)
-        self.assertIn(part, problems[0])
-
-    def test_are_errors_where_no_code_has_their_structure(self):
-        self.assert_problem("0 pieces", CODE.replace("key > 0", "key > 7"))
-
-    def test_are_errors_where_different_names_became_one_or_one_became_two(self):
-        entry = f"{FILE}: both are positive\n- if (a > 0 && b > 0) {{\n+ if (a > 0 || b > 0) {{\n"
-        self.assert_problem("0 pieces", "  if (a > 0 && a > 0) {\n", entry)
-        self.assert_problem("0 pieces", CODE.replace("return key + 1", "return size + 1"))
-
-    def test_are_errors_where_two_pieces_of_code_have_their_structure(self):
-        self.assert_problem("2 pieces", CODE + CODE)
-
-    def test_are_errors_where_no_mutant_makes_the_changed_line(self):
-        self.assert_problem("has no mutant", CODE, ENTRY.replace("> 1", "> 2"))
-
-    def test_are_errors_in_a_file_that_is_not_there(self):
-        self.assert_problem("0 pieces", CODE, ENTRY.replace("map.h", "maps.h"))
-
-    def test_are_errors_without_a_reason(self):
-        unexplained = ENTRY.replace("no key is 1, so both ", "")
-        self.assert_problem("not a file with a reason", CODE, unexplained)
+    def test_are_errors_where_they_do_not_fit(self):
+        two_names = f"{FILE}: both are positive\n- if (a > 0 && b > 0) {{\n+ if (a > 0 || b > 0) {{\n"
+        for part, code, entries in [
+                ("0 pieces", CODE.replace("key > 0", "key > 7"), ENTRY),
+                ("0 pieces", "  if (a > 0 && a > 0) {\n", two_names),  # two names became one
+                ("0 pieces", CODE.replace("return key + 1", "return size + 1"), ENTRY),
+                ("0 pieces", CODE, ENTRY.replace("map.h", "maps.h")),  # no such file
+                ("2 pieces", CODE + CODE, ENTRY),
+                ("has no mutant", CODE, ENTRY.replace("> 1", "> 2")),
+                ("not a file with a reason", CODE, ENTRY.replace("no key is 1, so both ", ""))]:
+            with self.subTest(part=part, code=code, entries=entries):
+                found, problems = changes(code, entries)
+                self.assertEqual(([], 1), (found, len(problems)), problems)
+                self.assertIn(part, problems[0])
 
 
 class Markers(unittest.TestCase):
