@@ -24,7 +24,7 @@ bool is_word(const std::string& text) {
   const std::size_t length = std::mbstowcs(wide.data(), text.c_str(), wide.size());
   return length > 0 && length == characters(text) &&
          std::all_of(wide.begin(), wide.begin() + static_cast<std::ptrdiff_t>(length),
-                     [](wchar_t character) { return std::iswgraph(character) != 0; });
+                     [](wchar_t one) { return std::iswgraph(static_cast<std::wint_t>(one)) != 0; });
 }
 
 std::size_t characters(std::string_view text) {

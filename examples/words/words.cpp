@@ -19,7 +19,7 @@ void check(bool condition, const std::string& reason) {
 
 // The bits of a half are those of a float with fewer, and an exponent that begins 112 higher.
 float half_to_float(std::uint32_t half) {
-  check((half & 0x7C00u) != 0x7C00u, "it holds a number that is not finite");
+  if ((half & 0x7C00u) == 0x7C00u) throw UserError("it holds a number that is not finite");
   return std::bit_cast<float>((half & 0x8000u) << 16 | (half & 0x7FFFu) << 13) * 0x1p112f;
 }
 
@@ -55,9 +55,9 @@ struct WordFile {
   }
 
   // The checksum of zip and PNG files.
-  static std::uint32_t crc32(std::string_view bytes) {
+  static std::uint32_t crc32(std::string_view text) {
     std::uint32_t sum = ~0u;
-    for (const char byte : bytes) {
+    for (const char byte : text) {
       sum ^= static_cast<unsigned char>(byte);
       for (int bit = 0; bit < 8; ++bit) sum = (sum >> 1) ^ ((sum & 1u) * 0xEDB88320u);
     }
