@@ -24,5 +24,5 @@ library=$work/libqx_runtime.so
 
 # A compiler brings the nm of its CPU. The line names no version, so there is no SONAME.
 read -ra words <<<"$compiler"
-NM=$("${words[0]}" -print-prog-name=nm) "$here/library_test.sh" "$library" 0 ""
+NM=$("${words[0]}" -print-prog-name=nm) "$here/shared_object_test.sh" "$library" 0 ""
 "$here/readme_host_test.sh" "$source_directory" "$library" "$compiler -x c" "${runner[@]}"

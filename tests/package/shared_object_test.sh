@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks the shared library from outside: what it exports, imports, links and is called.
-# usage: library_test.sh LIBRARY SANITIZED(0|1) [SONAME]
+# usage: shared_object_test.sh LIBRARY SANITIZED(0|1) [SONAME]
 #   NM in the environment is the nm to call, for libraries of other CPUs.
 set -euo pipefail
 export LC_ALL=C  # one order of names everywhere
@@ -11,7 +11,7 @@ nm=${NM:-nm}
 here=$(dirname "$0")
 failed=0
 
-wrong() { echo "library_test: $*" >&2; failed=1; }
+wrong() { echo "shared_object_test: $*" >&2; failed=1; }
 
 # The sanitizers add symbols of their own; the rest of a sanitized library is checked all the same.
 "$nm" --dynamic --defined-only --format=posix "$library" | awk '{ print $1 }' | sort |
