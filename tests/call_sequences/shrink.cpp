@@ -1,9 +1,7 @@
-// Delta debugging: removes whole calls, then rows, ids and lists, and at last replaces values by
-// plain ones. Each pass keeps what still fails; passes repeat until none finds anything.
+// Delta debugging: removes whole calls, then components, rows, ids and lists. Each pass keeps what
+// still fails; passes repeat until none finds anything.
 #include <algorithm>
-#include <bit>
 #include <chrono>
-#include <set>
 #include <string>
 
 #include "call_sequences/call_sequence.h"
@@ -33,8 +31,6 @@ class Shrinker {
       drop_calls();
       drop_components();
       for (std::size_t call = 0; call < best_.size(); ++call) drop_elements(call);
-      rename_ids();
-      for (std::size_t call = 0; call < best_.size(); ++call) simplify(call);
     } while (improved_ && Clock::now() < end_);
     return best_;
   }
@@ -178,85 +174,6 @@ class Shrinker {
     erase_rows(call.floats, first, count, call.floats.size() / nlist);
     erase_rows(call.ints, first, count, 1);
     call.numbers[1] -= static_cast<std::int64_t>(count);
-  }
-
-  // Replaces ids by small numbers, each by the same one in every call.
-  void rename_ids() {
-    std::set<std::int64_t> ids;
-    for (const Call& call : best_) ids.insert(call.ids.begin(), call.ids.end());
-    std::int64_t next = 0;
-    for (const std::int64_t id : ids) {
-      while (ids.count(next) != 0 && next < id) ++next;
-      if (id >= 0 && next >= id) continue;
-      CallSequence sequence = best_;
-      for (Call& call : sequence) std::replace(call.ids.begin(), call.ids.end(), id, next);
-      if (keep_if_failing(sequence)) ++next;
-    }
-  }
-
-  // Replaces numbers and values of one call by plainer ones.
-  void simplify(std::size_t at) {
-    simplify_all<std::uint32_t>(at, [](Call& c) { return &c.starts; }, {0});
-    simplify_all<std::int64_t>(at, [](Call& c) { return &c.spare; }, {0});
-    for (std::size_t i = 0; at < best_.size() && i < numbers(best_[at].function); ++i) {
-      const std::int64_t now = best_[at].numbers[i];
-      simplify_all<std::int64_t>(at, [i](Call& c) { return &c.numbers[i]; },
-                                 {0, 1, now / 2, now - 1});
-    }
-    simplify_elements<0, float>(at, {0.0f, 1.0f, 2.0f});
-    simplify_elements<2, std::int64_t>(at, {0, 1});
-    simplify_elements<3, std::int64_t>(at, {0, 1});
-    simplify_elements<4, std::int32_t>(at, {0, 1});
-    simplify_elements<5, std::int32_t>(at, {0, 1});
-  }
-
-  template <typename T, typename Place>
-  void simplify_all(std::size_t at, Place place, const std::vector<T>& choices) {
-    for (const T choice : choices) {
-      if (at >= best_.size()) return;
-      CallSequence sequence = best_;
-      T& value = *place(sequence[at]);
-      if (!is_plainer(choice, value)) continue;
-      value = choice;
-      if (keep_if_failing(sequence)) return;
-    }
-  }
-
-  // The elements of an input array: all at once; if that does not fail, one by one.
-  template <std::size_t array, typename T>
-  void simplify_elements(std::size_t at, std::initializer_list<T> choices) {
-    if (at >= best_.size()) return;
-    const auto elements = [](Call & call) -> auto& { return std::get<array>(inputs_of(call)); };
-    for (const T choice : choices) {
-      CallSequence sequence = best_;
-      auto& values = elements(sequence[at]);
-      const auto plainer = [&](T value) { return is_plainer(choice, value); };
-      if (std::none_of(values.begin(), values.end(), plainer)) continue;
-      std::replace_if(values.begin(), values.end(), plainer, choice);
-      if (keep_if_failing(sequence)) return;
-    }
-    for (std::size_t i = 0; at < best_.size() && i < elements(best_[at]).size(); ++i) {
-      simplify_all<T>(
-          at, [&](Call& call) { return &elements(call)[i]; }, choices);
-    }
-  }
-
-  // A strict order in which every replacement goes down, so that the passes end.
-  template <typename T>
-  static bool is_plainer(T a, T b) {
-    if constexpr (std::is_same_v<T, float>) {
-      const auto rank = [](float value) {
-        if (std::bit_cast<std::uint32_t>(value) == 0) return 0;
-        return value == 1.0f ? 1 : value == 2.0f ? 2 : 3;
-      };
-      return rank(a) < rank(b);
-    } else {
-      const auto rank = [](T value) {
-        const auto bits = static_cast<std::uint64_t>(value);
-        return static_cast<std::int64_t>(value) < 0 ? ~bits + (std::uint64_t{1} << 63) : bits;
-      };
-      return rank(a) < rank(b);
-    }
   }
 
   CallSequence best_;
