@@ -54,21 +54,6 @@ TEST(CppHeader, FillsTheHostsSlots) {
   EXPECT_EQ(seen, found);
 }
 
-TEST(CppHeader, MovesItsIndex) {
-  qx::Index index = full_index();
-  qx::Index other(9);
-  other = std::move(index);
-  EXPECT_EQ(other.size(), 20);
-  EXPECT_EQ(other.search_ivf(1, kQuery, 2).size(), 2u);
-  // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move): the test
-  EXPECT_THROW(index.size(), qx::LogicError);
-  EXPECT_EQ(index.dim(), 0);
-  EXPECT_EQ(index.columns(), 0);
-  // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
-  index = qx::Index(4);
-  EXPECT_EQ(index.dim(), 4);
-}
-
 TEST(CppHeader, RefusesTooManyCandidatesBeforeItTakesMemoryForSlots) {
   const qx::Index index = full_index();
   const std::int64_t never_read = 0;

@@ -1,8 +1,17 @@
-// The sealed base: what a build stores, what it rejects, and what a second build replaces.
+// A new index; the sealed base: what a build stores and rejects, and what a second one replaces.
 #include "support/cases.h"
 
 namespace qx_test {
 namespace {
+
+TEST(Lifecycle, ANewIndexReportsItsNumbersAndNothingElse) {
+  for (const std::uint32_t number : {0u, 1u, 42u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+    const Index index(number, number + 1);
+    const Observed nothing{{0, number, number + 1, 0}, 0, 0, 0, 0, {}, {}};
+    EXPECT_EQ(observe(index), nothing);
+  }
+  EXPECT_EQ(qx_runtime_format_version(), QX_RUNTIME_FORMAT_VERSION);
+}
 
 TEST(Build, ABaseWithoutRowsIsSealedAndSearchesOfItFindNothing) {
   const Index index(3);

@@ -77,27 +77,6 @@ TEST(EverySearch, KeepsTheOrderOfManyRowsWithEqualScores) {
   SearchedRows(1, ids, vectors).expect_best(kOne, 150, ones);
 }
 
-TEST(EverySearch, FindsTheBestRowWhereverItStands) {
-  for (const std::size_t at : {0u, 1u, 63u, 64u, 127u, 128u, 199u}) {
-    Floats vectors(200, 1);
-    vectors[at] = 2;
-    const SearchedRows rows(1, ids_from(0, 200), vectors);
-    rows.expect_best(kOne, 1, {{static_cast<std::int64_t>(at), 2}});
-  }
-}
-
-TEST(EverySearch, SeesTheLastOfAnyNumberOfRows) {
-  for (std::int64_t rows = 1; rows <= 200; ++rows) {
-    Floats vectors(static_cast<std::size_t>(rows));
-    std::iota(vectors.begin(), vectors.end(), 0.0f);
-    SearchedRows(1, ids_from(0, rows), vectors).expect_best(kOne, 1, {{rows - 1, vectors.back()}});
-  }
-}
-
-TEST(EverySearch, GivesEveryScoreZeroWithoutComponents) {
-  SearchedRows(0, {9, 3, 5}, {}).expect_order({}, {{9, 0}, {3, 0}, {5, 0}});
-}
-
 TEST(EverySearch, NeverTakesANaN) {
   SearchedRows(1, {1, 2, 3}, {kNaN, 5, -kNaN}).expect_order(kOne, {{2, 5}});
   SearchedRows(1, {1, 2, 3}, {1, 5, 2}).expect_order({kNaN}, {});
@@ -131,11 +110,6 @@ TEST(EverySearch, TakesTheZerosAsEqualAndKeepsTheirSigns) {
   SearchedRows(1, {1}, {-0.0f}).expect_order(kOne, {{1, 0.0f}});
 }
 
-TEST(EverySearch, KeepsDenormalScores) {
-  const SearchedRows rows(1, {1, 2, 3}, {0, kDenormal, 2 * kDenormal});
-  rows.expect_order(kOne, {{3, 2 * kDenormal}, {2, kDenormal}, {1, 0}});
-}
-
 // The product is 1 + 2^-11 + 2^-24; rounded before the addition, the sum would be 0.
 TEST(EverySearch, FusesMultiplicationAndAddition) {
   const float root = 1 + std::ldexp(1.0f, -12);
@@ -143,47 +117,6 @@ TEST(EverySearch, FusesMultiplicationAndAddition) {
   const SearchedRows rows(2, {1, 2}, {minus_square, root, root, minus_square});
   rows.expect_best({1, root}, 1, {{1, std::ldexp(1.0f, -24)}});
   rows.expect_best({root, 1}, 1, {{2, 0.0f}});
-}
-
-TEST(EverySearch, AddsComponentsInOrder) {
-  const SearchedRows rows(3, {1, 2, 3}, {1e8f, -1e8f, 1, 1, 1e8f, -1e8f, 1e8f, 1, -1e8f});
-  rows.expect_order({1, 1, 1}, {{1, 1}, {2, 0}, {3, 0}});
-}
-
-TEST(EverySearch, ScoresEveryDimensionByOneChainOfFusedOperations) {
-  constexpr std::size_t kRows = 21;
-  for (std::size_t dim = 1; dim <= 35; ++dim) {
-    Floats vectors;
-    Floats query;
-    std::vector<Hit> hits;
-    for (std::size_t j = 0; j < dim; ++j) query.push_back(1 / static_cast<float>(3 * j + 7));
-    for (std::size_t row = 0; row < kRows; ++row) {
-      float score = 0;
-      for (std::size_t j = 0; j < dim; ++j) {
-        vectors.push_back(std::sin(static_cast<float>(row * dim + j + 1)));
-        score = std::fma(vectors.back(), query[j], score);
-      }
-      hits.push_back({static_cast<std::int64_t>(row), score});
-    }
-    std::stable_sort(hits.begin(), hits.end(),
-                     [](const Hit& a, const Hit& b) { return a.score > b.score; });
-    const SearchedRows rows(static_cast<std::int32_t>(dim), ids_from(0, kRows), vectors);
-    rows.expect_best(query, kRows, hits);
-  }
-}
-
-TEST(EverySearch, WritesNothingForKBelowOne) {
-  const Sealed index(1, {1, 2}, {1, 2}, {{7}, {0}, {2}});
-  set_ivf(index, 7, one_list({1, 2}));
-  for (const std::int32_t k : kNoCounts) {
-    const auto unsigned_k = static_cast<std::uint32_t>(k);
-    EXPECT_EQ(search_full(index, kOne, k), nothing_written()) << k;
-    EXPECT_EQ(search_partition(index, 7, kOne, k), nothing_written()) << k;
-    EXPECT_EQ(scatter(index, {1, 2}, kOne, k), nothing_written()) << k;
-    EXPECT_EQ(search_ivf(index, 7, kOne, k), nothing_written()) << k;
-    EXPECT_EQ(search_mvcc(index, {1, 2}, kOne, unsigned_k), nothing_written()) << k;
-    EXPECT_EQ(search_filtered(index, kEveryId, kOne, unsigned_k), nothing_written()) << k;
-  }
 }
 
 TEST(EverySearch, OfRowsByPositionWritesNoMoreSlotsThanThereAreRows) {
@@ -233,22 +166,6 @@ TEST(EverySearch, OfListedIdsMayFillTwoSlotsWithAnIdListedTwice) {
   }
 }
 
-TEST(EverySearch, OfCandidatesTakesACountBelowOneAsNone) {
-  const Sealed index(1, {1}, {1});
-  for (const std::int32_t n : kNoCounts) {
-    EXPECT_EQ(run_search(2,
-                         [&](std::int64_t* ids, float* scores) {
-                           return qx_index_scatter_topk(index, nullptr, n, nullptr, 2, ids, scores);
-                         }),
-              nothing_written());
-    EXPECT_EQ(run_search(2,
-                         [&](std::int64_t* ids, float* scores) {
-                           return qx_index_search_mvcc(index, nullptr, n, nullptr, 2, ids, scores);
-                         }),
-              empty_slots(2));
-  }
-}
-
 // What looks for a row by its id finds the last one; what scans rows finds each.
 TEST(EverySearch, OfARepeatedBaseIdFindsItsLastRowByIdAndEveryRowByScan) {
   const Sealed index(1, {7, 3, 7, 7}, {9, 2, 1, 3}, {{7}, {0}, {4}});
@@ -279,16 +196,6 @@ TEST(EverySearch, OfTheBaseSeesNoMutation) {
   EXPECT_EQ(search_ivf(index, 7, kOne, 4), found({{3, 3}, {2, 2}, {1, 1}, kEmptySlot}));
   EXPECT_EQ(export_base(index), (Rows{{1, 2, 3}, {1, 2, 3}}));
   EXPECT_EQ(stats(index), (Stats{3, 1, 0, 1}));
-}
-
-TEST(EverySearch, OfTheBaseFindsNothingBeforeABuild) {
-  const Index index(1);
-  insert(index, {0, 1}, {1, 1});
-  set_ivf(index, 7, one_list({0, 1}));
-  EXPECT_EQ(search_full(index, kOne, 3), nothing_written());
-  EXPECT_EQ(search_partition(index, 0, kOne, 3), nothing_written());
-  EXPECT_EQ(scatter(index, {1}, kOne, 1), nothing_written());
-  EXPECT_EQ(search_ivf(index, 7, kOne, 2), empty_slots(2));
 }
 
 }  // namespace

@@ -49,24 +49,6 @@ TEST(IvfLists, AnyKeyHasItsOwnStructure) {
   EXPECT_EQ(search_ivf(index, 8, kOne, 2), nothing_written());
 }
 
-TEST(IvfLists, ManyKeysKeepTheirOwnStructures) {
-  const SixRows index;
-  for (std::int64_t key = 0; key < 500; ++key) set_ivf(index, key << 32, one_list({key % 6 + 1}));
-  for (std::int64_t key = 0; key < 500; ++key) {
-    ASSERT_EQ(index.found_in(key << 32), Ids{key % 6 + 1});
-    ASSERT_EQ(qx_index_has_ivf(index, (key << 32) + 1), 0);
-  }
-}
-
-TEST(IvfLists, ASecondStructureUnderAKeyReplacesTheFirstAlone) {
-  const SixRows index({2, 2, {1, 2}, {1, 2, 3}, {0, 1, 3}});
-  set_ivf(index, 9, one_list({2}));
-  EXPECT_EQ(index.found_in(7), (Ids{3, 2, 1}));
-  EXPECT_EQ(set_ivf(index, 7, one_list({4})), 0);
-  EXPECT_EQ(index.found_in(7), Ids{4});
-  EXPECT_EQ(index.found_in(9), Ids{2});
-}
-
 TEST(IvfLists, AnyProbeCountIsTakenForItsKeyAlone) {
   const Ivf two_lists{2, 1, {1, 2}, {1, 2}, {0, 1, 2}};
   const SixRows index(two_lists);
@@ -117,32 +99,6 @@ TEST(IvfLists, OfANegativeDimensionReadAProductAboveZeroAlone) {
   EXPECT_NE(end.exit_status, 0) << "the sixth centroid value was not read";
 }
 
-TEST(IvfLists, AfterAClearEveryKeyIsUnknownUntilItIsAttachedAgain) {
-  const SixRows index;
-  EXPECT_EQ(qx_index_clear_ivf(index), 0);
-  set_ivf(index, 7, one_list({1}));
-  set_ivf(index, 9, one_list({2}));
-  EXPECT_EQ(qx_index_clear_ivf(index), 0);
-  for (const std::int64_t key : {7, 9}) {
-    EXPECT_EQ(qx_index_has_ivf(index, key), 0);
-    EXPECT_EQ(qx_index_set_ivf_nprobe(index, key, 1), -1);
-    EXPECT_EQ(search_ivf(index, key, kOne, 1), nothing_written());
-  }
-  set_ivf(index, 9, one_list({3}));
-  EXPECT_EQ(qx_index_has_ivf(index, 7), 0);
-  EXPECT_EQ(index.found_in(9), Ids{3});
-}
-
-TEST(IvfLists, IvfKeysAreNotPartitionKeys) {
-  const Sealed index(1, {1, 2}, {1, 2}, {{7}, {0}, {1}});
-  EXPECT_EQ(qx_index_has_ivf(index, 7), 0);
-  set_ivf(index, 7, one_list({2}));
-  set_ivf(index, 8, one_list({2}));
-  EXPECT_EQ(search_ivf(index, 7, kOne, 1), found({{2, 2}}));
-  EXPECT_EQ(search_partition(index, 7, kOne, 1), found({{1, 1}}));
-  EXPECT_EQ(search_partition(index, 8, kOne, 1), nothing_written());
-}
-
 // ---- The lists of a search ----
 
 TEST(IvfSearch, ScansTheListsOfTheBestCentroidsBestFirst) {
@@ -185,20 +141,6 @@ TEST(IvfSearch, TakesListsAsTheirOffsetsSay) {
   EXPECT_EQ(some_left_out.found_in(7), (Ids{4, 3, 2}));
   const SixRows not_scanned({2, 1, {2, 1}, {1, 2, 3}, {0, 2, 9}});
   EXPECT_EQ(not_scanned.found_in(7), (Ids{2, 1}));
-}
-
-TEST(IvfSearch, WritesAsManySlotsAsAreWanted) {
-  std::vector<Hit> hits(200, kEmptySlot);
-  hits[0] = {2, 2};
-  EXPECT_EQ(search_ivf(SixRows(one_list({2})), 7, kOne, 200), found(hits));
-}
-
-TEST(IvfSearch, WithoutComponentsListsAndRowsComeInOrder) {
-  const Sealed index(0, {1, 2, 3}, {});
-  set_ivf(index, 7, {2, 2, {}, {3, 1, 2}, {0, 1, 3}});
-  EXPECT_EQ(search_ivf(index, 7, {}, 4), found({{3, 0}, {1, 0}, {2, 0}, kEmptySlot}));
-  qx_index_set_ivf_nprobe(index, 7, 1);
-  EXPECT_EQ(search_ivf(index, 7, {}, 2), found({{3, 0}, kEmptySlot}));
 }
 
 TEST(IvfSearch, TakesCentroidsAsRowsOfTheirMatrixAlsoIfTheyCameBeforeTheBase) {

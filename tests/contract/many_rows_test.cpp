@@ -132,22 +132,5 @@ TEST(LargeBase, ShowsEveryRowOfManyRepeatedIds) {
   rows.expect_matches({1, 2, -1});
 }
 
-// Strides of keys that collide in a hash table.
-TEST(ManyRows, OfTheDeltaAreFoundUnderIdsOfAnyStride) {
-  for (const int shift : {0, 16, 20, 32, 48}) {
-    const Index index(1);
-    Ids ids = ids_from(-1500, 3000);
-    for (std::int64_t& id : ids) id *= std::int64_t{1} << shift;
-    Floats vectors(ids.size());
-    std::iota(vectors.begin(), vectors.end(), 0.0f);
-    insert(index, ids, vectors);
-    EXPECT_EQ(export_visible(index), (Rows{ids, vectors})) << "shift " << shift;
-    for (float& component : vectors) component += 0.5f;
-    insert(index, ids, vectors);
-    EXPECT_EQ(qx_index_delta_count(index), 3000) << "shift " << shift;
-    EXPECT_EQ(export_visible(index), (Rows{ids, vectors})) << "shift " << shift;
-  }
-}
-
 }  // namespace
 }  // namespace qx_test

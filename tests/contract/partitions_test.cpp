@@ -40,14 +40,6 @@ TEST(PartitionSearch, FindsTheKeysOfTablesOfEverySizeAndNoOthers) {
   }
 }
 
-TEST(PartitionSearch, TakesTheExtremeKeysLikeAnyOther) {
-  const SixRows index({{kLowestId, -1, 0, kHighestId}, {0, 1, 2, 3}, {1, 1, 1, 1}});
-  EXPECT_EQ(index.rows_of(kLowestId), found({{10, 1}}));
-  EXPECT_EQ(index.rows_of(-1), found({{20, 2}}));
-  EXPECT_EQ(index.rows_of(0), found({{30, 3}}));
-  EXPECT_EQ(index.rows_of(kHighestId), found({{40, 4}}));
-}
-
 TEST(PartitionSearch, UsesTheOneOfEqualKeysThatABinarySearchMeetsFirst) {
   const std::pair<Ids, std::int64_t> first_met[] = {
       {{5, 5}, 10},          {{5, 5, 5}, 20},       {{5, 5, 5, 5}, 20}, {{5, 5, 5, 5, 5}, 30},
@@ -56,13 +48,6 @@ TEST(PartitionSearch, UsesTheOneOfEqualKeysThatABinarySearchMeetsFirst) {
     const SixRows index({keys, {0, 1, 2, 3, 4}, Ints(5, 1)});
     EXPECT_EQ(index.rows_of(5), found({{id, static_cast<float>(id) / 10}}));
   }
-}
-
-TEST(PartitionSearch, SearchesRangesThatOverlapOrEndWithTheBase) {
-  const SixRows index({{1, 2, 3}, {4, 3, 0}, {2, 3, 6}});
-  EXPECT_EQ(index.rows_of(1), found({{50, 5}, {60, 6}}));
-  EXPECT_EQ(index.rows_of(2), found({{40, 4}, {50, 5}, {60, 6}}));
-  EXPECT_EQ(search_partition(index, 3, kOne, 1), found({{60, 6}}));
 }
 
 TEST(PartitionSearch, WritesNothingWhereARangeIsEmptyOrLeavesTheBase) {
@@ -114,28 +99,6 @@ TEST(Tuner, ListsPartitionsOfAtLeastTheThresholdInTableOrder) {
   EXPECT_EQ(oversized(index, 5), (Oversized{{20, 40}, {5, kHighest}}));
   EXPECT_EQ(oversized(index, 6), (Oversized{{40}, {kHighest}}));
   EXPECT_EQ(oversized(index, kHighest), (Oversized{{40}, {kHighest}}));
-}
-
-TEST(Tuner, WritesNothingWithoutPartitions) {
-  const Index unbuilt(1);
-  EXPECT_EQ(oversized(unbuilt, kLowest), Oversized());
-  EXPECT_EQ(oversized(SixRows({}), kLowest), Oversized());
-}
-
-TEST(Tuner, ListsThePartitionsOfTheLatestBuildWhateverIsDeleted) {
-  const Index index(1);
-  seal_to_be_replaced(index, 1, {1, 2}, {1, 2}, {{5, 6, 7}, {0, 0, 0}, {2, 2, 2}});
-  seal(index, 1, {1, 2}, {1, 2}, {{8}, {0}, {1}});
-  delete_ids(index, {1, 2});
-  EXPECT_EQ(oversized(index, 1), (Oversized{{8}, {1}}));
-}
-
-TEST(Tuner, HasTheTwoNumbersOfTheHeader) {
-  std::uint32_t first = 1;
-  std::uint32_t second = 1;
-  EXPECT_EQ(qx_tuner_defaults(&first, &second), 0);
-  EXPECT_EQ(first, 20000u);
-  EXPECT_EQ(second, 980u);
 }
 
 }  // namespace

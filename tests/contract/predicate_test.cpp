@@ -70,26 +70,6 @@ TEST(Predicate, EveryOtherModeComparesAColumn) {
   EXPECT_EQ(index.passing(has_value(2, QX_MISSING)), visible_ids(index));
 }
 
-TEST(Predicate, WithoutMetadataEveryLabelIsMissingAndNoColumnMatches) {
-  const Sealed index(1, {1}, {1});
-  insert(index, {2}, {2});
-  EXPECT_EQ(match_ids(index, has_label(QX_MISSING)), (Ids{2, 1}));
-  EXPECT_EQ(match_ids(index, has_label(0)), Ids());
-  EXPECT_EQ(match_ids(index, has_value(0, QX_MISSING)), Ids());
-  set_rowmeta(index, {1}, {5}, {}, 0);
-  EXPECT_EQ(match_ids(index, has_value(0, QX_MISSING)), Ids());
-}
-
-TEST(Predicate, AnIdPassesWhileItIsVisibleByTheMetadataItHas) {
-  const Labelled index;
-  delete_ids(index, {1, 2, 77});
-  EXPECT_EQ(index.passing(has_label(5)), Ids());
-  EXPECT_EQ(index.passing(has_value(0, 10)), Ids());
-  insert(index, {1, 2, 77}, {1, 2, 77});
-  EXPECT_EQ(index.passing(has_label(5)), (Ids{2, 1, 77}));
-  EXPECT_EQ(index.passing(has_value(0, 10)), (Ids{2, 1, 77}));
-}
-
 TEST(Predicate, ExtremeIdsAndValuesMatchLikeAnyOther) {
   const Index index(1);
   insert(index, {kLowestId, kHighestId}, {1, 2});
@@ -97,24 +77,6 @@ TEST(Predicate, ExtremeIdsAndValuesMatchLikeAnyOther) {
   EXPECT_EQ(match_ids(index, has_label(kHighestId)), Ids{kLowestId});
   EXPECT_EQ(match_ids(index, has_value(0, kHighestId)), Ids{kHighestId});
   EXPECT_EQ(search_filtered(index, has_label(kLowestId), kOne, 1), found({{kHighestId, 2}}));
-}
-
-TEST(Predicate, WithoutComponentsTheFirstPassingRowsAreReturned) {
-  const Sealed index(0, {1, 2, 3}, {});
-  insert(index, {9}, {});
-  set_rowmeta(index, {1, 3, 9}, {5, 5, 5}, {}, 0);
-  EXPECT_EQ(search_filtered(index, has_label(5), {}, 2), found({{9, 0}, {1, 0}}));
-}
-
-TEST(Predicate, ManyRowsKeepTheWalkOrder) {
-  Ids delta_ids = ids_from(851, 150);
-  std::reverse(delta_ids.begin(), delta_ids.end());
-  const Sealed index(1, ids_from(0, 150), Floats(150, 1));
-  insert(index, delta_ids, Floats(150, 1));
-  std::vector<Hit> first;
-  for (const std::int64_t id : delta_ids) first.push_back({id, 1});
-  for (std::int64_t id = 0; id < 50; ++id) first.push_back({id, 1});
-  EXPECT_EQ(search_filtered(index, kEveryId, kOne, 200), found(first));
 }
 
 }  // namespace

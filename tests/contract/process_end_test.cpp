@@ -1,16 +1,34 @@
 // The end of the process, wherever host data can cause it: exactly one line, then the trap, even if
 // standard error cannot be written.
 #include <fcntl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
-
-#include "contract/rebuilt.h"
+#include "support/cases.h"
 
 namespace qx_test {
 namespace {
+
+// Delta rows 11, 12, 13 of dimension 2 (six floats) and two centroids of it (four), read under
+// another dimension.
+class Rebuilt : public Index {
+ public:
+  explicit Rebuilt(std::int32_t dim) : Index(2) {
+    insert(*this, {11, 12, 13}, {1, 2, 3, 4, 5, 6});
+    set_rowmeta(*this, {11, 12, 13}, {1, 2, 3}, {}, 0);
+    set_ivf(*this, 7, {2, 1, {1, 2, 3, 4}, {5, 6}, {0, 1, 2}});
+    seal(*this, dim, {5, 6}, Floats(2 * static_cast<std::size_t>(dim), 1));
+  }
+};
+
+// The same of dimension 0, where nothing is stored, read under dimension 2.
+class RebuiltFromZero : public Index {
+ public:
+  RebuiltFromZero() : Index(0) {
+    insert(*this, {11}, {});
+    set_ivf(*this, 7, {1, 1, {}, {5}, {0, 1}});
+    seal(*this, 2, {5}, {1, 2});
+  }
+};
 
 const Ids kTwoRows{11, 12};
 const Floats kTwo(2, 1);
@@ -97,18 +115,13 @@ void fill_the_device() {
   if (full < 0 || dup2(full, STDERR_FILENO) < 0) _exit(3);
 }
 
-// Fills a pipe whose writers do not block.
-void fill(int pipe_end) {
-  const char block[512] = {};
-  while (write(pipe_end, block, sizeof block) > 0) continue;
-  while (write(pipe_end, block, 1) > 0) continue;
-}
-
-// A full pipe that does not block.
+// A full pipe whose writers do not block.
 void fill_the_pipe() {
   int ends[2];
   if (pipe2(ends, O_NONBLOCK) != 0) _exit(3);
-  fill(ends[1]);
+  const char block[512] = {};
+  while (write(ends[1], block, sizeof block) > 0) continue;
+  while (write(ends[1], block, 1) > 0) continue;
   if (dup2(ends[1], STDERR_FILENO) < 0) _exit(3);
 }
 
@@ -131,45 +144,6 @@ TEST_P(ProcessEnd, TrapsWhereStandardErrorTakesNoLine) {
     EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
     EXPECT_EQ(end.standard_error, "");
   }
-}
-
-// A pipe that stays full until a timer has fired this many times; each time it interrupts the
-// blocked write.
-int waiting_pipe[2];
-volatile std::sig_atomic_t strikes_left = 10;
-
-void strike(int) {
-  const int error = errno;
-  char block[512];
-  strikes_left = strikes_left - 1;
-  if (strikes_left == 0) {
-    while (read(waiting_pipe[0], block, sizeof block) > 0) continue;
-  }
-  errno = error;
-}
-
-void wait_for_the_pipe() {
-  struct sigaction action = {};
-  action.sa_handler = strike;  // without SA_RESTART
-  const itimerval often = {{0, 2000}, {0, 2000}};
-  fill(waiting_pipe[1]);
-  if (fcntl(waiting_pipe[1], F_SETFL, 0) != 0 || dup2(waiting_pipe[1], STDERR_FILENO) < 0 ||
-      sigaction(SIGALRM, &action, nullptr) != 0 || setitimer(ITIMER_REAL, &often, nullptr) != 0) {
-    _exit(3);
-  }
-}
-
-TEST_P(ProcessEnd, WritesItsLineThoughSignalsInterruptIt) {
-  ASSERT_EQ(pipe2(waiting_pipe, O_NONBLOCK), 0);
-  const ChildEnd end = run(wait_for_the_pipe);
-  close(waiting_pipe[1]);
-  char written[512] = {};
-  EXPECT_GT(read(waiting_pipe[0], written, sizeof written - 1), 0);
-  close(waiting_pipe[0]);
-  std::string line = written;
-  remove_emulator_note(&line);
-  EXPECT_TRUE(end.trapped) << "exit status " << end.exit_status;
-  EXPECT_TRUE(is_bounds_line(line, GetParam().index, GetParam().length)) << line;
 }
 
 INSTANTIATE_TEST_SUITE_P(HostData, ProcessEnd, testing::ValuesIn(kEnds),

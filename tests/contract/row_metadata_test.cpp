@@ -62,43 +62,6 @@ TEST(RowMetadata, SettingAnIdAgainReplacesItsLabelAndEveryColumn) {
   EXPECT_EQ(export_rowmeta(index, {4, 5}), (Metadata{3, {41, 51}, {7, 8, -1, 9, 10, 11}}));
 }
 
-TEST(RowMetadata, AnExportGivesListedIdsInTheirOrderAlsoTwice) {
-  const WithId4 index({1, 2});
-  EXPECT_EQ(export_rowmeta(index, {4, 5, 4, -4}),
-            (Metadata{2, {40, -1, 40, -1}, {1, 2, -1, -1, 1, 2, -1, -1}}));
-}
-
-TEST(RowMetadata, AnExportOfNoIdsWritesNothingAndGivesTheWidth) {
-  const WithId4 index({1, 2, 3});
-  const Guarded<std::int64_t> ids(1, 4);
-  for (const std::uint32_t n : kUnsignedNoCounts) {
-    Guarded<std::int64_t> labels(2, kUntouchedId);
-    Guarded<std::int64_t> values(6, kUntouchedId);
-    EXPECT_EQ(qx_index_export_rowmeta(index, ids.data(), n, labels.data(), values.data()), 3);
-    EXPECT_TRUE(labels.equals(Ids(2, kUntouchedId))) << "n " << n;
-    EXPECT_TRUE(values.equals(Ids(6, kUntouchedId))) << "n " << n;
-  }
-}
-
-TEST(RowMetadata, NeedsNoRowAndSurvivesEveryChangeOfRows) {
-  const Metadata expected{1, {40}, {1}};
-  const WithId4 index({1});
-  seal(index, 1, {4}, {4});
-  EXPECT_EQ(export_rowmeta(index, {4}), expected);
-  delete_ids(index, {4});
-  EXPECT_EQ(export_rowmeta(index, {4}), expected);
-  insert(index, {4}, {5});
-  EXPECT_EQ(export_rowmeta(index, {4}), expected);
-}
-
-TEST(RowMetadata, TouchesNeitherRowsNorTheSnapshot) {
-  const Sealed index(1, {1, 2}, {1, 2});
-  insert(index, {3}, {3});
-  const Observed before = observe(index);
-  set_rowmeta(index, {1, 3, 9}, {1, 2, 3}, {1, 2, 3}, 1);
-  EXPECT_EQ(observe(index), before);
-}
-
 TEST(RowMetadata, AnyIdLabelAndValueIsValid) {
   const Index index(1);
   const Ids ids{kLowestId, kHighestId, -1, 0};
@@ -106,16 +69,6 @@ TEST(RowMetadata, AnyIdLabelAndValueIsValid) {
   const Ids values{kLowestId, 5, -7, kHighestId};
   set_rowmeta(index, ids, labels, values, 1);
   EXPECT_EQ(export_rowmeta(index, ids), (Metadata{1, labels, values}));
-}
-
-TEST(RowMetadata, ManyIdsAndColumnsKeepTheirPlaces) {
-  const Index index(1);
-  Ids ids = ids_from(0, 500);
-  for (std::int64_t& id : ids) id <<= 20;
-  const Ids labels = ids_from(1000, 500);
-  const Ids values = ids_from(0, 3500);
-  set_rowmeta(index, ids, labels, values, 7);
-  EXPECT_EQ(export_rowmeta(index, ids), (Metadata{7, labels, values}));
 }
 
 }  // namespace

@@ -5,13 +5,6 @@
 namespace qx_test {
 namespace {
 
-TEST(BaseRecord, WithoutRowsHasNoTable) {
-  const Sealed index(2, {}, {});
-  EXPECT_EQ(index->sealed, 1u);
-  EXPECT_EQ(index->n_base, 0);
-  EXPECT_TRUE(owns_no_base(index));
-}
-
 TEST(BaseRecord, TheTableEndsWithTheLargestIdAndNamesTheLastRowOfEach) {
   const struct {
     Ids ids;
@@ -28,18 +21,6 @@ TEST(BaseRecord, TheTableEndsWithTheLargestIdAndNamesTheLastRowOfEach) {
     EXPECT_EQ(id_to_row(index), table);
     EXPECT_EQ(values_of(index->duplicate_rows), duplicates);
   }
-}
-
-TEST(BaseRecord, HoldsCopiesOfTheHostsArrays) {
-  const Index index(9, 8);
-  seal(index, 2, {4, 2}, {1, 2, 3, 4}, {{-5, 6, 7}, {0, 1, -9}, {1, 99, 0}});
-  EXPECT_EQ(stats(index), (Stats{2, 2, 8, 3}));
-  EXPECT_EQ(index->sealed, 1u);
-  EXPECT_EQ(values_of(index->base_vectors, 4), (Floats{1, 2, 3, 4}));
-  EXPECT_EQ(values_of(index->base_ids, 2), (Ids{4, 2}));
-  EXPECT_EQ(values_of(index->part_keys, 3), (Ids{-5, 6, 7}));
-  EXPECT_EQ(values_of(index->part_starts, 3), (Ints{0, 1, -9}));
-  EXPECT_EQ(values_of(index->part_sizes, 3), (Ints{1, 99, 0}));
 }
 
 float kept_magnitude(const Floats& vectors, std::int32_t dim) {
@@ -104,38 +85,6 @@ TEST(BaseRecord, ARejectedBuildChangesNoByte) {
   EXPECT_EQ(build(index, 1, {1, std::int64_t{1} << 40}, {1, 2}), -1);
   EXPECT_EQ(qx_index_build(index, nullptr, 0, 1, nullptr, nullptr, nullptr, nullptr, -1), -1);
   EXPECT_EQ(bytes_of(index), before);
-}
-
-TEST(BaseRecord, ARebuildReplacesEveryBaseFieldAndNoOther) {
-  const Index index(1);
-  seal_to_be_replaced(index, 1, {4, 2}, {1, 2}, {{1}, {0}, {2}});
-  insert(index, {9, 8}, {90, 80});
-  delete_ids(index, {2, 9});
-  set_rowmeta(index, {9}, {5}, {6}, 1);
-  set_ivf(index, 3, {1, 1, {1}, {4}, {0, 1}});
-  seal(index, 3, {1}, {1, 2, 3});
-  EXPECT_EQ(stats(index), (Stats{1, 3, 0, 0}));
-  EXPECT_EQ(index->part_keys, nullptr);
-  EXPECT_EQ(id_to_row(index), (Ids{-1, 0}));
-  EXPECT_EQ(index->snapshot, 2u);
-  EXPECT_EQ(values_of(index->delta_ids), (Ids{9, 8}));
-  EXPECT_EQ(values_of(index->delta_stamps), (Ids{1, 1}));
-  EXPECT_EQ(values_of(index->delta_vectors), (Floats{90, 80}));
-  EXPECT_EQ(value_of(index->deleted_at, 2), 2);
-  EXPECT_EQ(value_of(index->row_labels, 9), 5);
-  EXPECT_EQ(index->meta_ncols, 1);
-  EXPECT_EQ(value_of(index->ivf_map, 3), 0);
-  EXPECT_EQ(index->ivf_list.length, 1);
-}
-
-TEST(BaseRecord, MutationsLeaveTheBaseAndItsTable) {
-  const Sealed index(1, {4, 2}, {1, 2});
-  const float* const vectors = index->base_vectors;
-  insert(index, {2, 3, 7}, {20, 30, 70});
-  delete_ids(index, {4, 5});
-  EXPECT_EQ(index->base_vectors, vectors);
-  EXPECT_EQ(export_base(index), (Rows{{4, 2}, {1, 2}}));
-  EXPECT_EQ(id_to_row(index), (Ids{-1, -1, 1, -1, 0}));
 }
 
 }  // namespace

@@ -19,17 +19,6 @@ std::vector<T> values_of(const qx::Array<T>& array) {
   return values_of(array.data, array.length);
 }
 
-template <typename T>
-bool owns_nothing(const qx::Array<T>& array) {
-  return array.data == nullptr && array.length == 0 && array.capacity == 0;
-}
-
-inline bool owns_no_base(const QxIndex* index) {
-  return index->base_vectors == nullptr && index->base_ids == nullptr &&
-         index->part_keys == nullptr && index->part_starts == nullptr &&
-         index->part_sizes == nullptr && index->id_to_row == nullptr && index->max_base_id == -1;
-}
-
 inline std::vector<std::int64_t> id_to_row(const QxIndex* index) {
   return values_of(index->id_to_row, index->max_base_id + 1);
 }

@@ -58,14 +58,6 @@ TEST(InsertRecord, WithoutComponentsStoresIdsAndStampsAlone) {
   }
 }
 
-TEST(DeleteRecord, GivesEveryIdOfTheCallItsSnapshotAndTheDeltaNone) {
-  const Index index(1);
-  EXPECT_EQ(insert(index, {5}, {50}), 1u);
-  EXPECT_EQ(delete_ids(index, {5, 6, 5}), 2u);
-  expect_tombstones(index, {{5, 2}, {6, 2}});
-  expect_delta(index, {5}, {1}, {50});
-}
-
 TEST(DeleteRecord, OfAnIdAgainKeepsOneKeyWithTheLastSnapshot) {
   const Index index(1);
   EXPECT_EQ(delete_ids(index, {9}), 1u);
