@@ -13,19 +13,6 @@ TEST(Lifecycle, ANewIndexReportsItsNumbersAndNothingElse) {
   EXPECT_EQ(qx_runtime_format_version(), QX_RUNTIME_FORMAT_VERSION);
 }
 
-TEST(Build, ABaseWithoutRowsIsSealedAndSearchesOfItFindNothing) {
-  const Index index(3);
-  seal_to_be_replaced(index, 1, {5, 6}, {1, 2}, {{1}, {0}, {2}});
-  seal(index, 2, {}, {}, {{5}, {0}, {0}});
-  EXPECT_EQ(qx_index_sealed(index), 1u);
-  EXPECT_EQ(stats(index), (Stats{0, 2, 0, 1}));
-  EXPECT_EQ(export_base(index), Rows());
-  EXPECT_EQ(search_full(index, {1, 1}, 3), nothing_written());
-  EXPECT_EQ(search_partition(index, 5, {1, 1}, 3), nothing_written());
-  EXPECT_EQ(scatter(index, {0, 5}, {1, 1}, 2), empty_slots(2));
-  EXPECT_EQ(search_mvcc(index, {0, 5}, {1, 1}, 1), empty_slots(1));
-}
-
 // Tries each condition for a rejection.
 void expect_rejections(QxIndex* index) {
   const auto build_nothing = [&](std::int64_t n, std::int32_t dim, std::int32_t n_parts) {

@@ -119,12 +119,6 @@ TEST(EverySearch, FusesMultiplicationAndAddition) {
   rows.expect_best({root, 1}, 1, {{2, 0.0f}});
 }
 
-TEST(EverySearch, OfRowsByPositionWritesNoMoreSlotsThanThereAreRows) {
-  const Sealed index(1, {1, 2, 3}, {1, 2, 3}, {{7}, {1}, {2}});
-  EXPECT_EQ(search_full(index, kOne, kHighest), found({{3, 3}, {2, 2}, {1, 1}}));
-  EXPECT_EQ(search_partition(index, 7, kOne, kHighest), found({{3, 3}, {2, 2}}));
-}
-
 TEST(EverySearch, OfListedIdsOffersThemInTheOrderOfTheList) {
   Ids listed = ids_from(0, 300);
   const Sealed index(1, listed, Floats(300, 1));

@@ -49,22 +49,6 @@ TEST(IvfLists, AnyKeyHasItsOwnStructure) {
   EXPECT_EQ(search_ivf(index, 8, kOne, 2), nothing_written());
 }
 
-TEST(IvfLists, AnyProbeCountIsTakenForItsKeyAlone) {
-  const Ivf two_lists{2, 1, {1, 2}, {1, 2}, {0, 1, 2}};
-  const SixRows index(two_lists);
-  set_ivf(index, 9, two_lists);
-  for (const std::int32_t nprobe : {kLowest, -1, 0, 1, 2, 3, kHighest}) {
-    const Ids expected = nprobe < 1 ? Ids() : nprobe == 1 ? Ids{2} : Ids{2, 1};
-    EXPECT_EQ(qx_index_set_ivf_nprobe(index, 7, nprobe), 0);
-    EXPECT_EQ(index.found_in(7), expected) << "nprobe " << nprobe;
-    set_ivf(index, 8, {2, nprobe, {1, 2}, {1, 2}, {0, 1, 2}});
-    EXPECT_EQ(index.found_in(8), expected) << "nprobe " << nprobe;
-    EXPECT_EQ(index.found_in(9), Ids{2});
-  }
-  EXPECT_EQ(qx_index_set_ivf_nprobe(index, 10, 3), -1);
-  EXPECT_EQ(qx_index_has_ivf(index, 10), 0);
-}
-
 TEST(IvfLists, OfNoElementsAreNotRead) {
   const Index index(3);
   const Guarded<std::int32_t> offset(1, 0);

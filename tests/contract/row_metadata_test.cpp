@@ -12,14 +12,6 @@ class WithId4 : public Index {
   }
 };
 
-TEST(RowMetadata, WithoutColumnsThereAreLabelsAlone) {
-  const Index index(1);
-  const Guarded<std::int64_t> ids(Ids{4, 5});
-  const Guarded<std::int64_t> labels(Ids{40, 50});
-  EXPECT_EQ(qx_index_set_rowmeta(index, ids.data(), labels.data(), nullptr, 0, 2), 0);
-  EXPECT_EQ(export_rowmeta(index, {5, 4, 6}), (Metadata{0, {50, 40, -1}, {}}));
-}
-
 TEST(RowMetadata, AWidthBelowTheCurrentOneIsRejected) {
   const Index fresh(1);
   const WithId4 index({1, 2, 3});

@@ -1,8 +1,7 @@
-// The heap functions and the checked array, in cases that no call of the interface reaches.
+// The heap functions and the array where there are no elements.
 #include <gtest/gtest.h>
 
 #include "support/array.h"
-#include "support/child.h"
 #include "support/memory.h"
 
 namespace qx_test {
@@ -11,26 +10,6 @@ namespace {
 TEST(Memory, NoElementsOwnNoBlock) {
   EXPECT_EQ(qx::allocate(0, 8), nullptr);
   EXPECT_EQ(qx::allocate_cache_aligned(0, 8), nullptr);
-}
-
-TEST(Memory, ASizeThatNoAddressSpaceHoldsEndsTheProcess) {
-  for (const std::int64_t count : {std::int64_t{-1}, std::int64_t{1} << 61}) {
-    const ChildEnd end = run_in_child([&] { qx::allocate(count, 8); });
-    EXPECT_TRUE(end.trapped);
-    EXPECT_TRUE(is_allocation_line(end.standard_error)) << end.standard_error;
-  }
-}
-
-TEST(Array, AnElementOutsideOfItEndsTheProcess) {
-  const int elements[] = {4, 5, 6};
-  auto array = qx::Array<int>::copy_of(elements, 3);
-  EXPECT_EQ(array.at(0), 4);
-  EXPECT_EQ(array.at(2), 6);
-  for (const std::int64_t index : {-1, 3}) {
-    const ChildEnd end = run_in_child([&] { array.at(index) = 7; });
-    EXPECT_TRUE(end.trapped);
-    EXPECT_TRUE(is_bounds_line(end.standard_error, index, 3)) << end.standard_error;
-  }
 }
 
 TEST(Array, NoElementsAreNeitherReadNorCounted) {

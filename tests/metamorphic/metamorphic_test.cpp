@@ -262,19 +262,6 @@ TEST_P(Metamorphic, RowsInAnotherOrderPermuteOnlyTies) {
   });
 }
 
-TEST_P(Metamorphic, RowsDeletedAndInsertedAgainPermuteOnlyTies) {
-  expect_relation([](const Base& index, const Base& other, const Floats& query) {
-    const Base again(other.rows);
-    Rows moved;
-    for (std::int64_t row = 0; row < kRows; row += 20) add(moved, other.rows, row);
-    delete_ids(again, moved.ids);
-    EXPECT_EQ(qx_index_visible_count(again), kRows - std::ssize(moved.ids));
-    insert(again, moved.ids, moved.vectors);
-    EXPECT_EQ(qx_index_visible_count(again), kRows);
-    return equal_up_to_ties(index.visible(query), again.visible(query));
-  });
-}
-
 // Checks the test data: the number of distinct scores.
 TEST(MetamorphicData, HasManyTiesOrFew) {
   for (const Data data : {Data::kFewTies, Data::kManyTies}) {
