@@ -63,6 +63,14 @@ TEST(BuildLimits, MoreRowsOrElementsAndNegativeCountsAreRejected) {
   }
 }
 
+TEST(BuildLimits, ARejectedShapeIsNotRead) {
+  const Index index(1);
+  for (const std::int32_t dim : {2, INT32_MAX}) {
+    EXPECT_EQ(qx_index_build(index, nullptr, kLimit, dim, nullptr, nullptr, nullptr, nullptr, 0),
+              -1);
+  }
+}
+
 constexpr int kNoLimitStatus = 43;
 
 // Runs a build in an address space of 1 GiB. Skipped if that limit has no effect: the build would
