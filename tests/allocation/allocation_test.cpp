@@ -13,7 +13,7 @@ namespace {
 class Heap : public testing::Test {
  protected:
   Scenario scenario_;
-  const Index index_{Scenario::kDim};
+  const Index index_{static_cast<std::uint32_t>(scenario_.dim)};
 };
 
 TEST_F(Heap, FreeReturnsTheProcessToWhereItWas) {
@@ -49,8 +49,9 @@ TEST_F(Heap, CallsThatStoreNothingAllocateAndReleaseNothing) {
 
 TEST_F(Heap, ReadsAllocateNothingButAnIvfSearchOneArrayThatItReleases) {
   for (const std::int64_t arrays : {0, 1}) {
-    EXPECT_EQ(record_heap([&] { scenario_.read_without_ivf(index_); }).allocations, 0);
-    const HeapLog log = record_heap([&] { scenario_.search_ivf(index_); });
+    const auto read = [&] { scenario_.read_without_ivf(index_, 5, [](std::int64_t) {}); };
+    EXPECT_EQ(record_heap(read).allocations, 0);
+    const HeapLog log = record_heap([&] { scenario_.search_ivf(index_, 5); });
     EXPECT_EQ(log.allocations, arrays);
     EXPECT_EQ(log.still_held.size(), 0u);
     if (arrays == 0) scenario_.write(index_);
