@@ -55,18 +55,17 @@ Communicator::Communicator(MPI_Comm ranks) {
   MPI_Comm_dup(ranks, &ranks_);
   MPI_Comm_rank(ranks_, &rank_);
   MPI_Comm_size(ranks_, &size_);
-  MPI_Comm_split_type(ranks_, MPI_COMM_TYPE_SHARED, rank_, MPI_INFO_NULL, &machine_);
-  MPI_Comm_rank(machine_, &machine_rank_);
-  MPI_Comm_size(machine_, &machine_size_);
+  MPI_Comm machine = MPI_COMM_NULL;  // the ranks that share this rank's memory
+  MPI_Comm_split_type(ranks_, MPI_COMM_TYPE_SHARED, rank_, MPI_INFO_NULL, &machine);
+  MPI_Comm_rank(machine, &turn_);
   int lowest = rank_;
-  MPI_Allreduce(MPI_IN_PLACE, &lowest, 1, MPI_INT, MPI_MIN, machine_);
+  MPI_Allreduce(MPI_IN_PLACE, &lowest, 1, MPI_INT, MPI_MIN, machine);
   on_root_machine_ = lowest == 0;
+  MPI_Comm_free(&machine);
+  turns_ = static_cast<int>(most(turn_ + 1));
 }
 
-Communicator::~Communicator() {
-  MPI_Comm_free(&machine_);
-  MPI_Comm_free(&ranks_);
-}
+Communicator::~Communicator() { MPI_Comm_free(&ranks_); }
 
 std::int64_t Communicator::sum_before(std::int64_t number) const {
   std::int64_t before = 0;

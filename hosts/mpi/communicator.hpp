@@ -7,14 +7,15 @@
 
 #include <mpi.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <exception>
 #include <qx_runtime.hpp>
 #include <span>
 #include <stdexcept>
 #include <type_traits>
+#include <vector>
 
 namespace qx {
 
@@ -94,20 +95,11 @@ class Communicator {
   // takes for a moment is taken once a machine. Throws as `together` does.
   template <typename Step>
   void in_turns(Step&& step) const {
-    together([&] {
-      std::exception_ptr thrown;
-      for (int turn = 0; turn < machine_size_; ++turn) {
-        if (turn == machine_rank_) {
-          try {
-            step();
-          } catch (...) {
-            thrown = std::current_exception();
-          }
-        }
-        MPI_Barrier(machine_);
-      }
-      if (thrown) std::rethrow_exception(thrown);
-    });
+    for (int turn = 0; turn < turns_; ++turn) {
+      together([&] {
+        if (turn == turn_) step();
+      });
+    }
   }
 
   // Runs a step on rank 0 and gives its result, or what it threw, to every rank.
@@ -132,6 +124,20 @@ class Communicator {
     broadcast_bytes(numbers.data(), numbers.size_bytes(), root);
   }
 
+  // The numbers of one rank, on every rank.
+  template <typename Number>
+  std::vector<Number> shared(std::span<const Number> numbers, int root = 0) const {
+    std::int64_t count = std::ssize(numbers);
+    broadcast(std::span(&count, 1), root);
+    std::vector<Number> copy;
+    together([&] {
+      copy.resize(static_cast<std::size_t>(count));
+      if (rank_ == root) std::copy(numbers.begin(), numbers.end(), copy.begin());
+    });
+    broadcast(std::span(copy), root);
+    return copy;
+  }
+
   std::int64_t sum(std::int64_t number) const { return reduced(number, MPI_SUM); }
   std::int64_t least(std::int64_t number) const { return reduced(number, MPI_MIN); }
   std::int64_t most(std::int64_t number) const { return reduced(number, MPI_MAX); }
@@ -146,9 +152,8 @@ class Communicator {
   MPI_Comm ranks_ = MPI_COMM_NULL;
   int rank_ = 0;
   int size_ = 1;
-  MPI_Comm machine_ = MPI_COMM_NULL;  // the ranks that share this rank's memory
-  int machine_rank_ = 0;
-  int machine_size_ = 1;
+  int turn_ = 0;   // of this rank, among those of its machine
+  int turns_ = 1;  // the most ranks of a machine
   bool on_root_machine_ = true;
 };
 

@@ -1,52 +1,74 @@
 #include "loading.hpp"
 
 #include <algorithm>
+#include <cstdio>
 #include <numeric>
 #include <optional>
 
 #include "../ivf/centroids.hpp"
 #include "npy_file.hpp"
-#include "progress.hpp"
 #include "support.hpp"
 
 namespace qx {
 namespace {
 
 using Content = NpyFile::Content;
+using Ids = std::vector<std::int64_t>;
 
 constexpr std::int64_t kBytesPerPart = std::int64_t{1} << 26;
 
+// Says on standard error how far long work is: nothing for what is done within two seconds, and
+// nothing at all by a rank that does not print.
+class Progress {
+ public:
+  Progress(bool prints, std::string work) : prints_(prints), work_(std::move(work)) {}
+  void at(std::int64_t done, std::int64_t total) {
+    if (!prints_ || MPI_Wtime() < next_) return;
+    next_ = MPI_Wtime() + kSeconds;
+    const double all = static_cast<double>(std::max<std::int64_t>(total, 1));
+    std::fprintf(stderr, "%s: %.0f %%\n", work_.c_str(), 100 * static_cast<double>(done) / all);
+  }
+
+ private:
+  static constexpr double kSeconds = 2;
+  bool prints_;
+  std::string work_;
+  double next_ = MPI_Wtime() + kSeconds;
+};
+
 // A file that every rank opens. Where it differs between machines, that is an error.
-std::unique_ptr<NpyFile> open_on_all(const Communicator& ranks, const std::string& path,
-                                     Content content) {
-  std::unique_ptr<NpyFile> file;
-  ranks.together([&] { file = std::make_unique<NpyFile>(path, content); });
+NpyFile open_on_all(const Communicator& ranks, const std::string& path, Content content) {
+  std::optional<NpyFile> file;
+  ranks.together([&] { file.emplace(path, content); });
   const bool same = ranks.least(file->rows()) == ranks.most(file->rows()) &&
                     ranks.least(file->dim()) == ranks.most(file->dim());
-  require(same, path + ": its shape differs between ranks");
-  return file;
+  require(same, path, ": its shape differs between ranks");
+  return std::move(*file);
 }
 
 // A file of one number for each row; nothing where none is named.
-std::unique_ptr<NpyFile> open_beside(const Communicator& ranks, const std::string& path,
-                                     const NpyFile& vectors, const std::string& what) {
-  if (path.empty()) return nullptr;
-  std::unique_ptr<NpyFile> file = open_on_all(ranks, path, Content::kIds);
-  require(file->rows() == vectors.rows(), path + " has " + std::to_string(file->rows()) + " " +
-                                              what + ", and " + vectors.path() + " " +
-                                              std::to_string(vectors.rows()) + " rows");
+std::optional<NpyFile> open_beside(const Communicator& ranks, const std::string& path,
+                                   const NpyFile& vectors, const char* what) {
+  if (path.empty()) return std::nullopt;
+  NpyFile file = open_on_all(ranks, path, Content::kIds);
+  require(file.rows() == vectors.rows(), path, " has ", file.rows(), " ", what, ", and ",
+          vectors.path(), " ", vectors.rows(), " rows");
   return file;
 }
 
-std::vector<std::int64_t> read_ids(const std::string& path, const ShardedIndex& index) {
-  std::vector<std::int64_t> ids;
+// All numbers of a file that rank 0 alone opens, on rank 0; none elsewhere.
+template <typename Number>
+std::vector<Number> read_all(const std::string& path, Content content, const ShardedIndex& index) {
+  std::vector<Number> numbers;
   index.ranks().together([&] {
     if (!index.ranks().is_root()) return;
-    const NpyFile file(path, Content::kIds);
-    ids.resize(at(file.rows()));
-    file.read(0, std::span(ids));
+    const NpyFile file(path, content);
+    require(content == Content::kIds || file.dim() == index.dim(), path, ": its vectors have ",
+            file.dim(), " numbers, and those of the index ", index.dim());
+    numbers.resize(at(file.rows() * file.dim()));
+    file.read(0, std::span(numbers));
   });
-  return ids;
+  return numbers;
 }
 
 class Loader {
@@ -62,11 +84,9 @@ class Loader {
 
   // Each rank reads its own range of the rows.
   void build() {
-    std::vector<std::int64_t> ids;
+    Ids ids;
     ranks_.together([&] {
-      if (ids_ == nullptr) return;
-      ids.resize(at(count_));
-      ids_->read(first_, std::span(ids));
+      if (ids_) ids = ids_of(first_, count_);
     });
     const auto read = [&](std::span<float> rows) {
       // The ranks of a machine read in turns; those of rank 0's machine report progress.
@@ -76,34 +96,23 @@ class Loader {
         vectors_.read(first_ + place, part_of(rows, place, count));
       });
     };
-    if (ids_ == nullptr) {
-      index_.build_from(count_, read);
-    } else {
-      index_.build_from(count_, read, ShardedIndex::Ids(ids));
-    }
+    index_.build_from(count_, read, ids_ ? std::optional<ShardedIndex::Ids>(ids) : std::nullopt);
   }
 
   // Rank 0 reads the labels, in parts.
   void label() {
-    const std::unique_ptr<NpyFile> labels =
-        open_beside(ranks_, options_.labels, vectors_, "labels");
-    if (labels == nullptr) return;
+    const std::optional<NpyFile> labels = open_beside(ranks_, options_.labels, vectors_, "labels");
+    if (!labels) return;
     Progress progress(ranks_.is_root(), "reading labels");
     constexpr std::int64_t kStep = kBytesPerPart / 16;
     for (std::int64_t first = 0; first < vectors_.rows(); first += kStep) {
       const std::int64_t count = std::min(kStep, vectors_.rows() - first);
-      std::vector<std::int64_t> ids;
-      std::vector<std::int64_t> part;
+      Ids ids, part;
       ranks_.together([&] {
         if (!ranks_.is_root()) return;
-        ids.resize(at(count));
+        ids = ids_of(first, count);
         part.resize(at(count));
         labels->read(first, std::span(part));
-        if (ids_ == nullptr) {
-          std::iota(ids.begin(), ids.end(), first);
-        } else {
-          ids_->read(first, std::span(ids));
-        }
       });
       index_.set_rowmeta(ids, part, {}, 0);
       progress.at(first + count, vectors_.rows());
@@ -118,16 +127,21 @@ class Loader {
     ranks_.together([&] {
       if (ranks_.is_root()) centroids = learn();
     });
-    const std::int64_t numbers =
-        ranks_.from_root([&] { return std::int64_t{std::ssize(centroids)}; });
-    ranks_.together([&] { centroids.resize(at(numbers)); });
-    ranks_.broadcast(std::span(centroids));
+    centroids = ranks_.shared(std::span<const float>(centroids));
     std::vector<std::int32_t> lists;
     ranks_.together([&] { lists = choose(centroids); });
     index_.set_ivf_by_row(kLearnedLists, options_.probes, centroids, lists);
   }
 
  private:
+  // The ids of some rows: those of their file, or their numbers.
+  Ids ids_of(std::int64_t first, std::int64_t count) const {
+    Ids ids(at(count));
+    std::iota(ids.begin(), ids.end(), first);
+    if (ids_) ids_->read(first, std::span(ids));
+    return ids;
+  }
+
   std::span<float> part_of(std::span<float> rows, std::int64_t place, std::int64_t count) const {
     return rows.subspan(at(place * vectors_.dim()), at(count * vectors_.dim()));
   }
@@ -175,7 +189,7 @@ class Loader {
   const NpyFile& vectors_;
   ShardedIndex& index_;
   const Communicator& ranks_;
-  std::unique_ptr<NpyFile> ids_;
+  std::optional<NpyFile> ids_;
   std::int64_t first_ = 0;  // of this rank's rows
   std::int64_t count_ = 0;
 };
@@ -183,31 +197,24 @@ class Loader {
 }  // namespace
 
 std::unique_ptr<ShardedIndex> load_index(const Options& options, const Communicator& world) {
-  const std::unique_ptr<NpyFile> vectors = open_on_all(world, options.vectors, Content::kVectors);
-  auto index = std::make_unique<ShardedIndex>(world.handle(), vectors->dim());
-  Loader loader(options, *vectors, *index);
+  const NpyFile vectors = open_on_all(world, options.vectors, Content::kVectors);
+  auto index = std::make_unique<ShardedIndex>(world.handle(), vectors.dim());
+  Loader loader(options, vectors, *index);
   loader.build();
   loader.label();
   loader.attach_lists();
+  const auto ids = [&](const std::string& path) {
+    return read_all<std::int64_t>(path, Content::kIds, *index);
+  };
   if (!options.insert.empty()) {
-    index->insert(read_vectors(options.insert, *index), read_ids(options.insert_ids, *index));
+    index->insert(read_vectors(options.insert, *index), ids(options.insert_ids));
   }
-  if (!options.erase.empty()) index->erase(read_ids(options.erase, *index));
+  if (!options.erase.empty()) index->erase(ids(options.erase));
   return index;
 }
 
 std::vector<float> read_vectors(const std::string& path, const ShardedIndex& index) {
-  std::vector<float> vectors;
-  index.ranks().together([&] {
-    if (!index.ranks().is_root()) return;
-    const NpyFile file(path, Content::kVectors);
-    require(file.dim() == index.dim(), path + ": its vectors have " + std::to_string(file.dim()) +
-                                           " numbers, and those of the index " +
-                                           std::to_string(index.dim()));
-    vectors.resize(at(file.rows() * file.dim()));
-    file.read(0, std::span(vectors));
-  });
-  return vectors;
+  return read_all<float>(path, Content::kVectors, index);
 }
 
 }  // namespace qx

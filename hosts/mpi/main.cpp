@@ -11,32 +11,35 @@
 #include "loading.hpp"
 #include "options.hpp"
 #include "sharded_index.hpp"
+#include "support.hpp"
 
 namespace qx {
 namespace {
 
-// The part of the queries from `first` on, on rank 0; nothing elsewhere.
-std::span<const float> part_of(const std::vector<float>& queries, std::int64_t first,
-                               std::int64_t count, std::int32_t dim) {
-  if (queries.empty()) return {};
-  return std::span(queries).subspan(static_cast<std::size_t>(first * dim),
-                                    static_cast<std::size_t>(count * dim));
-}
+// An index, and queries for it that are on rank 0 alone.
+struct Searches {
+  const Options& options;
+  ShardedIndex& index;
+  std::vector<float> queries;
+  std::int64_t count;
 
-std::vector<Hits> search(const Options& options, std::span<const float> queries,
-                         ShardedIndex& index) {
-  if (options.exact) return index.search_full(queries, options.k);
-  if (options.lists > 0) return index.search_ivf(kLearnedLists, queries, options.k);
-  const Filter filter = options.label ? Filter::label(*options.label) : Filter::all();
-  return index.search_filtered(filter, queries, options.k);
-}
+  std::vector<Hits> search(std::int64_t first, std::int64_t size) const {
+    const std::size_t dim = at(index.dim());
+    const auto asked = queries.empty()
+                           ? std::span<const float>()
+                           : std::span(queries).subspan(at(first) * dim, at(size) * dim);
+    if (options.exact) return index.search_full(asked, options.k);
+    if (options.lists > 0) return index.search_ivf(kLearnedLists, asked, options.k);
+    const Filter filter = options.label ? Filter::label(*options.label) : Filter::all();
+    return index.search_filtered(filter, asked, options.k);
+  }
+};
 
-void print_results(const Options& options, const std::vector<float>& queries, std::int64_t count,
-                   ShardedIndex& index) {
-  for (std::int64_t first = 0; first < count; first += options.batch) {
-    const std::int64_t size = std::min(options.batch, count - first);
+void print_results(const Searches& searches) {
+  const std::int64_t batch = searches.options.batch;
+  for (std::int64_t first = 0; first < searches.count; first += batch) {
     std::int64_t query = first;
-    for (const Hits& hits : search(options, part_of(queries, first, size, index.dim()), index)) {
+    for (const Hits& hits : searches.search(first, std::min(batch, searches.count - first))) {
       for (std::size_t place = 0; place < hits.size(); ++place) {
         std::printf("%lld\t%zu\t%lld\t%.9g\n", static_cast<long long>(query), place,
                     static_cast<long long>(hits.ids[place]),
@@ -48,50 +51,41 @@ void print_results(const Options& options, const std::vector<float>& queries, st
 }
 
 // Times batches of one size for some seconds; rank 0 decides when they are over.
-std::vector<double> times_of(const Options& options, const std::vector<float>& queries,
-                             std::int64_t batch, std::int64_t count, ShardedIndex& index) {
+std::vector<double> times_of(const Searches& searches, std::int64_t batch) {
   std::vector<double> times;
   std::int64_t first = 0;
-  const double began = MPI_Wtime();
-  bool goes_on = true;
-  while (goes_on) {
+  const double end = MPI_Wtime() + static_cast<double>(searches.options.measure);
+  do {
     const double start = MPI_Wtime();
-    search(options, part_of(queries, first, batch, index.dim()), index);
+    searches.search(first, batch);
     times.push_back(MPI_Wtime() - start);
-    first = first + 2 * batch <= count ? first + batch : 0;
-    goes_on = index.ranks().from_root([&] {
-      return times.size() < 5 || MPI_Wtime() - began < static_cast<double>(options.measure);
-    });
-  }
+    first = first + 2 * batch <= searches.count ? first + batch : 0;
+  } while (searches.index.ranks().from_root([&] { return times.size() < 5 || MPI_Wtime() < end; }));
   std::sort(times.begin(), times.end());
   return times;
 }
 
-void print_times(const Options& options, const std::vector<float>& queries, std::int64_t count,
-                 ShardedIndex& index) {
-  const bool prints = index.ranks().is_root();
-  if (prints) std::printf("ranks\tbatch\tsamples\tmedian_us\tp90_us\tus_a_query\n");
-  for (std::int64_t batch = 1; batch <= std::min(options.batch, count); batch *= 2) {
-    const std::vector<double> times = times_of(options, queries, batch, count, index);
-    if (!prints) continue;
+void print_times(const Searches& searches) {
+  const Communicator& ranks = searches.index.ranks();
+  if (ranks.is_root()) std::printf("ranks\tbatch\tsamples\tmedian_us\tp90_us\tus_a_query\n");
+  const std::int64_t most = std::min(searches.options.batch, searches.count);
+  for (std::int64_t batch = 1; batch <= most; batch *= 2) {
+    const std::vector<double> times = times_of(searches, batch);
+    if (!ranks.is_root()) continue;
     const double median = 1e6 * times[times.size() / 2];
-    std::printf("%d\t%lld\t%zu\t%.1f\t%.1f\t%.1f\n", index.ranks().size(),
-                static_cast<long long>(batch), times.size(), median,
-                1e6 * times[times.size() * 9 / 10], median / static_cast<double>(batch));
+    std::printf("%d\t%lld\t%zu\t%.1f\t%.1f\t%.1f\n", ranks.size(), static_cast<long long>(batch),
+                times.size(), median, 1e6 * times[times.size() * 9 / 10],
+                median / static_cast<double>(batch));
     std::fflush(stdout);
   }
 }
 
 void run(const Options& options, const Communicator& world) {
   const std::unique_ptr<ShardedIndex> index = load_index(options, world);
-  const std::vector<float> queries = read_vectors(options.queries, *index);
-  const std::int64_t count =
-      world.from_root([&] { return std::int64_t{std::ssize(queries)} / index->dim(); });
-  if (options.measure > 0) {
-    print_times(options, queries, count, *index);
-  } else {
-    print_results(options, queries, count, *index);
-  }
+  Searches searches{options, *index, read_vectors(options.queries, *index), 0};
+  searches.count =
+      world.from_root([&] { return std::int64_t{std::ssize(searches.queries)} / index->dim(); });
+  options.measure > 0 ? print_times(searches) : print_results(searches);
 }
 
 // All ranks end with the same status, whichever of them failed; rank 0 prints the error.

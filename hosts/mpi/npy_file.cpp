@@ -1,10 +1,5 @@
 #include "npy_file.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <charconv>
@@ -12,6 +7,8 @@
 #include <limits>
 #include <stdexcept>
 #include <vector>
+
+#include "support.hpp"
 
 namespace qx {
 namespace {
@@ -51,37 +48,34 @@ std::vector<std::int64_t> numbers_of(const std::string& shape) {
 
 }  // namespace
 
-NpyFile::NpyFile(std::string path, Content content) : path_(std::move(path)) {
-  file_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file_ < 0) fail(std::strerror(errno));
-  try {
-    read_shape(read_header(), content);
-    check_size();
-  } catch (...) {
-    ::close(file_);
-    throw;
-  }
+// Throws what the parts say, with the path before it.
+template <typename... Parts>
+void NpyFile::check(bool condition, const Parts&... reason) const {
+  if (!condition) throw std::runtime_error((path_ + ": " + ... + text_of(reason)));
 }
 
-NpyFile::~NpyFile() { ::close(file_); }
-
-void NpyFile::fail(const std::string& reason) const {
-  throw std::runtime_error(path_ + ": " + reason);
+NpyFile::NpyFile(std::string path, Content content) : path_(std::move(path)) {
+  file_.open(path_, std::ios::binary);
+  check(file_.is_open(), std::strerror(errno));
+  read_shape(read_header(), content);
+  const std::int64_t needed = data_place_ + rows_ * row_bytes_;
+  const std::int64_t size = file_.seekg(0, std::ios::end).tellg();
+  check(size >= needed, "it is short: ", size, " of ", needed, " bytes");
 }
 
 std::string NpyFile::read_header() {
   unsigned char start[12];
   read_bytes(0, start, 10);
-  if (std::memcmp(start, "\x93NUMPY", 6) != 0) fail("not a .npy file");
+  check(std::memcmp(start, "\x93NUMPY", 6) == 0, "not a .npy file");
   const int version = start[6];
-  if (version < 1 || version > 3) fail("an unknown version of .npy");
+  check(version >= 1 && version <= 3, "an unknown version of .npy");
   // The length has two bytes in the first version and four in the later ones.
-  const std::int64_t begin = version == 1 ? 10 : 12;
-  read_bytes(0, start, static_cast<std::size_t>(begin));
+  const int begin = version == 1 ? 10 : 12;
+  read_bytes(0, start, at(begin));
   std::int64_t length = 0;
-  for (std::int64_t i = begin; i > 8; --i) length = length * 256 + start[i - 1];
-  if (length > 65536) fail("its header is too long");
-  std::string header(static_cast<std::size_t>(length), ' ');
+  for (int i = begin; i > 8; --i) length = length * 256 + start[i - 1];
+  check(length <= 65536, "its header is too long");
+  std::string header(at(length), ' ');
   read_bytes(begin, header.data(), header.size());
   data_place_ = begin + length;
   return header;
@@ -91,57 +85,28 @@ void NpyFile::read_shape(const std::string& header, Content content) {
   const bool vectors = content == Content::kVectors;
   const std::string wanted = vectors ? "'<f4'" : "'<i8'";
   const std::string type = value_of(header, "descr");
-  if (type != wanted) {
-    fail("its numbers are " + type + ", and must be " + wanted + ": save array.astype(" + wanted +
-         ")");
-  }
+  check(type == wanted, "its numbers are ", type, ", and must be ", wanted, ": save array.astype(",
+        wanted, ")");
   const std::vector<std::int64_t> shape = numbers_of(value_of(header, "shape"));
-  if (shape.size() != (vectors ? 2u : 1u)) {
-    fail(vectors ? "not a matrix of vectors: it needs two dimensions"
-                 : "not a list of ids: it needs one dimension");
-  }
-  if (vectors && value_of(header, "fortran_order") != "False") {
-    fail("its columns lie one after the other; save it in C order");
-  }
+  check(shape.size() == (vectors ? 2u : 1u),
+        vectors ? "not a matrix of vectors: it needs two dimensions"
+                : "not a list of ids: it needs one dimension");
+  check(!vectors || value_of(header, "fortran_order") == "False",
+        "its columns lie one after the other; save it in C order");
   rows_ = shape[0];
-  if (vectors && (shape[1] < 1 || shape[1] > std::numeric_limits<std::int32_t>::max())) {
-    fail("its vectors have " + std::to_string(shape[1]) + " numbers");
-  }
-  dim_ = vectors ? static_cast<std::int32_t>(shape[1]) : 1;
-  row_bytes_ = vectors ? std::int64_t{4} * dim_ : 8;
-  if (rows_ > (std::int64_t{1} << 60) / row_bytes_) fail("its shape is too large");
-}
-
-void NpyFile::check_size() const {
-  struct stat status {};
-  if (::fstat(file_, &status) != 0) fail(std::strerror(errno));
-  const std::int64_t needed = data_place_ + rows_ * row_bytes_;
-  if (status.st_size < needed) {
-    fail("it is short: " + std::to_string(status.st_size) + " of " + std::to_string(needed) +
-         " bytes");
-  }
-}
-
-void NpyFile::read(std::int64_t first, std::span<float> vectors) const {
-  read_bytes(data_place_ + first * row_bytes_, vectors.data(), vectors.size_bytes());
-}
-
-void NpyFile::read(std::int64_t first, std::span<std::int64_t> ids) const {
-  read_bytes(data_place_ + first * row_bytes_, ids.data(), ids.size_bytes());
+  const std::int64_t dim = vectors ? shape[1] : 1;
+  check(dim >= 1 && dim <= std::numeric_limits<std::int32_t>::max(), "its vectors have ", dim,
+        " numbers");
+  dim_ = static_cast<std::int32_t>(dim);
+  row_bytes_ = vectors ? 4 * dim : 8;
+  check(rows_ <= (std::int64_t{1} << 60) / row_bytes_, "its shape is too large");
 }
 
 void NpyFile::read_bytes(std::int64_t place, void* bytes, std::size_t count) const {
-  constexpr std::size_t kMost = std::size_t{1} << 30;  // one call reads less than 2^31 bytes
-  std::size_t done = 0;
-  while (done < count) {
-    const ssize_t part =
-        ::pread(file_, static_cast<char*>(bytes) + done, std::min(kMost, count - done),
-                static_cast<off_t>(place + static_cast<std::int64_t>(done)));
-    if (part < 0 && errno == EINTR) continue;
-    if (part < 0) fail(std::strerror(errno));
-    if (part == 0) fail("it ends too early");
-    done += static_cast<std::size_t>(part);
-  }
+  errno = 0;
+  file_.clear();
+  file_.seekg(place).read(static_cast<char*>(bytes), static_cast<std::streamsize>(count));
+  check(file_.good(), errno != 0 ? std::strerror(errno) : "it ends too early");
 }
 
 }  // namespace qx

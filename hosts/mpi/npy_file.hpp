@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <span>
 #include <string>
 
@@ -15,27 +16,26 @@ class NpyFile {
   enum class Content { kVectors, kIds };
 
   NpyFile(std::string path, Content content);
-  ~NpyFile();
-  NpyFile(const NpyFile&) = delete;
-  NpyFile& operator=(const NpyFile&) = delete;
 
   const std::string& path() const { return path_; }
   std::int64_t rows() const { return rows_; }
   std::int32_t dim() const { return dim_; }  // of vectors; 1 for ids
 
   // Reads rows from `first` on, as many as fill the span.
-  void read(std::int64_t first, std::span<float> vectors) const;
-  void read(std::int64_t first, std::span<std::int64_t> ids) const;
+  template <typename Number>
+  void read(std::int64_t first, std::span<Number> numbers) const {
+    read_bytes(data_place_ + first * row_bytes_, numbers.data(), numbers.size_bytes());
+  }
 
  private:
-  [[noreturn]] void fail(const std::string& reason) const;
+  template <typename... Parts>
+  void check(bool condition, const Parts&... reason) const;
   std::string read_header();
   void read_shape(const std::string& header, Content content);
-  void check_size() const;
   void read_bytes(std::int64_t place, void* bytes, std::size_t count) const;
 
   std::string path_;
-  int file_ = -1;
+  mutable std::ifstream file_;
   std::int64_t rows_ = 0;
   std::int32_t dim_ = 1;
   std::int64_t row_bytes_ = 0;

@@ -22,8 +22,7 @@ std::int64_t number_of(const std::string& name, const std::string& text, const R
   const char* const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
   require(error == std::errc() && rest == end && number >= range.least && number <= range.most,
-          name + " is " + text + ", and must be a number from " + std::to_string(range.least) +
-              " to " + std::to_string(range.most));
+          name, " is ", text, ", and must be a number from ", range.least, " to ", range.most);
   return number;
 }
 
@@ -82,22 +81,16 @@ Options read_options(int count, char** arguments) {
       {"--ivf", {&options.lists, {1, 1 << 22}}},    {"--nprobe", {&probes, {1, 1 << 22}}}};
   for (int i = 1; i < count; ++i) {
     const std::string name = arguments[i];
-    if (name == "--help") {
-      options.help = true;
-      return options;
-    }
-    if (name == "--exact") {
-      options.exact = true;
-      continue;
-    }
+    options.help = name == "--help";
+    if (options.help) return options;
+    options.exact = options.exact || name == "--exact";
+    if (name == "--exact") continue;
     const auto file = files.find(name);
     const auto number = numbers.find(name);
-    require(file != files.end() || number != numbers.end(), "unknown argument " + name);
-    require(++i < count, name + " needs a value");
-    if (file != files.end()) {
-      *file->second = arguments[i];
-      continue;
-    }
+    require(file != files.end() || number != numbers.end(), "unknown argument ", name);
+    require(++i < count, name, " needs a value");
+    if (file != files.end()) *file->second = arguments[i];
+    if (number == numbers.end()) continue;
     *number->second.first = number_of(name, arguments[i], number->second.second);
     if (name == "--label") options.label = label;
   }

@@ -15,9 +15,9 @@ constexpr std::int64_t kBytesPerPart = std::int64_t{1} << 26;
 std::int32_t agreed_dim(const Communicator& ranks, std::int32_t dim) {
   const std::int64_t least = ranks.least(dim);
   const std::int64_t most = ranks.most(dim);
-  require(least == most, "the dimension differs between ranks: it is " + std::to_string(least) +
-                             " on one and " + std::to_string(most) + " on another");
-  require(dim >= 1, "the dimension is " + std::to_string(dim) + ", and must be 1 or more");
+  require(least == most, "the dimension differs between ranks: it is ", least, " on one and ", most,
+          " on another");
+  require(dim >= 1, "the dimension is ", dim, ", and must be 1 or more");
   return dim;
 }
 
@@ -33,7 +33,7 @@ std::pair<std::int64_t, std::int64_t> rows_of_rank(int rank, int ranks, std::int
 ShardedIndex::ShardedIndex(MPI_Comm ranks, std::int32_t dim)
     : ranks_(ranks), dim_(agreed_dim(ranks_, dim)) {
   ranks_.together([&] {
-    base_.emplace(dim_);
+    base_.engine.emplace(dim_);
     delta_.emplace(dim_);
     question_.resize(Communicator::kBlockHead + sizeof(Asked) + sizeof(float) * at(dim_));
   });
@@ -45,40 +45,65 @@ int ShardedIndex::owner_of(std::int64_t id) const {
   return static_cast<int>((mixed >> 32) % static_cast<std::uint64_t>(ranks_.size()));
 }
 
+std::vector<int> ShardedIndex::counts_by_owner(Ids ids) const {
+  std::vector<int> counts(at(ranks_.size()));
+  for (const std::int64_t id : ids) ++counts[at(owner_of(id))];
+  return counts;
+}
+
 // The local row of an id, or -1.
 std::int64_t ShardedIndex::find_row(std::int64_t id) const {
-  if (ids_.empty()) {
+  const Base& base = base_;
+  if (base.ids.empty()) {
     // Compared before the subtraction, which would overflow for some ids.
-    return id >= first_row_ && id < first_row_ + rows_ ? id - first_row_ : -1;
+    const bool is_here = id >= base.first_row && id < base.first_row + base.rows;
+    return is_here ? id - base.first_row : -1;
   }
-  const auto before = [&](std::int64_t row, std::int64_t wanted) { return ids_[at(row)] < wanted; };
-  const auto found = std::lower_bound(rows_by_id_.begin(), rows_by_id_.end(), id, before);
-  return found != rows_by_id_.end() && ids_[at(*found)] == id ? *found : -1;
+  const auto before = [&](std::int64_t row, std::int64_t wanted) {
+    return base.ids[at(row)] < wanted;
+  };
+  const auto found = std::lower_bound(base.rows_by_id.begin(), base.rows_by_id.end(), id, before);
+  return found != base.rows_by_id.end() && base.ids[at(*found)] == id ? *found : -1;
 }
 
 std::int64_t ShardedIndex::id_of_row(std::int64_t row) const {
-  return ids_.empty() ? first_row_ + row : ids_[at(row)];
+  return base_.ids.empty() ? base_.first_row + row : base_.ids[at(row)];
+}
+
+ShardedIndex::Part ShardedIndex::base_part(Ids ids) const {
+  Part part;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const std::int64_t row = find_row(ids[i]);
+    if (row < 0) continue;
+    part.ids.push_back(row);
+    part.places.push_back(static_cast<std::int64_t>(i));
+  }
+  return part;
+}
+
+ShardedIndex::Part ShardedIndex::delta_part(Ids ids) const {
+  Part part;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (owner_of(ids[i]) != ranks_.rank()) continue;
+    part.ids.push_back(ids[i]);
+    part.places.push_back(static_cast<std::int64_t>(i));
+  }
+  return part;
+}
+
+std::int64_t ShardedIndex::count_of(const char* what, Floats vectors) const {
+  require(vectors.size() % at(dim_) == 0, "the ", what, " are ", vectors.size(),
+          " floats, no multiple of the dimension ", dim_);
+  return std::ssize(vectors) / dim_;
 }
 
 void ShardedIndex::check_whole() const {
   if (broken_) throw LogicError("a change has failed on some ranks; build a new index");
 }
 
-// Rank 0's ids, on every rank.
-std::vector<std::int64_t> ShardedIndex::shared_ids(Ids ids) const {
-  const std::int64_t count = ranks_.from_root([&] { return std::int64_t{std::ssize(ids)}; });
-  std::vector<std::int64_t> shared;
-  ranks_.together([&] {
-    shared.resize(at(count));
-    if (ranks_.is_root()) std::copy(ids.begin(), ids.end(), shared.begin());
-  });
-  ranks_.broadcast(std::span(shared));
-  return shared;
-}
-
 std::int64_t ShardedIndex::visible_count() const {
   check_whole();
-  return ranks_.sum(base_->visible_count() + delta_->visible_count());
+  return ranks_.sum(base_.engine->visible_count() + delta_->visible_count());
 }
 
 // ---- Changes ----
@@ -86,10 +111,8 @@ std::int64_t ShardedIndex::visible_count() const {
 void ShardedIndex::insert(Floats vectors, Ids ids) {
   check_whole();
   const std::int64_t count = ranks_.from_root([&] {
-    check_vectors(vectors);
-    const std::int64_t rows = std::ssize(vectors) / dim_;
-    require(rows == std::ssize(ids),
-            std::to_string(ids.size()) + " ids for " + std::to_string(rows) + " rows");
+    const std::int64_t rows = count_of("vectors", vectors);
+    require(rows == std::ssize(ids), ids.size(), " ids for ", rows, " rows");
     return rows;
   });
   if (count == 0) return;
@@ -110,21 +133,28 @@ void ShardedIndex::insert(Floats vectors, Ids ids) {
 }
 
 void ShardedIndex::insert_part(Floats vectors, Ids ids) {
-  const std::vector<std::int64_t> all = shared_ids(ids);
-  const std::vector<float> own = scatter_vectors(all, vectors);
-  change([&] { take_in(all, own, next_sequence_); });
+  const Numbers all = ranks_.shared(ids);
+  const std::vector<float> own_vectors = scatter_vectors(all, vectors);
+  const auto take_in = [&] {
+    const Part own = delta_part(all);
+    for (std::size_t i = 0; i < own.ids.size(); ++i) {
+      Owned& state = owned_[own.ids[i]];
+      state.deleted = false;
+      if (state.sequence < 0) state.sequence = next_sequence_ + own.places[i];
+    }
+    delta_->insert(own_vectors, own.ids);
+    hide(all);
+  };
+  change([&] { ranks_.together(take_in); });
   next_sequence_ += std::ssize(all);
 }
 
 // Sends rank 0's vectors to the owners of their ids, and gives those that arrive here.
 std::vector<float> ShardedIndex::scatter_vectors(Ids ids, Floats vectors) const {
-  std::vector<int> counts;
-  std::vector<int> begins;
-  std::vector<float> packed;
-  std::vector<float> own;
+  std::vector<int> counts, begins;
+  std::vector<float> packed, own;
   ranks_.together([&] {
-    counts.resize(at(ranks_.size()));
-    for (const std::int64_t id : ids) ++counts[at(owner_of(id))];
+    counts = counts_by_owner(ids);
     begins = begins_of(counts);
     own.resize(at(counts[at(ranks_.rank())]) * at(dim_));
     if (!ranks_.is_root()) return;
@@ -145,18 +175,8 @@ std::vector<float> ShardedIndex::scatter_vectors(Ids ids, Floats vectors) const 
   return own;
 }
 
-void ShardedIndex::take_in(Ids ids, Floats own_vectors, std::int64_t first_sequence) {
-  std::vector<std::int64_t> own;
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (!owns(ids[i])) continue;
-    own.push_back(ids[i]);
-    Owned& state = owned_[ids[i]];
-    state.deleted = false;
-    if (state.sequence < 0) state.sequence = first_sequence + static_cast<std::int64_t>(i);
-  }
-  delta_->insert(own_vectors, own);
-  hide_rows(ids);
-}
+// Deletes the local base rows of ids.
+void ShardedIndex::hide(Ids ids) { base_.engine->erase(base_part(ids).ids); }
 
 void ShardedIndex::erase(Ids ids) {
   check_whole();
@@ -164,52 +184,51 @@ void ShardedIndex::erase(Ids ids) {
     require_countable(ids.size(), "ids");
     return true;
   });
-  const std::vector<std::int64_t> all = shared_ids(ids);
+  const Numbers all = ranks_.shared(ids);
   if (all.empty()) return;
-  change([&] {
-    std::vector<std::int64_t> own;
-    for (const std::int64_t id : all) {
-      if (!owns(id)) continue;
-      own.push_back(id);
-      owned_[id].deleted = true;
-    }
-    delta_->erase(own);
-    hide_rows(all);
-  });
+  const auto erase_own = [&] {
+    const Part own = delta_part(all);
+    for (const std::int64_t id : own.ids) owned_[id].deleted = true;
+    delta_->erase(own.ids);
+    hide(all);
+  };
+  change([&] { ranks_.together(erase_own); });
   ++snapshot_;
 }
 
 void ShardedIndex::set_rowmeta(Ids ids, Ids labels, Ids values, std::int32_t ncols) {
   check_whole();
   const std::int32_t width = ranks_.from_root([&] {
-    require(ncols >= columns_, "ncols is " + std::to_string(ncols) + ", and the index has " +
-                                   std::to_string(columns_) + " columns");
-    require(labels.size() == ids.size() && values.size() == ids.size() * at(ncols),
-            std::to_string(labels.size()) + " labels and " + std::to_string(values.size()) +
-                " values for " + std::to_string(ids.size()) + " ids of " + std::to_string(ncols) +
-                " columns");
+    require(ncols >= columns_, "ncols is ", ncols, ", and the index has ", columns_, " columns");
+    require(labels.size() == ids.size() && values.size() == ids.size() * at(ncols), labels.size(),
+            " labels and ", values.size(), " values for ", ids.size(), " ids of ", ncols,
+            " columns");
     require_countable(ids.size(), "ids");
     return ncols;
   });
-  const std::vector<std::int64_t> all = shared_ids(ids);
-  const std::vector<std::int64_t> all_labels = shared_ids(labels);
-  const std::vector<std::int64_t> all_values = shared_ids(values);
-  change([&] {
-    std::vector<std::int64_t> own;
-    std::vector<std::int64_t> own_labels;
-    std::vector<std::int64_t> own_values;
-    for (std::size_t i = 0; i < all.size(); ++i) {
-      if (!owns(all[i])) continue;
-      owned_[all[i]].described = true;
-      own.push_back(all[i]);
-      own_labels.push_back(all_labels[i]);
-      const Ids row = Ids(all_values).subspan(i * at(width), at(width));
-      own_values.insert(own_values.end(), row.begin(), row.end());
-    }
-    delta_->set_rowmeta(own, own_labels, own_values, width);
-    describe_rows(all, all_labels, all_values, width);
-  });
+  const Numbers all = ranks_.shared(ids);
+  const Numbers all_labels = ranks_.shared(labels);
+  const Numbers all_values = ranks_.shared(values);
+  const auto describe_own = [&] {
+    const Part own = delta_part(all);
+    for (const std::int64_t id : own.ids) owned_[id].described = true;
+    describe(*delta_, own, all_labels, all_values, width);
+    describe(*base_.engine, base_part(all), all_labels, all_values, width);
+  };
+  change([&] { ranks_.together(describe_own); });
   columns_ = width;
+}
+
+// Gives the ids of an engine their metadata, and the engine the columns.
+void ShardedIndex::describe(Index& engine, const Part& part, Ids labels, Ids values,
+                            std::int32_t ncols) {
+  Numbers own_labels, own_values;
+  for (const std::int64_t place : part.places) {
+    own_labels.push_back(labels[at(place)]);
+    const Ids row = values.subspan(at(place * ncols), at(ncols));
+    own_values.insert(own_values.end(), row.begin(), row.end());
+  }
+  engine.set_rowmeta(part.ids, own_labels, own_values, ncols);
 }
 
 }  // namespace qx

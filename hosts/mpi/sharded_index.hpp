@@ -48,7 +48,7 @@ class ShardedIndex {
 
   const Communicator& ranks() const { return ranks_; }
   std::int32_t dim() const { return dim_; }
-  std::int64_t size() const { return total_rows_; }  // of the base, on all ranks
+  std::int64_t size() const { return base_.total_rows; }  // of the base, on all ranks
   std::uint64_t snapshot() const { return snapshot_; }
   std::int64_t visible_count() const;
 
@@ -83,20 +83,23 @@ class ShardedIndex {
   Hits scatter_topk(Ids candidates, Floats query, std::int64_t k);
 
  private:
+  using Numbers = std::vector<std::int64_t>;
+  using Entries = std::span<Entry>;
+
   // An id that this rank owns.
   struct Owned {
     std::int64_t sequence = -1;  // when it was first inserted, or -1
     bool deleted = false;
     bool described = false;  // has had metadata
   };
-  // This rank's part of a base that is being built.
+  // This rank's part of the base. Its engine has the local rows under their numbers.
   struct Base {
     std::optional<Index> engine;
-    std::vector<std::int64_t> numbers;  // of the local rows, which are their ids in the engine
-    std::vector<std::int64_t> ids;
-    std::vector<std::int64_t> rows_by_id;
+    std::int64_t rows = 0;
     std::int64_t first_row = 0;
     std::int64_t total_rows = 0;
+    Numbers ids;         // of the local rows; empty where ids are row numbers
+    Numbers rows_by_id;  // sorted by ids
   };
   // The part of an IVF structure on this rank: all centroids, and of each list the rows of this
   // rank, in the list's order; of each row its list and its place in the list of all ranks.
@@ -104,11 +107,11 @@ class ShardedIndex {
     std::int32_t nprobe = 0;
     std::int32_t nlist = 0;
     std::int64_t n_ids = 0;  // on all ranks
-    Index centroids;
-    std::vector<std::int64_t> rows;
+    std::optional<Index> centroids;
+    Numbers rows;
     std::vector<std::size_t> begins;  // nlist + 1, into `rows`
     std::vector<std::int32_t> list_of_row;
-    std::vector<std::int64_t> place_of_row;
+    Numbers place_of_row;
   };
   struct IvfShape {
     std::int64_t key;
@@ -117,10 +120,10 @@ class ShardedIndex {
   };
   // What rank 0 was asked for.
   struct Asked {
-    std::int64_t queries;
-    std::int64_t k;
-    Filter filter;
-    std::int64_t key;
+    std::int64_t queries = 0;
+    std::int64_t k = 0;
+    Filter filter = Filter::all();
+    std::int64_t key = 0;
   };
   // What the search buffers of every rank hold at least: k results, entries of lists, queries.
   struct Capacity {
@@ -128,67 +131,78 @@ class ShardedIndex {
     std::int64_t entries = 0;
     std::int64_t queries = 0;
   };
-  // Rows of this rank that are candidates, in the order of the list, with their places in it.
-  struct Candidates {
-    std::vector<std::int64_t> ids;
-    std::vector<std::int64_t> places;
+  // Of a list of ids, those that an engine of this rank has, as it knows them, with their places.
+  struct Part {
+    Numbers ids;
+    Numbers places;
   };
 
   int owner_of(std::int64_t id) const;
-  bool owns(std::int64_t id) const { return owner_of(id) == ranks_.rank(); }
+  std::vector<int> counts_by_owner(Ids ids) const;
   std::int64_t find_row(std::int64_t id) const;
   std::int64_t id_of_row(std::int64_t row) const;
+  Part base_part(Ids ids) const;
+  Part delta_part(Ids ids) const;
+  std::int64_t count_of(const char* what, Floats vectors) const;
   void check_whole() const;
+  // A step that changes ranks: where it fails on some rank, it may have been done on others.
   template <typename Step>
-  void change(Step&& step);
-  std::vector<std::int64_t> shared_ids(Ids ids) const;
+  void change(Step&& step) {
+    try {
+      step();
+    } catch (...) {
+      broken_ = true;
+      throw;
+    }
+  }
 
-  void check_vectors(Floats vectors) const;
   void check_ids(std::int64_t rows, const std::optional<Ids>& ids) const;
   void check_distinct(Ids ids) const;
-  void route(Ids ids, std::vector<std::int64_t>& received) const;
+  void route(Ids ids, Numbers& received) const;
   Base prepare(std::int64_t rows, const std::optional<Ids>& ids) const;
-  void replace_base(Base& base);
-  void replay_changes();
+  void replace_base(Base base);
   void replay_changes_of(int owner);
-  void hide_rows(Ids ids);
-  void describe_rows(Ids ids, Ids labels, Ids values, std::int32_t ncols);
-
   std::vector<float> scatter_vectors(Ids ids, Floats vectors) const;
   void insert_part(Floats vectors, Ids ids);
-  void take_in(Ids ids, Floats own_vectors, std::int64_t first_sequence);
+  void hide(Ids ids);
+  static void describe(Index& engine, const Part& part, Ids labels, Ids values, std::int32_t ncols);
 
-  std::int32_t check_centroids(std::int32_t nprobe, Floats centroids) const;
-  Ivf share_centroids(const IvfShape& shape, Floats centroids) const;
-  void attach(std::int64_t key, Ivf& ivf);
-  void place_rows(Ivf& ivf, Ids list_ids, std::span<const std::int32_t> list_offsets) const;
-  void place_own_rows(Ivf& ivf, std::span<const std::int32_t> list_of_row) const;
+  IvfShape check_lists(const IvfShape& asked, Floats centroids) const;
+  template <typename Place>
+  void set_lists(const IvfShape& shape, Floats centroids, Place place);
+  void sort_rows(Ivf& ivf) const;
 
-  Asked checked(Floats queries, std::int64_t k, std::int64_t most, std::vector<Hits>& found) const;
-  template <typename Check>
-  Asked ask(Floats queries, Check check);
+  template <typename Most>
+  Asked ask(Asked asked, Floats queries, Most most, std::vector<Hits>& found);
   void reserve_buffers(std::int64_t k, std::int64_t queries);
-  template <typename Local>
-  void run(Floats queries, const Asked& asked, std::vector<Hits>& found, Local local);
-  void search_base(const float* query, std::span<Entry> list);
-  void search_current(const Filter& filter, const float* query, std::span<Entry> list);
-  void search_lists(const Ivf& ivf, const float* query, std::span<Entry> list);
+  Floats share_queries(const Asked& asked, Floats queries, std::int64_t first, std::int64_t count);
+  template <bool can_fail, typename Local>
+  void run(const Asked& asked, Floats queries, std::vector<Hits>& found, Local local);
+  template <bool can_fail, typename Most, typename Local>
+  std::vector<Hits> search(Asked asked, Floats queries, Most most, Local local);
   template <typename Local>
   Hits search_candidates(Ids candidates, Floats query, std::int64_t k, Local local);
-  Candidates base_candidates(Ids ids) const;
-  Candidates delta_candidates(Ids ids) const;
-  void take_by_place(const Candidates& candidates, bool base, std::int64_t k, Entry* list) const;
+  void search_current(const Filter& filter, Floats query, Entries list);
+  void search_lists(const Ivf& ivf, Floats query, Entries list);
+  std::span<std::int64_t> ids_for(Entries list) { return std::span(slot_ids_).first(list.size()); }
+  std::span<float> scores_for(Entries list) { return std::span(slot_scores_).first(list.size()); }
+  // Makes a list of the first slots: entry_of(id) gives the entries, but for their scores.
+  template <typename EntryOf>
+  void take(Entries list, std::size_t slots, EntryOf entry_of) const {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      list[i] = Entry();
+      if (i >= slots || !is_filled(slot_scores_[i])) continue;
+      list[i] = entry_of(slot_ids_[i]);
+      list[i].score = slot_scores_[i];
+    }
+  }
+  void take_by_place(Entries list, std::size_t slots, const Part& part, bool base) const;
 
   Communicator ranks_;
   std::int32_t dim_;
   bool broken_ = false;
-  std::optional<Index> base_;
+  Base base_;
   std::optional<Index> delta_;
-  std::int64_t rows_ = 0;
-  std::int64_t first_row_ = 0;
-  std::int64_t total_rows_ = 0;
-  std::vector<std::int64_t> ids_;         // of the local rows; empty where ids are row numbers
-  std::vector<std::int64_t> rows_by_id_;  // sorted by ids_
   std::unordered_map<std::int64_t, Owned> owned_;
   std::int64_t next_sequence_ = 0;
   std::uint64_t snapshot_ = 0;
@@ -199,20 +213,9 @@ class ShardedIndex {
   std::vector<std::byte> question_;
   std::vector<float> queries_;
   std::vector<Entry> lists_;
-  std::vector<Entry> parts_;
-  std::vector<std::int64_t> slot_ids_;
+  std::vector<Entry> other_list_;
+  Numbers slot_ids_;
   std::vector<float> slot_scores_;
 };
-
-// A step that changes this rank: where it fails on some rank, it may have been done on others.
-template <typename Step>
-void ShardedIndex::change(Step&& step) {
-  try {
-    ranks_.together(step);
-  } catch (...) {
-    broken_ = true;
-    throw;
-  }
-}
 
 }  // namespace qx

@@ -12,15 +12,13 @@
 #include <limits>
 #include <qx_runtime.hpp>
 #include <span>
-#include <vector>
 
 namespace qx {
 
 // The score of every row that is found is above that of an empty slot.
 inline bool is_filled(float score) { return score > QX_EMPTY_SCORE; }
 
-// Without padding: MPI assumes none after the last entry of a list, and makes its own buffers that
-// much smaller.
+// Without padding, since ranks send lists byte by byte.
 #pragma pack(push, 4)
 struct Entry {
   std::int64_t arrival = std::numeric_limits<std::int64_t>::max();
@@ -30,17 +28,12 @@ struct Entry {
 #pragma pack(pop)
 static_assert(sizeof(Entry) == 20);
 
-inline bool comes_before(const Entry& one, const Entry& other) {
-  if (one.score != other.score) return one.score > other.score;
-  return one.arrival < other.arrival;
-}
-
-// The first entries of two sorted lists taken together; all three lists have one length.
-void merge_lists(const Entry* one, const Entry* other, std::int64_t length, Entry* merged);
-
-// Allocates the buffer for merges of lists of up to k entries. To be called before reduce_to_root,
-// which allocates nothing, since a rank where that failed would leave the others waiting.
+// Allocates the buffer for merges of lists of up to k entries: what follows allocates nothing of
+// ours, since a rank where that failed would leave the others waiting.
 void reserve_merge_buffer(std::int64_t k);
+
+// Makes the second of two sorted lists the first k entries of both.
+void merge_into(const Entry* from, Entry* into, std::int64_t k);
 
 // Merges the lists of all ranks into those of rank 0: `lists` has any number of lists of k entries
 // each, one after the other.

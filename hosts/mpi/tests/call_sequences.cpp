@@ -12,20 +12,22 @@
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <numeric>
+#include <iostream>
 #include <optional>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kernels/kernels.h"
 #include "sharded_index.hpp"
+#include "support.hpp"
 
 namespace {
 
 using Ids = std::vector<std::int64_t>;
 using Floats = std::vector<float>;
+using qx::at;
 
 constexpr std::int64_t kIvfKey = 5;
 
@@ -73,7 +75,7 @@ class CallSequence {
 
   // Small whole numbers make ties; others make every bit of a score count.
   Floats draw_vectors(std::int64_t rows) {
-    Floats drawn(static_cast<std::size_t>(rows * dim_));
+    Floats drawn(at(rows * dim_));
     std::normal_distribution<float> normal;
     for (float& number : drawn) {
       number = small_ ? static_cast<float>(between(-2, 2)) : normal(random_);
@@ -84,12 +86,12 @@ class CallSequence {
   std::int64_t draw_id() {
     if (percent(2)) return percent(50) ? -1 : INT64_MIN + between(0, 3);
     if (percent(70) && !base_ids_.empty()) {
-      return base_ids_[static_cast<std::size_t>(between(0, std::ssize(base_ids_) - 1))];
+      return base_ids_[at(between(0, std::ssize(base_ids_) - 1))];
     }
     return between(0, 400);
   }
   Ids draw_ids(std::int64_t count) {
-    Ids drawn(static_cast<std::size_t>(count));
+    Ids drawn(at(count));
     for (std::int64_t& id : drawn) id = draw_id();
     return drawn;
   }
@@ -126,36 +128,34 @@ class CallSequence {
     const std::int64_t rows = percent(10) ? between(0, 3) : between(1, 300);
     const Floats vectors = draw_vectors(rows);
     const bool numbered = percent(30);
-    Ids pool(static_cast<std::size_t>(2 * rows + 1));
-    for (std::size_t i = 0; i < pool.size(); ++i) {
-      pool[i] = static_cast<std::int64_t>(i) * (percent(50) ? 1 : 3) + (i % 3 == 0 ? 100000 : 0);
+    Ids pool = qx::numbered(rows);
+    if (!numbered) {
+      const std::int64_t step = percent(50) ? 1 : 3;
+      for (std::int64_t& id : pool) id = id * step + (id % 3 == 0 ? 100000 : 0);
+      std::shuffle(pool.begin(), pool.end(), random_);
     }
-    std::sort(pool.begin(), pool.end());
-    pool.erase(std::unique(pool.begin(), pool.end()), pool.end());
-    std::shuffle(pool.begin(), pool.end(), random_);
-    pool.resize(std::min(pool.size(), static_cast<std::size_t>(rows)));
-    while (std::ssize(pool) < rows) pool.push_back(200000 + std::ssize(pool));
-    if (numbered) std::iota(pool.begin(), pool.end(), 0);
-    const auto [first, count] = draw_range(rows);
-    from_ = static_cast<std::size_t>(first);
-    size_ = static_cast<std::size_t>(count);
-    const std::span<const float> part = std::span(vectors).subspan(
-        from_ * static_cast<std::size_t>(dim_), size_ * static_cast<std::size_t>(dim_));
-    const auto ids = numbered
-                         ? std::nullopt
-                         : std::optional(std::span<const std::int64_t>(pool).subspan(from_, size_));
+    std::tie(first_, count_) = draw_range(rows);
+    const auto part = std::span<const float>(vectors).subspan(at(first_ * dim_), at(count_ * dim_));
+    const auto ids = numbered ? std::nullopt : std::optional(own_range(pool));
     if (percent(50)) {
       index_.build(part, ids);
     } else {
-      index_.build_from(
-          count, [&](std::span<float> into) { std::copy(part.begin(), part.end(), into.begin()); },
-          ids);
+      const auto read = [&](std::span<float> into) {
+        std::copy(part.begin(), part.end(), into.begin());
+      };
+      index_.build_from(count_, read, ids);
     }
     base_ids_ = pool;
     has_lists_ = false;
     qx_index_build(reference_, vectors.data(), rows, dim_, pool.data(), nullptr, nullptr, nullptr,
                    0);
     qx_index_clear_ivf(reference_);
+  }
+
+  // Of a list for each base row, the part of this rank.
+  template <typename Number>
+  std::span<const Number> own_range(const std::vector<Number>& all) const {
+    return std::span(all).subspan(at(first_), at(count_));
   }
 
   // Uneven ranges, some of no rows.
@@ -166,7 +166,7 @@ class CallSequence {
     Ids cuts = {0, rows};
     for (int cut = 1; cut < index_.ranks().size(); ++cut) cuts.push_back(between(0, rows));
     std::sort(cuts.begin(), cuts.end());
-    const auto rank = static_cast<std::size_t>(index_.ranks().rank());
+    const std::size_t rank = at(index_.ranks().rank());
     return {cuts[rank], cuts[rank + 1] - cuts[rank]};
   }
 
@@ -188,7 +188,7 @@ class CallSequence {
     const Ids ids = draw_ids(count);
     columns_ += count == 0 || percent(30) ? static_cast<std::int32_t>(between(0, 2)) : 0;
     Ids labels(ids.size());
-    Ids values(ids.size() * static_cast<std::size_t>(columns_));
+    Ids values(ids.size() * at(columns_));
     for (std::int64_t& label : labels) label = between(-1, 3);
     for (std::int64_t& value : values) value = between(-1, 3);
     // A rank that is not asked gives a number of columns that would be wrong.
@@ -200,7 +200,7 @@ class CallSequence {
   void attach_lists() {
     Ids listed = base_ids_;
     std::shuffle(listed.begin(), listed.end(), random_);
-    listed.resize(listed.size() - static_cast<std::size_t>(between(0, std::ssize(listed) / 4)));
+    listed.resize(listed.size() - at(between(0, std::ssize(listed) / 4)));
     if (percent(30)) listed.insert(listed.begin(), 999999);  // no row has it
     const auto lists = static_cast<std::int32_t>(between(1, 20));
     std::vector<std::int32_t> offsets = {0};
@@ -209,12 +209,17 @@ class CallSequence {
     }
     std::sort(offsets.begin(), offsets.end());
     offsets.push_back(static_cast<std::int32_t>(listed.size()));
-    const auto probes = static_cast<std::int32_t>(between(0, lists + 2));
     const Floats centroids = draw_vectors(lists);
     index_.set_ivf(kIvfKey, 1, own(centroids), own(listed), own(offsets));
+    const auto probes = static_cast<std::int32_t>(between(0, lists + 2));
     index_.set_ivf_nprobe(kIvfKey, is_root() ? probes : -3);
-    qx_index_set_ivf(reference_, kIvfKey, lists, probes, centroids.data(), listed.data(),
-                     offsets.data(), static_cast<std::int32_t>(listed.size()));
+    attach_to_reference(probes, centroids, listed, offsets);
+  }
+
+  void attach_to_reference(std::int32_t probes, const Floats& centroids, const Ids& listed,
+                           const std::vector<std::int32_t>& offsets) {
+    qx_index_set_ivf(reference_, kIvfKey, static_cast<std::int32_t>(offsets.size()) - 1, probes,
+                     centroids.data(), listed.data(), offsets.data(), offsets.back());
     has_lists_ = true;
   }
 
@@ -233,11 +238,8 @@ class CallSequence {
     }
     const auto probes = static_cast<std::int32_t>(between(1, lists));
     const Floats centroids = draw_vectors(lists);
-    index_.set_ivf_by_row(kIvfKey, is_root() ? probes : -1, own(centroids),
-                          std::span<const std::int32_t>(list_of_row).subspan(from_, size_));
-    qx_index_set_ivf(reference_, kIvfKey, lists, probes, centroids.data(), listed.data(),
-                     offsets.data(), static_cast<std::int32_t>(listed.size()));
-    has_lists_ = true;
+    index_.set_ivf_by_row(kIvfKey, is_root() ? probes : -1, own(centroids), own_range(list_of_row));
+    attach_to_reference(probes, centroids, listed, offsets);
   }
 
   // ---- Searches ----
@@ -246,44 +248,22 @@ class CallSequence {
     const std::int64_t queries = percent(30) ? between(2, 9) : 1;
     const Floats asked = draw_vectors(queries);
     const std::int64_t k = draw_k();
-    search_exact(asked, queries, k);
-    search_current(asked, queries, k);
-    if (has_lists_) search_lists(asked, queries, k);
+    compare<std::int32_t>("search_full", index_.search_full(own(asked), is_root() ? k : 1), asked,
+                          k, qx_index_search_full);
+    const qx::Filter filter = draw_filter();
+    compare<std::uint32_t>(
+        "search_filtered",
+        index_.search_filtered(is_root() ? filter : qx::Filter::all(), own(asked), k), asked, k,
+        qx_index_search_filtered, filter.mode(), filter.column(), filter.value());
+    if (has_lists_) {
+      compare<std::int32_t>("search_ivf", index_.search_ivf(kIvfKey, own(asked), k), asked, k,
+                            qx_index_search_ivf, kIvfKey);
+    }
     search_candidates(k);
     const std::int64_t visible = index_.visible_count();
     if (is_root()) count_difference(visible != qx_index_visible_count(reference_), "visible_count");
     const bool same = index_.snapshot() == qx_index_snapshot(reference_);
     if (is_root()) count_difference(!same, "snapshot");
-  }
-
-  void search_exact(const Floats& asked, std::int64_t queries, std::int64_t k) {
-    const auto found = index_.search_full(own(asked), is_root() ? k : 1);
-    compare_all(
-        "search_full", found, queries, k, [&](std::int64_t q, std::int64_t* ids, float* scores) {
-          return std::int64_t{qx_index_search_full(reference_, asked.data() + q * dim_,
-                                                   static_cast<std::int32_t>(k), ids, scores)};
-        });
-  }
-
-  void search_current(const Floats& asked, std::int64_t queries, std::int64_t k) {
-    const qx::Filter filter = draw_filter();
-    const auto found =
-        index_.search_filtered(is_root() ? filter : qx::Filter::all(), own(asked), k);
-    compare_all("search_filtered", found, queries, k,
-                [&](std::int64_t q, std::int64_t* ids, float* scores) {
-                  return qx_index_search_filtered(reference_, filter.mode(), filter.column(),
-                                                  filter.value(), asked.data() + q * dim_,
-                                                  static_cast<std::uint32_t>(k), ids, scores);
-                });
-  }
-
-  void search_lists(const Floats& asked, std::int64_t queries, std::int64_t k) {
-    const auto found = index_.search_ivf(kIvfKey, own(asked), k);
-    compare_all(
-        "search_ivf", found, queries, k, [&](std::int64_t q, std::int64_t* ids, float* scores) {
-          return std::int64_t{qx_index_search_ivf(reference_, kIvfKey, asked.data() + q * dim_,
-                                                  static_cast<std::int32_t>(k), ids, scores)};
-        });
   }
 
   void search_candidates(std::int64_t k) {
@@ -293,41 +273,36 @@ class CallSequence {
     const qx::Hits current = index_.search_mvcc(own(ids), own(query), k);
     const qx::Hits sealed = index_.scatter_topk(own(ids), own(query), k);
     if (!is_root()) return;
-    compare_all("search_mvcc", {current}, 1, k,
-                [&](std::int64_t, std::int64_t* slots, float* scores) {
-                  return qx_index_search_mvcc(reference_, ids.data(), count, query.data(),
-                                              static_cast<std::uint32_t>(k), slots, scores);
-                });
-    compare_all(
-        "scatter_topk", {sealed}, 1, k, [&](std::int64_t, std::int64_t* slots, float* scores) {
-          return std::int64_t{qx_index_scatter_topk(reference_, ids.data(), count, query.data(),
-                                                    static_cast<std::int32_t>(k), slots, scores)};
-        });
+    compare<std::uint32_t>("search_mvcc", {current}, query, k, qx_index_search_mvcc, ids.data(),
+                           count);
+    compare<std::int32_t>("scatter_topk", {sealed}, query, k, qx_index_scatter_topk, ids.data(),
+                          count);
   }
 
-  // Compares the results of each query with those of the one engine, which fills slots.
-  template <typename Search>
-  void compare_all(const char* name, const std::vector<qx::Hits>& found, std::int64_t queries,
-                   std::int64_t k, Search reference) {
+  // Compares the results of each query with those of the one engine, by the function for them: its
+  // last arguments are a query, k and the slots.
+  template <typename Count, typename Search, typename... Given>
+  void compare(const char* name, const std::vector<qx::Hits>& found, const Floats& asked,
+               std::int64_t k, Search by_one, Given... given) {
     if (!is_root()) return count_difference(!found.empty() && found[0].size() > 0, name);
-    count_difference(std::ssize(found) != queries, name);
-    for (std::int64_t q = 0; q < std::min(queries, std::ssize(found)); ++q) {
-      Ids ids(static_cast<std::size_t>(k));
-      Floats scores(static_cast<std::size_t>(k));
-      const std::int64_t slots = reference(q, ids.data(), scores.data());
-      const auto filled = static_cast<std::size_t>(
-          std::count_if(scores.begin(), scores.begin() + slots, qx::is_filled));
+    count_difference(std::ssize(found) * dim_ != std::ssize(asked), name);
+    for (std::size_t q = 0; q < found.size(); ++q) {
+      Ids ids(at(k));
+      Floats scores(at(k));
+      const std::int64_t slots = by_one(reference_, given..., asked.data() + q * at(dim_),
+                                        static_cast<Count>(k), ids.data(), scores.data());
+      const std::size_t filled =
+          at(std::count_if(scores.begin(), scores.begin() + slots, qx::is_filled));
       ids.resize(filled);
       scores.resize(filled);
-      const qx::Hits& hits = found[static_cast<std::size_t>(q)];
-      const bool same_bits = std::equal(scores.begin(), scores.end(), hits.scores.begin(),
-                                        hits.scores.end(), [](float one, float other) {
-                                          return std::bit_cast<std::uint32_t>(one) ==
-                                                 std::bit_cast<std::uint32_t>(other);
-                                        });
-      count_difference(hits.ids != ids || !same_bits, name);
+      const auto same_bits = [](float one, float other) {
+        return std::bit_cast<std::uint32_t>(one) == std::bit_cast<std::uint32_t>(other);
+      };
+      const bool same = std::equal(scores.begin(), scores.end(), found[q].scores.begin(),
+                                   found[q].scores.end(), same_bits);
+      count_difference(found[q].ids != ids || !same, name);
       ++counts_.searches;
-      counts_.results += static_cast<std::int64_t>(filled);
+      counts_.results += std::ssize(ids);
       for (std::size_t i = 1; i < filled; ++i) counts_.ties += scores[i] == scores[i - 1] ? 1 : 0;
     }
   }
@@ -345,8 +320,8 @@ class CallSequence {
   qx::ShardedIndex index_;
   QxIndex* reference_;
   Ids base_ids_;
-  std::size_t from_ = 0;  // this rank's range of the base
-  std::size_t size_ = 0;
+  std::int64_t first_ = 0;  // this rank's range of the base
+  std::int64_t count_ = 0;
   std::int32_t columns_ = 0;
   bool has_lists_ = false;
 };
@@ -388,18 +363,15 @@ int play_all(const Settings& settings) {
     // All stop at the first difference of any.
     MPI_Allreduce(MPI_IN_PLACE, &counts.differences, 1, MPI_INT64_T, MPI_SUM, MPI_COMM_WORLD);
     if (counts.differences != 0 && rank == 0) {
-      std::fprintf(stderr, "in the call sequence of seed %llu\n",
-                   static_cast<unsigned long long>(settings.seed) +
-                       static_cast<unsigned long long>(sequence));
+      std::cerr << "in the call sequence of seed "
+                << settings.seed + static_cast<std::uint64_t>(sequence) << "\n";
     }
   }
   if (rank == 0) {
-    std::printf(
-        "%d ranks, %lld call sequences, %lld changes, %lld searches of %lld results (%lld ties) "
-        "compared, %lld differ\n",
-        ranks, static_cast<long long>(settings.sequences), static_cast<long long>(counts.changes),
-        static_cast<long long>(counts.searches), static_cast<long long>(counts.results),
-        static_cast<long long>(counts.ties), static_cast<long long>(counts.differences));
+    std::cout << ranks << " ranks, " << settings.sequences << " call sequences, " << counts.changes
+              << " changes, " << counts.searches << " searches of " << counts.results
+              << " results (" << counts.ties << " ties) compared, " << counts.differences
+              << " differ\n";
   }
   return counts.differences == 0 && (rank != 0 || counts.searches > 0) ? 0 : 1;
 }

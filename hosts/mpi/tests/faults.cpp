@@ -1,7 +1,6 @@
 // Calls that fail on one rank, and a rank that dies: every rank must throw the same, and none wait.
 //
 //   mpirun -n RANKS qx_mpi_faults CASE
-#include <fcntl.h>
 #include <mpi.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -9,9 +8,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <new>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ namespace {
 
 using Ids = std::vector<std::int64_t>;
 using Floats = std::vector<float>;
+using Int32s = std::vector<std::int32_t>;
 
 int rank_here() {
   int rank = 0;
@@ -46,45 +48,11 @@ void limit_memory() {
   if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
 }
 
-void other_dimension() { qx::ShardedIndex(MPI_COMM_WORLD, is_last() ? 5 : 4); }
-
-void no_dimension() { qx::ShardedIndex(MPI_COMM_WORLD, 0); }
-
-void odd_vectors() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
-  index.build(Floats(is_last() ? 7 : 8));
-}
-
-void same_ids() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  const Ids ids = {rank_here() + std::int64_t{10}, is_last() ? std::int64_t{10} : rank_here() + 50};
-  index.build(Floats(2), ids);
-}
-
-void some_ids() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  if (is_last()) return index.build(Floats(1));
-  index.build(Floats(1), Ids{rank_here()});
-}
-
-void id_outside() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  index.build(Floats(1), Ids{is_last() ? -1 : rank_here()});
-}
-
 void no_memory() {
   qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 20);
   const Floats rows(is_last() ? std::size_t{64} << 20 : std::size_t{1} << 20);
   if (is_last()) limit_memory();
   index.build(rows);
-}
-
-// Reading that fails on one rank of those that take turns.
-void no_rows() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
-  index.build_from(2, [](std::span<float>) {
-    if (rank_here() == 1) throw std::runtime_error("the rows are gone");
-  });
 }
 
 // A change that one rank cannot make, and the call after it.
@@ -93,7 +61,7 @@ void no_memory_in_a_change() {
   if (is_last()) limit_memory();
   // Few rows to a call, so that the engine's own array is what cannot grow.
   Ids ids(20);
-  for (std::size_t i = 0; i < ids.size(); ++i) ids[i] = static_cast<std::int64_t>(i);
+  std::iota(ids.begin(), ids.end(), 0);
   const Floats rows(rank_here() == 0 ? ids.size() << 16 : 0);
   try {
     for (std::int64_t call = 0; call < 400; ++call) {
@@ -120,35 +88,6 @@ void no_memory_in_a_search() {
   }
 }
 
-void wrong_query() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
-  index.search_full(Floats(rank_here() == 0 ? 5 : 4), 1);
-}
-
-void wrong_metadata() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
-  index.set_rowmeta(Ids(3), Ids(2), {}, 0);
-}
-
-void listed_twice() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  index.build(Floats(2));
-  const std::vector<std::int32_t> offsets = {0, 2, 3};
-  index.set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, offsets);
-}
-
-void list_outside() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  index.build(Floats(2));
-  const std::vector<std::int32_t> lists = {0, is_last() ? 3 : -1};
-  index.set_ivf_by_row(1, 1, Floats(3), lists);
-}
-
-void no_lists() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  index.search_ivf(1, Floats(1), 1);
-}
-
 // The last rank's file is missing or short; the others' are whole.
 void file_of_one_rank(const char* path) {
   const qx::Communicator world(MPI_COMM_WORLD);
@@ -157,20 +96,14 @@ void file_of_one_rank(const char* path) {
   });
 }
 
-void missing_file() { file_of_one_rank("no-such-file.npy"); }
-
 void short_file() {
   const char* const path = "short.npy";
   if (!is_last()) return file_of_one_rank(path);
-  const int file = open(path, O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
-  const char header[] = "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 2), }";
-  const char length[2] = {sizeof header - 1, 0};
-  bool written = write(file, "\x93NUMPY\x01\x00", 8) == 8;
-  written = written && write(file, length, 2) == 2;
-  written = written && write(file, header, sizeof header - 1) == sizeof header - 1;
-  written = written && ftruncate(file, 10 + static_cast<off_t>(sizeof header) - 1 + 23) == 0;
-  close(file);
-  file_of_one_rank(written ? path : "not written");
+  std::ofstream file(path, std::ios::binary);
+  const std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 2), }";
+  file << "\x93NUMPY\x01" << '\0' << static_cast<char>(header.size()) << '\0' << header;
+  file << std::string(23, '\0') << std::flush;
+  file_of_one_rank(path);
 }
 
 // A rank that is killed while the others search.
@@ -196,30 +129,74 @@ int report(const std::string& caught) {
   return same == 1 ? 0 : 1;
 }
 
+// Calls on an index of a dimension whose base has as many rows on each rank.
+struct Call {
+  std::int32_t dim;
+  std::size_t rows;
+  std::function<void(qx::ShardedIndex&)> make;
+};
+
+const std::map<std::string, Call> kCalls = {
+    {"no_dimension", {0, 0, [](auto&) {}}},
+    {"odd_vectors", {4, 0, [](auto& index) { index.build(Floats(is_last() ? 7 : 8)); }}},
+    {"same_ids",
+     {1, 0,
+      [](auto& index) {
+        const std::int64_t rank = rank_here();
+        index.build(Floats(2), Ids{rank + 10, is_last() ? 10 : rank + 50});
+      }}},
+    {"some_ids",
+     {1, 0,
+      [](auto& index) {
+        if (is_last()) return index.build(Floats(1));
+        index.build(Floats(1), Ids{rank_here()});
+      }}},
+    {"id_outside",
+     {1, 0, [](auto& index) { index.build(Floats(1), Ids{is_last() ? -1 : rank_here()}); }}},
+    // Reading that fails on one rank of those that take turns.
+    {"no_rows",
+     {4, 0,
+      [](auto& index) {
+        index.build_from(2, [](std::span<float>) {
+          if (rank_here() == 1) throw std::runtime_error("the rows are gone");
+        });
+      }}},
+    {"wrong_query",
+     {4, 0, [](auto& index) { index.search_full(Floats(rank_here() == 0 ? 5 : 4), 1); }}},
+    {"wrong_metadata", {4, 0, [](auto& index) { index.set_rowmeta(Ids(3), Ids(2), {}, 0); }}},
+    {"listed_twice",
+     {1, 2,
+      [](auto& index) {
+        index.set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, Int32s{0, 2, 3});
+      }}},
+    {"list_outside",
+     {1, 2,
+      [](auto& index) {
+        index.set_ivf_by_row(1, 1, Floats(3), Int32s{0, is_last() ? 3 : -1});
+      }}},
+    {"no_lists", {1, 0, [](auto& index) { index.search_ivf(1, Floats(1), 1); }}}};
+
+const std::map<std::string, std::function<void()>> kOthers = {
+    {"other_dimension", [] { qx::ShardedIndex(MPI_COMM_WORLD, is_last() ? 5 : 4); }},
+    {"no_memory", no_memory},
+    {"no_memory_in_a_change", no_memory_in_a_change},
+    {"no_memory_in_a_search", no_memory_in_a_search},
+    {"missing_file", [] { file_of_one_rank("no-such-file.npy"); }},
+    {"short_file", short_file},
+    {"killed", killed}};
+
+void make(const Call& call) {
+  qx::ShardedIndex index(MPI_COMM_WORLD, call.dim);
+  if (call.rows > 0) index.build(Floats(call.rows));
+  call.make(index);
+}
+
 int run_case(const std::string& name) {
-  const std::map<std::string, std::function<void()>> cases = {
-      {"other_dimension", other_dimension},
-      {"no_dimension", no_dimension},
-      {"odd_vectors", odd_vectors},
-      {"same_ids", same_ids},
-      {"some_ids", some_ids},
-      {"id_outside", id_outside},
-      {"no_memory", no_memory},
-      {"no_rows", no_rows},
-      {"no_memory_in_a_change", no_memory_in_a_change},
-      {"no_memory_in_a_search", no_memory_in_a_search},
-      {"wrong_query", wrong_query},
-      {"wrong_metadata", wrong_metadata},
-      {"listed_twice", listed_twice},
-      {"list_outside", list_outside},
-      {"no_lists", no_lists},
-      {"missing_file", missing_file},
-      {"short_file", short_file},
-      {"killed", killed}};
-  const auto found = cases.find(name);
-  if (found == cases.end()) return 2;
+  const auto call = kCalls.find(name);
+  const auto other = kOthers.find(name);
+  if (call == kCalls.end() && other == kOthers.end()) return 2;
   try {
-    found->second();
+    call != kCalls.end() ? make(call->second) : other->second();
   } catch (const std::exception& error) {
     return report(error.what());
   }
