@@ -37,13 +37,21 @@ class Peer:
         self.database.execute("PRAGMA synchronous = NORMAL")
         self.database.execute(declaration)
 
-    def insert(self, first, vectors, labels):
-        rows = [(first + i, vectors[i].tobytes(), int(labels[i])) for i in range(len(vectors))]
+    def write(self, sql, rows):
+        """The time of one transaction, a row."""
         started = time.perf_counter()
         self.database.execute("BEGIN")
-        self.database.executemany("INSERT INTO t(rowid, embedding, label) VALUES (?, ?, ?)", rows)
+        self.database.executemany(sql, rows)
         self.database.execute("COMMIT")
-        return time.perf_counter() - started
+        return (time.perf_counter() - started) / len(rows)
+
+    def insert(self, first, vectors, labels):
+        return self.write("INSERT INTO t(rowid, embedding, label) VALUES (?, ?, ?)",
+                          [(first + i, vector.tobytes(), int(label))
+                           for i, (vector, label) in enumerate(zip(vectors, labels))])
+
+    def delete(self, rowids):
+        return self.write("DELETE FROM t WHERE rowid = ?", [(int(rowid),) for rowid in rowids])
 
     def search(self, query, label=None):
         """The time, and the rowids that were found."""
@@ -55,13 +63,6 @@ class Peer:
         started = time.perf_counter()
         found = self.database.execute(sql, values).fetchall()
         return time.perf_counter() - started, {rowid for rowid, in found}
-
-    def delete(self, rowids):
-        started = time.perf_counter()
-        self.database.execute("BEGIN")
-        self.database.executemany("DELETE FROM t WHERE rowid = ?", [(int(r),) for r in rowids])
-        self.database.execute("COMMIT")
-        return time.perf_counter() - started
 
 
 def show(text):
@@ -87,8 +88,7 @@ def measure(title, vectors, rounds, options):
         for first in range(0, count, BATCH):
             part = slice(first, first + BATCH)
             for i, peer in enumerate(peers):
-                taken = peer.insert(first, vectors[part], labels[part])
-                times["insert, a row"][i].append(taken / len(vectors[part]))
+                times["insert, a row"][i].append(peer.insert(first, vectors[part], labels[part]))
             if first // BATCH % 10 == 9:
                 show(f"{title}: {first + BATCH:,} of {count:,} rows inserted")
         queries = draw.integers(0, count, rounds + 1)
@@ -109,10 +109,9 @@ def measure(title, vectors, rounds, options):
             unequal += round_of("filtered by label, 1 % pass", number, int(draw.integers(0, 100)))
         show(f"{title}: searched")
         gone = draw.permutation(count)[:DELETED]
-        for first in range(0, DELETED, DELETED // 10):
+        for part in np.split(gone, 10):
             for i, peer in enumerate(peers):
-                part = gone[first:first + DELETED // 10]
-                times["delete, a row"][i].append(peer.delete(part) / len(part))
+                times["delete, a row"][i].append(peer.delete(part))
         for peer in peers:
             peer.search(vectors[queries[0]])
         for number in range(rounds):

@@ -11,6 +11,7 @@ from conftest import connect
 TABLE = ("CREATE VIRTUAL TABLE t USING qx(embedding float[2], label integer, length integer, "
          "letter integer partition key, +word text)")
 ROWS = [(i, f"[{i}, {i % 3}]", i % 2, i % 5, i % 4, f"word {i}") for i in range(1, 21)]
+LOAD = f".load {os.environ['QX_SQLITE_EXTENSION']}\n{TABLE};\n"
 NEAREST = "SELECT rowid FROM t WHERE embedding MATCH ? AND k = ?"
 
 
@@ -22,6 +23,24 @@ def fill(connection):
 
 def rowids(connection, sql, values=()):
     return [rowid for rowid, in connection.execute(sql, values)]
+
+
+def nearest(connection, query="[1, 0]", k=1, more=""):
+    return rowids(connection, f"{NEAREST} {more}", [query, k])
+
+
+def plan(connection, sql, values=()):
+    return connection.execute("EXPLAIN QUERY PLAN " + sql, values).fetchone()[3]
+
+
+def make(connection, rows, name="t", dim=2):
+    """A table of vectors alone."""
+    connection.execute(f"CREATE VIRTUAL TABLE {name} USING qx(embedding float[{dim}])")
+    connection.executemany(f"INSERT INTO {name}(rowid, embedding) VALUES (?, ?)", rows)
+
+
+def command(connection, text):
+    connection.execute("INSERT INTO t(t) VALUES (?)", [text])
 
 
 @pytest.fixture
@@ -42,7 +61,7 @@ def test_a_search_gives_rows_best_first(filled):
     ("ORDER BY distance LIMIT 2", [20, 19]), ("ORDER BY score DESC LIMIT 1 OFFSET 1", [19]),
 ])
 def test_results_are_ordered_as_asked(filled, order, expected):
-    assert rowids(filled, f"{NEAREST} {order}", ["[1, 0]", 3]) == expected
+    assert nearest(filled, k=3, more=order) == expected
 
 
 @pytest.mark.parametrize("where, access_path", [
@@ -51,22 +70,20 @@ def test_results_are_ordered_as_asked(filled, order, expected):
     ("AND rowid IN (1, 2)", "candidates by rowid"), ("AND length > 2", "candidates by length"),
 ])
 def test_the_plan_names_the_access_path(filled, where, access_path):
-    rowids(filled, NEAREST, ["[1, 0]", 1])
-    detail = filled.execute(f"EXPLAIN QUERY PLAN {NEAREST} {where}", ["[1, 0]", 1]).fetchone()[3]
-    assert f"INDEX 2:{access_path} |" in detail
+    def shown():
+        nearest(filled)
+        return plan(filled, f"{NEAREST} {where}", ["[1, 0]", 1])
+
+    assert f"INDEX 2:{access_path} |" in shown()
     filled.execute("DELETE FROM t WHERE rowid = 20")
-    rowids(filled, NEAREST, ["[1, 0]", 1])
-    changed = {"exact": "current", "partition by letter": "filtered by letter"}.get(
-        access_path, access_path)
-    detail = filled.execute(f"EXPLAIN QUERY PLAN {NEAREST} {where}", ["[1, 0]", 1]).fetchone()[3]
-    assert f"INDEX 2:{changed} |" in detail
+    changed = {"exact": "current", "partition by letter": "filtered by letter"}
+    assert f"INDEX 2:{changed.get(access_path, access_path)} |" in shown()
 
 
 def test_filters_apply_before_the_best_are_taken(filled):
-    assert rowids(filled, NEAREST + " AND label = 1 AND length IN (0, 1)", ["[1, 0]", 3]) == [
-        15, 11, 5]
-    assert rowids(filled, NEAREST + " AND rowid IN (SELECT rowid FROM t WHERE word LIKE '%2')",
-                  ["[1, 0]", 5]) == [12, 2]
+    assert nearest(filled, k=3, more="AND label = 1 AND length IN (0, 1)") == [15, 11, 5]
+    listed = "AND rowid IN (SELECT rowid FROM t WHERE word LIKE '%2')"
+    assert nearest(filled, k=5, more=listed) == [12, 2]
 
 
 def test_a_search_joins_other_tables(filled):
@@ -82,45 +99,45 @@ def test_vectors_go_in_and_out_as_blobs_and_as_json(filled):
     assert blob == b"\x00\x00\x80\x40\x00\x00\x80\x3f"
     assert filled.execute("SELECT qx_json(?), qx_f32(?) = ?, qx_json(NULL)",
                           [blob, "[4, 1]", blob]).fetchone() == ("[4,1]", 1, None)
-    assert rowids(filled, NEAREST, [blob, 1]) == rowids(filled, NEAREST, ["[4, 1]", 1])
+    assert nearest(filled, blob, 1) == nearest(filled, "[4, 1]", 1)
 
 
 def test_conflicts_are_resolved_as_asked(filled):
     with pytest.raises(sqlite3.IntegrityError):
         filled.execute("INSERT INTO t(rowid, embedding) VALUES (3, '[50, 0]')")
     filled.execute("INSERT OR IGNORE INTO t(rowid, embedding) VALUES (3, '[50, 0]')")
-    assert rowids(filled, NEAREST, ["[1, 0]", 1]) == [20]
+    assert nearest(filled) == [20]
     filled.execute("REPLACE INTO t(rowid, embedding) VALUES (3, '[50, 0]')")
-    assert rowids(filled, NEAREST, ["[1, 0]", 1]) == [3]
+    assert nearest(filled) == [3]
     with pytest.raises(sqlite3.IntegrityError):
         filled.execute("UPDATE t SET rowid = 4 WHERE rowid = 5")
     assert filled.execute("SELECT count(*) FROM t").fetchone() == (20,)
 
 
 def test_a_failing_statement_changes_nothing(filled):
-    rowids(filled, NEAREST, ["[1, 0]", 1])
+    nearest(filled)
     with pytest.raises(sqlite3.DatabaseError):
         filled.execute("INSERT INTO t(rowid, embedding) VALUES (90, '[90, 0]'), (91, '[1]')")
-    assert rowids(filled, NEAREST, ["[1, 0]", 1]) == [20]
+    assert nearest(filled) == [20]
 
 
 def test_a_rowid_is_chosen_where_none_is_given(filled):
     cursor = filled.execute("INSERT INTO t(embedding) VALUES ('[99, 0]')")
     assert cursor.lastrowid == 21
-    assert rowids(filled, NEAREST, ["[1, 0]", 1]) == [21]
+    assert nearest(filled) == [21]
 
 
 def test_writes_of_another_connection_are_seen(tmp_path):
     first, second = connect(tmp_path / "two.db"), connect(tmp_path / "two.db")
     fill(first)
-    assert rowids(second, NEAREST, ["[1, 0]", 1]) == [20]
+    assert nearest(second) == [20]
     first.execute("DELETE FROM t WHERE rowid = 20")
-    assert rowids(second, NEAREST, ["[1, 0]", 1]) == [19]
+    assert nearest(second) == [19]
     second.execute("INSERT INTO t(rowid, embedding) VALUES (70, '[70, 0]')")
-    assert rowids(first, NEAREST, ["[1, 0]", 1]) == [70]
-    first.execute("INSERT INTO t(t) VALUES ('rebuild')")
+    assert nearest(first) == [70]
+    command(first, "rebuild")
     second.execute("DELETE FROM t")
-    assert rowids(first, NEAREST, ["[1, 0]", 1]) == []
+    assert nearest(first) == []
 
 
 def test_a_backup_and_a_vacuum_keep_the_rows(tmp_path, filled):
@@ -130,23 +147,23 @@ def test_a_backup_and_a_vacuum_keep_the_rows(tmp_path, filled):
     copy.close()
     filled.execute("VACUUM")
     for connection in (connect(tmp_path / "backup.db"), filled):
-        assert rowids(connection, NEAREST, ["[1, 0]", 2]) == [19, 18]
+        assert nearest(connection, "[1, 0]", 2) == [19, 18]
         assert connection.execute("SELECT count(*) FROM t").fetchone() == (19,)
 
 
+def shell(path, script):
+    return subprocess.run(["sqlite3", path], input=script, text=True, capture_output=True)
+
+
 def test_the_shell_loads_and_dumps_it(tmp_path):
-    script = (f".load {os.environ['QX_SQLITE_EXTENSION']}\n{TABLE};\n"
-              "INSERT INTO t(embedding) VALUES ('[1, 2]'), ('[3, 4]');\n"
-              "SELECT rowid, score FROM t WHERE embedding MATCH '[1, 1]' AND k = 5;\n")
-    done = subprocess.run(["sqlite3", tmp_path / "shell.db"], input=script, text=True,
-                          capture_output=True, check=True)
+    done = shell(tmp_path / "shell.db", LOAD +
+                 "INSERT INTO t(embedding) VALUES ('[1, 2]'), ('[3, 4]');\n"
+                 "SELECT rowid, score FROM t WHERE embedding MATCH '[1, 1]' AND k = 5;\n")
     assert done.stdout.splitlines() == ["2|7.0", "1|3.0"]
-    dump = subprocess.run(["sqlite3", tmp_path / "shell.db", ".dump"], text=True,
-                          capture_output=True, check=True).stdout
     again = connect(tmp_path / "again.db")
-    again.executescript(dump)
+    again.executescript(shell(tmp_path / "shell.db", ".dump\n").stdout)
     again.close()
-    assert rowids(connect(tmp_path / "again.db"), NEAREST, ["[1, 1]", 5]) == [2, 1]
+    assert nearest(connect(tmp_path / "again.db"), "[1, 1]", 5) == [2, 1]
 
 
 def test_a_table_is_renamed_and_dropped(filled):
@@ -157,60 +174,51 @@ def test_a_table_is_renamed_and_dropped(filled):
 
 
 def test_shadow_tables_are_protected_in_defensive_mode(tmp_path):
-    script = (f".load {os.environ['QX_SQLITE_EXTENSION']}\n{TABLE};\n.dbconfig defensive on\n"
-              "DELETE FROM t_rows;\n")
-    done = subprocess.run(["sqlite3", tmp_path / "d.db"], input=script, text=True,
-                          capture_output=True)
+    done = shell(tmp_path / "d.db", f"{LOAD}.dbconfig defensive on\nDELETE FROM t_rows;\n")
     assert "table t_rows may not be modified" in done.stderr
 
 
 def test_many_changes_are_folded_into_a_new_base(database):
-    database.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[1])")
-    database.execute("INSERT INTO t(rowid, embedding) VALUES (1, '[1]')")
-    assert rowids(database, NEAREST, ["[1]", 1]) == [1]
+    make(database, [(1, "[1]")], dim=1)
+    assert nearest(database, "[1]", 1) == [1]
     for first in (2, 120_000):
         database.execute("BEGIN")
         database.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
                              ((i, f"[{i}]") for i in range(first, first + 110_000)))
-        assert rowids(database, NEAREST, ["[1]", 1]) == [first + 109_999]
+        assert nearest(database, "[1]", 1) == [first + 109_999]
         database.execute("COMMIT")
     database.execute("BEGIN")
     database.execute("DELETE FROM t WHERE rowid > 5")
-    assert rowids(database, NEAREST, ["[1]", 9]) == [5, 4, 3, 2, 1]
+    assert nearest(database, "[1]", 9) == [5, 4, 3, 2, 1]
     database.execute("ROLLBACK")
-    assert rowids(database, NEAREST, ["[1]", 1]) == [229_999]
+    assert nearest(database, "[1]", 1) == [229_999]
 
 
 def test_an_ivf_finds_what_was_written_since(database):
-    database.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[2])")
-    database.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
-                         ((i, f"[{i % 37}, {i % 41}]") for i in range(1, 2001)))
-    exact = database.execute("SELECT rowid, score FROM t WHERE embedding MATCH '[1, 2]' AND k = 9"
-                             ).fetchall()
-    database.execute("INSERT INTO t(t) VALUES ('ivf nlist=16 nprobe=16')")
+    make(database, ((i, f"[{i % 37}, {i % 41}]") for i in range(1, 2001)))
     search = "SELECT rowid, score FROM t WHERE embedding MATCH '[1, 2]' AND k = 9"
+    exact = database.execute(search).fetchall()
+    command(database, "ivf nlist=16 nprobe=16")
     assert database.execute(search).fetchall() == exact
-    detail = database.execute("EXPLAIN QUERY PLAN " + search).fetchone()[3]
-    assert "INDEX 2:ivf |" in detail
+    assert "INDEX 2:ivf |" in plan(database, search)
     database.execute("DELETE FROM t WHERE rowid = ?", [exact[0][0]])
     database.execute("INSERT INTO t(rowid, embedding) VALUES (5000, '[100, 100]')")
-    assert [row[0] for row in database.execute(search)] == [5000] + [r for r, _ in exact[1:]]
-    database.execute("INSERT INTO t(t) VALUES ('ivf nprobe=1')")
+    now = [5000] + [rowid for rowid, _ in exact[1:]]
+    assert [rowid for rowid, _ in database.execute(search)] == now
+    command(database, "ivf nprobe=1")
     assert len(database.execute(search).fetchall()) == 9
-    database.execute("INSERT INTO t(t) VALUES ('ivf off')")
-    assert [row[0] for row in database.execute(search)] == [5000] + [r for r, _ in exact[1:]]
+    command(database, "ivf off")
+    assert [rowid for rowid, _ in database.execute(search)] == now
 
 
 def test_a_connection_takes_the_lists_as_they_were_filled(tmp_path):
     first = connect(tmp_path / "lists.db")
-    first.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[2])")
-    first.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
-                      ((i, f"[{i % 37 + 1}, {i % 41 - 20}]") for i in range(500)))
-    first.execute("INSERT INTO t(t) VALUES ('ivf nlist=8 nprobe=1')")
+    make(first, ((i, f"[{i % 37 + 1}, {i % 41 - 20}]") for i in range(500)))
+    command(first, "ivf nlist=8 nprobe=1")
     queries = ["[1, 3]", "[1, 0]", "[2, -1]", "[1, -9]"]
 
     def found(database):
-        return [rowids(database, NEAREST, [query, 3]) for query in queries]
+        return [nearest(database, query, 3) for query in queries]
 
     as_filled = found(first)
     assert all(len(hits) == 3 for hits in as_filled)
@@ -227,8 +235,8 @@ def test_a_connection_takes_the_lists_as_they_were_filled(tmp_path):
     # A row that was written since is put where it belongs, also by a rebuild.
     first.execute("UPDATE t SET embedding = '[9, 9]' WHERE rowid = 77")
     for _ in range(2):
-        first.execute("INSERT INTO t(t) VALUES ('rebuild')")
-        assert rowids(connect(tmp_path / "lists.db"), NEAREST, ["[9, 9]", 1]) == [77]
+        command(first, "rebuild")
+        assert nearest(connect(tmp_path / "lists.db"), "[9, 9]", 1) == [77]
     # Without what was stored, or with bytes that mean nothing, all are.
     first.execute("UPDATE t SET embedding = '[4, 16]' WHERE rowid = 77")
     for bytes_ in (b"", stored[:-5], stored[::-1], b"\xff" * 8000,
@@ -239,9 +247,7 @@ def test_a_connection_takes_the_lists_as_they_were_filled(tmp_path):
 
 
 def test_long_work_is_interrupted_by_the_progress_handler(database):
-    database.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[2])")
-    database.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
-                         ((i, f"[{i % 37}, {i % 41}]") for i in range(20_000)))
+    make(database, ((i, f"[{i % 37}, {i % 41}]") for i in range(20_000)))
     calls = []
 
     def stop_late():
@@ -250,27 +256,23 @@ def test_long_work_is_interrupted_by_the_progress_handler(database):
 
     database.set_progress_handler(stop_late, 1000)
     with pytest.raises(sqlite3.OperationalError, match="interrupted"):
-        database.execute("INSERT INTO t(t) VALUES ('ivf nlist=64 nprobe=4')")
+        command(database, "ivf nlist=64 nprobe=4")
     database.set_progress_handler(None, 0)
-    assert len(database.execute("SELECT rowid FROM t WHERE embedding MATCH '[1, 1]' AND k = 3"
-                                ).fetchall()) == 3
+    assert len(nearest(database, "[1, 1]", 3)) == 3
 
 
 def test_a_host_that_forbids_pragmas(database):
-    database.execute("CREATE VIRTUAL TABLE t USING qx(embedding float[1])")
-    database.execute("INSERT INTO t(rowid, embedding) VALUES (1, '[1]'), (2, '[3]')")
+    make(database, [(1, "[1]"), (2, "[3]")], dim=1)
     database.set_authorizer(lambda operation, *_: sqlite3.SQLITE_DENY
                             if operation == sqlite3.SQLITE_PRAGMA else sqlite3.SQLITE_OK)
     with pytest.raises(sqlite3.DatabaseError, match="not authorized"):
         database.execute("PRAGMA page_count")
-    assert rowids(database, NEAREST, ["[1]", 9]) == [2, 1]
+    assert nearest(database, "[1]", 9) == [2, 1]
 
 
 def test_every_database_of_a_connection(database):
     database.execute("ATTACH ':memory:' AS \"a name\"")
     for schema in ("main", "temp", '"a name"'):
-        database.execute(f"CREATE VIRTUAL TABLE {schema}.t USING qx(embedding float[1])")
-        database.execute(f"INSERT INTO {schema}.t(rowid, embedding) VALUES (1, '[1]'), (2, '[3]')")
-        found = database.execute(f"SELECT rowid FROM {schema}.t WHERE embedding MATCH '[1]' AND k = 1")
-        assert found.fetchall() == [(2,)]
+        make(database, [(1, "[1]"), (2, "[3]")], f"{schema}.t", 1)
+        assert rowids(database, NEAREST.replace(" t ", f" {schema}.t "), ["[1]", 1]) == [2]
         database.execute(f"DROP TABLE {schema}.t")
