@@ -5,26 +5,71 @@
 #include <sqlite3ext.h>
 
 #include <cstdint>
+#include <memory>
+#include <new>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 SQLITE_EXTENSION_INIT3
 
 namespace qx_sqlite {
 
+// The parts of a message, one after the other.
+inline std::string text_of(std::string_view text) { return std::string(text); }
+template <typename Number>
+requires std::is_arithmetic_v<Number> std::string text_of(Number number) {
+  return std::to_string(number);
+}
+template <typename... Parts>
+std::string joined(const Parts&... parts) {
+  return (std::string() + ... + text_of(parts));
+}
+
 // An SQL error: a result code of SQLite and the message that the user sees.
 class SqlError : public std::runtime_error {
  public:
   SqlError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
-  explicit SqlError(const std::string& message) : SqlError(SQLITE_ERROR, message) {}
   int code() const { return code_; }
 
  private:
   int code_;
 };
+
+template <typename... Parts>
+void require(bool condition, const Parts&... parts) {
+  if (!condition) throw SqlError(SQLITE_ERROR, joined(parts...));
+}
+// Of what stands in a table, and should not.
+template <typename... Parts>
+void require_intact(bool condition, const Parts&... parts) {
+  if (!condition) throw SqlError(SQLITE_CORRUPT_VTAB, joined(parts...));
+}
+
+// Calls what may throw. Its error becomes a code of SQLite, and the text of one is given to `show`.
+template <typename Function, typename Show>
+int guarded(Function function, Show show) {
+  try {
+    if constexpr (std::is_void_v<decltype(function())>) {
+      function();
+      return SQLITE_OK;
+    } else {
+      return function();
+    }
+  } catch (const SqlError& error) {
+    show(error.what());
+    return error.code();
+  } catch (const std::bad_alloc&) {
+    return SQLITE_NOMEM;
+  } catch (const std::exception& error) {
+    show(error.what());
+    return SQLITE_ERROR;
+  }
+}
 
 // The bytes of a value, valid until the value is converted or released.
 inline std::span<const std::byte> blob_of(sqlite3_value* value) {
@@ -69,7 +114,7 @@ class Statement {
                               SQLITE_TRANSIENT));
   }
   void bind(int at, sqlite3_value* value) { check(sqlite3_bind_value(statement_, at, value)); }
-  void bind_null(int at) { check(sqlite3_bind_null(statement_, at)); }
+  void bind(int at, std::nullopt_t) { check(sqlite3_bind_null(statement_, at)); }
 
   // Whether there is a row.
   bool step() {
@@ -85,10 +130,26 @@ class Statement {
     sqlite3_reset(statement_);
     sqlite3_clear_bindings(statement_);
   }
+  // Binds all parameters, calls read() on each row, and resets, however that ends.
+  template <typename Read, typename... Values>
+  void each(Read read, Values... values) {
+    const std::unique_ptr<Statement, Reset> running(this);
+    int at = 0;
+    (bind(++at, values), ...);
+    while (step()) read();
+  }
   // For statements that give no rows.
-  void run() {
-    step();
-    reset();
+  template <typename... Values>
+  void run(Values... values) {
+    each([] {}, values...);
+  }
+  // Of the only row the first column, where it is an integer.
+  template <typename... Values>
+  std::optional<std::int64_t> number(Values... values) {
+    std::optional<std::int64_t> found;
+    each([&] { found = type(0) == SQLITE_INTEGER ? std::optional(integer(0)) : std::nullopt; },
+         values...);
+    return found;
   }
 
   // Columns count from 0.
@@ -102,6 +163,10 @@ class Statement {
   sqlite3_value* value(int column) const { return sqlite3_column_value(statement_, column); }
 
  private:
+  struct Reset {
+    void operator()(Statement* statement) const { statement->reset(); }
+  };
+
   void check(int result) const {
     if (result == SQLITE_OK) return;
     throw SqlError(sqlite3_extended_errcode(database_), sqlite3_errmsg(database_));
@@ -112,18 +177,6 @@ class Statement {
 
   sqlite3* database_ = nullptr;
   sqlite3_stmt* statement_ = nullptr;
-};
-
-// Resets a statement at the end of a scope, however that is left.
-class Running {
- public:
-  explicit Running(Statement& statement) : statement_(statement) {}
-  ~Running() { statement_.reset(); }
-  Running(const Running&) = delete;
-  Running& operator=(const Running&) = delete;
-
- private:
-  Statement& statement_;
 };
 
 inline void execute(sqlite3* database, const std::string& sql) { Statement(database, sql).run(); }

@@ -51,10 +51,9 @@ std::int64_t dim_of(std::string_view text, std::string_view argument) {
   std::int64_t dim = 0;
   text = trimmed(text);
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), dim);
-  if (error != std::errc() || end != text.data() + text.size() || dim < 1 || dim > kLargestDim) {
-    throw SqlError("the dimension in '" + std::string(argument) + "' is no number from 1 to " +
-                   std::to_string(kLargestDim));
-  }
+  const bool whole = error == std::errc() && end == text.data() + text.size();
+  require(whole && dim >= 1 && dim <= kLargestDim, "the dimension in '", argument,
+          "' is no number from 1 to ", kLargestDim);
   return dim;
 }
 
@@ -73,9 +72,8 @@ class Reader {
   }
 
   Declaration finish() {
-    if (declared_.vector_column < 0) {
-      throw SqlError("no column of vectors: declare one, as in 'embedding float[100]'");
-    }
+    require(declared_.vector_column >= 0,
+            "no column of vectors: declare one, as in 'embedding float[100]'");
     return std::move(declared_);
   }
 
@@ -98,7 +96,7 @@ class Reader {
     } else if (option == "partition") {
       add(trimmed(value), ColumnKind::kPartition);
     } else {
-      throw SqlError("unknown option '" + std::string(name) + "': dim, columns and partition are");
+      require(false, "unknown option '", name, "': dim, columns and partition are");
     }
   }
 
@@ -109,10 +107,9 @@ class Reader {
     const std::string_view name = text.substr(0, end);
     const std::string type = words(text.substr(end));
     if (extra) {
-      if (!type.empty() && type != "text" && type != "integer" && type != "real" &&
-          type != "blob") {
-        throw SqlError("'" + std::string(argument) + "' is no text, integer, real or blob");
-      }
+      require(
+          type.empty() || type == "text" || type == "integer" || type == "real" || type == "blob",
+          "'", argument, "' is no text, integer, real or blob");
       add(name, ColumnKind::kExtra, type);
     } else if (type.starts_with("float[") && type.ends_with("]")) {
       add(name, ColumnKind::kVector);
@@ -122,27 +119,24 @@ class Reader {
     } else if (type == "integer partition key" || type == "int partition key") {
       add(name, ColumnKind::kPartition);
     } else {
-      throw SqlError("'" + std::string(argument) +
-                     "' is no column: one is 'name float[100]', 'name integer', 'name integer "
-                     "partition key' or '+name type'");
+      require(false, "'", argument,
+              "' is no column: one is 'name float[100]', 'name integer', 'name integer partition "
+              "key' or '+name type'");
     }
   }
 
   void add(std::string_view name, ColumnKind kind, const std::string& type = "") {
-    if (!is_name(name)) throw SqlError("'" + std::string(name) + "' is no name of a column");
+    require(is_name(name), "'", name, "' is no name of a column");
     const std::string key = lower(name);
     for (const std::string_view taken : {"rowid", "oid", "_rowid_", "k", "score", "distance"}) {
-      if (key == taken) throw SqlError("the name " + key + " has a meaning of its own");
+      require(key != taken, "the name ", key, " has a meaning of its own");
     }
-    if (key == table_) throw SqlError("the column " + key + " has the name of the table");
+    require(key != table_, "the column ", key, " has the name of the table");
     for (const Column& other : declared_.columns) {
-      if (lower(other.name) == key) throw SqlError("two columns have the name " + key);
-      if (other.kind == kind && kind == ColumnKind::kVector) {
-        throw SqlError("a table has one column of vectors");
-      }
-      if (other.kind == kind && kind == ColumnKind::kPartition) {
-        throw SqlError("a table has one partition key");
-      }
+      require(lower(other.name) != key, "two columns have the name ", key);
+      if (other.kind != kind) continue;
+      require(kind != ColumnKind::kVector, "a table has one column of vectors");
+      require(kind != ColumnKind::kPartition, "a table has one partition key");
     }
     if (kind == ColumnKind::kVector) {
       declared_.vector_column = static_cast<int>(declared_.columns.size());
@@ -156,22 +150,23 @@ class Reader {
 
 }  // namespace
 
+std::string Column::sql_type() const {
+  if (kind == ColumnKind::kVector) return " BLOB";
+  if (kind == ColumnKind::kExtra) return type.empty() ? "" : " " + type;
+  return " INTEGER";
+}
+
 int Declaration::partition_column() const {
-  for (std::size_t i = 0; i < columns.size(); ++i) {
-    if (columns[i].kind == ColumnKind::kPartition) return static_cast<int>(i);
-  }
-  return -1;
+  const auto found = std::find_if(columns.begin(), columns.end(), [](const Column& column) {
+    return column.kind == ColumnKind::kPartition;
+  });
+  return found == columns.end() ? -1 : static_cast<int>(found - columns.begin());
 }
 
 std::string Declaration::schema(const std::string& table) const {
   std::string text = "CREATE TABLE x(";
   for (const Column& column : columns) {
-    text += quoted(column.name);
-    if (column.kind == ColumnKind::kVector) text += " BLOB";
-    if (column.kind == ColumnKind::kNumber || column.kind == ColumnKind::kPartition) {
-      text += " INTEGER";
-    }
-    if (column.kind == ColumnKind::kExtra && !column.type.empty()) text += " " + column.type;
+    text += quoted(column.name) + column.sql_type();
     text += ", ";
   }
   return text + quoted(table) + " HIDDEN, k HIDDEN, score REAL HIDDEN, distance REAL HIDDEN)";

@@ -19,6 +19,9 @@ struct Column {
   std::string name;
   ColumnKind kind;
   std::string type;  // of kExtra, as declared
+
+  bool is_number() const { return kind == ColumnKind::kNumber || kind == ColumnKind::kPartition; }
+  std::string sql_type() const;
 };
 
 // The columns of a table, in the order of its declaration.

@@ -3,9 +3,13 @@
 #include <sqlite3ext.h>
 SQLITE_EXTENSION_INIT1
 
+#include <algorithm>
 #include <charconv>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -21,7 +25,9 @@ namespace qx_sqlite {
 namespace {
 
 constexpr std::int64_t kMostLists = 65536;
-constexpr int kProgressSteps = 1000;
+constexpr const char* kSteps =
+    "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < 1000) "
+    "SELECT count(*) FROM n";
 
 struct Table : sqlite3_vtab {
   Table(sqlite3* db, const char* schema, const char* name, Declaration declared)
@@ -37,75 +43,71 @@ struct Table : sqlite3_vtab {
   LiveRows live;
 };
 
-struct Cursor : sqlite3_vtab_cursor {
+// A scan of the rows, or the hits of a search.
+class Cursor : public sqlite3_vtab_cursor {
+ public:
+  void start(int plan_number, const char* plan, int count, sqlite3_value** arguments);
+  void advance();
+  bool at_end() const { return searching_ ? at_ >= hits_.size() : !has_row_; }
+  void read_rowid(sqlite3_int64* rowid) const {
+    *rowid = searching_ ? hits_.ids[at_] : rows_.integer(0);
+  }
+  void read_column(sqlite3_context* context, int column);
+
+ private:
   Table* table() const { return static_cast<Table*>(pVtab); }
+  void read_hidden(sqlite3_context* context, int column) const;
 
   // Of a scan, its rows; of a search, the row of the present hit, once it is asked for.
-  Statement rows;
-  bool row_read = false;
-  bool has_row = false;
+  Statement rows_;
+  bool row_read_ = false;
+  bool has_row_ = false;
 
-  bool searching = false;
-  std::int64_t k = 0;
-  qx::Hits hits;
-  std::size_t at = 0;
+  bool searching_ = false;
+  std::int64_t k_ = 0;
+  qx::Hits hits_;
+  std::size_t at_ = 0;
 };
 
 Table* table_of(sqlite3_vtab* table) { return static_cast<Table*>(table); }
 Cursor* cursor_of(sqlite3_vtab_cursor* cursor) { return static_cast<Cursor*>(cursor); }
 
-// Calls what may throw. Its error is handed to `show` as text.
-template <typename Show, typename Function>
-int guarded(Show show, Function function) {
-  try {
-    return function();
-  } catch (const SqlError& error) {
-    show(error.what());
-    return error.code();
-  } catch (const std::bad_alloc&) {
-    return SQLITE_NOMEM;
-  } catch (const std::exception& error) {
-    show(error.what());
-    return SQLITE_ERROR;
-  }
-}
+// Calls what may throw; its error is left in a message of SQLite's.
 template <typename Function>
-int guarded_in(sqlite3_vtab* table, Function function) {
-  return guarded(
-      [&](const char* text) {
-        sqlite3_free(table->zErrMsg);
-        table->zErrMsg = sqlite3_mprintf("%s", text);
-      },
-      function);
+int guarded_in(char** message, Function function) {
+  return guarded(function, [&](const char* text) {
+    sqlite3_free(*message);
+    *message = sqlite3_mprintf("%s", text);
+  });
+}
+
+// A function of a table, or of a cursor, as SQLite calls it.
+template <auto function, typename... Given>
+int of_table(sqlite3_vtab* table, Given... given) {
+  return guarded_in(&table->zErrMsg, [&] { return function(*table_of(table), given...); });
+}
+template <auto method, typename... Given>
+int of_cursor(sqlite3_vtab_cursor* cursor, Given... given) {
+  return guarded_in(&cursor->pVtab->zErrMsg, [&] { (cursor_of(cursor)->*method)(given...); });
 }
 
 // ---- Lifecycle of a table ----
 
-int open_table(sqlite3* database, int count, const char* const* arguments, sqlite3_vtab** out,
-               char** message, bool create) {
-  return guarded([&](const char* text) { *message = sqlite3_mprintf("%s", text); },
-                 [&] {
-                   const std::span given(arguments, static_cast<std::size_t>(count));
-                   const std::string name = given[2];
-                   auto table = std::make_unique<Table>(database, given[1], given[2],
-                                                        read_declaration(name, given.subspan(3)));
-                   const int declared =
-                       sqlite3_declare_vtab(database, table->declaration.schema(name).c_str());
-                   if (declared != SQLITE_OK) throw SqlError(declared, sqlite3_errmsg(database));
-                   sqlite3_vtab_config(database, SQLITE_VTAB_CONSTRAINT_SUPPORT, 1);
-                   if (create) table->storage.create();
-                   table->storage.check();
-                   *out = table.release();
-                   return SQLITE_OK;
-                 });
-}
-int create_table(sqlite3* database, void*, int count, const char* const* arguments,
-                 sqlite3_vtab** out, char** message) {
-  return open_table(database, count, arguments, out, message, true);
-}
-int connect_table(sqlite3* database, void*, int count, const char* const* arguments,
-                  sqlite3_vtab** out, char** message) {
-  return open_table(database, count, arguments, out, message, false);
+template <bool create>
+int open_table(sqlite3* database, void*, int count, const char* const* arguments,
+               sqlite3_vtab** out, char** message) {
+  return guarded_in(message, [&] {
+    const std::span given(arguments, static_cast<std::size_t>(count));
+    const std::string name = given[2];
+    auto table = std::make_unique<Table>(database, given[1], given[2],
+                                         read_declaration(name, given.subspan(3)));
+    const int declared = sqlite3_declare_vtab(database, table->declaration.schema(name).c_str());
+    if (declared != SQLITE_OK) throw SqlError(declared, sqlite3_errmsg(database));
+    sqlite3_vtab_config(database, SQLITE_VTAB_CONSTRAINT_SUPPORT, 1);
+    if (create) table->storage.create();
+    table->storage.check();
+    *out = table.release();
+  });
 }
 
 int disconnect_table(sqlite3_vtab* table) {
@@ -113,333 +115,213 @@ int disconnect_table(sqlite3_vtab* table) {
   return SQLITE_OK;
 }
 int destroy_table(sqlite3_vtab* table) {
-  const int result = guarded_in(table, [&] {
-    table_of(table)->storage.drop();
-    return SQLITE_OK;
-  });
-  if (result == SQLITE_OK) delete table_of(table);
-  return result;
-}
-int rename_table(sqlite3_vtab* table, const char* name) {
-  return guarded_in(table, [&] {
-    table_of(table)->storage.rename(name);
-    return SQLITE_OK;
-  });
+  const int result = of_table<[](Table& own) { own.storage.drop(); }>(table);
+  return result == SQLITE_OK ? disconnect_table(table) : result;
 }
 int is_shadow_name(const char* suffix) {
-  for (const char* const own : Storage::kTables) {
-    if (sqlite3_stricmp(suffix, own) == 0) return 1;
-  }
-  return 0;
+  return std::any_of(Storage::kTables.begin(), Storage::kTables.end(),
+                     [&](const char* own) { return sqlite3_stricmp(suffix, own) == 0; });
 }
-
-// ---- Transactions ----
-
-int begin(sqlite3_vtab* table) {
-  table_of(table)->live.begin();
-  return SQLITE_OK;
-}
-int commit(sqlite3_vtab* table) {
-  table_of(table)->live.end();
-  return SQLITE_OK;
-}
-int roll_back(sqlite3_vtab* table) {
-  return guarded_in(table, [&] {
-    table_of(table)->live.undo();
-    table_of(table)->live.end();
-    return SQLITE_OK;
-  });
-}
-int roll_back_to(sqlite3_vtab* table, int) {
-  return guarded_in(table, [&] {
-    table_of(table)->live.undo();
-    return SQLITE_OK;
-  });
-}
-int nothing_to_do(sqlite3_vtab*) { return SQLITE_OK; }
-int nothing_to_keep(sqlite3_vtab*, int) { return SQLITE_OK; }
 
 // ---- Reading ----
 
-int best_index(sqlite3_vtab* base, sqlite3_index_info* info) {
-  return guarded_in(base, [&] {
-    Table* const table = table_of(base);
-    return choose_plan(table->declaration, info, [&](const std::vector<Condition>& conditions) {
-      return std::string(name_of(table->live.access_path(conditions)));
-    });
+int best_index(Table& table, sqlite3_index_info* info) {
+  return choose_plan(table.declaration, info, [&](const std::vector<Condition>& conditions) {
+    return name_of(table.live.access_path(conditions));
   });
 }
 
-int open_cursor(sqlite3_vtab* table, sqlite3_vtab_cursor** out) {
-  return guarded_in(table, [&] {
-    *out = new Cursor{};
-    return SQLITE_OK;
-  });
+int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
+  *out = new (std::nothrow) Cursor{};
+  return *out == nullptr ? SQLITE_NOMEM : SQLITE_OK;
 }
 int close_cursor(sqlite3_vtab_cursor* cursor) {
   delete cursor_of(cursor);
   return SQLITE_OK;
 }
 
-int filter(sqlite3_vtab_cursor* base, int number, const char* plan, int count,
-           sqlite3_value** arguments) {
-  return guarded_in(base->pVtab, [&] {
-    Cursor* const cursor = cursor_of(base);
-    Table* const table = cursor->table();
-    cursor->searching = number == kSearch;
-    cursor->row_read = false;
-    cursor->at = 0;
-    if (number == kSearch) {
-      const Search search = read_search(table->declaration, plan, count, arguments);
-      cursor->k = search.k;
-      cursor->hits = {};
-      cursor->rows = Statement(table->database, table->storage.select_rows("WHERE rowid = ?1"));
-      if (search.nothing_passes) return SQLITE_OK;
-      table->live.catch_up();
-      cursor->hits = table->live.search(search.query, search.k, search.conditions);
-      return SQLITE_OK;
-    }
-    cursor->rows = Statement(
-        table->database, table->storage.select_rows(number == kOneRow ? "WHERE rowid = ?1" : ""));
-    if (number == kOneRow) cursor->rows.bind(1, arguments[0]);
-    cursor->has_row = cursor->rows.step();
-    return SQLITE_OK;
-  });
+void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value** arguments) {
+  searching_ = plan_number == kSearch;
+  row_read_ = false;
+  at_ = 0;
+  Storage& storage = table()->storage;
+  rows_ = Statement(table()->database,
+                    storage.select_rows(plan_number == kScan ? "" : "WHERE rowid = ?1"));
+  if (!searching_) {
+    if (plan_number == kOneRow) rows_.bind(1, arguments[0]);
+    has_row_ = rows_.step();
+    return;
+  }
+  const Search search = read_search(table()->declaration, plan, count, arguments);
+  k_ = search.k;
+  hits_ = {};
+  if (search.nothing_passes) return;
+  table()->live.catch_up();
+  hits_ = table()->live.search(search.query, search.k, search.conditions);
 }
 
-int next(sqlite3_vtab_cursor* base) {
-  return guarded_in(base->pVtab, [&] {
-    Cursor* const cursor = cursor_of(base);
-    if (cursor->searching) {
-      ++cursor->at;
-      cursor->row_read = false;
-    } else {
-      cursor->has_row = cursor->rows.step();
-    }
-    return SQLITE_OK;
-  });
+void Cursor::advance() {
+  if (searching_) {
+    ++at_;
+    row_read_ = false;
+  } else {
+    has_row_ = rows_.step();
+  }
 }
 
-int at_end(sqlite3_vtab_cursor* base) {
-  const Cursor* const cursor = cursor_of(base);
-  return cursor->searching ? cursor->at >= cursor->hits.size() : !cursor->has_row;
+void Cursor::read_column(sqlite3_context* context, int column) {
+  if (column >= table()->declaration.command_column()) return read_hidden(context, column);
+  if (searching_ && !row_read_) {
+    rows_.reset();
+    rows_.bind(1, hits_.ids[at_]);
+    has_row_ = rows_.step();
+    row_read_ = true;
+  }
+  if (has_row_) sqlite3_result_value(context, rows_.value(column + 1));
 }
 
-int read_rowid(sqlite3_vtab_cursor* base, sqlite3_int64* rowid) {
-  const Cursor* const cursor = cursor_of(base);
-  *rowid = cursor->searching ? cursor->hits.ids[cursor->at] : cursor->rows.integer(0);
-  return SQLITE_OK;
-}
-
-int read_column(sqlite3_vtab_cursor* base, sqlite3_context* context, int column) {
-  return guarded_in(base->pVtab, [&] {
-    Cursor* const cursor = cursor_of(base);
-    const Declaration& declaration = cursor->table()->declaration;
-    if (column >= declaration.command_column()) {
-      if (!cursor->searching) return SQLITE_OK;
-      const auto score = static_cast<double>(cursor->hits.scores[cursor->at]);
-      if (column == declaration.score_column()) sqlite3_result_double(context, score);
-      if (column == declaration.distance_column()) sqlite3_result_double(context, -score);
-      if (column == declaration.k_column()) sqlite3_result_int64(context, cursor->k);
-      return SQLITE_OK;
-    }
-    if (cursor->searching && !cursor->row_read) {
-      cursor->rows.reset();
-      cursor->rows.bind(1, cursor->hits.ids[cursor->at]);
-      cursor->has_row = cursor->rows.step();
-      cursor->row_read = true;
-    }
-    if (cursor->has_row) sqlite3_result_value(context, cursor->rows.value(column + 1));
-    return SQLITE_OK;
-  });
+void Cursor::read_hidden(sqlite3_context* context, int column) const {
+  if (!searching_) return;
+  const Declaration& declaration = table()->declaration;
+  const auto score = static_cast<double>(hits_.scores[at_]);
+  if (column == declaration.score_column()) sqlite3_result_double(context, score);
+  if (column == declaration.distance_column()) sqlite3_result_double(context, -score);
+  if (column == declaration.k_column()) sqlite3_result_int64(context, k_);
 }
 
 // ---- Commands: INSERT INTO words(words) VALUES ('rebuild') ----
 
-class Command {
- public:
-  Command(Table* table, std::string_view text)
-      : table_(table),
-        text_(text),
-        reader_(table->declaration),
-        ivf_(table->storage, reader_, table->declaration.dim) {}
+template <typename... Parts>
+void check_command(bool condition, const Parts&... why) {
+  require(condition, "the command is unknown or incomplete: ", why...);
+}
 
-  void run() {
-    const std::string_view name = word();
-    if (name == "rebuild") {
-      finish();
-      if (ivf_.nprobe()) ivf_.refill([this] { report_progress(); });
-      table_->storage.begin_generation();
-    } else if (name == "ivf") {
-      ivf();
-    } else {
-      fail("there is 'rebuild', 'ivf nlist=256 nprobe=8' and 'ivf off'");
-    }
+void change_ivf(IvfState& ivf, std::span<const std::string> options,
+                const std::function<void()>& progress) {
+  if (options.size() == 1 && options[0] == "off") return ivf.forget();
+  std::optional<std::int64_t> nlist, nprobe;
+  for (const std::string& option : options) {
+    const std::string name = option.substr(0, option.find('='));
+    const std::string value = option.substr(std::min(name.size() + 1, option.size()));
+    const char* const end = value.data() + value.size();
+    std::int64_t number = 0;
+    const auto [rest, error] = std::from_chars(value.data(), end, number);
+    const bool counts = error == std::errc() && rest == end && number >= 1;
+    check_command(counts && number <= kMostLists && (name == "nlist" || name == "nprobe"), option,
+                  " is no nlist or nprobe from 1 to ", kMostLists);
+    (name == "nlist" ? nlist : nprobe) = number;
   }
+  check_command(nlist || nprobe, "an IVF needs nlist and nprobe");
+  check_command(nlist || ivf.nprobe(), "there is no IVF yet, so nlist is needed");
+  if (nlist) ivf.learn(*nlist, progress);
+  ivf.set_nprobe(nprobe.value_or(ivf.nprobe().value_or(8)));
+}
 
- private:
-  std::string_view word() {
-    const std::size_t first = std::min(text_.find_first_not_of(' '), text_.size());
-    text_.remove_prefix(first);
-    const std::string_view found = text_.substr(0, text_.find(' '));
-    text_.remove_prefix(found.size());
-    return found;
+void run_command(Table& table, const std::string& text) {
+  std::istringstream words(text);
+  const std::vector<std::string> given(std::istream_iterator<std::string>(words), {});
+  const bool rebuilds = given == std::vector<std::string>{"rebuild"};
+  check_command(rebuilds || (!given.empty() && given[0] == "ivf"),
+                "there is 'rebuild', 'ivf nlist=256 nprobe=8' and 'ivf off'");
+  const RowReader reader(table.declaration);
+  IvfState ivf(table.storage, reader, table.declaration.dim);
+  // A few steps of SQLite's own machine call the host's progress handler.
+  Statement steps(table.database, kSteps);
+  const auto report_progress = [&] { steps.run(); };
+  if (!rebuilds) {
+    change_ivf(ivf, std::span(given).subspan(1), report_progress);
+  } else if (ivf.nprobe()) {
+    ivf.refill(report_progress);
   }
-  void finish() {
-    if (!word().empty()) fail("nothing may follow it");
-  }
-  [[noreturn]] void fail(const std::string& why) const {
-    throw SqlError("the command is unknown or incomplete: " + why);
-  }
-
-  void ivf() {
-    std::optional<std::int64_t> nlist;
-    std::optional<std::int64_t> nprobe;
-    for (std::string_view option = word(); !option.empty(); option = word()) {
-      if (option == "off") {
-        finish();
-        ivf_.forget();
-        table_->storage.begin_generation();
-        return;
-      }
-      const std::size_t equals = std::min(option.find('='), option.size() - 1);
-      std::int64_t number = 0;
-      const char* const end = option.data() + option.size();
-      const auto [rest, error] = std::from_chars(option.data() + equals + 1, end, number);
-      const std::string_view name = option.substr(0, equals);
-      if (error != std::errc() || rest != end || number < 1 || number > kMostLists ||
-          (name != "nlist" && name != "nprobe")) {
-        fail(std::string(option) + " is no nlist or nprobe from 1 to " +
-             std::to_string(kMostLists));
-      }
-      (name == "nlist" ? nlist : nprobe) = number;
-    }
-    if (!nlist && !nprobe) fail("an IVF needs nlist and nprobe");
-    if (nlist) {
-      ivf_.learn(*nlist, [this] { report_progress(); });
-    } else if (!ivf_.nprobe()) {
-      fail("there is no IVF yet, so nlist is needed");
-    }
-    ivf_.set_nprobe(nprobe.value_or(ivf_.nprobe().value_or(8)));
-    table_->storage.begin_generation();
-  }
-
-  // A few steps of SQLite's own machine, which call the host's progress handler.
-  void report_progress() {
-    if (!steps_) {
-      steps_ = Statement(table_->database,
-                         "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n "
-                         "WHERE i < " +
-                             std::to_string(kProgressSteps) + ") SELECT count(*) FROM n");
-    }
-    steps_.run();
-  }
-
-  Table* table_;
-  std::string_view text_;
-  RowReader reader_;
-  IvfState ivf_;
-  Statement steps_;
-};
+  table.storage.begin_generation();
+}
 
 // ---- Writing ----
 
-// The numbers and the vector of a row, checked.
+// Checks a row, and gives the bytes of its vector.
 std::vector<std::byte> checked(const Declaration& declaration, sqlite3_value** row) {
-  for (const int hidden :
-       {declaration.k_column(), declaration.score_column(), declaration.distance_column()}) {
-    if (sqlite3_value_type(row[hidden]) != SQLITE_NULL) {
-      throw SqlError("k, score and distance cannot be written");
-    }
+  for (int hidden = declaration.k_column(); hidden <= declaration.distance_column(); ++hidden) {
+    require(sqlite3_value_type(row[hidden]) == SQLITE_NULL,
+            "k, score and distance cannot be written");
   }
-  std::vector<std::byte> vector;
   for (std::size_t i = 0; i < declaration.columns.size(); ++i) {
-    const Column& column = declaration.columns[i];
-    sqlite3_value* const value = row[i];
-    switch (column.kind) {
-      case ColumnKind::kVector:
-        vector = bytes_of(vector_of(value, declaration.dim, column.name));
-        break;
-      case ColumnKind::kNumber:
-      case ColumnKind::kPartition:
-        if (sqlite3_value_type(value) != SQLITE_NULL &&
-            (sqlite3_value_type(value) != SQLITE_INTEGER ||
-             sqlite3_value_int64(value) == std::numeric_limits<std::int64_t>::min())) {
-          throw SqlError(SQLITE_MISMATCH,
-                         "the column " + column.name + " takes integers above -2^63, and null");
-        }
-        break;
-      case ColumnKind::kExtra:
-        break;
+    const int type = sqlite3_value_type(row[i]);
+    if (!declaration.columns[i].is_number() || type == SQLITE_NULL) continue;
+    if (type != SQLITE_INTEGER || sqlite3_value_int64(row[i]) == kLeastNumber) {
+      throw SqlError(SQLITE_MISMATCH, joined("the column ", declaration.columns[i].name,
+                                             " takes integers above -2^63, and null"));
     }
   }
-  return vector;
+  const int at = declaration.vector_column;
+  const std::string& name = declaration.columns[static_cast<std::size_t>(at)].name;
+  return bytes_of(vector_of(row[at], declaration.dim, name));
 }
 
 std::optional<std::int64_t> checked_rowid(sqlite3_value* value) {
-  if (sqlite3_value_type(value) == SQLITE_NULL) return std::nullopt;
-  if (sqlite3_value_type(value) != SQLITE_INTEGER) {
-    throw SqlError(SQLITE_MISMATCH, "a rowid is no integer");
-  }
+  const int type = sqlite3_value_type(value);
+  if (type == SQLITE_NULL) return std::nullopt;
+  if (type != SQLITE_INTEGER) throw SqlError(SQLITE_MISMATCH, "a rowid is no integer");
   const std::int64_t rowid = sqlite3_value_int64(value);
-  if (rowid < 0) throw SqlError("the rowid " + std::to_string(rowid) + " is below 0");
+  require(rowid >= 0, "the rowid ", rowid, " is below 0");
   return rowid;
 }
 
-int update(sqlite3_vtab* base, int count, sqlite3_value** arguments, sqlite3_int64* rowid) {
-  return guarded_in(base, [&] {
-    Table* const table = table_of(base);
-    const bool had_row = sqlite3_value_type(arguments[0]) != SQLITE_NULL;
-    const std::int64_t old_rowid = sqlite3_value_int64(arguments[0]);
-    if (count == 1) {
-      table->storage.remove(old_rowid);
-      return SQLITE_OK;
-    }
-    sqlite3_value** const row = arguments + 2;
-    sqlite3_value* const command = row[table->declaration.command_column()];
-    if (sqlite3_value_type(command) != SQLITE_NULL) {
-      if (had_row) throw SqlError("a command is given by INSERT");
-      Command(table, text_of(command)).run();
-      return SQLITE_OK;
-    }
-    const std::vector<std::byte> vector = checked(table->declaration, row);
-    const std::optional<std::int64_t> new_rowid = checked_rowid(arguments[1]);
-    const bool replaces = sqlite3_vtab_on_conflict(table->database) == SQLITE_REPLACE;
-    if (had_row && new_rowid == old_rowid) {
-      table->storage.insert(new_rowid, row, Storage::Conflict::kReplace, vector);
-      return SQLITE_OK;
-    }
-    *rowid = table->storage.insert(
-        new_rowid, row, replaces ? Storage::Conflict::kReplace : Storage::Conflict::kFail, vector);
-    if (had_row) table->storage.remove(old_rowid);
-    return SQLITE_OK;
-  });
+void update(Table& table, int count, sqlite3_value** arguments, sqlite3_int64* rowid) {
+  using Conflict = Storage::Conflict;
+  const bool had_row = sqlite3_value_type(arguments[0]) != SQLITE_NULL;
+  const std::int64_t old_rowid = sqlite3_value_int64(arguments[0]);
+  if (count == 1) return table.storage.remove(old_rowid);
+  sqlite3_value** const row = arguments + 2;
+  sqlite3_value* const command = row[table.declaration.command_column()];
+  if (sqlite3_value_type(command) != SQLITE_NULL) {
+    require(!had_row, "a command is given by INSERT");
+    return run_command(table, std::string(text_of(command)));
+  }
+  const std::vector<std::byte> vector = checked(table.declaration, row);
+  const std::optional<std::int64_t> new_rowid = checked_rowid(arguments[1]);
+  const bool stays = had_row && new_rowid == old_rowid;
+  const bool replaces = stays || sqlite3_vtab_on_conflict(table.database) == SQLITE_REPLACE;
+  const std::int64_t written =
+      table.storage.insert(new_rowid, row, replaces ? Conflict::kReplace : Conflict::kFail, vector);
+  if (stays) return;
+  *rowid = written;
+  if (had_row) table.storage.remove(old_rowid);
 }
+
+void roll_back(Table& table) {
+  table.live.undo();
+  table.live.end();
+}
+
+// ---- The module ----
+
+int nothing_to_do(sqlite3_vtab*) { return SQLITE_OK; }
+int nothing_to_keep(sqlite3_vtab*, int) { return SQLITE_OK; }
 
 constexpr sqlite3_module kModule = {
     .iVersion = 3,
-    .xCreate = create_table,
-    .xConnect = connect_table,
-    .xBestIndex = best_index,
+    .xCreate = open_table<true>,
+    .xConnect = open_table<false>,
+    .xBestIndex = of_table<best_index>,
     .xDisconnect = disconnect_table,
     .xDestroy = destroy_table,
     .xOpen = open_cursor,
     .xClose = close_cursor,
-    .xFilter = filter,
-    .xNext = next,
-    .xEof = at_end,
-    .xColumn = read_column,
-    .xRowid = read_rowid,
-    .xUpdate = update,
-    .xBegin = begin,
+    .xFilter = of_cursor<&Cursor::start>,
+    .xNext = of_cursor<&Cursor::advance>,
+    .xEof = [](sqlite3_vtab_cursor* cursor) { return int{cursor_of(cursor)->at_end()}; },
+    .xColumn = of_cursor<&Cursor::read_column>,
+    .xRowid = of_cursor<&Cursor::read_rowid>,
+    .xUpdate = of_table<update>,
+    .xBegin = of_table<[](Table& table) { table.live.begin(); }>,
     .xSync = nothing_to_do,
-    .xCommit = commit,
-    .xRollback = roll_back,
+    .xCommit = of_table<[](Table& table) { table.live.end(); }>,
+    .xRollback = of_table<roll_back>,
     .xFindFunction = nullptr,
-    .xRename = rename_table,
+    .xRename = of_table<[](Table& table, const char* name) { table.storage.rename(name); }>,
     .xSavepoint = nothing_to_keep,
     .xRelease = nothing_to_keep,
-    .xRollbackTo = roll_back_to,
+    .xRollbackTo = of_table<[](Table& table, int) { table.live.undo(); }>,
     .xShadowName = is_shadow_name,
 };
 
@@ -449,10 +331,8 @@ constexpr sqlite3_module kModule = {
 extern "C" __attribute__((visibility("default"))) int sqlite3_qx_init(
     sqlite3* database, char** message, const sqlite3_api_routines* api) {
   SQLITE_EXTENSION_INIT2(api);
-  return qx_sqlite::guarded([&](const char* text) { *message = sqlite3_mprintf("%s", text); },
-                            [&] {
-                              qx_sqlite::register_vector_functions(database);
-                              return sqlite3_create_module_v2(database, "qx", &qx_sqlite::kModule,
-                                                              nullptr, nullptr);
-                            });
+  return qx_sqlite::guarded_in(message, [&] {
+    qx_sqlite::register_vector_functions(database);
+    return sqlite3_create_module_v2(database, "qx", &qx_sqlite::kModule, nullptr, nullptr);
+  });
 }

@@ -67,9 +67,8 @@ class IvfState::Lists {
 
 IvfState::Lists IvfState::lists() const {
   Floats centroids = floats_of(storage_.blob(kCentroids));
-  if (centroids.empty() || centroids.size() % static_cast<std::size_t>(dim_) != 0) {
-    throw SqlError(SQLITE_CORRUPT_VTAB, "the stored centroids are damaged");
-  }
+  require_intact(!centroids.empty() && centroids.size() % static_cast<std::size_t>(dim_) == 0,
+                 "the stored centroids are damaged");
   const std::vector<std::byte> bytes = storage_.blob(kFiled);
   static_assert(sizeof(Filed) == 16);
   std::vector<Filed> filed(bytes.size() / sizeof(Filed));
@@ -80,9 +79,7 @@ IvfState::Lists IvfState::lists() const {
 std::optional<Ivf> IvfState::ivf_of(const Rows& rows) const {
   const std::optional<std::int64_t> probes = nprobe();
   if (!probes) return std::nullopt;
-  if (*probes < 1 || *probes > kMostProbes) {
-    throw SqlError(SQLITE_CORRUPT_VTAB, "the stored number of probes is damaged");
-  }
+  require_intact(*probes >= 1 && *probes <= kMostProbes, "the stored number of probes is damaged");
   const Lists lists = this->lists();
   const auto dim = static_cast<std::size_t>(dim_);
   std::vector<std::vector<std::int64_t>> members(static_cast<std::size_t>(lists.count()));
@@ -100,16 +97,13 @@ std::optional<Ivf> IvfState::ivf_of(const Rows& rows) const {
 
 void IvfState::learn(std::int64_t nlist, const std::function<void()>& progress) {
   const std::int64_t rows = storage_.count();
-  if (rows == 0) throw SqlError("an IVF is learned from rows, and there are none");
+  require(rows > 0, "an IVF is learned from rows, and there are none");
   const std::int64_t step = std::max<std::int64_t>(rows / qx::rows_to_learn(nlist), 1);
   Rows sample;
-  {
-    Statement& statement = storage_.all_rows();
-    const Running running(statement);
-    for (std::int64_t row = 0; statement.step(); ++row) {
-      if (row % step == 0) reader_.read(statement, &sample);
-    }
-  }
+  std::int64_t row = 0;
+  storage_.each_row([&](const Statement& stored) {
+    if (row++ % step == 0) reader_.read(stored, &sample);
+  });
   const Lists lists(qx::learn_centroids(sample.vectors, dim_, nlist,
                                         [&](std::int64_t, std::int64_t) { progress(); }),
                     dim_, {});
@@ -123,16 +117,13 @@ void IvfState::refill(const std::function<void()>& progress) { store(fill(lists(
 std::vector<IvfState::Filed> IvfState::fill(const Lists& lists,
                                             const std::function<void()>& progress) const {
   std::vector<Filed> filed;
-  Rows row;
-  Statement& statement = storage_.all_rows();
-  const Running running(statement);
-  while (statement.step()) {
+  storage_.each_row([&](const Statement& stored) {
     if (std::ssize(filed) % kProgressRows == 0) progress();
-    row.clear();
-    reader_.read(statement, &row);
+    Rows row;
+    reader_.read(stored, &row);
     const std::int64_t rowid = row.ids[0];
     filed.push_back({rowid, lists.list_of(rowid, row.vectors), check_of(row.vectors)});
-  }
+  });
   return filed;
 }
 

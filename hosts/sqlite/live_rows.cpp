@@ -1,6 +1,7 @@
 #include "live_rows.h"
 
 #include <algorithm>
+#include <compare>
 
 #include "ivf_state.h"
 
@@ -29,43 +30,19 @@ void order(qx::Hits* hits, std::size_t k) {
 }  // namespace
 
 bool Condition::passes(std::optional<std::int64_t> number) const {
-  if (test == Test::kNull) return !number;
-  if (!number) return false;
-  switch (test) {
-    case Test::kEqual:
-      return *number == numbers[0];
-    case Test::kNotEqual:
-      return *number != numbers[0];
-    case Test::kLess:
-      return *number < numbers[0];
-    case Test::kLessOrEqual:
-      return *number <= numbers[0];
-    case Test::kGreater:
-      return *number > numbers[0];
-    case Test::kGreaterOrEqual:
-      return *number >= numbers[0];
-    case Test::kIn:
-      return std::binary_search(numbers.begin(), numbers.end(), *number);
-    default:
-      return test == Test::kNotNull;
-  }
+  if (!number || test == Test::kNull) return !number && test == Test::kNull;
+  if (test == Test::kNotNull) return true;
+  if (test == Test::kIn) return std::binary_search(numbers.begin(), numbers.end(), *number);
+  const auto order = *number <=> numbers[0];
+  return (test == Test::kEqual && order == 0) || (test == Test::kNotEqual && order != 0) ||
+         (test == Test::kLess && order < 0) || (test == Test::kLessOrEqual && order <= 0) ||
+         (test == Test::kGreater && order > 0) || (test == Test::kGreaterOrEqual && order >= 0);
 }
 
 const char* name_of(AccessPath path) {
-  switch (path) {
-    case AccessPath::kExact:
-      return "exact";
-    case AccessPath::kCurrent:
-      return "current";
-    case AccessPath::kPartition:
-      return "partition";
-    case AccessPath::kFiltered:
-      return "filtered";
-    case AccessPath::kIvf:
-      return "ivf";
-    default:
-      return "candidates";
-  }
+  constexpr const char* kNames[] = {"exact",    "current",    "partition",
+                                    "filtered", "candidates", "ivf"};
+  return kNames[static_cast<int>(path)];
 }
 
 LiveRows::LiveRows(Storage& storage, const Declaration& declaration)
@@ -99,12 +76,7 @@ void LiveRows::catch_up() {
     generation_ = generation;
   } else if (last != entry_ || !doubtful_.empty()) {
     std::vector<std::int64_t> rowids = std::exchange(doubtful_, {});
-    {
-      Statement& statement = storage_.written_after();
-      const Running running(statement);
-      statement.bind(1, entry_);
-      while (statement.step()) rowids.push_back(statement.integer(0));
-    }
+    storage_.written_after(entry_, [&](std::int64_t rowid) { rowids.push_back(rowid); });
     std::sort(rowids.begin(), rowids.end());
     rowids.erase(std::unique(rowids.begin(), rowids.end()), rowids.end());
     refresh(rowids);
@@ -151,14 +123,9 @@ void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
   std::vector<std::int64_t> gone;
   try {
     for (const std::int64_t rowid : rowids) {
-      Statement& statement = storage_.one_row();
-      const Running running(statement);
-      statement.bind(1, rowid);
-      if (statement.step()) {
-        reader_.read(statement, &rows);
-      } else {
-        gone.push_back(rowid);
-      }
+      const std::size_t before = rows.ids.size();
+      storage_.one_row(rowid, [&](const Statement& row) { reader_.read(row, &rows); });
+      if (rows.ids.size() == before) gone.push_back(rowid);
       note_changed(rowid);
     }
     index_->insert(rows.vectors, rows.ids);

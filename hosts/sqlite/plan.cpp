@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
-#include <string_view>
+#include <map>
 
 namespace qx_sqlite {
 namespace {
@@ -13,30 +14,24 @@ using Test = Condition::Test;
 
 constexpr std::int64_t kLargestK = std::numeric_limits<std::int32_t>::max() - 1;
 constexpr int kRowid = -1;
+constexpr int kIn = 0;  // in a plan's text; SQLite's own constraint is an equal one
 
-// A test as the plan's text has it. kIs compares as = does, and with null, too.
-struct Sign {
-  unsigned char op;
-  char sign;
-  Test test;
-};
-constexpr Sign kSigns[] = {
-    {SQLITE_INDEX_CONSTRAINT_EQ, '=', Test::kEqual},
-    {SQLITE_INDEX_CONSTRAINT_NE, '!', Test::kNotEqual},
-    {SQLITE_INDEX_CONSTRAINT_LT, '<', Test::kLess},
-    {SQLITE_INDEX_CONSTRAINT_LE, '[', Test::kLessOrEqual},
-    {SQLITE_INDEX_CONSTRAINT_GT, '>', Test::kGreater},
-    {SQLITE_INDEX_CONSTRAINT_GE, ']', Test::kGreaterOrEqual},
-    {SQLITE_INDEX_CONSTRAINT_ISNULL, 'z', Test::kNull},
-    {SQLITE_INDEX_CONSTRAINT_ISNOTNULL, 'n', Test::kNotNull},
-    {SQLITE_INDEX_CONSTRAINT_IS, 's', Test::kEqual},
-};
-constexpr char kIn = 'i';
-
-const Sign* sign_of(unsigned char op) {
-  const auto* const found =
-      std::find_if(std::begin(kSigns), std::end(kSigns), [&](const Sign& s) { return s.op == op; });
-  return found == std::end(kSigns) ? nullptr : found;
+const Test* test_of(int op) {
+  // IS compares as = does, and with null, too.
+  static const std::map<int, Test> kTests = {
+      {SQLITE_INDEX_CONSTRAINT_EQ, Test::kEqual},
+      {SQLITE_INDEX_CONSTRAINT_NE, Test::kNotEqual},
+      {SQLITE_INDEX_CONSTRAINT_LT, Test::kLess},
+      {SQLITE_INDEX_CONSTRAINT_LE, Test::kLessOrEqual},
+      {SQLITE_INDEX_CONSTRAINT_GT, Test::kGreater},
+      {SQLITE_INDEX_CONSTRAINT_GE, Test::kGreaterOrEqual},
+      {SQLITE_INDEX_CONSTRAINT_ISNULL, Test::kNull},
+      {SQLITE_INDEX_CONSTRAINT_ISNOTNULL, Test::kNotNull},
+      {SQLITE_INDEX_CONSTRAINT_IS, Test::kEqual},
+      {kIn, Test::kIn},
+  };
+  const auto found = kTests.find(op);
+  return found == kTests.end() ? nullptr : &found->second;
 }
 
 std::string name_of_column(const Declaration& declaration, int column) {
@@ -46,8 +41,7 @@ std::string name_of_column(const Declaration& declaration, int column) {
 bool is_number(const Declaration& declaration, int column) {
   if (column == kRowid) return true;
   if (column >= declaration.command_column()) return false;
-  const ColumnKind kind = declaration.columns[static_cast<std::size_t>(column)].kind;
-  return kind == ColumnKind::kNumber || kind == ColumnKind::kPartition;
+  return declaration.columns[static_cast<std::size_t>(column)].is_number();
 }
 
 // Collects which constraints a search uses, and in which order it gets their values.
@@ -69,23 +63,20 @@ class Planner {
   int plan_search(int match,
                   const std::function<std::string(const std::vector<Condition>&)>& access_path_of) {
     const bool ordered = order_is_ours();
-    if (!use(match, "m")) return SQLITE_CONSTRAINT;
+    if (!use(match)) return SQLITE_CONSTRAINT;
     bool limited = false;
     for (int i = 0; i < info_->nConstraint; ++i) {
       const auto& constraint = info_->aConstraint[i];
       if (i == match) continue;
-      if (constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT ||
-          constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) {
+      const bool is_limit = constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT;
+      if (is_limit || constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) {
         // SQLite itself leaves the first rows out.
-        if (constraint.usable && (info_->nOrderBy == 0 || ordered)) {
-          const bool is_limit = constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT;
-          limited |= is_limit;
-          use(i, is_limit ? "l" : "o", false);
-        }
+        const bool used = (info_->nOrderBy == 0 || ordered) && use(i, false);
+        limited |= used && is_limit;
       } else if (constraint.iColumn == declaration_.k_column() &&
                  constraint.op == SQLITE_INDEX_CONSTRAINT_EQ) {
         limited = true;
-        if (!use(i, "k")) return SQLITE_CONSTRAINT;
+        if (!use(i)) return SQLITE_CONSTRAINT;
       } else if (constraint.iColumn > declaration_.command_column()) {
         continue;  // score and distance are known of the results alone
       } else if (!filter(i)) {
@@ -109,41 +100,36 @@ class Planner {
   }
 
   // False where the value is not known in this order of joins.
-  bool use(int constraint, const std::string& token, bool omit = true) {
-    if (!info_->aConstraint[constraint].usable) return false;
-    info_->aConstraintUsage[constraint].argvIndex = ++used_;
-    info_->aConstraintUsage[constraint].omit = omit;
-    tokens_ += (tokens_.empty() ? "" : ",") + token;
+  bool use(int i, bool omit = true, bool in = false) {
+    const auto& constraint = info_->aConstraint[i];
+    if (!constraint.usable) return false;
+    info_->aConstraintUsage[i].argvIndex = ++used_;
+    info_->aConstraintUsage[i].omit = omit;
+    arguments_ += joined(" ", constraint.iColumn, " ", in ? kIn : int{constraint.op});
     return true;
   }
 
   // Every condition must be met before the best are taken, so one that cannot be is an error.
   bool filter(int i) {
     const auto& constraint = info_->aConstraint[i];
-    const Sign* const sign = sign_of(constraint.op);
-    if (!is_number(declaration_, constraint.iColumn) || sign == nullptr) {
-      const std::string column =
-          constraint.iColumn < declaration_.command_column()
-              ? "by the column " + name_of_column(declaration_, constraint.iColumn) + " so"
-              : "so";
-      throw SqlError("a search cannot be filtered " + column +
-                     ": compare the rowid or a column of integers");
-    }
-    const bool in = sign->test == Test::kEqual && sign->sign == '=' && constraint.usable &&
+    const Test* const test = test_of(constraint.op);
+    const bool own = constraint.iColumn < declaration_.command_column();
+    const std::string name = own ? name_of_column(declaration_, constraint.iColumn) : "";
+    require(is_number(declaration_, constraint.iColumn) && test != nullptr,
+            "a search cannot be filtered ", own ? "by the column " + name + " so" : "so",
+            ": compare the rowid or a column of integers");
+    const bool in = constraint.op == SQLITE_INDEX_CONSTRAINT_EQ && constraint.usable &&
                     sqlite3_vtab_in(info_, i, 1) != 0;
-    if (!use(i, std::to_string(constraint.iColumn) + (in ? kIn : sign->sign))) return false;
-    conditions_.push_back({constraint.iColumn, in ? Test::kIn : sign->test, {}});
-    if (!names_.empty()) names_ += ", ";
-    names_ += name_of_column(declaration_, constraint.iColumn);
+    if (!use(i, true, in)) return false;
+    conditions_.push_back({constraint.iColumn, in ? Test::kIn : *test, {}});
+    names_ += (names_.empty() ? " by " : ", ") + name;
     return true;
   }
 
+  // The plan's text: for who reads it, then the column and the operator of each argument.
   void finish(const std::string& access_path) {
-    std::string text = access_path;
-    if (!names_.empty()) text += " by " + names_;
-    text += " | " + tokens_;
     info_->idxNum = kSearch;
-    info_->idxStr = sqlite3_mprintf("%s", text.c_str());
+    info_->idxStr = sqlite3_mprintf("%s", joined(access_path, names_, " |", arguments_).c_str());
     if (info_->idxStr == nullptr) throw std::bad_alloc();
     info_->needToFreeIdxStr = 1;
     info_->estimatedCost = 1000;
@@ -153,66 +139,53 @@ class Planner {
   const Declaration& declaration_;
   sqlite3_index_info* info_;
   int used_ = 0;
-  std::string tokens_;
+  std::string arguments_;
   std::string names_;
   std::vector<Condition> conditions_;
 };
 
 // The number that a value is compared as, or none: null, a text that is no number, or a fraction.
 std::optional<std::int64_t> whole_number(sqlite3_value* value, const std::string& column) {
-  switch (sqlite3_value_numeric_type(value)) {
-    case SQLITE_INTEGER:
-      return sqlite3_value_int64(value);
-    case SQLITE_FLOAT: {
-      const double number = sqlite3_value_double(value);
-      if (number != std::floor(number) || std::fabs(number) >= 0x1p63) {
-        throw SqlError("the column " + column + " is compared with a number that is not whole");
-      }
-      return static_cast<std::int64_t>(number);
-    }
-    case SQLITE_NULL:
-      return std::nullopt;
-    default:
-      throw SqlError("the column " + column + " is compared with a value that is no number");
-  }
+  const int type = sqlite3_value_numeric_type(value);
+  if (type == SQLITE_NULL) return std::nullopt;
+  if (type == SQLITE_INTEGER) return sqlite3_value_int64(value);
+  require(type == SQLITE_FLOAT, "the column ", column,
+          " is compared with a value that is no number");
+  const double number = sqlite3_value_double(value);
+  require(number == std::floor(number) && std::fabs(number) < 0x1p63, "the column ", column,
+          " is compared with a number that is not whole");
+  return static_cast<std::int64_t>(number);
 }
 
 std::int64_t count_of(sqlite3_value* value, const char* what) {
-  if (sqlite3_value_numeric_type(value) != SQLITE_INTEGER) {
-    throw SqlError(std::string(what) + " is no whole number");
-  }
+  require(sqlite3_value_numeric_type(value) == SQLITE_INTEGER, what, " is no whole number");
   const std::int64_t count = sqlite3_value_int64(value);
-  if (count < 0 || count > kLargestK) {
-    throw SqlError(std::string(what) + " is " + std::to_string(count) + ", outside 0 to " +
-                   std::to_string(kLargestK));
-  }
+  require(count >= 0 && count <= kLargestK, what, " is ", count, ", outside 0 to ", kLargestK);
   return count;
 }
 
-Condition read_condition(const std::string& name, int column, char sign, sqlite3_value* value,
-                         Search* search) {
-  if (sign == kIn) {
-    Condition condition{column, Test::kIn, {}};
-    sqlite3_value* member = nullptr;
-    int result = sqlite3_vtab_in_first(value, &member);
-    for (; result == SQLITE_OK && member != nullptr;
-         result = sqlite3_vtab_in_next(value, &member)) {
-      if (const auto number = whole_number(member, name)) condition.numbers.push_back(*number);
-    }
-    if (result != SQLITE_OK && result != SQLITE_DONE) throw SqlError(result, "IN cannot be read");
-    std::sort(condition.numbers.begin(), condition.numbers.end());
-    condition.numbers.erase(std::unique(condition.numbers.begin(), condition.numbers.end()),
-                            condition.numbers.end());
-    return condition;
+// The numbers of an IN, ascending and distinct.
+std::vector<std::int64_t> members_of(sqlite3_value* value, const std::string& column) {
+  std::vector<std::int64_t> numbers;
+  sqlite3_value* member = nullptr;
+  int result = sqlite3_vtab_in_first(value, &member);
+  for (; result == SQLITE_OK && member != nullptr; result = sqlite3_vtab_in_next(value, &member)) {
+    if (const auto number = whole_number(member, column)) numbers.push_back(*number);
   }
-  const auto* const known = std::find_if(std::begin(kSigns), std::end(kSigns),
-                                         [&](const Sign& s) { return s.sign == sign; });
-  if (known == std::end(kSigns)) throw SqlError("the plan of the search is damaged");
-  if (known->test == Test::kNull || known->test == Test::kNotNull) return {column, known->test, {}};
+  if (result != SQLITE_OK && result != SQLITE_DONE) throw SqlError(result, "IN cannot be read");
+  std::sort(numbers.begin(), numbers.end());
+  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+  return numbers;
+}
+
+Condition read_condition(const std::string& name, int column, int op, sqlite3_value* value,
+                         bool* nothing_passes) {
+  const Test test = *test_of(op);
+  if (test == Test::kIn) return {column, test, members_of(value, name)};
+  if (test == Test::kNull || test == Test::kNotNull) return {column, test, {}};
   const std::optional<std::int64_t> number = whole_number(value, name);
-  if (number) return {column, known->test, {*number}};
-  if (known->op == SQLITE_INDEX_CONSTRAINT_IS) return {column, Test::kNull, {}};
-  search->nothing_passes = true;
+  if (number) return {column, test, {*number}};
+  *nothing_passes |= op != SQLITE_INDEX_CONSTRAINT_IS;
   return {column, Test::kNull, {}};
 }
 
@@ -243,40 +216,35 @@ int choose_plan(const Declaration& declaration, sqlite3_index_info* info,
 
 Search read_search(const Declaration& declaration, const char* plan, int count,
                    sqlite3_value** arguments) {
-  std::string_view tokens = plan == nullptr ? "" : plan;
-  tokens.remove_prefix(std::min(tokens.find(" | "), tokens.size() - 3) + 3);
+  const char* const end = plan + std::strlen(plan);
+  const char* at = std::find(plan, end, '|');
+  const auto next = [&] {
+    int number = 0;
+    at = std::from_chars(std::find(at, end, ' ') + 1, end, number).ptr;
+    return number;
+  };
   Search search;
   std::optional<std::int64_t> k, limit;
   std::int64_t offset = 0;
-  for (int i = 0; i < count; ++i) {
-    const std::size_t end = std::min(tokens.find(','), tokens.size());
-    const std::string_view token = tokens.substr(0, end);
-    tokens.remove_prefix(std::min(end + 1, tokens.size()));
-    if (token == "m") {
-      search.query =
-          vector_of(arguments[i], declaration.dim,
-                    declaration.columns[static_cast<std::size_t>(declaration.vector_column)].name);
-    } else if (token == "k") {
-      k = count_of(arguments[i], "k");
-    } else if (token == "l") {
+  for (sqlite3_value* const value : std::span(arguments, static_cast<std::size_t>(count))) {
+    const int column = next();
+    const int op = next();
+    if (op == SQLITE_INDEX_CONSTRAINT_MATCH) {
+      search.query = vector_of(value, declaration.dim, name_of_column(declaration, column));
+    } else if (op == SQLITE_INDEX_CONSTRAINT_LIMIT) {
       // A negative limit is none.
-      limit = sqlite3_value_int64(arguments[i]) < 0 ? kLargestK : count_of(arguments[i], "LIMIT");
-    } else if (token == "o") {
-      offset = std::clamp<std::int64_t>(sqlite3_value_int64(arguments[i]), 0, kLargestK);
+      limit = sqlite3_value_int64(value) < 0 ? kLargestK : count_of(value, "LIMIT");
+    } else if (op == SQLITE_INDEX_CONSTRAINT_OFFSET) {
+      offset = std::clamp<std::int64_t>(sqlite3_value_int64(value), 0, kLargestK);
+    } else if (column == declaration.k_column()) {
+      k = count_of(value, "k");
     } else {
-      int column = 0;
-      const auto [sign, error] = std::from_chars(token.data(), token.data() + token.size(), column);
-      if (error != std::errc() || sign + 1 != token.data() + token.size()) {
-        throw SqlError("the plan of the search is damaged");
-      }
-      search.conditions.push_back(read_condition(name_of_column(declaration, column), column, *sign,
-                                                 arguments[i], &search));
+      search.conditions.push_back(read_condition(name_of_column(declaration, column), column, op,
+                                                 value, &search.nothing_passes));
     }
   }
-  if (!k && !limit) {
-    throw SqlError(
-        "a search needs 'k = N', or from SQLite 3.41 on 'LIMIT N', as its number of rows");
-  }
+  require(k || limit,
+          "a search needs 'k = N', or from SQLite 3.41 on 'LIMIT N', as its number of rows");
   search.k = k.value_or(kLargestK);
   if (limit) search.k = std::min(search.k, std::min(*limit, kLargestK - offset) + offset);
   return search;

@@ -11,9 +11,9 @@ namespace {
 
 bool is_label(const Column& column) { return sqlite3_stricmp(column.name.c_str(), "label") == 0; }
 
-[[noreturn]] void fail(std::int64_t rowid, const std::string& what) {
-  throw SqlError(SQLITE_CORRUPT_VTAB,
-                 "the stored row " + std::to_string(rowid) + " is damaged: " + what);
+template <typename... Parts>
+void require_row(bool condition, std::int64_t rowid, const Parts&... parts) {
+  require_intact(condition, "the stored row ", rowid, " is damaged: ", parts...);
 }
 
 // Rowids from here on are sparse.
@@ -82,17 +82,9 @@ NumberSlots::NumberSlots(const Declaration& declaration) {
   }
 }
 
-void Rows::clear() {
-  ids.clear();
-  vectors.clear();
-  labels.clear();
-  values.clear();
-  keys.clear();
-}
-
 void RowReader::read(const Statement& row, Rows* rows) const {
   const std::int64_t rowid = row.integer(0);
-  if (row.type(0) != SQLITE_INTEGER || rowid < 0) fail(rowid, "a rowid below 0");
+  require_row(row.type(0) == SQLITE_INTEGER && rowid >= 0, rowid, "a rowid below 0");
   const std::size_t values_before = rows->values.size();
   rows->values.resize(values_before + static_cast<std::size_t>(slots_.columns), kMissing);
   std::int64_t label = kMissing;
@@ -105,9 +97,8 @@ void RowReader::read(const Statement& row, Rows* rows) const {
       continue;
     }
     if (slot == NumberSlots::kNone || row.type(at) == SQLITE_NULL) continue;
-    if (row.type(at) != SQLITE_INTEGER || row.integer(at) == kLeastNumber) {
-      fail(rowid, "no number in " + declaration_.columns[i].name);
-    }
+    require_row(row.type(at) == SQLITE_INTEGER && row.integer(at) != kLeastNumber, rowid,
+                "no number in ", declaration_.columns[i].name);
     const std::int64_t number = row.integer(at);
     if (declaration_.columns[i].kind == ColumnKind::kPartition) key = number;
     if (slot == NumberSlots::kLabel) {
@@ -123,14 +114,12 @@ void RowReader::read(const Statement& row, Rows* rows) const {
 
 void RowReader::read_vector(const Statement& row, int at, std::int64_t rowid, Rows* rows) const {
   const std::span<const std::byte> bytes = row.blob(at);
-  if (row.type(at) != SQLITE_BLOB ||
-      static_cast<std::int64_t>(bytes.size()) != 4 * declaration_.dim) {
-    fail(rowid, "no vector of " + std::to_string(declaration_.dim) + " numbers");
-  }
+  require_row(row.type(at) == SQLITE_BLOB && std::ssize(bytes) == 4 * declaration_.dim, rowid,
+              "no vector of ", declaration_.dim, " numbers");
   try {
     append_floats(bytes, &rows->vectors);
   } catch (const SqlError& error) {
-    fail(rowid, error.what());
+    require_row(false, rowid, error.what());
   }
 }
 
@@ -141,15 +130,21 @@ AllRows RowReader::read_all(Storage& storage) const {
   } catch (const std::exception&) {
     // More than there is, or a host that forbids to ask: the array then grows as it must.
   }
-  {
-    Statement& statement = storage.all_rows();
-    const Running running(statement);
-    while (statement.step()) read(statement, &all.base);
-  }
+  storage.each_row([&](const Statement& row) { read(row, &all.base); });
   all.sparse = take_sparse(&all.base);
   if (declaration_.partition_column() >= 0) sort_by_key(&all.base);
   all.partitions = partitions_of(all.base.keys);
   return all;
+}
+
+// Calls work(array, the same one of the other rows, how many elements a row has in it).
+template <typename Work>
+void RowReader::each_array(Rows* rows, Rows* other, Work work) const {
+  work(&rows->ids, &other->ids, 1);
+  work(&rows->labels, &other->labels, 1);
+  work(&rows->keys, &other->keys, 1);
+  work(&rows->vectors, &other->vectors, static_cast<std::size_t>(declaration_.dim));
+  work(&rows->values, &other->values, static_cast<std::size_t>(slots_.columns));
 }
 
 // The rows come by rowid, so that the sparse ones are the last.
@@ -158,11 +153,9 @@ Rows RowReader::take_sparse(Rows* rows) const {
       std::lower_bound(rows->ids.begin(), rows->ids.end(), base_limit(rows->ids.size()));
   const auto first = static_cast<std::size_t>(limit - rows->ids.begin());
   Rows sparse;
-  sparse.ids = take_from(&rows->ids, first, 1);
-  sparse.labels = take_from(&rows->labels, first, 1);
-  sparse.keys = take_from(&rows->keys, first, 1);
-  sparse.vectors = take_from(&rows->vectors, first, static_cast<std::size_t>(declaration_.dim));
-  sparse.values = take_from(&rows->values, first, static_cast<std::size_t>(slots_.columns));
+  each_array(rows, &sparse, [&](auto* from, auto* into, std::size_t width) {
+    *into = take_from(from, first, width);
+  });
   return sparse;
 }
 
@@ -172,11 +165,8 @@ void RowReader::sort_by_key(Rows* rows) const {
   std::stable_sort(from.begin(), from.end(), [&](std::size_t one, std::size_t other) {
     return rows->keys[one] < rows->keys[other];
   });
-  reorder(&rows->ids, 1, from);
-  reorder(&rows->labels, 1, from);
-  reorder(&rows->keys, 1, from);
-  reorder(&rows->vectors, static_cast<std::size_t>(declaration_.dim), from);
-  reorder(&rows->values, static_cast<std::size_t>(slots_.columns), from);
+  each_array(rows, rows,
+             [&](auto* array, auto*, std::size_t width) { reorder(array, width, from); });
 }
 
 }  // namespace qx_sqlite

@@ -40,8 +40,6 @@ struct Rows {
   std::vector<std::int64_t> labels;
   std::vector<std::int64_t> values;
   std::vector<std::optional<std::int64_t>> keys;  // of the partition
-
-  void clear();
 };
 
 // All rows: those with rowids below a limit in the order of their keys, those without one first,
@@ -65,6 +63,8 @@ class RowReader {
 
  private:
   void read_vector(const Statement& row, int at, std::int64_t rowid, Rows* rows) const;
+  template <typename Work>
+  void each_array(Rows* rows, Rows* other, Work work) const;
   Rows take_sparse(Rows* rows) const;
   void sort_by_key(Rows* rows) const;
 

@@ -26,6 +26,7 @@ Storage::Storage(sqlite3* database, std::string schema, std::string table,
   all_rows_sql_ = select_rows("ORDER BY rowid");
   one_row_sql_ = select_rows("WHERE rowid = ?1");
   written_after_sql_ = "SELECT DISTINCT rowid_ FROM " + name("log") + " WHERE entry > ?1";
+  state_sql_ = "SELECT value FROM " + name("state") + " WHERE key = ?1";
 }
 
 std::string Storage::name(std::string_view suffix) const {
@@ -46,12 +47,8 @@ Statement& Storage::prepared(Statement& statement, const std::string& sql) {
 void Storage::create() {
   std::string columns = "rowid INTEGER PRIMARY KEY";
   for (const Column& column : declaration_.columns) {
-    columns += ", " + quoted(column.name);
-    if (column.kind == ColumnKind::kVector) columns += " BLOB NOT NULL";
-    if (column.kind == ColumnKind::kNumber || column.kind == ColumnKind::kPartition) {
-      columns += " INTEGER";
-    }
-    if (column.kind == ColumnKind::kExtra) columns += " " + column.type;
+    columns += ", " + quoted(column.name) + column.sql_type();
+    if (column.kind == ColumnKind::kVector) columns += " NOT NULL";
   }
   execute(database_, "CREATE TABLE " + name("rows") + "(" + columns + ")");
   execute(database_,
@@ -64,14 +61,9 @@ void Storage::create() {
 }
 
 void Storage::check() {
-  const std::optional<std::int64_t> version = number("version");
-  if (version != kVersion) {
-    throw SqlError(SQLITE_CORRUPT_VTAB, "the table " + table_ + " is not of version " +
-                                            std::to_string(kVersion) + " of its format");
-  }
-  if (!number("generation")) {
-    throw SqlError(SQLITE_CORRUPT_VTAB, table_ + "_state has no generation");
-  }
+  require_intact(number("version") == kVersion, "the table ", table_, " is not of version ",
+                 kVersion, " of its format");
+  generation();
 }
 
 void Storage::drop() {
@@ -99,11 +91,10 @@ std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** 
   Statement& statement = conflict == Conflict::kReplace
                              ? prepared(replace_, "INSERT OR REPLACE " + rest)
                              : prepared(insert_, "INSERT " + rest);
-  const Running running(statement);
   if (rowid) {
     statement.bind(1, *rowid);
   } else {
-    statement.bind_null(1);
+    statement.bind(1, std::nullopt);
   }
   for (int i = 0; i < static_cast<int>(declaration_.columns.size()); ++i) {
     if (i == declaration_.vector_column) {
@@ -112,32 +103,25 @@ std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** 
       statement.bind(i + 2, row[i]);
     }
   }
-  statement.step();
+  statement.run();
   const std::int64_t written = rowid ? *rowid : sqlite3_last_insert_rowid(database_);
   note(written);
   return written;
 }
 
 void Storage::remove(std::int64_t rowid) {
-  Statement& statement = prepared(remove_, "DELETE FROM " + name("rows") + " WHERE rowid = ?1");
-  statement.bind(1, rowid);
-  statement.run();
+  prepared(remove_, "DELETE FROM " + name("rows") + " WHERE rowid = ?1").run(rowid);
   note(rowid);
 }
 
 void Storage::note(std::int64_t rowid) {
-  if (last_entry() >= kLongestLog) {
-    begin_generation();
-    return;
-  }
-  Statement& statement = prepared(note_, "INSERT INTO " + name("log") + "(rowid_) VALUES (?1)");
-  statement.bind(1, rowid);
-  statement.run();
+  if (last_entry() >= kLongestLog) return begin_generation();
+  prepared(note_, "INSERT INTO " + name("log") + "(rowid_) VALUES (?1)").run(rowid);
 }
 
 std::int64_t Storage::generation() {
   const std::optional<std::int64_t> generation = number("generation");
-  if (!generation) throw SqlError(SQLITE_CORRUPT_VTAB, table_ + "_state has no generation");
+  require_intact(generation.has_value(), table_, "_state has no generation");
   return *generation;
 }
 
@@ -147,47 +131,34 @@ void Storage::begin_generation() {
 }
 
 std::int64_t Storage::last_entry() {
-  Statement& statement =
-      prepared(last_entry_, "SELECT coalesce(max(entry), 0) FROM " + name("log"));
-  const Running running(statement);
-  statement.step();
-  return statement.integer(0);
+  return prepared(last_entry_, "SELECT max(entry) FROM " + name("log")).number().value_or(0);
 }
 
 std::optional<std::int64_t> Storage::number(std::string_view key) {
-  Statement& statement = prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
-  const Running running(statement);
-  statement.bind(1, key);
-  if (!statement.step() || statement.type(0) != SQLITE_INTEGER) return std::nullopt;
-  return statement.integer(0);
+  return prepared(state_, state_sql_).number(key);
 }
 
 std::vector<std::byte> Storage::blob(std::string_view key) {
-  Statement& statement = prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1");
-  const Running running(statement);
-  statement.bind(1, key);
-  if (!statement.step() || statement.type(0) != SQLITE_BLOB) return {};
-  const std::span<const std::byte> bytes = statement.blob(0);
-  return {bytes.begin(), bytes.end()};
+  std::vector<std::byte> found;
+  Statement& statement = prepared(state_, state_sql_);
+  const auto read = [&] {
+    if (statement.type(0) != SQLITE_BLOB) return;
+    const std::span<const std::byte> bytes = statement.blob(0);
+    found.assign(bytes.begin(), bytes.end());
+  };
+  statement.each(read, key);
+  return found;
 }
 
-void Storage::set(std::string_view key, std::int64_t number) { set_value(key, number); }
-void Storage::set(std::string_view key, std::span<const std::byte> bytes) { set_value(key, bytes); }
-
-template <typename Value>
-void Storage::set_value(std::string_view key, Value value) {
+void Storage::set(std::string_view key,
+                  std::variant<std::int64_t, std::span<const std::byte>> value) {
   Statement& statement =
       prepared(set_state_, "INSERT OR REPLACE INTO " + name("state") + " VALUES (?1, ?2)");
-  const Running running(statement);
-  statement.bind(1, key);
-  statement.bind(2, value);
-  statement.step();
+  std::visit([&](auto given) { statement.run(key, given); }, value);
 }
 
 void Storage::forget(std::string_view key) {
-  Statement statement(database_, "DELETE FROM " + name("state") + " WHERE key = ?1");
-  statement.bind(1, key);
-  statement.run();
+  Statement(database_, "DELETE FROM " + name("state") + " WHERE key = ?1").run(key);
 }
 
 std::int64_t Storage::longest_blob() const {
@@ -196,8 +167,7 @@ std::int64_t Storage::longest_blob() const {
 
 std::size_t Storage::most_floats() {
   const auto answer = [&](const std::string& sql) {
-    Statement statement(database_, sql);
-    return statement.step() ? std::max<std::int64_t>(statement.integer(0), 0) : 0;
+    return std::max<std::int64_t>(Statement(database_, sql).number().value_or(0), 0);
   };
   const std::int64_t pages = answer("PRAGMA " + quoted(schema_) + ".page_count");
   const std::int64_t page_bytes = answer("PRAGMA " + quoted(schema_) + ".page_size");
@@ -209,9 +179,7 @@ std::size_t Storage::most_floats() {
 }
 
 std::int64_t Storage::count() {
-  Statement statement(database_, "SELECT count(*) FROM " + name("rows"));
-  statement.step();
-  return statement.integer(0);
+  return Statement(database_, "SELECT count(*) FROM " + name("rows")).number().value_or(0);
 }
 
 }  // namespace qx_sqlite

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "database.h"
@@ -47,15 +48,26 @@ class Storage {
   // What a key of the state has: a number, or a BLOB.
   std::optional<std::int64_t> number(std::string_view key);
   std::vector<std::byte> blob(std::string_view key);
-  void set(std::string_view key, std::int64_t number);
-  void set(std::string_view key, std::span<const std::byte> bytes);
+  void set(std::string_view key, std::variant<std::int64_t, std::span<const std::byte>> value);
   void forget(std::string_view key);
 
-  // Statements: all rows in the order of rowids; one row; all rowids written after
-  // an entry, each once. The rows' columns are the rowid, then the declared ones.
-  Statement& all_rows() { return prepared(all_rows_, all_rows_sql_); }
-  Statement& one_row() { return prepared(one_row_, one_row_sql_); }
-  Statement& written_after() { return prepared(written_after_, written_after_sql_); }
+  // Calls read(row) for all rows in the order of rowids, or for one; a row's columns are the rowid,
+  // then the declared ones. Calls note(rowid) for all rowids written after an entry, each once.
+  template <typename Read>
+  void each_row(Read read) {
+    Statement& rows = prepared(all_rows_, all_rows_sql_);
+    rows.each([&] { read(rows); });
+  }
+  template <typename Read>
+  void one_row(std::int64_t rowid, Read read) {
+    Statement& row = prepared(one_row_, one_row_sql_);
+    row.each([&] { read(row); }, rowid);
+  }
+  template <typename Note>
+  void written_after(std::int64_t entry, Note note) {
+    Statement& log = prepared(written_after_, written_after_sql_);
+    log.each([&] { note(log.integer(0)); }, entry);
+  }
   std::string select_rows(const std::string& rest) const;
 
   std::int64_t count();
@@ -67,14 +79,12 @@ class Storage {
   std::string name(std::string_view suffix) const;
   Statement& prepared(Statement& statement, const std::string& sql);
   void note(std::int64_t rowid);
-  template <typename Value>
-  void set_value(std::string_view key, Value value);
 
   sqlite3* database_;
   std::string schema_;
   std::string table_;
   const Declaration& declaration_;
-  std::string all_rows_sql_, one_row_sql_, written_after_sql_;
+  std::string all_rows_sql_, one_row_sql_, written_after_sql_, state_sql_;
   Statement all_rows_, one_row_, written_after_;
   Statement insert_, replace_, remove_, note_, last_entry_, state_, set_state_;
 };

@@ -12,9 +12,7 @@ namespace {
 
 void check_finite(std::span<const float> floats) {
   for (std::size_t i = 0; i < floats.size(); ++i) {
-    if (!std::isfinite(floats[i])) {
-      throw SqlError("element " + std::to_string(i) + " of a vector is not a finite number");
-    }
+    require(std::isfinite(floats[i]), "element ", i, " of a vector is not a finite number");
   }
 }
 
@@ -34,8 +32,8 @@ Floats floats_of_json(std::string_view text) {
     while (at != end && is_space(*at)) ++at;
   };
   const auto fail = [&] {
-    throw SqlError("a vector is not a JSON array of numbers at character " +
-                   std::to_string(at - text.data()));
+    require(false, "a vector is not a JSON array of numbers at character ",
+            std::int64_t{at - text.data()});
   };
   const auto take = [&](char letter) {
     skip_spaces();
@@ -50,10 +48,8 @@ Floats floats_of_json(std::string_view text) {
       skip_spaces();
       float number = 0;
       const auto [rest, error] = std::from_chars(at, end, number);
-      if (error == std::errc::result_out_of_range) {
-        throw SqlError("element " + std::to_string(floats.size()) +
-                       " of a vector is beyond the range of 32-bit floats");
-      }
+      require(error != std::errc::result_out_of_range, "element ", floats.size(),
+              " of a vector is beyond the range of 32-bit floats");
       if (error != std::errc() || !std::isfinite(number)) fail();
       at = rest;
       floats.push_back(number);
@@ -66,14 +62,10 @@ Floats floats_of_json(std::string_view text) {
 }
 
 Floats floats_of_value(sqlite3_value* value) {
-  switch (sqlite3_value_type(value)) {
-    case SQLITE_BLOB:
-      return floats_of(blob_of(value));
-    case SQLITE_TEXT:
-      return floats_of_json(text_of(value));
-    default:
-      throw SqlError("a vector is a BLOB of 32-bit floats or a JSON array");
-  }
+  const int type = sqlite3_value_type(value);
+  require(type == SQLITE_BLOB || type == SQLITE_TEXT,
+          "a vector is a BLOB of 32-bit floats or a JSON array");
+  return type == SQLITE_BLOB ? floats_of(blob_of(value)) : floats_of_json(text_of(value));
 }
 
 std::string json_of(const Floats& floats) {
@@ -86,33 +78,26 @@ std::string json_of(const Floats& floats) {
   return text + ']';
 }
 
-// Calls a function that may throw; its error becomes that of the SQL function.
-template <typename Function>
-void answer(sqlite3_context* context, Function function) {
-  try {
-    function();
-  } catch (const SqlError& error) {
-    sqlite3_result_error(context, error.what(), -1);
-  } catch (const std::bad_alloc&) {
-    sqlite3_result_error_nomem(context);
-  } catch (const std::exception& error) {
-    sqlite3_result_error(context, error.what(), -1);
-  }
+// Calls give(floats) with the vector of an argument; an error becomes that of the SQL function.
+template <typename Give>
+void answer(sqlite3_context* context, sqlite3_value* argument, Give give) {
+  if (sqlite3_value_type(argument) == SQLITE_NULL) return;
+  const int code = guarded([&] { give(floats_of_value(argument)); },
+                           [&](const char* text) { sqlite3_result_error(context, text, -1); });
+  if (code == SQLITE_NOMEM) sqlite3_result_error_nomem(context);
 }
 
 void to_f32(sqlite3_context* context, int, sqlite3_value** arguments) {
-  answer(context, [&] {
-    if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) return;
-    const std::vector<std::byte> bytes = bytes_of(floats_of_value(arguments[0]));
+  answer(context, arguments[0], [&](const Floats& floats) {
+    const std::vector<std::byte> bytes = bytes_of(floats);
     sqlite3_result_blob64(context, bytes.empty() ? "" : static_cast<const void*>(bytes.data()),
                           bytes.size(), SQLITE_TRANSIENT);
   });
 }
 
 void to_json(sqlite3_context* context, int, sqlite3_value** arguments) {
-  answer(context, [&] {
-    if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) return;
-    const std::string text = json_of(floats_of_value(arguments[0]));
+  answer(context, arguments[0], [&](const Floats& floats) {
+    const std::string text = json_of(floats);
     sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
   });
 }
@@ -120,10 +105,8 @@ void to_json(sqlite3_context* context, int, sqlite3_value** arguments) {
 }  // namespace
 
 void append_floats(std::span<const std::byte> bytes, Floats* floats) {
-  if (bytes.size() % sizeof(float) != 0) {
-    throw SqlError("a BLOB of " + std::to_string(bytes.size()) +
-                   " bytes is no vector of 32-bit floats");
-  }
+  require(bytes.size() % sizeof(float) == 0, "a BLOB of ", bytes.size(),
+          " bytes is no vector of 32-bit floats");
   const std::size_t before = floats->size();
   floats->resize(before + bytes.size() / sizeof(float));
   const std::span<float> added = std::span(*floats).subspan(before);
@@ -143,10 +126,8 @@ Floats floats_of(std::span<const std::byte> bytes) {
 
 Floats vector_of(sqlite3_value* value, std::int64_t dim, const std::string& name) {
   Floats floats = floats_of_value(value);
-  if (static_cast<std::int64_t>(floats.size()) != dim) {
-    throw SqlError("a vector of " + std::to_string(floats.size()) + " numbers for the column " +
-                   name + ", which has " + std::to_string(dim));
-  }
+  require(std::ssize(floats) == dim, "a vector of ", floats.size(), " numbers for the column ",
+          name, ", which has ", dim);
   return floats;
 }
 
