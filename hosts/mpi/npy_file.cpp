@@ -1,10 +1,12 @@
 #include "npy_file.hpp"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -13,9 +15,9 @@
 namespace qx {
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "the files are little-endian");
+constexpr std::int64_t kMostBytes = std::int64_t{1} << 60;
 
-constexpr std::int64_t kMostRows = std::int64_t{1} << 40;
+static_assert(std::endian::native == std::endian::little, "the files are little-endian");
 
 // The text after 'key': in the header's dictionary, up to the comma or bracket that ends it.
 std::string value_of(const std::string& header, const std::string& key) {
@@ -29,21 +31,12 @@ std::string value_of(const std::string& header, const std::string& key) {
 }
 
 // The numbers of "(1000, 100", or of "(1000,". Nothing for anything else.
-std::vector<std::int64_t> numbers_of(const std::string& shape) {
-  if (shape.empty() || shape[0] != '(') return {};
-  std::vector<std::int64_t> numbers;
-  const char* place = shape.data() + 1;
-  const char* const end = shape.data() + shape.size();
-  while (place < end) {
-    std::int64_t number = 0;
-    const auto [rest, error] = std::from_chars(place, end, number);
-    if (error != std::errc() || number < 0 || number > kMostRows) return {};
-    numbers.push_back(number);
-    place = rest;
-    if (place < end && *place != ',') return {};
-    while (place < end && (*place == ',' || *place == ' ')) ++place;
-  }
-  return numbers;
+std::vector<std::int64_t> numbers_of(std::string shape) {
+  std::replace_if(
+      shape.begin(), shape.end(), [](char c) { return c == '(' || c == ','; }, ' ');
+  std::istringstream text(shape);
+  const std::vector<std::int64_t> numbers(std::istream_iterator<std::int64_t>(text), {});
+  return text.eof() ? numbers : std::vector<std::int64_t>();
 }
 
 }  // namespace
@@ -99,7 +92,7 @@ void NpyFile::read_shape(const std::string& header, Content content) {
         " numbers");
   dim_ = static_cast<std::int32_t>(dim);
   row_bytes_ = vectors ? 4 * dim : 8;
-  check(rows_ <= (std::int64_t{1} << 60) / row_bytes_, "its shape is too large");
+  check(rows_ >= 0 && rows_ <= kMostBytes / row_bytes_, "its shape is too large");
 }
 
 void NpyFile::read_bytes(std::int64_t place, void* bytes, std::size_t count) const {

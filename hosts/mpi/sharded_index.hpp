@@ -6,11 +6,6 @@
 // rank 0, and empty elsewhere. An error is thrown on every rank alike. After an error in the midst
 // of a change (memory that one rank lacks), ranks may differ: the index then refuses every call.
 //
-//   qx::ShardedIndex index(MPI_COMM_WORLD, 100);
-//   index.build(my_vectors);                         rows of rank 0 first, then of rank 1, ...
-//   index.insert(vectors, ids);
-//   std::vector<qx::Hits> found = index.search_filtered(qx::Filter::all(), queries, 10);
-//
 // Two engines to a rank. The base engine has the rank's rows under their local numbers, so that its
 // table of ids is small whatever the ids are. The delta engine has the rows that were inserted,
 // under their own ids, on the one rank that owns the id: the owner is a hash of the id. An id that

@@ -104,7 +104,6 @@ class Statement {
   explicit operator bool() const { return statement_ != nullptr; }
 
   // Parameters count from 1.
-  void bind(int at, std::int64_t number) { check(sqlite3_bind_int64(statement_, at, number)); }
   void bind(int at, std::string_view text) {
     check(sqlite3_bind_text64(statement_, at, text.data(), text.size(), SQLITE_TRANSIENT,
                               SQLITE_UTF8));
@@ -114,7 +113,9 @@ class Statement {
                               SQLITE_TRANSIENT));
   }
   void bind(int at, sqlite3_value* value) { check(sqlite3_bind_value(statement_, at, value)); }
-  void bind(int at, std::nullopt_t) { check(sqlite3_bind_null(statement_, at)); }
+  void bind(int at, std::optional<std::int64_t> number) {
+    check(number ? sqlite3_bind_int64(statement_, at, *number) : sqlite3_bind_null(statement_, at));
+  }
 
   // Whether there is a row.
   bool step() {

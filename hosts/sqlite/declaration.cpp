@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <set>
+#include <sstream>
 #include <string_view>
 
 #include "database.h"
@@ -28,23 +30,20 @@ std::string lower(std::string_view text) {
 
 // Words that spaces part, in lower case and with one space between them.
 std::string words(std::string_view text) {
+  std::istringstream given(lower(text));
   std::string result;
-  for (text = trimmed(text); !text.empty();) {
-    const std::size_t end = std::min(text.find_first_of(kSpaces), text.size());
-    if (!result.empty()) result += ' ';
-    result += lower(text.substr(0, end));
-    text = trimmed(text.substr(end));
-  }
+  for (std::string word; given >> word;) result += (result.empty() ? "" : " ") + word;
   return result;
 }
 
 bool is_name(std::string_view text) {
-  const auto in_name = [](char letter) {
-    return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') || letter == '_' ||
-           (letter >= '0' && letter <= '9') || static_cast<unsigned char>(letter) >= 0x80;
+  const auto is_digit = [](char letter) { return letter >= '0' && letter <= '9'; };
+  const auto in_name = [&](char letter) {
+    return (letter >= 'a' && letter <= 'z') || letter == '_' || is_digit(letter) ||
+           static_cast<unsigned char>(letter) >= 0x80;
   };
-  return !text.empty() && !(text[0] >= '0' && text[0] <= '9') &&
-         std::all_of(text.begin(), text.end(), in_name);
+  const std::string name = lower(text);
+  return !name.empty() && !is_digit(name[0]) && std::all_of(name.begin(), name.end(), in_name);
 }
 
 std::int64_t dim_of(std::string_view text, std::string_view argument) {
@@ -88,10 +87,9 @@ class Reader {
       add("embedding", ColumnKind::kVector);
       declared_.dim = dim_of(value, argument);
     } else if (option == "columns") {
-      for (std::size_t end = 0; end != std::string_view::npos; value.remove_prefix(end + 1)) {
-        end = value.find(',');
-        add(trimmed(value.substr(0, end)), ColumnKind::kNumber);
-        if (end == std::string_view::npos) break;
+      std::istringstream names(std::string(value) + ',');
+      for (std::string one; std::getline(names, one, ',');) {
+        add(trimmed(one), ColumnKind::kNumber);
       }
     } else if (option == "partition") {
       add(trimmed(value), ColumnKind::kPartition);
@@ -107,9 +105,8 @@ class Reader {
     const std::string_view name = text.substr(0, end);
     const std::string type = words(text.substr(end));
     if (extra) {
-      require(
-          type.empty() || type == "text" || type == "integer" || type == "real" || type == "blob",
-          "'", argument, "' is no text, integer, real or blob");
+      const std::set<std::string> types = {"", "text", "integer", "real", "blob"};
+      require(types.contains(type), "'", argument, "' is no text, integer, real or blob");
       add(name, ColumnKind::kExtra, type);
     } else if (type.starts_with("float[") && type.ends_with("]")) {
       add(name, ColumnKind::kVector);
@@ -166,8 +163,7 @@ int Declaration::partition_column() const {
 std::string Declaration::schema(const std::string& table) const {
   std::string text = "CREATE TABLE x(";
   for (const Column& column : columns) {
-    text += quoted(column.name) + column.sql_type();
-    text += ", ";
+    text += quoted(column.name) + column.sql_type() + ", ";
   }
   return text + quoted(table) + " HIDDEN, k HIDDEN, score REAL HIDDEN, distance REAL HIDDEN)";
 }

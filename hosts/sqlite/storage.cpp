@@ -91,11 +91,7 @@ std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** 
   Statement& statement = conflict == Conflict::kReplace
                              ? prepared(replace_, "INSERT OR REPLACE " + rest)
                              : prepared(insert_, "INSERT " + rest);
-  if (rowid) {
-    statement.bind(1, *rowid);
-  } else {
-    statement.bind(1, std::nullopt);
-  }
+  statement.bind(1, rowid);
   for (int i = 0; i < static_cast<int>(declaration_.columns.size()); ++i) {
     if (i == declaration_.vector_column) {
       statement.bind(i + 2, vector);

@@ -10,12 +10,6 @@
 namespace qx_sqlite {
 namespace {
 
-void check_finite(std::span<const float> floats) {
-  for (std::size_t i = 0; i < floats.size(); ++i) {
-    require(std::isfinite(floats[i]), "element ", i, " of a vector is not a finite number");
-  }
-}
-
 std::uint32_t little_endian(std::uint32_t bits) {
   if constexpr (std::endian::native == std::endian::little) return bits;
   return bits >> 24 | (bits >> 8 & 0xFF00) | (bits << 8 & 0xFF0000) | bits << 24;
@@ -114,8 +108,8 @@ void append_floats(std::span<const std::byte> bytes, Floats* floats) {
     std::uint32_t bits = 0;
     std::memcpy(&bits, bytes.data() + i * sizeof bits, sizeof bits);
     added[i] = std::bit_cast<float>(little_endian(bits));
+    require(std::isfinite(added[i]), "element ", i, " of a vector is not a finite number");
   }
-  check_finite(added);
 }
 
 Floats floats_of(std::span<const std::byte> bytes) {

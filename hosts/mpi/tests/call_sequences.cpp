@@ -1,7 +1,7 @@
 // Random call sequences, made on one engine on rank 0 and on a sharded index of all ranks: every
 // search must give the same ids and the same bits of scores.
 //
-//   mpirun -n RANKS qx_mpi_call_sequences --seed S --sequences N [--force RANK KERNELS]
+//   mpirun -n RANKS qx_mpi_call_sequences SEED SEQUENCES [RANK KERNELS]
 //
 // All ranks draw the same call sequence. Ranks other than 0 give each call an argument that must be
 // ignored, and their own range of the base to `build`.
@@ -10,11 +10,11 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
-#include <cstdlib>
+#include <cmath>
 #include <iostream>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -310,7 +310,7 @@ class CallSequence {
   void count_difference(bool differs, const char* name) {
     if (!differs) return;
     ++counts_.differences;
-    std::fprintf(stderr, "rank %d: %s differs\n", index_.ranks().rank(), name);
+    std::cerr << "rank " << index_.ranks().rank() << ": " << name << " differs\n";
   }
 
   std::mt19937_64 random_;
@@ -326,61 +326,39 @@ class CallSequence {
   bool has_lists_ = false;
 };
 
-struct Settings {
-  std::uint64_t seed = 1;
-  std::int64_t sequences = 20;
-  int forced_rank = -1;
-  std::string kernels;
-};
-
-Settings read_settings(int count, char** arguments) {
-  Settings settings;
-  for (int i = 1; i + 1 < count; i += 2) {
-    const std::string name = arguments[i];
-    if (name == "--seed") settings.seed = std::strtoull(arguments[i + 1], nullptr, 10);
-    if (name == "--sequences") settings.sequences = std::strtoll(arguments[i + 1], nullptr, 10);
-    if (name == "--force" && i + 2 < count) {
-      settings.forced_rank = std::atoi(arguments[i + 1]);
-      settings.kernels = arguments[++i + 1];
-    }
-  }
-  return settings;
-}
-
-int play_all(const Settings& settings) {
-  int rank = 0;
-  int ranks = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  MPI_Comm_size(MPI_COMM_WORLD, &ranks);
-  if (rank == settings.forced_rank && !qx::force_kernels(settings.kernels.c_str())) {
-    std::fprintf(stderr, "the kernels %s do not run here\n", settings.kernels.c_str());
+// Plays what the command line says.
+int play_all(std::span<const char* const> arguments) {
+  const std::uint64_t seed = std::stoull(arguments[1]);
+  const std::int64_t sequences = std::stoll(arguments[2]);
+  const qx::Communicator ranks(MPI_COMM_WORLD);
+  if (arguments.size() > 4 && std::stoi(arguments[3]) == ranks.rank() &&
+      !qx::force_kernels(arguments[4])) {
+    std::cerr << "the kernels " << arguments[4] << " do not run here\n";
     MPI_Abort(MPI_COMM_WORLD, 1);
   }
   Counts counts;
-  for (std::int64_t sequence = 0; sequence < settings.sequences && counts.differences == 0;
-       ++sequence) {
-    CallSequence(settings.seed + static_cast<std::uint64_t>(sequence), counts).play();
+  for (std::int64_t i = 0; i < sequences && counts.differences == 0; ++i) {
+    CallSequence(seed + static_cast<std::uint64_t>(i), counts).play();
     // All stop at the first difference of any.
-    MPI_Allreduce(MPI_IN_PLACE, &counts.differences, 1, MPI_INT64_T, MPI_SUM, MPI_COMM_WORLD);
-    if (counts.differences != 0 && rank == 0) {
-      std::cerr << "in the call sequence of seed "
-                << settings.seed + static_cast<std::uint64_t>(sequence) << "\n";
+    counts.differences = ranks.sum(counts.differences);
+    if (counts.differences != 0 && ranks.is_root()) {
+      std::cerr << "in the call sequence of seed " << seed + static_cast<std::uint64_t>(i) << "\n";
     }
   }
-  if (rank == 0) {
-    std::cout << ranks << " ranks, " << settings.sequences << " call sequences, " << counts.changes
+  if (ranks.is_root()) {
+    std::cout << ranks.size() << " ranks, " << sequences << " call sequences, " << counts.changes
               << " changes, " << counts.searches << " searches of " << counts.results
               << " results (" << counts.ties << " ties) compared, " << counts.differences
               << " differ\n";
   }
-  return counts.differences == 0 && (rank != 0 || counts.searches > 0) ? 0 : 1;
+  return counts.differences == 0 && (!ranks.is_root() || counts.searches > 0) ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
   MPI_Init(&count, &arguments);
-  const int result = play_all(read_settings(count, arguments));
+  const int result = count < 3 ? 2 : play_all({arguments, static_cast<std::size_t>(count)});
   MPI_Finalize();
   return result;
 }

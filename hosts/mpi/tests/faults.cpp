@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <new>
@@ -16,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "npy_file.hpp"
 #include "sharded_index.hpp"
 
 namespace {
@@ -37,6 +35,13 @@ bool is_last() {
   return rank_here() == ranks - 1;
 }
 
+// An index whose base has as many rows on each rank.
+struct TestIndex : qx::ShardedIndex {
+  explicit TestIndex(std::int32_t dim, std::size_t rows = 0) : ShardedIndex(MPI_COMM_WORLD, dim) {
+    if (rows > 0) build(std::vector<float>(rows * static_cast<std::size_t>(dim)));
+  }
+};
+
 // From now on this rank gets no more than some bytes above what it has.
 void limit_memory() {
   long pages = 0;
@@ -48,8 +53,26 @@ void limit_memory() {
   if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
 }
 
+void same_ids() {
+  const std::int64_t rank = rank_here();
+  TestIndex(1).build(Floats(2), Ids{rank + 10, is_last() ? 10 : rank + 50});
+}
+
+void some_ids() {
+  TestIndex index(1);
+  if (is_last()) return index.build(Floats(1));
+  index.build(Floats(1), Ids{rank_here()});
+}
+
+// Reading that fails on one rank of those that take turns.
+void no_rows() {
+  TestIndex(4).build_from(2, [](std::span<float>) {
+    if (rank_here() == 1) throw std::runtime_error("the rows are gone");
+  });
+}
+
 void no_memory() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 20);
+  TestIndex index(1 << 20);
   const Floats rows(is_last() ? std::size_t{64} << 20 : std::size_t{1} << 20);
   if (is_last()) limit_memory();
   index.build(rows);
@@ -57,7 +80,7 @@ void no_memory() {
 
 // A change that one rank cannot make, and the call after it.
 void no_memory_in_a_change() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1 << 16);
+  TestIndex index(1 << 16);
   if (is_last()) limit_memory();
   // Few rows to a call, so that the engine's own array is what cannot grow.
   Ids ids(20);
@@ -75,8 +98,7 @@ void no_memory_in_a_change() {
 
 // A search for which one rank cannot allocate its buffers, and one for which all can.
 void no_memory_in_a_search() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 1);
-  index.build(Floats(std::size_t{1} << 21));
+  TestIndex index(1, std::size_t{1} << 21);
   if (is_last()) limit_memory();
   const Floats query(rank_here() == 0 ? 1 : 0);
   try {
@@ -88,28 +110,9 @@ void no_memory_in_a_search() {
   }
 }
 
-// The last rank's file is missing or short; the others' are whole.
-void file_of_one_rank(const char* path) {
-  const qx::Communicator world(MPI_COMM_WORLD);
-  world.together([&] {
-    if (is_last()) qx::NpyFile(path, qx::NpyFile::Content::kVectors);
-  });
-}
-
-void short_file() {
-  const char* const path = "short.npy";
-  if (!is_last()) return file_of_one_rank(path);
-  std::ofstream file(path, std::ios::binary);
-  const std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 2), }";
-  file << "\x93NUMPY\x01" << '\0' << static_cast<char>(header.size()) << '\0' << header;
-  file << std::string(23, '\0') << std::flush;
-  file_of_one_rank(path);
-}
-
 // A rank that is killed while the others search.
 void killed() {
-  qx::ShardedIndex index(MPI_COMM_WORLD, 4);
-  index.build(Floats(400));
+  TestIndex index(4, 100);
   for (std::int64_t search = 0;; ++search) {
     if (search == 100 && is_last()) std::raise(SIGKILL);
     index.search_full(Floats(4), 3);
@@ -129,74 +132,33 @@ int report(const std::string& caught) {
   return same == 1 ? 0 : 1;
 }
 
-// Calls on an index of a dimension whose base has as many rows on each rank.
-struct Call {
-  std::int32_t dim;
-  std::size_t rows;
-  std::function<void(qx::ShardedIndex&)> make;
-};
-
-const std::map<std::string, Call> kCalls = {
-    {"no_dimension", {0, 0, [](auto&) {}}},
-    {"odd_vectors", {4, 0, [](auto& index) { index.build(Floats(is_last() ? 7 : 8)); }}},
-    {"same_ids",
-     {1, 0,
-      [](auto& index) {
-        const std::int64_t rank = rank_here();
-        index.build(Floats(2), Ids{rank + 10, is_last() ? 10 : rank + 50});
-      }}},
-    {"some_ids",
-     {1, 0,
-      [](auto& index) {
-        if (is_last()) return index.build(Floats(1));
-        index.build(Floats(1), Ids{rank_here()});
-      }}},
-    {"id_outside",
-     {1, 0, [](auto& index) { index.build(Floats(1), Ids{is_last() ? -1 : rank_here()}); }}},
-    // Reading that fails on one rank of those that take turns.
-    {"no_rows",
-     {4, 0,
-      [](auto& index) {
-        index.build_from(2, [](std::span<float>) {
-          if (rank_here() == 1) throw std::runtime_error("the rows are gone");
-        });
-      }}},
-    {"wrong_query",
-     {4, 0, [](auto& index) { index.search_full(Floats(rank_here() == 0 ? 5 : 4), 1); }}},
-    {"wrong_metadata", {4, 0, [](auto& index) { index.set_rowmeta(Ids(3), Ids(2), {}, 0); }}},
-    {"listed_twice",
-     {1, 2,
-      [](auto& index) {
-        index.set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, Int32s{0, 2, 3});
-      }}},
-    {"list_outside",
-     {1, 2,
-      [](auto& index) {
-        index.set_ivf_by_row(1, 1, Floats(3), Int32s{0, is_last() ? 3 : -1});
-      }}},
-    {"no_lists", {1, 0, [](auto& index) { index.search_ivf(1, Floats(1), 1); }}}};
-
-const std::map<std::string, std::function<void()>> kOthers = {
-    {"other_dimension", [] { qx::ShardedIndex(MPI_COMM_WORLD, is_last() ? 5 : 4); }},
+const std::map<std::string, std::function<void()>> kCases = {
+    {"other_dimension", [] { TestIndex(is_last() ? 5 : 4); }},
+    {"no_dimension", [] { TestIndex(0); }},
+    {"odd_vectors", [] { TestIndex(4).build(Floats(is_last() ? 7 : 8)); }},
+    {"same_ids", same_ids},
+    {"some_ids", some_ids},
+    {"id_outside", [] { TestIndex(1).build(Floats(1), Ids{is_last() ? -1 : rank_here()}); }},
+    {"no_rows", no_rows},
     {"no_memory", no_memory},
     {"no_memory_in_a_change", no_memory_in_a_change},
     {"no_memory_in_a_search", no_memory_in_a_search},
-    {"missing_file", [] { file_of_one_rank("no-such-file.npy"); }},
-    {"short_file", short_file},
+    {"wrong_query", [] { TestIndex(4).search_full(Floats(rank_here() == 0 ? 5 : 4), 1); }},
+    {"wrong_metadata", [] { TestIndex(4).set_rowmeta(Ids(3), Ids(2), {}, 0); }},
+    {"listed_twice",
+     [] {
+       TestIndex(1, 2).set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, Int32s{0, 2, 3});
+     }},
+    {"list_outside",
+     [] {
+       TestIndex(1, 2).set_ivf_by_row(1, 1, Floats(3), Int32s{0, is_last() ? 3 : -1});
+     }},
+    {"no_lists", [] { TestIndex(1).search_ivf(1, Floats(1), 1); }},
     {"killed", killed}};
 
-void make(const Call& call) {
-  qx::ShardedIndex index(MPI_COMM_WORLD, call.dim);
-  if (call.rows > 0) index.build(Floats(call.rows));
-  call.make(index);
-}
-
 int run_case(const std::string& name) {
-  const auto call = kCalls.find(name);
-  const auto other = kOthers.find(name);
-  if (call == kCalls.end() && other == kOthers.end()) return 2;
   try {
-    call != kCalls.end() ? make(call->second) : other->second();
+    kCases.at(name)();
   } catch (const std::exception& error) {
     return report(error.what());
   }

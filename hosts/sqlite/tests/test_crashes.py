@@ -1,17 +1,36 @@
-"""A writer that is killed at a random moment loses and invents nothing. QX_CRASHES sets how often."""
+"""A writer that is killed at a random moment loses and invents nothing. QX_CRASHES sets how often.
+
+As a program this file is that writer: test_crashes.py DATABASE FIRST
+"""
 import os
-import pathlib
 import random
-import signal
 import subprocess
 import sys
 import time
 
 from conftest import connect
-from writer import vector
 
 CRASHES = int(os.environ.get("QX_CRASHES", "15"))
-WRITER = pathlib.Path(__file__).with_name("writer.py")
+
+
+def vector(rowid):
+    return f"[{rowid % 7},{rowid % 5},1]"
+
+
+def write(path, first):
+    """Transaction n inserts three rows, deletes row 3n - 6, moves the vector of row 3n - 5, and is
+    printed once it is committed."""
+    connection = connect(path)
+    for n in range(first, first + 100000):
+        connection.execute("BEGIN")
+        connection.executemany("INSERT INTO t(rowid, embedding, label) VALUES (?, ?, ?)",
+                               [(rowid, vector(rowid), n) for rowid in range(3 * n, 3 * n + 3)])
+        connection.execute("DELETE FROM t WHERE rowid = ?", [3 * n - 6])
+        connection.execute("UPDATE t SET embedding = '[9,9,9]' WHERE rowid = ?", [3 * n - 5])
+        if n % 10 == 9:
+            connection.execute("INSERT INTO t(t) VALUES ('rebuild')")
+        connection.execute("COMMIT")
+        print(n, flush=True)
 
 
 def rows_after(transactions):
@@ -22,17 +41,17 @@ def rows_after(transactions):
             rows[rowid] = vector(rowid), n
         rows.pop(3 * n - 6, None)
         if 3 * n - 5 in rows:
-            rows[3 * n - 5] = "[9, 9, 9]", n - 2
-    return {rowid: (given.replace(" ", ""), label) for rowid, (given, label) in rows.items()}
+            rows[3 * n - 5] = "[9,9,9]", n - 2
+    return rows
 
 
 def kill_while_writing(path, first, delay):
     """Returns the number of the first transaction that was not reported."""
-    with subprocess.Popen([sys.executable, str(WRITER), str(path), str(first)],
+    with subprocess.Popen([sys.executable, __file__, str(path), str(first)],
                           stdout=subprocess.PIPE, text=True) as writer:
         reported = [writer.stdout.readline()]  # it has begun
         time.sleep(delay)
-        writer.send_signal(signal.SIGKILL)
+        writer.kill()
         reported += writer.stdout.readlines()
     whole = [int(line) for line in reported if line.endswith("\n")]
     return whole[-1] + 1
@@ -62,3 +81,7 @@ def test_a_killed_writer_loses_nothing_and_invents_nothing(tmp_path):
             assert sorted(rowid for rowid, _ in answers[0]) == sorted(rows)
         assert fresh.execute("PRAGMA integrity_check").fetchone() == ("ok",)
         fresh.close()
+
+
+if __name__ == "__main__":
+    write(sys.argv[1], int(sys.argv[2]))

@@ -25,6 +25,7 @@ WRONG_DECLARATIONS = {
     "embedding float[2], +a varchar": "is no text, integer, real or blob",
     "dim=2, rows=3": "unknown option 'rows'",
     "dim=2, columns='a;b'": "is no name of a column",
+    "dim=2, columns='a,'": "is no name of a column",
     "dim=99999999999999999999": "is no number from 1",
 }
 WRONG_ROWS = [

@@ -3,11 +3,19 @@ import random
 
 import pytest
 
-import model
 from conftest import connect
 
 DIM = 3
 COLUMNS = ["label", "length", "letter"]
+
+
+def best(rows, query, k, passes):
+    """The k best (rowid, score) of rows that pass, by score and then by rowid. The vectors are small
+    whole numbers, whose scores are exact in any order."""
+    scored = [(sum(a * b for a, b in zip(query, vector)), rowid)
+              for rowid, (vector, numbers) in rows.items() if passes(rowid, numbers)]
+    scored.sort(key=lambda hit: (-hit[0], hit[1]))
+    return [(rowid, score) for score, rowid in scored[:k]]
 
 
 class StatementSequence:
@@ -137,8 +145,8 @@ class StatementSequence:
             sql += f" AND {text}"
         values = [value for _, given, _ in conditions for value in given]
         found = self.connections[connection].execute(sql, [str(query), k, *values]).fetchall()
-        assert found == model.best(rows, query, k,
-                                   lambda r, n: all(test(r, n) for _, _, test in conditions))
+        assert found == best(rows, query, k,
+                             lambda r, n: all(test(r, n) for _, _, test in conditions))
         self.searches += 1
 
     def play(self, steps):
@@ -155,8 +163,8 @@ class StatementSequence:
 
 @pytest.mark.parametrize("seed", range(60))
 def test_answers_are_those_of_the_model(tmp_path, seed):
-    path = tmp_path / "wal.db"
-    connect(path).execute("PRAGMA journal_mode = wal")
+    path = tmp_path / "rows.db"
+    connect(path).execute(f"PRAGMA journal_mode = {'wal' if seed % 2 else 'delete'}")
     sequence = StatementSequence(path, seed)
     sequence.play(150)
     assert sequence.searches > 20

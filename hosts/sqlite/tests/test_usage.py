@@ -127,19 +127,6 @@ def test_a_rowid_is_chosen_where_none_is_given(filled):
     assert nearest(filled) == [21]
 
 
-def test_writes_of_another_connection_are_seen(tmp_path):
-    first, second = connect(tmp_path / "two.db"), connect(tmp_path / "two.db")
-    fill(first)
-    assert nearest(second) == [20]
-    first.execute("DELETE FROM t WHERE rowid = 20")
-    assert nearest(second) == [19]
-    second.execute("INSERT INTO t(rowid, embedding) VALUES (70, '[70, 0]')")
-    assert nearest(first) == [70]
-    command(first, "rebuild")
-    second.execute("DELETE FROM t")
-    assert nearest(first) == []
-
-
 def test_a_backup_and_a_vacuum_keep_the_rows(tmp_path, filled):
     filled.execute("DELETE FROM t WHERE rowid = 20")
     copy = sqlite3.connect(tmp_path / "backup.db")
