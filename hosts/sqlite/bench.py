@@ -25,44 +25,52 @@ BATCH = 10_000
 DELETED = 2_000
 
 
-class Peer:
-    """One of the two tables, in a database of its own."""
+def connect(path, extension):
+    database = sqlite3.connect(path, isolation_level=None)
+    database.enable_load_extension(True)
+    database.load_extension(extension)
+    return database
 
-    def __init__(self, name, extension, folder, declaration):
-        self.name = name
-        self.database = sqlite3.connect(pathlib.Path(folder) / f"{name}.db", isolation_level=None)
-        self.database.enable_load_extension(True)
-        self.database.load_extension(extension)
-        self.database.execute("PRAGMA journal_mode = WAL")
-        self.database.execute("PRAGMA synchronous = NORMAL")
-        self.database.execute(declaration)
 
-    def write(self, sql, rows):
-        """The time of one transaction, a row."""
-        started = time.perf_counter()
-        self.database.execute("BEGIN")
-        self.database.executemany(sql, rows)
-        self.database.execute("COMMIT")
-        return (time.perf_counter() - started) / len(rows)
+class Peers:
+    """Both tables, each in a database of its own, and what each took for each work."""
 
-    def insert(self, first, vectors, labels):
-        return self.write("INSERT INTO t(rowid, embedding, label) VALUES (?, ?, ?)",
-                          [(first + i, vector.tobytes(), int(label))
-                           for i, (vector, label) in enumerate(zip(vectors, labels))])
+    def __init__(self, folder, options, dim):
+        column, label = f"embedding float[{dim}]", "label integer"
+        self.databases = []
+        self.times = {}
+        for extension, declaration in (
+                (options.qx, f"qx({column}, {label})"),
+                (options.vec, f"vec0({column} distance_metric=cosine, {label})")):
+            database = connect(f"{folder}/{len(self.databases)}.db", extension)
+            database.execute("PRAGMA journal_mode = WAL")
+            database.execute("PRAGMA synchronous = NORMAL")
+            database.execute(f"CREATE VIRTUAL TABLE t USING {declaration}")
+            self.databases.append(database)
 
-    def delete(self, rowids):
-        return self.write("DELETE FROM t WHERE rowid = ?", [(int(rowid),) for rowid in rowids])
+    def measure(self, work, run, rows=1):
+        """What run(database) gives of both, after its time a row is kept."""
+        found = []
+        for number, database in enumerate(self.databases):
+            started = time.perf_counter()
+            found.append(run(database))
+            taken = (time.perf_counter() - started) / rows
+            self.times.setdefault(work, ([], []))[number].append(taken)
+        return found
 
-    def search(self, query, label=None):
-        """The time, and the rowids that were found."""
-        sql = "SELECT rowid FROM t WHERE embedding MATCH ? AND k = ?"
-        values = [query.tobytes(), K]
-        if label is not None:
-            sql += " AND label = ?"
-            values.append(label)
-        started = time.perf_counter()
-        found = self.database.execute(sql, values).fetchall()
-        return time.perf_counter() - started, {rowid for rowid, in found}
+    def write(self, work, sql, rows):
+        def run(database):
+            database.execute("BEGIN")
+            database.executemany(sql, rows)
+            database.execute("COMMIT")
+        self.measure(work, run, len(rows))
+
+    def search(self, work, query, more="", *values):
+        """Whether the answers are different sets of rows."""
+        sql = f"SELECT rowid FROM t WHERE embedding MATCH ? AND k = {K} {more}"
+        given = [query.tobytes(), *values]
+        one, other = self.measure(work, lambda database: database.execute(sql, given).fetchall())
+        return set(one) != set(other)
 
 
 def show(text):
@@ -73,56 +81,37 @@ def measure(title, vectors, rounds, options):
     """The lines of a table: each work, both times, their ratio."""
     count, dim = vectors.shape
     draw = np.random.default_rng(7)
-    labels = draw.integers(0, 100, count)
+    labels = draw.integers(0, 100, count).tolist()
+    unequal = 0
     with tempfile.TemporaryDirectory(dir=options.folder) as folder:
-        ours = Peer("qx", options.qx, folder,
-                    f"CREATE VIRTUAL TABLE t USING qx(embedding float[{dim}], label integer)")
-        theirs = Peer("vec", options.vec, folder,
-                      f"CREATE VIRTUAL TABLE t USING vec0(embedding float[{dim}] "
-                      "distance_metric=cosine, label integer)")
-        peers = ours, theirs
-        times = {work: ([], []) for work in ("insert, a row", "first search, which loads the rows",
-                                             "exact, k = 10", "filtered by label, 1 % pass",
-                                             "delete, a row", "exact, after the deletes")}
-        unequal = 0
+        peers = Peers(folder, options, dim)
         for first in range(0, count, BATCH):
-            part = slice(first, first + BATCH)
-            for i, peer in enumerate(peers):
-                times["insert, a row"][i].append(peer.insert(first, vectors[part], labels[part]))
+            peers.write("insert, a row", "INSERT INTO t(rowid, embedding, label) VALUES (?, ?, ?)",
+                        [(i, vectors[i].tobytes(), labels[i])
+                         for i in range(first, min(first + BATCH, count))])
             if first // BATCH % 10 == 9:
                 show(f"{title}: {first + BATCH:,} of {count:,} rows inserted")
-        queries = draw.integers(0, count, rounds + 1)
-        for i, peer in enumerate(peers):
-            times["first search, which loads the rows"][i].append(
-                peer.search(vectors[queries[rounds]])[0])
-
-        def round_of(work, number, label=None):
-            found = []
-            for i, peer in enumerate(peers):
-                taken, rowids = peer.search(vectors[queries[number]], label)
-                times[work][i].append(taken)
-                found.append(rowids)
-            return found[0] != found[1]
-
-        for number in range(rounds):
-            unequal += round_of("exact, k = 10", number)
-            unequal += round_of("filtered by label, 1 % pass", number, int(draw.integers(0, 100)))
+        *queries, last = vectors[draw.integers(0, count, rounds + 1)]
+        peers.search("first search, which loads the rows", last)
+        for query in queries:
+            unequal += peers.search("exact, k = 10", query)
+            unequal += peers.search("filtered by label, 1 % pass", query, "AND label = ?",
+                                    int(draw.integers(0, 100)))
         show(f"{title}: searched")
-        gone = draw.permutation(count)[:DELETED]
-        for part in np.split(gone, 10):
-            for i, peer in enumerate(peers):
-                times["delete, a row"][i].append(peer.delete(part))
-        for peer in peers:
-            peer.search(vectors[queries[0]])
-        for number in range(rounds):
-            unequal += round_of("exact, after the deletes", number)
+        for part in np.split(draw.permutation(count)[:DELETED], 10):
+            peers.write("delete, a row", "DELETE FROM t WHERE rowid = ?",
+                        [(rowid,) for rowid in part.tolist()])
+        for database in peers.databases:  # both catch up
+            database.execute("SELECT rowid FROM t WHERE embedding MATCH ? AND k = 1",
+                             [queries[0].tobytes()]).fetchall()
+        unequal += sum(peers.search("exact, after the deletes", query) for query in queries)
         show(f"{title}: done")
-        for peer in peers:
-            peer.database.close()
+        for database in peers.databases:
+            database.close()
     lines = [f"## {title}", "", "| work | qx | sqlite-vec | times as fast |", "|---|---:|---:|---:|"]
-    for work, (own, other) in times.items():
-        mine, its = statistics.median(own), statistics.median(other)
-        lines.append(f"| {work} | {text(mine)} | {text(its)} | {its / mine:.1f} |")
+    for work, times in peers.times.items():
+        own, other = map(statistics.median, times)
+        lines.append(f"| {work} | {text(own)} | {text(other)} | {other / own:.1f} |")
     lines += ["", f"Of {3 * rounds} pairs of answers, {unequal} differ in their sets of rows.", ""]
     return lines
 
@@ -151,10 +140,7 @@ def main():
     drawn = np.random.default_rng(1).standard_normal((options.rows, 128), dtype=np.float32)
     tables += measure(f"{options.rows:,} drawn vectors of dimension 128", unit(drawn),
                       options.rounds, options)
-    version = sqlite3.connect(":memory:")
-    version.enable_load_extension(True)
-    version.load_extension(options.vec)
-    peer = version.execute("SELECT vec_version()").fetchone()[0]
+    peer = connect(":memory:", options.vec).execute("SELECT vec_version()").fetchone()[0]
     PAGE.write_text("\n".join([
         "# SQLite: beside sqlite-vec", "",
         "Written by `hosts/sqlite/bench`. Both extensions run in one process, each on a database of its "
