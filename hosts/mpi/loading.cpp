@@ -1,5 +1,4 @@
-#include "loading.hpp"
-
+// The index of qx-mpi, from files.
 #include <algorithm>
 #include <cstdio>
 #include <numeric>
@@ -8,6 +7,7 @@
 #include "../ivf/centroids.hpp"
 #include "npy_file.hpp"
 #include "support.hpp"
+#include "tool.hpp"
 
 namespace qx {
 namespace {
@@ -92,7 +92,7 @@ class Loader {
       // The ranks of a machine read in turns; those of rank 0's machine report progress.
       Progress progress(ranks_.is_on_root_machine(),
                         "rank " + std::to_string(ranks_.rank()) + " reads rows");
-      read_own(progress, [&](std::int64_t place, std::int64_t count) {
+      in_parts(count_, progress, [&](std::int64_t place, std::int64_t count) {
         vectors_.read(first_ + place, part_of(rows, place, count));
       });
     };
@@ -104,9 +104,7 @@ class Loader {
     const std::optional<NpyFile> labels = open_beside(ranks_, options_.labels, vectors_, "labels");
     if (!labels) return;
     Progress progress(ranks_.is_root(), "reading labels");
-    constexpr std::int64_t kStep = kBytesPerPart / 16;
-    for (std::int64_t first = 0; first < vectors_.rows(); first += kStep) {
-      const std::int64_t count = std::min(kStep, vectors_.rows() - first);
+    in_parts(vectors_.rows(), progress, [&](std::int64_t first, std::int64_t count) {
       Ids ids, part;
       ranks_.together([&] {
         if (!ranks_.is_root()) return;
@@ -115,8 +113,7 @@ class Loader {
         labels->read(first, std::span(part));
       });
       index_.set_rowmeta(ids, part, {}, 0);
-      progress.at(first + count, vectors_.rows());
-    }
+    });
   }
 
   // Rank 0 learns the lists from a sample; each rank says in which its rows are.
@@ -146,14 +143,14 @@ class Loader {
     return rows.subspan(at(place * vectors_.dim()), at(count * vectors_.dim()));
   }
 
-  // Calls read(place, count) for one part of this rank's rows after the other.
+  // Calls read(place, count) for one part of the rows after the other.
   template <typename Read>
-  void read_own(Progress& progress, Read read) const {
-    const std::int64_t step =
-        std::max<std::int64_t>(1, kBytesPerPart / (4 * std::int64_t{vectors_.dim()}));
-    for (std::int64_t place = 0; place < count_; place += step) {
-      read(place, std::min(step, count_ - place));
-      progress.at(std::min(place + step, count_), count_);
+  void in_parts(std::int64_t rows, Progress& progress, Read read) const {
+    const std::int64_t bytes_each = std::max<std::int64_t>(16, std::int64_t{4} * vectors_.dim());
+    const std::int64_t step = std::max<std::int64_t>(1, kBytesPerPart / bytes_each);
+    for (std::int64_t place = 0; place < rows; place += step) {
+      read(place, std::min(step, rows - place));
+      progress.at(std::min(place + step, rows), rows);
     }
   }
 
@@ -175,7 +172,7 @@ class Loader {
     std::vector<std::int32_t> lists(at(count_));
     std::vector<float> rows;
     Progress progress(ranks_.is_root(), "filling lists");
-    read_own(progress, [&](std::int64_t place, std::int64_t count) {
+    in_parts(count_, progress, [&](std::int64_t place, std::int64_t count) {
       rows.resize(at(count * vectors_.dim()));
       vectors_.read(first_ + place, std::span(rows));
       for (std::int64_t i = 0; i < count; ++i) {

@@ -3,15 +3,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <qx_runtime.hpp>
 #include <string>
 #include <vector>
 
-#include "loading.hpp"
-#include "options.hpp"
 #include "sharded_index.hpp"
 #include "support.hpp"
+#include "tool.hpp"
 
 namespace qx {
 namespace {
@@ -37,13 +37,13 @@ struct Searches {
 
 void print_results(const Searches& searches) {
   const std::int64_t batch = searches.options.batch;
+  std::cout.precision(9);
   for (std::int64_t first = 0; first < searches.count; first += batch) {
     std::int64_t query = first;
     for (const Hits& hits : searches.search(first, std::min(batch, searches.count - first))) {
       for (std::size_t place = 0; place < hits.size(); ++place) {
-        std::printf("%lld\t%zu\t%lld\t%.9g\n", static_cast<long long>(query), place,
-                    static_cast<long long>(hits.ids[place]),
-                    static_cast<double>(hits.scores[place]));
+        std::cout << query << '\t' << place << '\t' << hits.ids[place] << '\t' << hits.scores[place]
+                  << '\n';
       }
       ++query;
     }

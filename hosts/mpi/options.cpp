@@ -1,10 +1,10 @@
-#include "options.hpp"
-
+// The arguments of qx-mpi.
 #include <charconv>
 #include <limits>
 #include <map>
 
 #include "support.hpp"
+#include "tool.hpp"
 
 namespace qx {
 namespace {

@@ -42,14 +42,6 @@ def read(name):
     return json.loads((MEASURED / name).read_text())
 
 
-def of_a_rank(found, options):
-    """What a rank can do: bytes a second of a scan, and seconds for a listed row."""
-    core = found["scan_gbs"] * 1e9
-    # Where all ranks of a machine read at once, its memory may give each less.
-    shared = min(core, options.machine_gbs * 1e9 / options.ranks)
-    return shared, found["listed_ns"] * 1e-9 * core / shared
-
-
 def reduced_at(ready, message):
     """When rank 0 has merged all lists: a binomial tree, in which each hop takes `message`."""
     times = list(ready)
@@ -61,17 +53,13 @@ def reduced_at(ready, message):
     return times[0]
 
 
-def arrives_at(ranks, message):
-    """When each rank has what rank 0 sends: one hop for each bit of its number."""
-    return [bin(rank).count("1") * message for rank in range(ranks)]
-
-
 def simulate(local, spread, ranks, options):
     """The median time of a query, in seconds."""
     chance = random.Random(ranks)
     def hop(size):
         return options.latency_us * 1e-6 + 8 * size / (options.gbit * 1e9)
-    asked = arrives_at(ranks, hop(QUESTION + VECTOR))
+    # When each rank has what rank 0 sends: one hop for each bit of its number.
+    asked = [bin(rank).count("1") * hop(QUESTION + VECTOR) for rank in range(ranks)]
     times = []
     for _ in range(SIMULATED):
         ready = [start + local * chance.uniform(1 - spread[0], 1 + spread[1]) for start in asked]
@@ -80,9 +68,7 @@ def simulate(local, spread, ranks, options):
 
 
 def duration(seconds):
-    if seconds < 1:
-        return f"{1e3 * seconds:.1f} ms"
-    return f"{seconds:.2f} s"
+    return f"{1e3 * seconds:.1f} ms" if seconds < 1 else f"{seconds:.2f} s"
 
 
 def lists_for(rows, scanned, listed):
@@ -133,7 +119,10 @@ def network_table(scanned, listed, spread, options):
 
 
 def simulated_part(found, options):
-    scanned, listed = of_a_rank(found, options)
+    core = found["scan_gbs"] * 1e9
+    # Where all ranks of a machine read at once, its memory may give each less.
+    scanned = min(core, options.machine_gbs * 1e9 / options.ranks)
+    listed = found["listed_ns"] * 1e-9 * core / scanned  # seconds for a row of a list
     spread = found["scan_spread"]
     said = (f"Measured (`BENCHMARKS.md`): one core scans {found['scan_gbs']:.1f} GB/s, "
             f"-{100 * spread[0]:.0f} … +{100 * spread[1]:.0f} %. Assumed: {options.ranks} ranks to a "

@@ -7,11 +7,6 @@
 #include "support.hpp"
 
 namespace qx {
-namespace {
-
-constexpr std::int64_t kIdsPerRound = std::int64_t{1} << 20;
-
-}  // namespace
 
 void ShardedIndex::check_ids(std::int64_t rows, const std::optional<Ids>& ids) const {
   require(rows >= 0, "there are ", rows, " rows");
@@ -47,6 +42,7 @@ void ShardedIndex::route(Ids ids, Numbers& received) const {
 
 // All rows of an id would meet at its owner.
 void ShardedIndex::check_distinct(Ids ids) const {
+  constexpr std::int64_t kIdsPerRound = std::int64_t{1} << 20;
   Numbers met;
   const std::int64_t most = ranks_.most(std::ssize(ids));
   for (std::int64_t first = 0; first < most; first += kIdsPerRound) {

@@ -14,24 +14,17 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "hosts"))
 from word_vectors import read_words
 
-STEP = 1000
-
 
 def load(database, full):
     words, vectors = read_words(full)
-    started = time.monotonic()
     database.execute("BEGIN")
     database.execute(f"CREATE VIRTUAL TABLE words USING qx(embedding float[{vectors.shape[1]}], "
                      "length integer, letter integer partition key, +word text)")
-    for first in range(0, len(words), STEP):
-        database.executemany(
-            "INSERT INTO words(rowid, embedding, length, letter, word) VALUES (?, ?, ?, ?, ?)",
-            [(i, vectors[i].tobytes(), len(words[i]), ord(words[i][0]), words[i])
-             for i in range(first, min(first + STEP, len(words)))])
-        print(f"\r{min(first + STEP, len(words)):,} of {len(words):,} words", end="",
-              file=sys.stderr)
+    database.executemany(
+        "INSERT INTO words(rowid, embedding, length, letter, word) VALUES (?, ?, ?, ?, ?)",
+        ((rowid, vector.tobytes(), len(word), ord(word[0]), word)
+         for rowid, (word, vector) in enumerate(zip(words, vectors))))
     database.execute("COMMIT")
-    print(f" in {time.monotonic() - started:.1f} s", file=sys.stderr)
 
 
 def show_neighbours(database, word):
