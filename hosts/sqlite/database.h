@@ -87,85 +87,83 @@ class Statement {
  public:
   Statement() = default;
   Statement(sqlite3* database, const std::string& sql) : database_(database) {
-    check(sqlite3_prepare_v3(database, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement_,
-                             nullptr));
+    sqlite3_stmt* made = nullptr;
+    check(sqlite3_prepare_v3(database, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr));
+    statement_.reset(made);
   }
-  ~Statement() { sqlite3_finalize(statement_); }
-  Statement(Statement&& other) noexcept
-      : database_(other.database_), statement_(std::exchange(other.statement_, nullptr)) {}
-  Statement& operator=(Statement&& other) noexcept {
-    std::swap(database_, other.database_);
-    std::swap(statement_, other.statement_);
-    return *this;
-  }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
 
   explicit operator bool() const { return statement_ != nullptr; }
 
   // Parameters count from 1.
   void bind(int at, std::string_view text) {
-    check(sqlite3_bind_text64(statement_, at, text.data(), text.size(), SQLITE_TRANSIENT,
+    check(sqlite3_bind_text64(statement_.get(), at, text.data(), text.size(), SQLITE_TRANSIENT,
                               SQLITE_UTF8));
   }
   void bind(int at, std::span<const std::byte> bytes) {
-    check(sqlite3_bind_blob64(statement_, at, bytes.empty() ? kNoBytes : bytes.data(), bytes.size(),
-                              SQLITE_TRANSIENT));
+    check(sqlite3_bind_blob64(statement_.get(), at, bytes.empty() ? kNoBytes : bytes.data(),
+                              bytes.size(), SQLITE_TRANSIENT));
   }
-  void bind(int at, sqlite3_value* value) { check(sqlite3_bind_value(statement_, at, value)); }
+  void bind(int at, sqlite3_value* value) {
+    check(sqlite3_bind_value(statement_.get(), at, value));
+  }
   void bind(int at, std::optional<std::int64_t> number) {
-    check(number ? sqlite3_bind_int64(statement_, at, *number) : sqlite3_bind_null(statement_, at));
+    check(number ? sqlite3_bind_int64(statement_.get(), at, *number)
+                 : sqlite3_bind_null(statement_.get(), at));
   }
 
   // Whether there is a row.
   bool step() {
-    const int result = sqlite3_step(statement_);
+    const int result = sqlite3_step(statement_.get());
     if (result == SQLITE_ROW) return true;
     if (result == SQLITE_DONE) return false;
-    const int code = sqlite3_extended_errcode(database_);
-    const std::string message = sqlite3_errmsg(database_);
-    sqlite3_reset(statement_);
-    throw SqlError(code, message);
+    const SqlError error(sqlite3_extended_errcode(database_), sqlite3_errmsg(database_));
+    sqlite3_reset(statement_.get());
+    throw error;
   }
   void reset() {
-    sqlite3_reset(statement_);
-    sqlite3_clear_bindings(statement_);
+    sqlite3_reset(statement_.get());
+    sqlite3_clear_bindings(statement_.get());
   }
-  // Binds all parameters, calls read() on each row, and resets, however that ends.
+  // Binds all parameters, calls read(*this) on each row, and resets, however that ends.
   template <typename Read, typename... Values>
   void each(Read read, Values... values) {
     const std::unique_ptr<Statement, Reset> running(this);
     int at = 0;
     (bind(++at, values), ...);
-    while (step()) read();
+    while (step()) read(*this);
   }
   // For statements that give no rows.
   template <typename... Values>
   void run(Values... values) {
-    each([] {}, values...);
+    each([](const Statement&) {}, values...);
   }
   // Of the only row the first column, where it is an integer.
   template <typename... Values>
   std::optional<std::int64_t> number(Values... values) {
     std::optional<std::int64_t> found;
-    each([&] { found = type(0) == SQLITE_INTEGER ? std::optional(integer(0)) : std::nullopt; },
-         values...);
+    const auto read = [&](const Statement& row) {
+      if (row.type(0) == SQLITE_INTEGER) found = row.integer(0);
+    };
+    each(read, values...);
     return found;
   }
 
   // Columns count from 0.
-  int type(int column) const { return sqlite3_column_type(statement_, column); }
-  std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+  int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
+  std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
   std::span<const std::byte> blob(int column) const {
-    const void* const bytes = sqlite3_column_blob(statement_, column);
+    const void* const bytes = sqlite3_column_blob(statement_.get(), column);
     return {static_cast<const std::byte*>(bytes),
-            static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+            static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
   }
-  sqlite3_value* value(int column) const { return sqlite3_column_value(statement_, column); }
+  sqlite3_value* value(int column) const { return sqlite3_column_value(statement_.get(), column); }
 
  private:
   struct Reset {
     void operator()(Statement* statement) const { statement->reset(); }
+  };
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
   };
 
   void check(int result) const {
@@ -177,7 +175,7 @@ class Statement {
   static constexpr std::byte kNoBytes[1] = {};
 
   sqlite3* database_ = nullptr;
-  sqlite3_stmt* statement_ = nullptr;
+  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
 };
 
 inline void execute(sqlite3* database, const std::string& sql) { Statement(database, sql).run(); }

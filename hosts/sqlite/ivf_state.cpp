@@ -101,7 +101,7 @@ void IvfState::learn(std::int64_t nlist, const std::function<void()>& progress) 
   const std::int64_t step = std::max<std::int64_t>(rows / qx::rows_to_learn(nlist), 1);
   Rows sample;
   std::int64_t row = 0;
-  storage_.each_row([&](const Statement& stored) {
+  storage_.all_rows().each([&](const Statement& stored) {
     if (row++ % step == 0) reader_.read(stored, &sample);
   });
   const Lists lists(qx::learn_centroids(sample.vectors, dim_, nlist,
@@ -117,7 +117,7 @@ void IvfState::refill(const std::function<void()>& progress) { store(fill(lists(
 std::vector<IvfState::Filed> IvfState::fill(const Lists& lists,
                                             const std::function<void()>& progress) const {
   std::vector<Filed> filed;
-  storage_.each_row([&](const Statement& stored) {
+  storage_.all_rows().each([&](const Statement& stored) {
     if (std::ssize(filed) % kProgressRows == 0) progress();
     Rows row;
     reader_.read(stored, &row);

@@ -76,7 +76,8 @@ void LiveRows::catch_up() {
     generation_ = generation;
   } else if (last != entry_ || !doubtful_.empty()) {
     std::vector<std::int64_t> rowids = std::exchange(doubtful_, {});
-    storage_.written_after(entry_, [&](std::int64_t rowid) { rowids.push_back(rowid); });
+    storage_.written_after().each([&](const Statement& log) { rowids.push_back(log.integer(0)); },
+                                  entry_);
     std::sort(rowids.begin(), rowids.end());
     rowids.erase(std::unique(rowids.begin(), rowids.end()), rowids.end());
     refresh(rowids);
@@ -124,7 +125,7 @@ void LiveRows::refresh(const std::vector<std::int64_t>& rowids) {
   try {
     for (const std::int64_t rowid : rowids) {
       const std::size_t before = rows.ids.size();
-      storage_.one_row(rowid, [&](const Statement& row) { reader_.read(row, &rows); });
+      storage_.one_row().each([&](const Statement& row) { reader_.read(row, &rows); }, rowid);
       if (rows.ids.size() == before) gone.push_back(rowid);
       note_changed(rowid);
     }

@@ -130,7 +130,7 @@ AllRows RowReader::read_all(Storage& storage) const {
   } catch (const std::exception&) {
     // More than there is, or a host that forbids to ask: the array then grows as it must.
   }
-  storage.each_row([&](const Statement& row) { read(row, &all.base); });
+  storage.all_rows().each([&](const Statement& row) { read(row, &all.base); });
   all.sparse = take_sparse(&all.base);
   if (declaration_.partition_column() >= 0) sort_by_key(&all.base);
   all.partitions = partitions_of(all.base.keys);

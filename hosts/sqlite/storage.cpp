@@ -136,13 +136,12 @@ std::optional<std::int64_t> Storage::number(std::string_view key) {
 
 std::vector<std::byte> Storage::blob(std::string_view key) {
   std::vector<std::byte> found;
-  Statement& statement = prepared(state_, state_sql_);
-  const auto read = [&] {
-    if (statement.type(0) != SQLITE_BLOB) return;
-    const std::span<const std::byte> bytes = statement.blob(0);
+  const auto read = [&](const Statement& row) {
+    if (row.type(0) != SQLITE_BLOB) return;
+    const std::span<const std::byte> bytes = row.blob(0);
     found.assign(bytes.begin(), bytes.end());
   };
-  statement.each(read, key);
+  prepared(state_, state_sql_).each(read, key);
   return found;
 }
 

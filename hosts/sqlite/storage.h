@@ -51,23 +51,11 @@ class Storage {
   void set(std::string_view key, std::variant<std::int64_t, std::span<const std::byte>> value);
   void forget(std::string_view key);
 
-  // Calls read(row) for all rows in the order of rowids, or for one; a row's columns are the rowid,
-  // then the declared ones. Calls note(rowid) for all rowids written after an entry, each once.
-  template <typename Read>
-  void each_row(Read read) {
-    Statement& rows = prepared(all_rows_, all_rows_sql_);
-    rows.each([&] { read(rows); });
-  }
-  template <typename Read>
-  void one_row(std::int64_t rowid, Read read) {
-    Statement& row = prepared(one_row_, one_row_sql_);
-    row.each([&] { read(row); }, rowid);
-  }
-  template <typename Note>
-  void written_after(std::int64_t entry, Note note) {
-    Statement& log = prepared(written_after_, written_after_sql_);
-    log.each([&] { note(log.integer(0)); }, entry);
-  }
+  // Statements: all rows in the order of rowids; one row; all rowids written after
+  // an entry, each once. The rows' columns are the rowid, then the declared ones.
+  Statement& all_rows() { return prepared(all_rows_, all_rows_sql_); }
+  Statement& one_row() { return prepared(one_row_, one_row_sql_); }
+  Statement& written_after() { return prepared(written_after_, written_after_sql_); }
   std::string select_rows(const std::string& rest) const;
 
   std::int64_t count();

@@ -24,6 +24,8 @@ class StatementSequence:
     def __init__(self, path, seed):
         self.random = random.Random(seed)
         self.connections = [connect(path), connect(path)]
+        for connection in self.connections:
+            connection.execute("PRAGMA synchronous = off")
         self.connections[0].execute(
             "CREATE VIRTUAL TABLE t USING qx(embedding float[3], label integer, length integer, "
             "letter integer partition key, +word text)")

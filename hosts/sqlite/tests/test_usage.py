@@ -36,7 +36,9 @@ def plan(connection, sql, values=()):
 def make(connection, rows, name="t", dim=2):
     """A table of vectors alone."""
     connection.execute(f"CREATE VIRTUAL TABLE {name} USING qx(embedding float[{dim}])")
+    connection.execute("BEGIN")
     connection.executemany(f"INSERT INTO {name}(rowid, embedding) VALUES (?, ?)", rows)
+    connection.execute("COMMIT")
 
 
 def command(connection, text):
