@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <new>
-#include <string>
 
 namespace qx {
 namespace {

@@ -6,7 +6,6 @@
 #include <iostream>
 #include <memory>
 #include <qx_runtime.hpp>
-#include <string>
 #include <vector>
 
 #include "sharded_index.hpp"

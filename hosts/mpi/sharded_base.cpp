@@ -1,7 +1,6 @@
 // The base of a sharded index: what its rows must be, and how a new one learns of earlier changes.
 #include <algorithm>
 #include <cstddef>
-#include <string>
 
 #include "sharded_index.hpp"
 #include "support.hpp"

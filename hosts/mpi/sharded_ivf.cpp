@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <numeric>
-#include <string>
 
 #include "sharded_index.hpp"
 #include "support.hpp"

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
-#include <string>
 
 #include "sharded_index.hpp"
 #include "support.hpp"

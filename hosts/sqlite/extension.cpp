@@ -11,7 +11,6 @@ SQLITE_EXTENSION_INIT1
 #include <new>
 #include <sstream>
 #include <string>
-#include <string_view>
 
 #include "database.h"
 #include "declaration.h"
@@ -126,9 +125,7 @@ int is_shadow_name(const char* suffix) {
 // ---- Reading ----
 
 int best_index(Table& table, sqlite3_index_info* info) {
-  return choose_plan(table.declaration, info, [&](const std::vector<Condition>& conditions) {
-    return name_of(table.live.access_path(conditions));
-  });
+  return choose_plan(table.declaration, table.live, info);
 }
 
 int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {

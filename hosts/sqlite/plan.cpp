@@ -47,8 +47,8 @@ bool is_number(const Declaration& declaration, int column) {
 // Collects which constraints a search uses, and in which order it gets their values.
 class Planner {
  public:
-  Planner(const Declaration& declaration, sqlite3_index_info* info)
-      : declaration_(declaration), info_(info) {}
+  Planner(const Declaration& declaration, const LiveRows& live, sqlite3_index_info* info)
+      : declaration_(declaration), live_(live), info_(info) {}
 
   int find_match() const {
     for (int i = 0; i < info_->nConstraint; ++i) {
@@ -60,8 +60,7 @@ class Planner {
     return -1;
   }
 
-  int plan_search(int match,
-                  const std::function<std::string(const std::vector<Condition>&)>& access_path_of) {
+  int plan_search(int match) {
     const bool ordered = order_is_ours();
     if (!use(match)) return SQLITE_CONSTRAINT;
     bool limited = false;
@@ -84,10 +83,16 @@ class Planner {
       }
     }
     info_->orderByConsumed = ordered;
-    finish(access_path_of(conditions_));
+    info_->idxNum = kSearch;
+    // The text: for who reads it, then the column and the operator of each argument.
+    const char* const path = name_of(live_.access_path(conditions_));
+    info_->idxStr = sqlite3_mprintf("%s", joined(path, names_, " |", arguments_).c_str());
+    if (info_->idxStr == nullptr) throw std::bad_alloc();
+    info_->needToFreeIdxStr = 1;
     // SQLite may ask again without a limit: that plan is chosen only if there is no other, and
     // fails when it runs.
-    if (!limited) info_->estimatedCost = 1e12;
+    info_->estimatedCost = limited ? 1000 : 1e12;
+    info_->estimatedRows = 10;
     return SQLITE_OK;
   }
 
@@ -126,17 +131,8 @@ class Planner {
     return true;
   }
 
-  // The plan's text: for who reads it, then the column and the operator of each argument.
-  void finish(const std::string& access_path) {
-    info_->idxNum = kSearch;
-    info_->idxStr = sqlite3_mprintf("%s", joined(access_path, names_, " |", arguments_).c_str());
-    if (info_->idxStr == nullptr) throw std::bad_alloc();
-    info_->needToFreeIdxStr = 1;
-    info_->estimatedCost = 1000;
-    info_->estimatedRows = 10;
-  }
-
   const Declaration& declaration_;
+  const LiveRows& live_;
   sqlite3_index_info* info_;
   int used_ = 0;
   std::string arguments_;
@@ -191,11 +187,10 @@ Condition read_condition(const std::string& name, int column, int op, sqlite3_va
 
 }  // namespace
 
-int choose_plan(const Declaration& declaration, sqlite3_index_info* info,
-                const std::function<std::string(const std::vector<Condition>&)>& access_path_of) {
-  Planner planner(declaration, info);
+int choose_plan(const Declaration& declaration, const LiveRows& live, sqlite3_index_info* info) {
+  Planner planner(declaration, live, info);
   const int match = planner.find_match();
-  if (match >= 0) return planner.plan_search(match, access_path_of);
+  if (match >= 0) return planner.plan_search(match);
   info->idxNum = kScan;
   info->estimatedCost = 1e6;
   info->estimatedRows = 1'000'000;

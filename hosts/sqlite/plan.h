@@ -2,8 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <string>
 #include <vector>
 
 #include "declaration.h"
@@ -22,11 +20,9 @@ struct Search {
   bool nothing_passes = false;  // a condition compares with null, say
 };
 
-// Fills the plan of a query. `access_path_of` names that of a search with such conditions. Returns
-// SQLITE_OK, or SQLITE_CONSTRAINT where another order of joins must be tried. Throws where the
-// query cannot be answered as it stands.
-int choose_plan(const Declaration& declaration, sqlite3_index_info* info,
-                const std::function<std::string(const std::vector<Condition>&)>& access_path_of);
+// Fills the plan of a query. Returns SQLITE_OK, or SQLITE_CONSTRAINT where another order of joins
+// must be tried. Throws where the query cannot be answered as it stands.
+int choose_plan(const Declaration& declaration, const LiveRows& live, sqlite3_index_info* info);
 
 // Reads the arguments of a search's run, in the order that the plan's text says.
 Search read_search(const Declaration& declaration, const char* plan, int count,

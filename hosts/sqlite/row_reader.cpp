@@ -4,7 +4,6 @@
 #include <exception>
 #include <numeric>
 #include <span>
-#include <string>
 
 namespace qx_sqlite {
 namespace {

@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <new>
 #include <string_view>
 
 namespace qx_sqlite {
