@@ -115,9 +115,10 @@ class Statement {
     const int result = sqlite3_step(statement_.get());
     if (result == SQLITE_ROW) return true;
     if (result == SQLITE_DONE) return false;
-    const SqlError error(sqlite3_extended_errcode(database_), sqlite3_errmsg(database_));
+    const int code = sqlite3_extended_errcode(database_);
+    const std::string message = sqlite3_errmsg(database_);
     sqlite3_reset(statement_.get());
-    throw error;
+    throw SqlError(code, message);
   }
   void reset() {
     sqlite3_reset(statement_.get());

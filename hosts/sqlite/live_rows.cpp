@@ -34,9 +34,12 @@ bool Condition::passes(std::optional<std::int64_t> number) const {
   if (test == Test::kNotNull) return true;
   if (test == Test::kIn) return std::binary_search(numbers.begin(), numbers.end(), *number);
   const auto order = *number <=> numbers[0];
-  return (test == Test::kEqual && order == 0) || (test == Test::kNotEqual && order != 0) ||
-         (test == Test::kLess && order < 0) || (test == Test::kLessOrEqual && order <= 0) ||
-         (test == Test::kGreater && order > 0) || (test == Test::kGreaterOrEqual && order >= 0);
+  return (test == Test::kEqual && std::is_eq(order)) ||
+         (test == Test::kNotEqual && std::is_neq(order)) ||
+         (test == Test::kLess && std::is_lt(order)) ||
+         (test == Test::kLessOrEqual && std::is_lteq(order)) ||
+         (test == Test::kGreater && std::is_gt(order)) ||
+         (test == Test::kGreaterOrEqual && std::is_gteq(order));
 }
 
 const char* name_of(AccessPath path) {

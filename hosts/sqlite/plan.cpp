@@ -18,7 +18,7 @@ constexpr int kIn = 0;  // in a plan's text; SQLite's own constraint is an equal
 
 const Test* test_of(int op) {
   // IS compares as = does, and with null, too.
-  static const std::map<int, Test> kTests = {
+  static const std::map<int, Test> tests = {
       {SQLITE_INDEX_CONSTRAINT_EQ, Test::kEqual},
       {SQLITE_INDEX_CONSTRAINT_NE, Test::kNotEqual},
       {SQLITE_INDEX_CONSTRAINT_LT, Test::kLess},
@@ -30,8 +30,8 @@ const Test* test_of(int op) {
       {SQLITE_INDEX_CONSTRAINT_IS, Test::kEqual},
       {kIn, Test::kIn},
   };
-  const auto found = kTests.find(op);
-  return found == kTests.end() ? nullptr : &found->second;
+  const auto found = tests.find(op);
+  return found == tests.end() ? nullptr : &found->second;
 }
 
 std::string name_of_column(const Declaration& declaration, int column) {
