@@ -58,7 +58,7 @@ def unnamed():
 LAYERS = {
     "interface": {"interface", "read", "store", "support"},
     "read": {"read", "store", "kernels", "support"},
-    "store": {"store", "support", "qx_runtime.h"},
+    "store": {"store", "kernels", "support", "qx_runtime.h"},
     "kernels": {"kernels", "support"},
     "support": {"support"},
 }

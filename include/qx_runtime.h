@@ -97,8 +97,8 @@
  * 10. Cost. Reads allocate nothing, except qx_index_search_ivf: one array of nlist floats, released
  *    before it returns. The current reads that walk (filtered, match, visible) take time for every
  *    row. They read the vectors of visible rows that pass the test and no others; listing and
- *    counting ids reads none. They use up to 96 KiB of the calling thread's stack; other calls use
- *    up to 48 KiB. Nothing stored is reclaimed before qx_index_free, except by qx_index_clear_ivf
+ *    counting ids reads none. They use up to 128 KiB of the calling thread's stack; other calls use
+ *    up to 64 KiB. Nothing stored is reclaimed before qx_index_free, except by qx_index_clear_ivf
  *    and by replacing an IVF structure: tombstones, delta rows, metadata and the arrays of earlier
  *    builds stay.
  *
@@ -537,11 +537,11 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
  *    P(0) = 0. M(x) is what a table of x keys takes: M(0) = 0, 96 up to 4 keys, otherwise 24 P(x),
  *    or 32 P(x) from 2^27 + 1 keys on.
  *
- *      the index itself     384
+ *      the index itself     448
  *      a build of n rows    4 n dim, rounded up to a multiple of 64,
  *                           + 8 n + 8 (largest id + 1) + 16 n_parts; again for each further build
- *      the latest build     8 d
- *      r delta rows         M(r) + 16 P(r) + 4 P(r dim)
+ *      the latest build     8 d + C(n)
+ *      r delta rows         M(r) + 16 P(r) + 4 P(r dim) + C(P(r))
  *      t deleted ids        M(t)
  *      metadata of m ids    M(m) + 32 P(ncols) + M(m) for each column
  *      s IVF structures     M(s) + 80 P(s)
@@ -553,9 +553,17 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
  *    sum below 0 counts as 0. Where the dimension has changed, r dim adds up those at which the
  *    rows were first inserted.
  *
+ *    C(x) is what codes of x rows take, from which searches tell the rows that need not be scored:
+ *    2 (x ceil(dim / 2) + 64), each of the two rounded up to a multiple of 64, + 4 x, rounded up
+ *    likewise, + 12 ceil(x / 32); all rounded up to a multiple of 64, from 2^22 on of 2^21: about
+ *    dim + 5 bytes a row. There are codes of the n or r rows of a dimension from 8 to 8192, if
+ *    they are 512 or more with 32,768 floats or more; none of a delta with rows of several
+ *    dimensions, none where memory for them cannot be allocated, and none in a library that was
+ *    built without them.
+ *
  *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
- *    384 + 3,072,000,000 + 8,000,000 + 8,000,000 for the base, 393,216 + 262,144 + 33,554,432 for
- *    the delta: 3,122,210,176 bytes.
+ *    448 + 3,072,000,000 + 8,000,000 + 8,000,000 + 773,849,088 for the base, 393,216 + 262,144 +
+ *    33,554,432 + 14,680,064 for the delta: 3,910,739,392 bytes.
  *
  *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
  *    a moment so do the old block of an array that grows (at most half as large as the new one),

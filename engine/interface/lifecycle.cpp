@@ -1,4 +1,5 @@
 // The functions of the life of an index: creation, release, the accessors.
+#include "store/codes.h"
 #include "store/ivf.h"
 
 QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag) {
@@ -27,6 +28,8 @@ void qx_index_free(QxIndex* index) {
   index->meta_columns.release();
   qx::release_ivf(*index);
   index->duplicate_rows.release();
+  qx::release_codes(index->base_codes);
+  qx::release_codes(index->delta_codes);
   qx::release(index);
 }
 

@@ -14,19 +14,20 @@ constexpr const Kernels& kPortable = portable::kEntries;
 #if defined(__x86_64__)
 const Kernels kAvx2 = inherit(avx2::kEntries, kPortable);
 const Kernels kAvx512 = inherit(avx512::kEntries, kAvx2);
+const Kernels kAvx512Vnni = inherit(avx512vnni::kEntries, kAvx512);
 #elif defined(__aarch64__)
 const Kernels kNeon = inherit(neon::kEntries, kPortable);
+const Kernels kNeonDot = inherit(neondot::kEntries, kNeon);
 #endif
 
 constexpr const Kernels* kBestFirst[] = {
 #if defined(__x86_64__)
-    &kAvx512,
-    &kAvx2,
+    &kAvx512Vnni, &kAvx512, &kAvx2,
 #elif defined(__aarch64__)
+    &kNeonDot,
     &kNeon,
 #endif
-    &kPortable,
-    nullptr,
+    &kPortable,   nullptr,
 };
 
 // Null until the first use. Threads that race there all store the same pointer, to a constant, so

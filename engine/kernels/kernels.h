@@ -24,7 +24,7 @@
 // nothing), and writes exactly the given scores and numbers.
 #pragma once
 
-#include <cstdint>
+#include "kernels/codes.h"
 
 namespace qx {
 
@@ -38,6 +38,14 @@ using ContiguousFunction = void(const float* rows, std::int64_t count, std::int6
 using ScatteredFunction = void(const float* const* rows, std::int64_t count, std::int64_t dim,
                                const float* query, float* values);
 using MaskFunction = std::uint64_t(const float* numbers, std::int64_t count, float limit);
+using CodeFunction = void(const float* rows, std::int64_t count, std::int64_t dim,
+                          std::uint8_t* high, std::uint8_t* low, std::uint32_t* constants,
+                          CodeNorms* norms);
+using BoundContiguousFunction = void(const CodeView& codes, std::int64_t first, std::int64_t count,
+                                     const CodedQuery& query, CodeBits bits, float* bounds);
+using BoundScatteredFunction = void(const CodeView& codes, const std::int64_t* rows,
+                                    std::int64_t count, const CodedQuery& query, CodeBits bits,
+                                    float* bounds);
 using CompressFunction = void(const std::int64_t* numbers, std::uint64_t mask,
                               std::int64_t selected, std::int64_t* out);
 
@@ -68,6 +76,20 @@ struct Kernels {
   // Copies number i for each bit i of `mask` to `out`, in order and without gaps. Reads no number
   // after the last selected one. Requires: `mask` has `selected` bits.
   CompressFunction* compress = nullptr;
+
+  // Codes contiguous rows: their bytes in both planes, a word and the norms for each row. Requires:
+  // 1 <= dim <= kMaxCodedDim.
+  CodeFunction* code_rows = nullptr;
+
+  // Bounds the scores of rows `first` to `first + count - 1`. The same bits by every kernel.
+  BoundContiguousFunction* bound_contiguous = nullptr;
+
+  // Bounds the scores of the rows that are listed.
+  BoundScatteredFunction* bound_scattered = nullptr;
+
+  // Tuning: from how many floats of a scan on, and from which dimension, its bounds save time.
+  std::int64_t min_bounded_floats = 0;
+  std::int64_t min_bounded_dim = 0;
 };
 
 // The kernels that the engine calls: the best that run here, unless a test forced others.

@@ -14,4 +14,17 @@
 
 #define QX_AVX512 __attribute__((target("avx512f,avx512dq,avx2,fma,popcnt")))
 #define QX_AVX512_INLINE QX_AVX512 __attribute__((always_inline)) inline
+
+#define QX_VNNI_LAMBDA                                                                    \
+  __attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx512vnni,avx2,fma,popcnt"), \
+                 always_inline))
+#define QX_VNNI \
+  __attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx512vnni,avx2,fma,popcnt")))
+#define QX_VNNI_INLINE QX_VNNI_LAMBDA inline
+#endif
+
+#if defined(__aarch64__) && defined(__clang__)
+#define QX_NEON_DOT __attribute__((target("dotprod")))
+#elif defined(__aarch64__)
+#define QX_NEON_DOT __attribute__((target("arch=armv8.2-a+dotprod")))
 #endif

@@ -100,6 +100,50 @@ constexpr std::int64_t groups_side_by_side(std::int64_t dim) {
   return dim % 1024 == 0 ? 1 : 2;
 }
 
+// ---- Codes ----
+
+// From which dimension, number of rows and number of floats on rows are coded.
+inline constexpr std::int64_t kMinCodedDim = 8;
+#if defined(QX_SMALL_SPANS)
+// In builds for tests: the bases of random call sequences are then coded, and judged by codes.
+inline constexpr std::int64_t kMinCodedRows = 16;
+inline constexpr std::int64_t kMinCodedFloats = 0;
+inline constexpr std::int64_t kMinBoundedFloatsVnni = 1;
+inline constexpr std::int64_t kMinBoundedFloats = 1;
+inline constexpr std::int64_t kMinBoundedFloatsPortable = 1;
+inline constexpr std::int64_t kMinBoundedDimPortable = kMinCodedDim;
+inline constexpr std::int64_t kMinBoundedWork = 0;
+#else
+inline constexpr std::int64_t kMinCodedRows = 512;
+inline constexpr std::int64_t kMinCodedFloats = 32768;
+
+// From how many floats of a scan on its rows are judged by codes. Sapphire Rapids, search of the
+// ten best at dim 128, in read limits, by bounds / by estimates:
+//              1 MB           2 MB           4 MB
+//   AVX2       0.87 / 1.14    1.43 / 1.04    2.7 / 0.98
+//   portable   0.32 / 0.53    0.52 / 0.52    1.1 / 0.85
+inline constexpr std::int64_t kMinBoundedFloatsVnni = 65536;
+inline constexpr std::int64_t kMinBoundedFloats = 393216;
+inline constexpr std::int64_t kMinBoundedFloatsPortable = 786432;
+
+// At dim 8 and 12 MB, the portable kernel: 0.45 / 0.52.
+inline constexpr std::int64_t kMinBoundedDimPortable = 16;
+
+// In the caches, short rows are scored as fast, so the product of floats and dimension counts. The
+// same by VNNI, speed against estimates:
+//   dim 8     2 MB 0.84    4 MB 1.23   12 MB 1.4
+//   dim 16    1 MB 0.87    2 MB 1.28    4 MB 2.0
+//   dim 32  0.5 MB 0.92    1 MB 1.08    2 MB 1.7
+//   dim 64  0.5 MB 1.12    2 MB 2.6
+//   dim 128 0.5 MB 1.15    1 MB 1.35    2 MB 2.6
+inline constexpr std::int64_t kMinBoundedWork = std::int64_t{6} << 20;
+#endif
+
+// How far ahead a plane of four bits is prefetched. Sapphire Rapids, 500 MB of floats, search of
+// the ten best, speed in read limits, without / 4 KiB / 8 KiB ahead: dim 32 5.2 / 5.7 / 5.3,
+// 100 4.9 / 5.6 / 5.4, 256 4.5 / 5.2 / 4.7. Two planes at once lose by it: dim 768 4.1 / 3.7 / 3.6.
+inline constexpr std::int64_t kCodesAheadBytes = 4096;
+
 // ---- Comparing, portable ----
 
 // Numbers that are compared without a branch. g++ 12 unrolls the loop over 16 instead of

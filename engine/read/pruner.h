@@ -1,20 +1,71 @@
-// Which rows of a scan need a score. Most rows of a long scan are far below the threshold, and an
-// estimate, which is several times as cheap as a score, proves it. It knows estimates and
-// thresholds, not what a row is.
+// Which rows of a scan need a score. Most rows of a long scan are far below the threshold, and
+// there are cheaper numbers than a score that prove it. This decides by which of them the next rows
+// are judged, and from where on a row is pruned. It knows numbers and thresholds, not what a row
+// is.
 #pragma once
 
 #include <cmath>
 #include <limits>
-#include <numeric>
 
+#include "read/coded_query.h"
 #include "read/topk.h"
 
 namespace qx {
 
-// A row is pruned if its estimate is below the pruning threshold, the larger of two. Its score is
-// at most its estimate plus the error: prune if estimate + error < the threshold of the results.
-// And prune if the k-th best estimate so far exceeds this one by more than 2 * error: those k rows
-// all score higher, scored or not.
+// By what rows are judged, cheapest first. The last judges nothing: rows are scored at once.
+enum class Judge { kFourBits, kEightBits, kEstimates, kScores };
+inline constexpr int kJudges = 4;
+
+// Makes every scan use this judge, wherever its numbers are known, and the next one where they are
+// not; with null, each chooses for itself. Returns false, and changes nothing, for another name
+// than "four bits", "eight bits", "estimates" and "scores". For tests and benchmarks. Requires: no
+// other call of the library at the same time.
+bool force_judge(const char* name);
+
+// Chooses a judge. One that leaves more than a quarter of the rows is not asked again for a while,
+// each time for twice as long; the next one is asked instead. A judge that is asked again is first
+// tried on few rows.
+class JudgeChoice {
+ public:
+  // The cheapest judge, not cheaper than `least`, that is not held. Scores never are.
+  Judge next(Judge least) const;
+
+  // How many rows the judge should be given.
+  std::int64_t rows_of(Judge judge) const;
+
+  // Records that a judge was given some rows and how many it left.
+  void record(Judge judge, std::int64_t rows, std::int64_t left);
+
+#if defined(QX_SMALL_SPANS)
+  // In builds for tests: the bases of random call sequences are then judged in several pieces.
+  static constexpr std::int64_t kMostRows = 256;
+  static constexpr std::int64_t kTrialRows = 64;
+#else
+  static constexpr std::int64_t kMostRows = 4096;
+  static constexpr std::int64_t kTrialRows = 512;
+#endif
+  static constexpr std::int64_t kBlockRows = 192;
+
+ private:
+  static constexpr std::int64_t kMostBlocksHeld = 32;
+
+  struct State {
+    std::int64_t held = 0;       // rows for which it is not asked
+    std::int64_t next_hold = 0;  // for how many it is held next time, at least; 0 if it is trusted
+  };
+  // Four bits need a good threshold: they are tried after the first rows.
+  State states_[kJudges] = {{kMostRows, kMostRows}, {}, {}, {}};
+};
+
+// A row is pruned if its number is below a limit.
+//
+// By bounds: the limit is the threshold of the results, or of the seed, which is the lowest of k
+// scores of other rows, whichever is larger.
+//
+// By estimates: the limit is the larger of two. A row's score is at most its estimate plus the
+// error: prune if estimate + error < the threshold of the results. And prune if the k-th best
+// estimate so far exceeds this one by more than 2 * error: those k rows all score higher, scored or
+// not.
 class Pruner {
  public:
   // For the k best rows. Not worthwhile until it is opened.
@@ -25,19 +76,37 @@ class Pruner {
         tracks_best_(k <= kMaxTrackedK) {}
 
   // For a scan of `rows` rows, whose estimated ones have no component above `magnitude`, which may
-  // be infinite. Reads the query if estimates could save scores.
-  void open(const float* query, std::int64_t dim, float magnitude, std::int64_t rows) {
-    if (dim < kMinEstimatedDim || rows / 4 < k_) return;
-    error_ = max_error(query, dim, magnitude);
+  // be infinite, and of which some may be coded. Reads the query if estimates or bounds could save
+  // scores.
+  void open(const float* query, std::int64_t dim, float magnitude, std::int64_t rows, bool coded);
+
+  // True if estimates can save scores at all; if bounds can.
+  bool is_worthwhile() const { return std::isfinite(error_); }
+  bool has_bounds() const { return has_bounds_; }
+  bool can_prune() const { return has_bounds_ || is_worthwhile(); }
+
+  // The query for bounds. Requires: has_bounds().
+  const CodedQuery& coded_query() const { return coded_query_; }
+
+  // Rows with a bound below this need no score.
+  float bound_limit(float threshold) const {
+    double least = std::max(threshold, seed_);
+    least -= std::abs(least) * 0x1p-23 + static_cast<double>(dim_ + 1) * 0x1p-120;
+    return static_cast<float>(std::max(least, -double{std::numeric_limits<float>::max()}));
   }
 
-  // True if estimates can save scores at all.
-  bool is_worthwhile() const { return std::isfinite(error_); }
+  // True if a bound can prune at all: the results or the seed have k rows.
+  bool has_threshold(float threshold) const {
+    return seed_ > kEmptyScore || threshold > kEmptyScore;
+  }
+
+  // Records the lowest of the scores of k rows of the scan.
+  void seed(float lowest) { seed_ = std::max(seed_, lowest); }
 
   // Rows with an estimate below this need no score. A NaN is not below. `threshold` is a lower
   // bound of the score needed to enter the results.
   float pruning_threshold(float threshold) const {
-    double least = threshold - error_;
+    double least = std::max(threshold, seed_) - error_;
     if (tracks_best_) least = std::max(least, best_.threshold() - 2 * error_);
     // Lowered by more than the rounding of the conversion to float.
     least -= std::abs(least) * 0x1p-20 + 0x1p-120;
@@ -62,41 +131,19 @@ class Pruner {
   bool is_empty() const { return tracks_best_ && best_.threshold() == kEmptyScore; }
 
  private:
-  // Below this dimension a score costs no more than an estimate.
-  static constexpr std::int64_t kMinEstimatedDim = 8;
   // The best estimates are tracked for k up to this one.
   static constexpr std::int64_t kMaxTrackedK = 48;
 
-  // Relative error below 0.5 % for up to 2^20 components.
-  static double sum_of_magnitudes(const float* floats, std::int64_t count) {
-    constexpr std::int64_t kLanes = 16;  // independent sums, which compilers turn into SIMD
-    float sums[kLanes] = {};
-    std::int64_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-      for (std::int64_t lane = 0; lane < kLanes; ++lane) sums[lane] += std::abs(floats[i + lane]);
-    }
-    for (; i < count; ++i) sums[0] += std::abs(floats[i]);
-    return std::accumulate(sums, sums + kLanes, 0.0);
-  }
-
-  // The largest difference of an estimate and a score; not finite if none is known. Twice the
-  // distance that kernels.h states, and a little for the arithmetic here.
-  static double max_error(const float* query, std::int64_t dim, float magnitude) {
-    constexpr std::int64_t kMaxDim = std::int64_t{1} << 20;
-    constexpr double kLargestSum = 0x1p+120;
-    if (dim > kMaxDim) return std::numeric_limits<double>::infinity();
-    const double sum = double{magnitude} * sum_of_magnitudes(query, dim);
-    if (!(sum < kLargestSum)) return std::numeric_limits<double>::infinity();
-    const double roundings = static_cast<double>(dim) * 0x1p-24;
-    return 2.02 * (sum * roundings / (1 - roundings) + static_cast<double>(dim) * 0x1p-120);
-  }
-
   std::int64_t k_;
+  std::int64_t dim_ = 0;
+  bool has_bounds_ = false;
+  float seed_ = -std::numeric_limits<float>::max();  // without one
   double error_ = std::numeric_limits<double>::infinity();
   std::int64_t best_ids_[kMaxTrackedK];
   float best_estimates_[kMaxTrackedK];
   BasicTopK<128> best_;
   bool tracks_best_;
+  CodedQuery coded_query_;  // set if has_bounds_
 };
 
 }  // namespace qx

@@ -1,5 +1,7 @@
 #include "read/scan.h"
 
+#include <numeric>
+
 #include "kernels/tuning.h"
 #include "support/compiler.h"
 #include "support/fp_environment.h"
@@ -10,6 +12,7 @@ Scan::Scan(const QxIndex& index, const float* query, const ResultSlots& slots, s
     : index_(index),
       query_(query),
       rows_(rows),
+      slots_(slots),
       topk_(slots.ids, slots.scores, slots.k),
       pruner_(slots.k) {}
 
@@ -19,12 +22,12 @@ void Scan::add(const Selection& span) {
   }
 }
 
-// Rows that are left out must not be read: base rows are scanned as they are only if all of them
-// are selected. If most are, they are listed together, which is cheaper than one by one.
+// Rows that are left out must not be read: rows are scanned as they are only if all of them are
+// selected. If most are, they are listed together, which is cheaper than one by one.
 void Scan::add_window(const Selection& span, std::int64_t offset, std::int64_t count) {
   const std::int64_t selected = span.count_selected(offset, count);
-  if (!span.in_delta() && selected == count) {
-    add_base_rows(span.row(offset).number, count, span.ids() + offset);
+  if (selected == count) {
+    add_rows(span.row(offset), count, span.ids() + offset);
   } else if (!span.in_delta() && 2 * selected > count) {
     flush();
     list_base_rows(span, offset, count);
@@ -39,6 +42,7 @@ void Scan::list_base_rows(const Selection& span, std::int64_t offset, std::int64
   const std::int64_t* const ids = span.ids();
   std::int64_t listed = 0;
   span.for_each_row(offset, count, [&](std::int64_t i) {
+    listed_rows_[listed] = span.row(i).number;
     listed_vectors_[listed] = rows + i * dim;
     listed_ids_[listed++] = ids[i];
   });
@@ -46,14 +50,23 @@ void Scan::list_base_rows(const Selection& span, std::int64_t offset, std::int64
 }
 
 void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int64_t* ids) {
-  const float* const rows = vector_of(index_, {false, first}, dim_);
-  const bool follows = run_.ids + run_.count == ids && run_.rows + run_.count * dim_ == rows;
+  add_rows({false, first}, count, ids);
+}
+
+// Every row of the delta is checked.
+void Scan::add_rows(Row first, std::int64_t count, const std::int64_t* ids) {
+  const float* const rows = vector_of(index_, first, dim_);
+  for (std::int64_t i = 1; first.in_delta && i < count; ++i) {
+    static_cast<void>(delta_vector(index_, first.number + i));
+  }
+  const bool follows = run_.ids + run_.count == ids && run_.first.in_delta == first.in_delta &&
+                       run_.first.number + run_.count == first.number;
   if (run_.count > 0 && follows) {
     run_.count += count;
     return;
   }
   flush();
-  run_ = {false, rows, ids, count};
+  run_ = {false, first, rows, ids, count};
 }
 
 void Scan::flush() {
@@ -75,38 +88,120 @@ std::int32_t Scan::finish() {
 }
 
 void Scan::scan_waiting() {
-  for (std::int64_t first = 0; first < run_.count; first += kBlockRows) {
-    const std::int64_t count = std::min(kBlockRows, run_.count - first);
-    scan_block({false, run_.rows + first * dim_, run_.ids + first, count});
-  }
-  if (listed_ > 0) scan_block({true, nullptr, listed_ids_, listed_});
-  run_.count = listed_ = 0;
-  std::fill_n(listed_in_delta_, kBlockRows / kMaskRows, 0);
-}
-
-void Scan::scan_block(const Block& block) {
-  QX_ASSERT(block.count >= 1 && block.count <= kBlockRows);
-  alignas(64) float values[kBlockRows];
+  if (run_.count == 0 && listed_ == 0) return;
   if (!opened_) open();
-  if (pruner_.is_worthwhile() && exact_blocks_ == 0) {
-    estimate(block, values);
-    prune(block, values);
-  } else {
-    exact_blocks_ = std::max<std::int64_t>(exact_blocks_ - 1, 0);
-    score_candidates();
-    compute(kernels().score_contiguous, kernels().score_scattered, block, values);
-    topk_.offer(values, block.ids, block.count);
+  for (Block rest = run_; rest.count > 0;) {
+    Block block = rest;
+    const Judge judge = choose_judge(rest);
+    block.count = std::min(choice_.rows_of(judge), rest.count);
+    scan_block(judge, block);
+    rest.first.number += block.count;
+    rest.rows += block.count * dim_;
+    rest.ids += block.count;
+    rest.count -= block.count;
   }
+  if (listed_ > 0) {
+    const Block block = {true, {false, 0}, nullptr, listed_ids_, listed_};
+    scan_block(choose_judge(block), block);
+  }
+  run_.count = listed_ = listed_delta_rows_ = 0;
+  std::fill_n(listed_in_delta_, kBlockRows / kMaskRows, 0);
 }
 
 void Scan::open() {
   opened_ = true;
   level_ = tuning::cache_level(rows_ * dim_ * std::int64_t{sizeof(float)});
-  pruner_.open(query_, dim_, index_.base_magnitude, rows_);
+  pruner_.open(query_, dim_, index_.base_magnitude, rows_, is_coded(false) || is_coded(true));
   if (!pruner_.is_worthwhile() || dim_ > kMaxCopiedDim) return;
   std::copy_n(query_, dim_, aligned_query_);
   query_ = aligned_query_;
 }
+
+// Bounds need a threshold: the first ones give it, if they are enough. No magnitude bounds the rows
+// of the delta: only of a few among those of the base are they estimated at all, in vain.
+Judge Scan::choose_judge(const Block& block) {
+  if (!pruner_.can_prune()) return Judge::kScores;
+  const bool bounded = pruner_.has_bounds() && is_coded(is_in_delta(block));
+  const bool estimated = pruner_.is_worthwhile() && !is_in_delta(block);
+  Judge judge = choice_.next(bounded ? Judge::kFourBits : Judge::kEstimates);
+  if (judge <= Judge::kEightBits && !pruner_.has_threshold(topk_.threshold())) {
+    judge = can_seed(block) ? Judge::kEightBits : Judge::kScores;
+  }
+  if (judge == Judge::kFourBits && is_mixed(block)) judge = Judge::kEightBits;
+  return judge == Judge::kEstimates && !estimated ? Judge::kScores : judge;
+}
+
+void Scan::scan_block(Judge judge, const Block& block) {
+  QX_ASSERT(block.count >= 1 && block.count <= JudgeChoice::kMostRows &&
+            (judge < Judge::kEstimates || block.count <= kBlockRows));
+  if (judge == Judge::kScores) {
+    score_block(block);
+  } else if (judge == Judge::kEstimates) {
+    estimate_block(block);
+  } else {
+    bound_block(block, judge == Judge::kFourBits ? CodeBits::kFour : CodeBits::kEight);
+  }
+}
+
+namespace {
+
+// Calls visit(i) for each number that is not below a limit, in order.
+template <typename Visit>
+void for_each_not_less(const float* numbers, std::int64_t count, float limit, Visit visit) {
+  for (std::int64_t first = 0; first < count; first += kMaskRows) {
+    const std::int64_t rows = std::min(kMaskRows, count - first);
+    for_each_bit(kernels().mask_not_less(numbers + first, rows, limit),
+                 [&](std::int64_t i) { visit(first + i); });
+  }
+}
+
+// Columns that are searched together, which compilers turn into SIMD.
+constexpr std::int64_t kColumnsTogether = 16;
+
+// The largest bound of each column, and its place; bounds are row after row. NaNs are no bounds.
+void find_column_maxima(const float* bounds, std::int64_t count, std::int64_t columns, float* most,
+                        std::int32_t* places) {
+  for (std::int64_t column = 0; column < columns; column += kColumnsTogether) {
+    float largest[kColumnsTogether];
+    std::int32_t at[kColumnsTogether] = {};
+    std::fill_n(largest, kColumnsTogether, kEmptyScore);
+    for (std::int64_t first = column; first + kColumnsTogether <= count; first += columns) {
+      const auto row = static_cast<std::int32_t>(first);
+      for (std::int64_t c = 0; c < kColumnsTogether; ++c) {
+        const float bound = bounds[first + c];
+        at[c] = bound > largest[c] ? row : at[c];
+        largest[c] = bound > largest[c] ? bound : largest[c];
+      }
+    }
+    for (std::int64_t c = 0; c < kColumnsTogether; ++c) {
+      most[column + c] = largest[c];
+      places[column + c] = at[c] + static_cast<std::int32_t>(c);
+    }
+  }
+}
+
+}  // namespace
+
+void Scan::compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
+                   float* values) const {
+  if (block.listed) {
+    scattered(listed_vectors_, block.count, dim_, query_, values);
+  } else {
+    contiguous(block.rows, block.count, dim_, query_, level_, values);
+  }
+}
+
+// ---- By scores ----
+
+void Scan::score_block(const Block& block) {
+  alignas(64) float scores[kBlockRows];
+  score_candidates();
+  compute(kernels().score_contiguous, kernels().score_scattered, block, scores);
+  offer(scores, block.ids, block.count);
+  if (pruner_.can_prune()) choice_.record(Judge::kScores, block.count, 0);
+}
+
+// ---- By estimates ----
 
 void Scan::estimate(const Block& block, float* estimates) const {
   compute(kernels().estimate_contiguous, kernels().estimate_scattered, block, estimates);
@@ -119,59 +214,187 @@ void Scan::estimate(const Block& block, float* estimates) const {
   }
 }
 
-void Scan::compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
-                   float* values) const {
-  if (block.listed) {
-    scattered(listed_vectors_, block.count, dim_, query_, values);
-  } else {
-    contiguous(block.rows, block.count, dim_, query_, level_, values);
-  }
-}
-
-void Scan::prune(const Block& block, const float* estimates) {
+void Scan::estimate_block(const Block& block) {
+  alignas(64) float estimates[kBlockRows];
+  if (candidates_are_bounded_) score_candidates();
+  candidates_are_bounded_ = false;
+  estimate(block, estimates);
   const bool seeding = pruner_.is_empty();
   if (seeding) pruner_.observe(estimates, block.count);
-  const float threshold = pruner_.pruning_threshold(topk_.threshold());
   const std::int64_t earlier = candidates_;
-  for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
-    const std::int64_t rows = std::min(kMaskRows, block.count - first);
-    for_each_bit(kernels().mask_not_less(estimates + first, rows, threshold),
-                 [&](std::int64_t i) { add_candidate(block, first + i, estimates[first + i]); });
-  }
+  for_each_not_less(estimates, block.count, limit(),
+                    [&](std::int64_t i) { add_candidate(block, i, estimates[i]); });
   const std::int64_t added = candidates_ - earlier;
-  if (added == 0) return;
-  if (!seeding) pruner_.observe(candidate_estimates_ + earlier, added);
-  prune_candidates(earlier);
-  adapt_to(candidates_ - earlier, block.count);
-}
-
-void Scan::add_candidate(const Block& block, std::int64_t i, float estimate) {
-  candidate_vectors_[candidates_] = block.listed ? listed_vectors_[i] : block.rows + i * dim_;
-  candidate_ids_[candidates_] = block.ids[i];
-  candidate_estimates_[candidates_++] = estimate;
-}
-
-// Decides how the next blocks are scanned, after a block of `rows` rows has left `candidates`.
-void Scan::adapt_to(std::int64_t candidates, std::int64_t rows) {
-  if (candidates_ > kWaitingCandidates) prune_candidates(0);
-  if (4 * candidates > rows) {
-    exact_blocks_ = next_exact_blocks_;
-    next_exact_blocks_ = std::min(2 * next_exact_blocks_, kMaxExactBlocks);
-  } else {
-    next_exact_blocks_ = 1;
+  if (added > 0) {
+    if (!seeding) pruner_.observe(candidate_numbers_ + earlier, added);
+    prune_candidates(earlier);
   }
+  choice_.record(Judge::kEstimates, block.count, candidates_ - earlier);
+  make_room_for_candidates();
+}
+
+// ---- By bounds ----
+
+// Rows that four bits leave are judged by all eight at once.
+void Scan::bound_block(const Block& block, CodeBits bits) {
+  alignas(64) float bounds[JudgeChoice::kMostRows];
+  if (!candidates_are_bounded_) score_candidates();
+  candidates_are_bounded_ = true;
+  bound(block, bits, bounds);
+  if (!pruner_.has_threshold(topk_.threshold())) seed(block, bounds);
+  std::int64_t left = 0;
+  if (bits == CodeBits::kEight) {
+    for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
+      add_candidate(block, i, bounds[i]);
+      ++left;
+    });
+  } else {
+    std::int64_t places[kBlockRows];
+    const CodeView& codes = codes_of(is_in_delta(block));
+    for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
+      prefetch_rest_of_code(codes, row_of(block, i));
+      places[left++ % kBlockRows] = i;
+      if (left % kBlockRows == 0) refine(block, places, kBlockRows);
+    });
+    refine(block, places, left % kBlockRows);
+  }
+  choice_.record(bits == CodeBits::kFour ? Judge::kFourBits : Judge::kEightBits, block.count, left);
+}
+
+// Adds those of the listed places whose bounds from eight bits do not prune them.
+void Scan::refine(const Block& block, const std::int64_t* places, std::int64_t count) {
+  std::int64_t rows[kBlockRows];
+  float bounds[kBlockRows];
+  if (count == 0) return;
+  for (std::int64_t i = 0; i < count; ++i) rows[i] = row_of(block, places[i]);
+  kernels().bound_scattered(codes_of(is_in_delta(block)), rows, count, pruner_.coded_query(),
+                            CodeBits::kEight, bounds);
+  for_each_not_less(bounds, count, limit(),
+                    [&](std::int64_t i) { add_candidate(block, places[i], bounds[i]); });
+}
+
+void Scan::bound(const Block& block, CodeBits bits, float* bounds) const {
+  const CodedQuery& query = pruner_.coded_query();
+  if (is_mixed(block)) return bound_mixed(block, bits, bounds);
+  const CodeView& codes = codes_of(is_in_delta(block));
+  if (block.listed) {
+    kernels().bound_scattered(codes, listed_rows_, block.count, query, bits, bounds);
+  } else {
+    kernels().bound_contiguous(codes, block.first.number, block.count, query, bits, bounds);
+  }
+}
+
+// Each place by its own codes. A row of a place without codes has a NaN, which is never pruned.
+void Scan::bound_mixed(const Block& block, CodeBits bits, float* bounds) const {
+  for (const bool in_delta : {false, true}) {
+    std::int64_t rows[kBlockRows];
+    std::int64_t places[kBlockRows];
+    float place_bounds[kBlockRows];
+    std::int64_t count = 0;
+    for (std::int64_t i = 0; i < block.count; ++i) {
+      if (((listed_in_delta_[i / kMaskRows] >> i % kMaskRows & 1) != 0) != in_delta) continue;
+      rows[count] = listed_rows_[i];
+      places[count++] = i;
+    }
+    std::fill_n(place_bounds, count, std::numeric_limits<float>::quiet_NaN());
+    if (is_coded(in_delta)) {
+      kernels().bound_scattered(codes_of(in_delta), rows, count, pruner_.coded_query(), bits,
+                                place_bounds);
+    }
+    for (std::int64_t i = 0; i < count; ++i) bounds[places[i]] = place_bounds[i];
+  }
+}
+
+// The slots can choose rows while they are empty, out of several times as many rows.
+bool Scan::can_seed(const Block& block) const {
+  return !offered_ && std::min(block.count, JudgeChoice::kMostRows) / 4 >= slots_.k;
+}
+
+// The first rows of a scan are likely to hold good ones, and their bounds tell which: scores k of
+// them. Until then the results are empty, so their slots can choose.
+void Scan::seed(const Block& block, const float* bounds) {
+  std::int32_t best[kSeedColumns];
+  const std::int64_t columns = choose_seed_columns(block.count);
+  if (columns > 0) {
+    float most[kSeedColumns];
+    find_column_maxima(bounds, block.count, columns, most, best);
+    offer_places(most, best, columns);
+  } else {
+    for (std::int64_t first = 0; first < block.count; first += kSeedColumns) {
+      std::iota(best, best + kSeedColumns, static_cast<std::int32_t>(first));
+      offer_places(bounds + first, best, std::min(kSeedColumns, block.count - first));
+    }
+  }
+  topk_.finish();
+  if (slots_.ids[slots_.k - 1] != kEmptyId) pruner_.seed(lowest_score(block, slots_.ids));
+  topk_.clear();
+}
+
+// The best row of each of twice as many columns is nearly as good as the best rows, and found
+// without a branch. 0 if there are too few rows.
+std::int64_t Scan::choose_seed_columns(std::int64_t rows) const {
+  const std::int64_t columns =
+      (2 * slots_.k + kColumnsTogether - 1) / kColumnsTogether * kColumnsTogether;
+  return columns <= kSeedColumns && 8 * columns <= rows ? columns : 0;
+}
+
+void Scan::offer_places(const float* bounds, const std::int32_t* places, std::int64_t count) {
+  std::int64_t ids[kSeedColumns];
+  std::copy_n(places, count, ids);
+  topk_.offer(bounds, ids, count);
+}
+
+// The lowest score of k rows of a block. A row that has a bound has a finite score.
+float Scan::lowest_score(const Block& block, const std::int64_t* places) const {
+  float lowest = std::numeric_limits<float>::infinity();
+  for (std::int64_t first = 0; first < slots_.k; first += kBlockRows) {
+    const float* vectors[kBlockRows];
+    float scores[kBlockRows];
+    const std::int64_t count = std::min(kBlockRows, slots_.k - first);
+    for (std::int64_t i = 0; i < count; ++i) vectors[i] = vector_at(block, places[first + i]);
+    kernels().score_scattered(vectors, count, dim_, query_, scores);
+    lowest = std::min(lowest, *std::min_element(scores, scores + count));
+  }
+  return lowest;
+}
+
+// ---- Candidates ----
+
+void Scan::offer(const float* scores, const std::int64_t* ids, std::int64_t count) {
+  offered_ = true;
+  topk_.offer(scores, ids, count);
+}
+
+void Scan::add_candidate(const Block& block, std::int64_t i, float number) {
+  if (candidates_ == kCandidateCapacity) make_room_for_candidates();
+  candidate_vectors_[candidates_] = vector_at(block, i);
+  candidate_ids_[candidates_] = block.ids[i];
+  candidate_numbers_[candidates_] = number;
+  if (candidates_are_bounded_) prefetch_vector(candidate_vectors_[candidates_]);
+  ++candidates_;
+}
+
+void Scan::make_room_for_candidates() {
+  if (candidates_ > kWaitingCandidates) prune_candidates(0);
   if (candidates_ > kWaitingCandidates) score_candidates();
+}
+
+// Below this, the number of a candidate prunes it.
+float Scan::limit() const {
+  const float threshold = topk_.threshold();
+  return candidates_are_bounded_ ? pruner_.bound_limit(threshold)
+                                 : pruner_.pruning_threshold(threshold);
 }
 
 // Drops the candidates, from `first` on, that are pruned by now.
 void Scan::prune_candidates(std::int64_t first) {
-  const float threshold = pruner_.pruning_threshold(topk_.threshold());
+  const float least = limit();
   std::int64_t kept = first;
   for (std::int64_t i = first; i < candidates_; ++i) {
     candidate_vectors_[kept] = candidate_vectors_[i];
     candidate_ids_[kept] = candidate_ids_[i];
-    candidate_estimates_[kept] = candidate_estimates_[i];
-    kept += candidate_estimates_[i] < threshold ? 0 : 1;
+    candidate_numbers_[kept] = candidate_numbers_[i];
+    kept += candidate_numbers_[i] < least ? 0 : 1;
   }
   candidates_ = kept;
 }
@@ -180,7 +403,7 @@ void Scan::score_candidates() {
   if (candidates_ == 0) return;
   float scores[kCandidateCapacity];
   kernels().score_scattered(candidate_vectors_, candidates_, dim_, query_, scores);
-  topk_.offer(scores, candidate_ids_, candidates_);
+  offer(scores, candidate_ids_, candidates_);
   candidates_ = 0;
 }
 

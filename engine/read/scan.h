@@ -1,11 +1,12 @@
-// From rows to results: estimates or scores rows block by block, and offers the scores that may
-// enter, in order, to the top-k buffer. Every search ends here. It knows vectors and the ids to
+// From rows to results: judges or scores rows block by block, and offers the scores that may enter,
+// in order, to the top-k buffer. Every search ends here. It knows vectors and the ids to
 // report, not why the rows were selected.
 #pragma once
 
 #include "kernels/kernels.h"
 #include "read/pruner.h"
 #include "read/selection.h"
+#include "store/codes.h"
 
 namespace qx {
 
@@ -38,10 +39,11 @@ class Scan {
     if (run_.count > 0 || listed_ == kBlockRows) flush();
     if (row.in_delta) {
       listed_in_delta_[listed_ / kMaskRows] |= std::uint64_t{1} << (listed_ % kMaskRows);
+      ++listed_delta_rows_;
     }
-    const float* const vector = vector_of(index_, row, dim_);
-    __builtin_prefetch(vector);
-    listed_vectors_[listed_] = vector;
+    listed_vectors_[listed_] = vector_of(index_, row, dim_);
+    listed_rows_[listed_] = row.number;
+    prefetch(row, listed_vectors_[listed_]);
     listed_ids_[listed_++] = id;
   }
 
@@ -49,39 +51,89 @@ class Scan {
   std::int32_t finish();
 
  private:
-  // Rows of one kernel call: a multiple of every kernel's group of rows. A block's scores stay in
-  // the first-level cache, and one indirect call is amortised over many rows.
-  static constexpr std::int64_t kBlockRows = 192;
+  // Rows of one kernel call that scores or estimates: a multiple of every kernel's group of rows. A
+  // block's scores stay in the first-level cache, and one indirect call is amortised over many
+  // rows.
+  static constexpr std::int64_t kBlockRows = JudgeChoice::kBlockRows;
   // Candidates that wait for their scores, in addition to those of the latest block.
   static constexpr std::int64_t kWaitingCandidates = 64;
   static constexpr std::int64_t kCandidateCapacity = kWaitingCandidates + kBlockRows;
-  // Tuning: where estimates are not tried, and which queries are copied; the results are the same.
-  static constexpr std::int64_t kMaxExactBlocks = 32;
+  // Tuning: which queries are copied; the results are the same.
   static constexpr std::int64_t kMaxCopiedDim = 1024;
+  static constexpr std::int64_t kSeedColumns = 192;
+  static constexpr std::int64_t kPrefetchedFloats = 256;
   static_assert(kBlockRows % kMaskRows == 0 && kBlockRows <= Pruner::kMaxObserved);
 
-  // Rows that are scanned together: consecutive ones from `rows` on, or listed ones.
+  // Rows that are scanned together: consecutive ones of one place, or listed ones, of both.
   struct Block {
     bool listed;
-    const float* rows;
+    Row first;          // if consecutive
+    const float* rows;  // its vector
     const std::int64_t* ids;
     std::int64_t count;
   };
 
   // All of these compute: they are called in the default floating-point environment.
   void scan_waiting();
-  void scan_block(const Block& block);
+  void scan_block(Judge judge, const Block& block);
   void open();
+  Judge choose_judge(const Block& block);
+  void score_block(const Block& block);
+  void estimate_block(const Block& block);
+  void bound_block(const Block& block, CodeBits bits);
   void estimate(const Block& block, float* estimates) const;
+  void bound(const Block& block, CodeBits bits, float* bounds) const;
+  void bound_mixed(const Block& block, CodeBits bits, float* bounds) const;
   void compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
                float* values) const;
-  void prune(const Block& block, const float* estimates);
-  void add_candidate(const Block& block, std::int64_t i, float estimate);
-  void adapt_to(std::int64_t candidates, std::int64_t rows);
+  bool can_seed(const Block& block) const;
+  void seed(const Block& block, const float* bounds);
+  std::int64_t choose_seed_columns(std::int64_t rows) const;
+  void offer_places(const float* bounds, const std::int32_t* places, std::int64_t count);
+  float lowest_score(const Block& block, const std::int64_t* places) const;
+  void refine(const Block& block, const std::int64_t* places, std::int64_t count);
+  void add_candidate(const Block& block, std::int64_t i, float number);
+  void make_room_for_candidates();
+  void offer(const float* scores, const std::int64_t* ids, std::int64_t count);
+  float limit() const;
   void prune_candidates(std::int64_t first);
   void score_candidates();
 
+  // True if the codes of a place can judge its rows.
+  bool is_coded(bool in_delta) const { return is_coded_[in_delta ? 1 : 0]; }
+  const CodeView& codes_of(bool in_delta) const { return codes_[in_delta ? 1 : 0]; }
+  bool is_mixed(const Block& block) const {
+    return block.listed && listed_delta_rows_ > 0 && listed_delta_rows_ < block.count;
+  }
+  // The place of a block that is not mixed; of one that is, the base.
+  bool is_in_delta(const Block& block) const {
+    return block.listed ? listed_delta_rows_ == block.count : block.first.in_delta;
+  }
+  std::int64_t row_of(const Block& block, std::int64_t i) const {
+    return block.listed ? listed_rows_[i] : block.first.number + i;
+  }
+
+  const float* vector_at(const Block& block, std::int64_t i) const {
+    return block.listed ? listed_vectors_[i] : block.rows + i * dim_;
+  }
+
+  // Prefetches the vector of a candidate, or its beginning.
+  void prefetch_vector(const float* vector) const {
+    const std::int64_t floats = std::min(dim_, kPrefetchedFloats);
+    for (std::int64_t j = 0; j < floats; j += 16) __builtin_prefetch(vector + j);
+  }
+
+  // Prefetches what will be read of a listed row first.
+  void prefetch(Row row, const float* vector) const {
+    if (is_coded(row.in_delta)) {
+      prefetch_code(codes_of(row.in_delta), row.number);
+    } else {
+      __builtin_prefetch(vector);
+    }
+  }
+
   void flush();
+  void add_rows(Row first, std::int64_t count, const std::int64_t* ids);
   void add_window(const Selection& span, std::int64_t offset, std::int64_t count);
   void list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count);
 
@@ -92,27 +144,35 @@ class Scan {
   const float* query_;
   std::int64_t dim_ = dim_of(index_);
   std::int64_t rows_;
+  // Of the base, and of the delta. Codes under another dimension are of no use.
+  bool is_coded_[2] = {index_.base_codes.rows > 0,
+                       index_.delta_codes.rows > 0 && index_.delta_codes.dim ==
+                                                          dim_&& index_.delta_codes.rows ==
+                                                          index_.delta_ids.length};
+  CodeView codes_[2] = {view_of(index_.base_codes), view_of(index_.delta_codes)};
   bool opened_ = false;
+  bool offered_ = false;                    // a score, to the results
   CacheLevel level_ = CacheLevel::kMemory;  // of the rows, once opened
+  ResultSlots slots_;
   TopK topk_;
   Pruner pruner_;
+  JudgeChoice choice_;
 
-  // What waits to be scanned: consecutive base rows, or listed rows; never both.
-  Block run_ = {false, nullptr, nullptr, 0};
+  // What waits to be scanned: consecutive rows, or listed rows; never both.
+  Block run_ = {false, {false, 0}, nullptr, nullptr, 0};
   std::int64_t listed_ = 0;
-  std::uint64_t listed_in_delta_[kBlockRows / kMaskRows] = {};  // no magnitude bounds these rows
+  std::int64_t listed_delta_rows_ = 0;
+  std::uint64_t listed_in_delta_[kBlockRows / kMaskRows] = {};
+  std::int64_t listed_rows_[kBlockRows];
   const float* listed_vectors_[kBlockRows];
   std::int64_t listed_ids_[kBlockRows];
 
-  // Where most rows enter, estimates are wasted: then a number of blocks is scored at once, each
-  // time twice as many.
-  std::int64_t exact_blocks_ = 0;
-  std::int64_t next_exact_blocks_ = 1;
-
+  // Rows that passed a judge, and their numbers by it: bounds or estimates, never both.
+  bool candidates_are_bounded_ = false;
   std::int64_t candidates_ = 0;
   const float* candidate_vectors_[kCandidateCapacity];
   std::int64_t candidate_ids_[kCandidateCapacity];
-  float candidate_estimates_[kCandidateCapacity];
+  float candidate_numbers_[kCandidateCapacity];
 };
 
 }  // namespace qx

@@ -35,8 +35,14 @@ class BasicTopK {
   BasicTopK(std::int64_t* ids, float* scores, std::int64_t k)
       : ids_(ids), scores_(scores), k_(k), batch_limit_(batch_limit(k)) {
     QX_ASSERT(k >= 1);
+    clear();
+  }
+
+  // Empties the slots.
+  void clear() {
     std::fill_n(scores_, k_, kEmptyScore);
     std::fill_n(ids_, k_, kEmptyId);
+    batch_size_ = 0;
   }
 
   std::int64_t k() const { return k_; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "store/codes.h"
 #include "support/compiler.h"
 #include "support/fp_environment.h"
 
@@ -95,6 +96,10 @@ bool build_base(QxIndex& index, const BaseInput& input) {
   in_default_fp_environment(
       [&] { index.base_magnitude = largest_magnitude(index.base_vectors, n_floats); });
   index.duplicate_rows = find_duplicate_rows(index, duplicates);
+  release_codes(index.base_codes);
+  if (is_worth_coding(input.n, input.dim)) {
+    build_codes(index.base_codes, index.base_vectors, input.n, input.dim);
+  }
   return true;
 }
 

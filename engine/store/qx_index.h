@@ -26,10 +26,14 @@
 //   score        the result of the numeric contract (kernels/kernels.h); the only number reported
 //   estimate     a sum of the same products in another order, with a proven error
 //   threshold    the score that a row must exceed to enter the results
-//   pruning      skipping the score of a row whose estimate proves that it cannot enter
+//   code         eight bits for each component of a row, in two planes of four: kernels/codes.h
+//   bound        a number that the score of a row does not exceed, from its code
+//   judge        by what a row may be pruned: its bound from four or eight bits, or its estimate
+//   pruning      skipping the score of a row whose bound or estimate proves that it cannot enter
 //   candidate    a row that was not pruned and waits for its score
 #pragma once
 
+#include "kernels/codes.h"
 #include "support/array.h"
 #include "support/int64_map.h"
 
@@ -48,6 +52,15 @@ struct QxIvf {
   qx::Array<std::int32_t> list_offsets;  // nlist + 1: where each list starts, and the end
 };
 
+// The codes of rows 0 to rows - 1 of an array of vectors, in one block: store/codes.cpp has the
+// layout.
+struct QxCodes {
+  std::int64_t rows = 0;      // 0 without codes
+  std::int64_t capacity = 0;  // rows for which the block has room
+  std::int64_t dim = 0;
+  std::uint8_t* block = nullptr;
+};
+
 // Invariants (store/validity.cpp checks them)
 //   While sealed is 0, fields n_base to max_base_id have their initial values.
 //   id_to_row has max_base_id + 1 elements; element i is -1 or the last row r with base_ids[r] ==
@@ -55,8 +68,10 @@ struct QxIvf {
 //   of a base vector that is no NaN exceeds base_magnitude in magnitude. delta_pos maps id to p if
 //   and only if delta_ids[p] == id; delta_stamps is as long as delta_ids. delta_vectors has, for
 //   each delta row, as many floats as dim was when the row was first inserted; row p is read at p *
-//   dim for today's dim. mutated is 0 if and only if snapshot is 0. meta_columns has at least
-//   meta_ncols maps. ivf_map refers to each position of ivf_list once.
+//   dim for today's dim. mutated is 0 if and only if snapshot is 0. base_codes
+//   are those of all base rows, or of none. delta_codes are those of delta rows as they are read
+//   under its dimension. meta_columns has at least meta_ncols maps. ivf_map refers to each position
+//   of ivf_list once.
 //
 // The first 24 fields are fixed in name, type and order; what is derived follows.
 struct QxIndex {
@@ -96,4 +111,8 @@ struct QxIndex {
   // Derived from the base. Written by store/base.cpp alone, and released by another build.
   float base_magnitude = 0;  // 0 without components; infinite if one is
   qx::Array<std::int64_t> duplicate_rows;
+  QxCodes base_codes;  // of all base rows, or of none
+
+  // Derived from the delta. Written by store/delta.cpp alone.
+  QxCodes delta_codes;  // of all delta rows under this dimension, or of no use
 };

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "store/base.h"
+#include "store/codes.h"
 
 namespace qx {
 namespace {
@@ -46,8 +47,15 @@ bool magnitude_is_valid(const QxIndex& index) {
   return true;
 }
 
+// All base rows have codes, or none has.
+bool base_codes_are_valid(const QxIndex& index) {
+  const QxCodes& codes = index.base_codes;
+  return (codes.block == nullptr || (codes.rows == index.n_base && codes.dim == dim_of(index))) &&
+         codes_are_valid(codes, index.base_vectors);
+}
+
 bool base_is_valid(const QxIndex& index) {
-  if (!is_valid(index.duplicate_rows)) return false;
+  if (!is_valid(index.duplicate_rows) || !base_codes_are_valid(index)) return false;
   if (index.sealed == 0) return is_unsealed(index);
   return index.sealed == 1 && index.n_base >= 0 && index.n_parts >= 0 && table_is_valid(index) &&
          magnitude_is_valid(index);
@@ -68,6 +76,13 @@ bool delta_is_valid(const QxIndex& index) {
     valid &= static_cast<std::uint64_t>(tombstone.value) <= index.snapshot;
   }
   return valid;
+}
+
+// Under another dimension, codes are not read, and may be of any rows.
+bool delta_codes_are_valid(const QxIndex& index) {
+  const QxCodes& codes = index.delta_codes;
+  return codes.dim != dim_of(index) || (codes.rows * codes.dim <= index.delta_vectors.length &&
+                                        codes_are_valid(codes, index.delta_vectors.data));
 }
 
 bool metadata_is_valid(const QxIndex& index) {
@@ -95,8 +110,8 @@ bool ivf_is_valid(const QxIndex& index) {
 }  // namespace
 
 bool index_is_valid(const QxIndex& index) {
-  return base_is_valid(index) && delta_is_valid(index) && metadata_is_valid(index) &&
-         ivf_is_valid(index);
+  return base_is_valid(index) && delta_is_valid(index) && delta_codes_are_valid(index) &&
+         metadata_is_valid(index) && ivf_is_valid(index);
 }
 
 }  // namespace qx

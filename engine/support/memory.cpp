@@ -2,12 +2,17 @@
 
 #include <cstdlib>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 #include "support/abort.h"
 
 namespace qx {
 namespace {
 
 constexpr const char* kThisFile = "engine/support/memory.cpp";
+constexpr std::size_t kLineBytes = 64;
 
 // The size of a block in bytes. A size that no address space holds is a failed allocation.
 std::size_t block_bytes(std::int64_t count, std::size_t element_bytes) {
@@ -32,10 +37,23 @@ void* allocate(std::int64_t count, std::size_t element_bytes) {
 }
 
 void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes) {
-  constexpr std::size_t kLineBytes = 64;
   const std::size_t bytes = block_bytes(count, element_bytes);
   const std::size_t whole_lines = (bytes + kLineBytes - 1) & ~(kLineBytes - 1);
   return bytes == 0 ? nullptr : allocated(std::aligned_alloc(kLineBytes, whole_lines));
+}
+
+void* try_allocate(std::int64_t bytes) {
+  constexpr std::int64_t kLargePageBytes = std::int64_t{2} << 20;
+  const bool large = bytes >= 2 * kLargePageBytes;
+  const auto alignment = large ? static_cast<std::size_t>(kLargePageBytes) : kLineBytes;
+  if (bytes < 1 || bytes > PTRDIFF_MAX - kLargePageBytes) return nullptr;
+  const std::size_t rounded = (static_cast<std::size_t>(bytes) + alignment - 1) & ~(alignment - 1);
+  void* const block = std::aligned_alloc(alignment, rounded);
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+  // Advice: a system that does not take it changes nothing.
+  if (block != nullptr && large) static_cast<void>(madvise(block, rounded, MADV_HUGEPAGE));
+#endif
+  return block;
 }
 
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes) {

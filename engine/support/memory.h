@@ -13,6 +13,11 @@ void* allocate(std::int64_t count, std::size_t element_bytes);
 // The same, aligned to a cache line, so that no vector straddles one more line than needed.
 void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes);
 
+// A new block of that many bytes, aligned to a cache line, for data that a caller can do without:
+// null if there is no memory. A large block is aligned to a large page, and the system is asked for
+// large pages where it can be, which saves a scan the misses of the page table.
+void* try_allocate(std::int64_t bytes);
+
 // Moves a block (or null) to `count` elements, keeping what fits. `count` is above 0.
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes);
 

@@ -2,12 +2,19 @@
 // allocation ends the process.
 #include <unistd.h>
 
+#include <functional>
+#include <utility>
+
 #include "allocation/scenario.h"
+#include "store/codes.h"
 #include "support/cases.h"
 #include "support/heap.h"
 
 namespace qx_test {
 namespace {
+
+constexpr std::int32_t kCodedRows = 600;
+constexpr std::int32_t kCodedDim = 64;
 
 // An index for a scenario, without a use of the recorded heap by the host.
 class Heap : public testing::Test {
@@ -55,6 +62,41 @@ TEST_F(Heap, ReadsAllocateNothingButAnIvfSearchOneArrayThatItReleases) {
     EXPECT_EQ(log.allocations, arrays);
     EXPECT_EQ(log.still_held.size(), 0u);
     if (arrays == 0) scenario_.write(index_);
+  }
+}
+
+// Codes are the last that a build, or an insert, asks for. Without memory for them there are none,
+// and every result is the same.
+TEST_F(Heap, GivesNoMemoryForCodesAndNothingElseIsLost) {
+  if (!qx::is_worth_coding(kCodedRows, kCodedDim)) GTEST_SKIP() << "built without codes";
+  const Ids ids = ids_from(0, kCodedRows);
+  Floats vectors(static_cast<std::size_t>(kCodedRows * kCodedDim));
+  for (std::size_t i = 0; i < vectors.size(); ++i) {
+    vectors[i] = static_cast<float>(i * 7919 % 2001) - 1000.0f;
+  }
+  const auto build = [&](QxIndex* index) {
+    qx_index_build(index, vectors.data(), kCodedRows, kCodedDim, ids.data(), nullptr, nullptr,
+                   nullptr, 0);
+  };
+  const auto insert = [&](QxIndex* index) {
+    qx_index_insert(index, vectors.data(), ids.data(), kCodedRows);
+  };
+  const auto best = [&](QxIndex* index) {
+    Ids found(10);
+    Floats scores(10);
+    qx_index_search_filtered(index, QX_FILTER_ALL, 0, 0, vectors.data(), 10, found.data(),
+                             scores.data());
+    return std::pair(found, scores);
+  };
+  for (const std::function<void(QxIndex*)>& call :
+       {std::function<void(QxIndex*)>(build), std::function<void(QxIndex*)>(insert)}) {
+    const Index whole(kCodedDim);
+    const Index without(kCodedDim);
+    const HeapLog log = record_heap([&] { call(whole); });
+    with_failing_allocation(log.allocations, false, [&] { call(without); });
+    EXPECT_TRUE(without->base_codes.block == nullptr && without->delta_codes.block == nullptr);
+    EXPECT_TRUE(whole->base_codes.block != nullptr || whole->delta_codes.block != nullptr);
+    EXPECT_EQ(best(without), best(whole));
   }
 }
 

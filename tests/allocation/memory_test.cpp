@@ -5,6 +5,7 @@
 #include <functional>
 #include <set>
 
+#include "store/codes.h"
 #include "support/cases.h"
 #include "support/heap.h"
 #include "support/int64_map.h"
@@ -30,13 +31,29 @@ std::int64_t M(std::int64_t x) {
 
 std::int64_t at_least_0(std::int64_t x) { return std::max<std::int64_t>(x, 0); }
 
-constexpr std::int64_t kIndexBytes = 384;
+constexpr std::int64_t kIndexBytes = 448;
+
+std::int64_t rounded_up(std::int64_t x, std::int64_t unit) { return (x + unit - 1) / unit * unit; }
+
+// C(x).
+std::int64_t C(std::int64_t x, std::int64_t dim) {
+  const std::int64_t planes = 2 * rounded_up(x * ((dim + 1) / 2) + 64, 64);
+  const std::int64_t bytes = planes + rounded_up(4 * x, 64) + 12 * ((x + 31) / 32);
+  return rounded_up(bytes, bytes < std::int64_t{1} << 22 ? 64 : std::int64_t{1} << 21);
+}
+
+std::int64_t base_code_bytes(std::int64_t n, std::int64_t dim) {
+  return qx::is_worth_coding(n, dim) ? C(n, dim) : 0;
+}
+std::int64_t delta_code_bytes(std::int64_t r, std::int64_t dim) {
+  return qx::is_worth_coding(r, dim) ? C(P(r), dim) : 0;
+}
 
 std::int64_t base_bytes(std::int64_t n, std::int64_t dim, std::int64_t largest_id,
                         std::int64_t n_parts, std::int64_t repeated = 0) {
   const std::int64_t vectors = (4 * n * dim + 63) / 64 * 64;
   const std::int64_t table = n == 0 ? 0 : 8 * (largest_id + 1 + repeated);
-  return vectors + 8 * n + table + 16 * n_parts;
+  return vectors + 8 * n + table + 16 * n_parts + base_code_bytes(n, dim);
 }
 
 std::int64_t delta_bytes(std::int64_t r, std::int64_t floats) {
@@ -139,7 +156,8 @@ TEST(Memory, OfADelta) {
   for (const std::int64_t r : kCounts) {
     for (const std::int32_t dim : {-1, 0, 1, 3, 16, 100}) {
       const auto calls = [&](QxIndex* index) { insert_rows(index, ids_from(-9, r), dim); };
-      expect_bytes(delta_bytes(r, r * std::max(dim, 0)), dim, calls, r, dim);
+      const std::int64_t codes = delta_code_bytes(r, dim);
+      expect_bytes(delta_bytes(r, r * std::max(dim, 0)) + codes, dim, calls, r, dim);
     }
   }
 }
@@ -149,6 +167,42 @@ TEST(Memory, OfADeltaOfSeveralDimensions) {
     insert_rows(index, ids_from(0, 10), 6);
     build_rows(index, {}, 4, 0);
     insert_rows(index, ids_from(5, 10), 4);  // five of them are there already
+  });
+}
+
+// The header's numbers.
+TEST(Memory, IsTakenByCodesOfManyLongRows) {
+#if defined(QX_WITHOUT_CODES)
+  EXPECT_FALSE(qx::is_worth_coding(1000000, 100));
+#elif !defined(QX_SMALL_SPANS)
+  EXPECT_TRUE(qx::is_worth_coding(512, 64) && qx::is_worth_coding(4096, 8));
+  EXPECT_TRUE(qx::is_worth_coding(512, 8192));
+  EXPECT_FALSE(qx::is_worth_coding(511, 8192) || qx::is_worth_coding(512, 63));
+  EXPECT_FALSE(qx::is_worth_coding(1000000, 7) || qx::is_worth_coding(1000000, 8193));
+#endif
+  for (const std::int64_t n : {20000, 40000}) {
+    expect_bytes(base_bytes(n, 99, n - 1, 0), 1,
+                 [&](QxIndex* index) { build_rows(index, ids_from(0, n), 99, 0); });
+  }
+}
+
+// Codes of a delta that grows row by row take what those of one call take.
+TEST(Memory, OfCodesOfADeltaOfManyCalls) {
+  constexpr std::int64_t kRows = 1100;
+  expect_bytes(delta_bytes(kRows, kRows * 64) + delta_code_bytes(kRows, 64), 64,
+               [](QxIndex* index) {
+                 for (std::int64_t id = 0; id < kRows; ++id) insert_rows(index, {id}, 64);
+               });
+}
+
+// Codes under another dimension are released by the next insert. Rows of several dimensions have
+// none.
+TEST(Memory, OfCodesAfterAChangeOfDimension) {
+  constexpr std::int64_t kRows = 1100;
+  expect_bytes(delta_bytes(kRows + 1, kRows * 64 + 32), 64, [](QxIndex* index) {
+    insert_rows(index, ids_from(0, kRows), 64);
+    build_rows(index, {}, 32, 0);
+    insert_rows(index, {kRows}, 32);
   });
 }
 
@@ -286,9 +340,12 @@ TEST(Memory, AfterRandomCalls) {
 }
 
 TEST(Memory, TheExampleOfTheHeader) {
-  EXPECT_EQ(kIndexBytes + base_bytes(1000000, 768, 999999, 0) +
-                delta_bytes(10000, std::int64_t{10000} * 768),
-            3122210176);
+  EXPECT_EQ(C(1000000, 768), 773849088);
+  EXPECT_EQ(C(16384, 768), 14680064);
+  const std::int64_t codes = C(1000000, 768) + C(16384, 768);
+  const std::int64_t without = base_bytes(1000000, 768, 999999, 0) - base_code_bytes(1000000, 768) +
+                               delta_bytes(10000, std::int64_t{10000} * 768);
+  EXPECT_EQ(kIndexBytes + without + codes, 3910739392);
 }
 
 }  // namespace

@@ -91,7 +91,7 @@ TEST_F(Stack, OfWalks) {
       [&] { qx_index_search_filtered(index_, 0, 0, 0, query, 10, ids, scores); },
       [&] { qx_index_search_filtered(index_, 1, 0, 7, query, 1000, ids, scores); },
       [&] { qx_index_search_filtered(index_, 1, 0, -1, query, 5000, ids, scores); }};
-  for (const auto& call : calls) expect_stack(call, qx::RowBitmap::kMaxRows / 8, 96 * kKiB);
+  for (const auto& call : calls) expect_stack(call, qx::RowBitmap::kMaxRows / 8, 128 * kKiB);
 }
 
 TEST_F(Stack, OfOtherSearches) {
@@ -105,7 +105,7 @@ TEST_F(Stack, OfOtherSearches) {
         [&] { qx_index_scatter_topk(index_, ids_.data(), kRows, query, k, ids, scores); },
         [&] { qx_index_search_mvcc(index_, ids_.data(), kRows, query, unsigned_k, ids, scores); },
         [&] { qx_index_search_ivf(index_, 1, query, k, ids, scores); }};
-    for (const auto& call : calls) expect_stack(call, 16 * kKiB, 48 * kKiB);
+    for (const auto& call : calls) expect_stack(call, 16 * kKiB, 64 * kKiB);
   }
 }
 

@@ -14,13 +14,14 @@ namespace qx_test {
 namespace {
 
 // Numbers of bits in the features.
-constexpr unsigned kPopcnt = 2, kAvx2 = 10, kFma = 14, kAvx512f = 15, kAvx512dq = 22;
+constexpr unsigned kPopcnt = 2, kAvx2 = 10, kFma = 14, kAvx512f = 15, kAvx512vl = 20,
+                   kAvx512bw = 21, kAvx512dq = 22;
 
 class WithoutAFeature : public testing::TestWithParam<unsigned> {
  protected:
   void SetUp() override {
     __builtin_cpu_init();
-    if (!qx::avx512::supported()) GTEST_SKIP() << "avx512 does not run on this CPU";
+    if (!qx::avx512vnni::supported()) GTEST_SKIP() << "avx512vnni does not run on this CPU";
     features_ = __cpu_model.features[0];
     __cpu_model.features[0] &= ~(1u << GetParam());
     qx::force_kernels(nullptr);
@@ -36,17 +37,21 @@ class WithoutAFeature : public testing::TestWithParam<unsigned> {
 };
 
 TEST_P(WithoutAFeature, KernelsThatNeedItAreNeitherChosenNorForced) {
+  const bool needs_vnni = GetParam() == kAvx512vl || GetParam() == kAvx512bw;
   const bool needs_avx512 = GetParam() == kAvx512f || GetParam() == kAvx512dq;
-  EXPECT_FALSE(qx::avx512::supported());
-  EXPECT_FALSE(qx::force_kernels("avx512"));
-  EXPECT_EQ(qx::avx2::supported(), needs_avx512);
-  EXPECT_EQ(qx::force_kernels("avx2"), needs_avx512);
+  EXPECT_FALSE(qx::avx512vnni::supported());
+  EXPECT_FALSE(qx::force_kernels("avx512vnni"));
+  EXPECT_EQ(qx::avx512::supported(), needs_vnni);
+  EXPECT_EQ(qx::force_kernels("avx512"), needs_vnni);
+  EXPECT_EQ(qx::avx2::supported(), needs_vnni || needs_avx512);
+  EXPECT_EQ(qx::force_kernels("avx2"), needs_vnni || needs_avx512);
   qx::force_kernels(nullptr);
-  EXPECT_STREQ(qx::kernels().name, needs_avx512 ? "avx2" : "portable");
+  EXPECT_STREQ(qx::kernels().name, needs_vnni ? "avx512" : needs_avx512 ? "avx2" : "portable");
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, WithoutAFeature,
-                         testing::Values(kPopcnt, kAvx2, kFma, kAvx512f, kAvx512dq));
+                         testing::Values(kPopcnt, kAvx2, kFma, kAvx512f, kAvx512vl, kAvx512bw,
+                                         kAvx512dq));
 
 void expect_same_functions(const qx::Kernels& one, const qx::Kernels& other) {
   EXPECT_EQ(one.score_contiguous, other.score_contiguous);
@@ -55,19 +60,25 @@ void expect_same_functions(const qx::Kernels& one, const qx::Kernels& other) {
   EXPECT_EQ(one.estimate_scattered, other.estimate_scattered);
   EXPECT_EQ(one.mask_not_less, other.mask_not_less);
   EXPECT_EQ(one.compress, other.compress);
+  EXPECT_EQ(one.code_rows, other.code_rows);
+  EXPECT_EQ(one.bound_contiguous, other.bound_contiguous);
+  EXPECT_EQ(one.bound_scattered, other.bound_scattered);
 }
 
 TEST(Dispatch, FillsWhatAKernelLeavesEmptyFromTheNextOneAndNothingElse) {
   const std::vector<const qx::Kernels*> listed = listed_kernels();
-  ASSERT_EQ(listed.size(), 3u);
+  ASSERT_EQ(listed.size(), 4u);
+  const qx::Kernels& last = *listed[3];
+  EXPECT_EQ(qx::avx512vnni::kEntries.code_rows, nullptr);
   EXPECT_EQ(qx::avx512::kEntries.score_scattered, nullptr);
-  expect_same_functions(*listed[0], qx::inherit(qx::avx512::kEntries, *listed[1]));
-  expect_same_functions(*listed[1], qx::avx2::kEntries);
-  expect_same_functions(*listed[2], qx::portable::kEntries);
-  expect_same_functions(qx::inherit(qx::avx2::kEntries, *listed[2]), qx::avx2::kEntries);
+  expect_same_functions(*listed[0], qx::inherit(qx::avx512vnni::kEntries, *listed[1]));
+  expect_same_functions(*listed[1], qx::inherit(qx::avx512::kEntries, *listed[2]));
+  expect_same_functions(*listed[2], qx::avx2::kEntries);
+  expect_same_functions(last, qx::portable::kEntries);
+  expect_same_functions(qx::inherit(qx::avx2::kEntries, last), qx::avx2::kEntries);
   const qx::Kernels named = {.name = "own", .supported = qx::avx2::supported};
-  const qx::Kernels completed = qx::inherit(named, *listed[2]);
-  expect_same_functions(completed, *listed[2]);
+  const qx::Kernels completed = qx::inherit(named, last);
+  expect_same_functions(completed, last);
   EXPECT_STREQ(completed.name, "own");
   EXPECT_EQ(completed.supported, qx::avx2::supported);
 }

@@ -29,7 +29,7 @@ constexpr std::int64_t kRows = 1000;
 
 struct OpenPruner : Pruner {
   OpenPruner(const Floats& query, float magnitude, std::int64_t rows, std::int64_t k) : Pruner(k) {
-    open(query.data(), std::ssize(query), magnitude, rows);
+    open(query.data(), std::ssize(query), magnitude, rows, false);
   }
 };
 

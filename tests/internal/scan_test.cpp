@@ -90,8 +90,14 @@ struct Fixed {
   Floats sorted;
 };
 
+// Which rows have codes.
+struct WithCodes {
+  bool base;
+  bool delta;
+};
+
 // The record of an index of these rows. The base stays theirs.
-QxIndex record_of(const Fixed& rows, float magnitude) {
+QxIndex record_of(const Fixed& rows, float magnitude, WithCodes coded) {
   QxIndex index;
   index.dim = static_cast<std::uint32_t>(rows.width);
   index.n_base = rows.count;
@@ -100,6 +106,11 @@ QxIndex record_of(const Fixed& rows, float magnitude) {
   index.base_ids = const_cast<std::int64_t*>(rows.ids.data());
   index.base_magnitude = magnitude;
   index.delta_vectors = qx::Array<float>::copy_of(rows.delta.data(), rows.width * kDeltaRows);
+  index.delta_ids = qx::Array<std::int64_t>::of_length(kDeltaRows);
+  if (coded.base) qx::build_codes(index.base_codes, index.base_vectors, rows.count, rows.width);
+  if (coded.delta) {
+    qx::extend_codes(index.delta_codes, index.delta_vectors.data, kDeltaRows, rows.width);
+  }
   return index;
 }
 
@@ -108,13 +119,29 @@ QxIndex record_of(const Fixed& rows, float magnitude) {
 class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
  public:
   Compared(const Fixed& rows, Random& random, std::int64_t stated_rows, float stated_magnitude,
-           std::int64_t k)
+           std::int64_t k, WithCodes coded = {false, false})
       : rows_(rows),
         random_(random),
         out_ids_(static_cast<std::size_t>(k), 77),
         out_scores_(static_cast<std::size_t>(k), 77.0f),
-        index_(record_of(rows, stated_magnitude)),
+        index_(record_of(rows, stated_magnitude, coded)),
         scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, stated_rows) {}
+
+  Compared(const Compared&) = delete;
+  ~Compared() {
+    qx::release_codes(index_.base_codes);
+    qx::release_codes(index_.delta_codes);
+  }
+
+  // Makes the norms of all codes 0, as if codes left nothing out.
+  void spoil_norms() {
+    for (const QxCodes* const codes : {&index_.base_codes, &index_.delta_codes}) {
+      auto* const norms = const_cast<qx::CodeNorms*>(qx::view_of(*codes).norms);
+      for (std::int64_t g = 0; g * qx::kCodeGroupRows < codes->rows; ++g) {
+        norms[g] = {};
+      }
+    }
+  }
 
   // True if the scan of all rows gives what the slots must hold.
   bool agrees(Way way) {
@@ -236,11 +263,39 @@ std::int64_t draw_stated_rows(Random& random, const Fixed& rows) {
 
 ScanRows draw_rows(Random& random, Family family) {
   const std::int64_t width = draw_width(random);
-  const std::int64_t most = width > 300 ? 800 : 3000;
+  const std::int64_t most = width > 300 ? 800 : random.percent(10) ? 9500 : 3000;
   return draw_scan_rows(random, family, width, random.between(400, most));
 }
 
-class EveryScan : public UnderAKernel {};
+// Judges, as a scan chooses them by itself and as they are forced.
+const std::vector<const char*> kForced = {nullptr,      nullptr,     "four bits",
+                                          "eight bits", "estimates", "scores"};
+
+class EveryScan : public UnderAKernel {
+ protected:
+  void TearDown() override {
+    qx::force_judge(nullptr);
+    UnderAKernel::TearDown();
+  }
+
+  // Expects a scan of rows with codes to agree, whatever judges them.
+  void expect_agreement(const Fixed& rows, Random& random, int way, std::int64_t k) const {
+    const char* const forced = random.any_of(kForced);
+    ASSERT_TRUE(qx::force_judge(forced));
+    const WithCodes coded = {random.percent(75), random.percent(75)};
+    Compared scan(rows, random, draw_stated_rows(random, rows), rows.magnitude, k, coded);
+    ASSERT_TRUE(scan.agrees(static_cast<Way>(way)))
+        << "way " << way << ", width " << rows.width << ", " << rows.count << " rows, k " << k
+        << ", by " << (forced == nullptr ? "its choice" : forced) << ", codes " << coded.base
+        << coded.delta;
+  }
+};
+
+TEST(AJudge, IsForcedByItsName) {
+  for (const char* const name : kForced) EXPECT_TRUE(qx::force_judge(name));
+  EXPECT_FALSE(qx::force_judge("bits"));
+  EXPECT_TRUE(qx::force_judge(nullptr));
+}
 
 TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
   for (int family = 0; family < kFamilies; ++family) {
@@ -250,11 +305,7 @@ TEST_P(EveryScan, ReturnsWhatScoringEveryRowReturns) {
       for (int way = 0; way < kWays; ++way) {
         for (int repeat = 0; repeat < 3; ++repeat) {
           const std::int64_t k = draw_k(random, rows.count);
-          const std::int64_t stated = draw_stated_rows(random, rows);
-          Compared scan(rows, random, stated, rows.magnitude, k);
-          ASSERT_TRUE(scan.agrees(static_cast<Way>(way)))
-              << "family " << family << ", way " << way << ", width " << rows.width << ", "
-              << rows.count << " rows, k " << k;
+          ASSERT_NO_FATAL_FAILURE(expect_agreement(rows, random, way, k)) << "family " << family;
         }
       }
     }
@@ -274,9 +325,7 @@ TEST_P(EveryScan, KeepsTheOrderOfEqualsAcrossBlocks) {
     const Fixed rows(random, drawn);
     for (int way = 0; way < kWays; ++way) {
       for (const std::int64_t k : {1, 2, 10, 48, 49, 100}) {
-        ASSERT_TRUE(
-            Compared(rows, random, rows.count, rows.magnitude, k).agrees(static_cast<Way>(way)))
-            << "around " << around << ", way " << way << ", k " << k;
+        ASSERT_NO_FATAL_FAILURE(expect_agreement(rows, random, way, k)) << "around " << around;
       }
     }
   }
@@ -316,6 +365,24 @@ TEST_P(EveryScan, IsDecidedByEstimatesWhereTheyPay) {
         wrong = !Compared(rows, random, rows.count, 0x1p-30f, k).agrees(way);
       }
       EXPECT_TRUE(wrong) << "way " << static_cast<int>(way) << ", k " << k;
+    }
+  }
+}
+
+// So they do by codes: with too small norms, a scan returns other rows.
+TEST_P(EveryScan, IsDecidedByBoundsWhereTheyPay) {
+  Random random(3400);
+  for (const char* const judge : {"four bits", "eight bits"}) {
+    ASSERT_TRUE(qx::force_judge(judge));
+    for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMixed}) {
+      bool wrong = false;
+      for (int draw = 0; draw < 100 && !wrong; ++draw) {
+        const Fixed rows(random, draw_scan_rows(random, Family::kClustered, 24, 3000));
+        Compared scan(rows, random, rows.count, rows.magnitude, 10, {true, true});
+        scan.spoil_norms();
+        wrong = !scan.agrees(way);
+      }
+      EXPECT_TRUE(wrong) << judge << ", way " << static_cast<int>(way);
     }
   }
 }

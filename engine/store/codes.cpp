@@ -1,0 +1,171 @@
+#include "store/codes.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "kernels/kernels.h"
+#include "kernels/tuning.h"
+#include "support/compiler.h"
+#include "support/fp_environment.h"
+
+namespace qx {
+namespace {
+
+constexpr std::int64_t kLineBytes = 64;
+
+constexpr std::int64_t whole_lines(std::int64_t bytes) {
+  return (bytes + kLineBytes - 1) / kLineBytes * kLineBytes;
+}
+
+constexpr std::int64_t groups_of(std::int64_t rows) {
+  return (rows + kCodeGroupRows - 1) / kCodeGroupRows;
+}
+
+// Where the parts of a block for `capacity` rows are: high plane, low plane, constants, norms.
+struct Layout {
+  Layout(std::int64_t capacity, std::int64_t dim)
+      : low(whole_lines(capacity * code_row_bytes(dim) + kCodePadding)),
+        constants(2 * low),
+        norms(constants + whole_lines(capacity * std::int64_t{sizeof(std::uint32_t)})),
+        bytes(norms +
+              (capacity + kCodeGroupRows - 1) / kCodeGroupRows * std::int64_t{sizeof(CodeNorms)}) {}
+  std::int64_t low;
+  std::int64_t constants;
+  std::int64_t norms;
+  std::int64_t bytes;
+};
+
+struct Parts {
+  Parts(const QxCodes& codes)
+      : layout(codes.capacity, codes.dim),
+        high(codes.block),
+        low(codes.block + layout.low),
+        constants(reinterpret_cast<std::uint32_t*>(codes.block + layout.constants)),
+        norms(reinterpret_cast<CodeNorms*>(codes.block + layout.norms)) {}
+  Layout layout;
+  std::uint8_t* high;
+  std::uint8_t* low;
+  std::uint32_t* constants;
+  CodeNorms* norms;
+};
+
+void copy_parts(const Parts& from, const Parts& to, std::int64_t rows, std::int64_t row_bytes) {
+  std::copy_n(from.high, rows * row_bytes, to.high);
+  std::copy_n(from.low, rows * row_bytes, to.low);
+  std::copy_n(from.constants, rows, to.constants);
+  std::copy_n(from.norms, groups_of(rows), to.norms);
+}
+
+// Moves the codes to a block for `capacity` rows. Without memory for it, releases them.
+void move_to_capacity(QxCodes& codes, std::int64_t capacity, std::int64_t dim) {
+  QxCodes moved;
+  moved.dim = dim;
+  moved.capacity = capacity;
+  moved.block = static_cast<std::uint8_t*>(try_allocate(Layout(capacity, dim).bytes));
+  if (moved.block != nullptr && codes.rows > 0) {
+    copy_parts(codes, moved, codes.rows, code_row_bytes(dim));
+    moved.rows = codes.rows;
+  }
+  release(codes.block);
+  codes = moved.block == nullptr ? QxCodes{} : moved;
+}
+
+// The norms of a group are the largest of its rows'.
+void merge(CodeNorms& norms, const CodeNorms& row) {
+  for (int bits = 0; bits < 2; ++bits) {
+    norms.residual[bits] = std::max(norms.residual[bits], row.residual[bits]);
+  }
+  norms.spread = std::max(norms.spread, row.spread);
+}
+
+// Codes `count` rows of one group, from `first` on.
+void code_group(const QxCodes& codes, const Parts& parts, const float* vectors, std::int64_t first,
+                std::int64_t count) {
+  CodeNorms norms[kCodeGroupRows];
+  const std::int64_t offset = first * code_row_bytes(codes.dim);
+  in_default_fp_environment([&] {
+    kernels().code_rows(vectors, count, codes.dim, parts.high + offset, parts.low + offset,
+                        parts.constants + first, norms);
+    CodeNorms& group = parts.norms[first / kCodeGroupRows];
+    if (first == codes.rows && first % kCodeGroupRows == 0) group = norms[0];
+    for (std::int64_t i = 0; i < count; ++i) merge(group, norms[i]);
+  });
+}
+
+// Codes the rows up to `rows`, if there is a block.
+void code_to(QxCodes& codes, const float* vectors, std::int64_t rows) {
+  if (codes.block == nullptr) return;
+  const Parts parts(codes);
+  while (codes.rows < rows) {
+    const std::int64_t in_group = kCodeGroupRows - codes.rows % kCodeGroupRows;
+    const std::int64_t count = std::min(in_group, rows - codes.rows);
+    code_group(codes, parts, vectors + codes.rows * codes.dim, codes.rows, count);
+    codes.rows += count;
+  }
+}
+
+}  // namespace
+
+bool is_worth_coding(std::int64_t rows, std::int64_t dim) {
+#if defined(QX_WITHOUT_CODES)
+  return rows < 0 && dim < 0;
+#else
+  return dim >= tuning::kMinCodedDim && dim <= kMaxCodedDim && rows >= tuning::kMinCodedRows &&
+         rows * dim >= tuning::kMinCodedFloats;
+#endif
+}
+
+void build_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim) {
+  release_codes(codes);
+  move_to_capacity(codes, rows, dim);
+  code_to(codes, vectors, rows);
+}
+
+void extend_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim) {
+  if (rows > codes.capacity) {
+    move_to_capacity(
+        codes, static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(rows))), dim);
+  }
+  code_to(codes, vectors, rows);
+}
+
+void replace_code(QxCodes& codes, std::int64_t row, const float* vector) {
+  QX_ASSERT(row >= 0 && row < codes.rows);
+  code_group(codes, codes, vector, row, 1);
+}
+
+void release_codes(QxCodes& codes) {
+  release(codes.block);
+  codes = {};
+}
+
+bool codes_are_valid(const QxCodes& codes, const float* vectors) {
+  std::uint8_t high[kMaxCodedDim / 2];
+  std::uint8_t low[kMaxCodedDim / 2];
+  std::uint32_t constants;
+  CodeNorms norms;
+  if (codes.rows < 0 || codes.rows > codes.capacity) return false;
+  if (codes.block == nullptr) return codes.capacity == 0 && codes.dim == 0;
+  const Parts parts(codes);
+  const std::int64_t row_bytes = code_row_bytes(codes.dim);
+  bool valid = true;
+  for (std::int64_t r = 0; valid && r < codes.rows; ++r) {
+    in_default_fp_environment([&] {
+      kernels().code_rows(vectors + r * codes.dim, 1, codes.dim, high, low, &constants, &norms);
+    });
+    const CodeNorms& group = parts.norms[r / kCodeGroupRows];
+    valid = std::equal(high, high + row_bytes, parts.high + r * row_bytes) &&
+            std::equal(low, low + row_bytes, parts.low + r * row_bytes) &&
+            constants == parts.constants[r] && norms.residual[0] <= group.residual[0] &&
+            norms.residual[1] <= group.residual[1] && norms.spread <= group.spread;
+  }
+  return valid;
+}
+
+CodeView view_of(const QxCodes& codes) {
+  if (codes.block == nullptr) return {};
+  const Parts parts(codes);
+  return {parts.high, parts.low, parts.constants, parts.norms, code_row_bytes(codes.dim)};
+}
+
+}  // namespace qx
