@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "kernels/kernels.h"
+#include "read/pruner.h"
 
 namespace bench {
 namespace {
@@ -86,6 +87,7 @@ Run::Run(bool quick, std::string kernel, const std::string& path)
 void Run::use_chosen_kernel() const {
   require(qx::force_kernels(kernel_.empty() ? nullptr : kernel_.c_str()),
           "the chosen kernel runs here");
+  require(qx::force_judge(nullptr), "each scan chooses its judges");
 }
 
 void Run::write_line(const std::string& line) {

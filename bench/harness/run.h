@@ -33,7 +33,8 @@ class Run {
   }
   Effort effort() const { return pick(Effort{15, 0.003, 3.0}, Effort{5, 0.001, 0.3}); }
 
-  // Makes the engine call the kernel of this run again, after another one was forced.
+  // Makes the engine call the kernel of this run again, and choose its judges, after others were
+  // forced.
   void use_chosen_kernel() const;
 
   // The first line of the results: how the whole run was made.

@@ -60,6 +60,8 @@ def more_than_baseline(name):
 # Of each section: its title, the labels of its cases, and what is computed from a case.
 SECTIONS = {
     "scan": ("Exact search of the whole base", "", {}),
+    "codes": ("Codes", "set rows dim k", {
+        "ns a row": per_item, "**× without codes**": x_baseline, "**of limit**": of_limit}),
     "candidates": ("Search of listed ids", "function dim ids changed", {
         "ns an id": per_item, "**× one row at a time**": x_baseline, "**of limit**": of_limit,
         "fastest touch": lambda case: case.fastest("limit")["name"].removeprefix("touch ")}),

@@ -6,6 +6,7 @@
 #include "kernels/kernels.h"
 #include "limits/limits.h"
 #include "peers/peers.h"
+#include "read/pruner.h"
 #include "sections/sections.h"
 
 namespace bench {
@@ -69,13 +70,20 @@ void run_case(Run& run, const Set& set, const Matrix& data) {
 
   const std::string chosen = qx::kernels().name;
   Contestants contestants = {
-      {"qx_runtime, " + chosen, Role::kEngine, search, [&] { run.use_chosen_kernel(); }}};
+      {"qx_runtime, " + chosen, Role::kEngine, search, [&] { run.use_chosen_kernel(); }},
+      {"without codes", Role::kKernel, search, [&] {
+         run.use_chosen_kernel();
+         qx::force_judge("estimates");
+       }}};
   add_read_limits(contestants, matrix.values, bytes);
   // The engine again, on each kernel that runs here but was not chosen.
   for (const qx::Kernels* const* kernel = qx::all_kernels(); *kernel != nullptr; ++kernel) {
     const char* const name = (*kernel)->name;
     if (name == chosen || !(*kernel)->supported()) continue;
-    contestants.push_back({name, Role::kKernel, search, [name] { qx::force_kernels(name); }});
+    contestants.push_back({name, Role::kKernel, search, [&run, name] {
+                             run.use_chosen_kernel();
+                             qx::force_kernels(name);
+                           }});
   }
   slots.search_full(index.get(), queries.first());
   add_others(contestants, matrix, queries, slots.scores.front());
