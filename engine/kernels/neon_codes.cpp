@@ -13,10 +13,10 @@ namespace qx {
 namespace {
 
 // Halves of 16 bytes of a plane, as signed numbers from 0 to 15.
-inline int8x16_t low_halves(uint8x16_t bytes) {
+inline int8x16_t low_nibbles(uint8x16_t bytes) {
   return vreinterpretq_s8_u8(vandq_u8(bytes, vdupq_n_u8(15)));
 }
-inline int8x16_t high_halves(uint8x16_t bytes) { return vreinterpretq_s8_u8(vshrq_n_u8(bytes, 4)); }
+inline int8x16_t high_nibbles(uint8x16_t bytes) { return vreinterpretq_s8_u8(vshrq_n_u8(bytes, 4)); }
 
 // 16 times the sums of the high plane, and those of the low one if all bits are read.
 template <auto sum_row, typename HighRow, typename LowRow>
@@ -56,8 +56,8 @@ inline std::int32_t sum_row(const std::uint8_t* row, std::int64_t row_bytes,
   int32x4_t all = vdupq_n_s32(0);
   for (std::int64_t i = 0; i < row_bytes; i += 16) {
     const uint8x16_t bytes = vld1q_u8(row + i);
-    const int8x16_t low = low_halves(bytes);
-    const int8x16_t high = high_halves(bytes);
+    const int8x16_t low = low_nibbles(bytes);
+    const int8x16_t high = high_nibbles(bytes);
     const int8x16_t levels = vld1q_s8(query.levels + i);
     const int8x16_t other_levels = vld1q_s8(others + i);
     int16x8_t sums = vmull_s8(vget_low_s8(low), vget_low_s8(levels));
@@ -106,8 +106,8 @@ QX_NEON_DOT std::int32_t sum_row(const std::uint8_t* row, std::int64_t row_bytes
   int32x4_t high_sums = vdupq_n_s32(0);
   for (std::int64_t i = 0; i < row_bytes; i += 16) {
     const uint8x16_t bytes = vld1q_u8(row + i);
-    low_sums = add_dot_products(low_sums, low_halves(bytes), vld1q_s8(query.levels + i));
-    high_sums = add_dot_products(high_sums, high_halves(bytes), vld1q_s8(others + i));
+    low_sums = add_dot_products(low_sums, low_nibbles(bytes), vld1q_s8(query.levels + i));
+    high_sums = add_dot_products(high_sums, high_nibbles(bytes), vld1q_s8(others + i));
   }
   return vaddvq_s32(vaddq_s32(low_sums, high_sums));
 }

@@ -55,7 +55,7 @@ constexpr double kRoundings = 8500 * 0x1p-24;
 // Sums of doubles lose far less than this.
 constexpr double kTooHigh = 1 + 0x1p-20;
 
-float largest_magnitude(const float* query, std::int64_t dim) {
+float largest_component(const float* query, std::int64_t dim) {
   std::int32_t largest[2 * kLanes] = {};  // NaNs order last
   const auto take = [&](std::int64_t lane, float component) {
     const std::int32_t magnitude = std::bit_cast<std::int32_t>(component) & 0x7FFFFFFF;
@@ -116,7 +116,7 @@ void code_components(const float* query, std::int64_t count, float factor, std::
 }  // namespace
 
 bool code_query(const float* query, std::int64_t dim, CodedQuery& coded) {
-  const float magnitude = largest_magnitude(query, dim);
+  const float magnitude = largest_component(query, dim);
   if (!(magnitude >= kSmallestQuery && magnitude <= kLargestQuery)) return false;
   const std::int64_t row_bytes = code_row_bytes(dim);
   coded.half_bytes = (row_bytes + kCodePadding - 1) / kCodePadding * kCodePadding;

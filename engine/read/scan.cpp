@@ -259,6 +259,7 @@ void Scan::bound_block(const Block& block, CodeBits bits) {
     refine(block, places, left % kBlockRows);
   }
   choice_.record(bits == CodeBits::kFour ? Judge::kFourBits : Judge::kEightBits, block.count, left);
+  make_room_for_candidates();
 }
 
 // Adds those of the listed places whose bounds from eight bits do not prune them.

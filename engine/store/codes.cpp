@@ -11,10 +11,10 @@
 namespace qx {
 namespace {
 
-constexpr std::int64_t kLineBytes = 64;
+constexpr std::int64_t kPartAlignment = 64;
 
 constexpr std::int64_t whole_lines(std::int64_t bytes) {
-  return (bytes + kLineBytes - 1) / kLineBytes * kLineBytes;
+  return (bytes + kPartAlignment - 1) / kPartAlignment * kPartAlignment;
 }
 
 constexpr std::int64_t groups_of(std::int64_t rows) {

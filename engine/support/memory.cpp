@@ -12,7 +12,7 @@ namespace qx {
 namespace {
 
 constexpr const char* kThisFile = "engine/support/memory.cpp";
-constexpr std::size_t kLineBytes = 64;
+constexpr std::size_t kCacheLineBytes = 64;
 
 // The size of a block in bytes. A size that no address space holds is a failed allocation.
 std::size_t block_bytes(std::int64_t count, std::size_t element_bytes) {
@@ -38,14 +38,14 @@ void* allocate(std::int64_t count, std::size_t element_bytes) {
 
 void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes) {
   const std::size_t bytes = block_bytes(count, element_bytes);
-  const std::size_t whole_lines = (bytes + kLineBytes - 1) & ~(kLineBytes - 1);
-  return bytes == 0 ? nullptr : allocated(std::aligned_alloc(kLineBytes, whole_lines));
+  const std::size_t whole_lines = (bytes + kCacheLineBytes - 1) & ~(kCacheLineBytes - 1);
+  return bytes == 0 ? nullptr : allocated(std::aligned_alloc(kCacheLineBytes, whole_lines));
 }
 
 void* try_allocate(std::int64_t bytes) {
   constexpr std::int64_t kLargePageBytes = std::int64_t{2} << 20;
   const bool large = bytes >= 2 * kLargePageBytes;
-  const auto alignment = large ? static_cast<std::size_t>(kLargePageBytes) : kLineBytes;
+  const auto alignment = large ? static_cast<std::size_t>(kLargePageBytes) : kCacheLineBytes;
   if (bytes < 1 || bytes > PTRDIFF_MAX - kLargePageBytes) return nullptr;
   const std::size_t rounded = (static_cast<std::size_t>(bytes) + alignment - 1) & ~(alignment - 1);
   void* const block = std::aligned_alloc(alignment, rounded);
