@@ -16,7 +16,9 @@ namespace {
 inline int8x16_t low_nibbles(uint8x16_t bytes) {
   return vreinterpretq_s8_u8(vandq_u8(bytes, vdupq_n_u8(15)));
 }
-inline int8x16_t high_nibbles(uint8x16_t bytes) { return vreinterpretq_s8_u8(vshrq_n_u8(bytes, 4)); }
+inline int8x16_t high_nibbles(uint8x16_t bytes) {
+  return vreinterpretq_s8_u8(vshrq_n_u8(bytes, 4));
+}
 
 // 16 times the sums of the high plane, and those of the low one if all bits are read.
 template <auto sum_row, typename HighRow, typename LowRow>
