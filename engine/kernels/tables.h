@@ -22,10 +22,19 @@ CodeFunction code_rows;
 BoundContiguousFunction bound_contiguous;
 BoundScatteredFunction bound_scattered;
 
-inline constexpr Kernels kEntries = {
-    "portable",          supported,          score_contiguous, score_scattered,
-    estimate_contiguous, estimate_scattered, mask_not_less,    compress,
-    code_rows,           bound_contiguous,   bound_scattered};
+inline constexpr Kernels kEntries = {"portable",
+                                     supported,
+                                     score_contiguous,
+                                     score_scattered,
+                                     estimate_contiguous,
+                                     estimate_scattered,
+                                     mask_not_less,
+                                     compress,
+                                     code_rows,
+                                     bound_contiguous,
+                                     bound_scattered,
+                                     tuning::kMinBoundedFloatsPortable,
+                                     tuning::kMinBoundedDimPortable};
 
 }  // namespace qx::portable
 

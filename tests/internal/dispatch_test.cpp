@@ -76,6 +76,10 @@ TEST(Dispatch, FillsWhatAKernelLeavesEmptyFromTheNextOneAndNothingElse) {
   expect_same_functions(*listed[2], qx::avx2::kEntries);
   expect_same_functions(last, qx::portable::kEntries);
   expect_same_functions(qx::inherit(qx::avx2::kEntries, last), qx::avx2::kEntries);
+  for (const qx::Kernels* const kernel : listed) {
+    EXPECT_GT(kernel->min_bounded_floats, 0) << kernel->name;
+    EXPECT_GE(kernel->min_bounded_dim, qx::tuning::kMinCodedDim) << kernel->name;
+  }
   const qx::Kernels named = {.name = "own", .supported = qx::avx2::supported};
   const qx::Kernels completed = qx::inherit(named, last);
   expect_same_functions(completed, last);
