@@ -37,11 +37,13 @@ QX_CODES_INLINE std::uint32_t bits_of(float number) {
 }
 QX_CODES_INLINE float float_of(std::uint32_t bits) { return __builtin_bit_cast(float, bits); }
 
-// The nearest bfloat16 that is not above a finite number, and not below a positive one.
+// The nearest bfloat16 that is not above a finite number.
 QX_CODES_INLINE float bfloat_below(float number) {
   const std::uint32_t bits = bits_of(number);
   return float_of((bits >> 31 != 0 ? bits + 0xFFFF : bits) & 0xFFFF0000u);
 }
+
+// The nearest bfloat16 that is not below a positive number.
 QX_CODES_INLINE float bfloat_above(float positive) {
   return float_of((bits_of(positive) + 0xFFFF) & 0xFFFF0000u);
 }

@@ -144,11 +144,7 @@ class Scan {
   const float* query_;
   std::int64_t dim_ = dim_of(index_);
   std::int64_t rows_;
-  // Of the base, and of the delta. Codes under another dimension are of no use.
-  bool is_coded_[2] = {index_.base_codes.rows > 0,
-                       index_.delta_codes.rows > 0 && index_.delta_codes.dim ==
-                                                          dim_&& index_.delta_codes.rows ==
-                                                          index_.delta_ids.length};
+  bool is_coded_[2] = {index_.base_codes.rows > 0, has_delta_codes(index_)};
   CodeView codes_[2] = {view_of(index_.base_codes), view_of(index_.delta_codes)};
   bool opened_ = false;
   bool offered_ = false;                    // a score, to the results

@@ -27,8 +27,7 @@ struct Layout {
       : low(whole_lines(capacity * code_row_bytes(dim) + kCodePadding)),
         constants(2 * low),
         norms(constants + whole_lines(capacity * std::int64_t{sizeof(std::uint32_t)})),
-        bytes(norms +
-              (capacity + kCodeGroupRows - 1) / kCodeGroupRows * std::int64_t{sizeof(CodeNorms)}) {}
+        bytes(norms + groups_of(capacity) * std::int64_t{sizeof(CodeNorms)}) {}
   std::int64_t low;
   std::int64_t constants;
   std::int64_t norms;
@@ -106,9 +105,9 @@ void code_to(QxCodes& codes, const float* vectors, std::int64_t rows) {
 
 }  // namespace
 
-bool is_worth_coding(std::int64_t rows, std::int64_t dim) {
+bool is_worth_coding([[maybe_unused]] std::int64_t rows, [[maybe_unused]] std::int64_t dim) {
 #if defined(QX_WITHOUT_CODES)
-  return rows < 0 && dim < 0;
+  return false;
 #else
   return dim >= tuning::kMinCodedDim && dim <= kMaxCodedDim && rows >= tuning::kMinCodedRows &&
          rows * dim >= tuning::kMinCodedFloats;

@@ -31,17 +31,20 @@ bool codes_are_valid(const QxCodes& codes, const float* vectors);
 // What kernels read; of no use without codes.
 CodeView view_of(const QxCodes& codes);
 
-// Prefetches what the bound of a row from four bits reads, and what all eight read beside it, or
-// their beginning.
+// Prefetches a row of one plane, or its beginning.
 inline void prefetch_plane(const std::uint8_t* plane, std::int64_t row_bytes, std::int64_t row) {
   constexpr std::int64_t kMostBytes = 256;
   const std::int64_t bytes = row_bytes < kMostBytes ? row_bytes : kMostBytes;
   for (std::int64_t i = 0; i < bytes; i += 64) __builtin_prefetch(plane + row * row_bytes + i);
 }
+
+// Prefetches what a bound from four bits reads.
 inline void prefetch_code(const CodeView& codes, std::int64_t row) {
   __builtin_prefetch(codes.constants + row);
   prefetch_plane(codes.high, codes.row_bytes, row);
 }
+
+// Prefetches what a bound from all eight reads beside it.
 inline void prefetch_rest_of_code(const CodeView& codes, std::int64_t row) {
   prefetch_plane(codes.low, codes.row_bytes, row);
 }

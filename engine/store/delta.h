@@ -25,6 +25,13 @@ inline const float* vector_of(const QxIndex& index, Row row, std::int64_t dim) {
   return row.in_delta ? delta_vector(index, row.number) : index.base_vectors + row.number * dim;
 }
 
+// True if the codes of the delta are those of all its rows. Under another dimension they are of no
+// use.
+inline bool has_delta_codes(const QxIndex& index) {
+  const QxCodes& codes = index.delta_codes;
+  return codes.rows > 0 && codes.rows == index.delta_ids.length && codes.dim == dim_of(index);
+}
+
 // Upserts n rows and lifts their tombstones. Requires: n >= 1.
 void insert_rows(QxIndex& index, const float* vectors, const std::int64_t* ids, std::int64_t n);
 
