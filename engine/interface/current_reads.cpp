@@ -19,7 +19,7 @@ int64_t qx_index_search_filtered(const QxIndex* index, uint32_t mode, int32_t co
   qx::Selection selection(*index, {mode, column, value});
   qx::Scan scan(*index, query, {slots, out_ids, out_scores},
                 index->n_base + index->delta_ids.length);
-  while (selection.next()) scan.add(selection);
+  while (selection.next()) scan.add(selection.span());
   return scan.finish();
 }
 

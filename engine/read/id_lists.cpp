@@ -3,6 +3,7 @@
 #include <numeric>
 
 #include "kernels/tuning.h"
+#include "read/visibility.h"
 #include "support/compiler.h"
 #include "support/fp_environment.h"
 

@@ -22,15 +22,18 @@ std::int64_t compress_copy(const std::int64_t* ids, std::uint64_t mask, std::int
 
 std::int64_t count_rows(const QxIndex& index, const Filter& filter) {
   std::int64_t count = 0;
-  Selection span(index, filter);
-  while (span.next()) count += span.count_selected(0, span.count());
+  Selection selection(index, filter);
+  while (selection.next()) {
+    count += selection.span().count_selected(0, selection.span().count());
+  }
   return count;
 }
 
 std::int64_t list_ids(const QxIndex& index, const Filter& filter, std::int64_t* out_ids) {
   std::int64_t* next = out_ids;
-  Selection span(index, filter);
-  while (span.next()) {
+  Selection selection(index, filter);
+  while (selection.next()) {
+    const RowSpan span = selection.span();
     for (std::int64_t offset = 0; offset < span.count(); offset += kMaskRows) {
       next += compress_copy(span.ids() + offset, span.mask(offset), next);
     }
@@ -42,8 +45,9 @@ std::int64_t copy_rows(const QxIndex& index, const Filter& filter, float* out_ve
                        std::int64_t* out_ids) {
   const std::int64_t dim = dim_of(index);
   std::int64_t copied = 0;
-  Selection span(index, filter);
-  while (span.next()) {
+  Selection selection(index, filter);
+  while (selection.next()) {
+    const RowSpan span = selection.span();
     span.for_each_row(0, span.count(), [&](std::int64_t i) {
       std::copy_n(vector_of(index, span.row(i), dim), dim, out_vectors + copied * dim);
       out_ids[copied++] = span.ids()[i];

@@ -33,6 +33,9 @@ class JudgeChoice {
   // How many rows the judge should be given.
   std::int64_t rows_of(Judge judge) const;
 
+  // Asks a judge from the first row on.
+  void trust(Judge judge) { states_[static_cast<int>(judge)] = {}; }
+
   // Records that a judge was given some rows and how many it left.
   void record(Judge judge, std::int64_t rows, std::int64_t left);
 
@@ -100,7 +103,7 @@ class Pruner {
     return seed_ > kEmptyScore || threshold > kEmptyScore;
   }
 
-  // Records the lowest of the scores of k rows of the scan.
+  // Records the lowest of the scores of k rows, of the scan or of others.
   void seed(float lowest) { seed_ = std::max(seed_, lowest); }
 
   // Rows with an estimate below this need no score. A NaN is not below. `threshold` is a lower

@@ -35,6 +35,9 @@ class RowBitmap {
     std::fill_n(words_, (count + 63) / 64, set ? ~std::uint64_t{0} : 0);
   }
 
+  // One bit for each row, from the first on; bits past the span have no meaning.
+  const std::uint64_t* words() const { return words_; }
+
   // For a row outside the span, -1 among them, these do nothing. Branch-free.
   void set(std::int64_t row) { words_[word(row)] |= bit(row); }
   void clear(std::int64_t row) { words_[word(row)] &= ~bit(row); }

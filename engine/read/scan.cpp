@@ -16,7 +16,7 @@ Scan::Scan(const QxIndex& index, const float* query, const ResultSlots& slots, s
       topk_(slots.ids, slots.scores, slots.k),
       pruner_(slots.k) {}
 
-void Scan::add(const Selection& span) {
+void Scan::add(const RowSpan& span) {
   for (std::int64_t offset = 0; offset < span.count(); offset += kBlockRows) {
     add_window(span, offset, std::min(kBlockRows, span.count() - offset));
   }
@@ -24,7 +24,7 @@ void Scan::add(const Selection& span) {
 
 // Rows that are left out must not be read: rows are scanned as they are only if all of them are
 // selected. If most are, they are listed together, which is cheaper than one by one.
-void Scan::add_window(const Selection& span, std::int64_t offset, std::int64_t count) {
+void Scan::add_window(const RowSpan& span, std::int64_t offset, std::int64_t count) {
   const std::int64_t selected = span.count_selected(offset, count);
   if (selected == count) {
     add_rows(span.row(offset), count, span.ids() + offset);
@@ -36,7 +36,7 @@ void Scan::add_window(const Selection& span, std::int64_t offset, std::int64_t c
   }
 }
 
-void Scan::list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count) {
+void Scan::list_base_rows(const RowSpan& span, std::int64_t offset, std::int64_t count) {
   const std::int64_t dim = dim_;
   const float* const rows = vector_of(index_, span.row(0), dim);
   const std::int64_t* const ids = span.ids();

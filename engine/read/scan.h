@@ -5,7 +5,7 @@
 
 #include "kernels/kernels.h"
 #include "read/pruner.h"
-#include "read/selection.h"
+#include "read/row_span.h"
 #include "store/codes.h"
 
 namespace qx {
@@ -27,8 +27,16 @@ class Scan {
   Scan(const QxIndex& index, const float* query, const ResultSlots& slots, std::int64_t rows);
   Scan(const Scan&) = delete;
 
+  // Lets rows with a score below this be left out of the results: k others are not. Must be called
+  // before the first row.
+  void leave_out_below(float score) {
+    if (!(score > kEmptyScore)) return;
+    pruner_.seed(score);
+    choice_.trust(Judge::kFourBits);
+  }
+
   // Adds the selected rows of a span.
-  void add(const Selection& span);
+  void add(const RowSpan& span);
 
   // Adds `count` consecutive base rows, and the ids to report for them, which must stay readable
   // until finish().
@@ -134,8 +142,8 @@ class Scan {
 
   void flush();
   void add_rows(Row first, std::int64_t count, const std::int64_t* ids);
-  void add_window(const Selection& span, std::int64_t offset, std::int64_t count);
-  void list_base_rows(const Selection& span, std::int64_t offset, std::int64_t count);
+  void add_window(const RowSpan& span, std::int64_t offset, std::int64_t count);
+  void list_base_rows(const RowSpan& span, std::int64_t offset, std::int64_t count);
 
   // A copy of the query that starts at a cache line. The query is half of an estimate's loads;
   // aligned, none of them splits.

@@ -43,13 +43,14 @@ void Selection::select() {
 void Selection::apply_lookups() {
   for (std::int64_t offset = 0; offset < count_; offset += kMaskRows) {
     const std::int64_t rows = std::min(kMaskRows, count_ - offset);
+    const std::int64_t* const ids = all_ids_ + first_ + offset;
     std::uint64_t mask = bitmap_.mask(offset) & first_bits(rows);
     if (mask != 0 && hidden_ == Test::kLookup) {
-      mask &= ~(in_delta_ ? visibility_.hidden_delta_rows(ids() + offset, rows)
-                          : visibility_.hidden_base_rows(ids() + offset, rows));
+      mask &= ~(in_delta_ ? visibility_.hidden_delta_rows(ids, rows)
+                          : visibility_.hidden_base_rows(ids, rows));
     }
     if (mask != 0 && passing_ == Test::kLookup) {
-      mask &= _match(index_, filter_, ids() + offset, rows, metadata_);
+      mask &= _match(index_, filter_, ids, rows, metadata_);
     }
     bitmap_.set_mask(offset, mask);
   }

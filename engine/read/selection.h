@@ -4,11 +4,10 @@
 
 #include "read/filter.h"
 #include "read/visibility.h"
-#include "support/bits.h"
 
 namespace qx {
 
-// Use: while (selection.next()) read(selection). Takes 64 KiB of stack.
+// Use: while (selection.next()) read(selection.span()). Takes 64 KiB of stack.
 class Selection {
  public:
   // Of the visible rows that pass the filter.
@@ -18,32 +17,9 @@ class Selection {
   // Moves to the next span. Returns false after the last one.
   bool next();
 
-  // The span: its rows, and their ids.
-  bool in_delta() const { return in_delta_; }
-  std::int64_t count() const { return count_; }
-  Row row(std::int64_t i) const { return {in_delta_, first_ + i}; }
-  const std::int64_t* ids() const { return all_ids_ + first_; }
-
-  // The mask of kMaskRows rows of the span, or fewer at its end. Requires: offset is a multiple of
-  // kMaskRows.
-  std::uint64_t mask(std::int64_t offset) const {
-    const std::uint64_t rows = first_bits(std::min(kMaskRows, count_ - offset));
-    return takes_all_ ? rows : rows & bitmap_.mask(offset);
-  }
-
-  // How many of `count` rows from `offset` on are selected. Requires the same.
-  std::int64_t count_selected(std::int64_t offset, std::int64_t count) const {
-    std::int64_t selected = 0;
-    for (std::int64_t i = 0; i < count; i += kMaskRows) selected += count_bits(mask(offset + i));
-    return selected;
-  }
-
-  // Calls visit(i) for each of them, with its place i in the span. Requires the same.
-  template <typename Visit>
-  void for_each_row(std::int64_t offset, std::int64_t count, Visit visit) const {
-    for (std::int64_t first = offset; first < offset + count; first += kMaskRows) {
-      for_each_bit(mask(first), [&](std::int64_t i) { visit(first + i); });
-    }
+  // The span, until the next call of next().
+  RowSpan span() const {
+    return {{in_delta_, first_}, count_, all_ids_ + first_, takes_all_ ? nullptr : bitmap_.words()};
   }
 
  private:

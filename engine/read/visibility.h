@@ -9,13 +9,9 @@
 #pragma once
 
 #include "read/row_bitmap.h"
-#include "store/delta.h"
+#include "read/row_span.h"
 
 namespace qx {
-
-// Rows that one mask has a bit for.
-inline constexpr std::int64_t kMaskRows = Int64Map::kBatch;
-static_assert(kMaskRows == 64);
 
 class Visibility {
  public:

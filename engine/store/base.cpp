@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "store/codes.h"
 #include "support/compiler.h"
@@ -75,7 +76,45 @@ Array<std::int64_t> find_duplicate_rows(const QxIndex& index, std::int64_t count
   return rows;
 }
 
+// What is derived from the vectors.
+void derive(QxIndex& index) {
+  const std::int64_t dim = dim_of(index);
+  in_default_fp_environment(
+      [&] { index.base_magnitude = largest_magnitude(index.base_vectors, index.n_base * dim); });
+  release_codes(index.base_codes);
+  if (is_worth_coding(index.n_base, dim)) {
+    build_codes(index.base_codes, index.base_vectors, index.n_base, dim);
+  }
+}
+
+// A new block of the numbers from 0 to count - 1; null without memory for it.
+std::int64_t* try_count(std::int64_t count) {
+  auto* const numbers = static_cast<std::int64_t*>(try_allocate(count * 8));
+  if (numbers != nullptr) std::iota(numbers, numbers + count, std::int64_t{0});
+  return numbers;
+}
+
 }  // namespace
+
+bool adopt_base(QxIndex& index, float* vectors, std::int64_t n, std::int32_t dim) {
+  QX_ASSERT(index.sealed == 0 && n >= 0 && dim >= 0);
+  std::int64_t* const ids = try_count(n);
+  std::int64_t* const id_to_row = try_count(n);
+  if (n > 0 && (ids == nullptr || id_to_row == nullptr)) {
+    release(ids);
+    release(id_to_row);
+    return false;
+  }
+  index.base_vectors = vectors;
+  index.base_ids = ids;
+  index.id_to_row = id_to_row;
+  index.max_base_id = n - 1;
+  index.dim = static_cast<std::uint32_t>(dim);
+  index.n_base = n;
+  index.sealed = 1;
+  derive(index);
+  return true;
+}
 
 bool build_base(QxIndex& index, const BaseInput& input) {
   std::int64_t max_id = -1;
@@ -93,13 +132,8 @@ bool build_base(QxIndex& index, const BaseInput& input) {
   index.n_base = input.n;
   index.sealed = 1;
   index.n_parts = input.n_parts;
-  in_default_fp_environment(
-      [&] { index.base_magnitude = largest_magnitude(index.base_vectors, n_floats); });
   index.duplicate_rows = find_duplicate_rows(index, duplicates);
-  release_codes(index.base_codes);
-  if (is_worth_coding(input.n, input.dim)) {
-    build_codes(index.base_codes, index.base_vectors, input.n, input.dim);
-  }
+  derive(index);
   return true;
 }
 

@@ -66,6 +66,12 @@ struct BaseInput {
 // negative. The arrays of an earlier base stay allocated, as the header tells the host.
 bool build_base(QxIndex& index, const BaseInput& input);
 
+// Seals `n` rows as the base of an empty index, with ids 0 to n - 1 and without a copy: `vectors`
+// is a block of try_allocate(), which the index then owns, or null without floats. Returns false,
+// with nothing changed, if there is no memory for the ids. Requires: n and dim are within the
+// limits.
+bool adopt_base(QxIndex& index, float* vectors, std::int64_t n, std::int32_t dim);
+
 // The partition of a key, or -1. Of equal keys, binary search decides, which is part of the
 // contract.
 std::int32_t find_partition(const QxIndex& index, std::int64_t key);
