@@ -1,9 +1,10 @@
 /*
  * qx_collection: vectors by any id, searched by every core, on top of qx_runtime.
  *
- * A collection keeps rows: an id, a vector of floats, and values in typed columns. Rows are upserted
- * and removed at any time, from any thread; searches see the current rows, or those of a view. It
- * filters before it ranks, uses all cores, saves to one file, and does not end the process.
+ * A collection keeps rows: an id, a vector of floats, and values in typed columns. Rows are
+ * upserted and removed at any time, from any thread; searches see the current rows, or those of a
+ * view. It filters before it ranks, uses all cores, saves to one file, and does not end the
+ * process.
  *
  *     QxCollection* words = NULL;
  *     QxColumn columns[] = {{"label", QX_INTEGER}, {"lang", QX_TEXT}};
@@ -60,12 +61,12 @@
  *    more, which compacts (qx_collection_compact). A process may fork while no other thread is in a
  *    call of this library; both processes then go on with their own collections, threads anew.
  *
- * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28 bytes
- *    and the values; of text ids 16 and the text more. A change copies what is small; compaction holds the old
- *    rows until the new ones are complete, so its peak is about twice the rows. A call that would
- *    exceed the memory limit, or for which there is no memory, is refused; it never ends the process.
- *    What remains: the system may promise memory that it has not, and end the process when it is
- *    used; and a stack must have room for 512 KiB.
+ * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28
+ * bytes and the values; of text ids 16 and the text more. A change copies what is small; compaction
+ * holds the old rows until the new ones are complete, so its peak is about twice the rows. A call
+ * that would exceed the memory limit, or for which there is no memory, is refused; it never ends
+ * the process. What remains: the system may promise memory that it has not, and end the process
+ * when it is used; and a stack must have room for 512 KiB.
  */
 #ifndef QX_COLLECTION_H
 #define QX_COLLECTION_H
@@ -137,8 +138,8 @@ typedef struct QxOptions {
   const QxColumn* columns; /* n_columns; names are distinct and not empty */
   int32_t n_columns;       /* 0 to 1000 */
   int32_t threads;         /* at most for a call; 0: as many as there are CPUs */
-  int64_t memory_limit;    /* bytes of all rows, those of views and of compaction included; 0: none */
-  int32_t manual;          /* non-zero: rows are compacted by qx_collection_compact alone */
+  int64_t memory_limit; /* bytes of all rows, those of views and of compaction included; 0: none */
+  int32_t manual;       /* non-zero: rows are compacted by qx_collection_compact alone */
 } QxOptions;
 
 /* Creates an empty collection. */
@@ -236,7 +237,7 @@ typedef struct QxRows {
   const QxText* texts;     /* count; null with numbers */
   const float* vectors;    /* count * dim */
   const QxValues* columns; /* n_columns, with nulls, and one array of its type */
-  const uint8_t* found;    /* count: 0 where an id has no row; its vector is zero, its values NULL */
+  const uint8_t* found; /* count: 0 where an id has no row; its vector is zero, its values NULL */
 } QxRows;
 
 /* Copies the rows of ids out, in the order of the list. */

@@ -1,0 +1,22 @@
+// From queries to hits: a batch of queries over ranges of rows, on all threads.
+#pragma once
+
+#include "search/best.h"
+#include "search/selection.h"
+#include "threads/pool.h"
+
+namespace qx::collection {
+
+struct Queries {
+  const float* vectors;
+  std::int64_t count;
+  std::int32_t dim;
+  const float* vector(std::int64_t i) const { return vectors + i * dim; }
+};
+
+// The k best of the selected rows for each query, sorted. Requires: k >= 1.
+std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
+                                     const Queries& queries, std::int64_t k, int threads,
+                                     const Progress& progress);
+
+}  // namespace qx::collection

@@ -1,0 +1,175 @@
+#include "state/collection.h"
+
+#if defined(__linux__)
+#include <sys/resource.h>
+#endif
+
+namespace qx::collection {
+namespace {
+
+// Other threads come first.
+void lower_priority() {
+#if defined(__linux__)
+  setpriority(PRIO_PROCESS, 0, 10);  // of this thread
+#endif
+}
+
+std::shared_ptr<const State> empty_state() { return std::make_shared<const State>(); }
+
+}  // namespace
+
+Collection::Collection(Shape shape, int threads, bool is_manual)
+    : shape_(std::move(shape)),
+      threads_(threads),
+      is_manual_(is_manual),
+      state_(empty_state()),
+      fork_guard_(writing_, [this] {
+        // The thread is not in this process, and may have held anything.
+        static_cast<void>(merging_.release());
+        merging_ = std::make_unique<Merging>();
+      }) {}
+
+Collection::~Collection() { end_merging(); }
+
+// The state is allocated before the changes are made.
+void Collection::publish(const Lock&, Edit& edit) {
+  auto next = std::make_shared<State>();
+  auto pointer = std::make_unique<std::shared_ptr<const State>>(next);
+  *next = edit.commit();
+  state_.set(std::move(pointer));
+}
+
+template <typename Change>
+auto Collection::change(Change make) {
+  const Lock lock(writing_);
+  const std::shared_ptr<const State> before = state_.get();
+  Edit edit(shape_, *before, 0);
+  const auto result = make(edit);
+  publish(lock, edit);
+  want_merging(lock);
+  return result;
+}
+
+void Collection::upsert(const Rows& rows) {
+  change([&](Edit& edit) {
+    edit.upsert(rows);
+    return true;
+  });
+}
+
+std::int64_t Collection::remove(std::vector<Key> keys) {
+  return change([&](Edit& edit) { return edit.remove(std::move(keys)); });
+}
+
+void Collection::adopt(std::shared_ptr<Segment> segment) {
+  change([&](Edit& edit) {
+    edit.replace({}, std::move(segment));
+    return true;
+  });
+}
+
+// ---- Merging ----
+
+// Searches and changes go on while the segment is built.
+void Collection::merge_segments(Lock& lock, std::vector<PartView> parts,
+                                const std::function<void(std::int64_t)>& check) {
+  lock.unlock();
+  std::shared_ptr<Segment> segment = merge(shape_, parts, check);
+  lock.lock();
+  Edit edit(shape_, *state_.get(), 0);
+  edit.replace(parts, std::move(segment));
+  publish(lock, edit);
+}
+
+void Collection::compact(const Progress& progress) {
+  const Lock running(merging_->running);
+  Lock lock(writing_);
+  Edit edit(shape_, *state_.get(), 0);
+  edit.seal_tail();
+  publish(lock, edit);
+  const std::shared_ptr<const State> state = state_.get();
+  const std::int64_t rows = state->visible_rows();
+  const bool is_compact = state->parts.size() == 1 && state->parts[0].dead == 0;
+  progress.report(0, rows);
+  if (is_compact || state->parts.empty()) return;
+  merge_segments(lock, state->parts, [&](std::int64_t done) { progress.report(done, rows); });
+}
+
+// Starts the thread, or wakes it. Without a thread, segments wait for the next change.
+void Collection::want_merging(const Lock&) {
+  if (is_manual_ || choose_merged(shape_, *state_.get(), 0).empty()) return;
+  merging_->is_wanted = true;
+  merging_->changed.notify_one();
+  if (merging_->thread.joinable()) return;
+  try {
+    merging_->thread = std::thread([this] { keep_merging(); });
+  } catch (const std::system_error&) {
+  }
+}
+
+// One merge at a time, until there is none to make or no memory for it.
+void Collection::keep_merging() {
+  lower_priority();
+  Merging& merging = *merging_;
+  const auto check = [&](std::int64_t) {
+    const Lock lock(writing_);
+    if (merging.is_ended) throw Error(QX_CANCELLED, "the collection is released");
+  };
+  while (true) {
+    {
+      Lock lock(writing_);
+      merging.changed.wait(lock, [&] { return merging.is_wanted || merging.is_ended; });
+      if (merging.is_ended) return;
+      merging.is_wanted = false;
+    }
+    const Lock running(merging.running);
+    Lock lock(writing_);
+    try {
+      for (std::vector<PartView> parts;
+           !(parts = choose_merged(shape_, *state_.get(), 0)).empty();) {
+        merge_segments(lock, std::move(parts), check);
+      }
+    } catch (const std::exception&) {
+      // Nothing has changed. The next change that wants a merge tries again.
+    }
+  }
+}
+
+void Collection::end_merging() {
+  {
+    const Lock lock(writing_);
+    merging_->is_ended = true;
+    merging_->changed.notify_one();
+  }
+  if (merging_->thread.joinable()) merging_->thread.join();
+}
+
+// ---- Views ----
+
+void View::upsert(const Rows& rows) {
+  Edit edit(shape_, state_, own_);
+  edit.upsert(rows);
+  state_ = edit.commit();
+  merge_segments();
+}
+
+std::int64_t View::remove(std::vector<Key> keys) {
+  Edit edit(shape_, state_, own_);
+  const std::int64_t removed = edit.remove(std::move(keys));
+  state_ = edit.commit();
+  return removed;
+}
+
+// Of a transaction that writes a lot. Without memory for it, later.
+void View::merge_segments() {
+  const std::vector<PartView> parts = choose_merged(shape_, state_, own_);
+  if (parts.empty()) return;
+  try {
+    Edit edit(shape_, state_, own_);
+    edit.replace(parts, merge(shape_, parts, {}));
+    state_ = edit.commit();
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+}  // namespace qx::collection

@@ -1,0 +1,81 @@
+// A collection: the published state, its one writer at a time, and the thread that merges segments.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "state/edit.h"
+#include "threads/fork.h"
+#include "threads/pool.h"
+#include "threads/published.h"
+
+namespace qx::collection {
+
+class Collection {
+ public:
+  Collection(Shape shape, int threads, bool is_manual);
+  ~Collection();
+  Collection(const Collection&) = delete;
+
+  const Shape& shape() const { return shape_; }
+  int threads() const { return threads_; }
+  std::shared_ptr<const State> state() const { return state_.get(); }
+
+  void upsert(const Rows& rows);
+  std::int64_t remove(std::vector<Key> keys);
+  void compact(const Progress& progress);
+
+  // Adds a segment whose ids have no row. For an empty collection.
+  void adopt(std::shared_ptr<Segment> segment);
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+
+  // What another thread does when segments are to be merged. A child of a fork has another one.
+  struct Merging {
+    std::mutex running;  // held during a merge
+    std::condition_variable changed;
+    bool is_wanted = false;
+    bool is_ended = false;
+    std::thread thread;
+  };
+
+  template <typename Change>
+  auto change(Change change);
+  void publish(const Lock&, Edit& edit);
+  void merge_segments(Lock& lock, std::vector<PartView> parts,
+                      const std::function<void(std::int64_t)>& check);
+  void want_merging(const Lock&);
+  void keep_merging();
+  void end_merging();
+
+  const Shape shape_;
+  const int threads_;
+  const bool is_manual_;
+  std::mutex writing_;
+  Published<State> state_;
+  std::unique_ptr<Merging> merging_ = std::make_unique<Merging>();
+  ForkGuard fork_guard_;
+};
+
+// The rows that one caller sees: those of a collection at one moment, and its own changes.
+class View {
+ public:
+  explicit View(const Collection& collection)
+      : shape_(collection.shape()), state_(*collection.state()), own_(state_.parts.size()) {}
+
+  const State& state() const { return state_; }
+  void upsert(const Rows& rows);
+  std::int64_t remove(std::vector<Key> keys);
+  const Shape& shape() const { return shape_; }
+
+ private:
+  void merge_segments();
+
+  const Shape& shape_;
+  State state_;
+  std::size_t own_;
+};
+
+}  // namespace qx::collection

@@ -1,0 +1,243 @@
+#include "state/edit.h"
+
+#include <algorithm>
+#include <bit>
+#include <map>
+#include <numeric>
+
+namespace qx::collection {
+namespace {
+
+// The rows in the order of their ids, of each id the last one.
+std::vector<std::size_t> order_of(const std::vector<Key>& keys) {
+  std::vector<std::size_t> order(keys.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  const auto key = [&](std::size_t row) -> const Key& { return keys[row]; };
+  if (!std::ranges::is_sorted(order, {}, key)) std::ranges::stable_sort(order, {}, key);
+  const auto same_id = [&](std::size_t a, std::size_t b) { return keys[a] == keys[b]; };
+  const auto last = std::unique(order.rbegin(), order.rend(), same_id);
+  order.erase(order.begin(), last.base());
+  return order;
+}
+
+// A segment of `count` rows, which are asked for by their number.
+template <typename KeyOf, typename VectorOf, typename ValueOf>
+std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key, VectorOf vector,
+                               ValueOf value, const std::function<void(std::int64_t)>& check) {
+  constexpr std::size_t kCheckedRows = 4096;
+  const auto rows = static_cast<std::int64_t>(count);
+  SegmentBuilder builder(shape, rows);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (i % kCheckedRows == 0 && check) check(static_cast<std::int64_t>(i));
+    builder.add_id(key(i));
+    std::copy_n(vector(i), shape.dim, builder.vector(static_cast<std::int64_t>(i)));
+  }
+  for (std::size_t c = 0; c < shape.schema.size(); ++c) {
+    builder.add_column(Column::of(shape.schema[c].type, rows, [&](std::int64_t row) {
+      return value(static_cast<std::size_t>(row), c);
+    }));
+  }
+  return builder.finish();
+}
+
+// Segments of one size, as powers of four, that may stand beside each other. More of them slow
+// searches, and fewer make each row be copied more often.
+constexpr std::int64_t kMostOfASize = 6;
+
+int size_class(const PartView& view, const Shape& shape) {
+  std::int64_t least = Tail::capacity_of(shape);
+  int size = 0;
+  for (; view.rows > 2 * least; least *= 4) ++size;
+  return size;
+}
+
+}  // namespace
+
+std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own) {
+  std::map<int, std::vector<PartView>> sizes;
+  for (std::size_t p = own; p < state.parts.size(); ++p) {
+    const PartView& view = state.parts[p];
+    if (view.segment == nullptr) continue;
+    if (4 * view.dead > view.rows) return {view};
+    sizes[size_class(view, shape)].push_back(view);
+  }
+  for (auto& [size, views] : sizes) {
+    if (std::ssize(views) >= kMostOfASize) return std::move(views);
+  }
+  return {};
+}
+
+std::vector<Key> keys_of(const Shape& shape, QxIds ids) {
+  require(ids.count >= 0, [&] { return "the number of ids is " + std::to_string(ids.count); });
+  std::vector<Key> keys(static_cast<std::size_t>(ids.count));
+  const bool given = shape.has_texts ? ids.texts != nullptr : ids.numbers != nullptr;
+  require(given || keys.empty(), [&] {
+    return std::string("the ids of this collection are ") + (shape.has_texts ? "texts" : "numbers");
+  });
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (!shape.has_texts) {
+      keys[i].number = ids.numbers[i];
+      continue;
+    }
+    const QxText& text = ids.texts[i];
+    require(text.size >= 0 && (text.data != nullptr || text.size == 0),
+            [&] { return "id " + std::to_string(i) + " is no text"; });
+    if (text.size > 0) keys[i].text = {text.data, static_cast<std::size_t>(text.size)};
+  }
+  return keys;
+}
+
+void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim) {
+  const std::size_t width = static_cast<std::size_t>(dim);
+  const auto is_finite = [](float number) {
+    constexpr std::uint32_t kExponent = 0x7F800000u;
+    return (std::bit_cast<std::uint32_t>(number) & kExponent) != kExponent;
+  };
+  for (std::size_t row = 0; row < count; ++row) {
+    const float* const vector = vectors + row * width;
+    bool all = true;  // without a branch for each component
+    for (std::size_t i = 0; i < width; ++i) all &= is_finite(vector[i]);
+    require(all, [&] {
+      const auto place = std::find_if_not(vector, vector + width, is_finite) - vector;
+      return "component " + std::to_string(place) + " of " + what + " " + std::to_string(row) +
+             " is not finite";
+    });
+  }
+}
+
+Rows::Rows(const Shape& shape, QxIds ids, const float* vectors, const QxValues* values)
+    : shape_(shape), keys_(keys_of(shape, ids)), vectors_(vectors), values_(values) {
+  require(keys_.empty() || vectors != nullptr, [] { return "there are no vectors"; });
+  require_finite("vector", vectors, keys_.size(), shape.dim);
+  check_values(values, shape.schema, ids.count);
+}
+
+const float* Rows::vector(std::size_t row) const {
+  return vectors_ + row * static_cast<std::size_t>(shape_.dim);
+}
+
+Value Rows::value(std::size_t row, std::size_t column) const {
+  if (values_ == nullptr) return {};
+  return value_of(values_[column], shape_.schema[column].type, static_cast<std::int64_t>(row));
+}
+
+std::vector<PartView>::iterator Edit::tail() {
+  return std::find_if(next_.parts.begin() + static_cast<std::ptrdiff_t>(own_), next_.parts.end(),
+                      [](const PartView& view) { return view.segment == nullptr; });
+}
+
+void Edit::add(std::shared_ptr<Segment> segment) {
+  const Segment* const same = segment.get();
+  next_.parts.push_back({std::move(segment), same, same->rows(), 0, 0, nullptr});
+}
+
+void Edit::upsert(const Rows& rows) {
+  const std::vector<std::size_t> order = order_of(rows.keys());
+  const auto count = static_cast<std::int64_t>(order.size());
+  const std::int64_t capacity = Tail::capacity_of(shape_);
+  const bool is_bulk = count >= capacity;
+  if (!is_bulk && tail() != next_.parts.end() && tail()->rows + count > capacity) seal_tail();
+  find_replaced(rows.keys());
+  if (!is_bulk) return append(rows, order);
+  add(build(
+      shape_, order.size(), [&](std::size_t i) { return rows.keys()[order[i]]; },
+      [&](std::size_t i) { return rows.vector(order[i]); },
+      [&](std::size_t i, std::size_t c) { return rows.value(order[i], c); }, {}));
+}
+
+void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
+  if (order.empty()) return;
+  if (tail() == next_.parts.end()) {
+    next_.parts.push_back({std::make_shared<Tail>(shape_), nullptr, 0, 0, 0, nullptr});
+  }
+  PartView& view = *tail();
+  auto& part = static_cast<Tail&>(*view.part);
+  std::vector<Value> values(shape_.schema.size());
+  for (const std::size_t row : order) {
+    for (std::size_t c = 0; c < values.size(); ++c) values[c] = rows.value(row, c);
+    part.write(view.rows++, rows.keys()[row], rows.vector(row), values);
+  }
+}
+
+void Edit::seal_tail() {
+  const auto view = tail();
+  if (view == next_.parts.end()) return;
+  std::shared_ptr<Segment> segment = merge(shape_, {*view}, {});
+  next_.parts.erase(view);
+  if (segment != nullptr) add(std::move(segment));
+}
+
+std::int64_t Edit::remove(std::vector<Key> keys) {
+  std::ranges::sort(keys);
+  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  return find_replaced(keys);
+}
+
+// Notes the rows that the ids have, and allocates what is needed to kill them. An id may repeat.
+std::int64_t Edit::find_replaced(const std::vector<Key>& keys) {
+  for (const Key& key : keys) {
+    const Location at = next_.find(key);
+    if (at.exists()) killed_.push_back(at);
+  }
+  std::ranges::sort(killed_);
+  killed_.erase(std::unique(killed_.begin(), killed_.end()), killed_.end());
+  for (const Location at : killed_) {
+    PartView& view = next_.parts[at.part()];
+    if (at.part() >= own_ || view.hidden != nullptr) continue;
+    view.hidden = std::make_shared<std::vector<std::uint64_t>>((view.rows + 63) / 64);
+  }
+  return std::ssize(killed_);
+}
+
+void Edit::kill(Location at) {
+  PartView& view = next_.parts[at.part()];
+  ++view.dead;
+  if (at.part() < own_) {
+    (*view.hidden)[static_cast<std::size_t>(at.row() / 64)] |= std::uint64_t{1} << at.row() % 64;
+  } else {
+    view.part->liveness.kill(at.row(), view.seen + 1);
+  }
+}
+
+// All rows that a change kills in a part die by one number.
+State Edit::commit() noexcept {
+  for (const Location at : killed_) kill(at);
+  for (std::size_t i = 0; i < killed_.size(); ++i) {
+    const bool is_last = i + 1 == killed_.size() || killed_[i + 1].part() != killed_[i].part();
+    if (is_last) ++next_.parts[killed_[i].part()].seen;
+  }
+  return std::move(next_);
+}
+
+// Rows that died since they were merged die in the new segment too.
+void Edit::replace(const std::vector<PartView>& merged, std::shared_ptr<Segment> segment) {
+  for (const PartView& before : merged) {
+    const auto now = std::ranges::find(next_.parts, before.part, &PartView::part);
+    for (std::int64_t row = 0; segment != nullptr && row < before.rows; ++row) {
+      if (!before.is_visible(row) || now->is_visible(row)) continue;
+      const std::int64_t at = segment->lower_bound(before.part->key(row));
+      killed_.emplace_back(next_.parts.size() - merged.size(), at);
+    }
+  }
+  std::erase_if(next_.parts, [&](const PartView& view) {
+    return std::ranges::find(merged, view.part, &PartView::part) != merged.end();
+  });
+  if (segment != nullptr) add(std::move(segment));
+}
+
+std::shared_ptr<Segment> merge(const Shape& shape, const std::vector<PartView>& parts,
+                               const std::function<void(std::int64_t)>& check) {
+  const State state{parts};
+  std::vector<Location> order;
+  order.reserve(static_cast<std::size_t>(state.visible_rows()));
+  Cursor cursor(state, nullptr);
+  for (Location at; cursor.next(&at);) order.push_back(at);
+  if (order.empty()) return nullptr;
+  return build(
+      shape, order.size(), [&](std::size_t i) { return state.key(order[i]); },
+      [&](std::size_t i) { return state.part(order[i]).vector(order[i].row()); },
+      [&](std::size_t i, std::size_t c) { return state.part(order[i]).value(order[i].row(), c); },
+      check);
+}
+
+}  // namespace qx::collection

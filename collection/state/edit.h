@@ -1,0 +1,70 @@
+// Changes of a state, made alike for a collection and for a view. Everything that can fail comes
+// first; then the changes are made, and nothing can.
+#pragma once
+
+#include <functional>
+
+#include "state/state.h"
+
+namespace qx::collection {
+
+// Rows as the host gives them, checked.
+class Rows {
+ public:
+  Rows(const Shape& shape, QxIds ids, const float* vectors, const QxValues* values);
+  const std::vector<Key>& keys() const { return keys_; }
+  const float* vector(std::size_t row) const;
+  Value value(std::size_t row, std::size_t column) const;
+
+ private:
+  const Shape& shape_;
+  std::vector<Key> keys_;
+  const float* vectors_;
+  const QxValues* values_;
+};
+
+// Ids as the host gives them, checked.
+std::vector<Key> keys_of(const Shape& shape, QxIds ids);
+
+// Refuses vectors with a NaN or an infinity.
+void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim);
+
+class Edit {
+ public:
+  // Of a state whose parts from `own` on belong to the caller. Rows of the others are hidden from
+  // the new state; those of own parts are killed.
+  Edit(const Shape& shape, const State& state, std::size_t own)
+      : shape_(shape), next_(state), own_(own) {}
+
+  // At most one of these calls.
+  void upsert(const Rows& rows);
+  std::int64_t remove(std::vector<Key> keys);  // returns how many had a row
+  void seal_tail();
+  // Puts a segment of the rows that were visible in `merged` in their place.
+  void replace(const std::vector<PartView>& merged, std::shared_ptr<Segment> segment);
+
+  // Makes the changes, and gives the state that has them. Earlier states do not change.
+  State commit() noexcept;
+
+ private:
+  void append(const Rows& rows, const std::vector<std::size_t>& order);
+  std::int64_t find_replaced(const std::vector<Key>& keys);
+  void kill(Location at);
+  // The tail that takes rows, or past the end.
+  std::vector<PartView>::iterator tail();
+  void add(std::shared_ptr<Segment> segment);
+
+  const Shape& shape_;
+  State next_;
+  std::size_t own_;
+  std::vector<Location> killed_;
+};
+
+// The own segments that should become one: of which a quarter of the rows is dead, or small ones.
+std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own);
+
+// One segment of the visible rows of some parts; null if there is none. `check(done)` may throw.
+std::shared_ptr<Segment> merge(const Shape& shape, const std::vector<PartView>& parts,
+                               const std::function<void(std::int64_t)>& check);
+
+}  // namespace qx::collection

@@ -1,0 +1,104 @@
+#include "state/segment.h"
+
+#include <algorithm>
+#include <new>
+
+#include "store/base.h"
+#include "store/codes.h"
+#include "support/memory.h"
+
+namespace qx::collection {
+namespace {
+
+std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
+
+// Beside the ids: vectors, the engine's two tables, codes, deaths.
+std::int64_t bytes_of(const Shape& shape, std::int64_t rows) {
+  const std::int64_t dim = shape.dim;
+  const std::int64_t codes = is_worth_coding(rows, dim) ? rows * (dim + 6) + 4096 : 0;
+  return rows * (4 * dim + 16 + 4 + 8) + codes + 1024;
+}
+
+}  // namespace
+
+Segment::~Segment() { qx_index_free(index_); }
+
+Key Segment::key(std::int64_t row) const {
+  if (text_starts_.empty()) return {numbers_[at(row)], {}};
+  const std::uint64_t start = text_starts_[at(row)];
+  return {0, std::string_view(texts_).substr(start, text_starts_[at(row) + 1] - start)};
+}
+
+const float* Segment::vector(std::int64_t row) const {
+  return index_->base_vectors + row * dim_of(*index_);
+}
+
+Value Segment::value(std::int64_t row, std::size_t column) const {
+  return columns_[column].at(row);
+}
+
+std::int64_t Segment::lower_bound(const Key& wanted) const {
+  std::int64_t low = 0;
+  for (std::int64_t count = rows_; count > 0;) {
+    const std::int64_t half = count / 2;
+    const bool below = key(low + half) < wanted;
+    low = below ? low + half + 1 : low;
+    count = below ? count - half - 1 : half;
+  }
+  return low;
+}
+
+std::int64_t Segment::find(const Key& wanted, std::int64_t, std::uint32_t seen) const {
+  const std::int64_t row = lower_bound(wanted);
+  const bool found = row < rows_ && key(row) == wanted && liveness.is_alive(row, seen);
+  return found ? row : -1;
+}
+
+void Segment::filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
+                     std::uint64_t* words) const {
+  std::vector<std::uint64_t> passing(at((count + 63) / 64));
+  predicate.evaluate(columns_, first, count, passing.data());
+  for (std::size_t i = 0; i < passing.size(); ++i) words[i] &= passing[i];
+}
+
+SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
+    : shape_(shape), segment_(new Segment(rows)) {
+  segment_->share_ = {shape.budget, bytes_of(shape, rows)};
+  vectors_ = static_cast<float*>(try_allocate(rows * shape.dim * std::int64_t{sizeof(float)}));
+  if (vectors_ == nullptr && rows > 0) throw std::bad_alloc();
+  if (shape.has_texts) {
+    segment_->text_starts_.reserve(at(rows) + 1);
+    segment_->text_starts_.push_back(0);
+    segment_->share_.grow(8);
+  } else {
+    segment_->numbers_.reserve(at(rows));
+  }
+}
+
+SegmentBuilder::~SegmentBuilder() { release(vectors_); }
+
+void SegmentBuilder::add_id(const Key& key) {
+  if (!shape_.has_texts) return segment_->numbers_.push_back(key.number);
+  segment_->texts_.append(key.text);
+  segment_->text_starts_.push_back(segment_->texts_.size());
+}
+
+float* SegmentBuilder::vector(std::int64_t row) { return vectors_ + row * shape_.dim; }
+
+void SegmentBuilder::add_column(Column column) {
+  segment_->share_.grow(column.bytes());
+  segment_->columns_.push_back(std::move(column));
+}
+
+std::shared_ptr<Segment> SegmentBuilder::finish() {
+  segment_->texts_.shrink_to_fit();
+  segment_->share_.grow(static_cast<std::int64_t>(segment_->texts_.size()));
+  void* const block = try_allocate(sizeof(QxIndex));
+  if (block == nullptr) throw std::bad_alloc();
+  segment_->index_ = new (block) QxIndex;
+  if (!adopt_base(*segment_->index_, vectors_, segment_->rows_, shape_.dim)) throw std::bad_alloc();
+  vectors_ = nullptr;
+  return std::move(segment_);
+}
+
+}  // namespace qx::collection

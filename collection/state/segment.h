@@ -1,0 +1,58 @@
+// A segment: rows in ascending order of their ids, in an index of the engine. Arrival there is the
+// order of ids, so the engine's rule for equal scores is the collection's.
+#pragma once
+
+#include <string>
+
+#include "state/part.h"
+#include "store/qx_index.h"
+
+namespace qx::collection {
+
+class Segment final : public Part {
+ public:
+  ~Segment() override;
+  Key key(std::int64_t row) const override;
+  const float* vector(std::int64_t row) const override;
+  Value value(std::int64_t row, std::size_t column) const override;
+  std::int64_t find(const Key& key, std::int64_t rows, std::uint32_t seen) const override;
+  std::int64_t lower_bound(const Key& key) const override;
+  void filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
+              std::uint64_t* words) const override;
+
+  std::int64_t rows() const { return rows_; }
+  const QxIndex& index() const { return *index_; }
+
+ private:
+  friend class SegmentBuilder;
+  explicit Segment(std::int64_t rows) : Part(rows), rows_(rows) {}
+
+  std::int64_t rows_;
+  QxIndex* index_ = nullptr;
+  std::vector<std::int64_t> numbers_;       // of ids that are numbers
+  std::vector<std::uint64_t> text_starts_;  // of ids that are texts: rows + 1, in texts_
+  std::string texts_;
+  std::vector<Column> columns_;
+  Budget::Share share_;
+};
+
+// Use: add every id, fill every vector, add every column, finish.
+class SegmentBuilder {
+ public:
+  // Throws std::bad_alloc if there is no memory for the rows.
+  SegmentBuilder(const Shape& shape, std::int64_t rows);
+  ~SegmentBuilder();
+  SegmentBuilder(const SegmentBuilder&) = delete;
+
+  void add_id(const Key& key);  // ascending
+  float* vector(std::int64_t row);
+  void add_column(Column column);
+  std::shared_ptr<Segment> finish();
+
+ private:
+  const Shape& shape_;
+  float* vectors_ = nullptr;
+  std::shared_ptr<Segment> segment_;
+};
+
+}  // namespace qx::collection

@@ -1,0 +1,42 @@
+// A tail: the latest rows, in the order in which they came. One writer appends; a reader sees no
+// more rows than the state says that it took.
+#pragma once
+
+#include <deque>
+#include <string>
+
+#include "state/part.h"
+
+namespace qx::collection {
+
+class Tail final : public Part {
+ public:
+  explicit Tail(const Shape& shape);
+  ~Tail() override;
+  Key key(std::int64_t row) const override;
+  const float* vector(std::int64_t row) const override { return vectors_ + row * shape_.dim; }
+  Value value(std::int64_t row, std::size_t column) const override;
+  std::int64_t find(const Key& key, std::int64_t rows, std::uint32_t seen) const override;
+  void filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
+              std::uint64_t* words) const override;
+
+  // How many rows a tail of this shape has room for: few enough that scoring all of them is quick.
+  static std::int64_t capacity_of(const Shape& shape);
+
+  // Writes row `row`, which no state has yet. A writer that fails may write it again.
+  void write(std::int64_t row, const Key& key, const float* vector,
+             const std::vector<Value>& values);
+
+ private:
+  std::string_view keep(std::string_view text);
+
+  const Shape& shape_;
+  Budget::Share share_;
+  float* vectors_;
+  std::unique_ptr<std::uint64_t[]> hashes_;
+  std::unique_ptr<Key[]> keys_;
+  std::unique_ptr<Value[]> values_;  // row after row
+  std::deque<std::string> texts_;    // of keys and values; the writer's
+};
+
+}  // namespace qx::collection
