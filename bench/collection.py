@@ -1,0 +1,307 @@
+"""Times the collection beside its peers: one process, contestants interleaved, medians of rounds.
+
+    bench/collection [--quick] [SECTION]...
+"""
+import argparse
+import ctypes
+import os
+import statistics
+import tempfile
+import threading
+import time
+
+import faiss
+import numpy
+
+LIBRARY = os.environ["QX_COLLECTION"]
+
+
+class Ids(ctypes.Structure):
+    _fields_ = [("count", ctypes.c_int64), ("numbers", ctypes.c_void_p), ("texts", ctypes.c_void_p)]
+
+
+class Options(ctypes.Structure):
+    _fields_ = [("dim", ctypes.c_int32), ("id_kind", ctypes.c_int32), ("columns", ctypes.c_void_p),
+                ("n_columns", ctypes.c_int32), ("threads", ctypes.c_int32),
+                ("memory_limit", ctypes.c_int64), ("manual", ctypes.c_int32)]
+
+
+class Search(ctypes.Structure):
+    _fields_ = [("filter", ctypes.c_char_p), ("among", ctypes.c_void_p), ("accept", ctypes.c_void_p),
+                ("accept_context", ctypes.c_void_p), ("progress", ctypes.c_void_p),
+                ("progress_context", ctypes.c_void_p), ("threads", ctypes.c_int32)]
+
+
+class Stats(ctypes.Structure):
+    _fields_ = [(name, ctypes.c_int64) for name in ("rows", "dead", "tail", "segments", "bytes")]
+
+
+class Collection:
+    """As much of the C interface as the figures need."""
+
+    def __init__(self, dim, handle=None):
+        self.c = ctypes.CDLL(LIBRARY)
+        self.c.qx_collection_message.restype = ctypes.c_char_p
+        self.dim = dim
+        self.handle = handle or ctypes.c_void_p()
+        if handle is None:
+            self.call("new", ctypes.byref(Options(dim=dim)), ctypes.byref(self.handle))
+
+    def call(self, name, *arguments):
+        if getattr(self.c, "qx_collection_" + name)(*arguments) != 0:
+            raise RuntimeError(self.c.qx_collection_message().decode())
+
+    def upsert(self, ids, vectors):
+        self.call("upsert", self.handle, Ids(len(ids), ids.ctypes.data, None),
+                  ctypes.c_void_p(vectors.ctypes.data), None)
+
+    def search(self, queries, k, threads):
+        hits = ctypes.c_void_p()
+        options = Search(threads=threads)
+        self.call("search", self.handle, None, ctypes.c_void_p(queries.ctypes.data),
+                  ctypes.c_int64(queries.size // self.dim), ctypes.c_int64(k),
+                  ctypes.byref(options), ctypes.byref(hits))
+        self.c.qx_hits_free(hits)
+
+    def best(self, query):
+        """The id of the best row, to compare answers."""
+        hits = ctypes.c_void_p()
+        self.call("search", self.handle, None, ctypes.c_void_p(query.ctypes.data), ctypes.c_int64(1),
+                  ctypes.c_int64(1), None, ctypes.byref(hits))
+        fields = ctypes.cast(hits, ctypes.POINTER(ctypes.c_int64))
+        found = ctypes.cast(fields[3], ctypes.POINTER(ctypes.c_int64))[0]
+        self.c.qx_hits_free(hits)
+        return found
+
+    def compact(self):
+        self.call("compact", self.handle, None, None)
+
+    def bytes(self):
+        stats = Stats()
+        self.c.qx_collection_stats(self.handle, ctypes.byref(stats))
+        return stats.bytes
+
+    def save(self, path):
+        self.call("save", self.handle, None, path.encode(), None, None)
+
+    @classmethod
+    def load(cls, path, dim):
+        handle = ctypes.c_void_p()
+        made = cls(dim, handle)
+        made.call("load", path.encode(), None, None, None, ctypes.byref(handle))
+        return made
+
+    def close(self):
+        self.c.qx_collection_free(self.handle)
+
+
+def gaussian(rows, dim, seed=1):
+    return numpy.random.default_rng(seed).standard_normal((rows, dim), dtype=numpy.float32)
+
+
+def filled(rows):
+    collection = Collection(rows.shape[1])
+    collection.upsert(numpy.arange(len(rows), dtype=numpy.int64), rows)
+    return collection
+
+
+def interleaved(contestants, rounds):
+    """The median seconds of each of the named functions."""
+    times = {name: [] for name in contestants}
+    names = list(contestants)
+    for function in contestants.values():
+        function()
+    for turn in range(rounds):
+        for name in names[turn % len(names):] + names[:turn % len(names)]:
+            began = time.perf_counter()
+            contestants[name]()
+            times[name].append(time.perf_counter() - began)
+    return {name: statistics.median(all_times) for name, all_times in times.items()}
+
+
+def table(title, medians):
+    ours = next(iter(medians.values()))
+    print(f"\n{title}")
+    for name, seconds in medians.items():
+        print(f"  {name:34} {seconds * 1e3:10.3f} ms   x {seconds / ours:.2f}")
+
+
+def faiss_search(index, queries, k, threads):
+    faiss.omp_set_num_threads(threads)
+    index.search(queries, k)
+
+
+def flat(rows):
+    index = faiss.IndexFlatIP(rows.shape[1])
+    index.add(rows)
+    return index
+
+
+def single(quick):
+    """One query over rows in memory, by one thread and by two."""
+    for dim in (128, 768):
+        rows = gaussian((100 if quick else 500) * 2**20 // 4 // dim, dim)
+        queries = gaussian(64, dim, 2)
+        collection, index = filled(rows), flat(rows)
+        assert collection.best(queries[0]) == index.search(queries[:1], 1)[1][0][0]
+        turn = iter(range(10**9))
+        query = lambda: queries[next(turn) % 64:][:1]
+        table(f"one query of {len(rows)} x {dim}, k 10", interleaved({
+            "collection, 2 threads": lambda: collection.search(query(), 10, 2),
+            "collection, 1 thread": lambda: collection.search(query(), 10, 1),
+            "Faiss IndexFlat, 2 threads": lambda: faiss_search(index, query(), 10, 2),
+            "Faiss IndexFlat, 1 thread": lambda: faiss_search(index, query(), 10, 1)}, 21))
+        collection.close()
+
+
+def independent(quick):
+    """Two threads that search on their own: their searches in the time of one thread's."""
+    del quick
+    for megabytes, dim in ((12, 128), (500, 128)):
+        rows = gaussian(megabytes * 2**20 // 4 // dim, dim)
+        queries = gaussian(64, dim, 2)
+        collection = filled(rows)
+        count = 4000 // megabytes + 4
+
+        def work():
+            for i in range(count):
+                collection.search(queries[i % 64:][:1], 10, 1)
+
+        def both():
+            threads = [threading.Thread(target=work) for _ in range(2)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+
+        medians = interleaved({"one thread": work, "two threads, twice the searches": both}, 9)
+        table(f"independent searches, {megabytes} MB, d {dim}", medians)
+        print(f"  searches a second: {2 * list(medians.values())[0] / list(medians.values())[1]:.2f}"
+              " times one thread's")
+        collection.close()
+
+
+def batch(quick):
+    """100 queries over 100,000 x 384."""
+    rows = gaussian(20_000 if quick else 100_000, 384)
+    queries = gaussian(100, 384, 2)
+    collection, index = filled(rows), flat(rows)
+
+    def by_numpy():
+        scores = queries @ rows.T
+        best = numpy.argpartition(-scores, 10, axis=1)[:, :10]
+        order = numpy.argsort(-numpy.take_along_axis(scores, best, axis=1), axis=1)
+        return numpy.take_along_axis(best, order, axis=1)
+
+    assert collection.best(queries[0]) == by_numpy()[0][0]
+    table(f"100 queries of {len(rows)} x 384, k 10", interleaved({
+        "collection, 2 threads": lambda: collection.search(queries, 10, 2),
+        "collection, 1 thread": lambda: collection.search(queries, 10, 1),
+        "Faiss IndexFlat, 2 threads": lambda: faiss_search(index, queries, 10, 2),
+        "Faiss IndexFlat, 1 thread": lambda: faiss_search(index, queries, 10, 1),
+        "NumPy product and argpartition": by_numpy}, 15))
+    collection.close()
+
+
+def ties(quick):
+    """Queries for which every row has the same score, beside one that ranks."""
+    rows = gaussian(200_000 if quick else 1_000_000, 128)
+    rows[:, 7] = 1
+    collection = filled(rows)
+    query = gaussian(1, 128, 2)
+    one = numpy.zeros((1, 128), numpy.float32)
+    one[0, 7] = 1
+    null = numpy.zeros((1, 128), numpy.float32)
+    table(f"ties, {len(rows)} x 128, k 10", interleaved({
+        "a query that ranks": lambda: collection.search(query, 10, 2),
+        "one component, equal in all rows": lambda: collection.search(one, 10, 2),
+        "the null query": lambda: collection.search(null, 10, 2)}, 15))
+    collection.close()
+
+
+def changing(quick):
+    """Searches beside 10,000 upserts a second and a compaction, and the peak of memory."""
+    seconds = 4 if quick else 12
+    rows = gaussian(250_000, 128)
+    queries = gaussian(64, 128, 2)
+    collection = filled(rows)
+    new = gaussian(1000, 128, 3)
+
+    def measure():
+        times, end = [], time.perf_counter() + seconds
+        while time.perf_counter() < end:
+            began = time.perf_counter()
+            collection.search(queries[len(times) % 64:][:1], 10, 1)
+            times.append(time.perf_counter() - began)
+        times.sort()
+        return times[len(times) // 2], times[len(times) * 99 // 100]
+
+    stop, peak, written = threading.Event(), [0], [0]
+
+    def write():
+        random = numpy.random.default_rng(4)
+        began = time.perf_counter()
+        while not stop.is_set():
+            for i in range(10):
+                collection.upsert(random.integers(0, 250_000, 1), new[i:i + 1])
+            written[0] += 10
+            time.sleep(max(0.0, began + written[0] / 10_000 - time.perf_counter()))
+
+    def watch():
+        while not stop.is_set():
+            peak[0] = max(peak[0], collection.bytes())
+            time.sleep(0.001)
+
+    def compact():
+        time.sleep(0.1)
+        collection.compact()
+
+    quiet = measure()
+    threads = [threading.Thread(target=work) for work in (write, watch, compact)]
+    for thread in threads:
+        thread.start()
+    busy = measure()
+    stop.set()
+    for thread in threads:
+        thread.join()
+    collection.compact()
+    print(f"\nsearches of {len(rows)} x 128 beside changes, one thread each")
+    print(f"  quiet: median {quiet[0] * 1e3:.3f} ms, 99 % {quiet[1] * 1e3:.3f} ms")
+    print(f"  beside {written[0] / seconds:.0f} upserts a second and a compaction: median "
+          f"{busy[0] * 1e3:.3f} ms, 99 % {busy[1] * 1e3:.3f} ms: {busy[1] / quiet[1]:.2f} times")
+    print(f"  peak of memory: {peak[0] / collection.bytes():.2f} times the compacted rows")
+    collection.close()
+
+
+def files(quick):
+    """Saving and loading, of a file in the page cache."""
+    rows = gaussian((100 if quick else 1000) * 2**20 // 4 // 128, 128)
+    collection = filled(rows)
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "rows.qx")
+        collection.save(path)
+        size = os.path.getsize(path)
+        medians = interleaved({"save": lambda: collection.save(path),
+                               "load": lambda: Collection.load(path, 128).close()}, 5)
+    print(f"\na file of {size / 1e6:.0f} MB")
+    for name, took in medians.items():
+        print(f"  {name}: {took:.3f} s, {size / took / 1e9:.2f} GB/s")
+    collection.close()
+
+
+SECTIONS = {section.__name__: section
+            for section in (single, independent, batch, ties, changing, files)}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--quick", action="store_true", help="smaller data")
+    parser.add_argument("sections", nargs="*", metavar="SECTION", choices=[*SECTIONS, []],
+                        help=", ".join(SECTIONS))
+    options = parser.parse_args()
+    for name in options.sections or SECTIONS:
+        SECTIONS[name](options.quick)
+
+
+main()
