@@ -3,8 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
-#include <memory>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -14,6 +13,7 @@
 
 namespace qx::collection {
 
+// Numbered as QX_INTEGER and so on.
 enum class ColumnType : std::uint8_t { kInteger, kReal, kBoolean, kText };
 
 struct ColumnSchema {
@@ -36,24 +36,50 @@ Value value_of(const QxValues& values, ColumnType type, std::int64_t row);
 // and a size. `values` has n rows of each column of the schema, or is null.
 void check_values(const QxValues* values, const Schema& schema, std::int64_t n);
 
+// A value that is neither NULL nor a text as an integer, in the order of the values: an integer as
+// it is, false and true as 0 and 1, a real by its bits. -0.0 is right before 0.0; NaNs are beyond
+// the infinities.
+std::int64_t key_of(const Value& value);
+
 // One column of a segment. Texts are codes into a dictionary of the segment's distinct texts,
 // sorted by their bytes, so that a range of texts is a range of codes. A column without NULLs keeps
 // no bits for them; one that is all NULL keeps nothing at all.
 class Column {
  public:
-  // `at(row)` gives the values.
-  template <typename At>
-  static Column of(ColumnType type, std::int64_t rows, At at);
+  // `at(row)` gives the values, NULL or of this type, each called for once and in order; texts must
+  // live until this returns. Requires: fewer than 2^32 rows.
+  static Column of(ColumnType type, std::int64_t rows,
+                   const std::function<Value(std::int64_t row)>& at);
 
   ColumnType type() const { return type_; }
   std::int64_t rows() const { return rows_; }
+  // A text belongs to the column.
   Value at(std::int64_t row) const;
+  // On the heap.
   std::int64_t bytes() const;
 
+  // What the column keeps, for predicates. Arrays have whole words of 64 rows: zeros where a row is
+  // NULL or beyond the last.
+  bool is_all_null() const { return keys_.empty() && codes_.empty() && booleans_.empty(); }
+  const std::vector<std::int64_t>& keys() const { return keys_; }           // integers and reals
+  const std::vector<std::uint64_t>& booleans() const { return booleans_; }  // a bit each
+  const std::vector<std::uint32_t>& codes() const { return codes_; }        // texts
+  const std::vector<std::uint64_t>& known() const { return known_; }  // a bit each; empty: no NULL
+  std::int64_t texts() const { return static_cast<std::int64_t>(text_ends_.size()); }
+  std::string_view text(std::int64_t code) const;
+
  private:
-  // (to be designed)
+  Column(ColumnType type, std::int64_t rows) : type_(type), rows_(rows) {}
+  void set_texts(const std::vector<std::pair<std::string_view, std::uint32_t>>& sorted);
+
   ColumnType type_;
   std::int64_t rows_;
+  std::vector<std::int64_t> keys_;
+  std::vector<std::uint64_t> booleans_;
+  std::vector<std::uint32_t> codes_;
+  std::vector<std::uint64_t> known_;
+  std::vector<std::uint64_t> text_ends_;  // of each text of the dictionary, in text_bytes_
+  std::string text_bytes_;
 };
 
 }  // namespace qx::collection
