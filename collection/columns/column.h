@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -79,7 +80,7 @@ class Column {
   std::vector<std::uint32_t> codes_;
   std::vector<std::uint64_t> known_;
   std::vector<std::uint64_t> text_ends_;  // of each text of the dictionary, in text_bytes_
-  std::string text_bytes_;
+  std::vector<char> text_bytes_;
 };
 
 }  // namespace qx::collection

@@ -24,6 +24,8 @@
 
 namespace qx::collection {
 
+struct FilterNode;
+
 class Predicate {
  public:
   // Refuses a text that is no filter over these columns, with the place and what is expected there.
@@ -45,9 +47,8 @@ class Predicate {
   bool is_true_of(std::span<const Value> values) const;
 
  private:
-  struct Node;
-  explicit Predicate(std::unique_ptr<const Node> root);
-  std::unique_ptr<const Node> root_;
+  explicit Predicate(std::unique_ptr<const FilterNode> root);
+  std::unique_ptr<const FilterNode> root_;
 };
 
 }  // namespace qx::collection

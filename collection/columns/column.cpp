@@ -1,0 +1,180 @@
+#include "columns/column.h"
+
+#include <algorithm>
+#include <bit>
+#include <unordered_set>
+#include <utility>
+
+namespace qx::collection {
+namespace {
+
+constexpr std::int32_t kMostColumns = 1000;
+
+template <typename T>
+std::int64_t bytes_of(const std::vector<T>& array) {
+  return static_cast<std::int64_t>(array.capacity() * sizeof(T));
+}
+
+bool bit_of(const std::vector<std::uint64_t>& bits, std::int64_t row) {
+  return bits[static_cast<std::size_t>(row / 64)] >> (row % 64) & 1;
+}
+
+void set_bit(std::vector<std::uint64_t>& bits, std::int64_t row) {
+  bits[static_cast<std::size_t>(row / 64)] |= std::uint64_t{1} << (row % 64);
+}
+
+// A double's bits and its key: inverse to themselves.
+std::int64_t flip_if_negative(std::int64_t bits) { return bits < 0 ? bits ^ INT64_MAX : bits; }
+
+bool is_null(const QxValues& values, std::int64_t row) {
+  return values.nulls != nullptr && values.nulls[row] != 0;
+}
+
+}  // namespace
+
+Schema make_schema(const QxColumn* columns, std::int32_t n_columns) {
+  require(0 <= n_columns && n_columns <= kMostColumns, [&] {
+    return "n_columns is " + std::to_string(n_columns) + ", expected 0 to " +
+           std::to_string(kMostColumns);
+  });
+  require(columns != nullptr || n_columns == 0, [] { return "columns is null"; });
+  Schema schema;
+  std::unordered_set<std::string_view> names;
+  for (std::int32_t i = 0; i < n_columns; ++i) {
+    const char* name = columns[i].name;
+    const std::int32_t type = columns[i].type;
+    const auto problem = [i](const std::string& what) {
+      return "column " + std::to_string(i) + ' ' + what;
+    };
+    require(name != nullptr && *name != 0, [&] { return problem("has no name"); });
+    require(QX_INTEGER <= type && type <= QX_TEXT,
+            [&] { return problem("has type " + std::to_string(type) + ", expected 0 to 3"); });
+    require(names.insert(name).second,
+            [&] { return problem("has the name of another: " + std::string(name)); });
+    schema.push_back({name, static_cast<ColumnType>(type)});
+  }
+  return schema;
+}
+
+Value value_of(const QxValues& values, ColumnType type, std::int64_t row) {
+  if (is_null(values, row)) return {};
+  switch (type) {
+    case ColumnType::kInteger:
+      return values.integers == nullptr ? Value() : values.integers[row];
+    case ColumnType::kReal:
+      return values.reals == nullptr ? Value() : values.reals[row];
+    case ColumnType::kBoolean:
+      return values.booleans == nullptr ? Value() : values.booleans[row] != 0;
+    default:
+      break;
+  }
+  if (values.texts == nullptr) return {};
+  return std::string_view(values.texts[row].data, static_cast<std::size_t>(values.texts[row].size));
+}
+
+void check_values(const QxValues* values, const Schema& schema, std::int64_t n) {
+  for (std::size_t column = 0; values != nullptr && column < schema.size(); ++column) {
+    const QxText* texts = values[column].texts;
+    if (schema[column].type != ColumnType::kText || texts == nullptr) continue;
+    for (std::int64_t row = 0; row < n; ++row) {
+      if (is_null(values[column], row)) continue;
+      const std::int64_t size = texts[row].size;
+      require(size == 0 || (size > 0 && texts[row].data != nullptr), [&] {
+        return "value " + std::to_string(row) + " of column " + schema[column].name +
+               " is a text of " + std::to_string(size) +
+               (size < 0 ? " bytes" : " bytes whose data is null");
+      });
+    }
+  }
+}
+
+std::int64_t key_of(const Value& value) {
+  if (const auto* integer = std::get_if<std::int64_t>(&value)) return *integer;
+  if (const auto* boolean = std::get_if<bool>(&value)) return *boolean ? 1 : 0;
+  return flip_if_negative(std::bit_cast<std::int64_t>(std::get<double>(value)));
+}
+
+Column Column::of(ColumnType type, std::int64_t rows,
+                  const std::function<Value(std::int64_t row)>& at) {
+  Column column(type, rows);
+  const auto words = static_cast<std::size_t>((rows + 63) / 64);
+  column.known_.resize(words);
+  std::vector<std::pair<std::string_view, std::uint32_t>> texts;
+  if (type == ColumnType::kBoolean) {
+    column.booleans_.resize(words);
+  } else if (type == ColumnType::kText) {
+    column.codes_.resize(words * 64);
+    texts.reserve(static_cast<std::size_t>(rows));
+  } else {
+    column.keys_.resize(words * 64);
+  }
+  std::int64_t n_known = 0;
+  for (std::int64_t row = 0; row < rows; ++row) {
+    const Value value = at(row);
+    if (std::holds_alternative<std::monostate>(value)) continue;
+    ++n_known;
+    set_bit(column.known_, row);
+    if (const auto* text = std::get_if<std::string_view>(&value)) {
+      texts.emplace_back(*text, static_cast<std::uint32_t>(row));
+    } else if (type != ColumnType::kBoolean) {
+      column.keys_[static_cast<std::size_t>(row)] = key_of(value);
+    } else if (std::get<bool>(value)) {
+      set_bit(column.booleans_, row);
+    }
+  }
+  if (n_known == 0) return Column(type, rows);
+  if (n_known == rows) column.known_ = std::vector<std::uint64_t>();
+  std::ranges::sort(texts, {}, &std::pair<std::string_view, std::uint32_t>::first);
+  column.set_texts(texts);
+  return column;
+}
+
+void Column::set_texts(const std::vector<std::pair<std::string_view, std::uint32_t>>& sorted) {
+  const auto is_new = [&](std::size_t i) {
+    return i == 0 || sorted[i].first != sorted[i - 1].first;
+  };
+  std::size_t n_texts = 0, n_bytes = 0;
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    if (!is_new(i)) continue;
+    n_texts += 1;
+    n_bytes += sorted[i].first.size();
+  }
+  text_ends_.reserve(n_texts);
+  text_bytes_.reserve(n_bytes);
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    const auto& [text, row] = sorted[i];
+    if (is_new(i)) {
+      text_bytes_.insert(text_bytes_.end(), text.begin(), text.end());
+      text_ends_.push_back(text_bytes_.size());
+    }
+    codes_[row] = static_cast<std::uint32_t>(text_ends_.size() - 1);
+  }
+}
+
+Value Column::at(std::int64_t row) const {
+  if (is_all_null() || (!known_.empty() && !bit_of(known_, row))) return {};
+  const auto i = static_cast<std::size_t>(row);
+  switch (type_) {
+    case ColumnType::kInteger:
+      return keys_[i];
+    case ColumnType::kReal:
+      return std::bit_cast<double>(flip_if_negative(keys_[i]));
+    case ColumnType::kBoolean:
+      return bit_of(booleans_, row);
+    default:
+      return text(codes_[i]);
+  }
+}
+
+std::string_view Column::text(std::int64_t code) const {
+  const auto i = static_cast<std::size_t>(code);
+  const std::uint64_t begin = i == 0 ? 0 : text_ends_[i - 1];
+  return {text_bytes_.data() + begin, static_cast<std::size_t>(text_ends_[i] - begin)};
+}
+
+std::int64_t Column::bytes() const {
+  return bytes_of(keys_) + bytes_of(booleans_) + bytes_of(codes_) + bytes_of(known_) +
+         bytes_of(text_ends_) + bytes_of(text_bytes_);
+}
+
+}  // namespace qx::collection
