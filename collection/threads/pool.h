@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <thread>
 
 #include "qx_collection.h"
 
@@ -10,6 +11,11 @@ namespace qx::collection {
 
 // How many CPUs this process may use.
 int cpus();
+
+// Starts a thread of the library. It takes no signals of the host, and computes in the default
+// floating-point environment; the library stays loaded from then on, so that no thread loses its
+// code. Throws if the system refuses.
+std::thread start_thread(std::function<void()> body);
 
 // Tells the host how far a long call is, and hears whether to go on.
 class Progress {
@@ -27,7 +33,8 @@ class Progress {
 // threads at the same time, the calling one among them; `worker` is below `threads` and tells the
 // threads of this call apart. After an exception or a cancellation no further task is started; the
 // first one is thrown here, after the last task has ended. Progress is reported from the calling
-// thread, between its tasks. Tasks must not call this function.
+// thread, after each of its tasks: how many have ended on all threads. Tasks must not call this
+// function.
 void parallel_for(std::int64_t tasks, int threads, const Progress& progress,
                   const std::function<void(std::int64_t task, int worker)>& task);
 

@@ -2,16 +2,25 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <thread>
 
 namespace qx::collection {
 
 // Readers enter a gate for the few instructions in which they copy the pointer; a writer that has
-// replaced it waits until those who may have seen the old one have left. There are two counters of
-// readers: new readers use the one that `phase_` names, so a writer that has turned the phase waits
-// for a number that only falls. A reader can read the phase, sleep, and enter by the counter that a
-// writer is not looking at: so a writer turns and waits twice.
+// replaced it waits until those who may have seen the old one have left.
+//
+// All operations on atomics are in one order. A reader that loads the old pointer has counted
+// itself before, so before the writer's exchange; whichever counter it is in, the writer then sees
+// that counter at zero only after the reader has left. So it is enough to see each counter at zero
+// once after the exchange, and what that reader did happened before the old pointer is destroyed.
+// Later readers find the new pointer, and do not matter.
+//
+// Two counters, so that a stream of readers cannot keep the writer: new ones enter by the counter
+// that `phase_` names, and the writer turns the phase away from the counter before it waits for it.
+// From then on only those enter there who have read the phase before: at most one for each thread.
 template <typename T>
 class Published {
  public:
@@ -34,11 +43,25 @@ class Published {
     for (int turn = 0; turn < 2; ++turn) {
       const int left = phase_.load();
       phase_.store(1 - left);
-      while (readers_[left].load() != 0) std::this_thread::yield();
+      wait_until_empty(readers_[left]);
     }
   }
 
+  // In the child of a fork, where no thread is that may have been in get().
+  void forget_readers() noexcept { readers_[0] = readers_[1] = 0; }
+
  private:
+  // A reader that is not running may need this very CPU, at a lower priority.
+  static void wait_until_empty(const std::atomic<std::int64_t>& readers) noexcept {
+    for (int polls = 0; readers.load() != 0; ++polls) {
+      if (polls < 100) {
+        std::this_thread::yield();
+      } else {
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+    }
+  }
+
   std::atomic<std::shared_ptr<const T>*> current_;
   mutable std::atomic<std::int64_t> readers_[2] = {};
   std::atomic<int> phase_ = 0;
