@@ -60,10 +60,50 @@ struct Workspace {
   std::vector<float> scores;
 };
 
-// Every score of the null query is +0.0: the first rows are the best.
-bool is_null(const float* query, std::int32_t dim) {
-  return std::all_of(query, query + dim, [](float component) { return component == 0; });
-}
+// A query of few components that are not zero. Rows are finite, so the others leave every step of a
+// score's chain as it is: a row is read there alone, which makes a query for which all rows are
+// equal as quick as another, though no bound rules rows out.
+class SparseQuery {
+ public:
+  SparseQuery(const float* query, std::int64_t dim) : dim_(dim) {
+    for (std::int64_t j = 0; j < dim && count_ <= kMost; ++j) {
+      if (query[j] == 0) continue;
+      if (count_ < kMost) {
+        places_[count_] = j;
+        components_[count_] = query[j];
+      }
+      ++count_;
+    }
+    is_sparse_ = count_ <= kMost && kComponentsApart * count_ <= dim;
+  }
+  bool is_sparse() const { return is_sparse_; }
+
+  // Scores up to kMaskRows rows.
+  void score(const float* const* rows, std::int64_t count, float* scores) const {
+    float gathered[kMaskRows * kMost];
+    float* next = gathered;
+    for (std::int64_t i = 0; i < count; ++i) {
+      for (std::int64_t j = 0; j < count_; ++j) {
+        const float* const component = rows[i] + places_[j];
+        __builtin_prefetch(component + kRowsAhead * dim_);
+        *next++ = *component;
+      }
+    }
+    kernels().score_contiguous(gathered, count, count_, components_, CacheLevel::kL2, scores);
+  }
+
+ private:
+  static constexpr std::int64_t kMost = 8;
+  static constexpr std::int64_t kComponentsApart = 16;  // a cache line, of which each reads one
+
+  static constexpr std::int64_t kRowsAhead = 64;
+
+  std::int64_t dim_;
+  std::int64_t count_ = 0;
+  bool is_sparse_ = false;
+  std::int64_t places_[kMost];
+  float components_[kMost];
+};
 
 class Searcher {
  public:
@@ -85,12 +125,13 @@ class Searcher {
     space.rows.resize(room);
     space.scores.resize(room);
     for (std::int64_t q = task.first_query; q < task.first_query + task.queries; ++q) {
-      if (is_null(queries_.vector(q), queries_.dim)) {
-        take_first(task, q, words, slots, space);
-      } else if (state_.parts[task.part].segment != nullptr) {
-        scan_segment(task, q, words, slots, space);
-      } else {
+      const SparseQuery sparse(queries_.vector(q), queries_.dim);
+      if (state_.parts[task.part].segment == nullptr) {
         score_tail(task, q, words, space);
+      } else if (sparse.is_sparse()) {
+        score_segment(task, q, sparse, words, slots, space);
+      } else {
+        scan_segment(task, q, words, slots, space);
       }
     }
   }
@@ -105,6 +146,13 @@ class Searcher {
                                                   count);
   }
 
+  // Offers what is in the slots: those without a row are last.
+  void offer_found(const Task& task, std::int64_t query, std::int64_t slots,
+                   const Workspace& space) const {
+    while (slots > 0 && space.rows[static_cast<std::size_t>(slots - 1)] == kEmptyId) --slots;
+    offer(task, query, space, slots);
+  }
+
   void scan_segment(const Task& task, std::int64_t query, const std::uint64_t* words,
                     std::int64_t slots, Workspace& space) const {
     const QxIndex& index = state_.parts[task.part].segment->index();
@@ -113,50 +161,56 @@ class Searcher {
     scan.leave_out_below(best_[static_cast<std::size_t>(query)]->threshold());
     scan.add(span_of(task, index.base_ids + task.first, words));
     scan.finish();
-    std::int64_t found = slots;
-    while (found > 0 && space.rows[static_cast<std::size_t>(found - 1)] == kEmptyId) --found;
-    offer(task, query, space, found);
+    offer_found(task, query, slots, space);
   }
 
-  void score_tail(const Task& task, std::int64_t query, const std::uint64_t* words,
-                  Workspace& space) const {
+  // Calls visit(rows, vectors, count) for the selected rows, up to kMaskRows at a time.
+  template <typename Visit>
+  void for_each_rows(const Task& task, const std::uint64_t* words, Visit visit) const {
     const Part& part = *state_.parts[task.part].part;
     const RowSpan span = span_of(task, nullptr, words);
     for (std::int64_t offset = 0; offset < task.rows; offset += kMaskRows) {
+      std::int64_t rows[kMaskRows];
       const float* vectors[kMaskRows];
       std::int64_t count = 0;
       for_each_bit(span.mask(offset), [&](std::int64_t i) {
-        space.rows[static_cast<std::size_t>(count)] = task.first + offset + i;
+        rows[count] = task.first + offset + i;
         vectors[count++] = part.vector(task.first + offset + i);
       });
-      kernels().score_scattered(vectors, count, queries_.dim, queries_.vector(query),
-                                space.scores.data());
-      std::int64_t kept = 0;
-      for (std::int64_t i = 0; i < count; ++i) {
-        const float score = space.scores[static_cast<std::size_t>(i)];
-        space.scores[static_cast<std::size_t>(kept)] = score;
-        space.rows[static_cast<std::size_t>(kept)] = space.rows[static_cast<std::size_t>(i)];
-        kept += score > kEmptyScore ? 1 : 0;
-      }
-      offer(task, query, space, kept);
+      visit(rows, vectors, count);
     }
   }
 
-  void take_first(const Task& task, std::int64_t query, const std::uint64_t* words,
-                  std::int64_t slots, Workspace& space) const {
-    const bool is_sorted = state_.parts[task.part].segment != nullptr;
-    const RowSpan span = span_of(task, nullptr, words);
-    std::int64_t taken = 0;
-    for (std::int64_t offset = 0; offset < task.rows; offset += kMaskRows) {
-      std::int64_t count = 0;
-      for_each_bit(span.mask(offset), [&](std::int64_t i) {
-        space.rows[static_cast<std::size_t>(count++)] = task.first + offset + i;
-      });
-      std::fill_n(space.scores.begin(), count, 0.0f);
-      offer(task, query, space, count);
-      taken += count;
-      if (is_sorted && taken >= slots) return;
-    }
+  // Rows arrive in the order of their ids, which is the top-k buffer's among equals.
+  void score_segment(const Task& task, std::int64_t query, const SparseQuery& sparse,
+                     const std::uint64_t* words, std::int64_t slots, Workspace& space) const {
+    TopK topk(space.rows.data(), space.scores.data(), slots);
+    for_each_rows(task, words,
+                  [&](const std::int64_t* rows, const float* const* vectors, std::int64_t count) {
+                    float scores[kMaskRows];
+                    sparse.score(vectors, count, scores);
+                    topk.offer(scores, rows, count);
+                  });
+    topk.finish();
+    offer_found(task, query, slots, space);
+  }
+
+  // The rows of a tail are in no order.
+  void score_tail(const Task& task, std::int64_t query, const std::uint64_t* words,
+                  Workspace& space) const {
+    for_each_rows(task, words,
+                  [&](const std::int64_t* rows, const float* const* vectors, std::int64_t count) {
+                    float scores[kMaskRows];
+                    kernels().score_scattered(vectors, count, queries_.dim, queries_.vector(query),
+                                              scores);
+                    std::int64_t found = 0;
+                    for (std::int64_t i = 0; i < count; ++i) {
+                      space.rows[static_cast<std::size_t>(found)] = rows[i];
+                      space.scores[static_cast<std::size_t>(found)] = scores[i];
+                      found += scores[i] > kEmptyScore ? 1 : 0;
+                    }
+                    offer(task, query, space, found);
+                  });
   }
 
   const State& state_;

@@ -102,7 +102,7 @@ void Collection::want_merging(const Lock&) {
   merging_->changed.notify_one();
   if (merging_->thread.joinable()) return;
   try {
-    merging_->thread = std::thread([this] { keep_merging(); });
+    merging_->thread = start_thread([this] { keep_merging(); });
   } catch (const std::system_error&) {
   }
 }

@@ -4,7 +4,10 @@
 #include <stdexcept>
 #include <string>
 
+// The library is compiled with hidden visibility; the functions of the public header are not.
+#pragma GCC visibility push(default)
 #include "qx_collection.h"
+#pragma GCC visibility pop
 
 namespace qx::collection {
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <thread>
 
-#include "qx_collection.h"
+#include "support/error.h"
 
 namespace qx::collection {
 
