@@ -8,7 +8,8 @@ LONGEST_FUNCTION = 60
 WORDS = ["TO" + "DO", "FIX" + "ME", "X" + "XX", "ha" + "ck", "sim" + "ply", "obvi" + "ously"]
 BANNED = re.compile(r"\b(" + "|".join(WORDS) + r")\b", re.IGNORECASE)
 SOURCES = {".h", ".hpp", ".c", ".cpp"}
-FOLDERS = ("engine", "include", "tests", "examples", "checks", "bench", "bindings", "hosts")
+FOLDERS = ("engine", "include", "collection", "tests", "examples", "checks", "bench", "bindings",
+           "hosts")
 
 
 def functions(lines):
@@ -54,34 +55,45 @@ def unnamed():
         yield f"scripts/commands.txt: there is no check {name}"
 
 
-# What the files of a layer of the engine may include: their own layer and those below.
-LAYERS = {
+# What the files of a layer may include: their own layer and those below.
+ENGINE = {
     "interface": {"interface", "read", "store", "support"},
     "read": {"read", "store", "kernels", "support"},
     "store": {"store", "kernels", "support", "qx_runtime.h"},
     "kernels": {"kernels", "support"},
     "support": {"support"},
 }
+BELOW = {"columns", "threads", "support", "read", "store", "kernels"}
+COLLECTION = {
+    "include": {"qx_collection.h"},
+    "interface": {"interface", "files", "search", "state"} | BELOW,
+    "files": {"files", "state"} | BELOW,
+    "search": {"search", "state"} | BELOW,
+    "state": {"state"} | BELOW,
+    "columns": {"columns", "support"},
+    "threads": {"threads", "support"},
+    "support": {"support", "qx_collection.h"},
+}
 
 
-def upward_includes():
-    for path in sorted(pathlib.Path("engine").rglob("*.*")):
+def upward_includes(folder, layers):
+    for path in sorted(pathlib.Path(folder).rglob("*.*")):
         if path.suffix not in SOURCES:
             continue
-        layer = path.relative_to("engine").parts[0]
-        if layer not in LAYERS:
-            yield f"{path}: no file of the engine is outside of its layers"
+        layer = path.relative_to(folder).parts[0]
+        if layer not in layers:
+            yield f"{path}: no file of {folder} is outside of its layers"
             continue
         for name in re.findall(r'^#include "(.*)"$', path.read_text(encoding="utf-8"), re.MULTILINE):
-            if name.split("/")[0] not in LAYERS[layer]:
-                yield f"{path}: includes {name}, which is no part of {', '.join(sorted(LAYERS[layer]))}"
+            if name.split("/")[0] not in layers[layer]:
+                yield f"{path}: includes {name}, which is no part of {', '.join(sorted(layers[layer]))}"
 
 
 def main():
     paths = sorted(path for folder in FOLDERS for path in pathlib.Path(folder).rglob("*"))
     text = [path for path in paths if path.suffix in SOURCES or path.suffix in {".sh", ".md"}]
     findings = [finding for path in text for finding in findings_of(path)] + list(unnamed()) + \
-        list(upward_includes())
+        list(upward_includes("engine", ENGINE)) + list(upward_includes("collection", COLLECTION))
     print("\n".join(findings), end="\n" if findings else "")
     print(f"style: {len(text)} files, {len(findings)} findings")
     return 1 if findings else 0
