@@ -1,7 +1,9 @@
 #include "search/search.h"
 
 #include <algorithm>
+#include <span>
 
+#include "batch/batch.h"
 #include "kernels/kernels.h"
 #include "read/scan.h"
 #include "support/fp_environment.h"
@@ -34,21 +36,33 @@ std::int64_t queries_of_task(std::int64_t ranges, std::int64_t queries, int thre
   return threads == 1 ? queries : (queries + blocks - 1) / blocks;
 }
 
-std::vector<Task> split(const State& state, const Queries& queries, int threads) {
-  const std::int64_t most = rows_of_task(queries.dim, queries.count);
-  std::int64_t ranges = 0;
-  for (const PartView& view : state.parts) ranges += (view.rows + most - 1) / most;
-  std::vector<Task> tasks;
-  if (ranges == 0 || queries.count == 0) return tasks;
-  const std::int64_t together = queries_of_task(ranges, queries.count, threads);
-  for (std::size_t part = 0; part < state.parts.size(); ++part) {
-    const std::int64_t rows = state.parts[part].rows;
-    for (std::int64_t first = 0; first < rows; first += most) {
-      for (std::int64_t query = 0; query < queries.count; query += together) {
-        tasks.push_back({part, first, std::min(most, rows - first), query,
-                         std::min(together, queries.count - query)});
-      }
+// The tasks of rows [first, end) of a part.
+void split_part(std::size_t part, std::int64_t first, std::int64_t end, std::int64_t rows_each,
+                std::int64_t queries, std::int64_t queries_each, std::vector<Task>& tasks) {
+  for (; first < end; first += rows_each) {
+    for (std::int64_t query = 0; query < queries; query += queries_each) {
+      tasks.push_back({part, first, std::min(rows_each, end - first), query,
+                       std::min(queries_each, queries - query)});
     }
+  }
+}
+
+// Rows that are scanned before the others, so that a threshold of every query is known.
+struct Opening {
+  std::size_t part = 0;
+  std::int64_t rows = 0;
+};
+
+std::vector<Task> split(const State& state, const Queries& queries, const Opening& opening,
+                        int threads) {
+  const std::int64_t most = rows_of_task(queries.dim, queries.count);
+  std::int64_t ranges = 1;
+  for (const PartView& view : state.parts) ranges += (view.rows + most - 1) / most;
+  const std::int64_t together = queries_of_task(ranges, queries.count, threads);
+  std::vector<Task> tasks;
+  for (std::size_t part = 0; part < state.parts.size(); ++part) {
+    const std::int64_t first = part == opening.part ? opening.rows : 0;
+    split_part(part, first, state.parts[part].rows, most, queries.count, together, tasks);
   }
   return tasks;
 }
@@ -58,6 +72,12 @@ struct Workspace {
   std::vector<std::uint64_t> words;
   std::vector<std::int64_t> rows;
   std::vector<float> scores;
+  // Of a batch: rows that wait for their score, kMaskRows for each query, and how many they are.
+  std::vector<std::int64_t> waiting;
+  std::vector<std::int64_t> waiting_count;
+  std::vector<float> limits;
+  std::vector<Pair> pairs;
+  std::vector<std::uint8_t> unpacked;
 };
 
 // A query of few components that are not zero. Rows are finite, so the others leave every step of a
@@ -111,6 +131,12 @@ class Searcher {
            std::vector<std::unique_ptr<Best>>& best)
       : state_(state), selection_(selection), queries_(queries), k_(k), best_(best) {}
 
+  // From now on, all queries of a task are judged at once where codes allow.
+  void judge_together(const TileKernel& kernel, const CodedBatch& batch) {
+    kernel_ = &kernel;
+    batch_ = &batch;
+  }
+
   void run(const Task& task, Workspace& space) const {
     space.words.resize(static_cast<std::size_t>((task.rows + 63) / 64));
     const bool takes_all = selection_.way(task.part) == Selection::Way::kScan;
@@ -124,6 +150,7 @@ class Searcher {
     const auto room = static_cast<std::size_t>(std::max(slots, kMaskRows));
     space.rows.resize(room);
     space.scores.resize(room);
+    if (judges_together(task, selected)) return judge_segment(task, words, space);
     for (std::int64_t q = task.first_query; q < task.first_query + task.queries; ++q) {
       const SparseQuery sparse(queries_.vector(q), queries_.dim);
       if (state_.parts[task.part].segment == nullptr) {
@@ -144,6 +171,72 @@ class Searcher {
              std::int64_t count) const {
     best_[static_cast<std::size_t>(query)]->offer(task.part, space.rows.data(), space.scores.data(),
                                                   count);
+  }
+
+  // Few selected rows are judged sooner one by one.
+  bool judges_together(const Task& task, std::int64_t selected) const {
+    const Segment* const segment = state_.parts[task.part].segment;
+    return kernel_ != nullptr && segment != nullptr && segment->index().base_codes.rows > 0 &&
+           task.queries == queries_.count && 4 * selected >= task.rows;
+  }
+
+  void judge_segment(const Task& task, const std::uint64_t* words, Workspace& space) const {
+    const CodeView codes = view_of(state_.parts[task.part].segment->index().base_codes);
+    const auto queries = static_cast<std::size_t>(batch_->size());
+    space.waiting.resize(queries * kMaskRows);
+    space.waiting_count.assign(queries, 0);
+    space.limits.resize(queries);
+    space.pairs.resize(queries * TileKernel::kMostRows);
+    for (std::int64_t first = 0; first < task.rows; first += TileKernel::kMostRows) {
+      for (std::size_t q = 0; q < queries; ++q) {
+        space.limits[q] = bound_limit(best_[q]->threshold(), queries_.dim);
+      }
+      const std::int64_t rows = std::min(TileKernel::kMostRows, task.rows - first);
+      const std::int64_t pairs =
+          kernel_->judge(codes, task.first + first, rows, *batch_, space.limits.data(),
+                         space.unpacked, space.pairs.data());
+      for (const Pair& pair : std::span(space.pairs).first(static_cast<std::size_t>(pairs))) {
+        const std::int64_t row = first + pair.row;
+        const bool is_selected = words == nullptr || (words[row / 64] >> row % 64 & 1) != 0;
+        if (is_selected) add_waiting(task, pair.query, task.first + row, space);
+      }
+    }
+    for (std::int64_t q = 0; q < batch_->size(); ++q) score_waiting(task, q, space);
+  }
+
+  void add_waiting(const Task& task, std::int64_t query, std::int64_t row, Workspace& space) const {
+    std::int64_t& count = space.waiting_count[static_cast<std::size_t>(query)];
+    space.waiting[static_cast<std::size_t>(query * kMaskRows + count++)] = row;
+    for (std::int64_t j = 0; j < queries_.dim; j += 16) {
+      __builtin_prefetch(state_.parts[task.part].part->vector(row) + j);
+    }
+    if (count == kMaskRows) score_waiting(task, query, space);
+  }
+
+  void score_waiting(const Task& task, std::int64_t query, Workspace& space) const {
+    std::int64_t& count = space.waiting_count[static_cast<std::size_t>(query)];
+    const std::int64_t* const rows =
+        space.waiting.data() + static_cast<std::size_t>(query * kMaskRows);
+    const float* vectors[kMaskRows];
+    float scores[kMaskRows];
+    for (std::int64_t i = 0; i < count; ++i) {
+      vectors[i] = state_.parts[task.part].part->vector(rows[i]);
+    }
+    kernels().score_scattered(vectors, count, queries_.dim, queries_.vector(query), scores);
+    offer_above(task, query, rows, scores, count, space);
+    count = 0;
+  }
+
+  // Offers those rows whose scores are no NaN and not too low for every result.
+  void offer_above(const Task& task, std::int64_t query, const std::int64_t* rows,
+                   const float* scores, std::int64_t count, Workspace& space) const {
+    std::int64_t found = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+      space.rows[static_cast<std::size_t>(found)] = rows[i];
+      space.scores[static_cast<std::size_t>(found)] = scores[i];
+      found += scores[i] > kEmptyScore ? 1 : 0;
+    }
+    offer(task, query, space, found);
   }
 
   // Offers what is in the slots: those without a row are last.
@@ -203,13 +296,7 @@ class Searcher {
                     float scores[kMaskRows];
                     kernels().score_scattered(vectors, count, queries_.dim, queries_.vector(query),
                                               scores);
-                    std::int64_t found = 0;
-                    for (std::int64_t i = 0; i < count; ++i) {
-                      space.rows[static_cast<std::size_t>(found)] = rows[i];
-                      space.scores[static_cast<std::size_t>(found)] = scores[i];
-                      found += scores[i] > kEmptyScore ? 1 : 0;
-                    }
-                    offer(task, query, space, found);
+                    offer_above(task, query, rows, scores, count, space);
                   });
   }
 
@@ -218,7 +305,31 @@ class Searcher {
   const Queries& queries_;
   const std::int64_t k_;
   std::vector<std::unique_ptr<Best>>& best_;
+  const TileKernel* kernel_ = nullptr;
+  const CodedBatch* batch_ = nullptr;
 };
+
+// The beginning of the largest segment, where several queries are judged at once: that takes tiles,
+// codes of every query, and thresholds.
+Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
+                     CodedBatch& batch) {
+  constexpr std::int64_t kFewQueries = 8;
+  constexpr std::int64_t kLeastRows = 1024;
+  Opening opening;
+  if (TileKernel::find() == nullptr || queries.count < kFewQueries) return opening;
+  for (std::size_t part = 0; part < state.parts.size(); ++part) {
+    const PartView& view = state.parts[part];
+    if (view.segment == nullptr || view.segment->index().base_codes.rows == 0) continue;
+    if (view.rows > state.parts[opening.part].rows || opening.rows == 0) opening = {part, 1};
+  }
+  const std::int64_t wanted = std::max(kLeastRows, 4 * k / kCodeGroupRows * kCodeGroupRows);
+  if (opening.rows == 0 || state.parts[opening.part].rows < 4 * wanted) return {};
+  for (std::int64_t q = 0; q < queries.count; ++q) {
+    if (!batch.add(queries.vector(q))) return {};
+  }
+  opening.rows = wanted;
+  return opening;
+}
 
 }  // namespace
 
@@ -229,14 +340,27 @@ std::vector<std::vector<Hit>> search(const State& state, const Selection& select
   for (std::int64_t q = 0; q < queries.count; ++q) {
     best.push_back(std::make_unique<Best>(state, k));
   }
-  const std::vector<Task> tasks = split(state, queries, threads);
   std::vector<Workspace> spaces(static_cast<std::size_t>(threads));
-  const Searcher searcher(state, selection, queries, k, best);
-  parallel_for(std::ssize(tasks), threads, progress, [&](std::int64_t task, int worker) {
-    in_default_fp_environment([&] {
-      searcher.run(tasks[static_cast<std::size_t>(task)], spaces[static_cast<std::size_t>(worker)]);
+  Searcher searcher(state, selection, queries, k, best);
+  const auto run = [&](const std::vector<Task>& tasks) {
+    parallel_for(std::ssize(tasks), threads, progress, [&](std::int64_t task, int worker) {
+      in_default_fp_environment([&] {
+        searcher.run(tasks[static_cast<std::size_t>(task)],
+                     spaces[static_cast<std::size_t>(worker)]);
+      });
     });
-  });
+  };
+  CodedBatch batch(queries.dim);
+  Opening opening;
+  in_default_fp_environment([&] { opening = find_opening(state, queries, k, batch); });
+  if (opening.rows > 0) {
+    std::vector<Task> tasks;
+    split_part(opening.part, 0, opening.rows, opening.rows, queries.count,
+               queries_of_task(1, queries.count, threads), tasks);
+    run(tasks);
+    searcher.judge_together(*TileKernel::find(), batch);
+  }
+  run(split(state, queries, opening, threads));
   std::vector<std::vector<Hit>> hits(best.size());
   in_default_fp_environment([&] {
     for (std::size_t q = 0; q < best.size(); ++q) hits[q] = best[q]->take();

@@ -60,6 +60,14 @@ class JudgeChoice {
   State states_[kJudges] = {{kMostRows, kMostRows}, {}, {}, {}};
 };
 
+// A row with a bound below this has a score below the threshold: what the chain may lose to
+// subnormals is taken off, and the rounding of the conversion to float.
+inline float bound_limit(float threshold, std::int64_t dim) {
+  double least = threshold;
+  least -= std::abs(least) * 0x1p-23 + static_cast<double>(dim + 1) * 0x1p-120;
+  return static_cast<float>(std::max(least, -double{std::numeric_limits<float>::max()}));
+}
+
 // A row is pruned if its number is below a limit.
 //
 // By bounds: the limit is the threshold of the results, or of the seed, which is the lowest of k
@@ -93,9 +101,7 @@ class Pruner {
 
   // Rows with a bound below this need no score.
   float bound_limit(float threshold) const {
-    double least = std::max(threshold, seed_);
-    least -= std::abs(least) * 0x1p-23 + static_cast<double>(dim_ + 1) * 0x1p-120;
-    return static_cast<float>(std::max(least, -double{std::numeric_limits<float>::max()}));
+    return qx::bound_limit(std::max(threshold, seed_), dim_);
   }
 
   // True if a bound can prune at all: the results or the seed have k rows.
