@@ -5,10 +5,10 @@
 
 namespace bench {
 
-FlatPeer faiss_flat(const Matrix& matrix) {
+FlatPeer faiss_flat(const Matrix& matrix, std::int64_t k) {
   const auto index = std::make_shared<faiss::IndexFlatIP>(matrix.dim);
   index->add(matrix.rows, matrix.values);
-  return {"Faiss IndexFlatIP", [index, found = Slots()](const float* query) mutable {
+  return {"Faiss IndexFlatIP", [index, found = Slots(k)](const float* query) mutable {
             index->search(1, query, found.k, found.scores.data(), found.ids.data());
             return found.scores.front();
           }};

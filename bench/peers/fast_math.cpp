@@ -19,15 +19,15 @@ float dot(const float* row, const float* query, std::int64_t dim) {
 }
 
 // The best so far are a heap whose top is the worst of them.
-float search(const Matrix& matrix, const float* query) {
+float search(const Matrix& matrix, std::size_t k, const float* query) {
   std::vector<Scored> heap;
-  heap.reserve(kResults + 1);
+  heap.reserve(k + 1);
   for (std::int64_t r = 0; r < matrix.rows; ++r) {
     const float score = dot(matrix.values + r * matrix.dim, query, matrix.dim);
-    if (heap.size() == kResults && score <= heap.front().first) continue;
+    if (heap.size() == k && score <= heap.front().first) continue;
     heap.emplace_back(score, r);
     std::push_heap(heap.begin(), heap.end(), std::greater<>());
-    if (heap.size() <= kResults) continue;
+    if (heap.size() <= k) continue;
     std::pop_heap(heap.begin(), heap.end(), std::greater<>());
     heap.pop_back();
   }
@@ -36,8 +36,11 @@ float search(const Matrix& matrix, const float* query) {
 
 }  // namespace
 
-FlatPeer fast_math(const Matrix& matrix) {
-  return {"-ffast-math loop, heap", [matrix](const float* query) { return search(matrix, query); }};
+FlatPeer fast_math(const Matrix& matrix, std::int64_t k) {
+  return {"-ffast-math loop, heap",
+          [matrix, most = static_cast<std::size_t>(k)](const float* query) {
+            return search(matrix, most, query);
+          }};
 }
 
 }  // namespace bench

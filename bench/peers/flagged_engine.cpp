@@ -36,7 +36,7 @@ Library load() {
 
 }  // namespace
 
-FlatPeer flagged_engine(const Matrix& matrix) {
+FlatPeer flagged_engine(const Matrix& matrix, std::int64_t k) {
   static const Library library = load();
   const std::shared_ptr<QxIndex> index(library.make(static_cast<std::uint32_t>(matrix.dim), 0),
                                        library.free);
@@ -44,7 +44,7 @@ FlatPeer flagged_engine(const Matrix& matrix) {
       library.build(index.get(), matrix.values, matrix.rows, static_cast<std::int32_t>(matrix.dim),
                     ascending_ids(matrix.rows).data(), nullptr, nullptr, nullptr, 0);
   require(status == 0, "the second library builds its index");
-  return {"portable, -O3 -mavx2 -mfma", [index, found = Slots()](const float* query) mutable {
+  return {"portable, -O3 -mavx2 -mfma", [index, found = Slots(k)](const float* query) mutable {
             library.search(index.get(), query, found.k, found.ids.data(), found.scores.data());
             return found.scores.front();
           }};

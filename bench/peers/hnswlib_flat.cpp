@@ -23,10 +23,10 @@ struct Parts {
 }  // namespace
 
 // The library ranks by 1 - inner product, worst first.
-FlatPeer hnswlib_flat(const Matrix& matrix) {
-  return {"hnswlib BruteforceSearch",
-          [parts = std::make_shared<Parts>(matrix)](const float* query) {
-            auto found = parts->index.searchKnn(query, kResults);
+FlatPeer hnswlib_flat(const Matrix& matrix, std::int64_t k) {
+  return {"hnswlib BruteforceSearch", [parts = std::make_shared<Parts>(matrix),
+                                       most = static_cast<std::size_t>(k)](const float* query) {
+            auto found = parts->index.searchKnn(query, most);
             while (found.size() > 1) found.pop();
             return 1.0f - found.top().first;
           }};

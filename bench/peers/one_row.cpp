@@ -14,9 +14,9 @@ float score_one_row(const float* row, const float* query, std::int64_t dim) {
   return sum;
 }
 
-FlatPeer one_row(const Matrix& matrix) {
-  return {"one row at a time, -O3 -mavx2 -mfma", [matrix](const float* query) {
-            Selection best(kResults);
+FlatPeer one_row(const Matrix& matrix, std::int64_t k) {
+  return {"one row at a time, -O3 -mavx2 -mfma", [matrix, k](const float* query) {
+            Selection best(k);
             float scores[kBlockRows];
             for (std::int64_t first = 0; first < matrix.rows; first += kBlockRows) {
               const std::int64_t rows = std::min(kBlockRows, matrix.rows - first);

@@ -18,10 +18,10 @@ void use_one_thread() {
   openblas_set_num_threads(1);
 }
 
-FlatPeer openblas_flat(const Matrix& matrix) {
+FlatPeer openblas_flat(const Matrix& matrix, std::int64_t k) {
   return {"OpenBLAS sgemv, selection",
-          [matrix, scores = std::vector<float>(kBlockRows)](const float* query) mutable {
-            Selection best(kResults);
+          [matrix, k, scores = std::vector<float>(kBlockRows)](const float* query) mutable {
+            Selection best(k);
             for (std::int64_t first = 0; first < matrix.rows; first += kBlockRows) {
               const std::int64_t rows = std::min(kBlockRows, matrix.rows - first);
               const auto dim = static_cast<blasint>(matrix.dim);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <vector>
 
@@ -34,6 +35,7 @@ class Selection {
 
  private:
   static constexpr std::int64_t kRun = 16;
+  static constexpr std::size_t kFewSlots = 64;
 
   static bool any_above(const float* scores, float bar) {
     int above = 0;
@@ -41,8 +43,16 @@ class Selection {
     return above != 0;
   }
 
+  // Of many slots, the place is found by halving, and those behind it are moved as a block.
   void insert(float score, std::int64_t row) {
     std::size_t slot = scores_.size() - 1;
+    if (slot >= kFewSlots) {
+      const auto last = scores_.end() - 1;
+      const auto place = std::upper_bound(scores_.begin(), last, score, std::greater<>());
+      slot = static_cast<std::size_t>(place - scores_.begin());
+      std::copy_backward(place, last, scores_.end());
+      std::copy_backward(rows_.begin() + (place - scores_.begin()), rows_.end() - 1, rows_.end());
+    }
     for (; slot > 0 && scores_[slot - 1] < score; --slot) {
       scores_[slot] = scores_[slot - 1];
       rows_[slot] = rows_[slot - 1];

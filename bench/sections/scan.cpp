@@ -1,5 +1,4 @@
 // The exact search of a base in the second-level cache, in the third, or in memory.
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -34,27 +33,9 @@ std::vector<Set> sets(const Run& run) {
            run.pick(Dims{8, 32, 100, 128, 256, 384, 768, 1024, 1536}, Dims{8, 128, 768, 1536})}};
 }
 
-// The other programs. Those that add in another order have scores that are close but not equal.
-struct Other {
-  FlatPeer (*make)(const Matrix& matrix);
-  Role role;
-  bool same_bits;
-};
-constexpr Other kOthers[] = {
-    {faiss_flat, Role::kPeer, false},      {hnswlib_flat, Role::kPeer, false},
-    {openblas_flat, Role::kPeer, false},   {fast_math, Role::kPeer, false},
-    {flagged_engine, Role::kKernel, true}, {one_row, Role::kBaseline, true}};
-
-void add_others(Contestants& contestants, const Matrix& matrix, Queries& queries, float best) {
-  const float rounding = 1e-4f * std::sqrt(static_cast<float>(matrix.dim));
-  for (const Other& other : kOthers) {
-    const FlatPeer peer = other.make(matrix);
-    require(std::abs(peer.search(queries.first()) - best) <= (other.same_bits ? 0 : rounding),
-            std::string(peer.name) + " finds the same best score");
-    contestants.push_back({peer.name, other.role,
-                           [&queries, search = peer.search] { return search(queries.next()); }});
-  }
-}
+// The library compiled another way, and the plain loop.
+constexpr Other kSameBits[] = {{flagged_engine, Role::kKernel, true},
+                               {one_row, Role::kBaseline, true}};
 
 // Limits and peers without a copy of their own read the engine's bytes where pages decide, in
 // memory, and line-aligned ones in the caches.
@@ -86,7 +67,8 @@ void run_case(Run& run, const Set& set, const Matrix& data) {
                            }});
   }
   slots.search_full(index.get(), queries.first());
-  add_others(contestants, matrix, queries, slots.scores.front());
+  add_others(contestants, kPeers, matrix, queries, kResults, slots.scores.front());
+  add_others(contestants, kSameBits, matrix, queries, kResults, slots.scores.front());
   run.compare({{"set", set.name}, {"dim", matrix.dim}}, bytes, matrix.rows, contestants);
   run.use_chosen_kernel();
 }
