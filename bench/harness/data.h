@@ -100,18 +100,19 @@ struct Matrix {
 void hold_scattered_pages();
 
 // Several queries that contestants take in turn: with a single one, a branch predictor learns by
-// heart which rows of a small set enter the result.
+// heart which rows of a small set enter the result. A copy has a turn of its own.
 class Queries {
  public:
-  Queries(std::int64_t dim, Random& random)
-      : dim_(dim), values_(random_floats(kCount * dim, random)) {}
-  const float* next() { return values_.data() + dim_ * (turn_++ % kCount); }
-  const float* first() const { return values_.data(); }
+  Queries(std::int64_t dim, Random& random) : Queries(dim, random_floats(kCount * dim, random)) {}
+  Queries(std::int64_t dim, Floats values)
+      : dim_(dim), values_(std::make_shared<Floats>(std::move(values))) {}
+  const float* next() { return values_->data() + dim_ * turn_++ % values_->count(); }
+  const float* first() const { return values_->data(); }
 
  private:
   static constexpr std::int64_t kCount = 8;
   std::int64_t dim_;
-  Floats values_;
+  std::shared_ptr<const Floats> values_;
   std::int64_t turn_ = 0;
 };
 
@@ -144,8 +145,8 @@ struct Slots {
   }
   std::int64_t search_mvcc(const QxIndex* index, const std::int64_t* listed, std::int64_t count,
                            const float* query) {
-    return qx_index_search_mvcc(index, listed, static_cast<std::int32_t>(count), query, k,
-                                ids.data(), scores.data());
+    return qx_index_search_mvcc(index, listed, static_cast<std::int32_t>(count), query,
+                                static_cast<std::uint32_t>(k), ids.data(), scores.data());
   }
 
   std::int32_t k;

@@ -36,15 +36,15 @@ TARGETS = [
      avx2_of_limit, "≥ 3.2 of the limit"),
     ("portable kernel under -mavx2 -mfma, L2", "scan", L2, portable_against_one_row,
      "≥ 8 × one row at a time, median"),
-    *[(f"with codes, {rows}, {where}, dim {dim}, k {k:,}", "codes",
-       {"set": level, "rows": rows, "dim": dim, "k": k}, BASELINE, f"≥ {bound} × without codes")
-      for rows, level, where, dim, k, bound in [
-          ("normal", "L3", "L3", 128, 10, 2.5), ("normal", "L3", "L3", 128, 100, 1.8),
-          ("normal", "L3", "L3", 128, 1000, 0.97), ("normal", "L3", "L3", 768, 10, 2.5),
-          ("normal", "L3", "L3", 768, 100, 1.8), ("normal", "DRAM", "memory", 128, 100, 4.5),
-          ("normal", "DRAM", "memory", 128, 1000, 3.3),
-          ("clustered", "DRAM", "memory", 768, 10, 6.5),
-          ("clustered", "DRAM", "memory", 768, 100, 4.5)]],
+    *[(f"with codes, {rows}, {size}, dim {least}{f' to {most}' if most > least else ''}, k {k:,}",
+       "codes", {"set": size, "rows": rows, "dim": range(least, most + 1), "k": k}, BASELINE,
+       f"≥ {bound} × without codes")
+      for rows, size, least, most, k, bound in [
+          ("normal", "0.5 MB", 64, 256, 10, 1.2), ("normal", "2 MB", 64, 768, 10, 1.7),
+          ("normal", "12 MB", 32, 768, 10, 2.5), ("normal", "12 MB", 100, 768, 100, 1.8),
+          ("normal", "12 MB", 128, 128, 1000, 0.97), ("normal", "memory", 128, 128, 100, 4.5),
+          ("normal", "memory", 128, 128, 1000, 3.3), ("clustered", "memory", 768, 768, 10, 6.5),
+          ("clustered", "memory", 768, 768, 100, 4.5)]],
     *[(f"with codes, {rows}", "codes", {"rows": rows}, BASELINE, "≥ 0.97 × without codes")
       for rows in ("all equal", "one huge component", "100 added", "a NaN in every 32nd",
                    "best last")],
