@@ -51,6 +51,11 @@ class Case:
     def against_baseline(self):
         return self.speed(self.fastest("baseline"))
 
+    def beyond_spread(self):
+        """Against the baseline, by medians or by the fastest samples, whichever is larger."""
+        base, engine = self.fastest("baseline"), self.engine
+        return max(base[sample] / engine[sample] for sample in ("median", "min"))
+
     def cost(self):
         """The engine's time in multiples of the baseline's."""
         return 1 / self.against_baseline()

@@ -1,5 +1,9 @@
 """The tables of the report: one for each section, a row for each case."""
 
+from results import Case
+
+WORST_CASES = 20  # of the grid, which has hundreds
+
 
 def table(headers, rows):
     """A Markdown table; the first column is text, the others are figures."""
@@ -47,6 +51,18 @@ def baseline(case, per, digits):
     return f"{case.fastest('baseline')['median'] / case.items * per:.{digits}f}"
 
 
+def gigabytes(case):
+    return f"{case.gigabytes_per_second(case.engine):.1f}"
+
+
+def limit_gigabytes(case):
+    return f"{case.gigabytes_per_second(case.fastest('limit')):.1f}"
+
+
+def x_named(name):
+    return lambda case: times(case.speed(case.named(name)))
+
+
 def cost_of(name):
     return lambda case: f"{case.speed(case.named(name), case.fastest('baseline')):.3f}"
 
@@ -62,6 +78,9 @@ SECTIONS = {
     "scan": ("Exact search of the whole base", "", {}),
     "codes": ("Codes", "set rows dim k", {
         "ns a row": per_item, "**× without codes**": x_baseline, "**of limit**": of_limit}),
+    "grid": ("Where codes might lose", "set rows dim k", {
+        "ns a row": per_item, "× without codes": x_baseline,
+        "**beyond the spread**": lambda case: times(case.beyond_spread())}),
     "candidates": ("Search of listed ids", "function dim ids changed", {
         "ns an id": per_item, "**× one row at a time**": x_baseline, "**of limit**": of_limit,
         "fastest touch": lambda case: case.fastest("limit")["name"].removeprefix("touch ")}),
@@ -111,24 +130,34 @@ def scan_columns(first):
     def part_of_limit(name):
         return lambda case: ratio(case.of_limit(case.named(name)))
 
-    def x_peer(name):
-        return lambda case: times(case.speed(case.named(name)))
-
     kernels = [time["name"] for time in first.of_role("kernel") if "-O3" not in time["name"]]
     return {
         "dim": lambda case: str(case["dim"]),
-        "GB/s": lambda case: f"{case.gigabytes_per_second(case.engine):.1f}",
-        "limit GB/s": lambda case: f"{case.gigabytes_per_second(case.fastest('limit')):.1f}",
+        "GB/s": gigabytes,
+        "limit GB/s": limit_gigabytes,
         "fastest read": lambda case: case.fastest("limit")["name"][len("read "):].split(",")[0],
         "of linear read": lambda case: ratio(case.speed(case.named("read linearly"))),
         "**of limit**": lambda case: bold(of_limit(case)),
         **{f"{name}, of limit": part_of_limit(name) for name in kernels},
         "**× fastest peer**": lambda case: bold(ratio(case.against_peer())),
-        **{"× " + short_peer(peer["name"]): x_peer(peer["name"]) for peer in first.of_role("peer")},
+        **{"× " + short_peer(peer["name"]): x_named(peer["name"]) for peer in first.of_role("peer")},
         "× one row at a time": x_baseline,
         "portable by flags, × one row":
             lambda case: times(case.speed(case.fastest("baseline"), case.named("portable, -O3"))),
     }
+
+
+def worst(cases):
+    case = min(cases, key=Case.beyond_spread)
+    return f"{times(case.beyond_spread())} (dim {case['dim']}, k {case['k']})"
+
+
+def grid_table(run):
+    """The worst case of each kind of rows and each size."""
+    sets = run.values("grid", "set")
+    return table(["rows", *sets], [[kind, *[worst(run.select("grid", rows=kind, set=name))
+                                            for name in sets]]
+                                   for kind in run.values("grid", "rows")])
 
 
 def section_tables(run, section):
@@ -142,7 +171,12 @@ def section_tables(run, section):
         return parts
     _, labels, computed = SECTIONS[section]
     columns = {LABELS.get(key, key): lambda case, key=key: str(case[key]) for key in labels.split()}
-    parts = [make([case for case in run.select(section) if case.times], {**columns, **computed})]
+    cases = [case for case in run.select(section) if case.times]
+    parts = []
+    if section == "grid":
+        parts.append(grid_table(run))
+        cases = sorted(cases, key=Case.beyond_spread)[:WORST_CASES]
+    parts.append(make(cases, {**columns, **computed}))
     figures = [case for case in run.select(section) if case.figures]
     if figures:
         parts.append(table(["keys", "entries", *figures[0].figures],

@@ -48,6 +48,8 @@ TARGETS = [
     *[(f"with codes, {rows}", "codes", {"rows": rows}, BASELINE, "≥ 0.97 × without codes")
       for rows in ("all equal", "one huge component", "100 added", "a NaN in every 32nd",
                    "best last")],
+    ("with codes, every size, dim, k and kind of rows", "grid", {}, Case.beyond_spread,
+     "≥ 0.97 × without codes, beyond the spread"),
     ("candidate lists", "candidates", {"changed": 0}, BASELINE, "≥ 8 × one row at a time"),
     ("candidate lists, dim 128, 100,000 ids", "candidates",
      {"changed": 0, "dim": 128, "ids": 100000}, BASELINE, "≥ 12 × one row at a time"),
