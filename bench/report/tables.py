@@ -81,6 +81,8 @@ SECTIONS = {
     "grid": ("Where codes might lose", "set rows dim k", {
         "ns a row": per_item, "× without codes": x_baseline,
         "**beyond the spread**": lambda case: times(case.beyond_spread())}),
+    "pages": ("Large pages", "dim pages large", {
+        "GB/s": gigabytes, "limit GB/s": limit_gigabytes, "**of limit**": of_limit}),
     "candidates": ("Search of listed ids", "function dim ids changed", {
         "ns an id": per_item, "**× one row at a time**": x_baseline, "**of limit**": of_limit,
         "fastest touch": lambda case: case.fastest("limit")["name"].removeprefix("touch ")}),
@@ -113,7 +115,8 @@ SECTIONS = {
         "µs a search, one thread": lambda case: baseline(case, 1e6, 1),
         "**two threads, × one**": x_baseline}),
 }
-LABELS = {"changed": "changed %", "attached": "metadata"}  # where the title is another
+LABELS = {"changed": "changed %", "attached": "metadata", "pages": "large pages",
+          "large": "MB in them"}  # where the title is another
 
 
 def make(cases, columns):

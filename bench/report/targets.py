@@ -21,10 +21,12 @@ def portable_against_one_row(case):
 L2, L3, MEMORY = {"set": "L2"}, {"set": "L3"}, {"set": "DRAM"}
 LIMIT, PEER, BASELINE, COST = Case.of_limit, Case.against_peer, Case.against_baseline, Case.cost
 TARGETS = [
-    *[(f"whole-base scan, memory, dim {dim}", "scan", {**MEMORY, "dim": dim}, LIMIT,
-       f"≥ {bound} of the limit")
-      for dim, bound in [(32, 4.5), (64, 5.3), (100, 5.8), (128, 5.8), (256, 5.8), (384, 4.4),
-                         (768, 4.2), (1536, 4.0)]],
+    *[(f"whole-base scan, normal, memory, {name}, dim {dim}", "pages",
+       {"pages": pages, "dim": dim}, LIMIT, f"≥ {bound} of the limit")
+      for name, pages, bounds in [
+          ("large pages", "asked for", (4.5, 5.3, 5.8, 5.8, 5.8, 4.4, 4.2, 4.0)),
+          ("small pages", "off", (3.3, 4.2, 4.5, 4.5, 4.5, 3.8, 3.5, 3.2))]
+      for dim, bound in zip((32, 64, 100, 128, 256, 384, 768, 1536), bounds)],
     ("whole-base scan, memory, dim 8", "scan", {**MEMORY, "dim": 8}, PEER,
      "≥ 1.8 × the fastest peer"),
     ("whole-base scan, memory, from dim 32 on", "scan", {**MEMORY, "dim": range(32, 1 << 30)},
