@@ -59,6 +59,10 @@ def limit_gigabytes(case):
     return f"{case.gigabytes_per_second(case.fastest('limit')):.1f}"
 
 
+def per_query(case):
+    return f"{case.engine['median'] * 1e6:.1f}"
+
+
 def x_named(name):
     return lambda case: times(case.speed(case.named(name)))
 
@@ -76,6 +80,11 @@ def more_than_baseline(name):
 # Of each section: its title, the labels of its cases, and what is computed from a case.
 SECTIONS = {
     "scan": ("Exact search of the whole base", "", {}),
+    "sets": ("Words, and a million rows of 960", "rows dim k", {
+        "rows searched": lambda case: f"{case.items:,}", "µs a query": per_query,
+        "**× without codes**": x_baseline, "**of limit**": of_limit,
+        **{f"× {short_peer(name)}": x_named(name) for name in (
+            "Faiss IndexFlatIP", "hnswlib", "OpenBLAS sgemv", "-ffast-math loop")}}),
     "codes": ("Codes", "set rows dim k", {
         "ns a row": per_item, "**× without codes**": x_baseline, "**of limit**": of_limit}),
     "grid": ("Where codes might lose", "set rows dim k", {
