@@ -84,7 +84,7 @@ void JudgeChoice::record(Judge judge, std::int64_t rows, std::int64_t left) {
   }
   State& state = states_[static_cast<int>(judge)];
   const std::int64_t unit = judge >= Judge::kEstimates ? kBlockRows : kMostRows;
-  if (4 * left > rows) {
+  if (!is_worthwhile(rows, left)) {
     state.held = std::max(state.next_hold, unit);
     state.next_hold = std::min(2 * state.held, kMostBlocksHeld * unit);
   } else {

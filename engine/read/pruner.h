@@ -33,6 +33,9 @@ class JudgeChoice {
   // How many rows the judge should be given.
   std::int64_t rows_of(Judge judge) const;
 
+  // True if a judge that left so many of the rows saves time.
+  static bool is_worthwhile(std::int64_t rows, std::int64_t left) { return 4 * left <= rows; }
+
   // Asks a judge from the first row on.
   void trust(Judge judge) { states_[static_cast<int>(judge)] = {}; }
 
@@ -56,8 +59,8 @@ class JudgeChoice {
     std::int64_t held = 0;       // rows for which it is not asked
     std::int64_t next_hold = 0;  // for how many it is held next time, at least; 0 if it is trusted
   };
-  // Four bits need a good threshold: they are tried after the first rows.
-  State states_[kJudges] = {{kMostRows, kMostRows}, {}, {}, {}};
+  // Four bits need a good threshold: they are tried after the first rows. Eight are tried first.
+  State states_[kJudges] = {{kMostRows, kMostRows}, {0, kMostRows}, {}, {}};
 };
 
 // A row with a bound below this has a score below the threshold: what the chain may lose to

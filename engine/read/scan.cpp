@@ -93,8 +93,8 @@ void Scan::scan_waiting() {
   for (Block rest = run_; rest.count > 0;) {
     Block block = rest;
     const Judge judge = choose_judge(rest);
-    block.count = std::min(choice_.rows_of(judge), rest.count);
-    scan_block(judge, block);
+    block.count = std::min(rows_to_judge(judge), rest.count);
+    block.count = scan_block(judge, block);
     rest.first.number += block.count;
     rest.rows += block.count * dim_;
     rest.ids += block.count;
@@ -102,7 +102,7 @@ void Scan::scan_waiting() {
   }
   if (listed_ > 0) {
     const Block block = {true, {false, 0}, nullptr, listed_ids_, listed_};
-    scan_block(choose_judge(block), block);
+    static_cast<void>(scan_block(choose_judge(block), block));
   }
   run_.count = listed_ = listed_delta_rows_ = 0;
   std::fill_n(listed_in_delta_, kBlockRows / kMaskRows, 0);
@@ -131,7 +131,16 @@ Judge Scan::choose_judge(const Block& block) {
   return judge == Judge::kEstimates && !estimated ? Judge::kScores : judge;
 }
 
-void Scan::scan_block(Judge judge, const Block& block) {
+// Rows that give the first threshold are many times as many as the slots; of a short scan, all.
+std::int64_t Scan::rows_to_judge(Judge judge) const {
+  const std::int64_t rows = choice_.rows_of(judge);
+  if (judge != Judge::kEightBits || pruner_.has_threshold(topk_.threshold())) return rows;
+  if (rows_ <= 2 * JudgeChoice::kTrialRows) return JudgeChoice::kMostRows;
+  return std::max(rows, std::min(32 * slots_.k, JudgeChoice::kMostRows));
+}
+
+// Returns how many rows of the block were judged: the others are to be judged again.
+std::int64_t Scan::scan_block(Judge judge, const Block& block) {
   QX_ASSERT(block.count >= 1 && block.count <= JudgeChoice::kMostRows &&
             (judge < Judge::kEstimates || block.count <= kBlockRows));
   if (judge == Judge::kScores) {
@@ -139,8 +148,9 @@ void Scan::scan_block(Judge judge, const Block& block) {
   } else if (judge == Judge::kEstimates) {
     estimate_block(block);
   } else {
-    bound_block(block, judge == Judge::kFourBits ? CodeBits::kFour : CodeBits::kEight);
+    return bound_block(block, judge == Judge::kFourBits ? CodeBits::kFour : CodeBits::kEight);
   }
+  return block.count;
 }
 
 namespace {
@@ -235,31 +245,63 @@ void Scan::estimate_block(const Block& block) {
 
 // ---- By bounds ----
 
-// Rows that four bits leave are judged by all eight at once.
-void Scan::bound_block(const Block& block, CodeBits bits) {
+// Where bounds leave too many rows, the rest of the block is left to another judge.
+std::int64_t Scan::bound_block(const Block& block, CodeBits bits) {
   alignas(64) float bounds[JudgeChoice::kMostRows];
   if (!candidates_are_bounded_) score_candidates();
   candidates_are_bounded_ = true;
   bound(block, bits, bounds);
-  if (!pruner_.has_threshold(topk_.threshold())) seed(block, bounds);
+  const bool has_threshold = pruner_.has_threshold(topk_.threshold());
+  if (!has_threshold || (can_seed(block) && leaves_too_many(bounds, block.count))) {
+    seed(block, bounds);
+  }
+  const Judge judge = bits == CodeBits::kFour ? Judge::kFourBits : Judge::kEightBits;
+  Block piece = block;
+  std::int64_t judged = 0;
+  std::int64_t left = 0;
+  do {
+    piece.count =
+        std::min(block.listed ? block.count : JudgeChoice::kTrialRows, block.count - judged);
+    left += take_bounded(piece, bounds + judged, bits);
+    judged += piece.count;
+    piece.first.number += piece.count;
+    piece.rows += piece.count * dim_;
+    piece.ids += piece.count;
+  } while (judged < block.count && JudgeChoice::is_worthwhile(judged, left));
+  choice_.record(judge, judged, left);
+  make_room_for_candidates();
+  return judged;
+}
+
+// True if the first rows of a block tell that its judge is not worthwhile with the threshold that
+// there is: rows are better here than those before.
+bool Scan::leaves_too_many(const float* bounds, std::int64_t count) const {
+  const std::int64_t rows = std::min(count, JudgeChoice::kTrialRows);
+  std::int64_t left = 0;
+  for_each_not_less(bounds, rows, limit(), [&](std::int64_t) { ++left; });
+  return !JudgeChoice::is_worthwhile(rows, left);
+}
+
+// Adds the rows that their bounds do not prune, and returns how many. Those that four bits leave
+// are judged by all eight at once.
+std::int64_t Scan::take_bounded(const Block& block, const float* bounds, CodeBits bits) {
   std::int64_t left = 0;
   if (bits == CodeBits::kEight) {
     for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
       add_candidate(block, i, bounds[i]);
       ++left;
     });
-  } else {
-    std::int64_t places[kBlockRows];
-    const CodeView& codes = codes_of(is_in_delta(block));
-    for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
-      prefetch_rest_of_code(codes, row_of(block, i));
-      places[left++ % kBlockRows] = i;
-      if (left % kBlockRows == 0) refine(block, places, kBlockRows);
-    });
-    refine(block, places, left % kBlockRows);
+    return left;
   }
-  choice_.record(bits == CodeBits::kFour ? Judge::kFourBits : Judge::kEightBits, block.count, left);
-  make_room_for_candidates();
+  std::int64_t places[kBlockRows];
+  const CodeView& codes = codes_of(is_in_delta(block));
+  for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
+    prefetch_rest_of_code(codes, row_of(block, i));
+    places[left++ % kBlockRows] = i;
+    if (left % kBlockRows == 0) refine(block, places, kBlockRows);
+  });
+  refine(block, places, left % kBlockRows);
+  return left;
 }
 
 // Adds those of the listed places whose bounds from eight bits do not prune them.

@@ -83,12 +83,15 @@ class Scan {
 
   // All of these compute: they are called in the default floating-point environment.
   void scan_waiting();
-  void scan_block(Judge judge, const Block& block);
+  std::int64_t rows_to_judge(Judge judge) const;
+  std::int64_t scan_block(Judge judge, const Block& block);
   void open();
   Judge choose_judge(const Block& block);
   void score_block(const Block& block);
   void estimate_block(const Block& block);
-  void bound_block(const Block& block, CodeBits bits);
+  std::int64_t bound_block(const Block& block, CodeBits bits);
+  bool leaves_too_many(const float* bounds, std::int64_t count) const;
+  std::int64_t take_bounded(const Block& block, const float* bounds, CodeBits bits);
   void estimate(const Block& block, float* estimates) const;
   void bound(const Block& block, CodeBits bits, float* bounds) const;
   void bound_mixed(const Block& block, CodeBits bits, float* bounds) const;
