@@ -134,6 +134,34 @@ TEST(APruner, PrunesNothingThatAnEmptySlotWouldTake) {
   }
 }
 
+// A score exceeds a bound by the sum of subnormal roundings at most, and a row of the seed has the
+// score of the seed: the limit of bounds is below both, by little more than a rounding.
+TEST(APruner, StaysBelowTheThresholdAndTheSeedWithBounds) {
+  Random random(43);
+  for (const std::int64_t width : {8, 100, 8192}) {
+    const Floats query(static_cast<std::size_t>(width), 1.0f);
+    const double lost = static_cast<double>(width) * 0x1p-126;
+    OpenPruner pruner(query, 1, kRows, 10);
+    EXPECT_FALSE(pruner.has_threshold(qx::kEmptyScore));
+    EXPECT_EQ(pruner.bound_limit(-kMax), -kMax);
+    for (int draw = 0; draw < 1000; ++draw) {
+      const float threshold = draw == 0 ? 0
+                                        : std::ldexp(draw_float(random, Values::kSmooth),
+                                                     static_cast<int>(random.between(-140, 90)));
+      const double limit = double{pruner.bound_limit(threshold)};
+      ASSERT_LE(limit + lost, double{threshold});
+      ASSERT_GE(limit, double{threshold} - std::abs(double{threshold}) * 0x1p-22 -
+                           static_cast<double>(width + 1) * 0x1p-119);
+    }
+    pruner.seed(-3);
+    pruner.seed(2);
+    pruner.seed(1);
+    EXPECT_TRUE(pruner.has_threshold(qx::kEmptyScore));
+    EXPECT_EQ(pruner.bound_limit(1), pruner.bound_limit(2));
+    EXPECT_LT(pruner.bound_limit(qx::kEmptyScore), 2.0f);
+  }
+}
+
 // A threshold of infinity is that of rows whose scores are infinite.
 TEST(APruner, HasALimitForEveryThreshold) {
   const Floats query(64, 1.0f);

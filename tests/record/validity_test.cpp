@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "store/codes.h"
 #include "support/cases.h"
 
 namespace qx_test {
@@ -133,6 +134,45 @@ TEST(Validity, NoticesABrokenDelta) {
   expect_noticed(index, index.delta_ids.data[0], 5, "a row under another id");
   expect_noticed(index, index.delta_stamps.data[0], 0, "a stamp of no mutation");
   expect_noticed(index, index.delta_stamps.data[0], 3, "a stamp of the future");
+}
+
+// Breaks each part of the codes of three rows or more.
+void expect_noticed(QxIndex& index, QxCodes& codes, const char* what) {
+  const qx::CodeView view = qx::view_of(codes);
+  expect_noticed(index, codes.rows, -1, what);
+  expect_noticed(index, codes.rows, codes.capacity + 1, what);
+  expect_noticed(index, codes.capacity, codes.rows - 1, what);
+  expect_noticed(index, codes.block, nullptr, what);
+  expect_noticed(index, const_cast<std::uint8_t&>(view.high[2]), view.high[2] ^ 16, what);
+  expect_noticed(index, const_cast<std::uint8_t&>(view.low[1]), view.low[1] ^ 1, what);
+  expect_noticed(index, const_cast<std::uint32_t&>(view.constants[2]), 0, what);
+  auto& norms = const_cast<qx::CodeNorms&>(view.norms[0]);
+  for (float* const norm : {&norms.residual[0], &norms.residual[1], &norms.spread}) {
+    expect_noticed(index, *norm, 0, what);
+  }
+}
+
+TEST(Validity, NoticesBrokenCodes) {
+  const Full full;
+  QxIndex& index = *full;
+  expect_noticed(index, index.base_codes.dim, 2, "a dimension without codes");
+  qx::build_codes(index.base_codes, index.base_vectors, 3, 2);
+  insert(full, {11}, {5, 6});
+  qx::extend_codes(index.delta_codes, index.delta_vectors.data, 3, 2);
+  ASSERT_TRUE(qx::index_is_valid(index));
+  expect_noticed(index, index.base_codes, "base_codes");
+  expect_noticed(index, index.base_codes.rows, 2, "codes of some rows of the base");
+  expect_noticed(index, index.base_codes.dim, 1, "codes under another dimension");
+  expect_noticed(index, index.delta_codes, "delta_codes");
+  expect_noticed(index, index.delta_codes.rows, 4, "codes of rows that are not there");
+}
+
+// Codes under another dimension are not read.
+TEST(Validity, HoldsForCodesOfTheDeltaUnderAnotherDimension) {
+  const Full full;
+  qx::extend_codes(full->delta_codes, full->delta_vectors.data, 1, 4);
+  full->delta_vectors.data[0] += 100;
+  EXPECT_TRUE(qx::index_is_valid(*full));
 }
 
 TEST(Validity, NoticesBrokenMetadataAndABrokenIvf) {
