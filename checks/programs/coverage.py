@@ -6,8 +6,8 @@ On x86-64 by clang's source-based counts, because they know the branches of the 
 others: no arcs of exceptions, of static destructors or of inlined copies. A template's branch
 counts as reached when any instantiation, in any of the test programs, reaches it. The internal
 tests run a second time in a build for CPUs with AVX, where portable.cpp has wider registers.
-kernels/neon.cpp is measured by gcov, in the internal tests under emulation. The other kernels run
-natively; instruction sets that the CPU lacks stay unreached. A call that ends the process is
+kernels/neon.cpp and neon_codes.cpp are measured by gcov, in the internal tests under emulation. The
+other kernels run natively; instruction sets that the CPU lacks stay unreached. A call that ends the process is
 counted too: the trap first writes the child's counts.
 """
 import argparse
@@ -140,27 +140,32 @@ def measure(reached, folder, test, code, options):
 
 
 def measure_neon(reached):
-    """Runs the internal tests for AArch64; only the NEON kernel is compiled with counts."""
+    """Runs the internal tests for AArch64; only the NEON kernels are compiled with counts."""
     folder = BUILD / "aarch64"
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     compiler = ["nice", "aarch64-linux-gnu-g++", "-std=c++20", "-ffp-contract=off",
                 "-DQX_FP_CONTRACT_OFF", f"-I{ROOT}/engine", f"-I{ROOT}/include", f"-I{ROOT}/tests",
                 f"-isystem{GOOGLETEST}/include", f"-isystem{GOOGLETEST}"]
-    kernel = ROOT / "engine/kernels/neon.cpp"
-    rest = [path for path in sorted((ROOT / "engine").rglob("*.cpp")) if path != kernel]
-    run(*compiler, "-O0", "-fno-exceptions", "--coverage", "-c", kernel, "-o", "neon.o", cwd=folder)
+    kernels = sorted((ROOT / "engine/kernels").glob("neon*.cpp"))
+    rest = [path for path in sorted((ROOT / "engine").rglob("*.cpp")) if path not in kernels]
+    objects = [f"{kernel.stem}.o" for kernel in kernels]
+    for kernel, compiled in zip(kernels, objects):
+        run(*compiler, "-O0", "-fno-exceptions", "--coverage", "-c", kernel, "-o", compiled, cwd=folder)
     run(*compiler, "-O1", "-static", *rest,
         *sorted((ROOT / "tests/internal").glob("*.cpp")), ROOT / "tests/support/child.cpp",
-        GOOGLETEST / "src/gtest-all.cc", GOOGLETEST / "src/gtest_main.cc", "neon.o", "-lgcov",
+        GOOGLETEST / "src/gtest-all.cc", GOOGLETEST / "src/gtest_main.cc", *objects, "-lgcov",
         "-o", "internal_tests", cwd=folder)
     run("nice", "qemu-aarch64", folder / "internal_tests", cwd=folder)
-    run("aarch64-linux-gnu-gcov", "--branch-probabilities", "--json-format", "neon.o", cwd=folder)
-    with gzip.open(next(folder.glob("*.gcov.json.gz"))) as stored:
-        files = json.load(stored)["files"]
+    run("aarch64-linux-gnu-gcov", "--branch-probabilities", "--json-format", *objects, cwd=folder)
+    files = []
+    for path in folder.glob("*.gcov.json.gz"):
+        with gzip.open(path) as stored:
+            files += json.load(stored)["files"]
+    measured = {engine_file(kernel) for kernel in kernels}
     for counted in files:
         file = engine_file(counted["file"])
-        if file != "engine/kernels/neon.cpp":
+        if file not in measured:
             continue
         for function in counted["functions"]:
             reached.add("functions", file, function["start_line"], function["start_column"], "",

@@ -14,7 +14,7 @@ that reads or writes where it must not is killed there.
 One whose object code equals the original's is not counted, nor is one that does not compile or
 that is excused. A test or compiler that is ended from outside gives no verdict.
 Results are kept in build/mutation, so that a run that was stopped goes on where it was, as long as
-neither the engine nor a test has changed. kernels/neon.cpp is not compiled on x86-64: no mutants.
+neither the engine nor a test has changed. The NEON kernels are not compiled on x86-64: no mutants.
 """
 import argparse
 import collections

@@ -88,7 +88,6 @@ std::int32_t Scan::finish() {
 }
 
 void Scan::scan_waiting() {
-  if (run_.count == 0 && listed_ == 0) return;
   if (!opened_) open();
   for (Block rest = run_; rest.count > 0;) {
     Block block = rest;

@@ -25,11 +25,9 @@ inline const float* vector_of(const QxIndex& index, Row row, std::int64_t dim) {
   return row.in_delta ? delta_vector(index, row.number) : index.base_vectors + row.number * dim;
 }
 
-// True if the codes of the delta are those of all its rows. Under another dimension they are of no
-// use.
+// True if the rows of the delta have codes. Under another dimension those are of no use.
 inline bool has_delta_codes(const QxIndex& index) {
-  const QxCodes& codes = index.delta_codes;
-  return codes.rows > 0 && codes.rows == index.delta_ids.length && codes.dim == dim_of(index);
+  return index.delta_codes.rows > 0 && index.delta_codes.dim == dim_of(index);
 }
 
 // Upserts n rows and lifts their tombstones. Requires: n >= 1.

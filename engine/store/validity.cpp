@@ -78,11 +78,14 @@ bool delta_is_valid(const QxIndex& index) {
   return valid;
 }
 
-// Under another dimension, codes are not read, and may be of any rows.
+// All rows of the delta have codes, or none has. Under another dimension, codes are not read, and
+// may be of any rows.
 bool delta_codes_are_valid(const QxIndex& index) {
   const QxCodes& codes = index.delta_codes;
-  return codes.dim != dim_of(index) || (codes.rows * codes.dim <= index.delta_vectors.length &&
-                                        codes_are_valid(codes, index.delta_vectors.data));
+  const bool complete = codes.rows == 0 || (codes.rows == index.delta_ids.length &&
+                                            codes.rows * codes.dim == index.delta_vectors.length);
+  return codes.dim != dim_of(index) ||
+         (complete && codes_are_valid(codes, index.delta_vectors.data));
 }
 
 bool metadata_is_valid(const QxIndex& index) {

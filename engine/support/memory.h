@@ -1,5 +1,6 @@
-// The engine's only access to the heap. It knows sizes, not what they are for. No function returns
-// null for a size above 0: failure ends the process. For a size of 0 there is no block, and null.
+// The engine's only access to the heap. It knows sizes, not what they are for. No function but
+// try_allocate() returns null for a size above 0: failure ends the process. For a size of 0 there
+// is no block, and null.
 #pragma once
 
 #include <cstddef>

@@ -9,35 +9,41 @@
 extern "C" __attribute__((visibility("hidden"))) struct {
   unsigned vendor, type, subtype, features[1];
 } __cpu_model;  // NOLINT(readability-identifier-naming): the compilers' own name
+extern "C" __attribute__((visibility(
+    "hidden"))) unsigned __cpu_features2[1];  // NOLINT(readability-identifier-naming): the same
 
 namespace qx_test {
 namespace {
 
 // Numbers of bits in the features.
 constexpr unsigned kPopcnt = 2, kAvx2 = 10, kFma = 14, kAvx512f = 15, kAvx512vl = 20,
-                   kAvx512bw = 21, kAvx512dq = 22;
+                   kAvx512bw = 21, kAvx512dq = 22, kAvx512vnni = 34;
 
 class WithoutAFeature : public testing::TestWithParam<unsigned> {
  protected:
   void SetUp() override {
     __builtin_cpu_init();
     if (!qx::avx512vnni::supported()) GTEST_SKIP() << "avx512vnni does not run on this CPU";
-    features_ = __cpu_model.features[0];
-    __cpu_model.features[0] &= ~(1u << GetParam());
+    kept_ = features();
+    features() &= ~(1u << GetParam() % 32);
     qx::force_kernels(nullptr);
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    __cpu_model.features[0] = features_;
+    features() = kept_;
     qx::force_kernels(nullptr);
   }
 
  private:
-  unsigned features_ = 0;
+  static unsigned& features() {
+    return GetParam() < 32 ? __cpu_model.features[0] : __cpu_features2[0];
+  }
+  unsigned kept_ = 0;
 };
 
 TEST_P(WithoutAFeature, KernelsThatNeedItAreNeitherChosenNorForced) {
-  const bool needs_vnni = GetParam() == kAvx512vl || GetParam() == kAvx512bw;
+  const bool needs_vnni =
+      GetParam() == kAvx512vl || GetParam() == kAvx512bw || GetParam() == kAvx512vnni;
   const bool needs_avx512 = GetParam() == kAvx512f || GetParam() == kAvx512dq;
   EXPECT_FALSE(qx::avx512vnni::supported());
   EXPECT_FALSE(qx::force_kernels("avx512vnni"));
@@ -51,7 +57,7 @@ TEST_P(WithoutAFeature, KernelsThatNeedItAreNeitherChosenNorForced) {
 
 INSTANTIATE_TEST_SUITE_P(Kernels, WithoutAFeature,
                          testing::Values(kPopcnt, kAvx2, kFma, kAvx512f, kAvx512vl, kAvx512bw,
-                                         kAvx512dq));
+                                         kAvx512dq, kAvx512vnni));
 
 void expect_same_functions(const qx::Kernels& one, const qx::Kernels& other) {
   EXPECT_EQ(one.score_contiguous, other.score_contiguous);

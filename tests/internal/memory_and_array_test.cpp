@@ -12,6 +12,22 @@ TEST(Memory, NoElementsOwnNoBlock) {
   EXPECT_EQ(qx::allocate_cache_aligned(0, 8), nullptr);
 }
 
+TEST(Memory, ThatACallerCanDoWithoutIsNullWhereThereIsNone) {
+  for (const std::int64_t bytes : {std::int64_t{0}, std::int64_t{-1}, INT64_MIN, INT64_MAX}) {
+    EXPECT_EQ(qx::try_allocate(bytes), nullptr) << bytes;
+  }
+}
+
+TEST(Memory, ThatACallerCanDoWithoutIsAlignedToALineOrALargePage) {
+  for (const std::int64_t mebibytes : {1, 3, 4, 5}) {
+    auto* const block = static_cast<std::uint8_t*>(qx::try_allocate(mebibytes << 20));
+    const std::uintptr_t alignment = mebibytes < 4 ? 64 : 2 << 20;
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0u) << mebibytes;
+    block[(mebibytes << 20) - 1] = 7;
+    qx::release(block);
+  }
+}
+
 TEST(Array, NoElementsAreNeitherReadNorCounted) {
   const int element = 4;
   auto array = qx::Array<int>::copy_of(&element, 1);

@@ -387,6 +387,23 @@ TEST_P(EveryScan, IsDecidedByBoundsWhereTheyPay) {
   }
 }
 
+// Rows that do not follow each other are two runs, also where their ids follow.
+TEST_P(EveryScan, JoinsOnlyRowsThatFollow) {
+  Floats rows(60);
+  for (std::size_t i = 0; i < 30; ++i) rows[2 * i] = static_cast<float>(i);
+  const Floats query = {1, 0};
+  const Ids ids = {50, 51, 52, 53, 54, 55, 56, 57};
+  Result found{Ids(2), Floats(2)};
+  QxIndex index;
+  index.dim = 2;
+  index.base_vectors = rows.data();
+  qx::Scan scan(index, query.data(), {2, found.ids.data(), found.scores.data()}, 30);
+  scan.add_base_rows(3, 4, ids.data());
+  scan.add_base_rows(20, 4, ids.data() + 4);
+  scan.finish();
+  EXPECT_EQ(found, (Result{{57, 56}, {23, 22}}));
+}
+
 // Around the dimension from which a scan uses the host's own query.
 TEST_P(EveryScan, FindsTheBestOfVeryWideRows) {
   Random random(31);

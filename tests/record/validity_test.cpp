@@ -164,7 +164,8 @@ TEST(Validity, NoticesBrokenCodes) {
   expect_noticed(index, index.base_codes.rows, 2, "codes of some rows of the base");
   expect_noticed(index, index.base_codes.dim, 1, "codes under another dimension");
   expect_noticed(index, index.delta_codes, "delta_codes");
-  expect_noticed(index, index.delta_codes.rows, 4, "codes of rows that are not there");
+  expect_noticed(index, index.delta_codes.rows, 2, "codes of some rows of the delta");
+  expect_noticed(index, index.delta_vectors.length, 5, "a row of another dimension among them");
 }
 
 // Codes under another dimension are not read.
