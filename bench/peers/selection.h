@@ -39,6 +39,7 @@ class Selection {
 
   static bool any_above(const float* scores, float bar) {
     int above = 0;
+    // cppcheck-suppress objectIndex ; there are kRun scores wherever this is called
     for (std::int64_t i = 0; i < kRun; ++i) above |= scores[i] > bar;
     return above != 0;
   }

@@ -35,20 +35,20 @@ int main(void) {
   const float changed[2 * 2] = {0.5f, 0.5f, 2.0f, 0.0f}, query[2] = {1.0f, 0.0f};
   float out_vectors[4 * 2], scores[3];
   int64_t out_ids[4], found[3], n;
-  QxIndex *index = qx_index_new(2, 0), *rebuilt;
+  QxIndex *index = qx_index_new(2, 0), *rebuilt = qx_index_new(2, 0);
   qx_index_build(index, vectors, 3, 2, ids, NULL, NULL, NULL, 0);
   report("before", index);
 
   qx_index_insert(index, changed, changed_ids, 2); /* replaces 1, adds 4 */
   qx_index_delete(index, &ids[1], 1);              /* hides 2 */
   report("after", index);
-  print_ids("visible", out_ids, qx_index_visible_ids(index, out_ids)); /* inserted rows first */
+  n = qx_index_visible_ids(index, out_ids); /* inserted rows first */
+  print_ids("visible", out_ids, n);
   n = qx_index_search_mvcc(index, asked, 3, query, 3, found, scores);
   while (n > 0 && found[n - 1] == QX_EMPTY_ID && scores[n - 1] == QX_EMPTY_SCORE) --n;
   print_ids("of 1, 2 and 4 now, best first", found, n);
 
   /* A new index gives back what the old one still held of replaced and deleted rows. */
-  rebuilt = qx_index_new(2, 0);
   qx_index_build(rebuilt, out_vectors, qx_index_export_visible(index, out_vectors, out_ids), 2,
                  out_ids, NULL, NULL, NULL, 0);
   qx_index_free(index);

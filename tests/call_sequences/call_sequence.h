@@ -114,6 +114,7 @@ auto arguments_of(Result (*)(Parameters...), const Choose& choose) {
   [[maybe_unused]] static constexpr Kind kKinds[] = {kind_of<Parameters>()..., Kind::kIndex};
   return [&]<std::size_t... i>(std::index_sequence<i...>) {
     return std::tuple<decltype(choose.template operator()<Parameters>(0))...>{
+        // cppcheck-suppress internalAstError ; it does not know lambdas that are templates
         choose.template operator()<Parameters>(
             static_cast<std::size_t>(std::count(kKinds, kKinds + i, kKinds[i])))...};
   }

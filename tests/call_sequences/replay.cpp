@@ -190,6 +190,7 @@ class Writer {
 
   std::string call_text(const Call& call, const Answer& answer) {
     std::string made;
+    // cppcheck-suppress syntaxError ; it does not know lambdas that are templates
     const auto choose = [&]<typename Parameter>(std::size_t n) {
       constexpr Kind kKind = kind_of<Parameter>();
       made += made.empty() ? "" : ", ";
