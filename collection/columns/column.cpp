@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <unordered_set>
-#include <utility>
 
 namespace qx::collection {
 namespace {
@@ -33,42 +32,32 @@ bool is_null(const QxValues& values, std::int64_t row) {
 }  // namespace
 
 Schema make_schema(const QxColumn* columns, std::int32_t n_columns) {
-  require(0 <= n_columns && n_columns <= kMostColumns, [&] {
-    return "n_columns is " + std::to_string(n_columns) + ", expected 0 to " +
-           std::to_string(kMostColumns);
-  });
+  require(0 <= n_columns && n_columns <= kMostColumns,
+          [&] { return "n_columns is " + std::to_string(n_columns) + ", expected 0 to 1000"; });
   require(columns != nullptr || n_columns == 0, [] { return "columns is null"; });
   Schema schema;
   std::unordered_set<std::string_view> names;
   for (std::int32_t i = 0; i < n_columns; ++i) {
-    const char* name = columns[i].name;
-    const std::int32_t type = columns[i].type;
-    const auto problem = [i](const std::string& what) {
-      return "column " + std::to_string(i) + ' ' + what;
-    };
-    require(name != nullptr && *name != 0, [&] { return problem("has no name"); });
-    require(QX_INTEGER <= type && type <= QX_TEXT,
-            [&] { return problem("has type " + std::to_string(type) + ", expected 0 to 3"); });
+    const auto& [name, type] = columns[i];
+    const std::string column = "column " + std::to_string(i);
+    require(name != nullptr && *name != 0, [&] { return column + " has no name"; });
+    require(QX_INTEGER <= columns[i].type && columns[i].type <= QX_TEXT, [&] {
+      return column + " has type " + std::to_string(columns[i].type) + ", expected 0 to 3";
+    });
     require(names.insert(name).second,
-            [&] { return problem("has the name of another: " + std::string(name)); });
+            [&] { return column + " has the name of another: " + columns[i].name; });
     schema.push_back({name, static_cast<ColumnType>(type)});
   }
   return schema;
 }
 
 Value value_of(const QxValues& values, ColumnType type, std::int64_t row) {
+  using enum ColumnType;
   if (is_null(values, row)) return {};
-  switch (type) {
-    case ColumnType::kInteger:
-      return values.integers == nullptr ? Value() : values.integers[row];
-    case ColumnType::kReal:
-      return values.reals == nullptr ? Value() : values.reals[row];
-    case ColumnType::kBoolean:
-      return values.booleans == nullptr ? Value() : values.booleans[row] != 0;
-    default:
-      break;
-  }
-  if (values.texts == nullptr) return {};
+  if (type == kInteger && values.integers != nullptr) return values.integers[row];
+  if (type == kReal && values.reals != nullptr) return values.reals[row];
+  if (type == kBoolean && values.booleans != nullptr) return values.booleans[row] != 0;
+  if (type != kText || values.texts == nullptr) return {};
   return std::string_view(values.texts[row].data, static_cast<std::size_t>(values.texts[row].size));
 }
 
@@ -98,24 +87,20 @@ Column Column::of(ColumnType type, std::int64_t rows,
                   const std::function<Value(std::int64_t row)>& at) {
   Column column(type, rows);
   const auto words = static_cast<std::size_t>((rows + 63) / 64);
+  std::vector<RowText> texts;
   column.known_.resize(words);
-  std::vector<std::pair<std::string_view, std::uint32_t>> texts;
-  if (type == ColumnType::kBoolean) {
-    column.booleans_.resize(words);
-  } else if (type == ColumnType::kText) {
-    column.codes_.resize(words * 64);
-    texts.reserve(static_cast<std::size_t>(rows));
-  } else {
-    column.keys_.resize(words * 64);
-  }
+  if (type == ColumnType::kText) texts.reserve(static_cast<std::size_t>(rows));
+  if (type == ColumnType::kText) column.codes_.resize(words * 64);
+  if (type == ColumnType::kBoolean) column.booleans_.resize(words);
+  if (type <= ColumnType::kReal) column.keys_.resize(words * 64);
   std::int64_t n_known = 0;
   for (std::int64_t row = 0; row < rows; ++row) {
     const Value value = at(row);
     if (std::holds_alternative<std::monostate>(value)) continue;
-    ++n_known;
+    n_known += 1;
     set_bit(column.known_, row);
-    if (const auto* text = std::get_if<std::string_view>(&value)) {
-      texts.emplace_back(*text, static_cast<std::uint32_t>(row));
+    if (type == ColumnType::kText) {
+      texts.emplace_back(std::get<std::string_view>(value), static_cast<std::uint32_t>(row));
     } else if (type != ColumnType::kBoolean) {
       column.keys_[static_cast<std::size_t>(row)] = key_of(value);
     } else if (std::get<bool>(value)) {
@@ -124,52 +109,49 @@ Column Column::of(ColumnType type, std::int64_t rows,
   }
   if (n_known == 0) return Column(type, rows);
   if (n_known == rows) column.known_ = std::vector<std::uint64_t>();
-  std::ranges::sort(texts, {}, &std::pair<std::string_view, std::uint32_t>::first);
   column.set_texts(texts);
   return column;
 }
 
-void Column::set_texts(const std::vector<std::pair<std::string_view, std::uint32_t>>& sorted) {
-  const auto is_new = [&](std::size_t i) {
-    return i == 0 || sorted[i].first != sorted[i - 1].first;
-  };
-  std::size_t n_texts = 0, n_bytes = 0;
-  for (std::size_t i = 0; i < sorted.size(); ++i) {
-    if (!is_new(i)) continue;
-    n_texts += 1;
-    n_bytes += sorted[i].first.size();
-  }
-  text_ends_.reserve(n_texts);
-  text_bytes_.reserve(n_bytes);
-  for (std::size_t i = 0; i < sorted.size(); ++i) {
-    const auto& [text, row] = sorted[i];
-    if (is_new(i)) {
+void Column::set_texts(std::vector<RowText>& texts) {
+  std::ranges::sort(texts, {}, &RowText::first);
+  for (const auto& [text, row] : texts) {
+    if (text_ends_.empty() || text != this->text(this->texts() - 1)) {
       text_bytes_.insert(text_bytes_.end(), text.begin(), text.end());
       text_ends_.push_back(text_bytes_.size());
     }
     codes_[row] = static_cast<std::uint32_t>(text_ends_.size() - 1);
   }
+  text_ends_.shrink_to_fit();
+  text_bytes_.shrink_to_fit();
 }
 
 Value Column::at(std::int64_t row) const {
   if (is_all_null() || (!known_.empty() && !bit_of(known_, row))) return {};
+  if (type_ == ColumnType::kBoolean) return bit_of(booleans_, row);
   const auto i = static_cast<std::size_t>(row);
-  switch (type_) {
-    case ColumnType::kInteger:
-      return keys_[i];
-    case ColumnType::kReal:
-      return std::bit_cast<double>(flip_if_negative(keys_[i]));
-    case ColumnType::kBoolean:
-      return bit_of(booleans_, row);
-    default:
-      return text(codes_[i]);
-  }
+  if (type_ == ColumnType::kText) return text(codes_[i]);
+  if (type_ == ColumnType::kInteger) return keys_[i];
+  return std::bit_cast<double>(flip_if_negative(keys_[i]));
 }
 
 std::string_view Column::text(std::int64_t code) const {
   const auto i = static_cast<std::size_t>(code);
   const std::uint64_t begin = i == 0 ? 0 : text_ends_[i - 1];
   return {text_bytes_.data() + begin, static_cast<std::size_t>(text_ends_[i] - begin)};
+}
+
+std::int64_t Column::first_code_from(std::string_view text) const {
+  std::int64_t begin = 0, end = texts();
+  while (begin < end) {
+    const std::int64_t middle = begin + (end - begin) / 2;
+    if (this->text(middle) < text) {
+      begin = middle + 1;
+    } else {
+      end = middle;
+    }
+  }
+  return begin;
 }
 
 std::int64_t Column::bytes() const {

@@ -20,7 +20,9 @@ enum class ColumnType : std::uint8_t { kInteger, kReal, kBoolean, kText };
 struct ColumnSchema {
   std::string name;
   ColumnType type;
-  friend bool operator==(const ColumnSchema&, const ColumnSchema&) = default;
+  friend bool operator==(const ColumnSchema& a, const ColumnSchema& b) {
+    return a.name == b.name && a.type == b.type;
+  }
 };
 using Schema = std::vector<ColumnSchema>;
 
@@ -47,8 +49,8 @@ std::int64_t key_of(const Value& value);
 // no bits for them; one that is all NULL keeps nothing at all.
 class Column {
  public:
-  // `at(row)` gives the values, NULL or of this type, each called for once and in order; texts must
-  // live until this returns. Requires: fewer than 2^32 rows.
+  // `at(row)` gives the values, NULL or of this type; it is called once for each row, in order.
+  // Texts must live until this returns. Requires: fewer than 2^32 rows.
   static Column of(ColumnType type, std::int64_t rows,
                    const std::function<Value(std::int64_t row)>& at);
 
@@ -68,10 +70,13 @@ class Column {
   const std::vector<std::uint64_t>& known() const { return known_; }  // a bit each; empty: no NULL
   std::int64_t texts() const { return static_cast<std::int64_t>(text_ends_.size()); }
   std::string_view text(std::int64_t code) const;
+  // The first code whose text is not less; texts() if all are.
+  std::int64_t first_code_from(std::string_view text) const;
 
  private:
+  using RowText = std::pair<std::string_view, std::uint32_t>;
   Column(ColumnType type, std::int64_t rows) : type_(type), rows_(rows) {}
-  void set_texts(const std::vector<std::pair<std::string_view, std::uint32_t>>& sorted);
+  void set_texts(std::vector<RowText>& texts);
 
   ColumnType type_;
   std::int64_t rows_;

@@ -5,13 +5,17 @@
 #include <compare>
 #include <limits>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace qx::collection {
 namespace {
 
 constexpr double kTwoTo63 = 9223372036854775808.0;
 
 // Up to so many ranges are tested one after the other, each on 64 rows; more are searched.
-constexpr std::size_t kFewRanges = 4;
+constexpr std::size_t kFewRanges = 8;
 
 // A key of a column, and how a literal compares with its value.
 struct Place {
@@ -68,8 +72,7 @@ std::string cut_of(RangeEnd end) {
   return text;
 }
 
-// Joins it to the last range if no key is between them. Requires: it does not begin before that
-// one.
+// Joins it to the last range if no key is between. Requires: it does not begin before that one.
 void append(KeyRanges& ranges, KeyRange next) {
   std::int64_t* last = ranges.empty() ? nullptr : &ranges.back().last;
   if (last != nullptr && (next.first <= *last || next.first == *last + 1)) {
@@ -84,7 +87,7 @@ bool contains(const KeyRanges& ranges, std::int64_t key) {
   if (ranges.empty()) return false;
   const KeyRange* range = ranges.data();
   for (std::size_t left = ranges.size(); left > 1; left -= left / 2) {
-    range = range[left / 2].first <= key ? range + left / 2 : range;
+    range += left / 2 * (range[left / 2].first <= key);  // Not a branch: it could not be predicted.
   }
   return range->first <= key && key <= range->last;
 }
@@ -96,17 +99,44 @@ bool contains(const std::vector<TextRange>& ranges, std::string_view text) {
   return !to || text < *to;
 }
 
-// The bits of 64 keys that are in a range.
+// The bits of 64 keys that are in a range. From the last key on, each comparison leaves its bit in
+// the carry, which an addition takes up.
 template <typename Key>
 std::uint64_t mask_in(const Key* keys, KeyRange range) {
   const auto first = static_cast<std::uint64_t>(range.first);
   const std::uint64_t width = static_cast<std::uint64_t>(range.last) - first;
-  std::uint64_t mask = 0;
-  for (int i = 0; i < 64; ++i) {
-    mask |= std::uint64_t{static_cast<std::uint64_t>(keys[i]) - first <= width} << i;
+  std::uint64_t outside = 0;
+  for (int i = 63; i >= 0; --i) {
+    outside += outside + (width < static_cast<std::uint64_t>(keys[i]) - first);
   }
-  return mask;
+  return ~outside;
 }
+
+template <typename Key>
+using MaskIn = std::uint64_t (*)(const Key* keys, KeyRange range);
+
+#if defined(__x86_64__)
+// Four keys at a time.
+__attribute__((target("avx2"))) std::uint64_t mask_in_avx2(const std::int64_t* keys,
+                                                           KeyRange range) {
+  const __m256i first = _mm256_set1_epi64x(range.first), last = _mm256_set1_epi64x(range.last);
+  std::uint64_t outside = 0;
+  for (int i = 0; i < 64; i += 4) {
+    const __m256i four = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(keys + i));
+    const __m256i out =
+        _mm256_or_si256(_mm256_cmpgt_epi64(first, four), _mm256_cmpgt_epi64(four, last));
+    outside |= static_cast<std::uint64_t>(_mm256_movemask_pd(_mm256_castsi256_pd(out))) << i;
+  }
+  return ~outside;
+}
+
+MaskIn<std::int64_t> best_mask_in() {
+  constexpr MaskIn<std::int64_t> kBySupport[] = {mask_in<std::int64_t>, mask_in_avx2};
+  return kBySupport[__builtin_cpu_supports("avx2") != 0];
+}
+#else
+MaskIn<std::int64_t> best_mask_in() { return mask_in<std::int64_t>; }
+#endif
 
 // The bits of `rows` of which the test is true.
 template <typename Test>
@@ -121,12 +151,12 @@ std::uint64_t mask_of_each(std::uint64_t rows, Test test) {
 
 template <typename Key>
 void keep_in(const Key* keys, const KeyRanges& ranges, std::uint64_t flip,
-             std::span<std::uint64_t> bits) {
+             std::span<std::uint64_t> bits, MaskIn<Key> in) {
   for (std::size_t w = 0; w < bits.size(); ++w, keys += 64) {
     if (bits[w] == 0) continue;
     std::uint64_t mask = 0;
     if (ranges.size() <= kFewRanges) {
-      for (const KeyRange& range : ranges) mask |= mask_in(keys, range);
+      for (const KeyRange& range : ranges) mask |= in(keys, range);
     } else {
       mask = mask_of_each(bits[w], [&](int i) { return contains(ranges, keys[i]); });
     }
@@ -185,7 +215,7 @@ void Condition::keep(const Column& column, std::int64_t first,
   if (test_ == Test::kNull || column.is_all_null()) return;
   if (column.type() == ColumnType::kText) return keep_texts(column, first, bits);
   if (column.type() != ColumnType::kBoolean) {
-    return keep_in(column.keys().data() + row, keys_, flip(), bits);
+    return keep_in(column.keys().data() + row, keys_, flip(), bits, best_mask_in());
   }
   const std::uint64_t if_true = contains(keys_, 1) ? all : 0,
                       if_false = contains(keys_, 0) ? all : 0;
@@ -202,7 +232,7 @@ void Condition::keep_texts(const Column& column, std::int64_t first,
   for (const std::uint64_t word : bits) rows += static_cast<std::size_t>(std::popcount(word));
   const std::uint32_t* codes = column.codes().data() + first;
   if (rows >= texts_.size() || rows >= static_cast<std::size_t>(column.texts())) {
-    return keep_in(codes, codes_of(column), flip(), bits);
+    return keep_in(codes, codes_of(column), flip(), bits, mask_in<std::uint32_t>);
   }
   for (std::uint64_t& word : bits) {
     word &=
@@ -219,19 +249,9 @@ KeyRanges Condition::codes_of(const Column& column) const {
     }
     return codes;
   }
-  std::int64_t next = 0;
-  const auto advance = [&](std::string_view text) {
-    for (std::int64_t left = column.texts() - next; left > 0;) {
-      const std::int64_t half = left / 2;
-      const bool less = column.text(next + half) < text;
-      next += less ? half + 1 : 0;
-      left = less ? left - half - 1 : half;
-    }
-    return next;
-  };
   for (const TextRange& range : texts_) {
-    const std::int64_t begin = advance(range.from);
-    const std::int64_t end = range.to ? advance(*range.to) : column.texts();
+    const std::int64_t begin = column.first_code_from(range.from);
+    const std::int64_t end = range.to ? column.first_code_from(*range.to) : column.texts();
     if (begin < end) append(codes, {begin, end - 1});
   }
   return codes;

@@ -45,7 +45,7 @@ class Condition {
   // Adds the values of a column of this type from one end to the other. Requires: the literals are
   // of that type, or numbers as its values are.
   void add(ColumnType type, RangeEnd low, RangeEnd high);
-  // Must be called after the last add().
+  // Must be called after several add().
   void sort();
 
   std::int32_t column() const { return column_; }

@@ -122,6 +122,8 @@ TEST(Schema, HasTheColumnsOfTheOptions) {
                                              {"é b", ColumnType::kBoolean},
                                              {"r", ColumnType::kReal}}));
   EXPECT_EQ(make_schema(nullptr, 0), Schema());
+  EXPECT_NE(make_schema(columns, 1), (Schema{{"A", ColumnType::kText}}));
+  EXPECT_NE(make_schema(columns, 1), (Schema{{"a", ColumnType::kReal}}));
 }
 
 TEST(Schema, RefusesColumnsByName) {
