@@ -38,6 +38,16 @@ endif()
 configure_file(cmake/qx_runtime.pc.in qx_runtime.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_runtime.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(TARGET qx_collection)
+  # The header of the collection names nothing of the engine, which is inside of the library.
+  install(TARGETS qx_collection EXPORT qx_runtimeTargets
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(FILES collection/include/qx_collection.h collection/include/qx_collection.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  configure_file(cmake/qx_collection.pc.in qx_collection.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_collection.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
 
 # The manual pages are written from the header, by Python.
 find_package(Python3 COMPONENTS Interpreter)
