@@ -23,22 +23,6 @@ namespace {
 constexpr std::int64_t kTileRows = 16;
 constexpr std::int64_t kTileBytes = 64;
 
-// The system saves tiles only for processes that have asked it to.
-bool has_tiles() {
-  constexpr unsigned kTile = 1u << 24;
-  constexpr unsigned kInt8 = 1u << 25;
-  constexpr long kRequestPermission = 0x1023;
-  constexpr long kTileData = 18;
-  unsigned a = 0;
-  unsigned b = 0;
-  unsigned c = 0;
-  unsigned d = 0;
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
-         __get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 && (d & kTile) != 0 && (d & kInt8) != 0 &&
-         syscall(SYS_arch_prctl, kRequestPermission, kTileData) == 0;
-}
-
 // The layout is the CPU's.
 struct alignas(64) Configuration {
   std::uint8_t palette = 1;
@@ -119,10 +103,20 @@ QX_TILES inline __mmask16 keep(const std::int32_t* sums, std::uint32_t constants
 
 }  // namespace
 
-const TileKernel* TileKernel::find() {
-  static constexpr TileKernel kKernel;
-  static const bool found = has_tiles();
-  return found ? &kKernel : nullptr;
+// The system saves tiles only for processes that have asked it to.
+bool TileKernel::has_tiles() {
+  constexpr unsigned kTile = 1u << 24;
+  constexpr unsigned kInt8 = 1u << 25;
+  constexpr long kRequestPermission = 0x1023;
+  constexpr long kTileData = 18;
+  unsigned a = 0;
+  unsigned b = 0;
+  unsigned c = 0;
+  unsigned d = 0;
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+         __get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 && (d & kTile) != 0 && (d & kInt8) != 0 &&
+         syscall(SYS_arch_prctl, kRequestPermission, kTileData) == 0;
 }
 
 QX_TILES std::int64_t TileKernel::judge(const CodeView& codes, std::int64_t first,
@@ -176,7 +170,7 @@ QX_TILES std::int64_t TileKernel::judge(const CodeView& codes, std::int64_t firs
 
 namespace qx::collection {
 
-const TileKernel* TileKernel::find() { return nullptr; }
+bool TileKernel::has_tiles() { return false; }
 
 std::int64_t TileKernel::judge(const CodeView&, std::int64_t, std::int64_t, const CodedBatch&,
                                const float*, std::vector<std::uint8_t>&, Pair*) const {

@@ -1,10 +1,25 @@
 #include "batch/batch.h"
 
+#include <atomic>
 #include <memory>
 
 #include "read/coded_query.h"
 
 namespace qx::collection {
+
+namespace {
+
+constinit std::atomic<bool> tiles_allowed = true;
+
+}  // namespace
+
+const TileKernel* TileKernel::find() {
+  static constexpr TileKernel kKernel;
+  static const bool found = has_tiles();
+  return found && tiles_allowed.load(std::memory_order_relaxed) ? &kKernel : nullptr;
+}
+
+void TileKernel::allow(bool allowed) { tiles_allowed.store(allowed, std::memory_order_relaxed); }
 
 CodedBatch::CodedBatch(std::int64_t dim)
     : dim_(dim), row_levels_((code_row_bytes(dim) + 63) / 64 * 128) {}

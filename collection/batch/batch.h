@@ -25,7 +25,7 @@ class CodedBatch {
   std::int64_t size() const { return size_; }
 
  private:
-  friend struct TileKernel;
+  friend struct TileKernel;  // reads it
 
   // One number for each query, zeros up to a multiple of kQueriesTogether.
   struct Numbers {
@@ -51,6 +51,10 @@ struct TileKernel {
   // Null where the CPU or the system lacks tiles.
   static const TileKernel* find();
 
+  // Whether find() may find it, from now on. For tests and benchmarks. Requires: no other call of
+  // the library at the same time.
+  static void allow(bool allowed);
+
   static constexpr std::int64_t kMostRows = 256;
 
   // Judges up to kMostRows rows from `first` on, a multiple of kCodeGroupRows, by all eight bits,
@@ -59,6 +63,9 @@ struct TileKernel {
   std::int64_t judge(const CodeView& codes, std::int64_t first, std::int64_t count,
                      const CodedBatch& batch, const float* limits, std::vector<std::uint8_t>& space,
                      Pair* out) const;
+
+ private:
+  static bool has_tiles();
 };
 
 }  // namespace qx::collection

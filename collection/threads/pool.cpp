@@ -213,6 +213,13 @@ void parallel_for(std::int64_t tasks, int threads, const Progress& progress,
                   const std::function<void(std::int64_t task, int worker)>& task) {
   if (tasks <= 0) return;
   const auto most = static_cast<int>(std::min<std::int64_t>({tasks, threads, cpus()}));
+  if (most == 1) {  // searches of many host threads do not meet at the pool
+    for (std::int64_t i = 0; i < tasks; ++i) {
+      task(i, 0);
+      progress.report(i + 1, tasks);
+    }
+    return;
+  }
   Call call(tasks, most - 1, task);
   pool().run(call, tasks, progress);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "internal/coded_rows.h"
 #include "internal/every_kernel.h"
 #include "internal/scan_rows.h"
 #include "internal/sums.h"
@@ -30,64 +31,6 @@ constexpr double kUnit = 0x1p-24;
 // Dimensions around those at which a kernel changes its loads.
 const Ids kDims = {1,  2,   3,   7,   8,   9,   15,  16,  17,  31,  32,  33,  48,  63,  64,   65,
                    96, 100, 127, 128, 129, 130, 191, 192, 255, 256, 257, 300, 511, 513, 1025, 8192};
-
-// Rows with their codes, in the arrays that a kernel reads: nothing may be read behind them but the
-// padding of the planes.
-struct Coded {
-  Coded(const qx::Kernels& kernel, const Floats& rows, std::int64_t width)
-      : dim(width),
-        count(std::ssize(rows) / width),
-        row_bytes(qx::code_row_bytes(width)),
-        vectors(rows),
-        high(Bytes(static_cast<std::size_t>(count * row_bytes + qx::kCodePadding), 0xEE)),
-        low(high.values()),
-        constants(std::vector<std::uint32_t>(static_cast<std::size_t>(count))),
-        row_norms(std::vector<CodeNorms>(static_cast<std::size_t>(count))),
-        norms(std::vector<CodeNorms>(static_cast<std::size_t>((count + kGroup - 1) / kGroup))) {
-    kernel.code_rows(vectors.data(), count, dim, high.data(), low.data(), constants.data(),
-                     row_norms.data());
-    for (std::int64_t i = 0; i < count; ++i) {
-      CodeNorms& group = norms.data()[i / kGroup];
-      const CodeNorms& row = row_norms.data()[i];
-      for (int bits = 0; bits < 2; ++bits) {
-        group.residual[bits] = std::max(group.residual[bits], row.residual[bits]);
-      }
-      group.spread = std::max(group.spread, row.spread);
-    }
-  }
-
-  qx::CodeView view() const {
-    return {high.data(), low.data(), constants.data(), norms.data(), row_bytes};
-  }
-  const float* row(std::int64_t i) const { return vectors.data() + i * dim; }
-  double lo(std::int64_t i) const {
-    return std::bit_cast<float>(constants.data()[i] & 0xFFFF0000u);
-  }
-  double step(std::int64_t i) const { return std::bit_cast<float>(constants.data()[i] << 16); }
-
-  // The code of a component; with four bits, the least of those that share them.
-  std::int32_t code(std::int64_t i, std::int64_t j, CodeBits bits) const {
-    const std::int64_t at = i * row_bytes + j % row_bytes;
-    const int shift = j < row_bytes ? 0 : 4;
-    const std::int32_t least = (high.data()[at] >> shift & 15) * 16;
-    return bits == CodeBits::kFour ? least : least + (low.data()[at] >> shift & 15);
-  }
-
-  bool margins_intact() const {
-    return high.margins_intact() && low.margins_intact() && constants.margins_intact() &&
-           row_norms.margins_intact();
-  }
-
-  std::int64_t dim;
-  std::int64_t count;
-  std::int64_t row_bytes;
-  Guarded<float> vectors;
-  Guarded<std::uint8_t> high;
-  Guarded<std::uint8_t> low;
-  Guarded<std::uint32_t> constants;
-  Guarded<CodeNorms> row_norms;
-  Guarded<CodeNorms> norms;
-};
 
 // The levels of a query, component by component.
 std::int32_t level(const CodedQuery& query, std::int64_t row_bytes, std::int64_t j) {
