@@ -61,8 +61,8 @@ class Column {
   // On the heap.
   std::int64_t bytes() const;
 
-  // What the column keeps, for predicates. Arrays have whole words of 64 rows: zeros where a row is
-  // NULL or beyond the last.
+  // What the column keeps, for predicates. Arrays have whole words of 64 rows: anything where a row
+  // is NULL or beyond the last, but for bits, which are 0 there.
   bool is_all_null() const { return keys_.empty() && codes_.empty() && booleans_.empty(); }
   const std::vector<std::int64_t>& keys() const { return keys_; }           // integers and reals
   const std::vector<std::uint64_t>& booleans() const { return booleans_; }  // a bit each
@@ -74,9 +74,10 @@ class Column {
   std::int64_t first_code_from(std::string_view text) const;
 
  private:
-  using RowText = std::pair<std::string_view, std::uint32_t>;
+  using NumberedText = std::pair<std::string_view, std::uint32_t>;
   Column(ColumnType type, std::int64_t rows) : type_(type), rows_(rows) {}
-  void set_texts(std::vector<RowText>& texts);
+  // Sorts the texts, and replaces the numbers that are in codes_ by codes.
+  void set_texts(std::vector<NumberedText>& texts);
 
   ColumnType type_;
   std::int64_t rows_;
