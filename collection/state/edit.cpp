@@ -32,6 +32,7 @@ std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key,
     builder.add_id(key(i));
     std::copy_n(vector(i), shape.dim, builder.vector(static_cast<std::int64_t>(i)));
   }
+  builder.complete(0, rows);
   for (std::size_t c = 0; c < shape.schema.size(); ++c) {
     builder.add_column(Column::of(shape.schema[c].type, rows, [&](std::int64_t row) {
       return value(static_cast<std::size_t>(row), c);
@@ -87,7 +88,8 @@ std::vector<Key> keys_of(const Shape& shape, QxIds ids) {
   return keys;
 }
 
-void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim) {
+void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim,
+                    std::size_t first) {
   const std::size_t width = static_cast<std::size_t>(dim);
   const auto is_finite = [](float number) {
     constexpr std::uint32_t kExponent = 0x7F800000u;
@@ -99,8 +101,8 @@ void require_finite(const char* what, const float* vectors, std::size_t count, s
     for (std::size_t i = 0; i < width; ++i) all &= is_finite(vector[i]);
     require(all, [&] {
       const auto place = std::find_if_not(vector, vector + width, is_finite) - vector;
-      return "component " + std::to_string(place) + " of " + what + " " + std::to_string(row) +
-             " is not finite";
+      return "component " + std::to_string(place) + " of " + what + " " +
+             std::to_string(first + row) + " is not finite";
     });
   }
 }

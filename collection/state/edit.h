@@ -26,8 +26,9 @@ class Rows {
 // Ids as the host gives them, checked.
 std::vector<Key> keys_of(const Shape& shape, QxIds ids);
 
-// Refuses vectors with a NaN or an infinity.
-void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim);
+// Refuses vectors with a NaN or an infinity. They are counted from `first` on.
+void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim,
+                    std::size_t first = 0);
 
 class Edit {
  public:

@@ -64,8 +64,15 @@ void Segment::filter(const Predicate& predicate, std::int64_t first, std::int64_
 SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
     : shape_(shape), segment_(new Segment(rows)) {
   segment_->share_ = {shape.budget, bytes_of(shape, rows)};
-  vectors_ = static_cast<float*>(try_allocate(rows * shape.dim * std::int64_t{sizeof(float)}));
-  if (vectors_ == nullptr && rows > 0) throw std::bad_alloc();
+  void* const block = try_allocate(sizeof(QxIndex));
+  if (block == nullptr) throw std::bad_alloc();
+  segment_->index_ = new (block) QxIndex;
+  auto* const vectors =
+      static_cast<float*>(try_allocate(rows * shape.dim * std::int64_t{sizeof(float)}));
+  if (vectors == nullptr || !adopt_base(*segment_->index_, vectors, rows, shape.dim)) {
+    release(vectors);
+    throw std::bad_alloc();
+  }
   if (shape.has_texts) {
     segment_->text_starts_.reserve(at(rows) + 1);
     segment_->text_starts_.push_back(0);
@@ -75,15 +82,27 @@ SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
   }
 }
 
-SegmentBuilder::~SegmentBuilder() { release(vectors_); }
-
 void SegmentBuilder::add_id(const Key& key) {
   if (!shape_.has_texts) return segment_->numbers_.push_back(key.number);
   segment_->texts_.append(key.text);
   segment_->text_starts_.push_back(segment_->texts_.size());
 }
 
-float* SegmentBuilder::vector(std::int64_t row) { return vectors_ + row * shape_.dim; }
+SegmentBuilder::IdArrays SegmentBuilder::all_ids(std::int64_t text_bytes) {
+  segment_->texts_.resize(at(text_bytes));
+  if (shape_.has_texts) segment_->text_starts_.resize(at(segment_->rows_) + 1);
+  if (!shape_.has_texts) segment_->numbers_.resize(at(segment_->rows_));
+  const std::span<std::uint64_t> starts(segment_->text_starts_);
+  return {segment_->numbers_, starts.subspan(starts.empty() ? 0 : 1), segment_->texts_};
+}
+
+float* SegmentBuilder::vector(std::int64_t row) {
+  return segment_->index_->base_vectors + row * shape_.dim;
+}
+
+void SegmentBuilder::complete(std::int64_t first, std::int64_t end) {
+  derive_rows(*segment_->index_, first, end);
+}
 
 void SegmentBuilder::add_column(Column column) {
   segment_->share_.grow(column.bytes());
@@ -92,12 +111,7 @@ void SegmentBuilder::add_column(Column column) {
 
 std::shared_ptr<Segment> SegmentBuilder::finish() {
   segment_->texts_.shrink_to_fit();
-  segment_->share_.grow(static_cast<std::int64_t>(segment_->texts_.size()));
-  void* const block = try_allocate(sizeof(QxIndex));
-  if (block == nullptr) throw std::bad_alloc();
-  segment_->index_ = new (block) QxIndex;
-  if (!adopt_base(*segment_->index_, vectors_, segment_->rows_, shape_.dim)) throw std::bad_alloc();
-  vectors_ = nullptr;
+  segment_->share_.grow(std::ssize(segment_->texts_));
   return std::move(segment_);
 }
 

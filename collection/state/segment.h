@@ -2,6 +2,7 @@
 // order of ids, so the engine's rule for equal scores is the collection's.
 #pragma once
 
+#include <span>
 #include <string>
 
 #include "state/part.h"
@@ -36,22 +37,31 @@ class Segment final : public Part {
   Budget::Share share_;
 };
 
-// Use: add every id, fill every vector, add every column, finish.
+// Use: add every id, fill and complete every vector, add every column, finish.
 class SegmentBuilder {
  public:
   // Throws std::bad_alloc if there is no memory for the rows.
   SegmentBuilder(const Shape& shape, std::int64_t rows);
-  ~SegmentBuilder();
   SegmentBuilder(const SegmentBuilder&) = delete;
 
   void add_id(const Key& key);  // ascending
+  // Or all ids at once: arrays to be filled, of texts where each ends and their bytes.
+  struct IdArrays {
+    std::vector<std::int64_t>& numbers;
+    std::span<std::uint64_t> text_ends;
+    std::string& texts;
+  };
+  IdArrays all_ids(std::int64_t text_bytes);
+
   float* vector(std::int64_t row);
+  // Derives what searches need of the vectors of rows `first` to `end` - 1, which are filled.
+  // Threads may do so at the same time with rows that are not of one group (kCodeGroupRows).
+  void complete(std::int64_t first, std::int64_t end);
   void add_column(Column column);
   std::shared_ptr<Segment> finish();
 
  private:
   const Shape& shape_;
-  float* vectors_ = nullptr;
   std::shared_ptr<Segment> segment_;
 };
 

@@ -1,6 +1,7 @@
 #include "store/base.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <numeric>
 
@@ -76,15 +77,12 @@ Array<std::int64_t> find_duplicate_rows(const QxIndex& index, std::int64_t count
   return rows;
 }
 
-// What is derived from the vectors.
-void derive(QxIndex& index) {
+// Before derive_rows().
+void begin_deriving(QxIndex& index) {
   const std::int64_t dim = dim_of(index);
-  in_default_fp_environment(
-      [&] { index.base_magnitude = largest_magnitude(index.base_vectors, index.n_base * dim); });
+  index.base_magnitude = 0;
   release_codes(index.base_codes);
-  if (is_worth_coding(index.n_base, dim)) {
-    build_codes(index.base_codes, index.base_vectors, index.n_base, dim);
-  }
+  if (is_worth_coding(index.n_base, dim)) begin_codes(index.base_codes, index.n_base, dim);
 }
 
 // A new block of the numbers from 0 to count - 1; null without memory for it.
@@ -112,8 +110,19 @@ bool adopt_base(QxIndex& index, float* vectors, std::int64_t n, std::int32_t dim
   index.dim = static_cast<std::uint32_t>(dim);
   index.n_base = n;
   index.sealed = 1;
-  derive(index);
+  begin_deriving(index);
   return true;
+}
+
+void derive_rows(QxIndex& index, std::int64_t first, std::int64_t end) {
+  const std::int64_t dim = dim_of(index);
+  const std::atomic_ref magnitude(index.base_magnitude);
+  in_default_fp_environment([&] {
+    const float largest = largest_magnitude(index.base_vectors + first * dim, (end - first) * dim);
+    float known = magnitude.load();
+    while (known < largest && !magnitude.compare_exchange_weak(known, largest)) continue;
+  });
+  code_range(index.base_codes, index.base_vectors, first, end);
 }
 
 bool build_base(QxIndex& index, const BaseInput& input) {
@@ -133,7 +142,8 @@ bool build_base(QxIndex& index, const BaseInput& input) {
   index.sealed = 1;
   index.n_parts = input.n_parts;
   index.duplicate_rows = find_duplicate_rows(index, duplicates);
-  derive(index);
+  begin_deriving(index);
+  derive_rows(index, 0, index.n_base);
   return true;
 }
 

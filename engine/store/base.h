@@ -68,9 +68,13 @@ bool build_base(QxIndex& index, const BaseInput& input);
 
 // Seals `n` rows as the base of an empty index, with ids 0 to n - 1 and without a copy: `vectors`
 // is a block of try_allocate(), which the index then owns, or null without floats. Returns false,
-// with nothing changed, if there is no memory for the ids. Requires: n and dim are within the
-// limits.
+// with nothing changed, if there is no memory for the ids. derive_rows() is then called for all
+// rows. Requires: n and dim are within the limits.
 bool adopt_base(QxIndex& index, float* vectors, std::int64_t n, std::int32_t dim);
+
+// Derives what reads need of the vectors of rows `first` to `end` - 1. Threads may do so at the
+// same time in different groups (kCodeGroupRows).
+void derive_rows(QxIndex& index, std::int64_t first, std::int64_t end);
 
 // The partition of a key, or -1. Of equal keys, binary search decides, which is part of the
 // contract.

@@ -77,16 +77,16 @@ void merge(CodeNorms& norms, const CodeNorms& row) {
   norms.spread = std::max(norms.spread, row.spread);
 }
 
-// Codes `count` rows of one group, from `first` on.
+// Codes `count` rows of one group, from `first` on: of a new group, or of one that has others.
 void code_group(const QxCodes& codes, const Parts& parts, const float* vectors, std::int64_t first,
-                std::int64_t count) {
+                std::int64_t count, bool is_new) {
   CodeNorms norms[kCodeGroupRows];
   const std::int64_t offset = first * code_row_bytes(codes.dim);
   in_default_fp_environment([&] {
     kernels().code_rows(vectors, count, codes.dim, parts.high + offset, parts.low + offset,
                         parts.constants + first, norms);
     CodeNorms& group = parts.norms[first / kCodeGroupRows];
-    if (first == codes.rows && first % kCodeGroupRows == 0) group = norms[0];
+    if (is_new) group = norms[0];
     for (std::int64_t i = 0; i < count; ++i) merge(group, norms[i]);
   });
 }
@@ -94,13 +94,8 @@ void code_group(const QxCodes& codes, const Parts& parts, const float* vectors, 
 // Codes the rows up to `rows`, if there is a block.
 void code_to(QxCodes& codes, const float* vectors, std::int64_t rows) {
   if (codes.block == nullptr) return;
-  const Parts parts(codes);
-  while (codes.rows < rows) {
-    const std::int64_t in_group = kCodeGroupRows - codes.rows % kCodeGroupRows;
-    const std::int64_t count = std::min(in_group, rows - codes.rows);
-    code_group(codes, parts, vectors + codes.rows * codes.dim, codes.rows, count);
-    codes.rows += count;
-  }
+  code_range(codes, vectors, codes.rows, rows);
+  codes.rows = rows;
 }
 
 }  // namespace
@@ -114,10 +109,21 @@ bool is_worth_coding([[maybe_unused]] std::int64_t rows, [[maybe_unused]] std::i
 #endif
 }
 
-void build_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim) {
+void begin_codes(QxCodes& codes, std::int64_t rows, std::int64_t dim) {
   release_codes(codes);
   move_to_capacity(codes, rows, dim);
-  code_to(codes, vectors, rows);
+  if (codes.block != nullptr) codes.rows = rows;
+}
+
+void code_range(const QxCodes& codes, const float* vectors, std::int64_t first, std::int64_t end) {
+  if (codes.block == nullptr) return;
+  const Parts parts(codes);
+  while (first < end) {
+    const std::int64_t place = first % kCodeGroupRows;
+    const std::int64_t count = std::min(kCodeGroupRows - place, end - first);
+    code_group(codes, parts, vectors + first * codes.dim, first, count, place == 0);
+    first += count;
+  }
 }
 
 void extend_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim) {
@@ -130,7 +136,7 @@ void extend_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::
 
 void replace_code(QxCodes& codes, std::int64_t row, const float* vector) {
   QX_ASSERT(row >= 0 && row < codes.rows);
-  code_group(codes, codes, vector, row, 1);
+  code_group(codes, codes, vector, row, 1, false);
 }
 
 void release_codes(QxCodes& codes) {

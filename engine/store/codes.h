@@ -11,9 +11,13 @@ namespace qx {
 // constants of a code weigh as much, nor of rows too long for the sums of a kernel.
 bool is_worth_coding(std::int64_t rows, std::int64_t dim);
 
-// Codes `rows` rows, in place of what was coded. Without memory for it, nothing is coded.
-// Requires: 1 <= dim <= kMaxCodedDim.
-void build_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim);
+// Makes room for the codes of `rows` rows, in place of what was coded; code_range() is then called
+// for all of them. Without memory for it, nothing is coded. Requires: 1 <= dim <= kMaxCodedDim.
+void begin_codes(QxCodes& codes, std::int64_t rows, std::int64_t dim);
+
+// Codes the rows from `first` to `end` - 1, for the first time, if there is room for codes. Threads
+// may do so at the same time in different groups.
+void code_range(const QxCodes& codes, const float* vectors, std::int64_t first, std::int64_t end);
 
 // Codes the rows from codes.rows on up to `rows`, of an array that grows: the block has room for a
 // power of two of them. The same holds and is required.

@@ -107,7 +107,10 @@ QxIndex record_of(const Fixed& rows, float magnitude, WithCodes coded) {
   index.base_magnitude = magnitude;
   index.delta_vectors = qx::Array<float>::copy_of(rows.delta.data(), rows.width * kDeltaRows);
   index.delta_ids = qx::Array<std::int64_t>::of_length(kDeltaRows);
-  if (coded.base) qx::build_codes(index.base_codes, index.base_vectors, rows.count, rows.width);
+  if (coded.base) {
+    qx::begin_codes(index.base_codes, rows.count, rows.width);
+    qx::code_range(index.base_codes, index.base_vectors, 0, rows.count);
+  }
   if (coded.delta) {
     qx::extend_codes(index.delta_codes, index.delta_vectors.data, kDeltaRows, rows.width);
   }
