@@ -201,12 +201,13 @@ void Edit::kill(Location at) {
   }
 }
 
-// All rows that a change kills in a part die by one number.
+// All rows that a change kills in a part die by one number. Where they are only hidden, none has
+// died, and the next number is that of a change by the part's owner.
 State Edit::commit() noexcept {
   for (const Location at : killed_) kill(at);
   for (std::size_t i = 0; i < killed_.size(); ++i) {
     const bool is_last = i + 1 == killed_.size() || killed_[i + 1].part() != killed_[i].part();
-    if (is_last) ++next_.parts[killed_[i].part()].seen;
+    if (is_last && killed_[i].part() >= own_) ++next_.parts[killed_[i].part()].seen;
   }
   return std::move(next_);
 }
