@@ -18,9 +18,9 @@ int threads_of(const QxCollection& collection, const QxSearch* search) {
   return std::min(most, search->threads);
 }
 
-std::string describe(const State& state, const Condition& condition) {
+std::string describe(const State& state, const Restriction& restriction) {
   constexpr const char* kWays[] = {"scan", "bitmap", "candidates"};
-  const Selection selection(state, condition);
+  const Selection selection(state, restriction);
   std::string text;
   for (std::size_t p = 0; p < state.parts.size(); ++p) {
     const std::int64_t rows = state.parts[p].rows;
@@ -47,14 +47,14 @@ int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
     require(k >= 0, [&] { return "k is " + std::to_string(k) + ", below 0"; });
     require(queries != nullptr || n_queries == 0, [] { return "queries is null"; });
     require_finite("query", queries, static_cast<std::size_t>(n_queries), shape.dim);
-    const Condition condition(shape, search);
+    const Restriction restriction(shape, search);
     const Progress progress(search == nullptr ? nullptr : search->progress,
                             search == nullptr ? nullptr : search->progress_context);
     const int threads = threads_of(*collection, search);
     const std::int64_t slots = std::min(k, reading.state().visible_rows());
     std::vector<std::vector<Hit>> hits(static_cast<std::size_t>(n_queries));
     if (slots > 0) {
-      hits = qx::collection::search(reading.state(), {reading.state(), condition},
+      hits = qx::collection::search(reading.state(), {reading.state(), restriction},
                                     {queries, n_queries, shape.dim}, slots, threads, progress);
     }
     slot = new OwnedHits(reading.state(), shape, hits, slots);
@@ -68,7 +68,7 @@ int32_t qx_collection_explain(const QxCollection* collection, const QxView* view
   return status_of([&] {
     char*& slot = given(out, "out");
     const Reading reading(collection, view);
-    const std::string text = describe(reading.state(), Condition(reading.shape(), search));
+    const std::string text = describe(reading.state(), Restriction(reading.shape(), search));
     slot = new char[text.size() + 1];
     std::memcpy(slot, text.c_str(), text.size() + 1);
   });
@@ -113,12 +113,12 @@ int32_t qx_collection_list(const QxCollection* collection, const QxView* view, c
     require(most >= 0, [&] { return "most is " + std::to_string(most) + ", below 0"; });
     QxSearch search = {};
     search.filter = filter;
-    const Condition condition(reading.shape(), &search);
+    const Restriction restriction(reading.shape(), &search);
     Cursor cursor(state, start.empty() ? nullptr : start.data());
     std::vector<Key> keys;
     std::vector<Location> places;
     for (Location at; std::ssize(keys) < most && cursor.next(&at);) {
-      if (!condition.is_true_of(state.part(at), at.row())) continue;
+      if (!restriction.is_true_of(state.part(at), at.row())) continue;
       keys.push_back(state.key(at));
       places.push_back(at);
     }

@@ -7,7 +7,7 @@
 
 namespace qx::collection {
 
-Condition::Condition(const Shape& shape, const QxSearch* search)
+Restriction::Restriction(const Shape& shape, const QxSearch* search)
     : has_texts_(shape.has_texts), columns_(shape.schema.size()) {
   if (search == nullptr) return;
   if (search->filter != nullptr) predicate_ = Predicate::parse(search->filter, shape.schema);
@@ -19,15 +19,15 @@ Condition::Condition(const Shape& shape, const QxSearch* search)
   context_ = search->accept_context;
 }
 
-bool Condition::is_true_of(const Part& part, std::int64_t row) const {
+bool Restriction::is_true_of(const Part& part, std::int64_t row) const {
   if (!predicate_) return true;
   std::vector<Value> values;
   for (std::size_t c = 0; c < columns_; ++c) values.push_back(part.value(row, c));
   return predicate_->is_true_of(values);
 }
 
-void Condition::accept(const Part& part, std::int64_t first, std::int64_t count,
-                       std::uint64_t* words) const {
+void Restriction::accept(const Part& part, std::int64_t first, std::int64_t count,
+                         std::uint64_t* words) const {
   if (accept_ == nullptr) return;
   for (std::int64_t i = 0; i < count; i += kMaskRows) {
     for_each_bit(words[i / kMaskRows], [&](std::int64_t bit) {
@@ -40,11 +40,11 @@ void Condition::accept(const Part& part, std::int64_t first, std::int64_t count,
   }
 }
 
-Selection::Selection(const State& state, const Condition& condition)
-    : state_(state), condition_(condition) {
-  if (!condition.among()) return;
+Selection::Selection(const State& state, const Restriction& restriction)
+    : state_(state), restriction_(restriction) {
+  if (!restriction.among()) return;
   candidates_.resize(state.parts.size());
-  for (const Key& key : *condition.among()) {
+  for (const Key& key : *restriction.among()) {
     const Location at = state.find(key);
     if (at.exists()) candidates_[at.part()].push_back(at.row());
   }
@@ -54,7 +54,7 @@ Selection::Selection(const State& state, const Condition& condition)
 Selection::Way Selection::way(std::size_t part) const {
   if (!candidates_.empty()) return Way::kCandidates;
   const PartView& view = state_.parts[part];
-  return condition_.is_empty() && view.dead == 0 ? Way::kScan : Way::kBitmap;
+  return restriction_.is_empty() && view.dead == 0 ? Way::kScan : Way::kBitmap;
 }
 
 // Keeps the bits of listed rows, of which each is visible.
@@ -83,9 +83,9 @@ std::int64_t Selection::select(std::size_t part, std::int64_t first, std::int64_
       words[i / kMaskRows] = view.mask(first + i, std::min(kMaskRows, count - i));
     }
   }
-  if (condition_.is_empty() || selected() == 0) return selected();
-  if (condition_.predicate()) view.part->filter(*condition_.predicate(), first, count, words);
-  condition_.accept(*view.part, first, count, words);
+  if (restriction_.is_empty() || selected() == 0) return selected();
+  if (restriction_.predicate()) view.part->filter(*restriction_.predicate(), first, count, words);
+  restriction_.accept(*view.part, first, count, words);
   return selected();
 }
 

@@ -9,9 +9,9 @@
 namespace qx::collection {
 
 // What a search asks of rows, checked. `among` belongs to the host.
-class Condition {
+class Restriction {
  public:
-  Condition(const Shape& shape, const QxSearch* search);
+  Restriction(const Shape& shape, const QxSearch* search);
 
   // True if every visible row passes.
   bool is_empty() const { return !predicate_ && !among_ && accept_ == nullptr; }
@@ -35,8 +35,8 @@ class Selection {
  public:
   enum class Way { kScan, kBitmap, kCandidates };
 
-  // Condition and state must live as long.
-  Selection(const State& state, const Condition& condition);
+  // The restriction and the state must live as long.
+  Selection(const State& state, const Restriction& restriction);
 
   // How the rows of a part are found: all of them are taken, or by a bit for each row, or from a
   // list of ids.
@@ -52,7 +52,7 @@ class Selection {
                        std::uint64_t* words) const;
 
   const State& state_;
-  const Condition& condition_;
+  const Restriction& restriction_;
   std::vector<std::vector<std::int64_t>> candidates_;  // rows of each part, ascending; if listed
 };
 
