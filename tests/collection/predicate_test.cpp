@@ -312,7 +312,7 @@ TEST(Predicate, AgreesWithANaiveEvaluationOfRandomTrees) {
 template <typename T>
 void expect_in(ColumnType type, const std::vector<T>& values, const std::vector<T>& list) {
   std::string items;
-  for (const T& item : list) items += (items.empty() ? "" : ",") + text_of(Owned(item));
+  for (const T& item : list) items.append(items.empty() ? "" : ",").append(text_of(Owned(item)));
   const Schema schema = {{"x", type}, {"n", ColumnType::kInteger}};
   const auto rows = std::ssize(values);
   std::vector<Column> columns;
