@@ -334,8 +334,10 @@ Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
 }  // namespace
 
 std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
-                                     const Queries& queries, std::int64_t k, int threads,
+                                     const Queries& queries, std::int64_t k, int most_threads,
                                      const Progress& progress) {
+  if (queries.count == 0) return {};
+  const int threads = std::min(most_threads, cpus());
   std::vector<std::unique_ptr<Best>> best;
   for (std::int64_t q = 0; q < queries.count; ++q) {
     best.push_back(std::make_unique<Best>(state, k));
