@@ -2,6 +2,7 @@
 #pragma once
 
 #include "state/collection.h"
+#include "support/fp_environment.h"
 
 // The schema as the host sees it stays beside the collection.
 struct QxCollection {
@@ -20,11 +21,11 @@ namespace qx::collection {
 // Notes what is wrong, for qx_collection_message, and gives its status.
 std::int32_t note_failure(std::int32_t status, const char* message) noexcept;
 
-// Calls work(), and gives the status of what it throws.
+// Calls work(), in the default floating-point environment, and gives the status of what it throws.
 template <typename Work>
 std::int32_t status_of(Work work) noexcept {
   try {
-    work();
+    in_default_fp_environment(work);
     return QX_OK;
   } catch (const Error& error) {
     return note_failure(error.status(), error.what());
