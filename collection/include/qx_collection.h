@@ -257,7 +257,7 @@ int32_t qx_collection_contains(const QxCollection* collection, const QxView* vie
 int32_t qx_collection_list(const QxCollection* collection, const QxView* view, const char* filter,
                            QxIds after, int64_t most, QxRows** out);
 
-/* The number of rows. */
+/* The number of rows, or -1 if the view is of another collection. */
 int64_t qx_collection_count(const QxCollection* collection, const QxView* view);
 
 typedef struct QxCollectionStats {

@@ -127,7 +127,9 @@ int32_t qx_collection_list(const QxCollection* collection, const QxView* view, c
 }
 
 int64_t qx_collection_count(const QxCollection* collection, const QxView* view) {
-  return Reading(collection, view).state().visible_rows();
+  std::int64_t count = -1;
+  status_of([&] { count = Reading(collection, view).state().visible_rows(); });
+  return count;
 }
 
 void qx_collection_stats(const QxCollection* collection, QxCollectionStats* out) {
