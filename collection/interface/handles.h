@@ -33,6 +33,8 @@ std::int32_t status_of(Work work) noexcept {
     return note_failure(QX_OUT_OF_MEMORY, "there is no memory for that, or it is above the limit");
   } catch (const std::exception& error) {
     return note_failure(QX_OUT_OF_MEMORY, error.what());
+  } catch (...) {
+    return note_failure(QX_CANCELLED, "a callback of the host has thrown");
   }
 }
 

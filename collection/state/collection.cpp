@@ -95,16 +95,16 @@ void Collection::compact(const Progress& progress) {
   merge_segments(lock, state->parts, [&](std::int64_t done) { progress.report(done, rows); });
 }
 
-// Starts the thread, or wakes it. Without a thread, segments wait for the next change.
-void Collection::want_merging(const Lock&) {
+// Starts the thread, or wakes it. The change has been made: without a thread, or memory, segments
+// wait for the next one.
+void Collection::want_merging(const Lock&) noexcept try {
   if (is_manual_ || choose_merged(shape_, *state_.get(), 0).empty()) return;
   merging_->is_wanted = true;
   merging_->changed.notify_one();
-  if (merging_->thread.joinable()) return;
-  try {
+  if (!merging_->thread.joinable()) {
     merging_->thread = start_thread([this] { keep_merging(); });
-  } catch (const std::system_error&) {
   }
+} catch (const std::exception&) {
 }
 
 // One merge at a time, until there is none to make or no memory for it.
@@ -161,15 +161,13 @@ std::int64_t View::remove(std::vector<Key> keys) {
 }
 
 // Of a transaction that writes a lot. Without memory for it, later.
-void View::merge_segments() {
+void View::merge_segments() noexcept try {
   const std::vector<PartView> parts = choose_merged(shape_, state_, own_);
   if (parts.empty()) return;
-  try {
-    Edit edit(shape_, state_, own_);
-    edit.replace(parts, merge(shape_, parts, {}));
-    state_ = edit.commit();
-  } catch (const std::bad_alloc&) {
-  }
+  Edit edit(shape_, state_, own_);
+  edit.replace(parts, merge(shape_, parts, {}));
+  state_ = edit.commit();
+} catch (const std::bad_alloc&) {
 }
 
 }  // namespace qx::collection

@@ -46,7 +46,7 @@ class Collection {
   void publish(const Lock&, Edit& edit);
   void merge_segments(Lock& lock, std::vector<PartView> parts,
                       const std::function<void(std::int64_t)>& check);
-  void want_merging(const Lock&);
+  void want_merging(const Lock&) noexcept;
   void keep_merging();
   void end_merging();
 
@@ -71,7 +71,7 @@ class View {
   const Shape& shape() const { return shape_; }
 
  private:
-  void merge_segments();
+  void merge_segments() noexcept;
 
   const Shape& shape_;
   State state_;
