@@ -61,14 +61,14 @@ struct Cut {
 };
 
 Cut cut_of(ColumnType type, RangeEnd end) {
-  const auto [key, literal] = place_of(type, *end.literal);
-  const bool after = literal > 0 || (literal == 0 && end.after);
+  const auto [key, literal] = place_of(type, end.literal);
+  const bool after = literal > 0 || (literal == 0 && end.side == Side::kAfter);
   return {type == ColumnType::kReal && key == 0 && !after ? -1 : key, after};
 }
 
 std::string cut_of(RangeEnd end) {
-  auto text = std::get<std::string>(*end.literal);
-  if (end.after) text.push_back('\0');
+  auto text = std::get<std::string>(end.literal);
+  if (end.side == Side::kAfter) text.push_back('\0');
   return text;
 }
 
@@ -169,8 +169,8 @@ void keep_in(const Key* keys, const KeyRanges& ranges, std::uint64_t flip,
 void Condition::add(ColumnType type, RangeEnd low, RangeEnd high) {
   if (type == ColumnType::kText) {
     TextRange range;
-    if (low.literal != nullptr) range.from = cut_of(low);
-    if (high.literal != nullptr) range.to = cut_of(high);
+    if (low.side != Side::kOpen) range.from = cut_of(low);
+    if (high.side != Side::kOpen) range.to = cut_of(high);
     if (!range.to || range.from < *range.to) texts_.push_back(std::move(range));
     return;
   }
@@ -178,8 +178,8 @@ void Condition::add(ColumnType type, RangeEnd low, RangeEnd high) {
   const bool real = type == ColumnType::kReal;
   Cut from{real ? key_of(-infinity) : INT64_MIN, false};
   Cut to{real ? key_of(infinity) : INT64_MAX, true};
-  if (low.literal != nullptr) from = cut_of(type, low);
-  if (high.literal != nullptr) to = cut_of(type, high);
+  if (low.side != Side::kOpen) from = cut_of(type, low);
+  if (high.side != Side::kOpen) to = cut_of(type, high);
   if ((from.after && from.key == INT64_MAX) || (!to.after && to.key == INT64_MIN)) return;
   const KeyRange range{from.key + (from.after ? 1 : 0), to.key - (to.after ? 0 : 1)};
   if (range.first <= range.last) keys_.push_back(range);

@@ -16,10 +16,11 @@ namespace qx::collection {
 
 using Literal = std::variant<std::int64_t, double, bool, std::string>;
 
-// One end of a range of values: before or after a literal. `literal` null: all values.
+// One end of a range of values: there is none, or it is right before or after a literal.
+enum class Side : std::uint8_t { kOpen, kBefore, kAfter };
 struct RangeEnd {
-  const Literal* literal;
-  bool after;
+  Side side;
+  const Literal& literal;
 };
 
 // Keys, both ends included; never empty.

@@ -19,16 +19,17 @@ constexpr std::size_t kLongestQuote = 40;
 constexpr std::string_view kReserved[] = {"AND",  "OR",      "NOT",  "IN",   "IS",
                                           "NULL", "BETWEEN", "TRUE", "FALSE"};
 
-// The range of an operator: whether it has a low and a high end, and on which side of the literal.
+// The range of an operator's values, by its ends, which are at the literal.
 struct Operator {
   std::string_view name;
-  bool negated, has_low, low_is_after, has_high, high_is_after;
+  bool negated;
+  Side low, high;
 };
 constexpr Operator kOperators[] = {
-    {"=", false, true, false, true, true},    {"<>", true, true, false, true, true},
-    {"!=", true, true, false, true, true},    {"<", false, false, false, true, false},
-    {"<=", false, false, false, true, true},  {">", false, true, true, false, false},
-    {">=", false, true, false, false, false},
+    {"=", false, Side::kBefore, Side::kAfter}, {"<>", true, Side::kBefore, Side::kAfter},
+    {"!=", true, Side::kBefore, Side::kAfter}, {"<", false, Side::kOpen, Side::kBefore},
+    {"<=", false, Side::kOpen, Side::kAfter},  {">", false, Side::kAfter, Side::kOpen},
+    {">=", false, Side::kBefore, Side::kOpen},
 };
 
 // What is to be compared with a column, by its type.
@@ -260,14 +261,13 @@ class Parser {
     if (column.type != ColumnType::kBoolean) refuse_token("a comparison of " + column.name);
     const Literal is_true = true;
     Condition condition = empty(negated);
-    condition.add(column.type, {&is_true, false}, {&is_true, true});
+    condition.add(column.type, {Side::kBefore, is_true}, {Side::kAfter, is_true});
     return condition;
   }
 
   Condition parse_comparison(const ColumnSchema& column, const Operator& op, Condition condition) {
     const Literal literal = parse_literal(column);
-    condition.add(column.type, {op.has_low ? &literal : nullptr, op.low_is_after},
-                  {op.has_high ? &literal : nullptr, op.high_is_after});
+    condition.add(column.type, {op.low, literal}, {op.high, literal});
     return condition;
   }
 
@@ -275,7 +275,7 @@ class Parser {
     const Literal low = parse_literal(column);
     expect("AND", "AND");
     const Literal high = parse_literal(column);
-    condition.add(column.type, {&low, false}, {&high, true});
+    condition.add(column.type, {Side::kBefore, low}, {Side::kAfter, high});
     return condition;
   }
 
@@ -283,7 +283,7 @@ class Parser {
     expect("(", "'('");
     do {
       const Literal literal = parse_literal(column);
-      condition.add(column.type, {&literal, false}, {&literal, true});
+      condition.add(column.type, {Side::kBefore, literal}, {Side::kAfter, literal});
     } while (accept(","));
     expect(")", "',' or ')'");
     condition.sort();

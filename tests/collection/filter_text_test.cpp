@@ -122,6 +122,14 @@ TEST(FilterText, HasNumbersInEveryNotation) {
   }
 }
 
+TEST(FilterText, IsNotReadBeyondItsEnd) {
+  const Value row[] = {std::int64_t{1}, {}, {}, "a"};
+  for (const std::string_view text : {"i = 12", "i = 1.5", "i = 1e5", "i = 1x"}) {
+    EXPECT_TRUE(Predicate::parse(text.substr(0, 5), kSchema).is_true_of(row)) << text;
+  }
+  EXPECT_TRUE(Predicate::parse(std::string_view("t = 'a''", 7), kSchema).is_true_of(row));
+}
+
 // Pieces of filters and bytes: a text is refused, or is a filter on which both evaluations agree.
 TEST(FilterText, OfAnyBytesIsRefusedOrEvaluatedAlikeInBothWays) {
   static const std::vector<std::string> pieces = {
