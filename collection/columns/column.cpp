@@ -89,20 +89,20 @@ std::int64_t key_of(const Value& value) {
 
 Column Column::of(ColumnType type, std::int64_t rows,
                   const std::function<Value(std::int64_t row)>& at) {
-  Column column(type, rows);
+  Column column(type, rows, {});
   const auto words = static_cast<std::size_t>((rows + 63) / 64);
   std::vector<NumberedText> texts;
   std::vector<std::uint32_t> recent(kRecentTexts);
-  column.known_.resize(words);
-  if (type == ColumnType::kText) column.codes_.resize(words * 64);
-  if (type == ColumnType::kBoolean) column.booleans_.resize(words);
-  if (type <= ColumnType::kReal) column.keys_.resize(words * 64);
+  column.arrays_.known.resize(words);
+  if (type == ColumnType::kText) column.arrays_.codes.resize(words * 64);
+  if (type == ColumnType::kBoolean) column.arrays_.booleans.resize(words);
+  if (type <= ColumnType::kReal) column.arrays_.keys.resize(words * 64);
   std::int64_t n_known = 0;
   for (std::int64_t row = 0; row < rows; ++row) {
     const Value value = at(row);
     if (std::holds_alternative<std::monostate>(value)) continue;
     n_known += 1;
-    set_bit(column.known_, row);
+    set_bit(column.arrays_.known, row);
     if (type == ColumnType::kText) {
       const auto text = std::get<std::string_view>(value);
       std::uint32_t& number = recent[std::hash<std::string_view>()(text) % recent.size()];
@@ -110,15 +110,15 @@ Column Column::of(ColumnType type, std::int64_t rows,
         number = static_cast<std::uint32_t>(texts.size());
         texts.emplace_back(text, number);
       }
-      column.codes_[static_cast<std::size_t>(row)] = number;
+      column.arrays_.codes[static_cast<std::size_t>(row)] = number;
     } else if (type != ColumnType::kBoolean) {
-      column.keys_[static_cast<std::size_t>(row)] = key_of(value);
+      column.arrays_.keys[static_cast<std::size_t>(row)] = key_of(value);
     } else if (std::get<bool>(value)) {
-      set_bit(column.booleans_, row);
+      set_bit(column.arrays_.booleans, row);
     }
   }
-  if (n_known == 0) return Column(type, rows);
-  if (n_known == rows) column.known_ = std::vector<std::uint64_t>();
+  if (n_known == 0) return Column(type, rows, {});
+  if (n_known == rows) column.arrays_.known = std::vector<std::uint64_t>();
   column.set_texts(texts);
   return column;
 }
@@ -127,30 +127,34 @@ void Column::set_texts(std::vector<NumberedText>& texts) {
   std::ranges::sort(texts, {}, &NumberedText::first);
   std::vector<std::uint32_t> code_of(texts.size());
   for (const auto& [text, number] : texts) {
-    if (text_ends_.empty() || text != this->text(this->texts() - 1)) {
-      text_bytes_.insert(text_bytes_.end(), text.begin(), text.end());
-      text_ends_.push_back(text_bytes_.size());
+    if (arrays_.text_ends.empty() || text != this->text(this->texts() - 1)) {
+      arrays_.text_bytes.insert(arrays_.text_bytes.end(), text.begin(), text.end());
+      arrays_.text_ends.push_back(arrays_.text_bytes.size());
     }
-    code_of[number] = static_cast<std::uint32_t>(text_ends_.size() - 1);
+    code_of[number] = static_cast<std::uint32_t>(arrays_.text_ends.size() - 1);
   }
-  for (std::uint32_t& code : codes_) code = code_of[code];
-  text_ends_.shrink_to_fit();
-  text_bytes_.shrink_to_fit();
+  for (std::int64_t row = 0; row < rows_; ++row) {
+    std::uint32_t& code = arrays_.codes[static_cast<std::size_t>(row)];
+    if (arrays_.known.empty() || bit_of(arrays_.known, row)) code = code_of[code];
+  }
+  arrays_.text_ends.shrink_to_fit();
+  arrays_.text_bytes.shrink_to_fit();
 }
 
 Value Column::at(std::int64_t row) const {
-  if (is_all_null() || (!known_.empty() && !bit_of(known_, row))) return {};
-  if (type_ == ColumnType::kBoolean) return bit_of(booleans_, row);
+  if (is_all_null() || (!arrays_.known.empty() && !bit_of(arrays_.known, row))) return {};
+  if (type_ == ColumnType::kBoolean) return bit_of(arrays_.booleans, row);
   const auto i = static_cast<std::size_t>(row);
-  if (type_ == ColumnType::kText) return text(codes_[i]);
-  if (type_ == ColumnType::kInteger) return keys_[i];
-  return std::bit_cast<double>(flip_if_negative(keys_[i]));
+  if (type_ == ColumnType::kText) return text(arrays_.codes[i]);
+  if (type_ == ColumnType::kInteger) return arrays_.keys[i];
+  return std::bit_cast<double>(flip_if_negative(arrays_.keys[i]));
 }
 
 std::string_view Column::text(std::int64_t code) const {
   const auto i = static_cast<std::size_t>(code);
-  const std::uint64_t begin = i == 0 ? 0 : text_ends_[i - 1];
-  return {text_bytes_.data() + begin, static_cast<std::size_t>(text_ends_[i] - begin)};
+  const std::uint64_t begin = i == 0 ? 0 : arrays_.text_ends[i - 1];
+  return {arrays_.text_bytes.data() + begin,
+          static_cast<std::size_t>(arrays_.text_ends[i] - begin)};
 }
 
 std::int64_t Column::first_code_from(std::string_view text) const {
@@ -167,8 +171,8 @@ std::int64_t Column::first_code_from(std::string_view text) const {
 }
 
 std::int64_t Column::bytes() const {
-  return bytes_of(keys_) + bytes_of(booleans_) + bytes_of(codes_) + bytes_of(known_) +
-         bytes_of(text_ends_) + bytes_of(text_bytes_);
+  return bytes_of(arrays_.keys) + bytes_of(arrays_.booleans) + bytes_of(arrays_.codes) +
+         bytes_of(arrays_.known) + bytes_of(arrays_.text_ends) + bytes_of(arrays_.text_bytes);
 }
 
 }  // namespace qx::collection

@@ -44,6 +44,17 @@ void check_values(const QxValues* values, const Schema& schema, std::int64_t n);
 // the infinities.
 std::int64_t key_of(const Value& value);
 
+// What a column keeps. Arrays of rows have whole words of 64 rows: zeros where a row is NULL or
+// beyond the last.
+struct ColumnArrays {
+  std::vector<std::int64_t> keys;        // of integers and reals: key_of()
+  std::vector<std::uint64_t> booleans;   // a bit each
+  std::vector<std::uint32_t> codes;      // of texts
+  std::vector<std::uint64_t> known;      // a bit each; empty: no NULL
+  std::vector<std::uint64_t> text_ends;  // of each text of the dictionary, in text_bytes
+  std::vector<char> text_bytes;
+};
+
 // One column of a segment. Texts are codes into a dictionary of the segment's distinct texts,
 // sorted by their bytes, so that a range of texts is a range of codes. A column without NULLs keeps
 // no bits for them; one that is all NULL keeps nothing at all.
@@ -54,6 +65,10 @@ class Column {
   static Column of(ColumnType type, std::int64_t rows,
                    const std::function<Value(std::int64_t row)>& at);
 
+  // Requires: the arrays are as they are kept, with texts that are distinct and ascending.
+  Column(ColumnType type, std::int64_t rows, ColumnArrays arrays)
+      : type_(type), rows_(rows), arrays_(std::move(arrays)) {}
+
   ColumnType type() const { return type_; }
   std::int64_t rows() const { return rows_; }
   // A text belongs to the column.
@@ -61,32 +76,25 @@ class Column {
   // On the heap.
   std::int64_t bytes() const;
 
-  // What the column keeps, for predicates. Arrays have whole words of 64 rows: anything where a row
-  // is NULL or beyond the last, but for bits, which are 0 there.
-  bool is_all_null() const { return keys_.empty() && codes_.empty() && booleans_.empty(); }
-  const std::vector<std::int64_t>& keys() const { return keys_; }           // integers and reals
-  const std::vector<std::uint64_t>& booleans() const { return booleans_; }  // a bit each
-  const std::vector<std::uint32_t>& codes() const { return codes_; }        // texts
-  const std::vector<std::uint64_t>& known() const { return known_; }  // a bit each; empty: no NULL
-  std::int64_t texts() const { return static_cast<std::int64_t>(text_ends_.size()); }
+  const ColumnArrays& arrays() const { return arrays_; }
+  bool is_all_null() const { return keys().empty() && codes().empty() && booleans().empty(); }
+  const std::vector<std::int64_t>& keys() const { return arrays_.keys; }
+  const std::vector<std::uint64_t>& booleans() const { return arrays_.booleans; }
+  const std::vector<std::uint32_t>& codes() const { return arrays_.codes; }
+  const std::vector<std::uint64_t>& known() const { return arrays_.known; }
+  std::int64_t texts() const { return std::ssize(arrays_.text_ends); }
   std::string_view text(std::int64_t code) const;
   // The first code whose text is not less; texts() if all are.
   std::int64_t first_code_from(std::string_view text) const;
 
  private:
   using NumberedText = std::pair<std::string_view, std::uint32_t>;
-  Column(ColumnType type, std::int64_t rows) : type_(type), rows_(rows) {}
-  // Sorts the texts, and replaces the numbers that are in codes_ by codes.
+  // Sorts the texts, and replaces the numbers that are codes by codes.
   void set_texts(std::vector<NumberedText>& texts);
 
   ColumnType type_;
   std::int64_t rows_;
-  std::vector<std::int64_t> keys_;
-  std::vector<std::uint64_t> booleans_;
-  std::vector<std::uint32_t> codes_;
-  std::vector<std::uint64_t> known_;
-  std::vector<std::uint64_t> text_ends_;  // of each text of the dictionary, in text_bytes_
-  std::vector<char> text_bytes_;
+  ColumnArrays arrays_;
 };
 
 }  // namespace qx::collection
