@@ -49,12 +49,13 @@
  *        name <> 'it''s'   note IS NOT NULL   NOT (a = 1 OR b = 2) AND c < -1.5e3
  *    Words are AND OR NOT IN IS NULL BETWEEN TRUE FALSE, in any case; a column whose name is no
  *    word of letters, digits and _ stands in "double quotes". Integers and reals compare exactly,
- *    texts by their bytes. A boolean column is a condition by itself.
+ *    texts by their bytes, and a NaN in a column equals nothing. A boolean column is a condition
+ *    by itself.
  *
  * 8. Concurrency. Every function may be called from any thread at any time, except that
  *    qx_collection_free must overlap no call on the collection, and a view is used by one thread
  *    at a time. Reads see the state of one moment, never half of a change, and wait for nobody.
- *    Changes wait for one another.
+ *    Changes wait for one another. A callback must not call this library, and should not throw.
  *
  * 9. Threads. Searches, loads and compactions use threads that all collections share: no more than
  *    there are CPUs for the process, started when first needed. A collection may have one thread
@@ -62,11 +63,11 @@
  *    call of this library; both processes then go on with their own collections, threads anew.
  *
  * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28
- * bytes and the values; of text ids 16 and the text more. A change copies what is small; compaction
- * holds the old rows until the new ones are complete, so its peak is about twice the rows. A call
- * that would exceed the memory limit, or for which there is no memory, is refused; it never ends
- * the process. What remains: the system may promise memory that it has not, and end the process
- * when it is used; and a stack must have room for 512 KiB.
+ *    bytes, the values, and the text of an id that is one. A change copies what is small;
+ *    compaction holds the old rows until the new ones are complete, so its peak is about twice
+ *    the rows. A call that would exceed the memory limit, or for which there is no memory, is
+ *    refused; it never ends the process. What remains: the system may promise memory that it
+ *    has not, and end the process when it is used; and a stack must have room for 512 KiB.
  */
 #ifndef QX_COLLECTION_H
 #define QX_COLLECTION_H
