@@ -170,7 +170,7 @@ int32_t qx_collection_remove(QxCollection* collection, QxIds ids, int64_t* remov
 /*
  * Brings all rows into one segment, and gives back the memory of removed and replaced ones, while
  * other calls go on. Unless the collection is manual, that is done in part and by itself: when many
- * small segments have come together, and when a quarter of a segment's rows are gone.
+ * small segments have come together, and when a sixteenth of a large segment's rows are gone.
  */
 int32_t qx_collection_compact(QxCollection* collection, QxProgress progress, void* context);
 

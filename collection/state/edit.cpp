@@ -45,6 +45,12 @@ std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key,
 // searches, and fewer make each row be copied more often.
 constexpr std::int64_t kMostOfASize = 6;
 
+// Rows of a segment that may be dead. While it is merged, the dead take memory beside the old rows
+// and the new ones, so of a large segment they are few; a small one is copied soon enough.
+std::int64_t most_dead(const PartView& view, const Shape& shape) {
+  return std::max(view.rows / 16, std::min(view.rows / 4, Tail::capacity_of(shape)));
+}
+
 int size_class(const PartView& view, const Shape& shape) {
   std::int64_t least = Tail::capacity_of(shape);
   int size = 0;
@@ -59,7 +65,7 @@ std::vector<PartView> choose_merged(const Shape& shape, const State& state, std:
   for (std::size_t p = own; p < state.parts.size(); ++p) {
     const PartView& view = state.parts[p];
     if (view.segment == nullptr) continue;
-    if (4 * view.dead > view.rows) return {view};
+    if (view.dead > most_dead(view, shape)) return {view};
     sizes[size_class(view, shape)].push_back(view);
   }
   for (auto& [size, views] : sizes) {

@@ -61,7 +61,7 @@ class Edit {
   std::vector<Location> killed_;
 };
 
-// The own segments that should become one: of which a quarter of the rows is dead, or small ones.
+// The own segments that should become one: one with many dead rows, or small ones.
 std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own);
 
 // One segment of the visible rows of some parts; null if there is none. `check(done)` may throw.
