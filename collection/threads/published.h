@@ -21,6 +21,9 @@ namespace qx::collection {
 // Two counters, so that a stream of readers cannot keep the writer: new ones enter by the counter
 // that `phase_` names, and the writer turns the phase away from the counter before it waits for it.
 // From then on only those enter there who have read the phase before: at most one for each thread.
+//
+// A reader that a fork leaves behind would stay in the gate: threads of the library read under a
+// mutex that a ForkGuard has.
 template <typename T>
 class Published {
  public:
@@ -46,9 +49,6 @@ class Published {
       wait_until_empty(readers_[left]);
     }
   }
-
-  // In the child of a fork, where no thread is that may have been in get().
-  void forget_readers() noexcept { readers_[0] = readers_[1] = 0; }
 
  private:
   // A reader that is not running may need this very CPU, at a lower priority.
