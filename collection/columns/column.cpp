@@ -119,7 +119,7 @@ Column Column::of(ColumnType type, std::int64_t rows,
   }
   if (n_known == 0) return Column(type, rows, {});
   if (n_known == rows) column.arrays_.known = std::vector<std::uint64_t>();
-  column.set_texts(texts);
+  if (type == ColumnType::kText) column.set_texts(texts);
   return column;
 }
 
