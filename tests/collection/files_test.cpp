@@ -409,68 +409,68 @@ TEST(CollectionFiles, HaveTheBytesOfTheFormat) {
   EXPECT_EQ(contents_of(loaded_from(bytes).get()), contents_of(crafted_rows().get()));
 }
 
+struct Case {
+  std::function<void(Crafted&)> change;
+  const char* message;
+};
+const Case kNotOfTheFormat[] = {
+    {[](Crafted& c) { c.version = 2; }, "version of the format is 2"},
+    {[](Crafted& c) { c.dim = 0; }, "dim is 0"},
+    {[](Crafted& c) { c.dim = 65537; }, "dim is 65537"},
+    {[](Crafted& c) { c.dim = 65536, c.rows = 0xFFFFFFFF; }, "ends too soon"},
+    {[](Crafted& c) { c.rows = 0x100000000; }, "rows is 4294967296"},
+    {[](Crafted& c) { c.rows = 0; }, "known of a column"},
+    {[](Crafted& c) { c.id_kind = 2; }, "kind of ids is 2"},
+    {[](Crafted& c) { c.id_bytes = 1; }, "size of ids is 1"},
+    {[](Crafted& c) { c.id_kind = QX_TEXTS, c.id_bytes = ~0ull; }, "size of ids"},
+    {[](Crafted& c) { c.id_kind = QX_TEXTS, c.id_bytes = 400; }, "ends too soon"},
+    {[](Crafted& c) { c.columns[0].type = 4; }, "type of a column is 4"},
+    {[](Crafted& c) { c.columns[0].known = 3; }, "known of a column is 3"},
+    {[](Crafted& c) { c.columns[0].texts = 1; }, "number of texts is 1"},
+    {[](Crafted& c) { c.columns[3].texts = 0; }, "number of texts is 0"},
+    {[](Crafted& c) { c.columns[3].texts = 4; }, "number of texts is 4"},
+    {[](Crafted& c) { c.columns[3].text_bytes = 1ull << 63; }, "size of texts"},
+    {[](Crafted& c) { c.columns[0].name.clear(); }, "size of a name is 0"},
+    {[](Crafted& c) { c.columns[0].name[0] = 'r'; }, "has the name of another: r"},
+    {[](Crafted& c) { c.columns[0].name = std::string("n\0", 2); }, "zero byte"},
+    {[](Crafted& c) {
+       c.columns.resize(1001, {QX_REAL, 0, 0, 0, "x"});
+     },
+     "columns is 1001"},
+    {[](Crafted& c) {
+       c.ids = bytes_of({5, 5, 300}, 8);
+     },
+     "ids do not ascend"},
+    {[](Crafted& c) {
+       c.ids = bytes_of({0, ~0ull, 300}, 8);
+     },
+     "ids do not ascend"},
+    {[](Crafted& c) { c.vectors.replace(12, 4, bytes_of({0x7FC00000}, 4)); },
+     "component 1 of vector 1"},
+    {[](Crafted& c) { c.vectors.replace(16, 4, bytes_of({0xFF800000}, 4)); },
+     "component 0 of vector 2"},
+    {[](Crafted& c) { c.n[0] = 1; }, "values of column n"},
+    {[](Crafted& c) { c.known_n[0] = 0b1110; }, "values of column n"},
+    {[](Crafted& c) { c.known_n[0] = 0b111; }, "values of column n"},
+    {[](Crafted& c) { c.known_n[0] = 0, c.n.assign(24, '\0'); }, "values of column n"},
+    {[](Crafted& c) { c.b[0] = 0b1101; }, "values of column b"},
+    {[](Crafted& c) { c.t[0] = 2; }, "values of column t"},
+    {[](Crafted& c) { c.t[4] = 1; }, "values of column t"},
+    {[](Crafted& c) { c.t[0] = 0; }, "values of column t"},
+    {[](Crafted& c) { c.texts[0] = 'c'; }, "texts of column t do not ascend"},
+    {[](Crafted& c) { c.columns[3].text_bytes = 2, c.texts.erase(1) += 'a', c.ends[8] = 2; },
+     "texts of column t"},
+    {[](Crafted& c) { c.ends[0] = 4; }, "texts of column t"},
+    {[](Crafted& c) { c.ends[8] = 4; }, "texts of column t"},
+    {[](Crafted& c) { c.ends[8] = 2; }, "texts of column t"},
+};
+
 TEST(CollectionFiles, AreRefusedWhereTheyAreWholeAndNotOfTheFormat) {
-  struct Case {
-    std::function<void(Crafted&)> change;
-    const char* message;
-  };
-  using C = Crafted;
-  const Case cases[] = {
-      {[](C& c) { c.version = 2; }, "version of the format is 2"},
-      {[](C& c) { c.dim = 0; }, "dim is 0"},
-      {[](C& c) { c.dim = 65537; }, "dim is 65537"},
-      {[](C& c) { c.dim = 65536, c.rows = 0xFFFFFFFF; }, "ends too soon"},
-      {[](C& c) { c.rows = 0x100000000; }, "rows is 4294967296"},
-      {[](C& c) { c.rows = 0; }, "known of a column"},
-      {[](C& c) { c.id_kind = 2; }, "kind of ids is 2"},
-      {[](C& c) { c.id_bytes = 1; }, "size of ids is 1"},
-      {[](C& c) { c.id_kind = QX_TEXTS, c.id_bytes = ~0ull; }, "size of ids"},
-      {[](C& c) { c.id_kind = QX_TEXTS, c.id_bytes = 400; }, "ends too soon"},
-      {[](C& c) { c.columns[0].type = 4; }, "type of a column is 4"},
-      {[](C& c) { c.columns[0].known = 3; }, "known of a column is 3"},
-      {[](C& c) { c.columns[0].texts = 1; }, "number of texts is 1"},
-      {[](C& c) { c.columns[3].texts = 0; }, "number of texts is 0"},
-      {[](C& c) { c.columns[3].texts = 4; }, "number of texts is 4"},
-      {[](C& c) { c.columns[3].text_bytes = 1ull << 63; }, "size of texts"},
-      {[](C& c) { c.columns[0].name.clear(); }, "size of a name is 0"},
-      {[](C& c) { c.columns[0].name[0] = 'r'; }, "has the name of another: r"},
-      {[](C& c) { c.columns[0].name = std::string("n\0", 2); }, "zero byte"},
-      {[](C& c) {
-         c.columns.resize(1001, {QX_REAL, 0, 0, 0, "x"});
-       },
-       "columns is 1001"},
-      {[](C& c) {
-         c.ids = bytes_of({5, 5, 300}, 8);
-       },
-       "ids do not ascend"},
-      {[](C& c) {
-         c.ids = bytes_of({0, ~0ull, 300}, 8);
-       },
-       "ids do not ascend"},
-      {[](C& c) { c.vectors.replace(12, 4, bytes_of({0x7FC00000}, 4)); },
-       "component 1 of vector 1"},
-      {[](C& c) { c.vectors.replace(16, 4, bytes_of({0xFF800000}, 4)); },
-       "component 0 of vector 2"},
-      {[](C& c) { c.n[0] = 1; }, "values of column n"},
-      {[](C& c) { c.known_n[0] = 0b1110; }, "values of column n"},
-      {[](C& c) { c.known_n[0] = 0b111; }, "values of column n"},
-      {[](C& c) { c.known_n[0] = 0, c.n.assign(24, '\0'); }, "values of column n"},
-      {[](C& c) { c.b[0] = 0b1101; }, "values of column b"},
-      {[](C& c) { c.t[0] = 2; }, "values of column t"},
-      {[](C& c) { c.t[4] = 1; }, "values of column t"},
-      {[](C& c) { c.t[0] = 0; }, "values of column t"},
-      {[](C& c) { c.texts[0] = 'c'; }, "texts of column t do not ascend"},
-      {[](C& c) { c.columns[3].text_bytes = 2, c.texts.erase(1) += 'a', c.ends[8] = 2; },
-       "texts of column t"},
-      {[](C& c) { c.ends[0] = 4; }, "texts of column t"},
-      {[](C& c) { c.ends[8] = 4; }, "texts of column t"},
-      {[](C& c) { c.ends[8] = 2; }, "texts of column t"},
-  };
   const Folder folder;
   Owner<QxCollection> loaded;
   QxOptions options = {};
   options.memory_limit = 1 << 20;
-  for (const auto& [change, message] : cases) {
+  for (const auto& [change, message] : kNotOfTheFormat) {
     Crafted crafted;
     change(crafted);
     write_file(folder / "file", crafted.bytes());
