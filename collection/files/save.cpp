@@ -41,7 +41,10 @@ class Replacement {
     checked("it cannot be replaced",
             [&] { return renameat(folder, beside_.c_str(), folder, name_.c_str()); });
     is_in_place_ = true;
-    checked("it is saved, but its folder cannot be synced", [&] { return fsync(folder); });
+    checked("it is saved, but its folder cannot be synced", [&] {
+      const int result = fsync(folder);
+      return result < 0 && errno == EINVAL ? 0 : result;  // a file system without that
+    });
   }
 
  private:

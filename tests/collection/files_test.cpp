@@ -243,12 +243,12 @@ TEST(CollectionFiles, HaveTheSameBytesWhateverTheHistory) {
   constexpr std::int32_t kDim = 33;
   for (const std::int32_t id_kind : {QX_NUMBERS, QX_TEXTS}) {
     const std::string expected = saved(create(kDim, id_kind, numbers_to(9000)).get());
-    for (const std::uint64_t seed : {1, 2}) {
+    for (const std::uint64_t seed : {1u, 2u}) {
       Random random(seed);
       Numbers numbers = numbers_to(10000);
       random.shuffle(numbers);
       const auto collection = create(kDim, id_kind);
-      for (const std::uint64_t version : {1, 0}) {  // which replaces the one before
+      for (const std::uint64_t version : {1u, 0u}) {  // which replaces the one before
         for (std::size_t first = 0; first < numbers.size();) {
           const std::size_t end = std::min(first + 1 + random.bits() % 3000, numbers.size());
           const Numbers some(&numbers[first], &numbers[end - 1] + 1);
@@ -575,6 +575,21 @@ TEST(CollectionFiles, StayAsTheyWereWhereTheHostCancels) {
     Patience patience = {calls, 0, 0, 0};
     EXPECT_EQ(failed_save(collection.get(), folder, Patience::report, &patience, QX_CANCELLED), 0);
   }
+}
+
+TEST(CollectionFiles, AreRefusedWhereTheyAreCutWhileTheyAreRead) {
+  const Folder folder;
+  std::string path = folder / "file";
+  write_file(path, saved(create(300, QX_NUMBERS, numbers_to(5000)).get()));
+  const auto cut = [](void* context, std::int64_t, std::int64_t) -> std::int32_t {
+    fs::resize_file(*static_cast<std::string*>(context), 1000);
+    return 0;
+  };
+  QxOptions options = {};
+  options.threads = 1;
+  QxCollection* loaded = nullptr;
+  EXPECT_EQ(qx_collection_load(path.c_str(), &options, cut, &path, &loaded), QX_CORRUPT);
+  EXPECT_EQ(qx_collection_message(), path + ": it ends too soon");
 }
 
 TEST(CollectionFiles, AreNotSavedWhereNoFileCanBe) {

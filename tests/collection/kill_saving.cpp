@@ -55,12 +55,14 @@ void save(const QxCollection* collection, const fs::path& path) {
   require(status == QX_OK, qx_collection_message());
 }
 
-// Saves one after the other until it is killed, within `most` microseconds.
+// A process that saves one after the other, and is killed after so many microseconds.
 void save_and_be_killed(const std::vector<QxCollection*>& collections, const fs::path& path,
                         useconds_t after) {
   const pid_t child = fork();
   require(child >= 0, "no process");
-  for (std::size_t i = 0; child == 0; ++i) save(collections[i % collections.size()], path);
+  if (child == 0) {
+    for (std::size_t i = 0;; ++i) save(collections[i % collections.size()], path);
+  }
   usleep(after);
   int status = 0;
   kill(child, SIGKILL);
