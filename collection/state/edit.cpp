@@ -160,6 +160,8 @@ void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   }
   PartView& view = *tail();
   auto& part = static_cast<Tail&>(*view.part);
+  texts_before_ = part.texts();
+  written_ = &part;
   std::vector<Value> values(shape_.schema.size());
   for (const std::size_t row : order) {
     for (std::size_t c = 0; c < values.size(); ++c) values[c] = rows.value(row, c);
@@ -210,6 +212,7 @@ void Edit::kill(Location at) {
 // All rows that a change kills in a part die by one number. Where they are only hidden, none has
 // died, and the next number is that of a change by the part's owner.
 State Edit::commit() noexcept {
+  written_ = nullptr;
   for (const Location at : killed_) kill(at);
   for (std::size_t i = 0; i < killed_.size(); ++i) {
     const bool is_last = i + 1 == killed_.size() || killed_[i + 1].part() != killed_[i].part();

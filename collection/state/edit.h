@@ -36,6 +36,10 @@ class Edit {
   // the new state; those of own parts are killed.
   Edit(const Shape& shape, const State& state, std::size_t own)
       : shape_(shape), next_(state), own_(own) {}
+  Edit(const Edit&) = delete;
+  ~Edit() {
+    if (written_ != nullptr) written_->forget_texts_beyond(texts_before_);
+  }
 
   // At most one of these calls.
   void upsert(const Rows& rows);
@@ -59,6 +63,8 @@ class Edit {
   State next_;
   std::size_t own_;
   std::vector<Location> killed_;
+  Tail* written_ = nullptr;  // which rows were written to, until that is committed
+  std::size_t texts_before_ = 0;
 };
 
 // The own segments that should become one: one with many dead rows, or small ones.

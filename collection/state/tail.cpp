@@ -65,8 +65,14 @@ void Tail::filter(const Predicate& predicate, std::int64_t first, std::int64_t c
 
 std::string_view Tail::keep(std::string_view text) {
   if (text.empty()) return {};
-  share_.grow(static_cast<std::int64_t>(text.size()));
-  return texts_.emplace_back(text);
+  std::string& kept = texts_.emplace_back();
+  kept.reserve(text.size());
+  share_.grow(std::ssize(text));
+  return kept.append(text);  // cannot fail, so that its size is what was counted
+}
+
+void Tail::forget_texts_beyond(std::size_t texts) noexcept {
+  for (; texts_.size() > texts; texts_.pop_back()) share_.shrink(std::ssize(texts_.back()));
 }
 
 void Tail::write(std::int64_t row, const Key& key, const float* vector,

@@ -27,6 +27,10 @@ class Tail final : public Part {
   void write(std::int64_t row, const Key& key, const float* vector,
              const std::vector<Value>& values);
 
+  // The texts that rows took, and what a writer that fails does with those it added.
+  std::size_t texts() const { return texts_.size(); }
+  void forget_texts_beyond(std::size_t texts) noexcept;
+
  private:
   std::string_view keep(std::string_view text);
 

@@ -43,6 +43,10 @@ class Budget {
       }
       bytes_ += bytes;
     }
+    void shrink(std::int64_t bytes) noexcept {
+      budget_->used_.fetch_sub(bytes, std::memory_order_relaxed);
+      bytes_ -= bytes;
+    }
 
    private:
     std::shared_ptr<Budget> budget_;
