@@ -39,7 +39,7 @@ QX_AVX2_INLINE __m256i widen(__m256i sums) { return _mm256_madd_epi16(sums, _mm2
 // The sum of one row of a plane, in eight lanes. Four times 4 * 15 * 127 is below 2^15.
 QX_AVX2_INLINE __m256i sum_long_row(const std::uint8_t* row, std::int64_t row_bytes,
                                     const CodedQuery& query) {
-  constexpr std::int64_t kTogether = 4 * 32;
+  constexpr std::int64_t kTogether = 4 * std::int64_t{32};
   const std::int8_t* const others = query.levels + query.half_bytes;
   __m256i all = _mm256_setzero_si256();
   for (std::int64_t first = 0; first < row_bytes; first += kTogether) {

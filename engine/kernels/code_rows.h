@@ -93,6 +93,7 @@ struct SquareSums {
 QX_CODES_INLINE std::int32_t code_of(float x, const RowCoding& coding, std::int64_t lane,
                                      SquareSums& sums) {
   const float in_steps = (x - coding.lo) * coding.steps_per_unit;
+  // NOLINTNEXTLINE(bugprone-incorrect-roundings): whichever code it is, the rest is measured
   const auto code = static_cast<std::int32_t>(in_steps + 0.5f);
   const float rest = in_steps - static_cast<float>(code);
   const float from_middle = rest + (static_cast<float>(code & 15) - 7.5f);
