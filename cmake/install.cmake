@@ -39,11 +39,17 @@ configure_file(cmake/qx_runtime.pc.in qx_runtime.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_runtime.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 if(TARGET qx_collection)
-  # The header of the collection names nothing of the engine, which is inside of the library.
-  install(TARGETS qx_collection EXPORT qx_runtimeTargets
+  # A package of its own: it needs nothing of the other, whose engine is inside of the library.
+  set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qx_collection)
+  install(TARGETS qx_collection EXPORT qx_collectionTargets
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   install(FILES collection/include/qx_collection.h collection/include/qx_collection.hpp
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT qx_collectionTargets FILE qx_collectionConfig.cmake NAMESPACE qx_runtime::
+    DESTINATION ${package_dir})
+  write_basic_package_version_file(qx_collectionConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_collectionConfigVersion.cmake
+    DESTINATION ${package_dir})
   configure_file(cmake/qx_collection.pc.in qx_collection.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qx_collection.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
