@@ -23,11 +23,8 @@ Collection::Collection(Shape shape, int threads, bool is_manual)
       threads_(threads),
       is_manual_(is_manual),
       state_(empty_state()),
-      fork_guard_(writing_, [this] {
-        // The thread is not in this process, and may have held anything.
-        static_cast<void>(merging_.release());
-        merging_ = std::make_unique<Merging>();
-      }) {}
+      // The thread is not in a child of a fork, and may have held anything.
+      fork_guard_(writing_, [this] { renew(*merging_); }) {}
 
 Collection::~Collection() { end_merging(); }
 
