@@ -24,7 +24,7 @@ Collection::Collection(Shape shape, int threads, bool is_manual)
       is_manual_(is_manual),
       state_(empty_state()),
       // The thread is not in a child of a fork, and may have held anything.
-      fork_guard_(writing_, [this] { renew(*merging_); }) {}
+      fork_guard_(writing_, [this] { renew(merging_); }) {}
 
 Collection::~Collection() { end_merging(); }
 
@@ -79,7 +79,7 @@ void Collection::merge_segments(Lock& lock, std::vector<PartView> parts,
 }
 
 void Collection::compact(const Progress& progress) {
-  const Lock running(merging_->running);
+  const Lock running(merging_.running);
   Lock lock(writing_);
   Edit edit(shape_, *state_.get(), 0);
   edit.seal_tail();
@@ -96,10 +96,10 @@ void Collection::compact(const Progress& progress) {
 // wait for the next one.
 void Collection::want_merging(const Lock&) noexcept try {
   if (is_manual_ || choose_merged(shape_, *state_.get(), 0).empty()) return;
-  merging_->is_wanted = true;
-  merging_->changed.notify_one();
-  if (!merging_->thread.joinable()) {
-    merging_->thread = start_thread([this] { keep_merging(); });
+  merging_.is_wanted = true;
+  merging_.changed.notify_one();
+  if (!merging_.thread.joinable()) {
+    merging_.thread = start_thread([this] { keep_merging(); });
   }
 } catch (const std::exception&) {
 }
@@ -107,7 +107,7 @@ void Collection::want_merging(const Lock&) noexcept try {
 // One merge at a time, until there is none to make or no memory for it.
 void Collection::keep_merging() {
   lower_priority();
-  Merging& merging = *merging_;
+  Merging& merging = merging_;
   const auto check = [&](std::int64_t) {
     const Lock lock(writing_);
     if (merging.is_ended) throw Error(QX_CANCELLED, "the collection is released");
@@ -135,10 +135,10 @@ void Collection::keep_merging() {
 void Collection::end_merging() {
   {
     const Lock lock(writing_);
-    merging_->is_ended = true;
-    merging_->changed.notify_one();
+    merging_.is_ended = true;
+    merging_.changed.notify_one();
   }
-  if (merging_->thread.joinable()) merging_->thread.join();
+  if (merging_.thread.joinable()) merging_.thread.join();
 }
 
 // ---- Views ----

@@ -55,7 +55,7 @@ class Collection {
   const bool is_manual_;
   std::mutex writing_;
   Published<State> state_;
-  std::unique_ptr<Merging> merging_ = std::make_unique<Merging>();
+  Merging merging_;
   ForkGuard fork_guard_;
 };
 
