@@ -53,14 +53,15 @@ void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int6
   add_rows({false, first}, count, ids);
 }
 
-// Every row of the delta is checked.
+// Every row of the delta is checked. Rows whose ids and numbers follow are of one place: the ids of
+// the base and of the delta are arrays of their own, and a list of the host's is of base rows.
 void Scan::add_rows(Row first, std::int64_t count, const std::int64_t* ids) {
   const float* const rows = vector_of(index_, first, dim_);
   for (std::int64_t i = 1; first.in_delta && i < count; ++i) {
     static_cast<void>(delta_vector(index_, first.number + i));
   }
-  const bool follows = run_.ids + run_.count == ids && run_.first.in_delta == first.in_delta &&
-                       run_.first.number + run_.count == first.number;
+  const bool follows =
+      run_.ids + run_.count == ids && run_.first.number + run_.count == first.number;
   if (run_.count > 0 && follows) {
     run_.count += count;
     return;

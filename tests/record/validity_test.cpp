@@ -156,6 +156,7 @@ TEST(Validity, NoticesBrokenCodes) {
   const Full full;
   QxIndex& index = *full;
   expect_noticed(index, index.base_codes.dim, 2, "a dimension without codes");
+  expect_noticed(index, index.base_codes.rows, -1, "fewer rows than none");
   qx::build_codes(index.base_codes, index.base_vectors, 3, 2);
   insert(full, {11}, {5, 6});
   qx::extend_codes(index.delta_codes, index.delta_vectors.data, 3, 2);
