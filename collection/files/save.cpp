@@ -61,23 +61,15 @@ class Replacement {
     if (name_.empty() || (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))) {
       throw Error(QX_IO_ERROR, "it is no file");
     }
-    return checked("a file beside it cannot be created", [&] {
-      do {
-        beside_ = name_beside();
-        const int file =
-            openat(folder_.get(), beside_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (file >= 0 || errno != EEXIST) return file;
-      } while (true);
-    });
-  }
-
-  // Not to be foreseen by others who may write to the folder.
-  std::string name_beside() const {
-    constexpr std::size_t kMostBytes = 255;
+    // The name is not to be foreseen by others who may write to the folder.
     std::random_device random;
-    char end[32];
+    char end[] = ".saving-0123456789abcdef";
     std::snprintf(end, sizeof(end), ".saving-%08x%08x", random(), random());
-    return name_.substr(0, kMostBytes - std::string_view(end).size()) + end;
+    constexpr std::size_t kMostBytes = 255;
+    beside_ = name_.substr(0, kMostBytes + 1 - sizeof(end)) + end;
+    constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    return checked("a file beside it cannot be created",
+                   [&] { return openat(folder_.get(), beside_.c_str(), kNew, 0666); });
   }
 
   const std::string name_;
