@@ -103,9 +103,9 @@ void require_finite(const char* what, const float* vectors, std::size_t count, s
   };
   for (std::size_t row = 0; row < count; ++row) {
     const float* const vector = vectors + row * width;
-    bool all = true;  // without a branch for each component
-    for (std::size_t i = 0; i < width; ++i) all &= is_finite(vector[i]);
-    require(all, [&] {
+    std::uint32_t strange = 0;  // of the width of a component, and without a branch for each
+    for (std::size_t i = 0; i < width; ++i) strange |= is_finite(vector[i]) ? 0u : 1u;
+    require(strange == 0, [&] {
       const auto place = std::find_if_not(vector, vector + width, is_finite) - vector;
       return "component " + std::to_string(place) + " of " + what + " " +
              std::to_string(first + row) + " is not finite";
