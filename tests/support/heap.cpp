@@ -15,7 +15,7 @@ struct Event {
   bool released;
 };
 
-bool recording = false;
+thread_local bool recording = false;
 std::size_t event_count = 0;
 Event events[kMostEvents];
 
@@ -76,12 +76,13 @@ HeapLog record_heap(const std::function<void()>& body) {
   return log;
 }
 
-void with_failing_allocation(std::int64_t number, bool from_then_on,
-                             const std::function<void()>& body) {
+HeapLog with_failing_allocation(std::int64_t number, bool from_then_on,
+                                const std::function<void()>& body) {
   failing_number = number;
   failing_from_then_on = from_then_on;
-  record_heap(body);
+  HeapLog log = record_heap(body);
   failing_number = 0;
+  return log;
 }
 
 }  // namespace qx_test

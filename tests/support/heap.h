@@ -1,6 +1,6 @@
-// A heap that records what the engine asks of it and can fail any allocation. The engine's calls of
-// malloc, aligned_alloc, calloc, realloc and free reach it because the target test_heap makes the
-// linker wrap them.
+// A heap that records what the engine asks of it, on the recording thread alone, and can fail any
+// allocation. The engine's calls of malloc, aligned_alloc, calloc, realloc and free reach it
+// because the target test_heap makes the linker wrap them.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ HeapLog record_heap(const std::function<void()>& body);
 
 // Runs code in which the allocation of this number (from 1) returns null and, with `from_then_on`,
 // every later one.
-void with_failing_allocation(std::int64_t number, bool from_then_on,
-                             const std::function<void()>& body);
+HeapLog with_failing_allocation(std::int64_t number, bool from_then_on,
+                                const std::function<void()>& body);
 
 }  // namespace qx_test

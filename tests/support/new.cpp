@@ -1,0 +1,12 @@
+// Allocations of C++ as calls of malloc and free, so that those of the standard library reach the
+// heap of heap.h too. For programs that link this file.
+#include <cstdlib>
+#include <new>
+
+void* operator new(std::size_t bytes) {
+  void* const block = std::malloc(bytes > 0 ? bytes : 1);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
