@@ -147,6 +147,7 @@ TEST_F(FarRows, OfTheDeltaAreInsideItsArrayOrEndTheProcess) {
   EXPECT_TRUE(ends_out_of_bounds(kTwoTo32 + kWidth, kTwoTo32 + kWidth,
                                  [&] { qx::delta_vector(index_, kTwoTo32 / kWidth + 1); }));
   index_.delta_vectors.data = nullptr;  // the array is not the heap's
+  index_.delta_vectors.length = 0;
 }
 
 TEST_F(FarRows, OfAnArrayAreCheckedWithoutOverflow) {
@@ -172,6 +173,7 @@ TEST_F(FarRows, OfAnArrayAreCheckedWithoutOverflow) {
                                    [&, from = first, n = count] { (void)array.range(from, n); }));
   }
   array.data = nullptr;  // the array is not the heap's
+  array.length = 0;
 }
 
 bool ends_as_a_failed_allocation(const std::function<void()>& body) {
