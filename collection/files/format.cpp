@@ -59,6 +59,7 @@ ColumnHeader decode_column(Words& words, std::uint64_t rows, std::uint64_t file_
 // By the rules of make_schema().
 void check_schema(const std::vector<ColumnHeader>& columns) {
   std::vector<QxColumn> schema;
+  schema.reserve(columns.size());
   for (const auto& [column, known, texts, bytes] : columns) {
     schema.push_back({column.name.c_str(), static_cast<std::int32_t>(column.type)});
   }

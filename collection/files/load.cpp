@@ -218,8 +218,9 @@ Loaded load(const char* path, std::int64_t memory_limit, int threads, const Prog
       plan.end();
       return loaded;
     }
-    // All of the file is kept, in one form or another.
-    Budget::Share(budget, static_cast<std::int64_t>(file.bytes() - encoded.size()));
+    // All of the file is kept, in one form or another: refuses at once what is above the limit.
+    static_cast<void>(
+        Budget::Share(budget, static_cast<std::int64_t>(file.bytes() - encoded.size())));
     loaded.segment = read_rows(file, header, plan, loaded.shape, threads, progress);
     return loaded;
   });

@@ -19,7 +19,7 @@ struct QxView {
 namespace qx::collection {
 
 // Notes what is wrong, for qx_collection_message, and gives its status.
-std::int32_t note_failure(std::int32_t status, const char* message) noexcept;
+std::int32_t note_failure(std::int32_t status, const char* text) noexcept;
 
 // Calls work(), in the default floating-point environment, and gives the status of what it throws.
 template <typename Work>

@@ -83,6 +83,7 @@ int32_t qx_collection_get(const QxCollection* collection, const QxView* view, Qx
     const Reading reading(collection, view);
     const std::vector<Key> keys = keys_of(reading.shape(), ids);
     std::vector<Location> places;
+    places.reserve(keys.size());
     for (const Key& key : keys) places.push_back(reading.state().find(key));
     slot = new OwnedRows(reading.state(), reading.shape(), keys, places);
   });
@@ -95,7 +96,8 @@ int32_t qx_collection_contains(const QxCollection* collection, const QxView* vie
   return status_of([&] {
     const Reading reading(collection, view);
     const std::vector<Key> keys = keys_of(reading.shape(), ids);
-    require(found != nullptr || keys.empty(), [] { return "found is null"; });
+    if (keys.empty()) return;
+    require(found != nullptr, [] { return "found is null"; });
     for (std::size_t i = 0; i < keys.size(); ++i) {
       found[i] = reading.state().find(keys[i]).exists() ? 1 : 0;
     }

@@ -3,6 +3,15 @@
 #include <algorithm>
 
 namespace qx::collection {
+namespace {
+
+template <typename T>
+T or_zero(const Value& value) {
+  const T* const held = std::get_if<T>(&value);
+  return held == nullptr ? T() : *held;
+}
+
+}  // namespace
 
 void OwnedTexts::add(std::string_view text) {
   bytes_.append(text);
@@ -20,7 +29,9 @@ const QxText* OwnedTexts::pointers() {
 
 OwnedHits::OwnedHits(const State& state, const Shape& shape,
                      const std::vector<std::vector<Hit>>& hits, std::int64_t slots)
-    : QxHits{std::ssize(hits), slots, nullptr, nullptr, nullptr, nullptr} {
+    : QxHits{} {
+  n_queries = std::ssize(hits);
+  k = slots;
   const auto width = static_cast<std::size_t>(slots);
   scores_.resize(hits.size() * width);
   if (!shape.has_texts) ids_.resize(scores_.size());
@@ -44,20 +55,16 @@ OwnedHits::OwnedHits(const State& state, const Shape& shape,
 }
 
 void OwnedRows::OwnedColumn::add(ColumnType type, const Value& value) {
-  const auto or_zero = [&]<typename T>(T zero) {
-    const T* const held = std::get_if<T>(&value);
-    return held == nullptr ? zero : *held;
-  };
   nulls.push_back(std::holds_alternative<std::monostate>(value) ? 1 : 0);
   switch (type) {
     case ColumnType::kInteger:
-      return integers.push_back(or_zero(std::int64_t{0}));
+      return integers.push_back(or_zero<std::int64_t>(value));
     case ColumnType::kReal:
-      return reals.push_back(or_zero(0.0));
+      return reals.push_back(or_zero<double>(value));
     case ColumnType::kBoolean:
-      return booleans.push_back(or_zero(false) ? 1 : 0);
+      return booleans.push_back(or_zero<bool>(value) ? 1 : 0);
     case ColumnType::kText:
-      return texts.add(or_zero(std::string_view()));
+      return texts.add(or_zero<std::string_view>(value));
   }
 }
 

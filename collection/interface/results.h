@@ -22,7 +22,7 @@ class OwnedTexts {
 
 struct OwnedHits : QxHits {
   OwnedHits(const State& state, const Shape& shape, const std::vector<std::vector<Hit>>& hits,
-            std::int64_t k);
+            std::int64_t slots);
 
  private:
   std::vector<std::int64_t> counts_;

@@ -68,7 +68,7 @@ void Collection::adopt(std::shared_ptr<Segment> segment) {
 // ---- Merging ----
 
 // Searches and changes go on while the segment is built.
-void Collection::merge_segments(Lock& lock, std::vector<PartView> parts,
+void Collection::merge_segments(Lock& lock, const std::vector<PartView>& parts,
                                 const std::function<void(std::int64_t)>& check) {
   lock.unlock();
   std::shared_ptr<Segment> segment = merge(shape_, parts, check);
@@ -124,7 +124,7 @@ void Collection::keep_merging() {
     try {
       for (std::vector<PartView> parts;
            !(parts = choose_merged(shape_, *state_.get(), 0)).empty();) {
-        merge_segments(lock, std::move(parts), check);
+        merge_segments(lock, parts, check);
       }
     } catch (const std::exception&) {
       // Nothing has changed. The next change that wants a merge tries again.

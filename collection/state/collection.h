@@ -42,9 +42,9 @@ class Collection {
   };
 
   template <typename Change>
-  auto change(Change change);
+  auto change(Change make);
   void publish(const Lock&, Edit& edit);
-  void merge_segments(Lock& lock, std::vector<PartView> parts,
+  void merge_segments(Lock& lock, const std::vector<PartView>& parts,
                       const std::function<void(std::int64_t)>& check);
   void want_merging(const Lock&) noexcept;
   void keep_merging();

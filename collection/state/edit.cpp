@@ -68,8 +68,8 @@ std::vector<PartView> choose_merged(const Shape& shape, const State& state, std:
     if (view.dead > most_dead(view, shape)) return {view};
     sizes[size_class(view, shape)].push_back(view);
   }
-  for (auto& [size, views] : sizes) {
-    if (std::ssize(views) >= kMostOfASize) return std::move(views);
+  for (const auto& [size, views] : sizes) {
+    if (std::ssize(views) >= kMostOfASize) return views;
   }
   return {};
 }
@@ -77,8 +77,9 @@ std::vector<PartView> choose_merged(const Shape& shape, const State& state, std:
 std::vector<Key> keys_of(const Shape& shape, QxIds ids) {
   require(ids.count >= 0, [&] { return "the number of ids is " + std::to_string(ids.count); });
   std::vector<Key> keys(static_cast<std::size_t>(ids.count));
+  if (keys.empty()) return keys;
   const bool given = shape.has_texts ? ids.texts != nullptr : ids.numbers != nullptr;
-  require(given || keys.empty(), [&] {
+  require(given, [&] {
     return std::string("the ids of this collection are ") + (shape.has_texts ? "texts" : "numbers");
   });
   for (std::size_t i = 0; i < keys.size(); ++i) {

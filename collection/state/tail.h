@@ -16,7 +16,7 @@ class Tail final : public Part {
   Key key(std::int64_t row) const override;
   const float* vector(std::int64_t row) const override { return vectors_ + row * shape_.dim; }
   Value value(std::int64_t row, std::size_t column) const override;
-  std::int64_t find(const Key& key, std::int64_t rows, std::uint32_t seen) const override;
+  std::int64_t find(const Key& wanted, std::int64_t rows, std::uint32_t seen) const override;
   void filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
               std::uint64_t* words) const override;
 
