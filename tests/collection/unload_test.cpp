@@ -1,4 +1,6 @@
-// A host may unload the library: it stays where its threads need their code.
+// A host may unload the library: it stays where its threads need their code. Left out where there
+// is no shared library.
+#if defined(QX_COLLECTION_LIBRARY)
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -68,3 +70,4 @@ TEST(Unloading, IsDoneUnlessThereAreThreads) {
 }
 
 }  // namespace
+#endif

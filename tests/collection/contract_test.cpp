@@ -1,0 +1,416 @@
+// The contract of qx_collection.h by name: each refusal with its message, calls that ask for
+// nothing, what is explained, and the order of rows whose scores are equal, in every way to find
+// them.
+#include <limits>
+#include <thread>
+
+#include "collection/host.h"
+#include "support/random.h"
+
+namespace qx_test {
+namespace {
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+const Schema kNumbers = {
+    2, false, {"i", "r", "b", "t"}, {QX_INTEGER, QX_REAL, QX_BOOLEAN, QX_TEXT}};
+const Schema kTexts = {2, true};
+
+// Arguments of calls, which tests change, and outputs, which a refusal leaves as they are.
+struct Call {
+  Owned<QxCollection> collection{kNumbers.create()};
+  Owned<QxCollection> texts{kTexts.create()};
+  Owned<QxView> view = view_of(*collection);
+  Owned<QxView> foreign = view_of(*texts);
+  std::int64_t numbers[2] = {5, 7};
+  QxText names[2] = {{"a", 1}, {nullptr, 0}};
+  QxIds ids = {2, numbers, names};
+  QxIds id = {1, numbers, names};
+  float vectors[4] = {1, 2, 3, 4};
+  std::int64_t integers[2] = {1, 2};
+  QxText values_of_t[2] = {{"x", 1}, {"", 0}};
+  QxValues values[4] = {{integers, nullptr, nullptr, nullptr, nullptr},
+                        {},
+                        {},
+                        {nullptr, nullptr, nullptr, values_of_t, nullptr}};
+  QxColumn columns[2] = {{"a", QX_REAL}, {"b", QX_TEXT}};
+  QxOptions options = {3, QX_NUMBERS, columns, 2, 0, 0, 0};
+  QxSearch search = {};
+
+  QxCollection* made = collection.get();
+  QxView* made_view = view.get();
+  QxHits* hits = nullptr;
+  QxRows* rows = nullptr;
+  char* text = nullptr;
+  std::int64_t removed = 77;
+  std::uint8_t found[2] = {77, 77};
+
+  Call() { EXPECT_EQ(qx_collection_upsert(collection.get(), id, vectors, values), QX_OK); }
+
+  static Owned<QxView> view_of(const QxCollection& of) {
+    QxView* made = nullptr;
+    EXPECT_EQ(qx_view_new(&of, &made), QX_OK);
+    return Owned<QxView>(made);
+  }
+
+  std::int32_t create() { return qx_collection_new(&options, &made); }
+  std::int32_t upsert() { return qx_collection_upsert(collection.get(), ids, vectors, values); }
+  std::int32_t remove() { return qx_collection_remove(collection.get(), ids, &removed); }
+  std::int32_t view_upsert() { return qx_view_upsert(view.get(), ids, vectors, values); }
+  std::int32_t find(std::int64_t queries = 2, std::int64_t k = 1, const QxView* of = nullptr) {
+    return qx_collection_search(collection.get(), of, vectors, queries, k, &search, &hits);
+  }
+  std::int32_t filter(const char* condition) {
+    search.filter = condition;
+    return find();
+  }
+  std::int32_t explain() {
+    return qx_collection_explain(collection.get(), nullptr, &search, &text);
+  }
+  std::int32_t get() { return qx_collection_get(collection.get(), nullptr, ids, &rows); }
+  std::int32_t contains() { return qx_collection_contains(collection.get(), nullptr, ids, found); }
+  std::int32_t list(QxIds after = {}, std::int64_t most = 9, const char* condition = nullptr) {
+    return qx_collection_list(collection.get(), nullptr, condition, after, most, &rows);
+  }
+};
+
+struct Refusal {
+  const char* message;
+  std::int32_t (*make)(Call&);
+};
+
+// Sets one argument, and makes the call.
+#define REFUSED(message, argument, call)                    \
+  Refusal {                                                 \
+    message, []([[maybe_unused]] Call& c) -> std::int32_t { \
+      argument;                                             \
+      return call;                                          \
+    }                                                       \
+  }
+
+const Refusal kRefusals[] = {
+    REFUSED("out is null", , qx_collection_new(&c.options, nullptr)),
+    REFUSED("options is null", , qx_collection_new(nullptr, &c.made)),
+    REFUSED("dim is 0, outside 1 to 65536", c.options.dim = 0, c.create()),
+    REFUSED("dim is 65537, outside 1 to 65536", c.options.dim = 65537, c.create()),
+    REFUSED("id_kind is 2, no kind of ids", c.options.id_kind = 2, c.create()),
+    REFUSED("id_kind is -1, no kind of ids", c.options.id_kind = -1, c.create()),
+    REFUSED("threads is -1, below 0", c.options.threads = -1, c.create()),
+    REFUSED("memory_limit is -1, below 0", c.options.memory_limit = -1, c.create()),
+    REFUSED("n_columns is -1, expected 0 to 1000", c.options.n_columns = -1, c.create()),
+    REFUSED("n_columns is 1001, expected 0 to 1000", c.options.n_columns = 1001, c.create()),
+    REFUSED("columns is null", c.options.columns = nullptr, c.create()),
+    REFUSED("column 1 has no name", c.columns[1].name = nullptr, c.create()),
+    REFUSED("column 0 has no name", c.columns[0].name = "", c.create()),
+    REFUSED("column 1 has type 4, expected 0 to 3", c.columns[1].type = 4, c.create()),
+    REFUSED("column 0 has type -1, expected 0 to 3", c.columns[0].type = -1, c.create()),
+    REFUSED("column 1 has the name of another: a", c.columns[1].name = "a", c.create()),
+
+    REFUSED("the collection is null", , qx_collection_upsert(nullptr, c.ids, c.vectors, c.values)),
+    REFUSED("the number of ids is -1", c.ids.count = -1, c.upsert()),
+    REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr, c.upsert()),
+    REFUSED("the ids of this collection are texts", c.ids.texts = nullptr,
+            qx_collection_upsert(c.texts.get(), c.ids, c.vectors, nullptr)),
+    REFUSED("id 0 is no text", c.names[0].size = -1,
+            qx_collection_upsert(c.texts.get(), c.ids, c.vectors, nullptr)),
+    REFUSED("id 1 is no text", c.names[1].size = 1,
+            qx_collection_upsert(c.texts.get(), c.ids, c.vectors, nullptr)),
+    REFUSED("there are no vectors", ,
+            qx_collection_upsert(c.collection.get(), c.ids, nullptr, c.values)),
+    REFUSED("component 1 of vector 1 is not finite", c.vectors[3] = kInfinity, c.upsert()),
+    REFUSED("component 0 of vector 0 is not finite", c.vectors[0] = kNaN, c.upsert()),
+    REFUSED("value 1 of column t is a text of -1 bytes", c.values_of_t[1].size = -1, c.upsert()),
+    REFUSED("value 0 of column t is a text of 1 bytes whose data is null",
+            c.values_of_t[0].data = nullptr, c.upsert()),
+
+    REFUSED("the collection is null", , qx_collection_remove(nullptr, c.ids, &c.removed)),
+    REFUSED("the number of ids is -2", c.ids.count = -2, c.remove()),
+    REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr, c.remove()),
+    REFUSED("the collection is null", , qx_collection_compact(nullptr, nullptr, nullptr)),
+
+    REFUSED("out is null", , qx_view_new(c.collection.get(), nullptr)),
+    REFUSED("the collection is null", , qx_view_new(nullptr, &c.made_view)),
+    REFUSED("the view is null", , qx_view_upsert(nullptr, c.ids, c.vectors, c.values)),
+    REFUSED("component 0 of vector 1 is not finite", c.vectors[2] = -kInfinity, c.view_upsert()),
+    REFUSED("there are no vectors", , qx_view_upsert(c.view.get(), c.ids, nullptr, nullptr)),
+    REFUSED("the view is null", , qx_view_remove(nullptr, c.ids, &c.removed)),
+    REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr,
+            qx_view_remove(c.view.get(), c.ids, &c.removed)),
+
+    REFUSED("out is null", ,
+            qx_collection_search(c.collection.get(), nullptr, c.vectors, 1, 1, nullptr, nullptr)),
+    REFUSED("the collection is null", ,
+            qx_collection_search(nullptr, nullptr, c.vectors, 1, 1, nullptr, &c.hits)),
+    REFUSED("the view is of another collection", , c.find(2, 1, c.foreign.get())),
+    REFUSED("n_queries is -1", , c.find(-1)),
+    REFUSED("k is -1, below 0", , c.find(2, -1)),
+    REFUSED("queries is null", ,
+            qx_collection_search(c.collection.get(), nullptr, nullptr, 1, 1, nullptr, &c.hits)),
+    REFUSED("component 1 of query 1 is not finite", c.vectors[3] = kNaN, c.find()),
+    REFUSED("threads is -3, below 0", c.search.threads = -3, c.find()),
+    REFUSED("the number of ids is -1", (c.ids.count = -1, c.search.among = &c.ids), c.find()),
+    REFUSED("the ids of this collection are numbers",
+            (c.ids.numbers = nullptr, c.search.among = &c.ids), c.explain()),
+    REFUSED("filter, byte 0: found x, expected the name of a column", , c.filter("x = 1")),
+    REFUSED("filter, byte 4: found the end, expected a number of 64 bits to compare with i", ,
+            c.filter("i = ")),
+
+    REFUSED("out is null", , qx_collection_explain(c.collection.get(), nullptr, nullptr, nullptr)),
+    REFUSED("the collection is null", , qx_collection_explain(nullptr, nullptr, nullptr, &c.text)),
+    REFUSED("the view is of another collection", ,
+            qx_collection_explain(c.collection.get(), c.foreign.get(), nullptr, &c.text)),
+
+    REFUSED("out is null", , qx_collection_get(c.collection.get(), nullptr, c.ids, nullptr)),
+    REFUSED("the collection is null", , qx_collection_get(nullptr, nullptr, c.ids, &c.rows)),
+    REFUSED("the view is of another collection", ,
+            qx_collection_get(c.collection.get(), c.foreign.get(), c.ids, &c.rows)),
+    REFUSED("the number of ids is -1", c.ids.count = -1, c.get()),
+    REFUSED("found is null", , qx_collection_contains(c.collection.get(), nullptr, c.ids, nullptr)),
+    REFUSED("the collection is null", , qx_collection_contains(nullptr, nullptr, c.ids, c.found)),
+    REFUSED("the number of ids is -1", c.ids.count = -1, c.contains()),
+
+    REFUSED("out is null", ,
+            qx_collection_list(c.collection.get(), nullptr, nullptr, {}, 1, nullptr)),
+    REFUSED("the collection is null", ,
+            qx_collection_list(nullptr, nullptr, nullptr, {}, 1, &c.rows)),
+    REFUSED("`after` holds more than one id", , c.list(c.ids)),
+    REFUSED("most is -1, below 0", , c.list({}, -1)),
+    REFUSED("filter, byte 0: found the end, expected a column, NOT, TRUE, FALSE or '('", ,
+            c.list({}, 9, "")),
+
+    REFUSED("the collection is null", , qx_collection_save(nullptr, nullptr, "", nullptr, nullptr)),
+    REFUSED("the path is null", ,
+            qx_collection_save(c.collection.get(), nullptr, nullptr, nullptr, nullptr)),
+    REFUSED("the view is of another collection", ,
+            qx_collection_save(c.collection.get(), c.foreign.get(), "", nullptr, nullptr)),
+    REFUSED("out is null", , qx_collection_load("", nullptr, nullptr, nullptr, nullptr)),
+    REFUSED("the path is null", , qx_collection_load(nullptr, nullptr, nullptr, nullptr, &c.made)),
+    REFUSED("threads is -1, below 0", c.options.threads = -1,
+            qx_collection_load("", &c.options, nullptr, nullptr, &c.made)),
+};
+
+TEST(Collection, RefusesWithAMessageAndChangesNothing) {
+  for (const Refusal& refusal : kRefusals) {
+    SCOPED_TRACE(refusal.message);
+    Call call;
+    EXPECT_EQ(refusal.make(call), QX_INVALID);
+    EXPECT_STREQ(qx_collection_message(), refusal.message);
+    EXPECT_EQ(call.made, call.collection.get());
+    EXPECT_EQ(call.made_view, call.view.get());
+    EXPECT_TRUE(call.hits == nullptr && call.rows == nullptr && call.text == nullptr);
+    EXPECT_TRUE(call.removed == 77 && call.found[0] == 77 && call.found[1] == 77);
+    EXPECT_EQ(qx_collection_count(call.collection.get(), nullptr), 1);
+    EXPECT_EQ(qx_collection_count(call.collection.get(), call.view.get()), 0);
+    EXPECT_EQ(qx_collection_count(call.texts.get(), nullptr), 0);
+  }
+}
+
+TEST(Collection, CountsNoRowsOfAForeignView) {
+  const Call call;
+  EXPECT_EQ(qx_collection_count(call.collection.get(), call.foreign.get()), -1);
+  EXPECT_EQ(qx_collection_count(nullptr, nullptr), -1);
+}
+
+TEST(Collection, KeepsTheMessageOfAThreadUntilItsNextFailure) {
+  Call call;
+  EXPECT_EQ(call.find(-1), QX_INVALID);
+  std::thread([&] {
+    EXPECT_STREQ(qx_collection_message(), "");
+    Call other;
+    EXPECT_EQ(other.find(2, -1), QX_INVALID);
+  }).join();
+  EXPECT_EQ(call.upsert(), QX_OK);
+  EXPECT_STREQ(qx_collection_message(), "n_queries is -1");
+  const std::string longest = "i = '" + std::string(2000, 'x') + "'";
+  EXPECT_EQ(call.filter(longest.c_str()), QX_INVALID);
+  EXPECT_LT(std::strlen(qx_collection_message()), 512u);
+}
+
+TEST(Collection, AcceptsCallsThatAskForNothing) {
+  Call call;
+  const QxIds none = {};
+  QxCollection* const collection = call.collection.get();
+  EXPECT_EQ(qx_collection_upsert(collection, none, nullptr, nullptr), QX_OK);
+  EXPECT_EQ(qx_collection_remove(collection, none, nullptr), QX_OK);
+  EXPECT_EQ(qx_view_upsert(call.view.get(), none, nullptr, nullptr), QX_OK);
+  EXPECT_EQ(qx_view_remove(call.view.get(), none, &call.removed), QX_OK);
+  EXPECT_EQ(call.removed, 0);
+  EXPECT_EQ(qx_collection_contains(collection, nullptr, none, nullptr), QX_OK);
+  for (const auto& [queries, k] : {std::pair{0, 3}, {2, 0}, {0, 0}}) {
+    ASSERT_EQ(call.find(queries, k), QX_OK);
+    const Owned<QxHits> hits(call.hits);
+    expect_hits(*hits, std::vector<std::vector<Hit>>(static_cast<std::size_t>(queries)));
+  }
+  ASSERT_EQ(qx_collection_search(collection, call.view.get(), call.vectors, 2, INT64_MAX, nullptr,
+                                 &call.hits),
+            QX_OK);
+  expect_hits(*Owned<QxHits>(call.hits), {{}, {}});
+  ASSERT_EQ(qx_collection_get(collection, nullptr, none, &call.rows), QX_OK);
+  EXPECT_EQ(Owned<QxRows>(call.rows)->count, 0);
+  ASSERT_EQ(call.list({}, 0), QX_OK);
+  EXPECT_EQ(Owned<QxRows>(call.rows)->count, 0);
+  ASSERT_EQ(qx_collection_explain(collection, call.view.get(), nullptr, &call.text), QX_OK);
+  EXPECT_STREQ(Owned<char>(call.text).get(), "");
+  EXPECT_EQ(qx_collection_compact(call.texts.get(), nullptr, nullptr), QX_OK);
+  qx_collection_free(nullptr);
+  qx_view_free(nullptr);
+  qx_hits_free(nullptr);
+  qx_rows_free(nullptr);
+  qx_text_free(nullptr);
+}
+
+TEST(Collection, TellsItsSchema) {
+  const Call call;
+  QxOptions schema;
+  qx_collection_schema(call.collection.get(), &schema);
+  EXPECT_TRUE(schema.dim == 2 && schema.id_kind == QX_NUMBERS && schema.n_columns == 4);
+  EXPECT_STREQ(schema.columns[3].name, "t");
+  EXPECT_EQ(schema.columns[3].type, QX_TEXT);
+  qx_collection_schema(call.texts.get(), &schema);
+  EXPECT_TRUE(schema.id_kind == QX_TEXTS && schema.n_columns == 0);
+}
+
+TEST(Collection, HoldsVectorsOfTheLargestDimension) {
+  const Schema schema = {65536, true};
+  const std::vector<Floats> vectors = {Floats(65536, 0.5f)};
+  const std::vector<Id> ids = {{0, ""}, {0, "b"}, {0, std::string(100000, 'a')}};
+  const std::vector<Row> rows(3, Row{0, {}});
+  const IdArrays list(schema, ids);
+  const RowArrays arrays(schema, vectors, rows);
+  const Owned<QxCollection> collection(schema.create());
+  ASSERT_EQ(qx_collection_upsert(collection.get(), list.get(), arrays.vectors(), nullptr), QX_OK);
+  Model model;
+  model.upsert(ids, rows);
+  for (int compacted = 0; compacted < 2; ++compacted) {
+    QxRows* got = nullptr;
+    ASSERT_EQ(qx_collection_get(collection.get(), nullptr, list.get(), &got), QX_OK);
+    expect_rows(*Owned<QxRows>(got), schema, vectors, ids, model);
+    ASSERT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
+  }
+}
+
+// ---- Ties, and what is explained ----
+
+constexpr std::int64_t kRows = 4096 + 4500 + 200;
+
+// A manual collection of rows that differ in their id alone, shuffled into two segments and a tail.
+class Ties : public testing::Test {
+ protected:
+  Ties() {
+    for (std::int64_t id = 0; id < kRows; ++id) ids_.push_back({id - 4000, ""});
+    Random(1).shuffle(ids_);
+    upsert(0, 4096);
+    upsert(4096, 8596);
+    upsert(8596, kRows);
+  }
+
+  static QxCollection* create() {
+    QxOptions options = {};
+    options.manual = 1;
+    return Schema{8, false, {"x"}, {QX_INTEGER}}.create(options);
+  }
+
+  void upsert(std::int64_t first, std::int64_t end) {
+    const std::vector<Id> ids(ids_.begin() + first, ids_.begin() + end);
+    const IdArrays list(schema_, ids);
+    const std::vector<Row> rows(ids.size(), Row{0, {std::int64_t{3}}});
+    const RowArrays arrays(schema_, {Floats(8, 1.0f)}, rows);
+    ASSERT_EQ(
+        qx_collection_upsert(collection_.get(), list.get(), arrays.vectors(), arrays.values()),
+        QX_OK);
+    model_.upsert(ids, rows);
+  }
+
+  // All k, of batches of equal queries, by threads.
+  void expect_lowest_ids(const QxView* view, QxSearch search, const Model& model) {
+    for (const std::int64_t k : {1, 7, 100, 5000, 20000}) {
+      for (const std::int64_t batch : {1, 2, 9}) {
+        const Floats queries(static_cast<std::size_t>(8 * batch), 1.0f);
+        const auto all = [](const Id&, const Row&) { return true; };
+        const std::vector<std::vector<Hit>> expected(static_cast<std::size_t>(batch),
+                                                     model.search({8.0f}, k, all));
+        for (search.threads = 1; search.threads <= 3; ++search.threads) {
+          QxHits* hits = nullptr;
+          ASSERT_EQ(qx_collection_search(collection_.get(), view, queries.data(), batch, k, &search,
+                                         &hits),
+                    QX_OK);
+          expect_hits(*Owned<QxHits>(hits), expected);
+        }
+      }
+    }
+  }
+
+  std::string explanation(QxSearch search, const QxView* view = nullptr) {
+    char* text = nullptr;
+    EXPECT_EQ(qx_collection_explain(collection_.get(), view, &search, &text), QX_OK);
+    return Owned<char>(text).get();
+  }
+
+  Schema schema_ = {8, false, {"x"}, {QX_INTEGER}};
+  Owned<QxCollection> collection_{create()};
+  std::vector<Id> ids_;
+  Model model_;
+};
+
+TEST_F(Ties, AreOrderedByIdAcrossSegmentsAndTheTail) {
+  EXPECT_EQ(explanation({}),
+            "segment of 4096 rows: scan, 4096 pass\n"
+            "segment of 4500 rows: scan, 4500 pass\n"
+            "tail of 200 rows: scan, 200 pass\n");
+  expect_lowest_ids(nullptr, {}, model_);
+}
+
+TEST_F(Ties, AreOrderedByIdByABitmap) {
+  QxSearch search = {};
+  search.filter = "x = 3";
+  EXPECT_EQ(explanation(search),
+            "segment of 4096 rows: bitmap, 4096 pass\n"
+            "segment of 4500 rows: bitmap, 4500 pass\n"
+            "tail of 200 rows: bitmap, 200 pass\n");
+  expect_lowest_ids(nullptr, search, model_);
+}
+
+TEST_F(Ties, AreOrderedByIdAsCandidates) {
+  std::vector<Id> listed;
+  for (std::size_t i = 0; i < ids_.size(); i += 3) listed.push_back(ids_[i]);
+  const IdArrays among(schema_, listed);
+  QxSearch search = {};
+  search.among = &among.get();
+  Model model;
+  model.upsert(listed, std::vector<Row>(listed.size(), Row{0, {}}));
+  EXPECT_EQ(explanation(search),
+            "segment of 4096 rows: candidates, 1366 pass\n"
+            "segment of 4500 rows: candidates, 1500 pass\n"
+            "tail of 200 rows: candidates, 66 pass\n");
+  expect_lowest_ids(nullptr, search, model);
+}
+
+TEST_F(Ties, AreOrderedByIdOfAViewThatChangesRows) {
+  const Owned<QxView> view = Call::view_of(*collection_);
+  const std::vector<Id> ids(ids_.begin() + 4000, ids_.begin() + 4200);
+  const std::vector<Row> rows(ids.size(), Row{0, {std::int64_t{4}}});
+  const IdArrays list(schema_, ids);
+  const RowArrays arrays(schema_, {Floats(8, 1.0f)}, rows);
+  ASSERT_EQ(qx_view_upsert(view.get(), list.get(), arrays.vectors(), arrays.values()), QX_OK);
+  EXPECT_EQ(explanation({}, view.get()),
+            "segment of 4096 rows: bitmap, 4000 pass\n"
+            "segment of 4500 rows: bitmap, 4396 pass\n"
+            "tail of 200 rows: scan, 200 pass\n"
+            "tail of 200 rows: scan, 200 pass\n");
+  expect_lowest_ids(view.get(), {}, model_);
+  ASSERT_EQ(qx_view_remove(view.get(), list.get(), nullptr), QX_OK);
+  Model model = model_;
+  model.remove(ids);
+  expect_lowest_ids(view.get(), {}, model);
+  expect_lowest_ids(nullptr, {}, model_);
+}
+
+TEST_F(Ties, AreOrderedByIdInOneSegment) {
+  ASSERT_EQ(qx_collection_compact(collection_.get(), nullptr, nullptr), QX_OK);
+  EXPECT_EQ(explanation({}), "segment of 8796 rows: scan, 8796 pass\n");
+  expect_lowest_ids(nullptr, {}, model_);
+}
+
+}  // namespace
+}  // namespace qx_test
