@@ -157,7 +157,8 @@ TEST(Validity, NoticesBrokenCodes) {
   QxIndex& index = *full;
   expect_noticed(index, index.base_codes.dim, 2, "a dimension without codes");
   expect_noticed(index, index.base_codes.rows, -1, "fewer rows than none");
-  qx::build_codes(index.base_codes, index.base_vectors, 3, 2);
+  qx::begin_codes(index.base_codes, 3, 2);
+  qx::code_range(index.base_codes, index.base_vectors, 0, 3);
   insert(full, {11}, {5, 6});
   qx::extend_codes(index.delta_codes, index.delta_vectors.data, 3, 2);
   ASSERT_TRUE(qx::index_is_valid(index));
