@@ -1,8 +1,9 @@
-"""Builds the wheel: the package and, where there is one to carry, the shared library.
+"""Builds the wheel: the package and, where there are some to carry, the shared libraries.
 
-The library is the one that QX_RUNTIME_LIBRARY names; or else none, if one is installed on this system;
-or else the one that CMake builds from the source tree around this folder. No compiler is needed in
-the first two cases.
+Those are the one that QX_RUNTIME_LIBRARY names, and the one that QX_COLLECTION_LIBRARY names or that
+lies beside it; or else none, if libqx_runtime is installed on this system; or else those that CMake
+builds from the source tree around this folder. No compiler is needed in the first two cases. A system
+without xxHash builds no libqx_collection: then the package has no Collection.
 """
 
 import base64
@@ -34,40 +35,51 @@ Description-Content-Type: text/markdown
 """
 
 
-def carried_library(scratch):
-    """The bytes of the library that the wheel shall carry, or None."""
-    named = os.environ.get("QX_RUNTIME_LIBRARY")
-    if named:
-        path = pathlib.Path(named)
-        if not path.is_file():
-            raise SystemExit(f"QX_RUNTIME_LIBRARY names {named}, where there is no file")
-        return path.read_bytes()
-    if ctypes.util.find_library("qx_runtime"):
-        return None
+def named_library(name):
+    """The path that a variable of the environment names, or None."""
+    named = os.environ.get(name)
+    if named and not pathlib.Path(named).is_file():
+        raise SystemExit(f"{name} names {named}, where there is no file")
+    return pathlib.Path(named) if named else None
+
+
+def carried_libraries(scratch):
+    """The paths of the libraries that the wheel shall carry, by their names in it."""
+    runtime = named_library("QX_RUNTIME_LIBRARY")
+    collection = named_library("QX_COLLECTION_LIBRARY")
+    if runtime is None and not ctypes.util.find_library("qx_runtime"):
+        build_libraries(scratch)
+        runtime = pathlib.Path(scratch, "libqx_runtime.so")
+        collection = collection or pathlib.Path(scratch, "collection/libqx_collection.so")
+    elif runtime is not None and collection is None:
+        collection = runtime.with_name(runtime.name.replace("qx_runtime", "qx_collection"))
+    paths = {"libqx_runtime.so.1": runtime, "libqx_collection.so.1": collection}
+    return {name: path for name, path in paths.items() if path is not None and path.is_file()}
+
+
+def build_libraries(scratch):
     if not (SOURCE / "engine").is_dir() or not shutil.which("cmake"):
         raise SystemExit("libqx_runtime is not installed. Install it, or set QX_RUNTIME_LIBRARY to "
                          "its path, or install CMake and a C++ compiler to build it.")
     subprocess.run(["cmake", "-S", SOURCE, "-B", scratch, "-DCMAKE_BUILD_TYPE=Release",
                     "-DQX_BUILD_TESTS=OFF", "-DQX_BUILD_EXAMPLES=OFF"], check=True)
-    subprocess.run(["cmake", "--build", scratch, "--target", "qx_runtime"], check=True)
-    return (pathlib.Path(scratch) / "libqx_runtime.so").read_bytes()
+    subprocess.run(["cmake", "--build", scratch], check=True)
 
 
 def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     del config_settings, metadata_directory
     with tempfile.TemporaryDirectory() as scratch:
-        library = carried_library(scratch)
+        libraries = {name: path.read_bytes() for name, path in carried_libraries(scratch).items()}
     platform = "any"
-    if library is not None:
+    if libraries:
         platform = sysconfig.get_platform().replace("-", "_").replace(".", "_")
     tag = f"py3-none-{platform}"
     files = {f"{NAME}/{path.name}": path.read_bytes() for path in sorted((HERE / NAME).iterdir())
              if path.suffix == ".py" or path.name == "py.typed"}
-    if library is not None:
-        files[f"{NAME}/libqx_runtime.so.1"] = library
+    files.update((f"{NAME}/{name}", library) for name, library in libraries.items())
     info = f"{NAME}-{VERSION}.dist-info"
     files[f"{info}/METADATA"] = (METADATA + (HERE / "README.md").read_text(encoding="utf-8")).encode()
-    pure = "true" if library is None else "false"
+    pure = "false" if libraries else "true"
     files[f"{info}/WHEEL"] = (f"Wheel-Version: 1.0\nGenerator: qx_runtime\nRoot-Is-Purelib: {pure}\n"
                               f"Tag: {tag}\n").encode()
     record = ""
