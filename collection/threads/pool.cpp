@@ -65,17 +65,19 @@ class Call {
   std::exception_ptr exception_;
 };
 
-// Sleeping threads cost a system call each to wake: the caller wakes two, and each of them two
+// There are as many threads as the calls want together, at most one fewer than CPUs. Sleeping ones
+// cost a system call each to wake: the caller wakes two, and each of them two
 // more.
 class Pool {
  public:
   void run(Call& call, std::int64_t tasks, const Progress& progress) {
     std::unique_lock lock(mutex_);
     Call** last = &calls_;
-    while (*last != nullptr) last = &(*last)->next_call;
+    int wanted = call.helpers;
+    for (; *last != nullptr; last = &(*last)->next_call) wanted += (*last)->helpers;
     *last = &call;
     const int sleeping = invite(call);
-    const int missing = std::max(0, call.helpers - threads_);
+    const int missing = std::max(0, std::min(wanted, cpus() - 1) - threads_);
     threads_ += missing;
     lock.unlock();
     wake(sleeping);
