@@ -227,6 +227,39 @@ TEST(Collection, KeepsTheMessageOfAThreadUntilItsNextFailure) {
   EXPECT_LT(std::strlen(qx_collection_message()), 512u);
 }
 
+// What a callback throws, or a count that no memory has room for, leaves the library as a status.
+TEST(Collection, LetsNoExceptionOut) {
+  Call call;
+  call.ids.count = INT64_MAX;
+  EXPECT_EQ(call.get(), QX_OUT_OF_MEMORY);
+  call.search.accept = [](void*, std::int64_t, const QxText*) -> std::int32_t { throw 1; };
+  EXPECT_EQ(call.find(), QX_CANCELLED);
+  EXPECT_STREQ(qx_collection_message(), "a callback of the host has thrown");
+  call.search.accept = nullptr;
+  call.search.progress = [](void*, std::int64_t, std::int64_t) { return 1; };
+  EXPECT_EQ(call.find(), QX_CANCELLED);
+  EXPECT_STREQ(qx_collection_message(), "cancelled by the progress callback");
+  EXPECT_EQ(call.hits, nullptr);
+}
+
+// The segments of bulk changes are merged by another thread, or just about to be.
+TEST(Collection, IsReleasedWhileSegmentsAreMerged) {
+  const Schema schema = {768};
+  const std::vector<Floats> vectors = {Floats(768, 1.0f)};
+  for (std::int64_t round = 0; round < 30; ++round) {
+    const Owned<QxCollection> collection(schema.create());
+    for (std::int64_t first = 0; first < 7 + round % 3; ++first) {
+      std::vector<Id> ids;
+      for (std::int64_t i = 0; i < 400; ++i) ids.push_back({400 * first + i, ""});
+      const IdArrays list(schema, ids);
+      const RowArrays arrays(schema, vectors, std::vector<Row>(400, Row{0, {}}));
+      ASSERT_EQ(qx_collection_upsert(collection.get(), list.get(), arrays.vectors(), nullptr),
+                QX_OK);
+    }
+    EXPECT_EQ(qx_collection_count(collection.get(), nullptr), 400 * (7 + round % 3));
+  }
+}
+
 TEST(Collection, AcceptsCallsThatAskForNothing) {
   Call call;
   const QxIds none = {};
