@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Writes the report of a run: report.py RESULTS FOLDER.
 
-The folder receives BENCHMARKS.md and, in benchmarks/, the pictures, and core.json for hosts/mpi/plan.py.
+The folder receives BENCHMARKS.md and, in benchmarks/, the pictures.
 """
 
-import json
 import os
 import pathlib
 import re
@@ -41,19 +40,6 @@ were set on an AMD EPYC (Zen 4); another machine reaches others.
 """
 
 
-def core(run):
-    """What one core reads in memory, for plans of larger indexes; None where it was not measured."""
-    scan = run.select("scan", set="DRAM", dim=768)
-    listed = run.select("candidates", function="scatter_topk", dim=768, ids=100000)
-    if not scan or not listed:
-        return None
-    time = scan[0].engine
-    return {"scan_gbs": round(scan[0].gigabytes_per_second(time), 1),
-            "scan_spread": [round(1 - time["min"] / time["median"], 2),
-                            round(time["max"] / time["median"] - 1, 2)],
-            "listed_ns": round(listed[0].nanoseconds_per_item(), 2)}
-
-
 def main():
     if len(sys.argv) != 3:
         sys.exit("usage: report.py RESULTS FOLDER")
@@ -73,8 +59,6 @@ def main():
         parts.append("\n\n".join([f"## {title}", remarks[section],
                                   *[f"![{shows}](benchmarks/{name})" for name, _, shows, _ in pictures],
                                   *section_tables(run, section)]) + "\n")
-    if core(run):
-        (folder / "benchmarks" / "core.json").write_text(json.dumps(core(run)) + "\n", encoding="utf-8")
     path = folder / "BENCHMARKS.md"
     path.write_text("\n".join(parts), encoding="utf-8")
     for outcome in outcomes:

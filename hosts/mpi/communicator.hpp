@@ -1,51 +1,65 @@
-// The ranks that share one index, and how they agree on an error.
+// The ranks that share one collection, and how they agree on an error.
 //
 // A rank that throws alone would leave the others waiting for it for ever. So what may fail runs
 // inside `together` or `from_root`: all ranks learn of the first failure, and all throw the same.
-// A failure travels in a block of fixed size, because memory may be what has run out.
 #pragma once
 
 #include <mpi.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <qx_runtime.hpp>
+#include <new>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <type_traits>
 #include <vector>
 
-namespace qx {
+namespace qx::mpi {
 
-enum class FailureKind : std::int32_t { kNone, kArgument, kLogic, kMemory, kOther };
+// A row or a count, where a container is asked.
+inline std::size_t at(std::int64_t position) { return static_cast<std::size_t>(position); }
 
-struct Failure {
-  FailureKind kind;
-  char text[500];
+inline std::string text_of(const std::string& text) { return text; }
+template <typename Number>
+requires std::is_arithmetic_v<Number> std::string text_of(Number number) {
+  return std::to_string(number);
+}
+
+// The parts make the message, only when it is needed.
+template <typename Error = std::invalid_argument, typename... Parts>
+void require(bool condition, const Parts&... parts) {
+  if (!condition) throw Error((std::string() + ... + text_of(parts)));
+}
+
+// An exception of which a copy can be sent: of fixed size, because memory may be what has run out.
+class Failure {
+ public:
+  Failure() = default;
+  explicit Failure(const std::exception& error);
+  bool is_none() const { return kind_ == Kind::kNone; }
+  // Throws std::invalid_argument, std::logic_error, OutOfMemory or std::runtime_error.
+  [[noreturn]] void raise() const;
+  void name(int rank);  // before the message
+  const char* text() const { return text_; }
+
+ private:
+  enum class Kind { kNone, kArgument, kLogic, kMemory, kOther };
+  Kind kind_ = Kind::kNone;
+  char text_[500] = "";
 };
 
 // Memory that is not there, with the rank that lacks it.
-class OutOfMemory : public std::bad_alloc {
- public:
-  explicit OutOfMemory(const char* text);
-  const char* what() const noexcept override { return text_; }
-
- private:
-  char text_[sizeof(Failure::text)];
+struct OutOfMemory : std::bad_alloc {
+  explicit OutOfMemory(const Failure& failed) : failure(failed) {}
+  const char* what() const noexcept override { return failure.text(); }
+  Failure failure;
 };
-
-// What is being thrown, as a block that can be sent. To be called in a handler.
-Failure current_failure();
-
-// Throws what the block says; nothing for kNone.
-void raise(const Failure& failure);
 
 class Communicator {
  public:
-  explicit Communicator(MPI_Comm ranks);
-  ~Communicator();
+  explicit Communicator(MPI_Comm ranks);  // which is duplicated
+  ~Communicator() { MPI_Comm_free(&ranks_); }
   Communicator(const Communicator&) = delete;
   Communicator& operator=(const Communicator&) = delete;
 
@@ -53,108 +67,66 @@ class Communicator {
   int rank() const { return rank_; }
   int size() const { return size_; }
   bool is_root() const { return rank_ == 0; }
-  bool is_on_root_machine() const { return on_root_machine_; }
 
   // Runs a step on every rank. If it throws on any, every rank throws what the lowest of those
   // threw, with that rank's number before the message.
   template <typename Step>
   void together(Step&& step) const {
-    Failure failure{};
+    Failure failure;
     try {
       step();
-    } catch (...) {
-      failure = current_failure();
+    } catch (const std::exception& error) {
+      failure = Failure(error);
     }
     agree(failure);
-  }
-
-  // A block has this much before its contents, for the kind of a failure.
-  static constexpr std::size_t kBlockHead = 8;
-
-  // Runs a step on rank 0, which fills the contents of a block, and copies the block to every rank;
-  // or throws on every rank what the step threw.
-  template <typename Fill>
-  void share_block(std::span<std::byte> block, Fill&& fill) const {
-    Failure failure{};
-    if (is_root()) {
-      try {
-        fill(block.subspan(kBlockHead));
-      } catch (...) {
-        failure = current_failure();
-      }
-      std::memcpy(block.data(), &failure.kind, sizeof failure.kind);
-    }
-    broadcast(block);
-    std::memcpy(&failure.kind, block.data(), sizeof failure.kind);
-    if (failure.kind == FailureKind::kNone) return;
-    broadcast_bytes(&failure, sizeof failure, 0);
-    raise(failure);
-  }
-
-  // Runs a step on every rank, but on one after the other of each machine, so that what the step
-  // takes for a moment is taken once a machine. Throws as `together` does.
-  template <typename Step>
-  void in_turns(Step&& step) const {
-    for (int turn = 0; turn < turns_; ++turn) {
-      together([&] {
-        if (turn == turn_) step();
-      });
-    }
   }
 
   // Runs a step on rank 0 and gives its result, or what it threw, to every rank.
   template <typename Make>
   auto from_root(Make&& make) const {
-    using Value = std::invoke_result_t<Make>;
-    static_assert(std::is_trivially_copyable_v<Value>);
-    Value value{};
-    std::byte block[kBlockHead + sizeof value] = {};
-    share_block(block, [&](std::span<std::byte> contents) {
-      value = make();
-      std::memcpy(contents.data(), &value, sizeof value);
-    });
-    std::memcpy(&value, block + kBlockHead, sizeof value);
-    return value;
+    struct {
+      bool is_made = true;
+      std::invoke_result_t<Make> value{};
+    } sent;
+    static_assert(std::is_trivially_copyable_v<decltype(sent)>);
+    Failure failure;
+    try {
+      if (is_root()) sent.value = make();
+    } catch (const std::exception& error) {
+      failure = Failure(error);
+      sent.is_made = false;
+    }
+    broadcast(&sent, sizeof sent);
+    if (sent.is_made) return sent.value;
+    broadcast(&failure, sizeof failure);
+    failure.raise();
   }
 
-  // Copies the numbers of one rank into the spans of all, which have one size.
-  template <typename Number>
-  void broadcast(std::span<Number> numbers, int root = 0) const {
-    static_assert(std::is_trivially_copyable_v<Number>);
-    broadcast_bytes(numbers.data(), numbers.size_bytes(), root);
-  }
+  // Copies bytes of rank 0, or of another, to all ranks.
+  void broadcast(void* bytes, std::size_t count, int root = 0) const;
 
-  // The numbers of one rank, on every rank.
+  // Rank 0's numbers, on every rank.
   template <typename Number>
-  std::vector<Number> shared(std::span<const Number> numbers, int root = 0) const {
-    std::int64_t count = std::ssize(numbers);
-    broadcast(std::span(&count, 1), root);
+  std::vector<Number> shared(std::span<const Number> numbers) const {
+    const auto count = from_root([&] { return numbers.size(); });
     std::vector<Number> copy;
     together([&] {
-      copy.resize(static_cast<std::size_t>(count));
-      if (rank_ == root) std::copy(numbers.begin(), numbers.end(), copy.begin());
+      copy.resize(count);
+      if (is_root()) std::ranges::copy(numbers, copy.begin());
     });
-    broadcast(std::span(copy), root);
+    broadcast(copy.data(), count * sizeof(Number));
     return copy;
   }
 
+  std::int64_t reduced(std::int64_t number, MPI_Op operation) const;
   std::int64_t sum(std::int64_t number) const { return reduced(number, MPI_SUM); }
-  std::int64_t least(std::int64_t number) const { return reduced(number, MPI_MIN); }
-  std::int64_t most(std::int64_t number) const { return reduced(number, MPI_MAX); }
-  // The sum over the ranks before this one.
-  std::int64_t sum_before(std::int64_t number) const;
 
  private:
-  void agree(const Failure& failure) const;
-  void broadcast_bytes(void* bytes, std::size_t count, int root) const;
-  std::int64_t reduced(std::int64_t number, MPI_Op operation) const;
+  void agree(Failure& failure) const;
 
   MPI_Comm ranks_ = MPI_COMM_NULL;
   int rank_ = 0;
   int size_ = 1;
-  int turn_ = 0;   // of this rank, among those of its machine
-  int turns_ = 1;  // the most ranks of a machine
-  bool on_root_machine_ = true;
 };
 
-}  // namespace qx
+}  // namespace qx::mpi

@@ -1,73 +1,69 @@
 #!/usr/bin/env python3
 """Finds neighbours of words among the word vectors of this repository, spread over ranks of MPI.
 
-words.py [--full] [--ranks N] [--tool FILE] [--folder FOLDER] [WORD]...
+words.py [--full] [--ranks N] [WORD]...
 """
 import argparse
+import os
 import pathlib
 import subprocess
 import sys
 
 import numpy as np
 
-from mpirun import mpirun
-
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "hosts"))
 from word_vectors import read_words
 
+TOOL = ROOT / "build/mpi/hosts/mpi/qx-mpi"
+FOLDER = ROOT / "build/mpi-words"
+# mpirun wants to be told twice that root may run it.
+ENVIRONMENT = os.environ | {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
 NEIGHBOURS = 6
-# What is asked of the tool: a title, and its arguments. Labels are the words' lengths.
-SEARCHES = (("nearest", []),
-            ("of 5 letters", ["--labels", "lengths.npy", "--label", "5"]),
-            ("nearest through lists", ["--ivf", "100", "--nprobe", "8"]))
+# What is asked of the tool: a title, and its arguments.
+SEARCHES = (("nearest", "--vectors vectors.npy --integers length lengths.npy --save saved"),
+            ("of 5 letters", "--load saved --filter length=5"),
+            ("without the first", "--load saved --delete first.npy"))
 
 
-def write_files(folder, words, vectors, asked):
-    folder.mkdir(parents=True, exist_ok=True)
-    np.save(folder / "vectors.npy", vectors)
-    np.save(folder / "lengths.npy", np.array([len(word) for word in words], dtype="<i8"))
-    np.save(folder / "queries.npy", vectors[asked])
-
-
-def search(options, arguments):
-    """The lines that the tool prints: query, place, id, score."""
-    command = [options.tool.resolve(), "--vectors", "vectors.npy", "--queries", "queries.npy",
-               "--k", NEIGHBOURS, *arguments]
-    ran = mpirun(options.ranks, command, cwd=options.folder, timeout=300)
-    if ran.returncode != 0:
-        sys.exit(f"words: the search failed\n{ran.stderr}")
-    return [line.split("\t") for line in ran.stdout.splitlines()]
+def mpirun(ranks, command, environment=ENVIRONMENT, **options):
+    """Runs a command on ranks of this machine, however few cores it has; gives how that ended."""
+    line = ["mpirun", "--quiet", "--oversubscribe", "--bind-to", "none", "-n", str(ranks),
+            *map(str, command)]
+    return subprocess.run(line, env=environment, capture_output=True, text=True, **options)
 
 
 def main():
     parser = argparse.ArgumentParser(prog="words.py", description=__doc__.splitlines()[0])
     parser.add_argument("--full", action="store_true", help="all words, which are fetched once")
     parser.add_argument("--ranks", type=int, default=4)
-    parser.add_argument("--tool", type=pathlib.Path, default=ROOT / "build/mpi/hosts/mpi/qx-mpi")
-    parser.add_argument("--folder", type=pathlib.Path, default=ROOT / "build/mpi-words",
-                        help="where the files for the tool go")
     parser.add_argument("words", nargs="*", default=["king", "river"])
     options = parser.parse_args()
-    if options.ranks < 1:
-        parser.error("--ranks is 1 or more")
-    if not options.tool.exists():
-        sys.exit(f"words: {options.tool} is not built; hosts/mpi/demo does that")
-    try:
-        words, vectors = read_words(options.full)
-    except subprocess.CalledProcessError as error:
-        sys.exit(f"words: {error}")
+    words, vectors = read_words(options.full)
     rows = {word: row for row, word in enumerate(words)}
+    asked = [rows.get(word) for word in options.words]
+    if None in asked:
+        sys.exit(f"words: {options.words[asked.index(None)]} is not among the words")
+    FOLDER.mkdir(parents=True, exist_ok=True)
+    np.save(FOLDER / "vectors.npy", vectors)
+    np.save(FOLDER / "lengths.npy", np.array([len(word) for word in words], dtype="<i8"))
+    np.save(FOLDER / "queries.npy", vectors[asked])
+    lines = {}
+    for title, arguments in SEARCHES:
+        ran = mpirun(options.ranks, [TOOL, "--queries", "queries.npy", "--k", NEIGHBOURS,
+                                     *arguments.split()], cwd=FOLDER, timeout=300)
+        if ran.returncode != 0:
+            sys.exit(f"words: the search failed\n{ran.stderr}")
+        found = [line.split("\t") for line in ran.stdout.splitlines()]
+        for number, word in enumerate(options.words):
+            lines[word, title] = [(int(row), float(score)) for query, _, row, score in found
+                                  if int(query) == number and int(row) != asked[number]]
+        if title == "nearest":
+            np.save(FOLDER / "first.npy", np.array([hits[0][0] for hits in lines.values()]))
     for word in options.words:
-        if word not in rows:
-            sys.exit(f"words: {word} is not among the words")
-    write_files(options.folder, words, vectors, [rows[word] for word in options.words])
-    found = [search(options, arguments) for _, arguments in SEARCHES]
-    for query, word in enumerate(options.words):
-        for (title, _), lines in zip(SEARCHES, found):
-            others = [f"{words[int(row)]} {float(score):.2f}" for number, _, row, score in lines
-                      if int(number) == query and words[int(row)] != word]
-            print(f"{word}, {title}: " + ", ".join(others[:NEIGHBOURS - 1]))
+        for title, _ in SEARCHES:
+            print(f"{word}, {title}: " + ", ".join(
+                f"{words[row]} {score:.2f}" for row, score in lines[word, title][:NEIGHBOURS - 1]))
 
 
 if __name__ == "__main__":

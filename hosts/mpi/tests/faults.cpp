@@ -1,175 +1,182 @@
 // Calls that fail on one rank, and a rank that dies: every rank must throw the same, and none wait.
 //
-//   mpirun -n RANKS qx_mpi_faults CASE
-#include <mpi.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
+//   mpirun -n 3 qx_mpi_faults CASE FOLDER
+#include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <functional>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
 #include <map>
-#include <new>
 #include <numeric>
-#include <string>
-#include <vector>
 
-#include "sharded_index.hpp"
+#include "sharded_collection.hpp"
 
+namespace {
+std::atomic<std::int64_t> allocations_left = INT64_MAX;
+}  // namespace
+
+// The allocation fails that finds none left.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const block = allocations_left.fetch_sub(1) == 0 ? nullptr : std::malloc(size + 1);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+
+namespace qx::mpi {
 namespace {
 
 using Ids = std::vector<std::int64_t>;
 using Floats = std::vector<float>;
-using Int32s = std::vector<std::int32_t>;
 
-int rank_here() {
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  return rank;
-}
+std::string folder;
+int rank_here = 0;
+bool is_last = false;
 
-bool is_last() {
-  int ranks = 0;
-  MPI_Comm_size(MPI_COMM_WORLD, &ranks);
-  return rank_here() == ranks - 1;
-}
+constexpr QxColumn kColumns[] = {{"label", QX_INTEGER}, {"lang", QX_TEXT}};
 
-// An index whose base has as many rows on each rank.
-struct TestIndex : qx::ShardedIndex {
-  explicit TestIndex(std::int32_t dim, std::size_t rows = 0) : ShardedIndex(MPI_COMM_WORLD, dim) {
-    if (rows > 0) build(std::vector<float>(rows * static_cast<std::size_t>(dim)));
+struct TestCollection : ShardedCollection {
+  explicit TestCollection(std::int32_t dim, std::size_t rows = 0, std::int64_t memory_limit = 0)
+      : ShardedCollection(MPI_COMM_WORLD, {dim, QX_NUMBERS, kColumns, 2, 0, memory_limit, 0}) {
+    upsert_first(rows);
+  }
+  void upsert_first(std::size_t rows) {
+    std::vector<std::int64_t> ids(rows);
+    std::iota(ids.begin(), ids.end(), 0);
+    upsert(ids, std::vector<float>(rows * at(schema().dim), 1));
   }
 };
 
-// From now on this rank gets no more than some bytes above what it has.
-void limit_memory() {
-  long pages = 0;
-  std::FILE* const statm = std::fopen("/proc/self/statm", "r");
-  if (statm == nullptr || std::fscanf(statm, "%ld", &pages) != 1) std::abort();
-  std::fclose(statm);
-  const auto bytes = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE)) + (rlim_t{64} << 20);
-  const rlimit limit{bytes, bytes};
-  if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
-}
-
-void same_ids() {
-  const std::int64_t rank = rank_here();
-  TestIndex(1).build(Floats(2), Ids{rank + 10, is_last() ? 10 : rank + 50});
-}
-
-void some_ids() {
-  TestIndex index(1);
-  if (is_last()) return index.build(Floats(1));
-  index.build(Floats(1), Ids{rank_here()});
-}
-
-// Reading that fails on one rank of those that take turns.
-void no_rows() {
-  TestIndex(4).build_from(2, [](std::span<float>) {
-    if (rank_here() == 1) throw std::runtime_error("the rows are gone");
-  });
-}
-
-void no_memory() {
-  TestIndex index(1 << 20);
-  const Floats rows(is_last() ? std::size_t{64} << 20 : std::size_t{1} << 20);
-  if (is_last()) limit_memory();
-  index.build(rows);
-}
-
-// A change that one rank cannot make, and the call after it.
+// A change that one rank refuses, and the call after it.
 void no_memory_in_a_change() {
-  TestIndex index(1 << 16);
-  if (is_last()) limit_memory();
-  // Few rows to a call, so that the engine's own array is what cannot grow.
-  Ids ids(20);
-  std::iota(ids.begin(), ids.end(), 0);
-  const Floats rows(rank_here() == 0 ? ids.size() << 16 : 0);
+  TestCollection collection(1000, 1, is_last ? 1 << 20 : 0);
   try {
-    for (std::int64_t call = 0; call < 400; ++call) {
-      for (std::int64_t& id : ids) id += 20;
-      index.insert(rows, ids);
+    collection.upsert_first(2000);
+  } catch (const std::bad_alloc& error) {
+    const std::string said = error.what();
+    try {
+      collection.search(Floats(1000), 1);
+    } catch (const std::logic_error& then) {
+      throw std::runtime_error(said + "; then: " + then.what());
     }
-  } catch (const std::bad_alloc&) {
-    index.search_filtered(qx::Filter::all(), Floats(rank_here() == 0 ? 1 << 16 : 0), 1);
   }
 }
 
-// A search for which one rank cannot allocate its buffers, and one for which all can.
-void no_memory_in_a_search() {
-  TestIndex index(1, std::size_t{1} << 21);
-  if (is_last()) limit_memory();
-  const Floats query(rank_here() == 0 ? 1 : 0);
-  try {
-    index.search_full(query, std::int64_t{1} << 22);
-  } catch (const std::bad_alloc& error) {
-    const std::vector<qx::Hits> found = index.search_full(query, 2);
-    const std::size_t rows = index.ranks().from_root([&] { return found.front().size(); });
-    throw std::runtime_error(std::string(error.what()) + "; then found " + std::to_string(rows));
+// Made before, since their own allocations must not fail.
+const Ids kIds = {1, 2, 77};
+const Floats kZeros(12);
+const QxText kTexts[] = {{"de", 2}, {"fr", 2}, {"", 0}};
+const QxValues kValues[] = {{}, {nullptr, nullptr, nullptr, kTexts, nullptr}};
+
+// Fails each allocation of a call in turn on one rank. All must throw then, and agree whether the
+// collection is whole; where it is, it has the rows that it had.
+void fail_each(void (*call)(ShardedCollection&)) {
+  std::int64_t failures = 0;
+  for (bool is_reached = true; is_reached; ++failures) {
+    TestCollection collection(4, 40);
+    std::int64_t refused = 0;
+    allocations_left = is_last ? failures : INT64_MAX;
+    try {
+      call(collection);
+    } catch (const std::bad_alloc&) {
+      refused = 1;
+    }
+    const std::int64_t reached = allocations_left < 0 ? 1 : 0;
+    allocations_left = INT64_MAX;
+    const Communicator ranks(MPI_COMM_WORLD);
+    is_reached = ranks.sum(reached) > 0;
+    require<std::runtime_error>(ranks.sum(refused) % ranks.size() == 0, "some ranks threw");
+    try {
+      require<std::runtime_error>(refused == 0 || collection.count() == 40, "the rows differ");
+    } catch (const std::logic_error&) {  // it is not whole
+    }
   }
+  throw std::runtime_error(failures > 3 ? "each allocation has failed" : "none has failed");
+}
+
+// Three ranks save, and a file is written anew before they load; without a text, it is removed.
+void load_after(const char* file, const char* text) {
+  TestCollection(4, 10).save(folder);
+  const std::string path = folder + "/" + file;
+  if (is_last && text == nullptr) std::filesystem::remove(path);
+  if (is_last && text != nullptr) std::ofstream(path) << text;
+  MPI_Barrier(MPI_COMM_WORLD);
+  ShardedCollection::load(MPI_COMM_WORLD, folder);
+}
+
+void upsert_local(std::size_t floats, float value = 1) {
+  TestCollection collection(4, 3);
+  try {
+    collection.upsert_local(Ids{50 + rank_here}, Floats(is_last ? floats : 4, is_last ? value : 1));
+  } catch (const std::invalid_argument& error) {
+    const std::string rows = std::to_string(collection.count());
+    throw std::runtime_error(std::string(error.what()) + "; " + rows + " rows stay");
+  }
+}
+
+void search(std::size_t floats, std::int64_t k, const std::string& filter) {
+  TestCollection(4, 3).search(Floats(rank_here == 0 ? floats : 4), k, filter);
 }
 
 // A rank that is killed while the others search.
 void killed() {
-  TestIndex index(4, 100);
+  const TestCollection collection(4, 100);
   for (std::int64_t search = 0;; ++search) {
-    if (search == 100 && is_last()) std::raise(SIGKILL);
-    index.search_full(Floats(4), 3);
+    if (search == 100 && is_last) std::raise(SIGKILL);
+    collection.search(Floats(4), 3);
   }
 }
 
-// Prints what rank 0 caught, when all ranks have caught the same.
-int report(const std::string& caught) {
-  char text[512] = {};
-  std::snprintf(text, sizeof text, "%s", caught.c_str());
-  char root_text[512];
-  std::memcpy(root_text, text, sizeof text);
-  MPI_Bcast(root_text, sizeof root_text, MPI_CHAR, 0, MPI_COMM_WORLD);
-  int same = std::strcmp(text, root_text) == 0 ? 1 : 0;
-  MPI_Allreduce(MPI_IN_PLACE, &same, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
-  if (rank_here() == 0) std::printf("%s\n", same == 1 ? text : "ranks caught different errors");
-  return same == 1 ? 0 : 1;
-}
-
-const std::map<std::string, std::function<void()>> kCases = {
-    {"other_dimension", [] { TestIndex(is_last() ? 5 : 4); }},
-    {"no_dimension", [] { TestIndex(0); }},
-    {"odd_vectors", [] { TestIndex(4).build(Floats(is_last() ? 7 : 8)); }},
-    {"same_ids", same_ids},
-    {"some_ids", some_ids},
-    {"id_outside", [] { TestIndex(1).build(Floats(1), Ids{is_last() ? -1 : rank_here()}); }},
-    {"no_rows", no_rows},
-    {"no_memory", no_memory},
+const std::map<std::string, void (*)()> kCases = {
+    {"other_dimension", [] { TestCollection(is_last ? 5 : 4); }},
+    {"no_dimension", [] { TestCollection(0); }},
+    {"odd_vectors", [] { upsert_local(7); }},
+    {"not_finite", [] { upsert_local(4, std::numeric_limits<float>::infinity()); }},
     {"no_memory_in_a_change", no_memory_in_a_change},
-    {"no_memory_in_a_search", no_memory_in_a_search},
-    {"wrong_query", [] { TestIndex(4).search_full(Floats(rank_here() == 0 ? 5 : 4), 1); }},
-    {"wrong_metadata", [] { TestIndex(4).set_rowmeta(Ids(3), Ids(2), {}, 0); }},
-    {"listed_twice",
-     [] {
-       TestIndex(1, 2).set_ivf(1, 1, Floats(2), Ids{0, 1, 1}, Int32s{0, 2, 3});
-     }},
-    {"list_outside",
-     [] {
-       TestIndex(1, 2).set_ivf_by_row(1, 1, Floats(3), Int32s{0, is_last() ? 3 : -1});
-     }},
-    {"no_lists", [] { TestIndex(1).search_ivf(1, Floats(1), 1); }},
+    {"allocations_of_an_upsert",
+     [] { fail_each([](auto& all) { all.upsert(kIds, kZeros, kValues); }); }},
+    {"allocations_of_a_remove", [] { fail_each([](auto& all) { all.remove(kIds); }); }},
+    {"allocations_of_a_search",
+     [] { fail_each([](auto& all) { all.search(kZeros, 9, "label IS NULL", kIds); }); }},
+    {"allocations_of_a_save", [] { fail_each([](auto& all) { all.save(folder); }); }},
+    {"wrong_query", [] { search(5, 1, ""); }},
+    {"wrong_k", [] { search(4, -1, ""); }},
+    {"wrong_filter", [] { search(4, 1, "label = 'x'"); }},
+    {"no_folder", [] { ShardedCollection::load(MPI_COMM_WORLD, folder + "/none"); }},
+    {"other_ranks", [] { load_after("manifest", "qx-mpi 1 ranks 4 rows 10 save 0"); }},
+    {"other_rows", [] { load_after("manifest", "qx-mpi 1 ranks 3 rows 11 save 0"); }},
+    {"no_manifest", [] { load_after("manifest", "qx-mpi 2 ranks 3 rows 10 save 0"); }},
+    {"no_file", [] { load_after("rank-2.0", nullptr); }},
+    {"cut_file", [] { load_after("rank-1.0", "QX"); }},
     {"killed", killed}};
 
-int run_case(const std::string& name) {
+// Prints what rank 0 caught, when all ranks have caught the same.
+void run_case(const std::string& name) {
+  const Communicator ranks(MPI_COMM_WORLD);
+  rank_here = ranks.rank();
+  is_last = rank_here == ranks.size() - 1;
+  std::string caught = "nothing was thrown";
   try {
     kCases.at(name)();
   } catch (const std::exception& error) {
-    return report(error.what());
+    caught = error.what();
   }
-  return report("nothing was thrown");
+  const std::vector<char> of_root = ranks.shared(std::span<const char>(caught));
+  const bool same = ranks.sum(std::ranges::equal(caught, of_root) ? 0 : 1) == 0;
+  if (ranks.is_root()) std::puts(same ? caught.c_str() : "ranks caught different errors");
 }
 
 }  // namespace
+}  // namespace qx::mpi
 
 int main(int count, char** arguments) {
-  MPI_Init(&count, &arguments);
-  const int result = run_case(count == 2 ? arguments[1] : "");
+  int provided = 0;
+  MPI_Init_thread(&count, &arguments, MPI_THREAD_FUNNELED, &provided);
+  qx::mpi::folder = arguments[2];
+  qx::mpi::run_case(arguments[1]);
   MPI_Finalize();
-  return result;
+  return 0;
 }

@@ -8,7 +8,7 @@ import numpy as np
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
-from mpirun import ENVIRONMENT, mpirun
+from words import ENVIRONMENT, mpirun
 
 TOOL = os.environ["QX_MPI_TOOL"]
 # After an error, mpirun waits a second for ranks that have not ended, unless told otherwise.
@@ -32,10 +32,13 @@ def error_of(ranks, *arguments):
 class Files:
     """Files of vectors, queries and more, and runs of the tool on them."""
 
-    def __init__(self, folder, vectors, queries):
+    def __init__(self, folder):
         self.folder = folder
-        self.vectors = self.save("vectors", vectors.astype("<f4"))
-        self.queries = self.save("queries", queries.astype("<f4"))
+        # Small whole numbers, whose scores numpy computes exactly too.
+        random = np.random.default_rng(4)
+        self.vectors = self.save("vectors", random.integers(-3, 4, (50, 8)).astype("<f4"))
+        self.queries = self.save("queries", random.integers(-3, 4, (5, 8)).astype("<f4"))
+        self.ids = self.save("ids", random.permutation(1000)[:50].astype("<i8") - 100)
 
     def path(self, name):
         return self.folder / f"{name}.npy"
@@ -62,23 +65,17 @@ class Files:
         lines = []
         for number, query in enumerate(self.queries):
             scores = vectors @ query
-            for place, row in enumerate(np.argsort(-scores, kind="stable")[:k]):
+            for place, row in enumerate(np.lexsort((ids, -scores))[:k]):
                 lines.append(f"{number}\t{place}\t{ids[row]}\t{scores[row]:.9g}\n")
         return "".join(lines)
 
 
 @pytest.fixture
 def files(tmp_path):
-    """Small whole numbers, whose scores numpy computes exactly too."""
-    random = np.random.default_rng(4)
-    vectors, queries = random.integers(-3, 4, (50, 8)), random.integers(-3, 4, (5, 8))
-    files = Files(tmp_path, vectors, queries)
-    files.ids = files.save("ids", random.permutation(1000)[:50].astype("<i8"))
-    return files
+    return Files(tmp_path)
 
 
-@pytest.mark.parametrize("ranks", [1, 2, 3, 4])
-@pytest.mark.parametrize("batch", [2, 64])
+@pytest.mark.parametrize("ranks, batch", [(1, 2), (2, 64), (3, 2), (4, 64)])
 def test_rows_of_files(files, ranks, batch):
     common = ["--k", 20, "--batch", batch]
     assert files.results(ranks, *common) == files.expected(files.vectors, range(50), 20)
@@ -86,151 +83,109 @@ def test_rows_of_files(files, ranks, batch):
 
 
 @pytest.mark.parametrize("ranks", [1, 3])
-def test_changes(files, ranks):
+def test_changes_and_saved_rows(files, ranks):
     inserted = files.save("insert", files.vectors[:4] + 1)
     files.save("insert_ids", np.array([7, 90, 3, 51]))
     files.save("delete", np.array([3, 20, 500]))
-    changes = dict(insert="insert", insert_ids="insert_ids", delete="delete")
-    # Inserted rows come first, in the order of their insertion.
     left = [row for row in range(50) if row not in (3, 7, 20)]
-    now = np.concatenate([inserted[[0, 1, 3]], files.vectors[left]])
-    ids = [7, 90, 51, *left]
-    assert files.results(ranks, "--k", 100, **changes) == files.expected(now, ids, 100)
-    exact = files.results(ranks, "--k", 100, "--exact", **changes)
-    assert exact == files.expected(files.vectors, range(50), 100)
+    expected = files.expected(np.concatenate([inserted[[0, 1, 3]], files.vectors[left]]),
+                              [7, 90, 51, *left], 100)
+    changes = dict(insert="insert", insert_ids="insert_ids", delete="delete")
+    saved = files.folder / "saved"
+    assert files.results(ranks, "--k", 100, "--save", saved, **changes) == expected
+    again = ["--load", saved, "--queries", files.path("queries"), "--k", 100]
+    for _ in range(2):  # saved where it was loaded from
+        assert run(ranks, *again, "--save", saved).stdout == expected
+    assert len(list(saved.iterdir())) == ranks + 1
+    assert f"was saved by {ranks} ranks, and there are 2" in error_of(2, *again)
 
 
 @pytest.mark.parametrize("ranks", [1, 3])
-def test_labels(files, ranks):
-    labels = files.save("labels", np.array([-5, 0, 9])[np.arange(50) % 3])
-    files.save("delete", np.array([3, 20]))
-    for label in (-5, 0, 9, 7):
-        rows = np.flatnonzero(labels == label)
-        found = files.results(ranks, "--k", 20, "--label", label, labels="labels")
-        assert found == files.expected(files.vectors[rows], rows, 20)
-    rows = np.flatnonzero((labels == 0) & (files.ids != 3) & (files.ids != 20))
-    assert files.results(ranks, "--k", 20, "--label", 0, labels="labels", ids="ids",
-                         delete="delete") == files.expected(files.vectors[rows], files.ids[rows], 20)
+def test_filters(files, ranks):
+    years, labels = files.save("years", np.arange(50) + 1980), files.save("labels", np.arange(50) % 3)
+    columns = ["--integers", "year", files.path("years"), "--integers", "label", files.path("labels")]
+    rows = np.flatnonzero((years >= 2000) & (labels != 1))
+    found = files.results(ranks, *columns, "--filter", "year >= 2000 AND NOT label = 1", ids="ids")
+    assert found == files.expected(files.vectors[rows], files.ids[rows], 10)
+    assert "rank 0: filter, byte" in files.error(ranks, *columns, "--filter", "day > 3")
 
 
-def test_lists(tmp_path):
-    random = np.random.default_rng(11)
-    files = Files(tmp_path, random.standard_normal((700, 20)), random.standard_normal((9, 20)))
-    exact = files.results(2, "--exact")
-    # All lists together are all rows.
-    assert files.results(3, "--ivf", 12, "--nprobe", 12) == exact
-    some = files.results(1, "--ivf", 12, "--nprobe", 3)
-    assert len(some.splitlines()) == 90 and some != exact
-    assert all(files.results(ranks, "--ivf", 12, "--nprobe", 3) == some for ranks in (2, 5))
-    shared = set(some.splitlines()) & set(exact.splitlines())
-    assert shared, "three of twelve lists find no row at its place"
+@pytest.mark.parametrize("rows", [0, 2])
+def test_few_rows(files, rows):
+    files.save("some", np.ones((rows, 8), dtype="<f4"))
+    assert len(files.results(5, vectors="some").splitlines()) == 5 * rows
 
 
-def test_few_rows(files):
-    files.save("some", np.ones((2, 8), dtype="<f4"))
-    assert len(files.results(5, vectors="some").splitlines()) == 10
-    files.save("some", np.ones((1, 8), dtype="<f4"))
-    assert len(files.results(3, "--ivf", 5, vectors="some").splitlines()) == 5
-    files.save("some", np.ones((0, 8), dtype="<f4"))
-    assert "there are none" in files.error(3, "--ivf", 5, vectors="some")
-
-
-@pytest.mark.parametrize("version", [(1, 0), (2, 0), (3, 0)])
-def test_old_and_new_headers(files, version):
-    with open(files.path("versions"), "wb") as out:
-        np.lib.format.write_array(out, files.vectors, version=version)
-    assert files.results(2, "--k", 3, vectors="versions") == files.expected(
-        files.vectors, range(50), 3)
-
-
-def test_help():
-    ran = run(3, "--help")
-    assert ran.returncode == 0 and ran.stdout.count("mpirun -n RANKS qx-mpi") == 1
-
-
-def test_times(files):
-    lines = files.results(2, "--measure", 1, "--batch", 4).splitlines()
-    assert [line.split("\t")[1] for line in lines] == ["batch", "1", "2", "4"]
+def test_help_and_times(files):
+    assert run(3, "--help").stdout.count("mpirun -n RANKS qx-mpi") == 1
+    lines = files.results(2, "--measure", 1).splitlines()
+    assert [line.split("\t")[3] for line in lines] == ["batch", "1"]
 
 
 @pytest.mark.parametrize("arguments, message", [
-    ("", "--vectors FILE is missing"),
-    ("--vectors x", "--queries FILE is missing"),
+    ("", "give either --vectors or --load"),
+    ("--vectors x --load y --queries z", "give either --vectors or --load"),
+    ("--load x --ids y --queries z", "--ids and --integers go with --vectors"),
+    ("--load x --integers y z --queries z", "--ids and --integers go with --vectors"),
+    ("--vectors x", "give --queries, --save or both"),
+    ("--vectors x --save y --measure 1", "--measure goes with --queries"),
     ("--vectors", "--vectors needs a value"),
+    ("--integers x", "--integers needs NAME FILE"),
     ("--vectors x --queries y --insert z", "go together"),
     ("--k 0", "--k is 0, and must be a number from 1 to"),
     ("--k ten", "--k is ten"),
     ("--k 99999999999999999999", "--k is 9999"),
-    ("--batch -1", "--batch is -1"),
     ("--fast", "unknown argument --fast"),
-    ("--vectors x --queries y --label 1", "--labels and --label go together"),
-    ("--vectors x --queries y --labels z", "--labels and --label go together"),
-    ("--vectors x --queries y --nprobe 2", "--nprobe goes with --ivf"),
-    ("--vectors x --queries y --ivf 2 --exact", "exclude each other"),
-    ("--ivf 0", "--ivf is 0, and must be a number from 1 to"),
 ])
 def test_arguments_that_do_not_fit(arguments, message):
-    assert message in error_of(3, *arguments.split())
+    assert message in error_of(2, *arguments.split())
 
 
 ONES = np.ones((6, 8), dtype="<f4")
-# What is saved, what becomes of its bytes, and what the tool says.
-SPOILED = {
-    "columns": (np.asfortranarray(ONES), None, "save it in C order"),
-    "doubles": (ONES.astype("<f8"), None, "its numbers are '<f8'"),
-    "other bytes": (ONES.astype(">f4"), None, "its numbers are '>f4'"),
-    "a list": (ONES[0], None, "not a matrix"),
-    "three dimensions": (ONES[np.newaxis], None, "not a matrix"),
-    "no numbers": (ONES[:, :0], None, "its vectors have 0 numbers"),
-    "text": (ONES, lambda data: b"king 0.1 0.2\n", "not a .npy file"),
-    "short": (ONES, lambda data: data[:-1], "it is short"),
-    "no header": (ONES, lambda data: data[:20], "it ends too early"),
-    "a shape of words": (ONES, lambda data: data.replace(b"(6, 8)", b"(6, x)"), "not a matrix"),
-    "a huge shape": (ONES, lambda data: data.replace(b"(6, 8), }" + 11 * b" ",
-                                                     b"(999999999999, 8), }"), "it is short"),
-    "missing": (None, None, "No such file"),
-}
 
 
-def spoil(path, kind):
-    saved, change, _ = SPOILED[kind]
+@pytest.mark.parametrize("saved, change, message", [
+    (np.asfortranarray(ONES), None, "save it in C order"),
+    (ONES.astype("<f8"), None, "its numbers are '<f8'"),
+    (ONES[0], None, "not a matrix"),
+    (ONES[np.newaxis], None, "not a matrix"),
+    (ONES[:, :0], None, "its vectors have 0 numbers"),
+    (ONES, lambda data: b"king 0.1 0.2\n", "not a .npy file"),
+    (ONES, lambda data: data.replace(b"Y\x01", b"Y\x02"), "not of version 1"),
+    (ONES, lambda data: data[:-1], "it is short"),
+    (ONES, lambda data: data[:20], "it ends too early"),
+    (ONES, lambda data: data.replace(b"(6, 8)", b"(6, x)"), "not a matrix"),
+    (ONES, lambda data: data.replace(b"(6, 8), }" + 11 * b" ", b"(999999999999, 8), }"), "it is short"),
+    (np.full((9, 8), np.nan, dtype="<f4"), None, "is not finite"),
+    (None, None, "No such file"),
+])
+def test_files_that_do_not_fit(files, saved, change, message):
+    path = files.path("spoiled")
     if saved is not None:
         np.save(path, saved)
-    if change:
-        path.write_bytes(change(path.read_bytes()))
+        path.write_bytes((change or bytes)(path.read_bytes()))
+    assert message in files.error(3, vectors="spoiled") and message in files.error(1, queries="spoiled")
 
 
-@pytest.mark.parametrize("kind", SPOILED)
-def test_files_that_do_not_fit(files, kind):
-    spoil(files.path("spoiled"), kind)
-    vectors, queries = files.error(3, vectors="spoiled"), files.error(1, queries="spoiled")
-    message = SPOILED[kind][2]
-    assert message in vectors and message in queries and "spoiled.npy" in vectors
-
-
-@pytest.mark.parametrize("option, saved, more, message", [
-    ("ids", np.arange(49), [], "has 49 ids"),
-    ("ids", np.arange(50) - 1, [], "the id -1"),
-    ("ids", np.arange(50) // 2, [], "more than one base row"),
-    ("ids", np.arange(50.0), [], "its numbers are '<f8'"),
-    ("labels", np.arange(49), ["--label", 1], "has 49 labels"),
-    ("queries", np.ones((3, 9), dtype="<f4"), [], "have 9 numbers"),
+@pytest.mark.parametrize("option, saved, message", [
+    ("ids", np.arange(49), "has 49 numbers for 50 rows"),
+    ("ids", np.arange(50) // 2, "of 50 ids, 25 are distinct"),
+    ("ids", np.arange(50.0), "its numbers are '<f8'"),
+    ("queries", np.ones((3, 9), dtype="<f4"), "have 9 numbers"),
 ])
-def test_files_that_do_not_fit_the_vectors(files, option, saved, more, message):
+def test_files_that_do_not_fit_each_other(files, option, saved, message):
     files.save("bad", saved)
-    assert message in files.error(3, *more, **{option: "bad"})
+    assert message in files.error(3, **{option: "bad"})
 
 
-@pytest.mark.parametrize("kind, message", [
-    ("wide", "its shape differs between ranks"), ("long", "its shape differs between ranks"),
-    ("missing", "rank 1: {}: No such file or directory"),
-    ("short", "rank 1: {}: it is short: 319 of 320 bytes")])
-def test_a_file_that_differs_between_ranks(files, kind, message):
+@pytest.mark.parametrize("saved, message", [
+    (np.ones((50, 9), dtype="<f4"), "its shape differs between ranks"),
+    (np.ones((51, 8), dtype="<f4"), "its shape differs between ranks"),
+    (None, "rank 1: {}: No such file or directory")])
+def test_a_file_that_differs_between_ranks(files, saved, message):
     """Two ranks with the same command line but for the file of the second."""
-    if kind in SPOILED:
-        spoil(files.path("other"), kind)
-    else:
-        files.save("other", np.ones((50, 9) if kind == "wide" else (51, 8), dtype="<f4"))
+    if saved is not None:
+        files.save("other", saved)
     lines = [map(str, files.line([], dict(vectors=name))) for name in ("vectors", "other")]
     command = ["mpirun", "--quiet", "--oversubscribe", "-n", "1", TOOL, *lines[0], ":", "-n", "1",
                TOOL, *lines[1]]
