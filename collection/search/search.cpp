@@ -145,7 +145,8 @@ class Searcher {
       selected = selection_.select(task.part, task.first, task.rows, space.words.data());
     }
     if (selected == 0) return;
-    const std::uint64_t* const words = takes_all ? nullptr : space.words.data();
+    const std::uint64_t* const words = selected == task.rows ? nullptr : space.words.data();
+    const bool takes_most = words != nullptr && 4 * selected >= task.rows;
     const std::int64_t slots = std::min(k_, selected);
     const auto room = static_cast<std::size_t>(std::max(slots, kMaskRows));
     space.rows.resize(room);
@@ -158,7 +159,7 @@ class Searcher {
       } else if (sparse.is_sparse()) {
         score_segment(task, q, sparse, words, slots, space);
       } else {
-        scan_segment(task, q, words, slots, space);
+        scan_segment(task, q, words, takes_most, slots, space);
       }
     }
   }
@@ -246,13 +247,19 @@ class Searcher {
     offer(task, query, space, slots);
   }
 
+  // Rows of a segment that are not selected may be read: they are finite, and dead for some only.
   void scan_segment(const Task& task, std::int64_t query, const std::uint64_t* words,
-                    std::int64_t slots, Workspace& space) const {
+                    bool takes_most, std::int64_t slots, Workspace& space) const {
     const QxIndex& index = state_.parts[task.part].segment->index();
     Scan scan(index, queries_.vector(query), {slots, space.rows.data(), space.scores.data()},
               task.rows);
     scan.leave_out_below(best_[static_cast<std::size_t>(query)]->threshold());
-    scan.add(span_of(task, index.base_ids + task.first, words));
+    const RowSpan span = span_of(task, index.base_ids + task.first, words);
+    if (takes_most) {
+      scan.add_among_readable(span);
+    } else {
+      scan.add(span);
+    }
     scan.finish();
     offer_found(task, query, slots, space);
   }

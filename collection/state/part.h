@@ -29,15 +29,13 @@ struct Shape {
 class Liveness {
  public:
   explicit Liveness(std::int64_t rows)
-      : deaths_(new std::atomic<std::uint32_t>[static_cast<std::size_t>(rows)]()),
-        touched_(new std::atomic<std::uint64_t>[static_cast<std::size_t>(words_of(rows))]()) {}
-
-  static std::int64_t words_of(std::int64_t rows) { return (rows + 4095) / 4096; }
+      : deaths_(new std::atomic<std::uint32_t>[at(rows)]()),
+        died_(new std::atomic<std::uint64_t>[at((rows + 63) / 64)]()) {}
 
   // By change number `change`, 1 or more. A reader that has not seen it sees the row all the same.
   void kill(std::int64_t row, std::uint32_t change) noexcept {
     deaths_[at(row)].store(change, std::memory_order_relaxed);
-    touched_[at(row / 4096)].fetch_or(std::uint64_t{1} << row / 64 % 64, std::memory_order_relaxed);
+    died_[at(row / 64)].fetch_or(std::uint64_t{1} << row % 64, std::memory_order_relaxed);
   }
 
   bool is_alive(std::int64_t row, std::uint32_t seen) const {
@@ -46,22 +44,19 @@ class Liveness {
 
   // A bit for each of 64 rows, or `count`, that is alive. Requires: first is a multiple of 64.
   std::uint64_t mask(std::int64_t first, std::int64_t count, std::uint32_t seen) const {
-    const std::uint64_t all = first_bits(count);
-    if ((touched_[at(first / 4096)].load(std::memory_order_relaxed) >> first / 64 % 64 & 1) == 0) {
-      return all;
-    }
-    std::uint64_t dead = 0;
-    for (std::int64_t i = 0; i < count; ++i) {
-      dead |= std::uint64_t{is_alive(first + i, seen) ? 0u : 1u} << i;
-    }
-    return all & ~dead;
+    std::uint64_t alive = first_bits(count);
+    const std::uint64_t died = died_[at(first / 64)].load(std::memory_order_relaxed) & alive;
+    for_each_bit(died, [&](std::int64_t i) {
+      if (!is_alive(first + i, seen)) alive &= ~(std::uint64_t{1} << i);
+    });
+    return alive;
   }
 
  private:
   static std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
 
-  std::unique_ptr<std::atomic<std::uint32_t>[]> deaths_;   // 0: alive
-  std::unique_ptr<std::atomic<std::uint64_t>[]> touched_;  // a bit for each 64 rows with a death
+  std::unique_ptr<std::atomic<std::uint32_t>[]> deaths_;  // 0: alive
+  std::unique_ptr<std::atomic<std::uint64_t>[]> died_;    // a bit for each row, of any change
 };
 
 class Part {

@@ -53,6 +53,27 @@ void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int6
   add_rows({false, first}, count, ids);
 }
 
+// Blocks of the run start at multiples of kMaskRows.
+void Scan::add_among_readable(const RowSpan& span) {
+  QX_ASSERT(!span.in_delta());
+  flush();
+  run_ = {false, span.row(0), vector_of(index_, span.row(0), dim_), span.ids(), span.count()};
+  readable_ = &span;
+  flush();
+  readable_ = nullptr;
+}
+
+// The number of a row that is not selected is below every limit, and enters nothing.
+void Scan::drop_unselected(const Block& block, float* numbers) const {
+  if (readable_ == nullptr) return;
+  const std::int64_t start = block.first.number - readable_->row(0).number;
+  for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
+    for_each_bit(
+        ~readable_->mask(start + first) & first_bits(std::min(kMaskRows, block.count - first)),
+        [&](std::int64_t i) { numbers[first + i] = -std::numeric_limits<float>::infinity(); });
+  }
+}
+
 // Every row of the delta is checked. Rows whose ids and numbers follow are of one place: the ids of
 // the base and of the delta are arrays of their own, and a list of the host's is of base rows.
 void Scan::add_rows(Row first, std::int64_t count, const std::int64_t* ids) {
@@ -136,7 +157,8 @@ std::int64_t Scan::rows_to_judge(Judge judge) const {
   const std::int64_t rows = choice_.rows_of(judge);
   if (judge != Judge::kEightBits || pruner_.has_threshold(topk_.threshold())) return rows;
   if (rows_ <= 2 * JudgeChoice::kTrialRows) return JudgeChoice::kMostRows;
-  return std::max(rows, std::min(32 * slots_.k, JudgeChoice::kMostRows));
+  const std::int64_t many = (32 * slots_.k + kMaskRows - 1) / kMaskRows * kMaskRows;
+  return std::max(rows, std::min(many, JudgeChoice::kMostRows));
 }
 
 // Returns how many rows of the block were judged: the others are to be judged again.
@@ -207,6 +229,7 @@ void Scan::score_block(const Block& block) {
   alignas(64) float scores[kBlockRows];
   score_candidates();
   compute(kernels().score_contiguous, kernels().score_scattered, block, scores);
+  drop_unselected(block, scores);
   offer(scores, block.ids, block.count);
   if (pruner_.can_prune()) choice_.record(Judge::kScores, block.count, 0);
 }
@@ -229,6 +252,7 @@ void Scan::estimate_block(const Block& block) {
   if (candidates_are_bounded_) score_candidates();
   candidates_are_bounded_ = false;
   estimate(block, estimates);
+  drop_unselected(block, estimates);
   const bool seeding = pruner_.is_empty();
   if (seeding) pruner_.observe(estimates, block.count);
   const std::int64_t earlier = candidates_;
@@ -251,6 +275,7 @@ std::int64_t Scan::bound_block(const Block& block, CodeBits bits) {
   if (!candidates_are_bounded_) score_candidates();
   candidates_are_bounded_ = true;
   bound(block, bits, bounds);
+  drop_unselected(block, bounds);
   const bool has_threshold = pruner_.has_threshold(topk_.threshold());
   if (!has_threshold || (can_seed(block) && leaves_too_many(bounds, block.count))) {
     seed(block, bounds);

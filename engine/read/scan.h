@@ -38,6 +38,10 @@ class Scan {
   // Adds the selected rows of a span.
   void add(const RowSpan& span);
 
+  // The same of a span of the base whose other rows may be read too, which is quicker where most
+  // are selected.
+  void add_among_readable(const RowSpan& span);
+
   // Adds `count` consecutive base rows, and the ids to report for them, which must stay readable
   // until finish().
   void add_base_rows(std::int64_t first, std::int64_t count, const std::int64_t* ids);
@@ -95,6 +99,7 @@ class Scan {
   void estimate(const Block& block, float* estimates) const;
   void bound(const Block& block, CodeBits bits, float* bounds) const;
   void bound_mixed(const Block& block, CodeBits bits, float* bounds) const;
+  void drop_unselected(const Block& block, float* numbers) const;
   void compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
                float* values) const;
   bool can_seed(const Block& block) const;
@@ -167,6 +172,7 @@ class Scan {
 
   // What waits to be scanned: consecutive rows, or listed rows; never both.
   Block run_ = {false, {false, 0}, nullptr, nullptr, 0};
+  const RowSpan* readable_ = nullptr;  // the span of a run of which only selected rows are wanted
   std::int64_t listed_ = 0;
   std::int64_t listed_delta_rows_ = 0;
   std::uint64_t listed_in_delta_[kBlockRows / kMaskRows] = {};
