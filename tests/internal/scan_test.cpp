@@ -29,6 +29,7 @@ enum class Way {
   kInterrupted,  // in masked blocks, some short and some left out
   kWithoutBest,  // in masked blocks that leave out the best rows
   kWithDelta,    // one by one, some of them rows of the delta, which no magnitude bounds
+  kReadable,     // as spans whose other rows are read too, the best ones often among these
   kMixed         // all of it
 };
 constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
@@ -195,9 +196,23 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
           add_one(way == Way::kAnywhere ? random_.between(0, rows_.count - 1) : i);
         }
       }
+    } else if (way == Way::kReadable) {
+      add_among_readable(first, size);
     } else {
       add_masked(way, first, size);
     }
+  }
+
+  void add_among_readable(std::int64_t first, std::int64_t size) {
+    const int chance = static_cast<int>(random_.between(1, 100));
+    const bool without_best = random_.percent(50);
+    std::vector<std::uint64_t> words(static_cast<std::size_t>((size + 63) / 64));
+    for (std::int64_t i = 0; i < size; ++i) {
+      if (random_.percent(chance) || (without_best && rows_.is_good(first + i))) continue;
+      words[static_cast<std::size_t>(i / 64)] |= std::uint64_t{1} << i % 64;
+      arrive(first + i);
+    }
+    scan_.add_among_readable({{false, first}, size, rows_.ids.data() + first, words.data()});
   }
 
   void add_one(std::int64_t i) {
