@@ -274,15 +274,17 @@ def changing(quick):
 
 
 def files(quick):
-    """Saving and loading, of a file in the page cache."""
+    """Saving and loading, of a file in the page cache; and what new memory alone costs."""
     rows = gaussian((100 if quick else 1000) * 2**20 // 4 // 128, 128)
     collection = filled(rows)
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(folder, "rows.qx")
         collection.save(path)
-        size = os.path.getsize(path)
+        size, memory = os.path.getsize(path), collection.bytes()
         medians = interleaved({"save": lambda: collection.save(path),
-                               "load": lambda: Collection.load(path, 128).close()}, 5)
+                               "load": lambda: Collection.load(path, 128).close(),
+                               "writing as much new memory as a load takes":
+                                   lambda: numpy.full(memory, 1, numpy.uint8)}, 5)
     print(f"\na file of {size / 1e6:.0f} MB")
     for name, took in medians.items():
         print(f"  {name}: {took:.3f} s, {size / took / 1e9:.2f} GB/s")
