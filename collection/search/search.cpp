@@ -1,6 +1,7 @@
 #include "search/search.h"
 
 #include <algorithm>
+#include <bit>
 #include <span>
 
 #include "batch/batch.h"
@@ -80,12 +81,13 @@ struct Workspace {
   std::vector<std::uint8_t> unpacked;
 };
 
-// A query of few components that are not zero. Rows are finite, so the others leave every step of a
-// score's chain as it is: a row is read there alone, which makes a query for which all rows are
-// equal as quick as another, though no bound rules rows out.
+// A query of few components that are not zero. Rows are finite, so the other components change a
+// score's chain only where it is -0.0, which a product that underflows gives: they may turn it into
+// +0.0. So a row is read at the few components alone, and as a whole where these give -0.0. A query
+// for which all rows are equal is quicker thereby, though no bound rules rows out.
 class SparseQuery {
  public:
-  SparseQuery(const float* query, std::int64_t dim) : dim_(dim) {
+  SparseQuery(const float* query, std::int64_t dim) : query_(query), dim_(dim) {
     for (std::int64_t j = 0; j < dim && count_ <= kMost; ++j) {
       if (query[j] == 0) continue;
       if (count_ < kMost) {
@@ -110,6 +112,10 @@ class SparseQuery {
       }
     }
     kernels().score_contiguous(gathered, count, count_, components_, CacheLevel::kL2, scores);
+    for (std::int64_t i = 0; i < count; ++i) {
+      const bool is_negative_zero = std::bit_cast<std::uint32_t>(scores[i]) == 0x80000000u;
+      if (is_negative_zero) kernels().score_scattered(rows + i, 1, dim_, query_, scores + i);
+    }
   }
 
  private:
@@ -118,6 +124,7 @@ class SparseQuery {
 
   static constexpr std::int64_t kRowsAhead = 64;
 
+  const float* query_;
   std::int64_t dim_;
   std::int64_t count_ = 0;
   bool is_sparse_ = false;

@@ -445,5 +445,29 @@ TEST_F(Ties, AreOrderedByIdInOneSegment) {
   expect_lowest_ids(nullptr, {}, model_);
 }
 
+// A product that underflows to -0.0 is +0.0 after the components for which the query is zero.
+TEST(Score, HasTheSignOfTheWholeChainInATailAndInASegment) {
+  constexpr int kDim = 32;
+  float row[kDim];
+  std::fill_n(row, kDim, 1.0f);
+  row[0] = 1e-30f;
+  float query[kDim] = {-1e-30f};
+  const std::int64_t id = 7;
+  QxOptions options = {};
+  options.dim = kDim;
+  QxCollection* collection = nullptr;
+  ASSERT_EQ(qx_collection_new(&options, &collection), QX_OK);
+  ASSERT_EQ(qx_collection_upsert(collection, {1, &id, nullptr}, row, nullptr), QX_OK);
+  for (int compacted = 0; compacted < 2; ++compacted) {
+    QxHits* hits = nullptr;
+    ASSERT_EQ(qx_collection_search(collection, nullptr, query, 1, 1, nullptr, &hits), QX_OK);
+    ASSERT_EQ(hits->counts[0], 1);
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(hits->scores[0]), 0u) << compacted;
+    qx_hits_free(hits);
+    ASSERT_EQ(qx_collection_compact(collection, nullptr, nullptr), QX_OK);
+  }
+  qx_collection_free(collection);
+}
+
 }  // namespace
 }  // namespace qx_test
