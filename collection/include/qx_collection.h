@@ -34,13 +34,20 @@
  *
  * 4. Vectors have dim floats, all finite. A matrix is row-major.
  *
- * 5. Scores are inner products, computed as convention 5 of qx_runtime.h says: the same bits on
- *    every CPU. A row whose score is a NaN, or -1e30 or less, which only products beyond the range
- *    of float give, is found by no search.
+ * 5. Scores. The metric of a collection is declared once.
+ *        QX_INNER_PRODUCT  the inner product, computed as convention 5 of qx_runtime.h says.
+ *        QX_COSINE         the same of vectors divided by their norms. Rows are kept so, and given
+ *                          out so. A zero vector stays zero: its score is 0 with every other.
+ *        QX_EUCLIDEAN      the squared Euclidean distance: each component's difference is squared,
+ *                          and the squares are added from the first to the last; every operation
+ *                          rounds to float.
+ *    All are the same bits on every CPU. A row is found by no search if its score is a NaN, an
+ *    inner product of -1e30 or less, or a distance of 1e30 or more.
  *
- * 6. Order. Hits are ordered by falling score, and by ascending id where scores are equal, also at
- *    the k-th place. Ids, scores and order depend on the rows alone: not on threads, on other
- *    queries of the batch, on the order of changes, on compaction, or on a file in between.
+ * 6. Order. Hits are ordered by score, the best first: falling, or with QX_EUCLIDEAN rising; and by
+ *    ascending id where scores are equal, also at the k-th place. Ids, scores and order depend on
+ *    the rows and the lists alone: not on threads, on other queries of the batch, on the order of
+ *    changes, on compaction, or on a file in between.
  *
  * 7. Values. A column holds 64-bit integers, doubles, booleans or texts; each value may be NULL,
  *    which differs from every value. A filter is a text in the manner of SQL, with its logic of
@@ -63,11 +70,11 @@
  *    call of this library; both processes then go on with their own collections, threads anew.
  *
  * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28
- *    bytes, the values, and the text of an id that is one. A change copies what is small;
- *    compaction holds the old rows until the new ones are complete, so its peak is about twice
- *    the rows. A call that would exceed the memory limit, or for which there is no memory, is
- *    refused; it never ends the process. What remains: the system may promise memory that it
- *    has not, and end the process when it is used; and a stack must have room for 512 KiB.
+ *    bytes, 4 for lists, 4 with QX_EUCLIDEAN, the values, and the text of an id that is one. A
+ * change copies what is small; compaction holds the old rows until the new ones are complete, so
+ * its peak is about twice the rows. A call that would exceed the memory limit, or for which there
+ * is no memory, is refused; it never ends the process. What remains: the system may promise memory
+ * that it has not, and end the process when it is used; and a stack must have room for 512 KiB.
  */
 #ifndef QX_COLLECTION_H
 #define QX_COLLECTION_H
@@ -92,6 +99,12 @@
 #define QX_REAL 1
 #define QX_BOOLEAN 2
 #define QX_TEXT 3
+
+/* ---- Metrics ----------------------------------------------------------------------------- */
+
+#define QX_INNER_PRODUCT 0
+#define QX_COSINE 1
+#define QX_EUCLIDEAN 2
 
 #ifdef __cplusplus
 extern "C" {
@@ -141,6 +154,7 @@ typedef struct QxOptions {
   int32_t threads;         /* at most for a call; 0: as many as there are CPUs */
   int64_t memory_limit; /* bytes of all rows, those of views and of compaction included; 0: none */
   int32_t manual;       /* non-zero: rows are compacted by qx_collection_compact alone */
+  int32_t metric;       /* QX_INNER_PRODUCT, QX_COSINE or QX_EUCLIDEAN */
 } QxOptions;
 
 /* Creates an empty collection. */
@@ -198,6 +212,7 @@ typedef struct QxSearch {
   QxProgress progress;
   void* progress_context;
   int32_t threads; /* at most; 0: those of the collection */
+  int32_t probes;  /* how many lists are searched, the nearest ones; 0: all rows */
 } QxSearch;
 
 typedef struct QxHits {
@@ -214,6 +229,9 @@ typedef struct QxHits {
  *
  * queries  n_queries * dim floats, all finite.
  * k        0 or more.
+ * probes   if not 0, only rows of the lists nearest to each query, which qx_collection_train made:
+ *          approximate and faster. If that gives fewer than k rows, further lists are searched, so
+ *          that there are k, or all that pass.
  * search   or null: defaults.
  */
 int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
@@ -267,9 +285,44 @@ typedef struct QxCollectionStats {
   int64_t tail_rows; /* of the rows, those that are in no segment yet */
   int64_t segments;
   int64_t bytes; /* of all rows, those of views and of compaction included */
+  int64_t lists; /* 0 before qx_collection_train */
 } QxCollectionStats;
 
 void qx_collection_stats(const QxCollection* collection, QxCollectionStats* out);
+
+/* ---- Lists: approximate searches ---------------------------------------------------------- */
+
+/*
+ * Divides the rows into lists by the nearest of n_lists centroids, or with 0 gives the lists up.
+ * Centroids are found by k-means, spherical ones unless the metric is QX_EUCLIDEAN, on a sample of
+ * the rows: the same rows give the same lists, by any number of threads. Rows that are upserted
+ * later join the list of their nearest centroid. Searches and changes go on meanwhile.
+ *
+ * n_lists  0, or 1 to 65536 and at most the number of rows. About the square root of the number of
+ *          rows is usual.
+ */
+int32_t qx_collection_train(QxCollection* collection, int64_t n_lists, QxProgress progress,
+                            void* context);
+
+typedef struct QxTuning {
+  int64_t n_queries;    /* that were measured */
+  int32_t probes;       /* the fewest that reach the recall; all lists do */
+  double recall;        /* that they reach: the part of the k best rows that is found */
+  double seconds;       /* of a search with them, one query on one thread: the median */
+  double exact_seconds; /* of one of all rows */
+} QxTuning;
+
+/*
+ * Finds how many lists searches must probe. Queries that resemble those to come give a true
+ * answer; null takes rows of the collection, which are easier.
+ *
+ * queries  n_queries * dim floats, or null: up to 200 rows.
+ * k        1 or more.
+ * recall   above 0, at most 1.
+ * search   or null: filter, among, accept and progress count.
+ */
+int32_t qx_collection_tune(const QxCollection* collection, const float* queries, int64_t n_queries,
+                           int64_t k, double recall, const QxSearch* search, QxTuning* out);
 
 /* ---- Files ------------------------------------------------------------------------------- */
 
