@@ -23,29 +23,32 @@ class Ids(ctypes.Structure):
 class Options(ctypes.Structure):
     _fields_ = [("dim", ctypes.c_int32), ("id_kind", ctypes.c_int32), ("columns", ctypes.c_void_p),
                 ("n_columns", ctypes.c_int32), ("threads", ctypes.c_int32),
-                ("memory_limit", ctypes.c_int64), ("manual", ctypes.c_int32)]
+                ("memory_limit", ctypes.c_int64), ("manual", ctypes.c_int32),
+                ("metric", ctypes.c_int32)]
 
 
 class Search(ctypes.Structure):
     _fields_ = [("filter", ctypes.c_char_p), ("among", ctypes.c_void_p), ("accept", ctypes.c_void_p),
                 ("accept_context", ctypes.c_void_p), ("progress", ctypes.c_void_p),
-                ("progress_context", ctypes.c_void_p), ("threads", ctypes.c_int32)]
+                ("progress_context", ctypes.c_void_p), ("threads", ctypes.c_int32),
+                ("probes", ctypes.c_int32)]
 
 
 class Stats(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_int64) for name in ("rows", "dead", "tail", "segments", "bytes")]
+    _fields_ = [(name, ctypes.c_int64) for name in ("rows", "dead", "tail", "segments", "bytes",
+                                                  "lists")]
 
 
 class Collection:
     """As much of the C interface as the figures need."""
 
-    def __init__(self, dim, handle=None):
+    def __init__(self, dim, handle=None, metric=0):
         self.c = ctypes.CDLL(LIBRARY)
         self.c.qx_collection_message.restype = ctypes.c_char_p
         self.dim = dim
         self.handle = handle or ctypes.c_void_p()
         if handle is None:
-            self.call("new", ctypes.byref(Options(dim=dim)), ctypes.byref(self.handle))
+            self.call("new", ctypes.byref(Options(dim=dim, metric=metric)), ctypes.byref(self.handle))
 
     def call(self, name, *arguments):
         if getattr(self.c, "qx_collection_" + name)(*arguments) != 0:
@@ -99,8 +102,8 @@ def gaussian(rows, dim, seed=1):
     return numpy.random.default_rng(seed).standard_normal((rows, dim), dtype=numpy.float32)
 
 
-def filled(rows):
-    collection = Collection(rows.shape[1])
+def filled(rows, metric=0):
+    collection = Collection(rows.shape[1], metric=metric)
     collection.upsert(numpy.arange(len(rows), dtype=numpy.int64), rows)
     return collection
 
@@ -131,8 +134,8 @@ def faiss_search(index, queries, k, threads):
     index.search(queries, k)
 
 
-def flat(rows):
-    index = faiss.IndexFlatIP(rows.shape[1])
+def flat(rows, of=faiss.IndexFlatIP):
+    index = of(rows.shape[1])
     index.add(rows)
     return index
 
@@ -151,6 +154,33 @@ def single(quick):
             "collection, 1 thread": lambda: collection.search(query(), 10, 1),
             "Faiss IndexFlat, 2 threads": lambda: faiss_search(index, query(), 10, 2),
             "Faiss IndexFlat, 1 thread": lambda: faiss_search(index, query(), 10, 1)}, 21))
+        collection.close()
+
+
+def metrics(quick):
+    """One query by each metric, and by distances of rows that are far from zero: bounds fail there."""
+    for dim in (128, 768):
+        rows = gaussian((100 if quick else 500) * 2**20 // 4 // dim, dim)
+        units = rows / numpy.linalg.norm(rows, axis=1, keepdims=True)
+        queries = gaussian(64, dim, 2)
+        turn = iter(range(10**9))
+        query = lambda: queries[next(turn) % 64:][:1]
+        for name, metric, peer in (("inner product", 0, flat(rows)), ("cosine", 1, flat(units)),
+                                   ("distance", 2, flat(rows, faiss.IndexFlatL2))):
+            collection = filled(rows, metric)
+            assert collection.best(queries[0]) == peer.search(queries[:1], 1)[1][0][0]
+            table(f"{name}: one query of {len(rows)} x {dim}, k 10", interleaved({
+                "collection, 2 threads": lambda: collection.search(query(), 10, 2),
+                "collection, 1 thread": lambda: collection.search(query(), 10, 1),
+                "Faiss IndexFlat, 2 threads": lambda: faiss_search(peer, query(), 10, 2),
+                "Faiss IndexFlat, 1 thread": lambda: faiss_search(peer, query(), 10, 1)}, 21))
+            collection.close()
+        rows += 1000
+        queries += 1000
+        collection, peer = filled(rows, 2), flat(rows, faiss.IndexFlatL2)
+        table(f"distance, far from zero: one query of {len(rows)} x {dim}, k 10", interleaved({
+            "collection, 2 threads": lambda: collection.search(query(), 10, 2),
+            "Faiss IndexFlat, 2 threads": lambda: faiss_search(peer, query(), 10, 2)}, 11))
         collection.close()
 
 
@@ -292,7 +322,7 @@ def files(quick):
 
 
 SECTIONS = {section.__name__: section
-            for section in (single, independent, batch, ties, changing, files)}
+            for section in (single, metrics, independent, batch, ties, changing, files)}
 
 
 def main():

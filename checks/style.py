@@ -63,7 +63,7 @@ ENGINE = {
     "kernels": {"kernels", "support"},
     "support": {"support"},
 }
-BELOW = {"columns", "threads", "support", "read", "store", "kernels"}
+BELOW = {"columns", "metric", "threads", "support", "read", "store", "kernels"}
 COLLECTION = {
     "include": {"qx_collection.h"},
     "interface": {"interface", "files", "search", "state"} | BELOW,
@@ -72,6 +72,7 @@ COLLECTION = {
     "batch": {"batch", "read", "kernels", "support"},
     "state": {"state"} | BELOW,
     "columns": {"columns", "support"},
+    "metric": {"metric", "read", "kernels", "support"},
     "threads": {"threads", "support"},
     "support": {"support", "qx_collection.h"},
 }

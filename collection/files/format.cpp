@@ -72,6 +72,7 @@ std::string encode(const Header& header) {
   std::string numbers;
   append_number(numbers, static_cast<std::uint64_t>(header.dim));
   append_number(numbers, header.has_texts ? 1 : 0);
+  append_number(numbers, static_cast<std::uint64_t>(header.metric));
   append_number(numbers, static_cast<std::uint64_t>(header.rows));
   append_number(numbers, header.id_bytes);
   append_number(numbers, header.columns.size());
@@ -112,6 +113,7 @@ Header decode(std::string_view encoded, std::uint64_t file_bytes) {
   Header header{};
   header.dim = static_cast<std::int32_t>(words.number("dim", 1, 65536));
   header.has_texts = words.number("the kind of ids", 0, 1) == 1;
+  header.metric = static_cast<Metric>(words.number("the metric", 0, 2));
   const std::uint64_t rows = words.number("the number of rows", 0, 0xFFFFFFFF);
   header.rows = static_cast<std::int64_t>(rows);
   const bool has_id_bytes = header.has_texts && rows > 0;

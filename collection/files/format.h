@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "columns/column.h"
+#include "metric/metric.h"
 #include "support/error.h"
 
 namespace qx::collection {
@@ -26,6 +27,7 @@ struct ColumnHeader {
 struct Header {
   std::int32_t dim;
   bool has_texts;  // as ids
+  Metric metric;
   std::int64_t rows;
   std::uint64_t id_bytes;  // of ids that are texts
   std::vector<ColumnHeader> columns;

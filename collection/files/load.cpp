@@ -8,6 +8,7 @@
 #include "files/descriptor.h"
 #include "files/file.h"
 #include "files/format.h"
+#include "support/fp_environment.h"
 #include "threads/pool.h"
 
 namespace qx::collection {
@@ -130,6 +131,17 @@ void check_ids(const SegmentBuilder::IdArrays& ids) {
   check_texts("its ids", ids.text_ends, ids.texts);
 }
 
+// Refuses vectors that an upsert would not leave as they are.
+void check_kept(const Header& header, SegmentBuilder& builder, std::int64_t first,
+                std::int64_t end) {
+  in_default_fp_environment([&] {
+    for (std::int64_t row = first; row < end; ++row) {
+      if (is_kept(header.metric, builder.vector(row), header.dim)) continue;
+      refuse_file("vector " + std::to_string(row) + " is not divided by its norm");
+    }
+  });
+}
+
 // Refuses what a column does not keep.
 void check_column(const ColumnHeader& header, std::int64_t rows, const ColumnArrays& arrays) {
   std::int64_t n_known = 0;
@@ -193,6 +205,7 @@ std::shared_ptr<Segment> read_rows(const File& file, const Header& header, Plan&
     const std::int64_t end = std::min(first + step, header.rows);
     require_finite("vector", builder.vector(first), static_cast<std::size_t>(end - first),
                    header.dim, static_cast<std::size_t>(first));
+    check_kept(header, builder, first, end);
     builder.complete(first, end);
   });
   check_ids(ids);
@@ -211,7 +224,7 @@ Loaded load(const char* path, std::int64_t memory_limit, int threads, const Prog
     const std::string encoded = read_header(file);
     const Header header = decode(encoded, file.bytes());
     const auto budget = std::make_shared<Budget>(memory_limit);
-    Loaded loaded{{header.dim, header.has_texts, {}, budget}, nullptr};
+    Loaded loaded{{header.dim, header.has_texts, header.metric, {}, budget}, nullptr};
     for (const ColumnHeader& column : header.columns) loaded.shape.schema.push_back(column.schema);
     Plan plan(file, encoded.size());
     if (header.rows == 0) {

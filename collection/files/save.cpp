@@ -123,10 +123,12 @@ class Writer {
 class Saving {
  public:
   Saving(const Shape& shape, const State& state, const Progress& progress)
-      : shape_(shape),
-        state_(state),
-        progress_(progress),
-        header_{shape.dim, shape.has_texts, state.visible_rows(), 0, {}} {
+      : shape_(shape), state_(state), progress_(progress), header_{shape.dim,
+                                                                   shape.has_texts,
+                                                                   shape.metric,
+                                                                   state.visible_rows(),
+                                                                   0,
+                                                                   {}} {
     for (const ColumnSchema& column : shape.schema) {
       header_.columns.push_back({column, Known::kNone, 0, 0});
     }

@@ -336,12 +336,12 @@ int32_t qx_collection_save(const QxCollection* collection, const QxView* view, c
 
 /*
  * Creates a collection from a file. Of `options` (or null) threads, memory_limit and manual count;
- * dim, kind of ids and columns are the file's.
+ * dim, kind of ids, columns and metric are the file's.
  */
 int32_t qx_collection_load(const char* path, const QxOptions* options, QxProgress progress,
                            void* context, QxCollection** out);
 
-/* What a collection is: dim, kind of ids and columns, valid while it lives. */
+/* What a collection is: dim, kind of ids, columns and metric, valid while it lives. */
 void qx_collection_schema(const QxCollection* collection, QxOptions* out);
 
 #ifdef __cplusplus

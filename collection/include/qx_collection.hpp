@@ -163,6 +163,12 @@ using ProgressCallback = std::function<bool(std::int64_t done, std::int64_t tota
 // Only one of the two is the id; called on any thread.
 using AcceptCallback = std::function<bool(std::int64_t id, std::string_view text)>;
 
+enum class Metric : std::int32_t {
+  kInnerProduct = QX_INNER_PRODUCT,
+  kCosine = QX_COSINE,
+  kEuclidean = QX_EUCLIDEAN,
+};
+
 struct CollectionOptions {
   std::int32_t dim = 0;
   std::int32_t id_kind = QX_NUMBERS;
@@ -170,10 +176,11 @@ struct CollectionOptions {
   std::int32_t threads = 0;
   std::int64_t memory_limit = 0;
   bool manual = false;
+  Metric metric = Metric::kInnerProduct;
 
   QxOptions get() const {
     return {dim,     id_kind,      columns.data(), static_cast<std::int32_t>(columns.size()),
-            threads, memory_limit, manual ? 1 : 0};
+            threads, memory_limit, manual ? 1 : 0, static_cast<std::int32_t>(metric)};
   }
 };
 
@@ -327,6 +334,7 @@ class RowSet {
 
   std::int32_t dim() const { return schema().dim; }
   bool has_text_ids() const { return schema().id_kind == QX_TEXTS; }
+  Metric metric() const { return Metric{schema().metric}; }
   std::span<const QxColumn> columns() const {
     return {schema().columns, static_cast<std::size_t>(schema().n_columns)};
   }

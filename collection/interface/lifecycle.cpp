@@ -46,7 +46,9 @@ int32_t qx_collection_new(const QxOptions* options, QxCollection** out) {
             [&] { return "dim is " + std::to_string(wanted.dim) + ", outside 1 to 65536"; });
     require(wanted.id_kind == QX_NUMBERS || wanted.id_kind == QX_TEXTS,
             [&] { return "id_kind is " + std::to_string(wanted.id_kind) + ", no kind of ids"; });
-    Shape shape{wanted.dim, wanted.id_kind == QX_TEXTS,
+    require(wanted.metric >= QX_INNER_PRODUCT && wanted.metric <= QX_EUCLIDEAN,
+            [&] { return "metric is " + std::to_string(wanted.metric) + ", no metric"; });
+    Shape shape{wanted.dim, wanted.id_kind == QX_TEXTS, Metric{wanted.metric},
                 make_schema(wanted.columns, wanted.n_columns),
                 std::make_shared<Budget>(wanted.memory_limit)};
     slot = new QxCollection(std::move(shape), threads_of(wanted), wanted.manual != 0);
@@ -60,6 +62,7 @@ void qx_collection_schema(const QxCollection* collection, QxOptions* out) {
   *out = {};
   out->dim = shape.dim;
   out->id_kind = shape.has_texts ? QX_TEXTS : QX_NUMBERS;
+  out->metric = static_cast<int32_t>(shape.metric);
   out->columns = collection->columns.data();
   out->n_columns = static_cast<int32_t>(collection->columns.size());
 }

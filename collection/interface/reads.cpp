@@ -55,7 +55,8 @@ int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
     std::vector<std::vector<Hit>> hits(static_cast<std::size_t>(n_queries));
     if (slots > 0) {
       hits = qx::collection::search(reading.state(), {reading.state(), restriction},
-                                    {queries, n_queries, shape.dim}, slots, threads, progress);
+                                    {queries, n_queries, shape.dim, shape.metric}, slots, threads,
+                                    progress);
     }
     slot = new OwnedHits(reading.state(), shape, hits, slots);
   });

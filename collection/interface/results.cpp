@@ -40,7 +40,7 @@ OwnedHits::OwnedHits(const State& state, const Shape& shape,
     for (std::size_t i = 0; i < width; ++i) {
       const bool is_hit = i < hits[q].size();
       const Key key = is_hit ? state.key(hits[q][i].at) : Key{};
-      scores_[q * width + i] = is_hit ? hits[q][i].score : 0;
+      scores_[q * width + i] = is_hit ? score_given_out(shape.metric, hits[q][i].score) : 0;
       if (shape.has_texts) {
         texts_.add(key.text);
       } else {

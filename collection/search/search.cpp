@@ -7,6 +7,7 @@
 #include "batch/batch.h"
 #include "kernels/kernels.h"
 #include "read/scan.h"
+#include "search/distance_scan.h"
 #include "support/fp_environment.h"
 
 namespace qx::collection {
@@ -163,6 +164,8 @@ class Searcher {
       const SparseQuery sparse(queries_.vector(q), queries_.dim);
       if (state_.parts[task.part].segment == nullptr) {
         score_tail(task, q, words, space);
+      } else if (queries_.metric == Metric::kEuclidean) {
+        scan_distances(task, q, words, slots, space);
       } else if (sparse.is_sparse()) {
         score_segment(task, q, sparse, words, slots, space);
       } else {
@@ -271,6 +274,16 @@ class Searcher {
     offer_found(task, query, slots, space);
   }
 
+  void scan_distances(const Task& task, std::int64_t query, const std::uint64_t* words,
+                      std::int64_t slots, Workspace& space) const {
+    DistanceScan scan(*state_.parts[task.part].segment, queries_.vector(query),
+                      {slots, space.rows.data(), space.scores.data()},
+                      *best_[static_cast<std::size_t>(query)]);
+    scan.add(span_of(task, nullptr, words));
+    scan.finish();
+    offer_found(task, query, slots, space);
+  }
+
   // Calls visit(rows, vectors, count) for the selected rows, up to kMaskRows at a time.
   template <typename Visit>
   void for_each_rows(const Task& task, const std::uint64_t* words, Visit visit) const {
@@ -308,8 +321,8 @@ class Searcher {
     for_each_rows(task, words,
                   [&](const std::int64_t* rows, const float* const* vectors, std::int64_t count) {
                     float scores[kMaskRows];
-                    kernels().score_scattered(vectors, count, queries_.dim, queries_.vector(query),
-                                              scores);
+                    score_rows(queries_.metric, vectors, count, queries_.dim,
+                               queries_.vector(query), scores);
                     offer_above(task, query, rows, scores, count, space);
                   });
   }
@@ -323,14 +336,15 @@ class Searcher {
   const CodedBatch* batch_ = nullptr;
 };
 
-// The beginning of the largest segment, where several queries are judged at once: that takes tiles,
-// codes of every query, and thresholds.
+// The beginning of the largest segment, where several queries are judged at once: that takes inner
+// products, tiles, codes of every query, and thresholds.
 Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
                      CodedBatch& batch) {
   constexpr std::int64_t kFewQueries = 8;
   constexpr std::int64_t kLeastRows = 1024;
   Opening opening;
   if (TileKernel::find() == nullptr || queries.count < kFewQueries) return opening;
+  if (queries.metric == Metric::kEuclidean) return opening;
   for (std::size_t part = 0; part < state.parts.size(); ++part) {
     const PartView& view = state.parts[part];
     if (view.segment == nullptr || view.segment->index().base_codes.rows == 0) continue;
@@ -345,12 +359,28 @@ Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
   return opening;
 }
 
+// The queries as rows are kept; none where that changes nothing.
+std::vector<float> kept_vectors(const Queries& given) {
+  std::vector<float> kept;
+  if (given.metric != Metric::kCosine) return kept;
+  kept.resize(static_cast<std::size_t>(given.count * given.dim));
+  in_default_fp_environment([&] {
+    for (std::int64_t q = 0; q < given.count; ++q) {
+      keep_vector(given.metric, given.vector(q), given.dim, kept.data() + q * given.dim);
+    }
+  });
+  return kept;
+}
+
 }  // namespace
 
 std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
-                                     const Queries& queries, std::int64_t k, int most_threads,
+                                     const Queries& given, std::int64_t k, int most_threads,
                                      const Progress& progress) {
-  if (queries.count == 0) return {};
+  if (given.count == 0) return {};
+  const std::vector<float> kept = kept_vectors(given);
+  Queries queries = given;
+  if (!kept.empty()) queries.vectors = kept.data();
   const int threads = std::min(most_threads, cpus());
   std::vector<std::unique_ptr<Best>> best;
   for (std::int64_t q = 0; q < queries.count; ++q) {

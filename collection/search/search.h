@@ -11,10 +11,11 @@ struct Queries {
   const float* vectors;
   std::int64_t count;
   std::int32_t dim;
+  Metric metric;
   const float* vector(std::int64_t i) const { return vectors + i * dim; }
 };
 
-// The k best of the selected rows for each query, sorted. Requires: k >= 1.
+// The k best of the selected rows for each query as the host gives it, sorted. Requires: k >= 1.
 std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
                                      const Queries& queries, std::int64_t k, int threads,
                                      const Progress& progress);

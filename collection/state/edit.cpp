@@ -20,17 +20,18 @@ std::vector<std::size_t> order_of(const std::vector<Key>& keys) {
   return order;
 }
 
-// A segment of `count` rows, which are asked for by their number.
-template <typename KeyOf, typename VectorOf, typename ValueOf>
-std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key, VectorOf vector,
-                               ValueOf value, const std::function<void(std::int64_t)>& check) {
+// A segment of `count` rows, which are asked for by their number: put_vector(row, to) writes one.
+template <typename KeyOf, typename PutVector, typename ValueOf>
+std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key,
+                               PutVector put_vector, ValueOf value,
+                               const std::function<void(std::int64_t)>& check) {
   constexpr std::size_t kCheckedRows = 4096;
   const auto rows = static_cast<std::int64_t>(count);
   SegmentBuilder builder(shape, rows);
   for (std::size_t i = 0; i < count; ++i) {
     if (i % kCheckedRows == 0 && check) check(static_cast<std::int64_t>(i));
     builder.add_id(key(i));
-    std::copy_n(vector(i), shape.dim, builder.vector(static_cast<std::int64_t>(i)));
+    put_vector(i, builder.vector(static_cast<std::int64_t>(i)));
   }
   builder.complete(0, rows);
   for (std::size_t c = 0; c < shape.schema.size(); ++c) {
@@ -150,7 +151,9 @@ void Edit::upsert(const Rows& rows) {
   if (!is_bulk) return append(rows, order);
   add(build(
       shape_, order.size(), [&](std::size_t i) { return rows.keys()[order[i]]; },
-      [&](std::size_t i) { return rows.vector(order[i]); },
+      [&](std::size_t i, float* to) {
+        keep_vector(shape_.metric, rows.vector(order[i]), shape_.dim, to);
+      },
       [&](std::size_t i, std::size_t c) { return rows.value(order[i], c); }, {}));
 }
 
@@ -248,7 +251,9 @@ std::shared_ptr<Segment> merge(const Shape& shape, const std::vector<PartView>& 
   if (order.empty()) return nullptr;
   return build(
       shape, order.size(), [&](std::size_t i) { return state.key(order[i]); },
-      [&](std::size_t i) { return state.part(order[i]).vector(order[i].row()); },
+      [&](std::size_t i, float* to) {
+        std::copy_n(state.part(order[i]).vector(order[i].row()), shape.dim, to);
+      },
       [&](std::size_t i, std::size_t c) { return state.part(order[i]).value(order[i].row(), c); },
       check);
 }

@@ -10,6 +10,7 @@
 
 #include "columns/column.h"
 #include "columns/predicate.h"
+#include "metric/metric.h"
 #include "support/bits.h"
 #include "support/budget.h"
 #include "support/key.h"
@@ -20,6 +21,7 @@ namespace qx::collection {
 struct Shape {
   std::int32_t dim;
   bool has_texts;  // as ids
+  Metric metric;
   Schema schema;
   std::shared_ptr<Budget> budget;
 };

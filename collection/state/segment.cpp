@@ -5,6 +5,7 @@
 
 #include "store/base.h"
 #include "store/codes.h"
+#include "support/fp_environment.h"
 #include "support/memory.h"
 
 namespace qx::collection {
@@ -12,11 +13,12 @@ namespace {
 
 std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
 
-// Beside the ids: vectors, the engine's two tables, codes, deaths.
+// Beside the ids: vectors, the engine's two tables, codes, deaths, norms.
 std::int64_t bytes_of(const Shape& shape, std::int64_t rows) {
   const std::int64_t dim = shape.dim;
   const std::int64_t codes = is_worth_coding(rows, dim) ? rows * (dim + 6) + 4096 : 0;
-  return rows * (4 * dim + 16 + 4 + 8) + codes + 1024;
+  const std::int64_t norms = shape.metric == Metric::kEuclidean ? 4 : 0;
+  return rows * (4 * dim + 16 + 4 + 8 + norms) + codes + 1024;
 }
 
 }  // namespace
@@ -73,6 +75,7 @@ SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
     release(vectors);
     throw std::bad_alloc();
   }
+  if (shape.metric == Metric::kEuclidean) segment_->half_norms_.reset(new float[at(rows)]);
   if (shape.has_texts) {
     segment_->text_starts_.reserve(at(rows) + 1);
     segment_->text_starts_.push_back(0);
@@ -102,6 +105,12 @@ float* SegmentBuilder::vector(std::int64_t row) {
 
 void SegmentBuilder::complete(std::int64_t first, std::int64_t end) {
   derive_rows(*segment_->index_, first, end);
+  if (segment_->half_norms_ == nullptr) return;
+  in_default_fp_environment([&] {
+    for (std::int64_t row = first; row < end; ++row) {
+      segment_->half_norms_[at(row)] = half_norm_below(vector(row), shape_.dim);
+    }
+  });
 }
 
 void SegmentBuilder::add_column(Column column) {

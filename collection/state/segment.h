@@ -23,6 +23,8 @@ class Segment final : public Part {
 
   std::int64_t rows() const { return rows_; }
   const QxIndex& index() const { return *index_; }
+  // half_norm_below() of each row, with Metric::kEuclidean.
+  const float* half_norms() const { return half_norms_.get(); }
 
  private:
   friend class SegmentBuilder;
@@ -30,6 +32,7 @@ class Segment final : public Part {
 
   std::int64_t rows_;
   QxIndex* index_ = nullptr;
+  std::unique_ptr<float[]> half_norms_;
   std::vector<std::int64_t> numbers_;       // of ids that are numbers
   std::vector<std::uint64_t> text_starts_;  // of ids that are texts: rows + 1, in texts_
   std::string texts_;

@@ -77,7 +77,7 @@ void Tail::forget_texts_beyond(std::size_t texts) noexcept {
 
 void Tail::write(std::int64_t row, const Key& key, const float* vector,
                  const std::vector<Value>& values) {
-  std::copy_n(vector, shape_.dim, vectors_ + row * shape_.dim);
+  keep_vector(shape_.metric, vector, shape_.dim, vectors_ + row * shape_.dim);
   hashes_[at(row)] = hash_of(key);
   keys_[at(row)] = {key.number, keep(key.text)};
   for (std::size_t c = 0; c < values.size(); ++c) {

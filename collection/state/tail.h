@@ -23,7 +23,8 @@ class Tail final : public Part {
   // How many rows a tail of this shape has room for: few enough that scoring all of them is quick.
   static std::int64_t capacity_of(const Shape& shape);
 
-  // Writes row `row`, which no state has yet. A writer that fails may write it again.
+  // Writes row `row`, of the host's vector, which no state has yet. A writer that fails may write
+  // it again.
   void write(std::int64_t row, const Key& key, const float* vector,
              const std::vector<Value>& values);
 

@@ -35,7 +35,7 @@ struct Call {
                         {},
                         {nullptr, nullptr, nullptr, values_of_t, nullptr}};
   QxColumn columns[2] = {{"a", QX_REAL}, {"b", QX_TEXT}};
-  QxOptions options = {3, QX_NUMBERS, columns, 2, 0, 0, 0};
+  QxOptions options = {3, QX_NUMBERS, columns, 2, 0, 0, 0, QX_INNER_PRODUCT};
   QxSearch search = {};
 
   QxCollection* made = collection.get();
@@ -96,6 +96,8 @@ const Refusal kRefusals[] = {
     REFUSED("dim is 65537, outside 1 to 65536", c.options.dim = 65537, c.create()),
     REFUSED("id_kind is 2, no kind of ids", c.options.id_kind = 2, c.create()),
     REFUSED("id_kind is -1, no kind of ids", c.options.id_kind = -1, c.create()),
+    REFUSED("metric is 3, no metric", c.options.metric = 3, c.create()),
+    REFUSED("metric is -1, no metric", c.options.metric = -1, c.create()),
     REFUSED("threads is -1, below 0", c.options.threads = -1, c.create()),
     REFUSED("memory_limit is -1, below 0", c.options.memory_limit = -1, c.create()),
     REFUSED("n_columns is -1, expected 0 to 1000", c.options.n_columns = -1, c.create()),
@@ -302,6 +304,11 @@ TEST(Collection, TellsItsSchema) {
   EXPECT_EQ(schema.columns[3].type, QX_TEXT);
   qx_collection_schema(call.texts.get(), &schema);
   EXPECT_TRUE(schema.id_kind == QX_TEXTS && schema.n_columns == 0);
+  for (const Metric metric : kMetrics) {
+    const Owned<QxCollection> collection(Schema{1, false, {}, {}, metric}.create());
+    qx_collection_schema(collection.get(), &schema);
+    EXPECT_EQ(schema.metric, static_cast<std::int32_t>(metric));
+  }
 }
 
 TEST(Collection, HoldsVectorsOfTheLargestDimension) {
@@ -328,7 +335,7 @@ TEST(Collection, HoldsVectorsOfTheLargestDimension) {
 constexpr std::int64_t kRows = 4096 + 4500 + 200;
 
 // A manual collection of rows that differ in their id alone, shuffled into two segments and a tail.
-class Ties : public testing::Test {
+class Ties : public testing::TestWithParam<Metric> {
  protected:
   Ties() {
     for (std::int64_t id = 0; id < kRows; ++id) ids_.push_back({id - 4000, ""});
@@ -338,10 +345,10 @@ class Ties : public testing::Test {
     upsert(8596, kRows);
   }
 
-  static QxCollection* create() {
+  QxCollection* create() const {
     QxOptions options = {};
     options.manual = 1;
-    return Schema{8, false, {"x"}, {QX_INTEGER}}.create(options);
+    return schema_.create(options);
   }
 
   void upsert(std::int64_t first, std::int64_t end) {
@@ -353,16 +360,19 @@ class Ties : public testing::Test {
         qx_collection_upsert(collection_.get(), list.get(), arrays.vectors(), arrays.values()),
         QX_OK);
     model_.upsert(ids, rows);
+    model_.is_distance = GetParam() == Metric::kEuclidean;
   }
 
   // All k, of batches of equal queries, by threads.
   void expect_lowest_ids(const QxView* view, QxSearch search, const Model& model) {
+    const Floats vector = kept(GetParam(), Floats(8, 1.0f));
+    const float score = score_of(GetParam(), vector, vector);
     for (const std::int64_t k : {1, 7, 100, 5000, 20000}) {
       for (const std::int64_t batch : {1, 2, 9}) {
         const Floats queries(static_cast<std::size_t>(8 * batch), 1.0f);
         const auto all = [](const Id&, const Row&) { return true; };
         const std::vector<std::vector<Hit>> expected(static_cast<std::size_t>(batch),
-                                                     model.search({8.0f}, k, all));
+                                                     model.search({score}, k, all));
         for (search.threads = 1; search.threads <= 3; ++search.threads) {
           QxHits* hits = nullptr;
           ASSERT_EQ(qx_collection_search(collection_.get(), view, queries.data(), batch, k, &search,
@@ -380,13 +390,13 @@ class Ties : public testing::Test {
     return Owned<char>(text).get();
   }
 
-  Schema schema_ = {8, false, {"x"}, {QX_INTEGER}};
+  Schema schema_ = {8, false, {"x"}, {QX_INTEGER}, GetParam()};
   Owned<QxCollection> collection_{create()};
   std::vector<Id> ids_;
   Model model_;
 };
 
-TEST_F(Ties, AreOrderedByIdAcrossSegmentsAndTheTail) {
+TEST_P(Ties, AreOrderedByIdAcrossSegmentsAndTheTail) {
   EXPECT_EQ(explanation({}),
             "segment of 4096 rows: scan, 4096 pass\n"
             "segment of 4500 rows: scan, 4500 pass\n"
@@ -394,7 +404,7 @@ TEST_F(Ties, AreOrderedByIdAcrossSegmentsAndTheTail) {
   expect_lowest_ids(nullptr, {}, model_);
 }
 
-TEST_F(Ties, AreOrderedByIdByABitmap) {
+TEST_P(Ties, AreOrderedByIdByABitmap) {
   QxSearch search = {};
   search.filter = "x = 3";
   EXPECT_EQ(explanation(search),
@@ -404,13 +414,14 @@ TEST_F(Ties, AreOrderedByIdByABitmap) {
   expect_lowest_ids(nullptr, search, model_);
 }
 
-TEST_F(Ties, AreOrderedByIdAsCandidates) {
+TEST_P(Ties, AreOrderedByIdAsCandidates) {
   std::vector<Id> listed;
   for (std::size_t i = 0; i < ids_.size(); i += 3) listed.push_back(ids_[i]);
   const IdArrays among(schema_, listed);
   QxSearch search = {};
   search.among = &among.get();
   Model model;
+  model.is_distance = model_.is_distance;
   model.upsert(listed, std::vector<Row>(listed.size(), Row{0, {}}));
   EXPECT_EQ(explanation(search),
             "segment of 4096 rows: candidates, 1366 pass\n"
@@ -419,7 +430,7 @@ TEST_F(Ties, AreOrderedByIdAsCandidates) {
   expect_lowest_ids(nullptr, search, model);
 }
 
-TEST_F(Ties, AreOrderedByIdOfAViewThatChangesRows) {
+TEST_P(Ties, AreOrderedByIdOfAViewThatChangesRows) {
   const Owned<QxView> view = Call::view_of(*collection_);
   const std::vector<Id> ids(ids_.begin() + 4000, ids_.begin() + 4200);
   const std::vector<Row> rows(ids.size(), Row{0, {std::int64_t{4}}});
@@ -439,11 +450,13 @@ TEST_F(Ties, AreOrderedByIdOfAViewThatChangesRows) {
   expect_lowest_ids(nullptr, {}, model_);
 }
 
-TEST_F(Ties, AreOrderedByIdInOneSegment) {
+TEST_P(Ties, AreOrderedByIdInOneSegment) {
   ASSERT_EQ(qx_collection_compact(collection_.get(), nullptr, nullptr), QX_OK);
   EXPECT_EQ(explanation({}), "segment of 8796 rows: scan, 8796 pass\n");
   expect_lowest_ids(nullptr, {}, model_);
 }
+
+INSTANTIATE_TEST_SUITE_P(OfEveryMetric, Ties, testing::ValuesIn(kMetrics));
 
 // A product that underflows to -0.0 is +0.0 after the components for which the query is zero.
 TEST(Score, HasTheSignOfTheWholeChainInATailAndInASegment) {

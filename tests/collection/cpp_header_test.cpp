@@ -57,6 +57,21 @@ TEST(CollectionHeader, GivesHitsAsRangesOfEachQuery) {
   EXPECT_TRUE(collection.search(kQuery, 0)[0].empty());
 }
 
+TEST(CollectionHeader, KnowsTheMetric) {
+  const Floats vectors = {3, 4, 0, 1};
+  const auto best = [&](qx::Metric metric) {
+    Collection collection({.dim = 2, .metric = metric});
+    collection.upsert({7, 8}, vectors);
+    EXPECT_EQ(collection.metric(), metric);
+    EXPECT_EQ(collection.view().metric(), metric);
+    return collection.search(Floats{0, 2}, 1)[0][0];
+  };
+  EXPECT_EQ(best(qx::Metric::kInnerProduct), (CollectionHit{7, "", 8}));
+  EXPECT_EQ(best(qx::Metric::kCosine), (CollectionHit{8, "", 1}));
+  EXPECT_EQ(best(qx::Metric::kEuclidean), (CollectionHit{8, "", 1}));
+  EXPECT_EQ(Collection(two_dimensions()).metric(), qx::Metric::kInnerProduct);
+}
+
 TEST(CollectionHeader, TakesAndGivesTextIds) {
   Collection collection(texts_of_two_dimensions());
   EXPECT_TRUE(collection.has_text_ids());

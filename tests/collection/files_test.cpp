@@ -220,8 +220,10 @@ TEST(CollectionFiles, KeepEveryBitOfRowsOfEveryKind) {
   for (const std::int32_t id_kind : {QX_NUMBERS, QX_TEXTS}) {
     for (const std::int32_t dim : {1, 7, 100, 9000}) {
       for (const std::int64_t count : {0, 1, 63, 64, 65, dim > 1000 ? 100 : 5000}) {
+        QxOptions options = {};
+        options.metric = static_cast<std::int32_t>((dim + count + id_kind) % 3);
         SCOPED_TRACE(testing::Message() << id_kind << ' ' << dim << ' ' << count);
-        const auto collection = create(dim, id_kind, numbers_to(count));
+        const auto collection = create(dim, id_kind, numbers_to(count), options);
         const std::string bytes = saved(collection.get());
         const auto copy = loaded_from(bytes);
         EXPECT_EQ(contents_of(copy.get()), contents_of(collection.get()));
@@ -229,6 +231,7 @@ TEST(CollectionFiles, KeepEveryBitOfRowsOfEveryKind) {
         QxOptions schema;
         qx_collection_schema(copy.get(), &schema);
         EXPECT_EQ(schema.id_kind, id_kind);
+        EXPECT_EQ(schema.metric, options.metric);
         ASSERT_EQ(schema.n_columns, std::ssize(kColumns));
         for (std::size_t c = 0; c < kMany; ++c) {
           EXPECT_STREQ(schema.columns[c].name, kColumns[c].name);
@@ -326,7 +329,8 @@ struct Crafted {
     std::uint64_t type, known, texts, text_bytes;
     std::string name;
   };
-  std::uint64_t version = 1, dim = 2, id_kind = QX_NUMBERS, rows = 3, id_bytes = 0;
+  std::uint64_t version = 1, dim = 2, id_kind = QX_NUMBERS, metric = QX_EUCLIDEAN, rows = 3,
+                id_bytes = 0;
   std::vector<Column> columns = {{QX_INTEGER, 1, 0, 0, "n"},
                                  {QX_REAL, 2, 0, 0, "r"},
                                  {QX_BOOLEAN, 2, 0, 0, "b"},
@@ -342,7 +346,7 @@ struct Crafted {
   std::string ends = bytes_of({1, 3}, 8), texts = "abb";
 
   std::string bytes() const {
-    std::string numbers = bytes_of({dim, id_kind, rows, id_bytes, columns.size()}, 8);
+    std::string numbers = bytes_of({dim, id_kind, metric, rows, id_bytes, columns.size()}, 8);
     for (const Column& c : columns) {
       numbers += bytes_of({c.type, c.known, c.texts, c.text_bytes, c.name.size()}, 8) + c.name;
     }
@@ -361,17 +365,18 @@ struct Crafted {
 
 // In hexadecimal: changes with the format alone.
 constexpr char kGolden[] =
-    "895158430d0a1a0a010000000000000019010000000000000200000000000000000000000000000003000000000000"
-    "0000000000000000000500000000000000000000000000000001000000000000000000000000000000000000000000"
-    "000001000000000000006e010000000000000002000000000000000000000000000000000000000000000001000000"
-    "0000000072020000000000000002000000000000000000000000000000000000000000000001000000000000006203"
-    "0000000000000001000000000000000200000000000000030000000000000001000000000000007403000000000000"
-    "000000000000000000000000000000000000000000000000000500000000000000656d707479c4db255e4bf711a4ff"
-    "ffffffffffffff05000000000000002c0100000000000082212a65a0e3d3ed0000803f0000008001000000db0f49c0"
-    "ffff7f7fcdcccc3d3f73b1f19924cc9f06000000000000003d6349bf260be8fc000000000000000007000000000000"
-    "00feffffffffffffff7dad5dd3ea63da1bffffffffffffffff000000000000f83ffffffffffffff7bf65ba3b6efef4"
-    "b9860500000000000000a72085c1296b4ea30500000000000000869507ee7f11658b01000000000000000000000004"
-    "442217c2f63d3d010000000000000003000000000000006026640d7527613a6162624d68d7ece64b0180";
+    "895158430d0a1a0a010000000000000021010000000000000200000000000000000000000000000002000000000000"
+    "0003000000000000000000000000000000050000000000000000000000000000000100000000000000000000000000"
+    "0000000000000000000001000000000000006e01000000000000000200000000000000000000000000000000000000"
+    "0000000001000000000000007202000000000000000200000000000000000000000000000000000000000000000100"
+    "0000000000006203000000000000000100000000000000020000000000000003000000000000000100000000000000"
+    "7403000000000000000000000000000000000000000000000000000000000000000500000000000000656d707479d4"
+    "5452e7a021a403ffffffffffffffff05000000000000002c010000000000009d166bf07c15cbb60000803f00000080"
+    "01000000db0f49c0ffff7f7fcdcccc3d4632e178f9770a5f0600000000000000610ef218659c647800000000000000"
+    "000700000000000000feffffffffffffff7906c3adc9e60e6dffffffffffffffff000000000000f83fffffffffffff"
+    "f7bfaacc05ca942cd44b05000000000000007720a5a3d0312428050000000000000003e489e6c7ede6910100000000"
+    "000000000000000d15d7c4d63f74ff01000000000000000300000000000000270f78521c259d35616262daf025acd3"
+    "1b964d";
 
 // The same rows, upserted.
 Owner<QxCollection> crafted_rows() {
@@ -381,6 +386,7 @@ Owner<QxCollection> crafted_rows() {
   options.dim = 2;
   options.columns = columns;
   options.n_columns = 5;
+  options.metric = QX_EUCLIDEAN;
   QxCollection* made = nullptr;
   EXPECT_EQ(qx_collection_new(&options, &made), QX_OK);
   const std::int64_t ids[] = {300, -1, 5}, n[] = {-2, 99, 7};
@@ -421,6 +427,8 @@ const Case kNotOfTheFormat[] = {
     {[](Crafted& c) { c.rows = 0x100000000; }, "rows is 4294967296"},
     {[](Crafted& c) { c.rows = 0; }, "known of a column"},
     {[](Crafted& c) { c.id_kind = 2; }, "kind of ids is 2"},
+    {[](Crafted& c) { c.metric = 3; }, "metric is 3"},
+    {[](Crafted& c) { c.metric = QX_COSINE; }, "vector 1 is not divided by its norm"},
     {[](Crafted& c) { c.id_bytes = 1; }, "size of ids is 1"},
     {[](Crafted& c) { c.id_kind = QX_TEXTS, c.id_bytes = ~0ull; }, "size of ids"},
     {[](Crafted& c) { c.id_kind = QX_TEXTS, c.id_bytes = 400; }, "ends too soon"},

@@ -87,12 +87,19 @@ class History {
   History(const Size& size, std::uint64_t seed) : size_(size), random_(seed) {
     draw_schema();
     const std::int64_t most = random_.any_of<std::int64_t>({4, 40, 200});
-    for (std::int64_t v = random_.between(1, most); v > 0; --v) vectors_.push_back(any_floats());
+    for (std::int64_t v = random_.between(1, most); v > 0; --v) {
+      const bool is_known = !kept_.empty() && random_.percent(10);
+      vectors_.push_back(is_known ? random_.any_of(kept_) : any_floats());
+      kept_.push_back(kept(schema_.metric, vectors_.back()));
+    }
     for (std::int64_t q = random_.between(1, 4); q > 0; --q) queries_.push_back(any_floats());
     for (float& component : queries_[0]) component = random_.percent(50) ? 0.0f : -0.0f;
     for (const Floats& query : queries_) {
       Floats& scores = scores_.emplace_back();
-      for (const Floats& vector : vectors_) scores.push_back(score_of(vector, query));
+      const Floats compared = kept(schema_.metric, query);
+      for (const Floats& vector : kept_) {
+        scores.push_back(score_of(schema_.metric, vector, compared));
+      }
     }
     if (size.has_environments) environment_ = &random_.any_of(fp_environments());
     QxOptions options = {};
@@ -100,6 +107,7 @@ class History {
     options.manual = random_.percent(40);
     collection_.reset(schema_.create(options));
     readers_.emplace_back();
+    readers_[0].model.is_distance = schema_.metric == Metric::kEuclidean;
   }
 
   void play() {
@@ -139,6 +147,8 @@ class History {
       schema_.names.push_back(kNames[c]);
       schema_.types.push_back(random_.between32(QX_INTEGER, QX_TEXT));
     }
+    schema_.metric =
+        random_.any_of<Metric>({Metric::kInnerProduct, Metric::kCosine, Metric::kEuclidean});
     id_scale_ = random_.any_of<std::uint64_t>({1, ~std::uint64_t{0}, 0x9E3779B97F4A7C15u});
     using enum Values;
     components_ = random_.any_of<Values>({kTies, kTies, kSmooth, kMixed, kSpecial, kCancelling});
@@ -372,7 +382,7 @@ class History {
       return qx_collection_get(collection_.get(), reader.view.get(), list.get(), &rows);
     });
     const Owned<QxRows> owned(rows);
-    expect_rows(*rows, schema_, vectors_, ids, reader.model);
+    expect_rows(*rows, schema_, kept_, ids, reader.model);
     std::vector<std::uint8_t> found(ids.size(), 9);
     expect(QX_OK, [&] {
       return qx_collection_contains(collection_.get(), reader.view.get(), list.get(), found.data());
@@ -402,7 +412,7 @@ class History {
                                   &rows);
       });
       const Owned<QxRows> owned(rows);
-      expect_rows(*rows, schema_, vectors_, ids, reader.model);
+      expect_rows(*rows, schema_, kept_, ids, reader.model);
       found = ids.size();
       if (found > 0) after = ids.back();
     }
@@ -478,7 +488,7 @@ class History {
     });
     const Owned<QxRows> owned(rows);
     const auto all = [](const Id&, const Row&) { return true; };
-    expect_rows(*rows, schema_, vectors_, reader.model.list(nullptr, INT64_MAX, all), reader.model);
+    expect_rows(*rows, schema_, kept_, reader.model.list(nullptr, INT64_MAX, all), reader.model);
     std::vector<std::size_t> queries(queries_.size());
     for (std::size_t q = 0; q < queries.size(); ++q) queries[q] = q;
     search(reader, queries, INT64_MAX, {});
@@ -490,7 +500,8 @@ class History {
   Schema schema_;
   std::uint64_t id_scale_ = 1;
   Values components_ = Values::kTies;
-  std::vector<Floats> vectors_;
+  std::vector<Floats> vectors_;  // as the host gives them
+  std::vector<Floats> kept_;
   std::vector<Floats> queries_;
   std::vector<Floats> scores_;  // of each query, those of the vectors
   const FpEnvironment* environment_ = nullptr;

@@ -18,6 +18,7 @@ struct Schema {
   bool has_texts = false;
   std::vector<std::string> names = {};
   std::vector<std::int32_t> types = {};
+  Metric metric = Metric::kInnerProduct;
 
   QxCollection* create(QxOptions options = {}) const {
     std::vector<QxColumn> columns;
@@ -26,6 +27,7 @@ struct Schema {
     options.id_kind = has_texts ? QX_TEXTS : QX_NUMBERS;
     options.columns = columns.data();
     options.n_columns = static_cast<std::int32_t>(columns.size());
+    options.metric = static_cast<std::int32_t>(metric);
     QxCollection* made = nullptr;
     EXPECT_EQ(qx_collection_new(&options, &made), QX_OK) << qx_collection_message();
     return made;
@@ -167,7 +169,7 @@ inline bool same_value(const Value& a, const Value& b) {
          (real == nullptr ? a == b : same_bits(*real, std::get<double>(b)));
 }
 
-// The rows of ids, as the model has them.
+// The rows of ids, as the model has them. `vectors` are as they are kept.
 inline void expect_rows(const QxRows& rows, const Schema& schema,
                         const std::vector<Floats>& vectors, const std::vector<Id>& ids,
                         const Model& model) {

@@ -53,9 +53,11 @@ class World {
   using Held = std::map<Id, std::int64_t>;
 
   explicit World(bool has_texts, QxOptions options = {})
-      : some(has_texts, 90, 40, 0), is_manual_(options.manual != 0) {
+      : some(has_texts, 90, 40, 0), is_manual_(options.manual != 0), is_distance_(has_texts) {
     options.threads = 1;
-    collection.reset(schema_of(has_texts).create(options));
+    Schema schema = schema_of(has_texts);
+    schema.metric = is_distance_ ? Metric::kEuclidean : Metric::kInnerProduct;
+    collection.reset(schema.create(options));
   }
 
   Owned<QxCollection> collection;
@@ -108,10 +110,11 @@ class World {
   }
 
  private:
-  // By a search for the first component, which is the value.
+  // By a search for the first component, which is the value; or for the distance from zero, since
+  // all components are.
   Held held_of(const QxView* of) const {
     Floats query(kDim);
-    query[0] = 1;
+    query[0] = is_distance_ ? 0.0f : 1.0f;
     QxHits* hits = nullptr;
     EXPECT_EQ(
         qx_collection_search(collection.get(), of, query.data(), 1, INT64_MAX, nullptr, &hits),
@@ -119,7 +122,8 @@ class World {
     const Owned<QxHits> owned(hits);
     Held held;
     for (std::int64_t i = 0; i < hits->counts[0]; ++i) {
-      held[id_at(hits->ids, hits->texts, i)] = static_cast<std::int64_t>(hits->scores[i]);
+      const float value = is_distance_ ? std::sqrt(hits->scores[i] / kDim) : hits->scores[i];
+      held[id_at(hits->ids, hits->texts, i)] = static_cast<std::int64_t>(value);
     }
     return held;
   }
@@ -138,6 +142,7 @@ class World {
   }
 
   const bool is_manual_;  // else its own thread may change what is taken
+  const bool is_distance_;
   Held held_;
   Held seen_;
 };
@@ -250,7 +255,7 @@ const Read kReads[] = {
      }},
     {"load",
      [](World& w) {
-       const QxOptions options = {0, 0, nullptr, 0, 1, 0, 0};
+       const QxOptions options = {0, 0, nullptr, 0, 1, 0, 0, 0};
        return released<QxCollection>([&](QxCollection** out) {
          return qx_collection_load(w.file.c_str(), &options, nullptr, nullptr, out);
        });
@@ -258,7 +263,7 @@ const Read kReads[] = {
     {"new",
      [](World&) {
        const QxColumn column = {"a column whose name is long", QX_TEXT};
-       const QxOptions options = {4, QX_TEXTS, &column, 1, 0, 0, 0};
+       const QxOptions options = {4, QX_TEXTS, &column, 1, 0, 0, 0, QX_EUCLIDEAN};
        return released<QxCollection>(
            [&](QxCollection** out) { return qx_collection_new(&options, out); });
      }},

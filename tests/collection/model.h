@@ -33,9 +33,28 @@ struct Row {
   Record values;
 };
 
-inline float score_of(const Floats& vector, const Floats& query) {
+enum class Metric : std::int32_t { kInnerProduct, kCosine, kEuclidean };
+inline constexpr Metric kMetrics[] = {Metric::kInnerProduct, Metric::kCosine, Metric::kEuclidean};
+
+// What a row or a query is kept as: a vector of norm 1, up to the rounding of its components,
+// stays.
+inline Floats kept(Metric metric, Floats vector) {
+  double square = 0;
+  for (const float x : vector) square += double{x} * double{x};
+  const bool is_unit = square == 0 || (square >= 1 - 0x1.01p-23 && square <= 1 + 0x1.01p-23);
+  if (metric != Metric::kCosine || is_unit) return vector;
+  for (float& x : vector) x = static_cast<float>(double{x} / std::sqrt(square));
+  return vector;
+}
+
+// Of vectors that are kept.
+inline float score_of(Metric metric, const Floats& vector, const Floats& query) {
   float sum = 0.0f;
-  for (std::size_t i = 0; i < vector.size(); ++i) sum = std::fma(vector[i], query[i], sum);
+  for (std::size_t i = 0; i < vector.size(); ++i) {
+    const float difference = vector[i] - query[i];
+    const bool is_distance = metric == Metric::kEuclidean;
+    sum = is_distance ? sum + difference * difference : std::fma(vector[i], query[i], sum);
+  }
   return sum;
 }
 
@@ -48,6 +67,7 @@ class Model {
  public:
   using Passes = std::function<bool(const Id&, const Row&)>;
   std::map<Id, Row> rows;
+  bool is_distance = false;  // what a score is
 
   void upsert(const std::vector<Id>& ids, const std::vector<Row>& new_rows) {
     for (std::size_t i = 0; i < ids.size(); ++i) rows[ids[i]] = new_rows[i];
@@ -64,10 +84,12 @@ class Model {
     std::vector<Hit> hits;
     for (const auto& [id, row] : rows) {
       const float score = scores[row.vector];
-      if (score > -1e30f && passes(id, row)) hits.push_back({&id, score});
+      const bool counts = is_distance ? score < 1e30f : score > -1e30f;
+      if (counts && passes(id, row)) hits.push_back({&id, score});
     }
-    std::sort(hits.begin(), hits.end(), [](const Hit& a, const Hit& b) {
-      return a.score != b.score ? a.score > b.score : *a.id < *b.id;
+    std::sort(hits.begin(), hits.end(), [this](const Hit& a, const Hit& b) {
+      if (a.score == b.score) return *a.id < *b.id;
+      return is_distance ? a.score < b.score : a.score > b.score;
     });
     hits.resize(std::min(hits.size(), static_cast<std::size_t>(k)));
     return hits;

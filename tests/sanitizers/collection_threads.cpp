@@ -95,13 +95,16 @@ Changes list(const QxCollection* collection, const QxView* view) {
   return changes;
 }
 
-// The best rows, by falling change; of both rows of a pair, the even one comes first.
+// The best rows, by falling or rising change; of both rows of a pair, the even one comes first.
 void search(const QxCollection* collection, const QxView* view, Random& random) {
   const std::vector<float> queries(2 * kDim, 1.0f);
   const std::int64_t k = 2 * random.between(1, 40);
   QxSearch search = {};
   search.filter = random.percent(50) ? "change > 5" : nullptr;
   search.threads = random.between32(1, 3);
+  QxOptions schema;
+  qx_collection_schema(collection, &schema);
+  const float sign = schema.metric == QX_EUCLIDEAN ? -1.0f : 1.0f;
   QxHits* hits = nullptr;
   require(qx_collection_search(collection, view, queries.data(), 2, k, &search, &hits) == QX_OK,
           "a search fails");
@@ -109,7 +112,7 @@ void search(const QxCollection* collection, const QxView* view, Random& random) 
     require(hits->ids[i] % 2 == 0 && hits->ids[i + 1] == hits->ids[i] + 1,
             "half of a pair is found");
     require(hits->scores[i] == hits->scores[i + 1], "the scores of a pair differ");
-    require(i == 0 || hits->scores[i] <= hits->scores[i - 1], "scores rise");
+    require(i == 0 || sign * hits->scores[i] <= sign * hits->scores[i - 1], "scores get better");
   }
   for (std::int64_t i = 0; i < hits->k; ++i) {
     require(hits->ids[i] == hits->ids[hits->k + i], "equal queries of a batch differ");
@@ -141,7 +144,8 @@ void read(const QxCollection* collection, Random& random) {
 // Three write, three read, one compacts, and one does each in turn.
 bool play(std::uint64_t seed) {
   const QxColumn column = {"change", QX_INTEGER};
-  const QxOptions options = {kDim, QX_NUMBERS, &column, 1, 0, 0, 0};
+  const std::int32_t metric = seed % 2 == 0 ? QX_EUCLIDEAN : QX_INNER_PRODUCT;
+  const QxOptions options = {kDim, QX_NUMBERS, &column, 1, 0, 0, 0, metric};
   QxCollection* collection = nullptr;
   require(qx_collection_new(&options, &collection) == QX_OK, "there is no collection");
   Writers writers(collection);

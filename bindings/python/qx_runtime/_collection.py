@@ -22,6 +22,8 @@ from ._values import IdsLike, ListedIds
 Path = Union[str, "os.PathLike[str]"]
 Progress = Union[None, bool, Callable[[int, int], object], Any]
 
+_METRICS = {"ip": _library.INNER_PRODUCT, "cosine": _library.COSINE,
+            "euclidean": _library.EUCLIDEAN}
 _LONG = 1 << 28  # multiplications of a search that are worth a thread, to be interrupted
 _PAGE = 1000
 
@@ -32,6 +34,7 @@ class _Handle(NamedTuple):
     holder: _calls.Holder
     dim: int
     has_texts: bool
+    metric: str
     schema: _values.Schema
 
 
@@ -69,6 +72,11 @@ class _Rows:
         return str if self._open().has_texts else int
 
     @property
+    def metric(self) -> str:
+        """"ip", "cosine" or "euclidean"."""
+        return self._open().metric
+
+    @property
     def columns(self) -> dict[str, type]:
         """The columns by name: int, float, bool or str."""
         return dict(self._open().schema)
@@ -82,8 +90,9 @@ class _Rows:
         if self._handle is None:
             return f"<qx_runtime.{type(self).__name__}, closed>"
         columns = "".join(f", {name}: {of.__name__}" for name, of in self.columns.items())
+        metric = "" if self.metric == "ip" else f", metric: {self.metric}"
         return (f"<qx_runtime.{type(self).__name__} of dimension {self.dim}, {len(self)} rows, "
-                f"ids: {self.id_type.__name__}{columns}>")
+                f"ids: {self.id_type.__name__}{metric}{columns}>")
 
     # ---- Changes ----
 
@@ -139,8 +148,8 @@ class _Rows:
                filter: Union[Filter, str, None] = None, among: Optional[IdsLike] = None,
                accept: Optional[Callable[[Any], object]] = None, threads: int = 0,
                progress: Progress = None) -> CollectionHits:
-        """Finds the k best rows by inner product, or all there are if they are fewer; of equal scores
-        the lower id comes first.
+        """Finds the k best rows by the metric, or all there are if they are fewer; of equal scores the
+        lower id comes first.
 
         queries   of shape (dim,) or (n, dim), all finite.
         filter    only rows that pass: made by :func:`col`, or a text such as
@@ -266,7 +275,7 @@ class _Rows:
 
 
 class Collection(_Rows):
-    """Rows of an id, a vector and typed columns, searched by inner product on all cores.
+    """Rows of an id, a vector and typed columns, searched by their vectors on all cores.
 
     >>> songs = Collection(2, columns={"year": int, "genre": str})
     >>> songs.add([-7, 41, 90], [[1, 0], [0.8, 0.6], [0, 1]],
@@ -282,6 +291,9 @@ class Collection(_Rows):
 
     dim           components of a vector, 1 to 65536.
     ids           int, for any integers of 64 bits, or str.
+    metric        "ip": scores are inner products, the largest first. "cosine": the same of vectors
+                  divided by their norms, and rows are kept and given out so; a zero vector stays
+                  zero. "euclidean": scores are squared distances, the smallest first.
     columns       types by name: int (64 bits), float (64 bits), bool or str.
     threads       at most for a call; 0: as many as there are CPUs.
     memory_limit  bytes of all rows, those of views and of compaction included; 0: none.
@@ -296,10 +308,15 @@ class Collection(_Rows):
     write into an array during a call may or may not be seen.
     """
 
-    def __init__(self, dim: int, *, ids: Type[Any] = int, columns: Mapping[str, type] = {},
-                 threads: int = 0, memory_limit: int = 0, manual: bool = False) -> None:
+    def __init__(self, dim: int, *, ids: Type[Any] = int, metric: str = "ip",
+                 columns: Mapping[str, type] = {}, threads: int = 0, memory_limit: int = 0,
+                 manual: bool = False) -> None:
         if ids not in (int, str):
             raise TypeError(f"ids must be int or str, not {ids!r}")
+        if not isinstance(metric, str):
+            raise TypeError(f"metric must be a str, not {type(metric).__name__}")
+        if metric not in _METRICS:
+            raise ValueError(f"metric must be one of {', '.join(_METRICS)}, not {metric!r}")
         columns = _values.named(columns, {})
         listed = (_library.Column * len(columns))()
         for column, (name, of) in zip(listed, columns.items()):
@@ -313,6 +330,7 @@ class Collection(_Rows):
         options.dim = _arrays.number("dim", dim, 1, 65536)
         options.id_kind = _library.TEXTS if ids is str else _library.NUMBERS
         options.columns, options.n_columns = listed, len(listed)
+        options.metric = _METRICS[metric]
         address = _calls.Address("qx_collection_free")
         _calls.check(_library.collection().qx_collection_new(ctypes.byref(options), address.out))
         self._adopt(address, options)
@@ -327,7 +345,8 @@ class Collection(_Rows):
                           "manual": bool(options.manual)}
         self._change = threading.Lock()
         self._handle = _Handle(_calls.Holder(address), schema.dim,
-                               schema.id_kind == _library.TEXTS, columns)
+                               schema.id_kind == _library.TEXTS, list(_METRICS)[schema.metric],
+                               columns)
 
     @classmethod
     def load(cls, path: Path, *, threads: int = 0, memory_limit: int = 0, manual: bool = False,

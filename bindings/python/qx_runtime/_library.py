@@ -60,6 +60,7 @@ _FUNCTIONS: dict[str, tuple[Any, ...]] = {
 OK, INVALID, OUT_OF_MEMORY, CANCELLED, IO_ERROR, CORRUPT = range(6)
 NUMBERS, TEXTS = 0, 1
 INTEGER, REAL, BOOLEAN, TEXT = range(4)
+INNER_PRODUCT, COSINE, EUCLIDEAN = range(3)
 
 Progress = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, _int64)
 Accept = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, ctypes.c_void_p)
@@ -86,14 +87,14 @@ class Values(ctypes.Structure):
 class Options(ctypes.Structure):
     _fields_ = [("dim", _int32), ("id_kind", _int32), ("columns", ctypes.POINTER(Column)),
                 ("n_columns", _int32), ("threads", _int32), ("memory_limit", _int64),
-                ("manual", _int32)]
+                ("manual", _int32), ("metric", _int32)]
 
 
 class Search(ctypes.Structure):
     kept: Any  # what its pointers point to
     _fields_ = [("filter", ctypes.c_char_p), ("among", ctypes.POINTER(Ids)), ("accept", Accept),
                 ("accept_context", ctypes.c_void_p), ("progress", Progress),
-                ("progress_context", ctypes.c_void_p), ("threads", _int32)]
+                ("progress_context", ctypes.c_void_p), ("threads", _int32), ("probes", _int32)]
 
 
 class Hits(ctypes.Structure):
@@ -108,7 +109,8 @@ class Rows(ctypes.Structure):
 
 
 class CollectionStats(ctypes.Structure):
-    _fields_ = [(name, _int64) for name in ("rows", "dead_rows", "tail_rows", "segments", "bytes")]
+    _fields_ = [(name, _int64) for name in ("rows", "dead_rows", "tail_rows", "segments", "bytes",
+                                            "lists")]
 
 
 _out = ctypes.c_void_p  # where a pointer is to be written

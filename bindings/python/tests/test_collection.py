@@ -43,10 +43,17 @@ NAMES = [None, "", "it's", 'a "b"', "\0", "naïve", "\U0001F3B5"]
 class Model(dict):
     """Rows by id: a vector of small whole numbers, whose products any order sums exactly, and values."""
 
-    def best(self, query, k, passes=lambda id, row: True):
-        scored = [(-float(np.dot(query, row["vector"])), key(id), id) for id, row in self.items()
-                  if passes(id, row)]
-        return [(id, -score) for score, _, id in sorted(scored)[:k]]
+    def best(self, metric, query, k, passes=lambda id, row: True):
+        sign = 1 if metric == "euclidean" else -1
+        scored = [(sign * self.score(metric, query, row["vector"]), key(id), id)
+                  for id, row in self.items() if passes(id, row)]
+        return [(id, sign * score) for score, _, id in sorted(scored)[:k]]
+
+    @staticmethod
+    def score(metric, query, vector):
+        if metric == "euclidean":
+            return float(sum((a - b) ** 2 for a, b in zip(query, vector)))
+        return float(np.dot(query, vector))
 
     def ordered(self, passes=lambda row: True):
         return [id for id in sorted(self, key=key) if passes(self[id])]
@@ -62,7 +69,8 @@ class Player:
     def __init__(self, seed):
         self.rng = random.Random(seed)
         self.of = self.rng.choice([int, str])
-        self.rows = qx.Collection(self.DIM, ids=self.of, columns=COLUMNS, threads=2)
+        self.metric = self.rng.choice(["ip", "euclidean"])
+        self.rows = qx.Collection(self.DIM, ids=self.of, metric=self.metric, columns=COLUMNS, threads=2)
         self.model = Model()
 
     def id(self):
@@ -104,7 +112,7 @@ class Player:
                 ({"among": among}, lambda id, row: id in among),
                 ({"accept": lambda id: len(str(id)) % 2, "filter": str(filter)},
                  lambda id, row: len(str(id)) % 2 and test(row))]:
-            right = [model.best(query, k, passes) for query in queries]
+            right = [model.best(self.metric, query, k, passes) for query in queries]
             hits = rows.search(queries, k, threads=self.rng.randrange(3), **given)
             assert [list(each) for each in hits] == right
             assert list(rows.search(queries[0], k, **given)) == right[0]
@@ -155,6 +163,45 @@ def test_scores_do_not_depend_on_how_rows_are_searched():
         assert pairs == sorted(pairs, key=lambda pair: (-pair[1], pair[0]))
         halves = [pair for part in (0, 1) for pair in rows.search(query, 20, filter=col("part") == part)]
         assert sorted(halves, key=lambda pair: (-pair[1], pair[0]))[:20] == pairs
+
+
+def test_cosine_is_the_inner_product_of_vectors_of_length_1(tmp_path):
+    rng = np.random.default_rng(8)
+    vectors = rng.standard_normal((2000, 24), dtype=np.float32)
+    vectors[5] = 0
+    query = rng.standard_normal(24, dtype=np.float32)
+    rows, units = qx.Collection(24, metric="cosine"), qx.Collection(24)
+    rows.upsert(np.arange(2000), vectors)
+    kept = rows.get(np.arange(2000)).vectors
+
+    def of_length_1(vector):
+        square = 0.0
+        for component in vector.astype(np.float64):
+            square += component * component
+        return (vector / np.sqrt(square)).astype(np.float32) if square else vector
+
+    assert kept.tobytes() == np.array([of_length_1(vector) for vector in vectors]).tobytes()
+    rows.upsert(np.arange(2000), kept)
+    assert rows.get(np.arange(2000)).vectors.tobytes() == kept.tobytes()
+    units.upsert(np.arange(2000), kept)
+    right = units.search(of_length_1(query), 2000)
+    rows.save(tmp_path / "rows")
+    for collection in (rows, rows.view(), qx.Collection.load(tmp_path / "rows")):
+        hits = collection.search(query, 2000)
+        assert hits.ids.tolist() == right.ids.tolist() and (hits.ids == 5).sum() == 1
+        assert hits.scores.tobytes() == right.scores.tobytes()
+
+
+@pytest.mark.parametrize("metric", ["ip", "cosine", "euclidean"])
+def test_the_metric_stays(metric, tmp_path):
+    rows = qx.Collection(2, metric=metric)
+    rows.add([1, 2], [[3, 4], [0, 1]])
+    rows.save(tmp_path / "rows")
+    for each in (rows, rows.view(), copy.copy(rows), qx.Collection.load(tmp_path / "rows")):
+        assert each.metric == metric and (metric in repr(each)) == (metric != "ip")
+        assert list(each.search([3, 4], 2)) == {
+            "ip": [(1, 25), (2, 4)], "euclidean": [(1, 0), (2, 18)],
+            "cosine": [(1, 1.0), (2, float(np.float32(0.8)))]}[metric]
 
 
 # ---- Arguments ----
@@ -273,6 +320,8 @@ NO_FILTERS = [
 NO_OPTIONS = [
     (dict(dim=0), ValueError, "dim must be"), (dict(dim=65537), ValueError, "dim must be"),
     (dict(dim=1.0), TypeError, "dim"), (dict(ids=float), TypeError, "ids must be int or str"),
+    (dict(metric=1), TypeError, "metric must be a str"),
+    (dict(metric="l2"), ValueError, "one of ip, cosine, euclidean, not 'l2'"),
     (dict(columns={"a": list}), TypeError, "columns must be"), (dict(columns={1: int}), TypeError, ""),
     (dict(columns=[("a", int)]), TypeError, "a mapping by name"),
     (dict(columns={"": int}), ValueError, "has no name"), (dict(threads=-1), ValueError, "threads"),
@@ -632,7 +681,7 @@ def test_the_programs_of_the_readme(number, capsys):
 def test_declarations_are_those_of_the_header():
     header = (ROOT / "collection/include/qx_collection.h").read_text()
     numbers = dict(re.findall(r"^#define QX_(\w+) (\d+)", header, re.M))
-    assert len(numbers) == 12
+    assert len(numbers) == 15
     for name, number in numbers.items():
         assert getattr(_library, name) == int(number), name
     plain = re.sub(r"/\*.*?\*/", "", header, flags=re.S)
