@@ -21,10 +21,10 @@
 // 4. Sums of squares in double precision: each square is exact, and each addition rounds by 2^-53,
 //    so that kBelow is enough for 2^16 of them. h is then rounded to the float below. One that
 //    overflows is the largest float.
-// 5. With b = B - h rounded to single precision, B - h <= b + 1.01 e |b|, which rises with b. So
-//    b < l is enough if l + 1.01 e |l| <= L. The conversion to float of l rounds by e |l| or
-//    2^-150, and L itself is known to 2^-50 of the sum of its two terms; that sum is at least |L|.
-//    It is taken off 2^-22 = 4 e times, and 2^-148.
+// 5. L is computed in double precision, and lowered by more than that rounds: by 2^-50 of the sum
+// of
+//    its two terms. Rounding to single precision keeps order: where B - h >= L, it is so of both
+//    rounded. So the rounded ones are compared.
 //
 // A row without a code has a NaN for a bound, which is below nothing.
 #include <algorithm>
@@ -114,8 +114,7 @@ float DistanceLimit::of(float threshold) const {
   const auto components = static_cast<double>(dim_);
   const double half_distance =
       (-double{threshold} + components * 0x1p-150) / (2 * (1 - (components + 2) * 0x1p-24));
-  const double least = half_query_ - half_distance - (half_query_ + half_distance) * 0x1p-22;
-  return static_cast<float>(std::max(least - 0x1p-148, -double{std::numeric_limits<float>::max()}));
+  return static_cast<float>(half_query_ - half_distance - (half_query_ + half_distance) * 0x1p-50);
 }
 
 }  // namespace qx::collection

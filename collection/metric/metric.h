@@ -33,7 +33,7 @@ inline float score_given_out(Metric metric, float score) {
 // A lower bound of half the squared norm of a row.
 float half_norm_below(const float* row, std::int64_t dim);
 
-// Squared distances of rows to one query, of which bounds of the inner product are known.
+// Squared distances to a query that can be coded, of rows whose inner products are bounded.
 class DistanceLimit {
  public:
   DistanceLimit(const float* query, std::int64_t dim);

@@ -25,6 +25,7 @@ DistanceScan::DistanceScan(const Segment& segment, const float* query, const Res
 void DistanceScan::add(const RowSpan& span) {
   for (std::int64_t offset = 0; offset < span.count(); offset += kWindowRows) {
     judge_window(span, offset, std::min(kWindowRows, span.count() - offset));
+    if (waiting_ >= kMaskRows) judge_waiting();
   }
 }
 
@@ -42,18 +43,21 @@ Judge DistanceScan::choose_judge(const RowSpan& span, std::int64_t offset, Judge
   return judge == Judge::kEstimates ? Judge::kScores : judge;
 }
 
-// Few rows of a window are bounded one by one.
 void DistanceScan::judge_window(const RowSpan& span, std::int64_t offset, std::int64_t count) {
   const std::int64_t selected = span.count_selected(offset, count);
   if (selected == 0) return;
   const bool are_few = 4 * selected < count;
   const Judge judge = choose_judge(span, offset, are_few ? Judge::kEightBits : Judge::kFourBits);
+  const auto each = [&](auto visit) {
+    span.for_each_row(offset, count, [&](std::int64_t i) { visit(span.row(i).number); });
+  };
   std::int64_t left = 0;
   if (judge == Judge::kScores) {
     judge_waiting();
-    span.for_each_row(offset, count, [&](std::int64_t i) { take(span.row(i).number); });
-  } else if (are_few) {
-    span.for_each_row(offset, count, [&](std::int64_t i) { wait(judge, span.row(i).number); });
+    each([&](std::int64_t row) { take(row); });
+  } else if (are_few) {  // they are bounded one by one, and recorded then
+    each([&](std::int64_t row) { wait(judge, row); });
+    return;
   } else if (judge == Judge::kFourBits) {
     for_each_left(span, offset, count, CodeBits::kFour, [&](std::int64_t row, float) {
       wait(judge, row);
@@ -66,8 +70,7 @@ void DistanceScan::judge_window(const RowSpan& span, std::int64_t offset, std::i
       ++left;
     });
   }
-  if (judge != Judge::kEightBits || !are_few) choice_.record(judge, selected, left);
-  if (waiting_ >= kMaskRows) judge_waiting();
+  choice_.record(judge, selected, left);
 }
 
 // Calls visit(row, number) for the selected rows of up to kWindowRows that are not ruled out.

@@ -167,18 +167,38 @@ bool is_ruled_out(const Floats& row, const Floats& query, float bound, float dis
   return bound - qx::collection::half_norm_below(row.data(), dim) < limit.of(-distance);
 }
 
-// The difference -1 - 2^-24 loses its last bit, and so does each square of 2^-12 when it is added:
-// the distance is 1, and the exact one 1 + (d + 1) 2^-24.
+// The first difference loses 2^-24, its square as much again, and so does each square of 2^-12 when
+// it is added: the exact distance is longer by d + 2 times as much.
 TEST(ADistanceLimit, HoldsWhereEveryRoundingShortensTheDistance) {
   for (const std::size_t dim : {1u, 2u, 8u, 64u, 1000u, 8192u}) {
-    Floats row(dim, 0x1p-12f);
-    Floats query(dim, 0.0f);
-    row[0] = -1.0f;
-    query[0] = 0x1p-24f;
-    ASSERT_EQ(score_of(Metric::kEuclidean, row, query), 1.0f);
-    EXPECT_FALSE(is_ruled_out(row, query, -0x1p-24f, 1.0f)) << dim;
-    const float shorter = 1.0f - static_cast<float>(dim + 10) * 0x1p-24f;
-    EXPECT_TRUE(is_ruled_out(row, query, -0x1p-24f, shorter)) << dim;
+    Floats row(dim, 0.0f);
+    Floats query(dim, 0x1p-12f);
+    row[0] = -0x1p-24f;
+    query[0] = 1 + 0x1p-12f;
+    const float distance = 1 + 0x1p-11f;
+    const float bound = row[0] * query[0];
+    ASSERT_EQ(score_of(Metric::kEuclidean, row, query), distance);
+    EXPECT_FALSE(is_ruled_out(row, query, bound, distance)) << dim;
+    EXPECT_TRUE(is_ruled_out(row, query, bound, distance - 0x1p-20f)) << dim;
+  }
+}
+
+// Queries a little longer than the row: the difference of bound and norm is rounded, and far larger
+// than the distance.
+TEST(ADistanceLimit, HoldsWhereTheBoundIsRounded) {
+  Random random(5);
+  for (int i = 0; i < 200000; ++i) {
+    const Floats row = finite_floats(random, Values::kSmooth, random.between(1, 3));
+    Floats query;
+    const float longer = 1 + 0x1p-10f * static_cast<float>(random.between(1, 200));
+    long double product = 0;
+    for (const float x : row) {
+      query.push_back(longer * x);
+      product += static_cast<long double>(x) * static_cast<long double>(query.back());
+    }
+    auto bound = static_cast<float>(product);
+    if (bound < product) bound = std::nextafter(bound, 1e30f);
+    ASSERT_FALSE(is_ruled_out(row, query, bound, score_of(Metric::kEuclidean, row, query)));
   }
 }
 

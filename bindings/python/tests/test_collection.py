@@ -175,10 +175,10 @@ def test_cosine_is_the_inner_product_of_vectors_of_length_1(tmp_path):
     kept = rows.get(np.arange(2000)).vectors
 
     def of_length_1(vector):
-        square = 0.0
-        for component in vector.astype(np.float64):
+        square, precise = 0.0, vector.astype(np.float64)
+        for component in precise:
             square += component * component
-        return (vector / np.sqrt(square)).astype(np.float32) if square else vector
+        return (precise / np.sqrt(square)).astype(np.float32) if square else vector
 
     assert kept.tobytes() == np.array([of_length_1(vector) for vector in vectors]).tobytes()
     rows.upsert(np.arange(2000), kept)
