@@ -63,7 +63,7 @@ ENGINE = {
     "kernels": {"kernels", "support"},
     "support": {"support"},
 }
-BELOW = {"columns", "metric", "threads", "support", "read", "store", "kernels"}
+BELOW = {"lists", "columns", "metric", "threads", "index", "support", "read", "store", "kernels"}
 COLLECTION = {
     "include": {"qx_collection.h"},
     "interface": {"interface", "files", "search", "state"} | BELOW,
@@ -71,9 +71,11 @@ COLLECTION = {
     "search": {"search", "batch", "state"} | BELOW,
     "batch": {"batch", "read", "kernels", "support"},
     "state": {"state"} | BELOW,
+    "lists": {"lists", "threads", "index", "read", "support"},
     "columns": {"columns", "support"},
     "metric": {"metric", "read", "kernels", "support"},
     "threads": {"threads", "support"},
+    "index": {"index", "store", "support"},
     "support": {"support", "qx_collection.h"},
 }
 

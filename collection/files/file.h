@@ -13,7 +13,8 @@ void save(const Shape& shape, const State& state, const char* path, const Progre
 // What a file holds.
 struct Loaded {
   Shape shape;
-  std::shared_ptr<Segment> segment;  // null without rows
+  Sealed sealed;  // of no rows, without a segment
+  std::shared_ptr<const Lists> lists;
 };
 
 // Reads a file. Refuses one that is not whole, or not of this format, by Error(QX_CORRUPT).

@@ -75,6 +75,7 @@ std::string encode(const Header& header) {
   append_number(numbers, static_cast<std::uint64_t>(header.metric));
   append_number(numbers, static_cast<std::uint64_t>(header.rows));
   append_number(numbers, header.id_bytes);
+  append_number(numbers, static_cast<std::uint64_t>(header.lists));
   append_number(numbers, header.columns.size());
   for (const ColumnHeader& column : header.columns) {
     append_number(numbers, static_cast<std::uint64_t>(column.schema.type));
@@ -118,6 +119,8 @@ Header decode(std::string_view encoded, std::uint64_t file_bytes) {
   header.rows = static_cast<std::int64_t>(rows);
   const bool has_id_bytes = header.has_texts && rows > 0;
   header.id_bytes = words.number("the size of ids", 0, has_id_bytes ? file_bytes : 0);
+  header.lists =
+      static_cast<std::int64_t>(words.number("the number of lists", 0, rows == 0 ? 0 : 65536));
   for (std::uint64_t left = words.number("the number of columns", 0, 1000); left > 0; --left) {
     header.columns.push_back(decode_column(words, rows, file_bytes));
   }

@@ -30,6 +30,7 @@ struct Header {
   Metric metric;
   std::int64_t rows;
   std::uint64_t id_bytes;  // of ids that are texts
+  std::int64_t lists;      // 0 without rows
   std::vector<ColumnHeader> columns;
 };
 

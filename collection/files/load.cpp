@@ -171,9 +171,22 @@ void check_column(const ColumnHeader& header, std::int64_t rows, const ColumnArr
               {arrays.text_bytes.data(), arrays.text_bytes.size()});
 }
 
+// Makes the lists of what a file has of them.
+void make_lists(const Header& header, const std::vector<float>& centroids,
+                const std::vector<ListNumber>& numbers, Loaded& loaded) {
+  if (header.lists == 0) return;
+  require_finite("centroid", centroids.data(), static_cast<std::size_t>(header.lists), header.dim);
+  if (*std::ranges::max_element(numbers) >= header.lists) refuse_file("a row is in no list");
+  loaded.lists = std::make_shared<const Lists>(centroids.data(), header.lists, header.dim,
+                                               nearness_of(loaded.shape), loaded.shape.budget);
+  loaded.sealed.members =
+      std::make_shared<const Members>(numbers, header.lists, loaded.shape.budget);
+}
+
 // Reads the rows, each block by one thread.
-std::shared_ptr<Segment> read_rows(const File& file, const Header& header, Plan& plan,
-                                   const Shape& shape, int threads, const Progress& progress) {
+void read_rows(const File& file, const Header& header, Plan& plan, Loaded& loaded, int threads,
+               const Progress& progress) {
+  const Shape& shape = loaded.shape;
   const auto rows = static_cast<std::uint64_t>(header.rows);
   const auto dim = static_cast<std::uint64_t>(header.dim);
   plan.require(header.id_bytes);
@@ -187,6 +200,11 @@ std::shared_ptr<Segment> read_rows(const File& file, const Header& header, Plan&
   const std::int64_t step = rows_of_block(header.dim);
   plan.add(builder.vector(0), rows * dim, static_cast<std::uint64_t>(step) * dim * sizeof(float));
   const auto end_vectors = std::ssize(plan.blocks);
+  plan.require(static_cast<std::uint64_t>(header.lists) * dim * sizeof(float));
+  std::vector<float> centroids(static_cast<std::uint64_t>(header.lists) * dim);
+  std::vector<ListNumber> numbers(header.lists > 0 ? rows : 0);
+  plan.add(centroids.data(), centroids.size());
+  plan.add(numbers.data(), numbers.size());
   std::vector<ColumnArrays> columns(header.columns.size());
   for (std::size_t c = 0; c < columns.size(); ++c) {
     visit_arrays(header.columns[c], header.rows, columns[c],
@@ -213,7 +231,8 @@ std::shared_ptr<Segment> read_rows(const File& file, const Header& header, Plan&
     check_column(header.columns[c], header.rows, columns[c]);
     builder.add_column({header.columns[c].schema.type, header.rows, std::move(columns[c])});
   }
-  return builder.finish();
+  loaded.sealed.segment = builder.finish();
+  make_lists(header, centroids, numbers, loaded);
 }
 
 }  // namespace
@@ -224,7 +243,7 @@ Loaded load(const char* path, std::int64_t memory_limit, int threads, const Prog
     const std::string encoded = read_header(file);
     const Header header = decode(encoded, file.bytes());
     const auto budget = std::make_shared<Budget>(memory_limit);
-    Loaded loaded{{header.dim, header.has_texts, header.metric, {}, budget}, nullptr};
+    Loaded loaded{{header.dim, header.has_texts, header.metric, {}, budget}, {}, nullptr};
     for (const ColumnHeader& column : header.columns) loaded.shape.schema.push_back(column.schema);
     Plan plan(file, encoded.size());
     if (header.rows == 0) {
@@ -234,7 +253,7 @@ Loaded load(const char* path, std::int64_t memory_limit, int threads, const Prog
     // All of the file is kept, in one form or another: refuses at once what is above the limit.
     static_cast<void>(
         Budget::Share(budget, static_cast<std::int64_t>(file.bytes() - encoded.size())));
-    loaded.segment = read_rows(file, header, plan, loaded.shape, threads, progress);
+    read_rows(file, header, plan, loaded, threads, progress);
     return loaded;
   });
 }

@@ -128,6 +128,7 @@ class Saving {
                                                                    shape.metric,
                                                                    state.visible_rows(),
                                                                    0,
+                                                                   lists_of(state),
                                                                    {}} {
     for (const ColumnSchema& column : shape.schema) {
       header_.columns.push_back({column, Known::kNone, 0, 0});
@@ -143,6 +144,7 @@ class Saving {
   void write(Writer& writer) {
     write_ids(writer);
     write_vectors(writer);
+    if (header_.lists > 0) write_lists(writer);
     for (std::size_t c = 0; c < header_.columns.size(); ++c) write_column(writer, c);
     report(0);
   }
@@ -151,7 +153,8 @@ class Saving {
   // The host hears of so many rows at a time.
   void report(std::int64_t row) const {
     if (row % rows_of_block(shape_.dim) != 0) return;
-    const std::int64_t passes = std::ssize(header_.columns) + (shape_.has_texts ? 3 : 2);
+    const std::int64_t passes =
+        std::ssize(header_.columns) + (shape_.has_texts ? 3 : 2) + (header_.lists > 0 ? 1 : 0);
     progress_.report(passed_ * header_.rows + row, passes * header_.rows);
   }
   template <typename Visit>
@@ -182,6 +185,26 @@ class Saving {
     const std::size_t row_bytes = static_cast<std::size_t>(shape_.dim) * sizeof(float);
     writer.begin(sizeof(float), static_cast<std::size_t>(rows_of_block(shape_.dim)) * row_bytes);
     pass([&](Location at) { writer.put(state_.part(at).vector(at.row()), row_bytes); });
+    writer.end();
+  }
+
+  static std::int64_t lists_of(const State& state) {
+    return state.lists == nullptr || state.visible_rows() == 0 ? 0 : state.lists->count();
+  }
+
+  void write_lists(Writer& writer) {
+    writer.begin(sizeof(float));
+    for (std::int64_t list = 0; list < header_.lists; ++list) {
+      writer.put(state_.lists->centroid(list),
+                 static_cast<std::size_t>(shape_.dim) * sizeof(float));
+    }
+    writer.end();
+    std::vector<std::vector<ListNumber>> lists;
+    for (const PartView& view : state_.parts) lists.push_back(view.lists());
+    writer.begin(sizeof(ListNumber));
+    pass([&](Location at) {
+      writer.put(&lists[at.part()][static_cast<std::size_t>(at.row())], sizeof(ListNumber));
+    });
     writer.end();
   }
 

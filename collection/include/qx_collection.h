@@ -306,8 +306,8 @@ int32_t qx_collection_train(QxCollection* collection, int64_t n_lists, QxProgres
 
 typedef struct QxTuning {
   int64_t n_queries;    /* that were measured */
-  int32_t probes;       /* the fewest that reach the recall; all lists do */
-  double recall;        /* that they reach: the part of the k best rows that is found */
+  int32_t probes;       /* the fewest whose rows reach the recall; all do */
+  double recall;        /* that searches with them reach: the part of the k best rows found */
   double seconds;       /* of a search with them, one query on one thread: the median */
   double exact_seconds; /* of one of all rows */
 } QxTuning;

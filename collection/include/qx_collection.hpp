@@ -190,6 +190,7 @@ struct CollectionSearch {
   AcceptCallback accept = {};
   ProgressCallback progress = {};
   std::int32_t threads = 0;
+  std::int32_t probes = 0;
 };
 
 // ---- What calls give ----
@@ -373,16 +374,16 @@ class RowSet {
   CollectionHits search(std::span<const float> queries, std::int64_t k,
                         const CollectionSearch& search = {}) const {
     const auto n = static_cast<std::int64_t>(rows_of(queries));
-    return given<CollectionHits, QxHits>(search, [&](const QxSearch& c, QxHits** out) {
+    return given<CollectionHits, QxHits*>(search, [&](const QxSearch& c, QxHits** out) {
       return qx_collection_search(handle(), view_.get(), queries.data(), n, k, &c, out);
     });
   }
 
   std::string explain(const CollectionSearch& search = {}) const {
-    return given<OwnedText, char>(search,
-                                  [&](const QxSearch& c, char** out) {
-                                    return qx_collection_explain(handle(), view_.get(), &c, out);
-                                  })
+    return given<OwnedText, char*>(search,
+                                   [&](const QxSearch& c, char** out) {
+                                     return qx_collection_explain(handle(), view_.get(), &c, out);
+                                   })
         .text;
   }
 
@@ -450,25 +451,11 @@ class RowSet {
     return text.c_str();
   }
 
-  std::shared_ptr<QxCollection> collection_;
-
- private:
-  QxOptions schema() const {
-    QxOptions schema;
-    qx_collection_schema(handle(), &schema);
-    return schema;
-  }
   std::size_t rows_of(std::span<const float> matrix) const {
     const auto width = static_cast<std::size_t>(dim());
     require(matrix.size() % width == 0, "the number of floats is no multiple of dim");
     return matrix.size() / width;
   }
-
-  struct OwnedText {
-    explicit OwnedText(char* owned)
-        : text(std::unique_ptr<char, FreedBy<qx_text_free>>(owned).get()) {}
-    std::string text;
-  };
 
   // What a call with a search gives out.
   template <typename Owner, typename Out, typename Call>
@@ -482,12 +469,27 @@ class RowSet {
     c.progress = host.progress;
     c.accept_context = c.progress_context = &host;
     c.threads = search.threads;
-    Out* out = nullptr;
+    c.probes = search.probes;
+    Out out = {};
     if (const std::int32_t status = call(c, &out); status != QX_OK) check(status, host);
     Owner owner(out);
     host.rethrow();  // what a row was refused for
     return owner;
   }
+
+  std::shared_ptr<QxCollection> collection_;
+
+ private:
+  QxOptions schema() const {
+    QxOptions schema;
+    qx_collection_schema(handle(), &schema);
+    return schema;
+  }
+  struct OwnedText {
+    explicit OwnedText(char* owned)
+        : text(std::unique_ptr<char, FreedBy<qx_text_free>>(owned).get()) {}
+    std::string text;
+  };
 
   std::unique_ptr<QxView, FreedBy<qx_view_free>> view_;
 };
@@ -520,6 +522,21 @@ class Collection : public RowSet {
   void compact(const ProgressCallback& on_progress = {}) {
     Callbacks host(on_progress);
     check(qx_collection_compact(handle(), host.progress, &host), host);
+  }
+
+  void train(std::int64_t n_lists, const ProgressCallback& on_progress = {}) {
+    Callbacks host(on_progress);
+    check(qx_collection_train(handle(), n_lists, host.progress, &host), host);
+  }
+
+  // Queries as a search has them; none: rows of the collection are taken.
+  QxTuning tune(std::int64_t k, double recall, std::span<const float> queries = {},
+                const CollectionSearch& search = {}) const {
+    const auto n = static_cast<std::int64_t>(rows_of(queries));
+    return given<QxTuning, QxTuning>(search, [&](const QxSearch& c, QxTuning* out) {
+      const float* const rows = queries.empty() ? nullptr : queries.data();
+      return qx_collection_tune(handle(), rows, n, k, recall, &c, out);
+    });
   }
 
   // A view of the current rows.

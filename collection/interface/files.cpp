@@ -23,7 +23,9 @@ int32_t qx_collection_load(const char* path, const QxOptions* options, QxProgres
                          {progress, context});
     auto made = std::make_unique<QxCollection>(std::move(loaded.shape), threads_of(wanted),
                                                wanted.manual != 0);
-    if (loaded.segment != nullptr) made->collection.adopt(std::move(loaded.segment));
+    if (loaded.sealed.segment != nullptr) {
+      made->collection.adopt(std::move(loaded.sealed), std::move(loaded.lists));
+    }
     slot = made.release();
   });
 }

@@ -85,6 +85,15 @@ int32_t qx_collection_remove(QxCollection* collection, QxIds ids, int64_t* remov
   });
 }
 
+int32_t qx_collection_train(QxCollection* collection, int64_t n_lists, QxProgress progress,
+                            void* context) {
+  return status_of([&] {
+    require(n_lists >= 0 && n_lists <= 65536,
+            [&] { return "n_lists is " + std::to_string(n_lists) + ", outside 0 to 65536"; });
+    given(collection, "the collection").collection.train(n_lists, {progress, context});
+  });
+}
+
 int32_t qx_collection_compact(QxCollection* collection, QxProgress progress, void* context) {
   return status_of([&] {
     given(collection, "the collection").collection.compact({progress, context});

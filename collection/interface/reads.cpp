@@ -4,6 +4,7 @@
 
 #include "interface/handles.h"
 #include "interface/results.h"
+#include "search/tuning.h"
 
 using namespace qx::collection;
 
@@ -16,6 +17,25 @@ int threads_of(const QxCollection& collection, const QxSearch* search) {
   require(search->threads > 0,
           [&] { return "threads is " + std::to_string(search->threads) + ", below 0"; });
   return std::min(most, search->threads);
+}
+
+Progress progress_of(const QxSearch* search) {
+  return {search == nullptr ? nullptr : search->progress,
+          search == nullptr ? nullptr : search->progress_context};
+}
+
+// How many lists a query searches; 0: all rows.
+std::int64_t probes_of(const State& state, const QxSearch* search) {
+  const std::int32_t probes = search == nullptr ? 0 : search->probes;
+  require(probes >= 0, [&] { return "probes is " + std::to_string(probes) + ", below 0"; });
+  require(probes == 0 || state.lists != nullptr,
+          [] { return std::string("there are no lists to probe"); });
+  return probes == 0 || probes >= state.lists->count() ? 0 : probes;
+}
+
+std::string lists_text(std::int64_t probes, const Lists& lists) {
+  return "of " + std::to_string(lists.count()) + " lists, the nearest " + std::to_string(probes) +
+         "\n";
 }
 
 std::string describe(const State& state, const Restriction& restriction) {
@@ -48,17 +68,53 @@ int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
     require(queries != nullptr || n_queries == 0, [] { return "queries is null"; });
     require_finite("query", queries, static_cast<std::size_t>(n_queries), shape.dim);
     const Restriction restriction(shape, search);
-    const Progress progress(search == nullptr ? nullptr : search->progress,
-                            search == nullptr ? nullptr : search->progress_context);
+    const Progress progress = progress_of(search);
     const int threads = threads_of(*collection, search);
     const std::int64_t slots = std::min(k, reading.state().visible_rows());
+    const std::int64_t probes = probes_of(reading.state(), search);
     std::vector<std::vector<Hit>> hits(static_cast<std::size_t>(n_queries));
     if (slots > 0) {
       hits = qx::collection::search(reading.state(), {reading.state(), restriction},
-                                    {queries, n_queries, shape.dim, shape.metric}, slots, threads,
-                                    progress);
+                                    {queries, n_queries, shape.dim, shape.metric, probes}, slots,
+                                    threads, progress);
     }
     slot = new OwnedHits(reading.state(), shape, hits, slots);
+  });
+}
+
+int32_t qx_collection_tune(const QxCollection* collection, const float* queries, int64_t n_queries,
+                           int64_t k, double recall, const QxSearch* search, QxTuning* out) {
+  return status_of([&] {
+    given(out, "out");
+    constexpr std::int64_t kMostSampled = 200;
+    const Reading reading(collection, nullptr);
+    const State& state = reading.state();
+    const std::int32_t dim = reading.shape().dim;
+    require(state.lists != nullptr, [] { return std::string("there are no lists to probe"); });
+    require(queries == nullptr || n_queries >= 1,
+            [&] { return "n_queries is " + std::to_string(n_queries); });
+    require(k >= 1, [&] { return "k is " + std::to_string(k) + ", below 1"; });
+    require(recall > 0 && recall <= 1,
+            [&] { return "recall is " + std::to_string(recall) + ", not above 0 and at most 1"; });
+    std::vector<const float*> given;
+    if (queries == nullptr) {
+      given = sample_of(state, kMostSampled);
+      require(!given.empty(), [] { return std::string("there are no rows to sample"); });
+    } else {
+      require_finite("query", queries, static_cast<std::size_t>(n_queries), dim);
+      for (std::int64_t q = 0; q < n_queries; ++q) given.push_back(queries + q * dim);
+    }
+    std::vector<float> kept(given.size() * static_cast<std::size_t>(dim));
+    float* next = kept.data();
+    for (const float* const query : given) {
+      keep_vector(reading.shape().metric, query, dim, next);
+      next += dim;
+    }
+    const Restriction restriction(reading.shape(), search);
+    *out = tune(state, {state, restriction},
+                {kept.data(), std::ssize(given), dim, reading.shape().metric, 0},
+                std::min(k, std::max<std::int64_t>(state.visible_rows(), 1)), recall,
+                progress_of(search));
   });
 }
 
@@ -69,7 +125,9 @@ int32_t qx_collection_explain(const QxCollection* collection, const QxView* view
   return status_of([&] {
     char*& slot = given(out, "out");
     const Reading reading(collection, view);
-    const std::string text = describe(reading.state(), Restriction(reading.shape(), search));
+    const std::int64_t probes = probes_of(reading.state(), search);
+    std::string text = describe(reading.state(), Restriction(reading.shape(), search));
+    if (probes > 0) text = lists_text(probes, *reading.state().lists) + text;
     slot = new char[text.size() + 1];
     std::memcpy(slot, text.c_str(), text.size() + 1);
   });
@@ -145,4 +203,5 @@ void qx_collection_stats(const QxCollection* collection, QxCollectionStats* out)
         part.segment != nullptr ? 1 : part.rows - part.dead;
   }
   out->bytes = reading.shape().budget->used();
+  out->lists = reading.state().lists == nullptr ? 0 : reading.state().lists->count();
 }

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <bit>
+#include <optional>
 #include <span>
 
 #include "batch/batch.h"
 #include "kernels/kernels.h"
 #include "read/scan.h"
 #include "search/distance_scan.h"
+#include "search/probes.h"
 #include "support/fp_environment.h"
 
 namespace qx::collection {
@@ -24,11 +26,13 @@ struct Task {
 
 // Rows of a task. One query: few enough that threads end together. Several: their codes stay in the
 // second-level cache, so that a row that is read once serves all queries.
-std::int64_t rows_of_task(std::int64_t dim, std::int64_t queries) {
+std::int64_t rows_of_task(const Queries& queries) {
   constexpr std::int64_t kAlone = 65536;
+  constexpr std::int64_t kProbed = std::int64_t{1} << 20;
   constexpr std::int64_t kCachedBytes = std::int64_t{1} << 20;
-  if (queries == 1) return kAlone;
-  return std::clamp<std::int64_t>(kCachedBytes / (dim / 2 + 8) / 64 * 64, 1024, kAlone);
+  if (queries.count == 1) return kAlone;
+  if (queries.probes > 0) return kProbed;
+  return std::clamp<std::int64_t>(kCachedBytes / (queries.dim / 2 + 8) / 64 * 64, 1024, kAlone);
 }
 
 // Queries of a task: all of them, unless rows are too few to keep every thread busy.
@@ -57,7 +61,7 @@ struct Opening {
 
 std::vector<Task> split(const State& state, const Queries& queries, const Opening& opening,
                         int threads) {
-  const std::int64_t most = rows_of_task(queries.dim, queries.count);
+  const std::int64_t most = rows_of_task(queries);
   std::int64_t ranges = 1;
   for (const PartView& view : state.parts) ranges += (view.rows + most - 1) / most;
   const std::int64_t together = queries_of_task(ranges, queries.count, threads);
@@ -72,6 +76,7 @@ std::vector<Task> split(const State& state, const Queries& queries, const Openin
 // What one thread needs, whatever it searches.
 struct Workspace {
   std::vector<std::uint64_t> words;
+  std::vector<std::uint64_t> probed_words;
   std::vector<std::int64_t> rows;
   std::vector<float> scores;
   // Of a batch: rows that wait for their score, kMaskRows for each query, and how many they are.
@@ -145,6 +150,9 @@ class Searcher {
     batch_ = &batch;
   }
 
+  // From now on, queries search these lists alone.
+  void probe(const Probes& probes) { probes_ = &probes; }
+
   void run(const Task& task, Workspace& space) const {
     space.words.resize(static_cast<std::size_t>((task.rows + 63) / 64));
     const bool takes_all = selection_.way(task.part) == Selection::Way::kScan;
@@ -161,20 +169,44 @@ class Searcher {
     space.scores.resize(room);
     if (judges_together(task, selected)) return judge_segment(task, words, space);
     for (std::int64_t q = task.first_query; q < task.first_query + task.queries; ++q) {
-      const SparseQuery sparse(queries_.vector(q), queries_.dim);
-      if (state_.parts[task.part].segment == nullptr) {
-        score_tail(task, q, words, space);
-      } else if (queries_.metric == Metric::kEuclidean) {
-        scan_distances(task, q, words, slots, space);
-      } else if (sparse.is_sparse()) {
-        score_segment(task, q, sparse, words, slots, space);
-      } else {
-        scan_segment(task, q, words, takes_most, slots, space);
+      if (probes_ == nullptr) {
+        search_rows(task, q, words, takes_most, slots, space);
+      } else if (const std::int64_t kept = keep_probed(task, q, words, space); kept > 0) {
+        const std::uint64_t* const probed = space.probed_words.data();
+        search_rows(task, q, probed, 4 * kept >= task.rows, std::min(k_, kept), space);
       }
     }
   }
 
  private:
+  void search_rows(const Task& task, std::int64_t query, const std::uint64_t* words,
+                   bool takes_most, std::int64_t slots, Workspace& space) const {
+    const SparseQuery sparse(queries_.vector(query), queries_.dim);
+    if (state_.parts[task.part].segment == nullptr) {
+      score_tail(task, query, words, space);
+    } else if (queries_.metric == Metric::kEuclidean) {
+      scan_distances(task, query, words, slots, space);
+    } else if (sparse.is_sparse()) {
+      score_segment(task, query, sparse, words, slots, space);
+    } else {
+      scan_segment(task, query, words, takes_most, slots, space);
+    }
+  }
+
+  // Selects, of the rows that `words` select, those of the lists that a query probes. Returns how
+  // many.
+  std::int64_t keep_probed(const Task& task, std::int64_t query, const std::uint64_t* words,
+                           Workspace& space) const {
+    space.probed_words.assign(static_cast<std::size_t>((task.rows + 63) / 64), 0);
+    probes_->mark(state_.parts[task.part], query, task.first, task.rows, space.probed_words);
+    std::int64_t kept = 0;
+    for (std::size_t i = 0; i < space.probed_words.size(); ++i) {
+      if (words != nullptr) space.probed_words[i] &= words[i];
+      kept += count_bits(space.probed_words[i]);
+    }
+    return kept;
+  }
+
   RowSpan span_of(const Task& task, const std::int64_t* ids, const std::uint64_t* words) const {
     return {{false, task.first}, task.rows, ids, words};
   }
@@ -334,6 +366,7 @@ class Searcher {
   std::vector<std::unique_ptr<Best>>& best_;
   const TileKernel* kernel_ = nullptr;
   const CodedBatch* batch_ = nullptr;
+  const Probes* probes_ = nullptr;
 };
 
 // The beginning of the largest segment, where several queries are judged at once: that takes inner
@@ -343,8 +376,9 @@ Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
   constexpr std::int64_t kFewQueries = 8;
   constexpr std::int64_t kLeastRows = 1024;
   Opening opening;
-  if (TileKernel::find() == nullptr || queries.count < kFewQueries) return opening;
-  if (queries.metric == Metric::kEuclidean) return opening;
+  const bool can_judge =
+      TileKernel::find() != nullptr && queries.probes == 0 && queries.metric != Metric::kEuclidean;
+  if (!can_judge || queries.count < kFewQueries) return opening;
   for (std::size_t part = 0; part < state.parts.size(); ++part) {
     const PartView& view = state.parts[part];
     if (view.segment == nullptr || view.segment->index().base_codes.rows == 0) continue;
@@ -372,12 +406,10 @@ std::vector<float> kept_vectors(const Queries& given) {
   return kept;
 }
 
-}  // namespace
-
-std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
-                                     const Queries& given, std::int64_t k, int most_threads,
-                                     const Progress& progress) {
-  if (given.count == 0) return {};
+// One pass, of all rows or of the lists that are probed.
+std::vector<std::vector<Hit>> search_once(const State& state, const Selection& selection,
+                                          const Queries& given, std::int64_t k, int most_threads,
+                                          const Progress& progress) {
   const std::vector<float> kept = kept_vectors(given);
   Queries queries = given;
   if (!kept.empty()) queries.vectors = kept.data();
@@ -396,6 +428,8 @@ std::vector<std::vector<Hit>> search(const State& state, const Selection& select
       });
     });
   };
+  std::optional<Probes> probes;
+  if (queries.probes > 0) searcher.probe(probes.emplace(*state.lists, queries));
   CodedBatch batch(queries.dim);
   Opening opening;
   in_default_fp_environment([&] { opening = find_opening(state, queries, k, batch); });
@@ -411,6 +445,31 @@ std::vector<std::vector<Hit>> search(const State& state, const Selection& select
   in_default_fp_environment([&] {
     for (std::size_t q = 0; q < best.size(); ++q) hits[q] = best[q]->take();
   });
+  return hits;
+}
+
+}  // namespace
+
+std::vector<std::vector<Hit>> search(const State& state, const Selection& selection,
+                                     const Queries& queries, std::int64_t k, int threads,
+                                     const Progress& progress) {
+  if (queries.count == 0) return {};
+  auto hits = search_once(state, selection, queries, k, threads, progress);
+  if (queries.probes == 0) return hits;
+  std::vector<float> again;
+  std::vector<std::size_t> numbers;
+  for (std::size_t q = 0; q < hits.size(); ++q) {
+    if (std::ssize(hits[q]) == k) continue;
+    const float* const query = queries.vector(static_cast<std::int64_t>(q));
+    again.insert(again.end(), query, query + queries.dim);
+    numbers.push_back(q);
+  }
+  const std::int64_t probes = 4 * queries.probes;
+  auto further = search(state, selection,
+                        {again.data(), std::ssize(numbers), queries.dim, queries.metric,
+                         probes < state.lists->count() ? probes : 0},
+                        k, threads, progress);
+  for (std::size_t i = 0; i < numbers.size(); ++i) hits[numbers[i]] = std::move(further[i]);
   return hits;
 }
 

@@ -1,5 +1,7 @@
 #include "state/collection.h"
 
+#include "lists/kmeans.h"
+
 #if defined(__linux__)
 #include <sys/resource.h>
 #endif
@@ -58,9 +60,11 @@ std::int64_t Collection::remove(std::vector<Key> keys) {
   return change([&](Edit& edit) { return edit.remove(std::move(keys)); });
 }
 
-void Collection::adopt(std::shared_ptr<Segment> segment) {
+void Collection::adopt(Sealed sealed, std::shared_ptr<const Lists> lists) {
   change([&](Edit& edit) {
-    edit.replace({}, std::move(segment));
+    Division division{{sealed.segment.get(), sealed.members}};
+    edit.replace({}, std::move(sealed));
+    edit.relist(std::move(lists), division);
     return true;
   });
 }
@@ -70,11 +74,12 @@ void Collection::adopt(std::shared_ptr<Segment> segment) {
 // Searches and changes go on while the segment is built.
 void Collection::merge_segments(Lock& lock, const std::vector<PartView>& parts,
                                 const std::function<void(std::int64_t)>& check) {
+  const std::shared_ptr<const Lists> lists = state_.get()->lists;
   lock.unlock();
-  std::shared_ptr<Segment> segment = merge(shape_, parts, check);
+  Sealed sealed = merge(shape_, lists, parts, check);
   lock.lock();
   Edit edit(shape_, *state_.get(), 0);
-  edit.replace(parts, std::move(segment));
+  edit.replace(parts, std::move(sealed));
   publish(lock, edit);
 }
 
@@ -91,6 +96,42 @@ void Collection::compact(const Progress& progress) {
   if (is_compact || state->parts.empty()) return;
   merge_segments(lock, state->parts, [&](std::int64_t done) { progress.report(done, rows); });
 }
+
+// ---- Lists ----
+
+// Searches and changes go on until the last step, which divides what has come meanwhile. Segments
+// are not merged, so that most of them are still there.
+void Collection::train(std::int64_t count, const Progress& progress) {
+  const Lock running(merging_.running);
+  const std::shared_ptr<const State> state = state_.get();
+  require(count <= state->visible_rows(), [&] {
+    return std::to_string(count) + " lists of " + std::to_string(state->visible_rows()) + " rows";
+  });
+  std::shared_ptr<const Lists> lists;
+  Division division;
+  if (count > 0) {
+    constexpr std::int64_t kRowsOfAList = 64;
+    const std::vector<const float*> sample = sample_of(*state, kRowsOfAList * count);
+    std::int64_t done = tasks_of_training(std::ssize(sample));
+    std::int64_t whole = done;
+    for (const PartView& view : state->parts) whole += tasks_of_lists(view.rows);
+    lists = find_lists(sample, count, shape_.dim, nearness_of(shape_), shape_.budget, threads_,
+                       progress, whole);
+    for (const PartView& view : state->parts) {
+      if (view.segment == nullptr) continue;
+      division[view.segment] =
+          divide(shape_, lists.get(), *view.segment, progress.part(done, whole));
+      done += tasks_of_lists(view.rows);
+    }
+    progress.report(whole, whole);
+  }
+  const Lock lock(writing_);
+  Edit edit(shape_, *state_.get(), 0);
+  edit.relist(std::move(lists), division);
+  publish(lock, edit);
+}
+
+// ---- Merging, by a thread ----
 
 // Starts the thread, or wakes it. The change has been made: without a thread, or memory, segments
 // wait for the next one.
@@ -162,7 +203,7 @@ void View::merge_segments() noexcept try {
   const std::vector<PartView> parts = choose_merged(shape_, state_, own_);
   if (parts.empty()) return;
   Edit edit(shape_, state_, own_);
-  edit.replace(parts, merge(shape_, parts, {}));
+  edit.replace(parts, merge(shape_, state_.lists, parts, {}));
   state_ = edit.commit();
 } catch (const std::bad_alloc&) {
 }

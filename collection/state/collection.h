@@ -25,9 +25,12 @@ class Collection {
   void upsert(const Rows& rows);
   std::int64_t remove(std::vector<Key> keys);
   void compact(const Progress& progress);
+  // Divides the rows into so many lists; 0: none.
+  void train(std::int64_t count, const Progress& progress);
 
-  // Adds a segment whose ids have no row. For an empty collection.
-  void adopt(std::shared_ptr<Segment> segment);
+  // Adds a segment whose ids have no row, and the lists that it is divided by. For an empty
+  // collection.
+  void adopt(Sealed sealed, std::shared_ptr<const Lists> lists);
 
  private:
   using Lock = std::unique_lock<std::mutex>;

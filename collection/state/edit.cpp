@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <map>
 #include <numeric>
+
+#include "lists/kmeans.h"
 
 namespace qx::collection {
 namespace {
@@ -136,9 +137,10 @@ std::vector<PartView>::iterator Edit::tail() {
                       [](const PartView& view) { return view.segment == nullptr; });
 }
 
-void Edit::add(std::shared_ptr<Segment> segment) {
-  const Segment* const same = segment.get();
-  next_.parts.push_back({std::move(segment), same, same->rows(), 0, 0, nullptr});
+void Edit::add(Sealed sealed) {
+  const Segment* const segment = sealed.segment.get();
+  next_.parts.push_back({std::move(sealed.segment), segment, segment->rows(), 0, 0, nullptr,
+                         std::move(sealed.members)});
 }
 
 void Edit::upsert(const Rows& rows) {
@@ -149,18 +151,20 @@ void Edit::upsert(const Rows& rows) {
   if (!is_bulk && tail() != next_.parts.end() && tail()->rows + count > capacity) seal_tail();
   find_replaced(rows.keys());
   if (!is_bulk) return append(rows, order);
-  add(build(
+  std::shared_ptr<Segment> segment = build(
       shape_, order.size(), [&](std::size_t i) { return rows.keys()[order[i]]; },
       [&](std::size_t i, float* to) {
         keep_vector(shape_.metric, rows.vector(order[i]), shape_.dim, to);
       },
-      [&](std::size_t i, std::size_t c) { return rows.value(order[i], c); }, {}));
+      [&](std::size_t i, std::size_t c) { return rows.value(order[i], c); }, {});
+  auto members = divide(shape_, next_.lists.get(), *segment, {nullptr, nullptr});
+  add({std::move(segment), std::move(members)});
 }
 
 void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   if (order.empty()) return;
   if (tail() == next_.parts.end()) {
-    next_.parts.push_back({std::make_shared<Tail>(shape_), nullptr, 0, 0, 0, nullptr});
+    next_.parts.push_back({std::make_shared<Tail>(shape_), nullptr, 0, 0, 0, nullptr, nullptr});
   }
   PartView& view = *tail();
   auto& part = static_cast<Tail&>(*view.part);
@@ -169,16 +173,18 @@ void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   std::vector<Value> values(shape_.schema.size());
   for (const std::size_t row : order) {
     for (std::size_t c = 0; c < values.size(); ++c) values[c] = rows.value(row, c);
-    part.write(view.rows++, rows.keys()[row], rows.vector(row), values);
+    const std::int64_t at = view.rows++;
+    part.write(at, rows.keys()[row], rows.vector(row), values);
+    if (next_.lists != nullptr) part.lists()[at] = next_.lists->list_of(part.vector(at));
   }
 }
 
 void Edit::seal_tail() {
   const auto view = tail();
   if (view == next_.parts.end()) return;
-  std::shared_ptr<Segment> segment = merge(shape_, {*view}, {});
+  Sealed sealed = merge(shape_, next_.lists, {*view}, {});
   next_.parts.erase(view);
-  if (segment != nullptr) add(std::move(segment));
+  if (sealed.segment != nullptr) add(std::move(sealed));
 }
 
 std::int64_t Edit::remove(std::vector<Key> keys) {
@@ -226,7 +232,8 @@ State Edit::commit() noexcept {
 }
 
 // Rows that died since they were merged die in the new segment too.
-void Edit::replace(const std::vector<PartView>& merged, std::shared_ptr<Segment> segment) {
+void Edit::replace(const std::vector<PartView>& merged, Sealed sealed) {
+  const Segment* const segment = sealed.segment.get();
   for (const PartView& before : merged) {
     const auto now = std::ranges::find(next_.parts, before.part, &PartView::part);
     for (std::int64_t row = 0; segment != nullptr && row < before.rows; ++row) {
@@ -238,24 +245,64 @@ void Edit::replace(const std::vector<PartView>& merged, std::shared_ptr<Segment>
   std::erase_if(next_.parts, [&](const PartView& view) {
     return std::ranges::find(merged, view.part, &PartView::part) != merged.end();
   });
-  if (segment != nullptr) add(std::move(segment));
+  if (segment != nullptr) add(std::move(sealed));
 }
 
-std::shared_ptr<Segment> merge(const Shape& shape, const std::vector<PartView>& parts,
-                               const std::function<void(std::int64_t)>& check) {
-  const State state{parts};
+void Edit::relist(std::shared_ptr<const Lists> lists, Division& division) {
+  seal_tail();
+  next_.lists = std::move(lists);
+  for (PartView& view : next_.parts) {
+    std::shared_ptr<const Members>& members = division[view.segment];
+    if (members == nullptr) {
+      members = divide(shape_, next_.lists.get(), *view.segment, {nullptr, nullptr});
+    }
+    view.members = members;
+  }
+}
+
+std::shared_ptr<const Members> divide(const Shape& shape, const Lists* lists,
+                                      const Segment& segment, const Progress& progress) {
+  if (lists == nullptr) return nullptr;
+  const std::vector<ListNumber> numbers = lists_of(
+      *lists, segment.rows(), [&](std::int64_t row) { return segment.vector(row); }, cpus(),
+      progress);
+  return std::make_shared<const Members>(numbers, lists->count(), shape.budget);
+}
+
+namespace {
+
+// The rows of `order` by the lists that they are in.
+std::shared_ptr<const Members> divide_again(const Shape& shape, const State& state,
+                                            const std::vector<Location>& order) {
+  if (state.lists == nullptr) return nullptr;
+  std::vector<std::vector<ListNumber>> lists;
+  for (const PartView& view : state.parts) lists.push_back(view.lists());
+  std::vector<ListNumber> numbers;
+  numbers.reserve(order.size());
+  for (const Location at : order) {
+    numbers.push_back(lists[at.part()][static_cast<std::size_t>(at.row())]);
+  }
+  return std::make_shared<const Members>(numbers, state.lists->count(), shape.budget);
+}
+
+}  // namespace
+
+Sealed merge(const Shape& shape, const std::shared_ptr<const Lists>& lists,
+             const std::vector<PartView>& parts, const std::function<void(std::int64_t)>& check) {
+  const State state{parts, lists};
   std::vector<Location> order;
   order.reserve(static_cast<std::size_t>(state.visible_rows()));
   Cursor cursor(state, nullptr);
   for (Location at; cursor.next(&at);) order.push_back(at);
-  if (order.empty()) return nullptr;
-  return build(
+  if (order.empty()) return {};
+  std::shared_ptr<Segment> segment = build(
       shape, order.size(), [&](std::size_t i) { return state.key(order[i]); },
       [&](std::size_t i, float* to) {
         std::copy_n(state.part(order[i]).vector(order[i].row()), shape.dim, to);
       },
       [&](std::size_t i, std::size_t c) { return state.part(order[i]).value(order[i].row(), c); },
       check);
+  return {std::move(segment), divide_again(shape, state, order)};
 }
 
 }  // namespace qx::collection

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 
 #include "state/state.h"
+#include "threads/pool.h"
 
 namespace qx::collection {
 
@@ -30,6 +32,19 @@ std::vector<Key> keys_of(const Shape& shape, QxIds ids);
 void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim,
                     std::size_t first = 0);
 
+// A new segment, and where the state has lists, the rows of each.
+struct Sealed {
+  std::shared_ptr<Segment> segment;  // null: of no rows
+  std::shared_ptr<const Members> members;
+};
+
+// The rows of segments by new lists.
+using Division = std::map<const Segment*, std::shared_ptr<const Members>>;
+
+// The rows of a segment by lists; null without lists.
+std::shared_ptr<const Members> divide(const Shape& shape, const Lists* lists,
+                                      const Segment& segment, const Progress& progress);
+
 class Edit {
  public:
   // Of a state whose parts from `own` on belong to the caller. Rows of the others are hidden from
@@ -46,7 +61,9 @@ class Edit {
   std::int64_t remove(std::vector<Key> keys);  // returns how many had a row
   void seal_tail();
   // Puts a segment of the rows that were visible in `merged` in their place.
-  void replace(const std::vector<PartView>& merged, std::shared_ptr<Segment> segment);
+  void replace(const std::vector<PartView>& merged, Sealed sealed);
+  // Divides all rows by other lists, or by none. Segments that are not in `division` come to it.
+  void relist(std::shared_ptr<const Lists> lists, Division& division);
 
   // Makes the changes, and gives the state that has them. Earlier states do not change.
   State commit() noexcept;
@@ -57,7 +74,7 @@ class Edit {
   void kill(Location at);
   // The tail that takes rows, or past the end.
   std::vector<PartView>::iterator tail();
-  void add(std::shared_ptr<Segment> segment);
+  void add(Sealed sealed);
 
   const Shape& shape_;
   State next_;
@@ -70,8 +87,8 @@ class Edit {
 // The own segments that should become one: one with many dead rows, or small ones.
 std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own);
 
-// One segment of the visible rows of some parts; null if there is none. `check(done)` may throw.
-std::shared_ptr<Segment> merge(const Shape& shape, const std::vector<PartView>& parts,
-                               const std::function<void(std::int64_t)>& check);
+// One segment of the visible rows of some parts of a state with `lists`. `check(done)` may throw.
+Sealed merge(const Shape& shape, const std::shared_ptr<const Lists>& lists,
+             const std::vector<PartView>& parts, const std::function<void(std::int64_t)>& check);
 
 }  // namespace qx::collection

@@ -1,29 +1,27 @@
 #include "state/segment.h"
 
 #include <algorithm>
-#include <new>
 
-#include "store/base.h"
-#include "store/codes.h"
 #include "support/fp_environment.h"
-#include "support/memory.h"
 
 namespace qx::collection {
 namespace {
 
 std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
 
-// Beside the ids: vectors, the engine's two tables, codes, deaths, norms.
+// Beside what the index takes: ids, deaths, norms.
 std::int64_t bytes_of(const Shape& shape, std::int64_t rows) {
-  const std::int64_t dim = shape.dim;
-  const std::int64_t codes = is_worth_coding(rows, dim) ? rows * (dim + 6) + 4096 : 0;
   const std::int64_t norms = shape.metric == Metric::kEuclidean ? 4 : 0;
-  return rows * (4 * dim + 16 + 4 + 8 + norms) + codes + 1024;
+  return SealedIndex::bytes_of(rows, shape.dim) + rows * (4 + 8 + norms);
 }
 
 }  // namespace
 
-Segment::~Segment() { qx_index_free(index_); }
+Segment::Segment(const Shape& shape, std::int64_t rows)
+    : Part(rows),
+      share_(shape.budget, bytes_of(shape, rows)),
+      rows_(rows),
+      index_(rows, shape.dim) {}
 
 Key Segment::key(std::int64_t row) const {
   if (text_starts_.empty()) return {numbers_[at(row)], {}};
@@ -31,9 +29,7 @@ Key Segment::key(std::int64_t row) const {
   return {0, std::string_view(texts_).substr(start, text_starts_[at(row) + 1] - start)};
 }
 
-const float* Segment::vector(std::int64_t row) const {
-  return index_->base_vectors + row * dim_of(*index_);
-}
+const float* Segment::vector(std::int64_t row) const { return index_.vector(row); }
 
 Value Segment::value(std::int64_t row, std::size_t column) const {
   return columns_[column].at(row);
@@ -64,17 +60,7 @@ void Segment::filter(const Predicate& predicate, std::int64_t first, std::int64_
 }
 
 SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
-    : shape_(shape), segment_(new Segment(rows)) {
-  segment_->share_ = {shape.budget, bytes_of(shape, rows)};
-  void* const block = try_allocate(sizeof(QxIndex));
-  if (block == nullptr) throw std::bad_alloc();
-  segment_->index_ = new (block) QxIndex;
-  auto* const vectors =
-      static_cast<float*>(try_allocate(rows * shape.dim * std::int64_t{sizeof(float)}));
-  if (vectors == nullptr || !adopt_base(*segment_->index_, vectors, rows, shape.dim)) {
-    release(vectors);
-    throw std::bad_alloc();
-  }
+    : shape_(shape), segment_(new Segment(shape, rows)) {
   if (shape.metric == Metric::kEuclidean) segment_->half_norms_.reset(new float[at(rows)]);
   if (shape.has_texts) {
     segment_->text_starts_.reserve(at(rows) + 1);
@@ -99,12 +85,10 @@ SegmentBuilder::IdArrays SegmentBuilder::all_ids(std::int64_t text_bytes) {
   return {segment_->numbers_, starts.subspan(starts.empty() ? 0 : 1), segment_->texts_};
 }
 
-float* SegmentBuilder::vector(std::int64_t row) {
-  return segment_->index_->base_vectors + row * shape_.dim;
-}
+float* SegmentBuilder::vector(std::int64_t row) { return segment_->index_.vector(row); }
 
 void SegmentBuilder::complete(std::int64_t first, std::int64_t end) {
-  derive_rows(*segment_->index_, first, end);
+  segment_->index_.complete(first, end);
   if (segment_->half_norms_ == nullptr) return;
   in_default_fp_environment([&] {
     for (std::int64_t row = first; row < end; ++row) {

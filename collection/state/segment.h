@@ -5,14 +5,13 @@
 #include <span>
 #include <string>
 
+#include "index/sealed_index.h"
 #include "state/part.h"
-#include "store/qx_index.h"
 
 namespace qx::collection {
 
 class Segment final : public Part {
  public:
-  ~Segment() override;
   Key key(std::int64_t row) const override;
   const float* vector(std::int64_t row) const override;
   Value value(std::int64_t row, std::size_t column) const override;
@@ -22,22 +21,22 @@ class Segment final : public Part {
               std::uint64_t* words) const override;
 
   std::int64_t rows() const { return rows_; }
-  const QxIndex& index() const { return *index_; }
+  const QxIndex& index() const { return index_.get(); }
   // half_norm_below() of each row, with Metric::kEuclidean.
   const float* half_norms() const { return half_norms_.get(); }
 
  private:
   friend class SegmentBuilder;
-  explicit Segment(std::int64_t rows) : Part(rows), rows_(rows) {}
+  Segment(const Shape& shape, std::int64_t rows);
 
+  Budget::Share share_;
   std::int64_t rows_;
-  QxIndex* index_ = nullptr;
+  SealedIndex index_;
   std::unique_ptr<float[]> half_norms_;
   std::vector<std::int64_t> numbers_;       // of ids that are numbers
   std::vector<std::uint64_t> text_starts_;  // of ids that are texts: rows + 1, in texts_
   std::string texts_;
   std::vector<Column> columns_;
-  Budget::Share share_;
 };
 
 // Use: add every id, fill and complete every vector, add every column, finish.

@@ -4,6 +4,26 @@
 
 namespace qx::collection {
 
+std::vector<ListNumber> PartView::lists() const {
+  if (segment != nullptr) return members->lists();
+  const ListNumber* const first = static_cast<const Tail&>(*part).lists();
+  return {first, first + rows};
+}
+
+std::vector<const float*> sample_of(const State& state, std::int64_t most) {
+  const std::int64_t rows = state.visible_rows();
+  const std::int64_t wanted = std::min(rows, most);
+  std::vector<const float*> sample;
+  sample.reserve(static_cast<std::size_t>(wanted));
+  Cursor cursor(state, nullptr);
+  Location at;
+  for (std::int64_t row = 0; std::ssize(sample) < wanted && cursor.next(&at); ++row) {
+    if (std::ssize(sample) * rows / wanted != row) continue;
+    sample.push_back(state.part(at).vector(at.row()));
+  }
+  return sample;
+}
+
 Cursor::Cursor(const State& state, const Key* after) : state_(state), rests_(state.parts.size()) {
   for (std::size_t p = 0; p < state.parts.size(); ++p) {
     if (state.parts[p].segment == nullptr) {

@@ -2,6 +2,7 @@
 // here.
 #pragma once
 
+#include "lists/lists.h"
 #include "state/segment.h"
 #include "state/tail.h"
 
@@ -16,6 +17,7 @@ struct PartView {
   std::uint32_t seen = 0;  // how many of the changes that killed rows
   // A bit for each row that a view hides from itself; none without a view's changes.
   std::shared_ptr<std::vector<std::uint64_t>> hidden;
+  std::shared_ptr<const Members> members;  // of a segment, in a state that has lists
 
   bool is_hidden(std::int64_t row) const {
     return hidden != nullptr &&
@@ -34,7 +36,14 @@ struct PartView {
     const std::int64_t row = part->find(key, rows, seen);
     return row >= 0 && is_hidden(row) ? -1 : row;
   }
+  // The list of each row. Requires: the state has lists.
+  std::vector<ListNumber> lists() const;
 };
+
+// By what the rows of a collection are divided into lists.
+inline Nearness nearness_of(const Shape& shape) {
+  return shape.metric == Metric::kEuclidean ? Nearness::kDistance : Nearness::kInnerProduct;
+}
 
 // Where a row is: in eight bytes, since merges list all rows.
 class Location {
@@ -58,6 +67,7 @@ class Location {
 // Invariant: an id has at most one visible row.
 struct State {
   std::vector<PartView> parts;
+  std::shared_ptr<const Lists> lists;  // null: none
 
   std::int64_t visible_rows() const {
     std::int64_t rows = 0;
@@ -76,6 +86,9 @@ struct State {
     return {};
   }
 };
+
+// The vectors of `most` visible rows, or all: at even distances in the order of ids.
+std::vector<const float*> sample_of(const State& state, std::int64_t most);
 
 // The visible rows in ascending order of their ids.
 class Cursor {

@@ -12,7 +12,7 @@ std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
 
 std::int64_t bytes_of(const Shape& shape) {
   const auto columns = static_cast<std::int64_t>(shape.schema.size() * sizeof(Value));
-  const std::int64_t row = 4 * shape.dim + 12 + std::int64_t{sizeof(Key)} + columns;
+  const std::int64_t row = 4 * shape.dim + 12 + 4 + std::int64_t{sizeof(Key)} + columns;
   return Tail::capacity_of(shape) * row;
 }
 
@@ -29,6 +29,7 @@ Tail::Tail(const Shape& shape)
       share_(shape.budget, bytes_of(shape)),
       hashes_(new std::uint64_t[at(capacity_of(shape))]),
       keys_(new Key[at(capacity_of(shape))]),
+      lists_(new ListNumber[at(capacity_of(shape))]),
       values_(new Value[at(capacity_of(shape)) * shape.schema.size()]) {
   const std::int64_t floats = capacity_of(shape) * shape.dim;
   vectors_ = static_cast<float*>(try_allocate(floats * std::int64_t{sizeof(float)}));

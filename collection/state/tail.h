@@ -5,6 +5,7 @@
 #include <deque>
 #include <string>
 
+#include "lists/lists.h"
 #include "state/part.h"
 
 namespace qx::collection {
@@ -28,6 +29,10 @@ class Tail final : public Part {
   void write(std::int64_t row, const Key& key, const float* vector,
              const std::vector<Value>& values);
 
+  // The lists of the rows, in a state that has lists; of rows that no state has yet, to be set.
+  ListNumber* lists() { return lists_.get(); }
+  const ListNumber* lists() const { return lists_.get(); }
+
   // The texts that rows took, and what a writer that fails does with those it added.
   std::size_t texts() const { return texts_.size(); }
   void forget_texts_beyond(std::size_t texts) noexcept;
@@ -40,6 +45,7 @@ class Tail final : public Part {
   float* vectors_;
   std::unique_ptr<std::uint64_t[]> hashes_;
   std::unique_ptr<Key[]> keys_;
+  std::unique_ptr<ListNumber[]> lists_;
   std::unique_ptr<Value[]> values_;  // row after row
   std::deque<std::string> texts_;    // of keys and values; the writer's
 };

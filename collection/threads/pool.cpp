@@ -206,7 +206,8 @@ std::thread start_thread(std::function<void()> body) {
 }
 
 void Progress::report(std::int64_t done, std::int64_t total) const {
-  if (callback_ != nullptr && callback_(context_, done, total) != 0) {
+  if (callback_ == nullptr) return;
+  if (callback_(context_, before_ + done, whole_ == 0 ? total : whole_) != 0) {
     throw Error(QX_CANCELLED, "cancelled by the progress callback");
   }
 }

@@ -21,12 +21,23 @@ std::thread start_thread(std::function<void()> body);
 class Progress {
  public:
   Progress(QxProgress callback, void* context) : callback_(callback), context_(context) {}
+
+  // For a part of the work, before which `before` of `whole` are done.
+  Progress part(std::int64_t before, std::int64_t whole) const {
+    Progress part = *this;
+    part.before_ = before;
+    part.whole_ = whole;
+    return part;
+  }
+
   // Throws Error(QX_CANCELLED) if the host cancels. Must be called on the host's thread.
   void report(std::int64_t done, std::int64_t total) const;
 
  private:
   QxProgress callback_;  // null: nobody wants to know
   void* context_;
+  std::int64_t before_ = 0;
+  std::int64_t whole_ = 0;  // of a part
 };
 
 // Calls task(i, worker) once for each i from 0 to tasks - 1, in that order but on up to `threads`

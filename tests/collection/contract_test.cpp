@@ -45,6 +45,7 @@ struct Call {
   char* text = nullptr;
   std::int64_t removed = 77;
   std::uint8_t found[2] = {77, 77};
+  QxTuning tuning = {};
 
   Call() { EXPECT_EQ(qx_collection_upsert(collection.get(), id, vectors, values), QX_OK); }
 
@@ -64,6 +65,14 @@ struct Call {
   std::int32_t filter(const char* condition) {
     search.filter = condition;
     return find();
+  }
+  std::int32_t train(std::int64_t lists) {
+    return qx_collection_train(collection.get(), lists, nullptr, nullptr);
+  }
+  std::int32_t tune(const float* queries, std::int64_t count, std::int64_t k = 1,
+                    double recall = 1) {
+    EXPECT_EQ(train(1), QX_OK);
+    return qx_collection_tune(collection.get(), queries, count, k, recall, &search, &tuning);
   }
   std::int32_t explain() {
     return qx_collection_explain(collection.get(), nullptr, &search, &text);
@@ -157,6 +166,26 @@ const Refusal kRefusals[] = {
     REFUSED("filter, byte 0: found x, expected the name of a column", , c.filter("x = 1")),
     REFUSED("filter, byte 4: found the end, expected a number of 64 bits to compare with i", ,
             c.filter("i = ")),
+
+    REFUSED("probes is -1, below 0", c.search.probes = -1, c.find()),
+    REFUSED("there are no lists to probe", c.search.probes = 1, c.find()),
+    REFUSED("there are no lists to probe", c.search.probes = 1, c.explain()),
+    REFUSED("n_lists is -1, outside 0 to 65536", , c.train(-1)),
+    REFUSED("n_lists is 65537, outside 0 to 65536", , c.train(65537)),
+    REFUSED("2 lists of 1 rows", , c.train(2)),
+    REFUSED("the collection is null", , qx_collection_train(nullptr, 1, nullptr, nullptr)),
+    REFUSED("out is null", ,
+            qx_collection_tune(c.collection.get(), nullptr, 0, 1, 1, nullptr, nullptr)),
+    REFUSED("the collection is null", ,
+            qx_collection_tune(nullptr, nullptr, 0, 1, 1, nullptr, &c.tuning)),
+    REFUSED("there are no lists to probe", ,
+            qx_collection_tune(c.collection.get(), nullptr, 0, 1, 1, nullptr, &c.tuning)),
+    REFUSED("n_queries is 0", , c.tune(c.vectors, 0)),
+    REFUSED("k is 0, below 1", , c.tune(nullptr, 0, 0)),
+    REFUSED("recall is 0.000000, not above 0 and at most 1", , c.tune(nullptr, 0, 1, 0)),
+    REFUSED("recall is 1.500000, not above 0 and at most 1", , c.tune(nullptr, 0, 1, 1.5)),
+    REFUSED("recall is nan, not above 0 and at most 1", , c.tune(nullptr, 0, 1, kNaN)),
+    REFUSED("component 1 of query 1 is not finite", c.vectors[3] = kNaN, c.tune(c.vectors, 2)),
 
     REFUSED("out is null", , qx_collection_explain(c.collection.get(), nullptr, nullptr, nullptr)),
     REFUSED("the collection is null", , qx_collection_explain(nullptr, nullptr, nullptr, &c.text)),

@@ -330,7 +330,7 @@ struct Crafted {
     std::string name;
   };
   std::uint64_t version = 1, dim = 2, id_kind = QX_NUMBERS, metric = QX_EUCLIDEAN, rows = 3,
-                id_bytes = 0;
+                id_bytes = 0, lists = 0;
   std::vector<Column> columns = {{QX_INTEGER, 1, 0, 0, "n"},
                                  {QX_REAL, 2, 0, 0, "r"},
                                  {QX_BOOLEAN, 2, 0, 0, "b"},
@@ -339,6 +339,7 @@ struct Crafted {
   std::string ids = bytes_of({~0ull, 5, 300}, 8), id_texts;
   std::string vectors =
       bytes_of({0x3F800000, 0x80000000, 0x00000001, 0xC0490FDB, 0x7F7FFFFF, 0x3DCCCCCD}, 4);
+  std::string centroids, list_of_rows;
   std::string known_n = bytes_of({0b110}, 8), n = bytes_of({0, 7, ~0ull - 1}, 8);
   std::string r = bytes_of({0xFFFFFFFFFFFFFFFF, 0x3FF8000000000000, 0xBFF7FFFFFFFFFFFF}, 8);
   std::string b = bytes_of({0b101}, 8);
@@ -346,15 +347,16 @@ struct Crafted {
   std::string ends = bytes_of({1, 3}, 8), texts = "abb";
 
   std::string bytes() const {
-    std::string numbers = bytes_of({dim, id_kind, metric, rows, id_bytes, columns.size()}, 8);
+    std::string numbers =
+        bytes_of({dim, id_kind, metric, rows, id_bytes, lists, columns.size()}, 8);
     for (const Column& c : columns) {
       numbers += bytes_of({c.type, c.known, c.texts, c.text_bytes, c.name.size()}, 8) + c.name;
     }
     std::string file("\x89QXC\r\n\x1A\n");
     file += bytes_of({version, 24 + numbers.size() + 8}, 8) + numbers;
     file += bytes_of({XXH3_64bits(file.data(), file.size())}, 8);
-    for (const auto* array :
-         {&ids, &id_texts, &vectors, &known_n, &n, &r, &b, &known_t, &t, &ends, &texts}) {
+    for (const auto* array : {&ids, &id_texts, &vectors, &centroids, &list_of_rows, &known_n, &n,
+                              &r, &b, &known_t, &t, &ends, &texts}) {
       if (array->empty()) continue;
       const std::uint64_t place = file.size();
       file += *array + bytes_of({XXH3_64bits_withSeed(array->data(), array->size(), place)}, 8);
@@ -363,20 +365,28 @@ struct Crafted {
   }
 };
 
+Crafted crafted_lists() {
+  Crafted crafted;
+  crafted.lists = 2;
+  crafted.centroids = bytes_of({0x3F800000, 0, 0x80000000, 0xBF800000}, 4);
+  crafted.list_of_rows = bytes_of({1, 0, 1}, 4);
+  return crafted;
+}
+
 // In hexadecimal: changes with the format alone.
 constexpr char kGolden[] =
-    "895158430d0a1a0a010000000000000021010000000000000200000000000000000000000000000002000000000000"
-    "0003000000000000000000000000000000050000000000000000000000000000000100000000000000000000000000"
-    "0000000000000000000001000000000000006e01000000000000000200000000000000000000000000000000000000"
-    "0000000001000000000000007202000000000000000200000000000000000000000000000000000000000000000100"
-    "0000000000006203000000000000000100000000000000020000000000000003000000000000000100000000000000"
-    "7403000000000000000000000000000000000000000000000000000000000000000500000000000000656d707479d4"
-    "5452e7a021a403ffffffffffffffff05000000000000002c010000000000009d166bf07c15cbb60000803f00000080"
-    "01000000db0f49c0ffff7f7fcdcccc3d4632e178f9770a5f0600000000000000610ef218659c647800000000000000"
-    "000700000000000000feffffffffffffff7906c3adc9e60e6dffffffffffffffff000000000000f83fffffffffffff"
-    "f7bfaacc05ca942cd44b05000000000000007720a5a3d0312428050000000000000003e489e6c7ede6910100000000"
-    "000000000000000d15d7c4d63f74ff01000000000000000300000000000000270f78521c259d35616262daf025acd3"
-    "1b964d";
+    "895158430d0a1a0a010000000000000029010000000000000200000000000000000000000000000002000000000000"
+    "0003000000000000000000000000000000000000000000000005000000000000000000000000000000010000000000"
+    "00000000000000000000000000000000000001000000000000006e0100000000000000020000000000000000000000"
+    "0000000000000000000000000100000000000000720200000000000000020000000000000000000000000000000000"
+    "0000000000000100000000000000620300000000000000010000000000000002000000000000000300000000000000"
+    "0100000000000000740300000000000000000000000000000000000000000000000000000000000000050000000000"
+    "0000656d707479805b631fa6363548ffffffffffffffff05000000000000002c01000000000000a6a34e6a7e60dd55"
+    "0000803f0000008001000000db0f49c0ffff7f7fcdcccc3dbe33f5b2c952db0f0600000000000000412973ecb4f343"
+    "e200000000000000000700000000000000feffffffffffffffec2e7e59d9d6a233ffffffffffffffff000000000000"
+    "f83ffffffffffffff7bf80517f9201eee17d0500000000000000869507ee7f11658b050000000000000011fd7a323c"
+    "52c33d010000000000000000000000423602d76ca95bf3010000000000000003000000000000001f19281af1008443"
+    "61626211bdd3f3e6eb108b";
 
 // The same rows, upserted.
 Owner<QxCollection> crafted_rows() {
@@ -415,6 +425,15 @@ TEST(CollectionFiles, HaveTheBytesOfTheFormat) {
   EXPECT_EQ(contents_of(loaded_from(bytes).get()), contents_of(crafted_rows().get()));
 }
 
+TEST(CollectionFiles, KeepLists) {
+  const std::string bytes = crafted_lists().bytes();
+  const auto loaded = loaded_from(bytes);
+  EXPECT_EQ(saved(loaded.get()), bytes);
+  QxCollectionStats stats;
+  qx_collection_stats(loaded.get(), &stats);
+  EXPECT_EQ(stats.lists, 2);
+}
+
 struct Case {
   std::function<void(Crafted&)> change;
   const char* message;
@@ -426,6 +445,12 @@ const Case kNotOfTheFormat[] = {
     {[](Crafted& c) { c.dim = 65536, c.rows = 0xFFFFFFFF; }, "ends too soon"},
     {[](Crafted& c) { c.rows = 0x100000000; }, "rows is 4294967296"},
     {[](Crafted& c) { c.rows = 0; }, "known of a column"},
+    {[](Crafted& c) { c.lists = 65537; }, "number of lists is 65537"},
+    {[](Crafted& c) { c.rows = 0, c.lists = 1; }, "number of lists is 1"},
+    {[](Crafted& c) { c.lists = 65536; }, "ends too soon"},
+    {[](Crafted& c) { c = crafted_lists(), c.list_of_rows[4] = 2; }, "a row is in no list"},
+    {[](Crafted& c) { c = crafted_lists(), c.centroids.replace(8, 4, bytes_of({0x7F800000}, 4)); },
+     "component 0 of centroid 1 is not finite"},
     {[](Crafted& c) { c.id_kind = 2; }, "kind of ids is 2"},
     {[](Crafted& c) { c.metric = 3; }, "metric is 3"},
     {[](Crafted& c) { c.metric = QX_COSINE; }, "vector 1 is not divided by its norm"},

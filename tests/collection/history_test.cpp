@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "collection/host.h"
+#include "interface/handles.h"
 #include "support/host_environment.h"
 #include "support/random.h"
 
@@ -123,9 +124,10 @@ class History {
     if (chance < 30) return upsert(reader);
     if (chance < 40) return remove(reader);
     if (chance < 45) return compact();
-    if (chance < 51) return change_views();
-    if (chance < 71) return search(reader, any_queries(), any_k(reader), any_condition());
-    if (chance < 77) return get(reader);
+    if (chance < 50) return change_views();
+    if (chance < 53) return train();
+    if (chance < 73) return search(reader, any_queries(), any_k(reader), any_condition());
+    if (chance < 78) return get(reader);
     if (chance < 87) return list(reader);
     if (chance < 92) return explain(reader);
     if (chance < 96) return check_stats();
@@ -315,6 +317,46 @@ class History {
     ASSERT_EQ(stats.segments, stats.rows == 0 ? 0 : 1);
   }
 
+  void train() {
+    const std::int64_t rows = std::ssize(readers_[0].model.rows);
+    const auto lists = random_.any_of<std::int64_t>({0, 1, 2, 7, rows / 2, rows, rows + 1});
+    Patience patience = {random_.any_of<std::int64_t>({-1, -1, -1, 0, 3})};
+    std::int32_t got = -1;
+    expect(0, [&] {
+      got = qx_collection_train(collection_.get(), std::min<std::int64_t>(lists, 300),
+                                Patience::report, &patience);
+      return 0;
+    });
+    const std::int32_t done = patience.is_over ? QX_CANCELLED : QX_OK;
+    ASSERT_EQ(got, std::min<std::int64_t>(lists, 300) > rows ? QX_INVALID : done)
+        << qx_collection_message();
+  }
+
+  std::shared_ptr<const qx::collection::Lists> lists_of(const Reader& reader) const {
+    return reader.view != nullptr ? reader.view->view.state().lists
+                                  : collection_->collection.state()->lists;
+  }
+
+  // The lists are the library's; which rows they hold, and that a query goes on until it has enough
+  // of them, is decided here again.
+  std::vector<Hit> probe(const Reader& reader, std::size_t query, std::int64_t k,
+                         const Condition& condition, std::int64_t probes) {
+    const auto lists = lists_of(reader);
+    const Floats compared = kept(schema_.metric, queries_[query]);
+    const std::int64_t wanted = std::min(k, std::ssize(reader.model.rows));
+    while (true) {
+      std::vector<std::uint32_t> near(static_cast<std::size_t>(std::min(probes, lists->count())));
+      lists->find_nearest(compared.data(), near);
+      const auto passes = [&](const Id& id, const Row& row) {
+        const std::uint32_t list = lists->list_of(kept_[row.vector].data());
+        return std::ranges::find(near, list) != near.end() && condition.passes(id, row);
+      };
+      std::vector<Hit> hits = reader.model.search(scores_[query], k, passes);
+      if (std::ssize(hits) == wanted || probes >= lists->count()) return hits;
+      probes *= 4;
+    }
+  }
+
   void change_views() {
     if (readers_.size() > 1 && random_.percent(60)) {
       readers_.erase(readers_.begin() + 1 + random_.between(0, std::ssize(readers_) - 2));
@@ -329,12 +371,18 @@ class History {
               const Condition& condition) {
     Floats queries;
     std::vector<std::vector<Hit>> expected;
+    const bool has_probes = lists_of(reader) != nullptr && random_.percent(60);
+    const auto probes = has_probes ? random_.any_of<std::int32_t>({1, 1, 2, 5, 300}) : 0;
     for (const std::size_t q : numbers) {
       queries.insert(queries.end(), queries_[q].begin(), queries_[q].end());
-      expected.push_back(reader.model.search(
-          scores_[q], k, [&](const Id& id, const Row& row) { return condition.passes(id, row); }));
+      expected.push_back(
+          has_probes ? probe(reader, q, k, condition, probes)
+                     : reader.model.search(scores_[q], k, [&](const Id& id, const Row& row) {
+                         return condition.passes(id, row);
+                       }));
     }
-    with_search(condition, [&](const QxSearch& search, const Patience& patience) {
+    with_search(condition, [&](QxSearch& search, const Patience& patience) {
+      search.probes = probes;
       QxHits* hits = nullptr;
       std::int32_t got = -1;
       expect(0, [&] {
@@ -422,7 +470,7 @@ class History {
     const Condition condition = any_condition();
     std::int64_t wanted = 0;
     for (const auto& [id, row] : reader.model.rows) wanted += condition.passes(id, row);
-    with_search(condition, [&](const QxSearch& search, const Patience&) {
+    with_search(condition, [&](QxSearch& search, const Patience&) {
       char* text = nullptr;
       expect(QX_OK, [&] {
         return qx_collection_explain(collection_.get(), reader.view.get(), &search, &text);

@@ -253,6 +253,25 @@ const Read kReads[] = {
        return qx_collection_save(w.collection.get(), w.view.get(), w.file.c_str(), nullptr,
                                  nullptr);
      }},
+    {"train",
+     [](World& w) { return qx_collection_train(w.collection.get(), 5, nullptr, nullptr); }},
+    {"search of lists",
+     [](World& w) {
+       QxSearch search = {};
+       search.probes = 2;
+       return released<QxHits>([&](QxHits** out) {
+         return qx_collection_search(w.collection.get(), nullptr, kQueries, 2, 5, &search, out);
+       });
+     }},
+    {"tune",
+     [](World& w) {
+       QxTuning tuning;
+       return qx_collection_tune(w.collection.get(), nullptr, 0, 3, 0.9, nullptr, &tuning);
+     }},
+    {"save with lists",
+     [](World& w) {
+       return qx_collection_save(w.collection.get(), nullptr, w.file.c_str(), nullptr, nullptr);
+     }},
     {"load",
      [](World& w) {
        const QxOptions options = {0, 0, nullptr, 0, 1, 0, 0, 0};

@@ -37,6 +37,9 @@ void seal_arrays(std::string& file, const Header& header, std::uint64_t offset) 
   seal_array(rows * sizeof(std::uint64_t), kBlockBytes);
   seal_array(header.id_bytes, kBlockBytes);
   seal_array(rows * row_bytes, static_cast<std::uint64_t>(rows_of_block(header.dim)) * row_bytes);
+  const auto lists = static_cast<std::uint64_t>(header.lists);
+  seal_array(lists * row_bytes, kBlockBytes);
+  seal_array(lists > 0 ? rows * sizeof(std::uint32_t) : 0, kBlockBytes);
   for (const ColumnHeader& column : header.columns) {
     ColumnArrays arrays;
     visit_arrays(column, header.rows, arrays,
