@@ -180,7 +180,7 @@ void make_lists(const Header& header, const std::vector<float>& centroids,
   loaded.lists = std::make_shared<const Lists>(centroids.data(), header.lists, header.dim,
                                                nearness_of(loaded.shape), loaded.shape.budget);
   loaded.sealed.members =
-      std::make_shared<const Members>(numbers, header.lists, loaded.shape.budget);
+      std::make_shared<Members>(numbers, header.lists, loaded.shape.budget);
 }
 
 // Reads the rows, each block by one thread.

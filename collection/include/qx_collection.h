@@ -70,11 +70,12 @@
  *    call of this library; both processes then go on with their own collections, threads anew.
  *
  * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28
- *    bytes, 4 for lists, 4 with QX_EUCLIDEAN, the values, and the text of an id that is one. A
- * change copies what is small; compaction holds the old rows until the new ones are complete, so
- * its peak is about twice the rows. A call that would exceed the memory limit, or for which there
- * is no memory, is refused; it never ends the process. What remains: the system may promise memory
- * that it has not, and end the process when it is used; and a stack must have room for 512 KiB.
+ *    bytes, a 512th of the vectors, 4 bytes for lists, 4 with QX_EUCLIDEAN, the values, and the
+ * text of an id that is one. A change copies what is small; compaction holds the old rows until the
+ *    new ones are complete, so its peak is about twice the rows. A call that would exceed the
+ *    memory limit, or for which there is no memory, is refused; it never ends the process. What
+ *    remains: the system may promise memory that it has not, and end the process when it is used;
+ *    and a stack must have room for 512 KiB.
  */
 #ifndef QX_COLLECTION_H
 #define QX_COLLECTION_H

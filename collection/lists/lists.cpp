@@ -57,7 +57,7 @@ void Lists::find_nearest(const float* query, std::span<ListNumber> out) const {
 
 Members::Members(std::span<const ListNumber> lists, std::int64_t count,
                  const std::shared_ptr<Budget>& budget)
-    : share_(budget, 4 * (std::ssize(lists) + count + 1)),
+    : share(budget, 4 * (std::ssize(lists) + count + 1)),
       starts_(static_cast<std::size_t>(count) + 1),
       rows_(lists.size()) {
   for (const ListNumber list : lists) ++starts_[list];

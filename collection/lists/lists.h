@@ -60,8 +60,9 @@ class Members {
   // The list of each row.
   std::vector<ListNumber> lists() const;
 
+  Budget::Share share;
+
  private:
-  Budget::Share share_;
   std::vector<std::uint32_t> starts_;
   std::vector<std::uint32_t> rows_;
 };

@@ -89,8 +89,7 @@ struct Workspace {
 
 // A query of few components that are not zero. Rows are finite, so the other components change a
 // score's chain only where it is -0.0, which a product that underflows gives: they may turn it into
-// +0.0. So a row is read at the few components alone, and as a whole where these give -0.0. A query
-// for which all rows are equal is quicker thereby, though no bound rules rows out.
+// +0.0. So a row is read at the few components alone, and as a whole where these give -0.0.
 class SparseQuery {
  public:
   SparseQuery(const float* query, std::int64_t dim) : query_(query), dim_(dim) {
@@ -105,6 +104,21 @@ class SparseQuery {
     is_sparse_ = count_ <= kMost && kComponentsApart * count_ <= dim;
   }
   bool is_sparse() const { return is_sparse_; }
+
+  // No row whose components are between these has a higher score. For each step of a chain,
+  // fma(x, q, s), is exact but for one rounding, and rounding is monotonic: so the step does not
+  // fall where s rises, nor where x moves towards the end that the sign of q names. Finite x and q
+  // make no NaN, whatever s is. What the other components add to a row's score changes the sign of
+  // a zero and no comparison.
+  float bound(const float* least, const float* largest) const {
+    float best[kMost];
+    for (std::int64_t j = 0; j < count_; ++j) {
+      best[j] = (components_[j] > 0 ? largest : least)[places_[j]];
+    }
+    float bound = 0;
+    kernels().score_contiguous(best, 1, count_, components_, CacheLevel::kL2, &bound);
+    return bound;
+  }
 
   // Scores up to kMaskRows rows.
   void score(const float* const* rows, std::int64_t count, float* scores) const {
@@ -333,16 +347,28 @@ class Searcher {
     }
   }
 
-  // Rows arrive in the order of their ids, which is the top-k buffer's among equals.
+  // Rows arrive in the order of their ids, which is the top-k buffer's among equals: a row that is
+  // no better than its worst does not enter. So where all rows tie, most groups are not read.
   void score_segment(const Task& task, std::int64_t query, const SparseQuery& sparse,
                      const std::uint64_t* words, std::int64_t slots, Workspace& space) const {
+    const Extents& extents = state_.parts[task.part].segment->extents();
     TopK topk(space.rows.data(), space.scores.data(), slots);
-    for_each_rows(task, words,
-                  [&](const std::int64_t* rows, const float* const* vectors, std::int64_t count) {
-                    float scores[kMaskRows];
-                    sparse.score(vectors, count, scores);
-                    topk.offer(scores, rows, count);
-                  });
+    const auto score = [&](const std::int64_t* rows, const float* const* vectors,
+                           std::int64_t count) {
+      float scores[kMaskRows];
+      sparse.score(vectors, count, scores);
+      topk.offer(scores, rows, count);
+    };
+    Task group = task;
+    for (const std::int64_t end = task.first + task.rows; group.first < end;
+         group.first += group.rows) {
+      group.rows = std::min(end, extents.end_of_group(group.first)) - group.first;
+      const float bound = sparse.bound(extents.least(group.first), extents.largest(group.first));
+      if (bound <= topk.threshold()) continue;
+      if (bound < best_[static_cast<std::size_t>(query)]->threshold()) continue;
+      const std::int64_t offset = (group.first - task.first) / kMaskRows;
+      for_each_rows(group, words == nullptr ? nullptr : words + offset, score);
+    }
     topk.finish();
     offer_found(task, query, slots, space);
   }
@@ -384,7 +410,7 @@ Opening find_opening(const State& state, const Queries& queries, std::int64_t k,
     if (view.segment == nullptr || view.segment->index().base_codes.rows == 0) continue;
     if (view.rows > state.parts[opening.part].rows || opening.rows == 0) opening = {part, 1};
   }
-  const std::int64_t wanted = std::max(kLeastRows, 4 * k / kCodeGroupRows * kCodeGroupRows);
+  const std::int64_t wanted = std::max(kLeastRows, 4 * k / kMaskRows * kMaskRows);
   if (opening.rows == 0 || state.parts[opening.part].rows < 4 * wanted) return {};
   for (std::int64_t q = 0; q < queries.count; ++q) {
     if (!batch.add(queries.vector(q))) return {};

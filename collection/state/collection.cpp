@@ -1,5 +1,8 @@
 #include "state/collection.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include "lists/kmeans.h"
 
 #if defined(__linux__)
@@ -8,6 +11,10 @@
 
 namespace qx::collection {
 namespace {
+
+// While a large merge is made, full tails wait for the next check of it. More of them than this
+// would slow searches.
+constexpr std::int64_t kMostClosedTails = 4;
 
 // Other threads come first.
 void lower_priority() {
@@ -26,7 +33,7 @@ Collection::Collection(Shape shape, int threads, bool is_manual)
       is_manual_(is_manual),
       state_(empty_state()),
       // The thread is not in a child of a fork, and may have held anything.
-      fork_guard_(writing_, [this] { renew(merging_); }) {}
+      fork_guard_(writing_, [this] { abandon_merging(); }) {}
 
 Collection::~Collection() { end_merging(); }
 
@@ -51,7 +58,7 @@ auto Collection::change(Change make) {
 
 void Collection::upsert(const Rows& rows) {
   change([&](Edit& edit) {
-    edit.upsert(rows);
+    edit.upsert(rows, is_manual_ ? 0 : kMostClosedTails);
     return true;
   });
 }
@@ -71,30 +78,84 @@ void Collection::adopt(Sealed sealed, std::shared_ptr<const Lists> lists) {
 
 // ---- Merging ----
 
-// Searches and changes go on while the segment is built.
-void Collection::merge_segments(Lock& lock, const std::vector<PartView>& parts,
-                                const std::function<void(std::int64_t)>& check) {
+// Searches and changes go on while the segment is built. The state keeps the parts alive meanwhile,
+// since only merges take parts out of it; this thread does not, since a fork would leave that
+// behind.
+void Collection::merge_parts(Lock& lock, std::vector<PartView> parts,
+                             const std::function<void(std::int64_t)>& check) {
+  for (PartView& view : parts) view.part = {std::shared_ptr<Part>(), view.part.get()};
   const std::shared_ptr<const Lists> lists = state_.get()->lists;
   lock.unlock();
-  Sealed sealed = merge(shape_, lists, parts, check);
+  Sealed sealed = merge(shape_, lists, parts, [&](std::int64_t done) {
+    check(done);
+    if (parts.front().segment != nullptr) seal_closed_tails();
+  });
   lock.lock();
-  Edit edit(shape_, *state_.get(), 0);
-  edit.replace(parts, std::move(sealed));
-  publish(lock, edit);
+  {
+    const std::shared_ptr<const State> before = state_.get();
+    Edit edit(shape_, *before, 0);
+    edit.replace(parts, std::move(sealed));
+    merging_.replaced.reserve(parts.size());
+    publish(lock, edit);
+    for (const PartView& view : parts) {
+      const auto old = std::ranges::find(before->parts, view.part, &PartView::part);
+      merging_.replaced.push_back(old->part);
+    }
+  }
+  release_replaced(lock);
+}
+
+// A large merge must not make full tails wait for its end.
+void Collection::seal_closed_tails() noexcept try {
+  Lock lock(writing_);
+  std::vector<PartView> closed = closed_tails(*state_.get(), 0);
+  if (!closed.empty()) merge_parts(lock, std::move(closed), [](std::int64_t) {});
+} catch (const std::exception&) {  // they wait for the next one
+}
+
+// Whoever drops the last reference gives the memory back, which takes long where it is large. Most
+// readers leave soon, so that is this thread, and none of them.
+void Collection::release_replaced(Lock& lock) noexcept {
+  constexpr std::int64_t kLargeBytes = std::int64_t{16} << 20;
+  constexpr int kMostPolls = 200;
+  std::vector<std::shared_ptr<Part>>& replaced = merging_.replaced;
+  const auto is_read = [](const std::shared_ptr<Part>& part) { return part.use_count() > 1; };
+  const auto is_waited_for = [&](const std::shared_ptr<Part>& part) {
+    return is_read(part) && part->share.bytes() >= kLargeBytes;
+  };
+  for (int polls = 0; polls < kMostPolls && std::ranges::any_of(replaced, is_waited_for); ++polls) {
+    lock.unlock();
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+    lock.lock();
+  }
+  std::erase_if(replaced, is_read);
+  for (const std::shared_ptr<Part>& part : replaced) part->share.set_draft(true);
+  std::vector<std::shared_ptr<Part>> released = std::move(replaced);
+  lock.unlock();
+  released.clear();
+  lock.lock();
+}
+
+// In the child of a fork.
+void Collection::abandon_merging() noexcept {
+  merging_.replaced.clear();
+  shape_.budget->forget_drafts();
+  renew(merging_);
 }
 
 void Collection::compact(const Progress& progress) {
   const Lock running(merging_.running);
   Lock lock(writing_);
   Edit edit(shape_, *state_.get(), 0);
-  edit.seal_tail();
+  edit.seal_tails();
   publish(lock, edit);
-  const std::shared_ptr<const State> state = state_.get();
-  const std::int64_t rows = state->visible_rows();
-  const bool is_compact = state->parts.size() == 1 && state->parts[0].dead == 0;
+  State state = *state_.get();
+  const std::int64_t rows = state.visible_rows();
+  const bool is_compact = state.parts.size() == 1 && state.parts[0].dead == 0;
   progress.report(0, rows);
-  if (is_compact || state->parts.empty()) return;
-  merge_segments(lock, state->parts, [&](std::int64_t done) { progress.report(done, rows); });
+  if (is_compact || state.parts.empty()) return;
+  merge_parts(lock, std::move(state.parts),
+              [&](std::int64_t done) { progress.report(done, rows); });
 }
 
 // ---- Lists ----
@@ -165,7 +226,7 @@ void Collection::keep_merging() {
     try {
       for (std::vector<PartView> parts;
            !(parts = choose_merged(shape_, *state_.get(), 0)).empty();) {
-        merge_segments(lock, parts, check);
+        merge_parts(lock, std::move(parts), check);
       }
     } catch (const std::exception&) {
       // Nothing has changed. The next change that wants a merge tries again.
@@ -186,7 +247,7 @@ void Collection::end_merging() {
 
 void View::upsert(const Rows& rows) {
   Edit edit(shape_, state_, own_);
-  edit.upsert(rows);
+  edit.upsert(rows, 0);
   state_ = edit.commit();
   merge_segments();
 }

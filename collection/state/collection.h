@@ -35,10 +35,11 @@ class Collection {
  private:
   using Lock = std::unique_lock<std::mutex>;
 
-  // What another thread does when segments are to be merged. A child of a fork has another one.
+  // What another thread does when parts are to be merged. A child of a fork has another one.
   struct Merging {
     std::mutex running;  // held during a merge
     std::condition_variable changed;
+    std::vector<std::shared_ptr<Part>> replaced;  // whose memory is to be given back
     bool is_wanted = false;
     bool is_ended = false;
     std::thread thread;
@@ -47,8 +48,11 @@ class Collection {
   template <typename Change>
   auto change(Change make);
   void publish(const Lock&, Edit& edit);
-  void merge_segments(Lock& lock, const std::vector<PartView>& parts,
-                      const std::function<void(std::int64_t)>& check);
+  void merge_parts(Lock& lock, std::vector<PartView> parts,
+                   const std::function<void(std::int64_t)>& check);
+  void seal_closed_tails() noexcept;
+  void release_replaced(Lock& lock) noexcept;
+  void abandon_merging() noexcept;
   void want_merging(const Lock&) noexcept;
   void keep_merging();
   void end_merging();

@@ -27,14 +27,17 @@ std::shared_ptr<Segment> build(const Shape& shape, std::size_t count, KeyOf key,
                                PutVector put_vector, ValueOf value,
                                const std::function<void(std::int64_t)>& check) {
   constexpr std::size_t kCheckedRows = 4096;
+  constexpr std::int64_t kCachedRows = Extents::kGroupRows;  // derived from before they leave it
   const auto rows = static_cast<std::int64_t>(count);
   SegmentBuilder builder(shape, rows);
   for (std::size_t i = 0; i < count; ++i) {
     if (i % kCheckedRows == 0 && check) check(static_cast<std::int64_t>(i));
     builder.add_id(key(i));
-    put_vector(i, builder.vector(static_cast<std::int64_t>(i)));
+    const auto row = static_cast<std::int64_t>(i);
+    put_vector(i, builder.vector(row));
+    if ((row + 1) % kCachedRows == 0) builder.complete(row + 1 - kCachedRows, row + 1);
   }
-  builder.complete(0, rows);
+  builder.complete(rows / kCachedRows * kCachedRows, rows);
   for (std::size_t c = 0; c < shape.schema.size(); ++c) {
     builder.add_column(Column::of(shape.schema[c].type, rows, [&](std::int64_t row) {
       return value(static_cast<std::size_t>(row), c);
@@ -53,6 +56,8 @@ std::int64_t most_dead(const PartView& view, const Shape& shape) {
   return std::max(view.rows / 16, std::min(view.rows / 4, Tail::capacity_of(shape)));
 }
 
+bool is_tail(const PartView& view) { return view.segment == nullptr; }
+
 int size_class(const PartView& view, const Shape& shape) {
   std::int64_t least = Tail::capacity_of(shape);
   int size = 0;
@@ -62,7 +67,17 @@ int size_class(const PartView& view, const Shape& shape) {
 
 }  // namespace
 
+std::vector<PartView> closed_tails(const State& state, std::size_t own) {
+  std::vector<PartView> tails;
+  std::copy_if(state.parts.begin() + static_cast<std::ptrdiff_t>(own), state.parts.end(),
+               std::back_inserter(tails), [](const PartView& view) { return is_tail(view); });
+  if (!tails.empty()) tails.pop_back();
+  return tails;
+}
+
 std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own) {
+  const std::vector<PartView> closed = closed_tails(state, own);
+  if (!closed.empty()) return closed;
   std::map<int, std::vector<PartView>> sizes;
   for (std::size_t p = own; p < state.parts.size(); ++p) {
     const PartView& view = state.parts[p];
@@ -133,22 +148,27 @@ Value Rows::value(std::size_t row, std::size_t column) const {
 }
 
 std::vector<PartView>::iterator Edit::tail() {
-  return std::find_if(next_.parts.begin() + static_cast<std::ptrdiff_t>(own_), next_.parts.end(),
-                      [](const PartView& view) { return view.segment == nullptr; });
+  const auto end = next_.parts.rend() - static_cast<std::ptrdiff_t>(own_);
+  const auto last = std::find_if(next_.parts.rbegin(), end, is_tail);
+  return last == end ? next_.parts.end() : std::prev(last.base());
 }
 
 void Edit::add(Sealed sealed) {
+  sealed.segment->share.set_draft(false);
+  if (sealed.members != nullptr) sealed.members->share.set_draft(false);
   const Segment* const segment = sealed.segment.get();
   next_.parts.push_back({std::move(sealed.segment), segment, segment->rows(), 0, 0, nullptr,
                          std::move(sealed.members)});
 }
 
-void Edit::upsert(const Rows& rows) {
+void Edit::upsert(const Rows& rows, std::int64_t most_closed) {
   const std::vector<std::size_t> order = order_of(rows.keys());
   const auto count = static_cast<std::int64_t>(order.size());
   const std::int64_t capacity = Tail::capacity_of(shape_);
   const bool is_bulk = count >= capacity;
-  if (!is_bulk && tail() != next_.parts.end() && tail()->rows + count > capacity) seal_tail();
+  if (!is_bulk && tail() != next_.parts.end() && tail()->rows + count > capacity) {
+    close_tail(most_closed);
+  }
   find_replaced(rows.keys());
   if (!is_bulk) return append(rows, order);
   std::shared_ptr<Segment> segment = build(
@@ -163,9 +183,7 @@ void Edit::upsert(const Rows& rows) {
 
 void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   if (order.empty()) return;
-  if (tail() == next_.parts.end()) {
-    next_.parts.push_back({std::make_shared<Tail>(shape_), nullptr, 0, 0, 0, nullptr, nullptr});
-  }
+  if (tail() == next_.parts.end()) open_tail();
   PartView& view = *tail();
   auto& part = static_cast<Tail&>(*view.part);
   texts_before_ = part.texts();
@@ -179,12 +197,24 @@ void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   }
 }
 
-void Edit::seal_tail() {
-  const auto view = tail();
-  if (view == next_.parts.end()) return;
-  Sealed sealed = merge(shape_, next_.lists, {*view}, {});
-  next_.parts.erase(view);
-  if (sealed.segment != nullptr) add(std::move(sealed));
+void Edit::open_tail() {
+  next_.parts.push_back({std::make_shared<Tail>(shape_), nullptr, 0, 0, 0, nullptr, nullptr});
+}
+
+// The closed ones may be in a merge, and stay; they are closed as long as a newer one is open.
+void Edit::close_tail(std::int64_t most_closed) {
+  if (std::ssize(closed_tails(next_, own_)) >= most_closed) seal({*tail()});
+  open_tail();
+}
+
+void Edit::seal_tails() {
+  std::vector<PartView> tails = closed_tails(next_, own_);
+  if (tail() != next_.parts.end()) tails.push_back(*tail());
+  if (!tails.empty()) seal(tails);
+}
+
+void Edit::seal(const std::vector<PartView>& tails) {
+  replace(tails, merge(shape_, next_.lists, tails, {}));
 }
 
 std::int64_t Edit::remove(std::vector<Key> keys) {
@@ -236,10 +266,12 @@ void Edit::replace(const std::vector<PartView>& merged, Sealed sealed) {
   const Segment* const segment = sealed.segment.get();
   for (const PartView& before : merged) {
     const auto now = std::ranges::find(next_.parts, before.part, &PartView::part);
-    for (std::int64_t row = 0; segment != nullptr && row < before.rows; ++row) {
-      if (!before.is_visible(row) || now->is_visible(row)) continue;
-      const std::int64_t at = segment->lower_bound(before.part->key(row));
-      killed_.emplace_back(next_.parts.size() - merged.size(), at);
+    for (std::int64_t first = 0; segment != nullptr && first < before.rows; first += 64) {
+      const std::int64_t count = std::min<std::int64_t>(64, before.rows - first);
+      for_each_bit(before.mask(first, count) & ~now->mask(first, count), [&](std::int64_t i) {
+        const std::int64_t at = segment->lower_bound(before.part->key(first + i));
+        killed_.emplace_back(next_.parts.size() - merged.size(), at);
+      });
     }
   }
   std::erase_if(next_.parts, [&](const PartView& view) {
@@ -249,7 +281,7 @@ void Edit::replace(const std::vector<PartView>& merged, Sealed sealed) {
 }
 
 void Edit::relist(std::shared_ptr<const Lists> lists, Division& division) {
-  seal_tail();
+  seal_tails();
   next_.lists = std::move(lists);
   for (PartView& view : next_.parts) {
     std::shared_ptr<const Members>& members = division[view.segment];
@@ -260,20 +292,20 @@ void Edit::relist(std::shared_ptr<const Lists> lists, Division& division) {
   }
 }
 
-std::shared_ptr<const Members> divide(const Shape& shape, const Lists* lists,
-                                      const Segment& segment, const Progress& progress) {
+std::shared_ptr<Members> divide(const Shape& shape, const Lists* lists, const Segment& segment,
+                                const Progress& progress) {
   if (lists == nullptr) return nullptr;
   const std::vector<ListNumber> numbers = lists_of(
       *lists, segment.rows(), [&](std::int64_t row) { return segment.vector(row); }, cpus(),
       progress);
-  return std::make_shared<const Members>(numbers, lists->count(), shape.budget);
+  return std::make_shared<Members>(numbers, lists->count(), shape.budget);
 }
 
 namespace {
 
 // The rows of `order` by the lists that they are in.
-std::shared_ptr<const Members> divide_again(const Shape& shape, const State& state,
-                                            const std::vector<Location>& order) {
+std::shared_ptr<Members> divide_again(const Shape& shape, const State& state,
+                                      const std::vector<Location>& order) {
   if (state.lists == nullptr) return nullptr;
   std::vector<std::vector<ListNumber>> lists;
   for (const PartView& view : state.parts) lists.push_back(view.lists());
@@ -282,7 +314,9 @@ std::shared_ptr<const Members> divide_again(const Shape& shape, const State& sta
   for (const Location at : order) {
     numbers.push_back(lists[at.part()][static_cast<std::size_t>(at.row())]);
   }
-  return std::make_shared<const Members>(numbers, state.lists->count(), shape.budget);
+  auto members = std::make_shared<Members>(numbers, state.lists->count(), shape.budget);
+  members->share.set_draft(true);
+  return members;
 }
 
 }  // namespace

@@ -35,14 +35,14 @@ void require_finite(const char* what, const float* vectors, std::size_t count, s
 // A new segment, and where the state has lists, the rows of each.
 struct Sealed {
   std::shared_ptr<Segment> segment;  // null: of no rows
-  std::shared_ptr<const Members> members;
+  std::shared_ptr<Members> members;
 };
 
 // The rows of segments by new lists.
 using Division = std::map<const Segment*, std::shared_ptr<const Members>>;
 
 // The rows of a segment by lists; null without lists.
-std::shared_ptr<const Members> divide(const Shape& shape, const Lists* lists,
+std::shared_ptr<Members> divide(const Shape& shape, const Lists* lists,
                                       const Segment& segment, const Progress& progress);
 
 class Edit {
@@ -56,10 +56,11 @@ class Edit {
     if (written_ != nullptr) written_->forget_texts_beyond(texts_before_);
   }
 
-  // At most one of these calls.
-  void upsert(const Rows& rows);
+  // At most one of these calls. A tail that is full is closed and left to be merged, unless there
+  // are `most_closed` already: then it becomes a segment at once.
+  void upsert(const Rows& rows, std::int64_t most_closed);
   std::int64_t remove(std::vector<Key> keys);  // returns how many had a row
-  void seal_tail();
+  void seal_tails();
   // Puts a segment of the rows that were visible in `merged` in their place.
   void replace(const std::vector<PartView>& merged, Sealed sealed);
   // Divides all rows by other lists, or by none. Segments that are not in `division` come to it.
@@ -69,10 +70,13 @@ class Edit {
   State commit() noexcept;
 
  private:
+  void open_tail();
+  void close_tail(std::int64_t most_closed);
+  void seal(const std::vector<PartView>& tails);
   void append(const Rows& rows, const std::vector<std::size_t>& order);
   std::int64_t find_replaced(const std::vector<Key>& keys);
   void kill(Location at);
-  // The tail that takes rows, or past the end.
+  // The tail that takes rows, the last one; or past the end.
   std::vector<PartView>::iterator tail();
   void add(Sealed sealed);
 
@@ -84,7 +88,10 @@ class Edit {
   std::size_t texts_before_ = 0;
 };
 
-// The own segments that should become one: one with many dead rows, or small ones.
+// The own tails that take no more rows: all but the last.
+std::vector<PartView> closed_tails(const State& state, std::size_t own);
+
+// The own parts that should become one: closed tails, a segment with many dead rows, or small ones.
 std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own);
 
 // One segment of the visible rows of some parts of a state with `lists`. `check(done)` may throw.

@@ -82,6 +82,7 @@ class Part {
                       std::uint64_t* words) const = 0;
 
   Liveness liveness;
+  Budget::Share share;
 };
 
 }  // namespace qx::collection

@@ -9,19 +9,28 @@ namespace {
 
 std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
 
-// Beside what the index takes: ids, deaths, norms.
+// Beside what the index takes: ids, deaths, extents, norms.
 std::int64_t bytes_of(const Shape& shape, std::int64_t rows) {
   const std::int64_t norms = shape.metric == Metric::kEuclidean ? 4 : 0;
-  return SealedIndex::bytes_of(rows, shape.dim) + rows * (4 + 8 + norms);
+  return SealedIndex::bytes_of(rows, shape.dim) + rows * (4 + 8 + norms) +
+         Extents::bytes_of(rows, shape.dim);
 }
 
 }  // namespace
 
+// The bytes are counted before there is memory for them.
+SealedIndex Segment::counted_index(const Shape& shape, std::int64_t rows, Budget::Share& share) {
+  share = {shape.budget, 0};
+  share.set_draft(true);
+  share.grow(bytes_of(shape, rows));
+  return {rows, shape.dim};
+}
+
 Segment::Segment(const Shape& shape, std::int64_t rows)
     : Part(rows),
-      share_(shape.budget, bytes_of(shape, rows)),
       rows_(rows),
-      index_(rows, shape.dim) {}
+      index_(counted_index(shape, rows, share)),
+      extents_(rows, shape.dim) {}
 
 Key Segment::key(std::int64_t row) const {
   if (text_starts_.empty()) return {numbers_[at(row)], {}};
@@ -65,7 +74,7 @@ SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
   if (shape.has_texts) {
     segment_->text_starts_.reserve(at(rows) + 1);
     segment_->text_starts_.push_back(0);
-    segment_->share_.grow(8);
+    segment_->share.grow(8);
   } else {
     segment_->numbers_.reserve(at(rows));
   }
@@ -89,6 +98,7 @@ float* SegmentBuilder::vector(std::int64_t row) { return segment_->index_.vector
 
 void SegmentBuilder::complete(std::int64_t first, std::int64_t end) {
   segment_->index_.complete(first, end);
+  segment_->extents_.add(vector(0), first, end);
   if (segment_->half_norms_ == nullptr) return;
   in_default_fp_environment([&] {
     for (std::int64_t row = first; row < end; ++row) {
@@ -98,13 +108,13 @@ void SegmentBuilder::complete(std::int64_t first, std::int64_t end) {
 }
 
 void SegmentBuilder::add_column(Column column) {
-  segment_->share_.grow(column.bytes());
+  segment_->share.grow(column.bytes());
   segment_->columns_.push_back(std::move(column));
 }
 
 std::shared_ptr<Segment> SegmentBuilder::finish() {
   segment_->texts_.shrink_to_fit();
-  segment_->share_.grow(std::ssize(segment_->texts_));
+  segment_->share.grow(std::ssize(segment_->texts_));
   return std::move(segment_);
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "index/sealed_index.h"
+#include "state/extents.h"
 #include "state/part.h"
 
 namespace qx::collection {
@@ -22,16 +23,18 @@ class Segment final : public Part {
 
   std::int64_t rows() const { return rows_; }
   const QxIndex& index() const { return index_.get(); }
+  const Extents& extents() const { return extents_; }
   // half_norm_below() of each row, with Metric::kEuclidean.
   const float* half_norms() const { return half_norms_.get(); }
 
  private:
   friend class SegmentBuilder;
   Segment(const Shape& shape, std::int64_t rows);
+  static SealedIndex counted_index(const Shape& shape, std::int64_t rows, Budget::Share& share);
 
-  Budget::Share share_;
   std::int64_t rows_;
   SealedIndex index_;
+  Extents extents_;
   std::unique_ptr<float[]> half_norms_;
   std::vector<std::int64_t> numbers_;       // of ids that are numbers
   std::vector<std::uint64_t> text_starts_;  // of ids that are texts: rows + 1, in texts_
@@ -60,7 +63,7 @@ class SegmentBuilder {
   // Threads may do so at the same time with rows that are not of one group (kCodeGroupRows).
   void complete(std::int64_t first, std::int64_t end);
   void add_column(Column column);
-  std::shared_ptr<Segment> finish();
+  std::shared_ptr<Segment> finish();  // a draft, until a state has it
 
  private:
   const Shape& shape_;

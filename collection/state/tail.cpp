@@ -26,11 +26,11 @@ std::int64_t Tail::capacity_of(const Shape& shape) {
 Tail::Tail(const Shape& shape)
     : Part(capacity_of(shape)),
       shape_(shape),
-      share_(shape.budget, bytes_of(shape)),
       hashes_(new std::uint64_t[at(capacity_of(shape))]),
       keys_(new Key[at(capacity_of(shape))]),
       lists_(new ListNumber[at(capacity_of(shape))]),
       values_(new Value[at(capacity_of(shape)) * shape.schema.size()]) {
+  share = {shape.budget, bytes_of(shape)};
   const std::int64_t floats = capacity_of(shape) * shape.dim;
   vectors_ = static_cast<float*>(try_allocate(floats * std::int64_t{sizeof(float)}));
   if (vectors_ == nullptr) throw std::bad_alloc();
@@ -68,12 +68,12 @@ std::string_view Tail::keep(std::string_view text) {
   if (text.empty()) return {};
   std::string& kept = texts_.emplace_back();
   kept.reserve(text.size());
-  share_.grow(std::ssize(text));
+  share.grow(std::ssize(text));
   return kept.append(text);  // cannot fail, so that its size is what was counted
 }
 
 void Tail::forget_texts_beyond(std::size_t texts) noexcept {
-  for (; texts_.size() > texts; texts_.pop_back()) share_.shrink(std::ssize(texts_.back()));
+  for (; texts_.size() > texts; texts_.pop_back()) share.shrink(std::ssize(texts_.back()));
 }
 
 void Tail::write(std::int64_t row, const Key& key, const float* vector,

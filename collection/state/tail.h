@@ -41,7 +41,6 @@ class Tail final : public Part {
   std::string_view keep(std::string_view text);
 
   const Shape& shape_;
-  Budget::Share share_;
   float* vectors_;
   std::unique_ptr<std::uint64_t[]> hashes_;
   std::unique_ptr<Key[]> keys_;

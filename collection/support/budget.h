@@ -18,6 +18,10 @@ class Budget {
 
   std::int64_t used() const { return used_.load(std::memory_order_relaxed); }
 
+  // In the child of a fork: what was a draft is nobody's any more. Its memory is lost, since the
+  // thread may have left it at any point, but it is not counted.
+  void forget_drafts() noexcept { used_ -= drafts_.exchange(0); }
+
   // Bytes that are counted for as long as the object lives.
   class Share {
    public:
@@ -27,23 +31,35 @@ class Budget {
       grow(bytes);
     }
     Share(Share&& other) noexcept
-        : budget_(other.budget_), bytes_(std::exchange(other.bytes_, 0)) {}
+        : budget_(other.budget_),
+          bytes_(std::exchange(other.bytes_, 0)),
+          is_draft_(std::exchange(other.is_draft_, false)) {}
     Share& operator=(Share&& other) noexcept {
       std::swap(budget_, other.budget_);
       std::swap(bytes_, other.bytes_);
+      std::swap(is_draft_, other.is_draft_);
       return *this;
     }
     ~Share() {
-      if (bytes_ != 0) budget_->used_.fetch_sub(bytes_, std::memory_order_relaxed);
+      if (bytes_ != 0) shrink(bytes_);
+    }
+    std::int64_t bytes() const { return bytes_; }
+
+    // A draft is kept by nothing but the thread that works at it.
+    void set_draft(bool is_draft) noexcept {
+      if (is_draft != is_draft_) budget_->drafts_ += is_draft ? bytes_ : -bytes_;
+      is_draft_ = is_draft;
     }
     void grow(std::int64_t bytes) {
       if (bytes > budget_->limit_ - budget_->used_.fetch_add(bytes, std::memory_order_relaxed)) {
         budget_->used_.fetch_sub(bytes, std::memory_order_relaxed);
         throw std::bad_alloc();
       }
+      if (is_draft_) budget_->drafts_ += bytes;
       bytes_ += bytes;
     }
     void shrink(std::int64_t bytes) noexcept {
+      if (is_draft_) budget_->drafts_ -= bytes;
       budget_->used_.fetch_sub(bytes, std::memory_order_relaxed);
       bytes_ -= bytes;
     }
@@ -51,11 +67,13 @@ class Budget {
    private:
     std::shared_ptr<Budget> budget_;
     std::int64_t bytes_ = 0;
+    bool is_draft_ = false;
   };
 
  private:
   std::int64_t limit_;
   std::atomic<std::int64_t> used_ = 0;
+  std::atomic<std::int64_t> drafts_ = 0;  // of them
 };
 
 }  // namespace qx::collection

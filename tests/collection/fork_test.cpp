@@ -2,6 +2,8 @@
 // whatever the library's threads were doing.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "collection/host.h"
 #include "support/child.h"
 
@@ -37,6 +39,29 @@ void expect_rows_of(const QxCollection* collection, const Model& model) {
   expect_hits(*Owned<QxHits>(hits), expected);
 }
 
+std::int64_t bytes_of(const QxCollection* collection) {
+  QxCollectionStats stats;
+  qx_collection_stats(collection, &stats);
+  return stats.bytes;
+}
+
+// What the rows take that came in one call.
+std::int64_t bytes_of(const Model& model) {
+  const Owned<QxCollection> other(kSchema.create());
+  const std::vector<Floats> vectors(100, Floats(kDim));
+  std::vector<Id> ids;
+  std::vector<Row> rows;
+  for (const auto& [id, row] : model.rows) {
+    ids.push_back(id);
+    rows.push_back(row);
+  }
+  const IdArrays list(kSchema, ids);
+  const RowArrays arrays(kSchema, vectors, rows);
+  EXPECT_EQ(qx_collection_upsert(other.get(), list.get(), arrays.vectors(), arrays.values()),
+            QX_OK);
+  return bytes_of(other.get());
+}
+
 // Calls of every kind; releases the collection.
 void go_on(Owned<QxCollection> collection, Model model) {
   expect_rows_of(collection.get(), model);
@@ -66,6 +91,25 @@ TEST(Fork, LeavesTwoProcessesThatGoOn) {
     ASSERT_EQ(end.exit_status, 0) << "turn " << turn << ": " << end.standard_error;
   }
   go_on(std::move(collection), std::move(model));
+}
+
+// The fork comes while the thread merges: the bytes have changed, and the merge takes long.
+TEST(Fork, LeavesNoBytesOfAMergeBehind) {
+  constexpr std::int64_t kRows = 8192;
+  const Owned<QxCollection> collection(kSchema.create());
+  Model model;
+  upsert(collection.get(), model, 0, kRows, 1);
+  const std::int64_t bytes = bytes_of(collection.get());
+  for (int segment = 1; segment < 6; ++segment) {
+    upsert(collection.get(), model, segment * kRows, kRows, 1);
+  }
+  while (bytes_of(collection.get()) == 6 * bytes) std::this_thread::yield();
+  const ChildEnd end = run_in_child([&] {
+    EXPECT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
+    EXPECT_EQ(bytes_of(collection.get()), bytes_of(model));
+    std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+  });
+  EXPECT_EQ(end.exit_status, 0) << end.standard_error;
 }
 
 }  // namespace

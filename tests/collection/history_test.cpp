@@ -94,7 +94,10 @@ class History {
       kept_.push_back(kept(schema_.metric, vectors_.back()));
     }
     for (std::int64_t q = random_.between(1, 4); q > 0; --q) queries_.push_back(any_floats());
-    for (float& component : queries_[0]) component = random_.percent(50) ? 0.0f : -0.0f;
+    for (float& component : queries_[0]) component = any_zero();
+    for (std::size_t q = 1; q < queries_.size(); ++q) {
+      if (random_.percent(40)) make_sparse(queries_[q]);
+    }
     for (const Floats& query : queries_) {
       Floats& scores = scores_.emplace_back();
       const Floats compared = kept(schema_.metric, query);
@@ -160,6 +163,18 @@ class History {
     Floats floats = draw_floats(random_, components_, schema_.dim);
     for (float& component : floats) component = std::isfinite(component) ? component : 1.0f;
     return floats;
+  }
+
+  float any_zero() { return random_.percent(50) ? 0.0f : -0.0f; }
+
+  // Leaves few components, in half of the queries such that products underflow.
+  void make_sparse(Floats& query) {
+    const float factor = random_.any_of<float>({1.0f, 0x1p-145f});
+    const std::size_t left = index_below(query.size() / 16 + 2);
+    random_.shuffle(query);
+    for (float& component : query) component *= factor;
+    for (std::size_t i = left; i < query.size(); ++i) query[i] = any_zero();
+    random_.shuffle(query);
   }
 
   Id any_id() {

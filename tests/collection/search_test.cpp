@@ -1,0 +1,185 @@
+// Searches where groups of rows, ranges and batches begin and end: ties there, and rows that are
+// gone.
+#include <gtest/gtest.h>
+
+#include "collection/host.h"
+#include "support/random.h"
+
+namespace qx_test {
+namespace {
+
+constexpr std::int64_t kRows = 5000;  // in groups of 1024
+constexpr std::size_t kPlace = 7;
+
+// A collection or a view of rows whose vectors differ in one component, and its model.
+class Place {
+ public:
+  explicit Place(std::int32_t dim) : schema_{dim} {
+    for (const float value : {1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 1e-30f, -1e-30f, 0.0f, -0.0f}) {
+      vectors_.emplace_back(static_cast<std::size_t>(dim), 1.0f)[kPlace] = value;
+    }
+    collection_.reset(schema_.create({}));
+  }
+
+  void upsert(std::int64_t first, std::int64_t count, std::size_t (*vector)(std::int64_t)) {
+    std::vector<Id> ids;
+    std::vector<Row> rows;
+    for (std::int64_t i = first; i < first + count; ++i) {
+      ids.push_back({i, ""});
+      rows.push_back({vector(i), {}});
+    }
+    const IdArrays list(schema_, ids);
+    const RowArrays arrays(schema_, vectors_, rows);
+    ASSERT_EQ(view_ == nullptr
+                  ? qx_collection_upsert(collection_.get(), list.get(), arrays.vectors(), nullptr)
+                  : qx_view_upsert(view_.get(), list.get(), arrays.vectors(), nullptr),
+              QX_OK);
+    model_.upsert(ids, rows);
+  }
+
+  void remove(std::int64_t first, std::int64_t count, std::int64_t step) {
+    std::vector<Id> ids;
+    for (std::int64_t i = first; i < first + count; i += step) ids.push_back({i, ""});
+    const IdArrays list(schema_, ids);
+    ASSERT_EQ(view_ == nullptr ? qx_collection_remove(collection_.get(), list.get(), nullptr)
+                               : qx_view_remove(view_.get(), list.get(), nullptr),
+              QX_OK);
+    model_.remove(ids);
+  }
+
+  void take_view() {
+    QxView* view = nullptr;
+    ASSERT_EQ(qx_view_new(collection_.get(), &view), QX_OK);
+    view_.reset(view);
+  }
+
+  // Queries of this value in the one component and zeros of either sign, and the null query.
+  void compare(float value, std::int64_t queries, std::int64_t k) const {
+    const auto dim = static_cast<std::size_t>(schema_.dim);
+    Floats all;
+    std::vector<std::vector<Hit>> expected;
+    for (std::int64_t q = 0; q < queries; ++q) {
+      Floats query(dim, q % 2 == 0 ? 0.0f : -0.0f);
+      query[kPlace] = q % 3 == 2 ? query[0] : value;
+      all.insert(all.end(), query.begin(), query.end());
+      Floats scores;
+      for (const Floats& vector : vectors_)
+        scores.push_back(score_of(Metric::kInnerProduct, vector, query));
+      expected.push_back(model_.search(scores, k, [](const Id&, const Row&) { return true; }));
+    }
+    for (const std::int32_t threads : {1, 2, 3}) {
+      QxSearch search = {};
+      search.threads = threads;
+      QxHits* hits = nullptr;
+      ASSERT_EQ(qx_collection_search(collection_.get(), view_.get(), all.data(), queries, k,
+                                     &search, &hits),
+                QX_OK);
+      expect_hits(*Owned<QxHits>(hits), expected);
+    }
+  }
+
+  void compare_all() const {
+    for (const float value : {1.0f, -1.0f, 1e-30f, -1e-30f, 3e38f}) {
+      for (const std::int64_t k : {1, 10, 300, 2000}) {
+        SCOPED_TRACE(testing::Message() << "component " << value << ", k " << k);
+        compare(value, 1, k);
+        compare(value, 9, k);
+        if (testing::Test::HasFailure()) return;
+      }
+    }
+  }
+
+ private:
+  Schema schema_;
+  std::vector<Floats> vectors_;
+  Owned<QxCollection> collection_;
+  Owned<QxView> view_;
+  Model model_;
+};
+
+// The vector of a row, by its number in a segment of all rows.
+struct Pattern {
+  const char* name;
+  std::size_t (*vector)(std::int64_t);
+};
+std::size_t index_of(std::int64_t i) { return static_cast<std::size_t>(i); }
+const Pattern kPatterns[] = {
+    {"Equal", [](std::int64_t) { return index_of(0); }},
+    {"BestAtBorders", [](std::int64_t i) { return index_of((i + 1) % 1024 < 2 ? 1 : 0); }},
+    {"RisingByGroup", [](std::int64_t i) { return index_of(i / 1024); }},
+    {"FallingByGroup", [](std::int64_t i) { return index_of(4 - i / 1024); }},
+    {"Underflowing", [](std::int64_t i) { return index_of(5 + i % 2); }},
+    {"UnderflowingByGroup", [](std::int64_t i) { return index_of(5 + i / 1024 % 4); }},
+    {"Mixed", [](std::int64_t i) { return index_of(i * i % 9); }},
+};
+
+void PrintTo(const Pattern& pattern, std::ostream* out) { *out << pattern.name; }
+
+class SparseTies : public testing::TestWithParam<Pattern> {};
+
+TEST_P(SparseTies, AreBrokenByIds) {
+  for (const std::int32_t dim : {8, 16, 128}) {
+    SCOPED_TRACE(dim);
+    Place place(dim);
+    place.upsert(0, kRows, GetParam().vector);
+    place.compare_all();
+    place.remove(0, kRows, 7);
+    place.remove(1000, 1100, 1);
+    place.compare_all();
+    place.upsert(500, 1200, GetParam().vector);
+    place.upsert(-50, 20, [](std::int64_t) { return index_of(0); });
+    place.compare_all();
+    place.take_view();
+    place.remove(0, 1030, 2);
+    place.upsert(2040, 20, [](std::int64_t) { return index_of(1); });
+    place.compare_all();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, SparseTies, testing::ValuesIn(kPatterns),
+                         [](const auto& pattern) { return pattern.param.name; });
+
+// The first rows that a batch scans, for its thresholds, are about four times k.
+TEST(Search, FindsNoRemovedRowBehindTheFirstOnesOfABatch) {
+  Random random(1);
+  const Schema schema = {64};
+  std::vector<Floats> vectors;
+  std::vector<Id> ids;
+  std::vector<Row> rows;
+  for (std::int64_t i = 0; i < 6000; ++i) {
+    vectors.push_back(draw_floats(random, Values::kSmooth, schema.dim));
+    ids.push_back({i, ""});
+    rows.push_back({index_of(i), {}});
+  }
+  const Owned<QxCollection> collection(schema.create({}));
+  const IdArrays list(schema, ids);
+  const RowArrays arrays(schema, vectors, rows);
+  ASSERT_EQ(qx_collection_upsert(collection.get(), list.get(), arrays.vectors(), nullptr), QX_OK);
+  Model model;
+  model.upsert(ids, rows);
+  std::vector<Id> some;
+  for (std::int64_t i = 0; i < 6000; i += random.between(2, 40)) some.push_back({i, ""});
+  const IdArrays removed(schema, some);
+  ASSERT_EQ(qx_collection_remove(collection.get(), removed.get(), nullptr), QX_OK);
+  model.remove(some);
+  for (const std::int64_t k : {256, 264, 300, 333, 370}) {
+    Floats queries;
+    std::vector<std::vector<Hit>> expected;
+    for (int q = 0; q < 12; ++q) {
+      const Floats& query = vectors[static_cast<std::size_t>(random.between(0, 5999))];
+      queries.insert(queries.end(), query.begin(), query.end());
+      Floats scores;
+      for (const Floats& vector : vectors)
+        scores.push_back(score_of(Metric::kInnerProduct, vector, query));
+      expected.push_back(model.search(scores, k, [](const Id&, const Row&) { return true; }));
+    }
+    QxHits* hits = nullptr;
+    ASSERT_EQ(
+        qx_collection_search(collection.get(), nullptr, queries.data(), 12, k, nullptr, &hits),
+        QX_OK);
+    expect_hits(*Owned<QxHits>(hits), expected);
+  }
+}
+
+}  // namespace
+}  // namespace qx_test
