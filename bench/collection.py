@@ -6,6 +6,7 @@ import argparse
 import ctypes
 import os
 import statistics
+import subprocess
 import tempfile
 import threading
 import time
@@ -250,57 +251,9 @@ def ties(quick):
 
 
 def changing(quick):
-    """Searches beside 10,000 upserts a second and a compaction, and the peak of memory."""
-    seconds = 4 if quick else 12
-    rows = gaussian(250_000, 128)
-    queries = gaussian(64, 128, 2)
-    collection = filled(rows)
-    new = gaussian(1000, 128, 3)
-
-    def measure():
-        times, end = [], time.perf_counter() + seconds
-        while time.perf_counter() < end:
-            began = time.perf_counter()
-            collection.search(queries[len(times) % 64:][:1], 10, 1)
-            times.append(time.perf_counter() - began)
-        times.sort()
-        return times[len(times) // 2], times[len(times) * 99 // 100]
-
-    stop, peak, written = threading.Event(), [0], [0]
-
-    def write():
-        random = numpy.random.default_rng(4)
-        began = time.perf_counter()
-        while not stop.is_set():
-            for i in range(10):
-                collection.upsert(random.integers(0, 250_000, 1), new[i:i + 1])
-            written[0] += 10
-            time.sleep(max(0.0, began + written[0] / 10_000 - time.perf_counter()))
-
-    def watch():
-        while not stop.is_set():
-            peak[0] = max(peak[0], collection.bytes())
-            time.sleep(0.001)
-
-    def compact():
-        time.sleep(0.1)
-        collection.compact()
-
-    quiet = measure()
-    threads = [threading.Thread(target=work) for work in (write, watch, compact)]
-    for thread in threads:
-        thread.start()
-    busy = measure()
-    stop.set()
-    for thread in threads:
-        thread.join()
-    collection.compact()
-    print(f"\nsearches of {len(rows)} x 128 beside changes, one thread each")
-    print(f"  quiet: median {quiet[0] * 1e3:.3f} ms, 99 % {quiet[1] * 1e3:.3f} ms")
-    print(f"  beside {written[0] / seconds:.0f} upserts a second and a compaction: median "
-          f"{busy[0] * 1e3:.3f} ms, 99 % {busy[1] * 1e3:.3f} ms: {busy[1] / quiet[1]:.2f} times")
-    print(f"  peak of memory: {peak[0] / collection.bytes():.2f} times the compacted rows")
-    collection.close()
+    """Searches beside 10,000 upserts a second and a compaction: a program of its own, since threads
+    of Python wait for each other."""
+    subprocess.run([os.environ["QX_CHANGING"], *(["1", "4"] if quick else ["5", "6"])], check=True)
 
 
 def files(quick):
