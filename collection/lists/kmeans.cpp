@@ -70,8 +70,9 @@ std::vector<ListNumber> lists_of(const Lists& lists, std::int64_t count, const V
   std::vector<ListNumber> found(static_cast<std::size_t>(count));
   parallel_for(tasks_of_lists(count), threads, progress, [&](std::int64_t task, int) {
     const std::int64_t end = std::min((task + 1) * kRowsTogether, count);
+    std::vector<float> space;
     for (std::int64_t row = task * kRowsTogether; row < end; ++row) {
-      found[static_cast<std::size_t>(row)] = lists.list_of(vector(row));
+      found[static_cast<std::size_t>(row)] = lists.list_of(vector(row), space);
     }
   });
   return found;

@@ -1,9 +1,6 @@
 #include "lists/lists.h"
 
 #include <algorithm>
-
-#include "read/scan.h"
-
 namespace qx::collection {
 
 // The vector v is nearest to the centroid c for which |v - c|^2 = |v|^2 - 2 (v c - |c|^2 / 2) is
@@ -26,25 +23,32 @@ Lists::Lists(const float* centroids, std::int64_t count, std::int64_t dim, Nearn
   index_.complete(0, count);
 }
 
-ListNumber Lists::list_of(const float* vector) const {
-  ListNumber nearest[1];
-  find_nearest(vector, nearest);
-  return nearest[0];
+// Ranks the lists, as many as there are slots.
+void Lists::rank(const float* query, const ResultSlots& slots, std::vector<float>& space) const {
+  if (nearness_ == Nearness::kDistance) {
+    space.resize(static_cast<std::size_t>(dim_ + 1));
+    std::copy_n(query, dim_, space.data());
+    space.back() = 1;
+    query = space.data();
+  }
+  Scan scan(index_.get(), query, slots, count_);
+  scan.add_base_rows(0, count_, index_.get().base_ids);
+  scan.finish();
+}
+
+ListNumber Lists::list_of(const float* vector, std::vector<float>& space) const {
+  std::int64_t number;
+  float score;
+  rank(vector, {1, &number, &score}, space);
+  return number == kEmptyId ? 0 : static_cast<ListNumber>(number);
 }
 
 // A list whose score is no number comes last.
 void Lists::find_nearest(const float* query, std::span<ListNumber> out) const {
   std::vector<std::int64_t> numbers(out.size());
   std::vector<float> scores(out.size());
-  std::vector<float> extended;
-  if (nearness_ == Nearness::kDistance) {
-    extended.assign(query, query + dim_);
-    extended.push_back(1);
-    query = extended.data();
-  }
-  Scan scan(index_.get(), query, {std::ssize(out), numbers.data(), scores.data()}, count_);
-  scan.add_base_rows(0, count_, index_.get().base_ids);
-  scan.finish();
+  std::vector<float> space;
+  rank(query, {std::ssize(out), numbers.data(), scores.data()}, space);
   std::size_t found = 0;
   for (; found < out.size() && numbers[found] != kEmptyId; ++found) {
     out[found] = static_cast<ListNumber>(numbers[found]);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "index/sealed_index.h"
+#include "read/scan.h"
 #include "support/budget.h"
 
 namespace qx::collection {
@@ -27,13 +28,14 @@ class Lists {
   std::int64_t dim() const { return dim_; }
   const float* centroid(std::int64_t list) const { return index_.vector(list); }
 
-  // The list of a vector that is kept.
-  ListNumber list_of(const float* vector) const;
+  // The list of a vector that is kept. `space` is any memory of the caller's.
+  ListNumber list_of(const float* vector, std::vector<float>& space) const;
 
   // The lists nearest to a query, the nearest first. Requires: out has 1 to count() elements.
   void find_nearest(const float* query, std::span<ListNumber> out) const;
 
  private:
+  void rank(const float* query, const ResultSlots& slots, std::vector<float>& space) const;
   static std::int64_t width_of(std::int64_t dim, Nearness nearness) {
     return nearness == Nearness::kDistance ? dim + 1 : dim;
   }

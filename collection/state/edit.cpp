@@ -189,11 +189,12 @@ void Edit::append(const Rows& rows, const std::vector<std::size_t>& order) {
   texts_before_ = part.texts();
   written_ = &part;
   std::vector<Value> values(shape_.schema.size());
+  std::vector<float> space;
   for (const std::size_t row : order) {
     for (std::size_t c = 0; c < values.size(); ++c) values[c] = rows.value(row, c);
     const std::int64_t at = view.rows++;
     part.write(at, rows.keys()[row], rows.vector(row), values);
-    if (next_.lists != nullptr) part.lists()[at] = next_.lists->list_of(part.vector(at));
+    if (next_.lists != nullptr) part.lists()[at] = next_.lists->list_of(part.vector(at), space);
   }
 }
 

@@ -360,10 +360,11 @@ class History {
     const Floats compared = kept(schema_.metric, queries_[query]);
     const std::int64_t wanted = std::min(k, std::ssize(reader.model.rows));
     while (true) {
+      Floats space;
       std::vector<std::uint32_t> near(static_cast<std::size_t>(std::min(probes, lists->count())));
       lists->find_nearest(compared.data(), near);
       const auto passes = [&](const Id& id, const Row& row) {
-        const std::uint32_t list = lists->list_of(kept_[row.vector].data());
+        const std::uint32_t list = lists->list_of(kept_[row.vector].data(), space);
         return std::ranges::find(near, list) != near.end() && condition.passes(id, row);
       };
       std::vector<Hit> hits = reader.model.search(scores_[query], k, passes);

@@ -63,7 +63,8 @@ TEST(Lists, AreNearByScoreThenByNumber) {
     std::vector<ListNumber> nearest(expected.size());
     lists.find_nearest(query.data(), nearest);
     ASSERT_EQ(nearest, expected) << "round " << round;
-    ASSERT_EQ(lists.list_of(query.data()), expected[0]);
+    std::vector<float> space;
+    ASSERT_EQ(lists.list_of(query.data(), space), expected[0]);
   }
 }
 

@@ -266,7 +266,7 @@ const Read kReads[] = {
     {"tune",
      [](World& w) {
        QxTuning tuning;
-       return qx_collection_tune(w.collection.get(), nullptr, 0, 3, 0.9, nullptr, &tuning);
+       return qx_collection_tune(w.collection.get(), kQueries, 2, 3, 0.9, nullptr, &tuning);
      }},
     {"save with lists",
      [](World& w) {
