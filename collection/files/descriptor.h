@@ -15,9 +15,7 @@ class Descriptor {
  public:
   explicit Descriptor(int fd) : fd_(fd) {}
   Descriptor(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
+  ~Descriptor() { close(fd_); }
   int get() const { return fd_; }
 
  private:

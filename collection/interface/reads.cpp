@@ -46,7 +46,7 @@ std::string describe(const State& state, const Restriction& restriction) {
     const std::int64_t rows = state.parts[p].rows;
     std::vector<std::uint64_t> words(static_cast<std::size_t>((rows + 63) / 64));
     const auto way = static_cast<std::size_t>(selection.way(p));
-    const std::int64_t passing = rows == 0 ? 0 : selection.select(p, 0, rows, words.data());
+    const std::int64_t passing = selection.select(p, 0, rows, words.data());
     text += std::string(state.parts[p].segment != nullptr ? "segment" : "tail") + " of " +
             std::to_string(rows) + " rows: " + kWays[way] + ", " + std::to_string(passing) +
             " pass\n";

@@ -74,9 +74,6 @@ class Part {
   // The last of the first `rows` rows that has the id and is alive, or -1.
   virtual std::int64_t find(const Key& key, std::int64_t rows, std::uint32_t seen) const = 0;
 
-  // The first row whose id is not below `key`, where rows are in the order of ids; else 0.
-  virtual std::int64_t lower_bound(const Key&) const { return 0; }
-
   // Clears bits of rows for which a predicate is not true. Bit i is of row first + i.
   virtual void filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
                       std::uint64_t* words) const = 0;

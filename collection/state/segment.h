@@ -17,10 +17,11 @@ class Segment final : public Part {
   const float* vector(std::int64_t row) const override;
   Value value(std::int64_t row, std::size_t column) const override;
   std::int64_t find(const Key& wanted, std::int64_t rows, std::uint32_t seen) const override;
-  std::int64_t lower_bound(const Key& wanted) const override;
   void filter(const Predicate& predicate, std::int64_t first, std::int64_t count,
               std::uint64_t* words) const override;
 
+  // The first row whose id is not below.
+  std::int64_t lower_bound(const Key& wanted) const;
   std::int64_t rows() const { return rows_; }
   const QxIndex& index() const { return index_.get(); }
   const Extents& extents() const { return extents_; }

@@ -29,7 +29,7 @@ Cursor::Cursor(const State& state, const Key* after) : state_(state), rests_(sta
     if (state.parts[p].segment == nullptr) {
       sort_tail(p, after);
     } else if (after != nullptr) {
-      rests_[p].next = state.parts[p].part->lower_bound(*after);
+      rests_[p].next = state.parts[p].segment->lower_bound(*after);
       const bool found = rests_[p].next < state.parts[p].rows &&
                          state.parts[p].part->key(rests_[p].next) == *after;
       rests_[p].next += found ? 1 : 0;

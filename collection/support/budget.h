@@ -30,10 +30,6 @@ class Budget {
     Share(std::shared_ptr<Budget> budget, std::int64_t bytes) : budget_(std::move(budget)) {
       grow(bytes);
     }
-    Share(Share&& other) noexcept
-        : budget_(other.budget_),
-          bytes_(std::exchange(other.bytes_, 0)),
-          is_draft_(std::exchange(other.is_draft_, false)) {}
     Share& operator=(Share&& other) noexcept {
       std::swap(budget_, other.budget_);
       std::swap(bytes_, other.bytes_);

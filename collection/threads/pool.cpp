@@ -157,10 +157,9 @@ void keep_loaded() {
 #if __has_include(<dlfcn.h>)
   static std::atomic<bool> kept = false;
   if (kept.exchange(true)) return;
-  Dl_info here;
-  if (dladdr(reinterpret_cast<void*>(&cpus), &here) != 0) {
-    dlopen(here.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-  }
+  Dl_info here = {};  // stays so in a program without shared libraries, and names that
+  dladdr(reinterpret_cast<void*>(&cpus), &here);
+  dlopen(here.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 #endif
 }
 
