@@ -214,13 +214,13 @@ void Collection::keep_merging() {
     const Lock lock(writing_);
     if (merging.is_ended) throw Error(QX_CANCELLED, "the collection is released");
   };
-  while (true) {
-    {
-      Lock lock(writing_);
-      merging.changed.wait(lock, [&] { return merging.is_wanted || merging.is_ended; });
-      if (merging.is_ended) return;
-      merging.is_wanted = false;
-    }
+  const auto is_wanted = [&] {
+    Lock lock(writing_);
+    merging.changed.wait(lock, [&] { return merging.is_wanted || merging.is_ended; });
+    merging.is_wanted = false;
+    return !merging.is_ended;
+  };
+  while (is_wanted()) {
     const Lock running(merging.running);
     Lock lock(writing_);
     try {
