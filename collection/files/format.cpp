@@ -2,7 +2,6 @@
 
 #include <xxhash.h>
 
-#include <bit>
 #include <limits>
 
 namespace qx::collection {
@@ -131,14 +130,6 @@ Header decode(std::string_view encoded, std::uint64_t file_bytes) {
 
 std::uint64_t digest_of(const void* data, std::size_t bytes, std::uint64_t offset) {
   return XXH3_64bits_withSeed(data, bytes, offset);
-}
-
-void turn_order([[maybe_unused]] void* data, [[maybe_unused]] std::size_t bytes,
-                [[maybe_unused]] std::size_t width) {
-  if constexpr (std::endian::native == std::endian::big) {
-    auto* const first = static_cast<char*>(data);
-    for (std::size_t i = 0; i < bytes; i += width) std::reverse(first + i, first + i + width);
-  }
 }
 
 }  // namespace qx::collection

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,7 +80,14 @@ inline std::int64_t rows_of_block(std::int64_t dim) {
 // The digest of a block, which depends on where it is.
 std::uint64_t digest_of(const void* data, std::size_t bytes, std::uint64_t offset);
 
-// Turns elements of `width` bytes from the order of this machine into that of files, or back.
-void turn_order(void* data, std::size_t bytes, std::size_t width);
+// Turns elements of `width` bytes from the order of a machine into that of files, or back.
+template <std::endian kMachine = std::endian::native>
+void turn_order([[maybe_unused]] void* data, [[maybe_unused]] std::size_t bytes,
+                [[maybe_unused]] std::size_t width) {
+  if constexpr (kMachine == std::endian::big) {
+    auto* const first = static_cast<char*>(data);
+    for (std::size_t i = 0; i < bytes; i += width) std::reverse(first + i, first + i + width);
+  }
+}
 
 }  // namespace qx::collection

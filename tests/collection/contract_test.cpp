@@ -291,11 +291,35 @@ TEST(Collection, IsReleasedWhileSegmentsAreMerged) {
   }
 }
 
+// A merge has begun when it has the bytes of its segment.
+TEST(Collection, IsReleasedInTheMiddleOfAMerge) {
+  constexpr std::int64_t kSegment = 100000;
+  const Schema schema = {1};
+  const Owned<QxCollection> collection(schema.create());
+  const Floats vectors(kSegment, 1.0f);
+  std::vector<std::int64_t> ids(kSegment);
+  QxCollectionStats stats = {};
+  for (std::int64_t segment = 0; segment < 6; ++segment) {
+    for (std::int64_t i = 0; i < kSegment; ++i) ids[static_cast<std::size_t>(i)] = 6 * i + segment;
+    ASSERT_EQ(qx_collection_upsert(collection.get(), {kSegment, ids.data(), nullptr},
+                                   vectors.data(), nullptr),
+              QX_OK);
+    if (segment == 4) qx_collection_stats(collection.get(), &stats);
+  }
+  const std::int64_t bytes = stats.bytes / 5 * 6;
+  while (stats.bytes <= bytes && stats.segments != 1) {
+    qx_collection_stats(collection.get(), &stats);
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(stats.rows, 6 * kSegment);
+}
+
 TEST(Collection, AcceptsCallsThatAskForNothing) {
   Call call;
   const QxIds none = {};
   QxCollection* const collection = call.collection.get();
   EXPECT_EQ(qx_collection_upsert(collection, none, nullptr, nullptr), QX_OK);
+  EXPECT_EQ(qx_collection_remove(call.texts.get(), call.ids, nullptr), QX_OK);  // null, of no bytes
   EXPECT_EQ(qx_collection_remove(collection, none, nullptr), QX_OK);
   EXPECT_EQ(qx_view_upsert(call.view.get(), none, nullptr, nullptr), QX_OK);
   EXPECT_EQ(qx_view_remove(call.view.get(), none, &call.removed), QX_OK);
@@ -338,6 +362,44 @@ TEST(Collection, TellsItsSchema) {
     qx_collection_schema(collection.get(), &schema);
     EXPECT_EQ(schema.metric, static_cast<std::int32_t>(metric));
   }
+}
+
+// Texts of 16 bytes whose std::hash is equal in g++'s standard library: the second half makes up
+// for the first.
+std::vector<Id> ids_of_one_hash(std::uint64_t count) {
+  constexpr std::uint64_t kFactor = 0xC6A4A7935BD1E995u;
+  std::uint64_t inverse = 1;
+  for (int i = 0; i < 6; ++i) inverse *= 2 - kFactor * inverse;
+  constexpr std::uint64_t kSeed = 0xC70F6907u ^ 16 * kFactor;
+  const auto mix = [](std::uint64_t bits) { return bits ^ bits >> 47; };
+  std::vector<Id> ids;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    const std::uint64_t before = (kSeed ^ mix(i * kFactor) * kFactor) * kFactor;
+    const std::uint64_t halves[] = {i, mix(before * inverse) * inverse};
+    ids.push_back({0, std::string(reinterpret_cast<const char*>(halves), sizeof(halves))});
+  }
+  return ids;
+}
+
+TEST(Collection, TellsIdsOfOneHashApart) {
+  const std::vector<Id> ids = ids_of_one_hash(20);
+#if defined(__GLIBCXX__)
+  const std::hash<std::string_view> hash;
+  for (const Id& id : ids) ASSERT_EQ(hash(id.text), hash(ids[0].text));
+#endif
+  const IdArrays list(kTexts, ids);
+  const std::vector<Row> rows(ids.size(), Row{0, {}});
+  const RowArrays arrays(kTexts, {{1, 2}}, rows);
+  const Owned<QxCollection> collection(kTexts.create());
+  ASSERT_EQ(qx_collection_upsert(collection.get(), list.get(), arrays.vectors(), nullptr), QX_OK);
+  ASSERT_EQ(qx_collection_upsert(collection.get(), list.get(), arrays.vectors(), nullptr), QX_OK);
+  const std::vector<Id> some(ids.begin(), ids.begin() + 7);
+  std::int64_t removed = 0;
+  ASSERT_EQ(qx_collection_remove(collection.get(), IdArrays(kTexts, some).get(), &removed), QX_OK);
+  EXPECT_EQ(removed, 7);
+  std::uint8_t found[20];
+  ASSERT_EQ(qx_collection_contains(collection.get(), nullptr, list.get(), found), QX_OK);
+  for (std::size_t i = 0; i < ids.size(); ++i) EXPECT_EQ(found[i], i < 7 ? 0 : 1);
 }
 
 TEST(Collection, HoldsVectorsOfTheLargestDimension) {

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -20,9 +22,49 @@
 #include <utility>
 #include <vector>
 
+#include "files/format.h"
 #include "qx_collection.h"
 #include "support/child.h"
 #include "support/random.h"
+
+namespace {
+
+// The call of a system function that fails, counted from 1. Where `part` is set, none fails, and
+// each reads or writes only that share of the bytes.
+struct Fault {
+  std::string function = "";
+  int number = 0;
+  int error = 0;
+  int calls = 0;
+  std::size_t part = 1;
+
+  bool strikes(std::string_view called) {
+    if (called != function || ++calls != number) return false;
+    errno = error;
+    return true;
+  }
+  std::size_t share(std::size_t bytes) const { return (bytes + part - 1) / part; }
+} fault;
+
+}  // namespace
+
+// Reached instead of the system's, by the linker.
+extern "C" {
+ssize_t __real_pread(int file, void* to, std::size_t bytes, off_t offset);
+ssize_t __real_pwrite(int file, const void* from, std::size_t bytes, off_t offset);
+int __real_fsync(int file);
+int __real_renameat(int from, const char* name, int to, const char* new_name);
+ssize_t __wrap_pread(int file, void* to, std::size_t bytes, off_t offset) {
+  return fault.strikes("pread") ? -1 : __real_pread(file, to, fault.share(bytes), offset);
+}
+ssize_t __wrap_pwrite(int file, const void* from, std::size_t bytes, off_t offset) {
+  return fault.strikes("pwrite") ? -1 : __real_pwrite(file, from, fault.share(bytes), offset);
+}
+int __wrap_fsync(int file) { return fault.strikes("fsync") ? -1 : __real_fsync(file); }
+int __wrap_renameat(int from, const char* name, int to, const char* new_name) {
+  return fault.strikes("renameat") ? -1 : __real_renameat(from, name, to, new_name);
+}
+}
 
 namespace qx_test {
 namespace {
@@ -330,7 +372,7 @@ struct Crafted {
     std::string name;
   };
   std::uint64_t version = 1, dim = 2, id_kind = QX_NUMBERS, metric = QX_EUCLIDEAN, rows = 3,
-                id_bytes = 0, lists = 0;
+                id_bytes = 0, lists = 0, columns_claimed = 5;
   std::vector<Column> columns = {{QX_INTEGER, 1, 0, 0, "n"},
                                  {QX_REAL, 2, 0, 0, "r"},
                                  {QX_BOOLEAN, 2, 0, 0, "b"},
@@ -348,7 +390,7 @@ struct Crafted {
 
   std::string bytes() const {
     std::string numbers =
-        bytes_of({dim, id_kind, metric, rows, id_bytes, lists, columns.size()}, 8);
+        bytes_of({dim, id_kind, metric, rows, id_bytes, lists, columns_claimed}, 8);
     for (const Column& c : columns) {
       numbers += bytes_of({c.type, c.known, c.texts, c.text_bytes, c.name.size()}, 8) + c.name;
     }
@@ -467,9 +509,11 @@ const Case kNotOfTheFormat[] = {
     {[](Crafted& c) { c.columns[0].name[0] = 'r'; }, "has the name of another: r"},
     {[](Crafted& c) { c.columns[0].name = std::string("n\0", 2); }, "zero byte"},
     {[](Crafted& c) {
-       c.columns.resize(1001, {QX_REAL, 0, 0, 0, "x"});
+       c.columns.resize(c.columns_claimed = 1001, {QX_REAL, 0, 0, 0, "x"});
      },
      "columns is 1001"},
+    {[](Crafted& c) { c.columns_claimed = 6; }, "header is too short"},
+    {[](Crafted& c) { c.columns_claimed = 4; }, "header is too long"},
     {[](Crafted& c) {
        c.ids = bytes_of({5, 5, 300}, 8);
      },
@@ -494,6 +538,7 @@ const Case kNotOfTheFormat[] = {
     {[](Crafted& c) { c.columns[3].text_bytes = 2, c.texts.erase(1) += 'a', c.ends[8] = 2; },
      "texts of column t"},
     {[](Crafted& c) { c.ends[0] = 4; }, "texts of column t"},
+    {[](Crafted& c) { c.ends[0] = 3, c.ends[8] = 1; }, "texts of column t"},
     {[](Crafted& c) { c.ends[8] = 4; }, "texts of column t"},
     {[](Crafted& c) { c.ends[8] = 2; }, "texts of column t"},
 };
@@ -561,6 +606,96 @@ TEST(CollectionFiles, StayAsTheyWereWhereAWriteFails) {
     });
     EXPECT_EQ(end.exit_status, 0) << limit;
   }
+}
+
+// A call of the system that fails, for each function and each of its calls. After a failed sync of
+// the folder alone, the new file is there.
+TEST(CollectionFiles, StayAsTheyWereOrAreReplacedWhicheverCallFails) {
+  const auto collection = create(3, QX_TEXTS, numbers_to(200));
+  const std::string bytes = saved(collection.get());
+  const Folder folder;
+  const std::string path = folder / "file";
+  const std::pair<const char*, const char*> kFunctions[] = {{"pwrite", "it cannot be written"},
+                                                            {"fsync", "it cannot be synced"},
+                                                            {"renameat", "it cannot be replaced"}};
+  for (const auto& [function, message] : kFunctions) {
+    int calls = 1;  // all of them, once one was interrupted and no other failed
+    for (const int error : {EINTR, ENOSPC, EIO, EINVAL}) {
+      for (int number = 1; number <= calls; ++number) {
+        SCOPED_TRACE(testing::Message() << function << ' ' << number << ' ' << error);
+        write_file(path, "old");
+        fault = {function, number, error};
+        const std::int32_t status =
+            qx_collection_save(collection.get(), nullptr, path.c_str(), nullptr, nullptr);
+        const int called = std::exchange(fault, {}).calls;
+        if (error == EINTR) calls = std::max(calls, called - 1);
+        const bool is_folder = function == std::string("fsync") && number == 2;
+        const bool is_saved = error == EINTR || (is_folder && error == EINVAL);
+        EXPECT_EQ(status, is_saved ? QX_OK : QX_IO_ERROR);
+        EXPECT_EQ(read_file(path) == bytes, is_saved || is_folder);
+        EXPECT_EQ(read_file(path) == "old", !is_saved && !is_folder);
+        EXPECT_EQ(folder.names(), std::vector<std::string>{"file"});
+        if (is_saved) continue;
+        const char* const what =
+            is_folder ? "it is saved, but its folder cannot be synced" : message;
+        EXPECT_EQ(qx_collection_message(), path + ": " + what + ": " + std::strerror(error));
+      }
+    }
+  }
+}
+
+TEST(CollectionFiles, AreReadWholeOrNotAtAllWhicheverCallFails) {
+  const auto collection = create(3, QX_TEXTS, numbers_to(200));
+  const Folder folder;
+  const std::string path = folder / "file", bytes = saved(collection.get());
+  write_file(path, bytes);
+  Owner<QxCollection> loaded;
+  QxOptions options = {};
+  options.threads = 1;
+  int calls = 1;
+  for (const int error : {EINTR, EIO}) {
+    for (int number = 1; number <= calls; ++number) {
+      fault = {"pread", number, error};
+      EXPECT_EQ(load(path, &loaded, options), error == EINTR ? QX_OK : QX_IO_ERROR) << number;
+      const int called = std::exchange(fault, {}).calls;
+      if (error != EINTR) continue;
+      calls = std::max(calls, called - 1);
+      EXPECT_EQ(contents_of(loaded.get()), contents_of(collection.get()));
+    }
+  }
+  EXPECT_GT(calls, 10);
+}
+
+TEST(CollectionFiles, AreTheSameWhereEachCallReadsAndWritesAPart) {
+  const auto collection = create(300, QX_NUMBERS, numbers_to(1000));
+  const std::string bytes = saved(collection.get());
+  fault.part = 3;
+  EXPECT_EQ(saved(collection.get()), bytes);
+  EXPECT_EQ(contents_of(loaded_from(bytes).get()), contents_of(collection.get()));
+  fault = {};
+}
+
+TEST(CollectionFiles, HaveTheOrderOfBytesOfNoMachine) {
+  std::string bytes = "12345678";
+  qx::collection::turn_order<std::endian::little>(bytes.data(), 8, 4);
+  EXPECT_EQ(bytes, "12345678");
+  qx::collection::turn_order<std::endian::big>(bytes.data(), 8, 4);
+  EXPECT_EQ(bytes, "43218765");
+  qx::collection::turn_order<std::endian::big>(bytes.data(), 8, 8);
+  EXPECT_EQ(bytes, "56781234");
+}
+
+TEST(CollectionFiles, AreRefusedForNamesThatNoHeaderHolds) {
+  const Folder folder;
+  const std::string path = folder / "file", name(64 << 20, 'n');
+  const QxColumn column = {name.c_str(), QX_INTEGER};
+  const QxOptions options = {1, QX_NUMBERS, &column, 1, 0, 0, 0};
+  QxCollection* made = nullptr;
+  ASSERT_EQ(qx_collection_new(&options, &made), QX_OK);
+  const Owner<QxCollection> collection(made);
+  EXPECT_EQ(qx_collection_save(made, nullptr, path.c_str(), nullptr, nullptr), QX_INVALID);
+  EXPECT_STREQ(qx_collection_message(), "the names of the columns are too long for a file");
+  EXPECT_EQ(folder.names(), std::vector<std::string>());
 }
 
 // Cancels when it is called for the last time that `left` allows.

@@ -97,6 +97,7 @@ const struct {
     {"i = '" + kLongest + "'", 4, "'" + kLongest + "'", kNumber + "i"},
     {"i = '" + kLongest + "x'", 4, "'" + kLongest + "x...", kNumber + "i"},
     {"i = '" + kLongest + "\xC3\xA4'", 4, "'" + kLongest + "...", kNumber + "i"},
+    {"i = '" + kLongest + "\xC3\xBF'", 4, "'" + kLongest + "...", kNumber + "i"},
     {std::string(41, '\x80'), 0, "...", "the name of a column"},
     {std::string(201, '('), 200, "(", "no more than 200 open parentheses"},
 };

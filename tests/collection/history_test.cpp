@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "batch/batch.h"
 #include "collection/host.h"
 #include "interface/handles.h"
 #include "support/host_environment.h"
@@ -28,6 +29,7 @@ struct Size {
   std::int64_t rows;  // of the largest changes
   int steps;
   bool has_environments;
+  bool is_batched = false;  // batches that tiles may judge; they do so in every other history
 };
 
 void PrintTo(const Size& size, std::ostream* out) { *out << size.name; }
@@ -38,6 +40,7 @@ const Size kSizes[] = {
     {"InAnyEnvironment", 2000, kNarrow, 60, 40, 40, true},
     {"Wide", 250, {768, 4096}, 1500, 700, 30, false},
     {"Many", 60, {1, 3, 8, 64}, 15000, 9000, 25, false},
+    {"Batched", 40, {8, 33, 64, 100}, 15000, 9000, 25, false, true},
 };
 
 bool accepts(std::int64_t number, const QxText* text) {
@@ -93,11 +96,15 @@ class History {
       vectors_.push_back(is_known ? random_.any_of(kept_) : any_floats());
       kept_.push_back(kept(schema_.metric, vectors_.back()));
     }
-    for (std::int64_t q = random_.between(1, 4); q > 0; --q) queries_.push_back(any_floats());
-    for (float& component : queries_[0]) component = any_zero();
-    for (std::size_t q = 1; q < queries_.size(); ++q) {
+    const std::int64_t queries = size.is_batched ? 20 : random_.between(1, 4);
+    while (std::ssize(queries_) < queries) queries_.push_back(any_floats());
+    for (float& component : queries_[0]) {  // no tile judges a null query
+      if (!size.is_batched) component = any_zero();
+    }
+    for (std::size_t q = 1; q < queries_.size() && !size.is_batched; ++q) {
       if (random_.percent(40)) make_sparse(queries_[q]);
     }
+    qx::collection::TileKernel::allow(!size.is_batched || seed % 2 == 0);
     for (const Floats& query : queries_) {
       Floats& scores = scores_.emplace_back();
       const Floats compared = kept(schema_.metric, query);
@@ -113,6 +120,9 @@ class History {
     readers_.emplace_back();
     readers_[0].model.is_distance = schema_.metric == Metric::kEuclidean;
   }
+
+  History(const History&) = delete;
+  ~History() { qx::collection::TileKernel::allow(true); }
 
   void play() {
     for (int step = 0; step < size_.steps && !testing::Test::HasFailure(); ++step) {
@@ -157,6 +167,7 @@ class History {
     id_scale_ = random_.any_of<std::uint64_t>({1, ~std::uint64_t{0}, 0x9E3779B97F4A7C15u});
     using enum Values;
     components_ = random_.any_of<Values>({kTies, kTies, kSmooth, kMixed, kSpecial, kCancelling});
+    if (size_.is_batched) components_ = random_.percent(50) ? kTies : kSmooth;
   }
 
   Floats any_floats() {
@@ -262,7 +273,9 @@ class History {
     return condition;
   }
   std::vector<std::size_t> any_queries() {
-    std::vector<std::size_t> numbers(index_below(random_.percent(80) ? 4 : 20));
+    std::vector<std::size_t> numbers(index_below(size_.is_batched      ? 70
+                                                 : random_.percent(80) ? 4
+                                                                       : 20));
     for (std::size_t& number : numbers) number = index_below(queries_.size());
     return numbers;
   }

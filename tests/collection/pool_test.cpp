@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -27,12 +28,29 @@
 extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 
 // CPUs that the process seems to have, so that there are more threads than the machine has CPUs.
+// With 0 the system does not say.
 static std::atomic<int> seeming_cpus = 6;
 extern "C" int sched_getaffinity(pid_t, std::size_t, cpu_set_t* set) noexcept {
   CPU_ZERO(set);
   for (int i = 0; i < seeming_cpus; ++i) CPU_SET(static_cast<unsigned>(i), set);
-  return 0;
+  return seeming_cpus == 0 ? -1 : 0;
 }
+
+// A host's static object that makes a collection where the system has no memory for what is to be
+// done at forks. Of the first collection of a process alone, so before main().
+static bool fails_atfork = true;
+extern "C" int __real_pthread_atfork(void (*before)(), void (*after)(), void (*in_child)());
+extern "C" int __wrap_pthread_atfork(void (*before)(), void (*after)(), void (*in_child)()) {
+  return fails_atfork ? ENOMEM : __real_pthread_atfork(before, after, in_child);
+}
+static const std::int32_t first_status = [] {
+  QxOptions options = {};
+  options.dim = 1;
+  QxCollection* made = nullptr;
+  const std::int32_t status = qx_collection_new(&options, &made);
+  fails_atfork = false;
+  return made == nullptr ? status : QX_OK;
+}();
 
 namespace qx::collection {
 namespace {
@@ -99,6 +117,8 @@ TEST(Pool, RunsTasksAtTheSameTimeUnderDistinctNumbers) {
 }
 
 TEST(Pool, UsesNoMoreThreadsThanAllowedAndThereAreCpus) {
+  seeming_cpus = 0;
+  EXPECT_EQ(cpus(), static_cast<int>(std::thread::hardware_concurrency()));
   for (const int cpu_count : {2, 6}) {
     seeming_cpus = cpu_count;
     EXPECT_EQ(cpus(), cpu_count);
@@ -131,7 +151,8 @@ TEST(Pool, ThrowsWhatATaskThrew) {
 }
 
 TEST(Pool, ThrowsWhatAThreadOfItsOwnThrewWhenAllHaveEnded) {
-  for (const int thrower : {0, 1, 2}) {
+  constexpr int kAll = -1;
+  for (const int thrower : {0, 1, 2, kAll}) {
     Meeting meeting(3);
     std::atomic<int> running = 0;
     const auto task = [&](std::int64_t, int worker) {
@@ -139,7 +160,7 @@ TEST(Pool, ThrowsWhatAThreadOfItsOwnThrewWhenAllHaveEnded) {
       meeting.attend();
       for (int i = 0; i < 100; ++i) std::this_thread::yield();
       --running;
-      if (worker == thrower) throw std::bad_alloc();
+      if (worker == thrower || thrower == kAll) throw std::bad_alloc();
     };
     EXPECT_THROW(parallel_for(3, 3, kSilent, task), std::bad_alloc);
     EXPECT_EQ(running, 0);
@@ -247,7 +268,7 @@ TEST(Pool, DoesTheWorkWithThoseThreadsThatCanBeStarted) {
     parallel_for(50, 6, kSilent, [&](std::int64_t, int worker) { workers.insert(worker); });
     pthread_attr_setstacksize(&attributes, std::size_t{1} << 20);
     pthread_setattr_default_np(&attributes);
-    if (workers == std::set<int>{0} && workers_at_once(3) == kThree) _exit(7);
+    if (workers == std::set<int>{0} && workers_at_once(3) == kThree) std::exit(7);
   }));
 }
 
@@ -264,6 +285,8 @@ TEST(Pool, LetsTheProcessExit) {
     });
   }));
 }
+
+TEST(Fork, IsPreparedForOrThereIsNoCollection) { EXPECT_EQ(first_status, QX_OUT_OF_MEMORY); }
 
 TEST(Fork, GivesTheChildThreadsOfItsOwn) {
   for (int i = 0; i < 30; ++i) {

@@ -3,8 +3,10 @@
 #include "threads/published.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <array>
+#include <csignal>
 #include <mutex>
 #include <vector>
 
@@ -62,6 +64,52 @@ TEST(Published, KeepsNothingThatNobodyHolds) {
     }
   }
   EXPECT_EQ(Living::count, 0);
+}
+
+// Stops a thread, wherever it is, until it may go on.
+std::atomic<bool> is_stopped = false;
+std::atomic<bool> may_go_on = false;
+void stop(int) {
+  is_stopped = true;
+  while (!may_go_on) std::this_thread::yield();
+  is_stopped = false;
+}
+
+// A writer that returns has met no reader; one that does not, waits for it.
+TEST(Published, WaitsForAReaderThatIsStoppedWhileItReads) {
+  const auto before = std::signal(SIGUSR1, stop);
+  Published<Living> published(living(0));
+  std::atomic<bool> is_over = false;
+  std::thread reader([&] {
+    while (!is_over) published.get();
+  });
+  bool is_met = false;
+  for (std::int64_t i = 1; i < 10000 && !is_met; ++i) {
+    may_go_on = false;
+    pthread_kill(reader.native_handle(), SIGUSR1);
+    while (!is_stopped) std::this_thread::yield();
+    auto next = boxed(i);
+    std::atomic<bool> has_begun = false, is_set = false;
+    std::thread writer([&] {
+      has_begun = true;
+      published.set(std::move(next));
+      is_set = true;
+    });
+    while (!has_begun) std::this_thread::yield();
+    for (int waits = 0; waits < 30 && !is_set; ++waits) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    is_met = !is_set;
+    EXPECT_TRUE(!is_met || Living::count == 2);
+    may_go_on = true;
+    writer.join();
+    while (is_stopped) std::this_thread::yield();
+  }
+  is_over = true;
+  reader.join();
+  std::signal(SIGUSR1, before);
+  EXPECT_TRUE(is_met);
+  EXPECT_EQ(Living::count, 1);
 }
 
 TEST(Published, IsReadByManyWhileItIsReplaced) {
