@@ -40,7 +40,7 @@ const Size kSizes[] = {
     {"InAnyEnvironment", 2000, kNarrow, 60, 40, 40, true},
     {"Wide", 250, {768, 4096}, 1500, 700, 30, false},
     {"Many", 60, {1, 3, 8, 64}, 15000, 9000, 25, false},
-    {"Batched", 40, {8, 33, 64, 100}, 15000, 9000, 25, false, true},
+    {"Batched", 24, {8, 33, 64, 100}, 15000, 9000, 25, false, true},
 };
 
 bool accepts(std::int64_t number, const QxText* text) {
@@ -90,7 +90,7 @@ class History {
  public:
   History(const Size& size, std::uint64_t seed) : size_(size), random_(seed) {
     draw_schema();
-    const std::int64_t most = random_.any_of<std::int64_t>({4, 40, 200});
+    const std::int64_t most = size.is_batched ? 5000 : random_.any_of<std::int64_t>({4, 40, 200});
     for (std::int64_t v = random_.between(1, most); v > 0; --v) {
       const bool is_known = !kept_.empty() && random_.percent(10);
       vectors_.push_back(is_known ? random_.any_of(kept_) : any_floats());
@@ -205,7 +205,8 @@ class History {
   }
   std::int64_t any_count() {
     if (random_.percent(40)) return 1;
-    return random_.between(0, random_.percent(80) ? size_.rows / 8 : size_.rows);
+    return random_.between(
+        0, random_.percent(size_.is_batched ? 40 : 80) ? size_.rows / 8 : size_.rows);
   }
 
   Value any_value(std::int32_t type) {
