@@ -1,4 +1,4 @@
-"""Measures which lines, functions and branches of engine/ the tests reach.
+"""Measures which lines, functions and branches of engine/ and collection/ the tests reach.
 
 coverage [--sequences N]
 
@@ -24,6 +24,10 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build/coverage"
 GOOGLETEST = pathlib.Path("/usr/src/googletest/googletest")
 REQUIRED = 100.0
+# Branches of collection/ that are not counted: those by which TileKernel asks for the CPU and the
+# system, and comparisons that the compiler writes, whose outcomes it does not count apart.
+LEFT_OUT = ("__builtin_cpu_supports(", "__get_cpuid_count(", "SYS_arch_prctl",
+            "return found && tiles_allowed", ") = default;")
 KINDS = ("lines", "functions", "branches")
 
 # The heap may be failing when this runs, so nothing here may use it.
@@ -59,11 +63,26 @@ def run(*command, **options):
 class Reached:
     """How often each place was reached. A place is a kind, a file, a line, a column, an outcome."""
 
-    def __init__(self):
+    def __init__(self, folder):
+        self.folder = folder
         self.times = collections.Counter()
+        self.lines = {}
+
+    def line(self, file, number):
+        if file not in self.lines:
+            self.lines[file] = (ROOT / file).read_text().splitlines()
+        return self.lines[file][number - 1]
+
+    def file(self, name):
+        """The name in the project of a file that is measured; else None."""
+        path = pathlib.Path(name)
+        return str(path.relative_to(ROOT)) if ROOT / self.folder in path.parents else None
 
     def add(self, kind, file, line, column, outcome, times):
-        self.times[kind, file, line, column, outcome] += times
+        is_left_out = (kind == "branches" and self.folder == "collection"
+                       and any(text in self.line(file, line) for text in LEFT_OUT))
+        if not is_left_out:
+            self.times[kind, file, line, column, outcome] += times
 
     def print(self):
         """Prints what was not reached, and the figures; returns the kinds that fall short."""
@@ -76,13 +95,8 @@ class Reached:
             percent = int(10000 * (len(places) - len(missed)) / max(len(places), 1)) / 100
             figures.append(f"{len(places) - len(missed)} of {len(places)} {kind} ({percent:.2f} %)")
             short += not places or percent < REQUIRED
-        print(f"coverage of engine/: {', '.join(figures)}")
+        print(f"coverage of {self.folder}/: {', '.join(figures)}")
         return short
-
-
-def engine_file(name):
-    path = pathlib.Path(name)
-    return str(path.relative_to(ROOT)) if (ROOT / "engine") in path.parents else None
 
 
 def build(folder, flags, target):
@@ -102,7 +116,7 @@ def build(folder, flags, target):
 
 
 def run_and_export(folder, test, code, options):
-    """Runs one test program; returns clang's counts of the engine's code in `code`."""
+    """Runs one test program; returns clang's counts of the code in `code`."""
     counts = folder / "counts" / test
     shutil.rmtree(counts, ignore_errors=True)
     counts.mkdir(parents=True)
@@ -123,17 +137,17 @@ def measure(reached, folder, test, code, options):
     for function in functions:
         # The first region is the body; its file is the function's.
         line, column, *_, file_id, _, _ = function["regions"][0]
-        file = engine_file(function["filenames"][file_id])
+        file = reached.file(function["filenames"][file_id])
         if file:
             reached.add("functions", file, line, column, "", function["count"])
         for line, column, _, _, true, false, file_id, *_ in function["branches"]:
-            file = engine_file(function["filenames"][file_id])
+            file = reached.file(function["filenames"][file_id])
             if file:
                 reached.add("branches", file, line, column, "true", true)
                 reached.add("branches", file, line, column, "false", false)
     for entry in lines:
         if entry.startswith("SF:"):
-            file = engine_file(entry[3:])
+            file = reached.file(entry[3:])
         elif entry.startswith("DA:") and file:
             line, times = entry[3:].split(",")[:2]
             reached.add("lines", file, int(line), 0, "", int(times))
@@ -162,9 +176,9 @@ def measure_neon(reached):
     for path in folder.glob("*.gcov.json.gz"):
         with gzip.open(path) as stored:
             files += json.load(stored)["files"]
-    measured = {engine_file(kernel) for kernel in kernels}
+    measured = {reached.file(kernel) for kernel in kernels}
     for counted in files:
-        file = engine_file(counted["file"])
+        file = reached.file(counted["file"])
         if file not in measured:
             continue
         for function in counted["functions"]:
@@ -185,16 +199,18 @@ def main():
     tests += [(test, f"tests/{test}", [])
               for test in ("record_tests", "internal_tests", "allocation_tests")]
     tests.append(("call_sequence_tests", "tests/call_sequence_tests", ["--count", sequences]))
-    reached = Reached()
-    build(BUILD / "baseline", "", [test for test, _, _ in tests])
+    engine, collection = Reached("engine"), Reached("collection")
+    build(BUILD / "baseline", "", [test for test, _, _ in tests] + ["collection_tests"])
     for test, code, options in tests:
-        measure(reached, BUILD / "baseline", test, code, options)
+        measure(engine, BUILD / "baseline", test, code, options)
+    measure(collection, BUILD / "baseline", "collection_tests", "tests/collection_tests", [])
     build(BUILD / "avx", "-mavx", ["internal_tests"])
-    measure(reached, BUILD / "avx", "internal_tests", "tests/internal_tests", [])
-    measure_neon(reached)
-    short = reached.print()
-    print(f"{3 - short} passed, {short} failed")
+    measure(engine, BUILD / "avx", "internal_tests", "tests/internal_tests", [])
+    measure_neon(engine)
+    short = engine.print() + collection.print()
+    print(f"{2 * len(KINDS) - short} passed, {short} failed")
     sys.exit(short > 0)
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -1,8 +1,8 @@
-"""The mutants of engine/: which there are, and which of them behave as the original does.
+"""The mutants of engine/ and collection/: which there are, and which of them behave as the original does.
 
 A mutant changes one operator, number or statement of one line. Two things excuse mutants:
 
-A comment `// Tuning: REASON` in the engine says that the lines from there to the next blank line,
+A comment `// Tuning: REASON` in a source says that the lines from there to the next blank line,
 or to the end of the block, only choose among ways to the same results. They are not mutated.
 
 An entry of equivalent_mutants.txt excuses one mutant, or all mutants of some lines. It holds code
@@ -49,7 +49,13 @@ KEYWORDS = set("""
 
 # `which` numbers the equal lines of a file, from 1 on. With file, line and change it names a mutant
 # for the draw by a seed and for stored verdicts.
-Mutant = collections.namedtuple("Mutant", "file which line changed number kind")
+class Mutant(collections.namedtuple("Mutant", "file which line changed number kind")):
+    __slots__ = ()
+
+    def of(self, folder):
+        return self.file.startswith(f"{folder}/")
+
+
 Token = collections.namedtuple("Token", "text is_name")
 Entry = collections.namedtuple("Entry", "file reason hunk")
 LeftOut = collections.namedtuple("LeftOut", "file first last reason mutants")
@@ -92,7 +98,7 @@ def tokens_of(code):
 
 
 class Source:
-    """One file of the engine: its lines, its mutants, and its tokens with their lines."""
+    """One file: its lines, its mutants, and its tokens with their lines."""
 
     def __init__(self, file, text):
         self.file, self.lines = file, text.splitlines()
@@ -230,7 +236,7 @@ class Excused:
         return {mutant for block in self.blocks for mutant in block.mutants}
 
 
-def engine_sources(root):
-    for path in sorted((root / "engine").rglob("*")):
-        if path.suffix in (".h", ".cpp") and not path.name.startswith("neon"):
+def sources_of(root, folder):
+    for path in sorted((root / folder).rglob("*")):
+        if path.suffix in (".h", ".cpp") and not path.name.startswith(("neon", "qx_collection")):
             yield Source(str(path.relative_to(root)), path.read_text())

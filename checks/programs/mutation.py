@@ -1,20 +1,21 @@
-"""Changes engine/ in one place at a time, in a copy, and sees whether the tests notice.
+"""Changes engine/ or collection/ in one place at a time, in a copy, and sees whether the tests notice.
 
-mutation [--sample N] [--seed S] [--jobs J]
-  N mutants drawn by the seed (1 if none is given); without, all. J at a time, each in its own copy.
+mutation [--of FOLDER] [--sample N] [--seed S] [--jobs J]
+  N mutants of engine or collection (engine if none is given) drawn by the seed (1 if none is
+  given); without, all. J at a time, each in its own copy.
 mutation --list
   Changes nothing: prints which mutants are left out or excused, where they are and why.
 
-mutants.py says which mutants there are, and how equivalent_mutants.txt and comments in the engine
+mutants.py says which mutants there are, and how equivalent_mutants.txt and comments in the sources
 excuse those that behave as the original does.
 
-A mutant is killed when a test fails, runs out of time, or no longer compiles while the engine does.
+A mutant is killed when a test fails, runs out of time, or no longer compiles while the library does.
 What survives is built a second time, under the address and undefined-behaviour sanitizers: a mutant
 that reads or writes where it must not is killed there.
 One whose object code equals the original's is not counted, nor is one that does not compile or
 that is excused. A test or compiler that is ended from outside gives no verdict.
 Results are kept in build/mutation, so that a run that was stopped goes on where it was, as long as
-neither the engine nor a test has changed. The NEON kernels are not compiled on x86-64: no mutants.
+neither the library nor a test has changed. The NEON kernels are not compiled on x86-64: no mutants.
 """
 import argparse
 import collections
@@ -30,28 +31,51 @@ import subprocess
 import sys
 import threading
 import time
+import typing
 
-from mutants import Excused, engine_sources
+from mutants import Excused, sources_of
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutation"
 EQUIVALENT = ROOT / "checks/equivalent_mutants.txt"
-COPIED = ["engine", "include", "tests", "cmake", "CMakeLists.txt"]
 REQUIRED = 98.0
 
-# In this order, until one fails: programs that only link the engine come before those that include
-# its headers and are compiled anew for a mutant of one; the slowest test comes last.
-TESTS = [
-    ("call_sequence_tests", ["--count", "250"]),
-    ("contract_tests", ["--gtest_filter=-LargeBase.*"]),
-    ("record_tests", []),
-    ("allocation_tests", []),
-    ("internal_tests", []),
-    ("contract_tests", ["--gtest_filter=LargeBase.*"]),
-]
 
-# Those that the sanitized build of a survivor runs.
-SANITIZED_TESTS = [0, 1, 2, 4]
+class Subject(typing.NamedTuple):
+    """A folder that is changed. Its tests run in this order, until one fails; `sanitized` are those
+    that the sanitized build of a survivor runs."""
+    copied: list
+    options: list
+    objects: str
+    folder_of_objects: str
+    tests: list
+    sanitized: list
+
+
+SUBJECTS = {
+    # Programs that only link the engine come before those that include its headers and are compiled
+    # anew for a mutant of one; the slowest test comes last.
+    "engine": Subject(
+        ["engine", "include", "tests", "cmake", "CMakeLists.txt"], ["-DQX_BUILD_COLLECTION=OFF"],
+        "qx_objects", "CMakeFiles/qx_objects.dir", [
+            ("call_sequence_tests", ["--count", "250"]),
+            ("contract_tests", ["--gtest_filter=-LargeBase.*"]),
+            ("record_tests", []),
+            ("allocation_tests", []),
+            ("internal_tests", []),
+            ("contract_tests", ["--gtest_filter=LargeBase.*"])],
+        [0, 1, 2, 4]),
+    # One program, the slower tests after the others. Sanitized, no process forks while threads work.
+    "collection": Subject(
+        ["engine", "collection", "bindings", "include", "tests", "cmake", "CMakeLists.txt"],
+        ["-DQX_BUILD_COLLECTION=ON"],
+        "qx_collection_objects", "collection/CMakeFiles/qx_collection_objects.dir", [
+            ("collection_tests", ["--gtest_filter=-OfAnySize/*:Memory.*:Fork.*:Pool.*"]),
+            ("collection_tests", ["--gtest_filter=*/Batched:Memory.F*:Memory.I*"]),
+            ("collection_tests", ["--gtest_filter=Fork.*:Pool.*:OfAnySize/*:Memory.O*"
+                                  ":-*/Batched"])],
+        [0, 1]),
+}
 SANITIZER_OPTIONS = {"ASAN_OPTIONS": "detect_leaks=0:allocator_may_return_null=1"}
 
 # What ends a program from outside, and never because of a mutant.
@@ -97,7 +121,7 @@ class Build:
     """A build of a worker's sources, and a copy of it to go back to."""
 
     def __init__(self, worker, name, flags):
-        self.worker, self.flags = worker, flags
+        self.worker, self.subject, self.flags = worker, worker.subject, flags
         self.folder, self.kept = worker.folder / name, worker.folder / f"{name}-kept"
         self.timeouts = {}
 
@@ -110,10 +134,10 @@ class Build:
 
     def object_code(self):
         return {path: hashlib.sha256(path.read_bytes()).digest()
-                for path in self.folder.glob("CMakeFiles/qx_objects.dir/**/*.o")}
+                for path in self.folder.glob(f"{self.subject.folder_of_objects}/**/*.o")}
 
     def passes(self, number, timeout=None):
-        test, options = TESTS[number]
+        test, options = self.subject.tests[number]
         environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", **SANITIZER_OPTIONS)
         status, _ = run(self.folder / "tests" / test, *options, timeout=timeout, env=environment,
                         cwd=self.folder, stdout=subprocess.DEVNULL)
@@ -121,7 +145,7 @@ class Build:
 
     def notices(self):
         """Whether a test that passed the original fails the mutant."""
-        return any(not self.ninja(TESTS[number][0]) or not self.passes(number, timeout)
+        return any(not self.ninja(self.subject.tests[number][0]) or not self.passes(number, timeout)
                    for number, timeout in self.timeouts.items())
 
     def prepare(self, tests):
@@ -130,16 +154,17 @@ class Build:
             "cmake", "-S", self.worker.source, "-B", self.folder, "-G", "Ninja",
             "-DCMAKE_BUILD_TYPE=Release", f"-DCMAKE_CXX_FLAGS_RELEASE={self.flags}",
             "-DCMAKE_CXX_COMPILER=g++", "-DQX_BUILD_TESTS=ON", "-DQX_BUILD_EXAMPLES=OFF",
-            stdout=subprocess.PIPE)
+            *self.subject.options, stdout=subprocess.PIPE)
         if status != 0:
             raise Stopped(f"cmake failed\n{output[-2000:]}")
-        for target in dict.fromkeys(["qx_objects", *(TESTS[number][0] for number in tests)]):
+        programs = [self.subject.tests[number][0] for number in tests]
+        for target in dict.fromkeys([self.subject.objects, *programs]):
             if not self.ninja(target):
                 raise Stopped(f"the original does not build {target}")
         for number in tests:
             started = time.monotonic()
             if not self.passes(number):
-                raise Stopped(f"the original fails {TESTS[number][0]}")
+                raise Stopped(f"the original fails {self.subject.tests[number]}")
             self.timeouts[number] = 10 * (time.monotonic() - started) + 5
         self.original_code = self.object_code()
         shutil.copytree(self.folder, self.kept, symlinks=True)
@@ -159,7 +184,8 @@ class Build:
 class Worker:
     """A copy of the sources and its builds."""
 
-    def __init__(self, number):
+    def __init__(self, subject, number):
+        self.subject = subject
         self.folder = WORK / f"worker-{number}"
         self.source = self.folder / "source"
         self.plain = Build(self, "build", "-O1")
@@ -169,40 +195,45 @@ class Worker:
     def prepare(self):
         shutil.rmtree(self.folder, ignore_errors=True)
         self.source.mkdir(parents=True)
-        for name in COPIED:
+        for name in self.subject.copied:
             run("cp", "-rpT", ROOT / name, self.source / name, stdout=subprocess.DEVNULL)
-        self.plain.prepare(range(len(TESTS)))
-        self.sanitized.prepare(SANITIZED_TESTS)
+        self.plain.prepare(range(len(self.subject.tests)))
 
-    def evaluate(self, mutant):
+    @contextlib.contextmanager
+    def changed(self, mutant, build):
+        """The mutant's source while this lasts; then the original's, and its build."""
         path = self.source / mutant.file
         text, times = path.read_text(), path.stat()
         lines = text.splitlines()
         lines[mutant.number - 1] = mutant.changed
         path.write_text("\n".join(lines) + "\n")
-        builds = [self.plain]
         try:
-            if not self.plain.ninja("qx_objects"):
+            yield
+        finally:
+            path.write_text(text)
+            os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
+            build.go_back()
+
+    def evaluate(self, mutant):
+        with self.changed(mutant, self.plain):
+            if not self.plain.ninja(self.subject.objects):
                 return "did not compile"
             if self.plain.object_code() == self.plain.original_code:
                 return "equal code"
             if self.plain.notices():
                 return "killed"
-            builds.append(self.sanitized)
+        if not self.sanitized.timeouts:  # the first survivor
+            self.sanitized.prepare(self.subject.sanitized)
+        with self.changed(mutant, self.sanitized):
             return "killed" if self.sanitized.notices() else "survived"
-        finally:
-            path.write_text(text)
-            os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
-            for build in builds:
-                build.go_back()
 
 
 class Results:
     """The verdicts, kept in a file as they come."""
 
-    def __init__(self):
+    def __init__(self, subject):
         digest = hashlib.sha256()
-        for name in COPIED:
+        for name in subject.copied:
             for path in sorted((ROOT / name).rglob("*")) or [ROOT / name]:
                 if path.is_file():
                     digest.update(str(path.relative_to(ROOT)).encode() + path.read_bytes())
@@ -231,7 +262,7 @@ def drawn(seed, mutant):
     return hashlib.sha256(f"{seed}\t{mutant[:4]}".encode()).digest()
 
 
-def evaluate_all(mutants, results, jobs):
+def evaluate_all(subject, mutants, results, jobs):
     """Finds the missing verdicts. Shows the progress on standard error."""
     lock = threading.Lock()
     waiting = queue.SimpleQueue()
@@ -248,7 +279,7 @@ def evaluate_all(mutants, results, jobs):
               file=sys.stderr, flush=True)
 
     def work(number):
-        worker = Worker(number)
+        worker = Worker(subject, number)
         worker.prepare()
         begun.append(time.monotonic())
         while not STOPPING.is_set():
@@ -319,19 +350,22 @@ def report(mutants, excused, results):
 
 def main():
     parser = argparse.ArgumentParser(prog="mutation")
+    parser.add_argument("--of", choices=SUBJECTS, default="engine")
     parser.add_argument("--sample", type=int)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("--list", action="store_true")
     options = parser.parse_args()
-    sources = list(engine_sources(ROOT))
+    sources = [source for folder in SUBJECTS for source in sources_of(ROOT, folder)]
     excused = Excused(sources, EQUIVALENT.read_text())
     left_out = excused.left_out()
-    mutants = [mutant for source in sources for mutant in source.mutants if mutant not in left_out]
+    mutants = [mutant for source in sources for mutant in source.mutants
+               if mutant not in left_out and (options.list or mutant.of(options.of))]
     if options.list:
         show_excused(excused)
-    print(f"{len(mutants)} mutants in all, {len(excused.reasons)} of them listed as equivalent; "
-          f"{len(left_out)} more are left out", flush=True)
+    print(f"{len(mutants)} mutants in all, {sum(m in excused.reasons for m in mutants)} of them "
+          f"listed as equivalent; {sum(options.list or m.of(options.of) for m in left_out)} more "
+          "are left out", flush=True)
     for problem in excused.problems:
         print(problem)
     if options.list or excused.problems:
@@ -339,10 +373,10 @@ def main():
         sys.exit(bool(excused.problems))
     if options.sample is not None:
         mutants = sorted(mutants, key=lambda mutant: drawn(options.seed, mutant))[:options.sample]
-    results = Results()
+    results = Results(SUBJECTS[options.of])
     unknown = [mutant for mutant in mutants if results.get(mutant) is None]
     if unknown:
-        evaluate_all(unknown, results, max(options.jobs, 1))
+        evaluate_all(SUBJECTS[options.of], unknown, results, max(options.jobs, 1))
     sys.exit(not report(mutants, excused, results))
 
 
