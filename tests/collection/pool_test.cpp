@@ -300,6 +300,32 @@ TEST(Fork, GivesTheChildThreadsOfItsOwn) {
   }
 }
 
+TEST(Fork, WaitsForWhatAThreadDoesUnderAMutexOfAGuard) {
+  std::mutex mutex;
+  const ForkGuard guard(mutex, [] {});
+  std::atomic<bool> is_half_done = false;
+  std::atomic<bool> is_over = false;
+  std::thread writer([&] {
+    while (!is_over) {
+      {
+        const std::lock_guard lock(mutex);
+        is_half_done = true;
+        for (int i = 0; i < 100; ++i) std::this_thread::yield();
+        is_half_done = false;
+      }
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    while (!is_half_done) std::this_thread::yield();
+    EXPECT_TRUE(child_ends_with(7, [&] {
+      if (!is_half_done) _exit(7);
+    }));
+  }
+  is_over = true;
+  writer.join();
+}
+
 // A thread of the library that works, and waits, under a mutex that forks know.
 class Background {
  public:
