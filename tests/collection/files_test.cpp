@@ -689,7 +689,7 @@ TEST(CollectionFiles, AreRefusedForNamesThatNoHeaderHolds) {
   const Folder folder;
   const std::string path = folder / "file", name(64 << 20, 'n');
   const QxColumn column = {name.c_str(), QX_INTEGER};
-  const QxOptions options = {1, QX_NUMBERS, &column, 1, 0, 0, 0};
+  const QxOptions options = {1, QX_NUMBERS, &column, 1, 0, 0, 0, 0};
   QxCollection* made = nullptr;
   ASSERT_EQ(qx_collection_new(&options, &made), QX_OK);
   const Owner<QxCollection> collection(made);
