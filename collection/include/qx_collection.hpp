@@ -1,7 +1,7 @@
 // qx_collection for C++20: collections that own themselves, spans in, results as ranges.
 //
-// What calls do is said in qx_collection.h; each has the name of its function there. A call that is
-// refused throws and changes nothing:
+// What calls do is said in qx_collection.h; each has the name of its function there. A Collection
+// has numbers as ids, a TextCollection texts. A call that is refused throws and changes nothing:
 //
 //   qx::Collection::InvalidArgument  an argument that does not fit the collection or the others
 //   qx::Collection::Cancelled        a progress callback returned true
@@ -14,13 +14,14 @@
 //
 //   qx::Collection words({.dim = 100, .columns = {{"label", QX_INTEGER}}});
 //   words.upsert(ids, vectors, {labels});
-//   const qx::CollectionHits hits = words.search(query, 10, {.filter = "label = 3"});
-//   for (const auto& hit : hits[0]) use(hit.id, hit.score);
+//   for (const auto& [id, score] : words.search(query, 10, {.filter = "label = 3"})) {
+//     use(id, score);
+//   }
 //
-// A collection stays until its views are gone too. Results own their memory: texts and spans that
-// they give are valid while they live. Their operator[] does not check its position. One that was
-// moved from may only be assigned to or destroyed; a collection or view then throws
-// InvalidArgument.
+// A collection stays until its views are gone too. Results are random access ranges that own their
+// memory: texts and spans that they give are valid while they live, also after a move. Their
+// operator[] does not check its position. One that was moved from may only be assigned to or
+// destroyed; a collection or view then throws InvalidArgument.
 #pragma once
 
 #if __cplusplus < 202002L && !(defined(_MSVC_LANG) && _MSVC_LANG >= 202002L)
@@ -73,6 +74,9 @@ class CollectionErrorOf : public CollectionError {
 
 // ---- What calls take ----
 
+template <typename T>
+concept AnyId = std::same_as<T, std::int64_t> || std::same_as<T, std::string_view>;
+
 template <typename Range>
 using ElementOf = std::remove_cvref_t<decltype(*std::data(std::declval<const Range&>()))>;
 template <typename Range, typename... Types>
@@ -90,26 +94,38 @@ std::vector<QxText> text_pointers(const Range& texts) {
   return pointers;
 }
 
-// Numbers or texts: of a vector, an array or a span, which must stay, or listed in braces.
+// Of a vector, an array or a span, which must stay, or listed in braces.
+template <AnyId Id>
 class Ids {
  public:
   Ids() = default;
+  Ids(std::initializer_list<Id> ids) : listed_(ids.begin(), ids.end()) {}
   template <RangeOf<std::int64_t> Range>
-  Ids(const Range& numbers) : numbers_(numbers) {}
-  template <Texts Range>
-  Ids(const Range& texts) : texts_(text_pointers(texts)) {}
-  Ids(std::initializer_list<std::int64_t> numbers) : listed_(numbers) {}
-  Ids(std::initializer_list<std::string_view> texts) : texts_(text_pointers(texts)) {}
+  Ids(const Range& numbers) : given_(numbers) {}
 
-  std::size_t size() const { return numbers_.size() + listed_.size() + texts_.size(); }
+  std::size_t size() const { return given_.size() + listed_.size(); }
   QxIds get() const {
-    const std::int64_t* const numbers = listed_.empty() ? numbers_.data() : listed_.data();
-    return {static_cast<std::int64_t>(size()), numbers, texts_.data()};
+    const std::int64_t* const numbers = listed_.empty() ? given_.data() : listed_.data();
+    return {static_cast<std::int64_t>(size()), numbers, nullptr};
   }
 
  private:
-  std::span<const std::int64_t> numbers_;
+  std::span<const std::int64_t> given_;
   std::vector<std::int64_t> listed_;
+};
+
+template <>
+class Ids<std::string_view> {
+ public:
+  Ids() = default;
+  Ids(std::initializer_list<std::string_view> texts) : texts_(text_pointers(texts)) {}
+  template <Texts Range>
+  Ids(const Range& texts) : texts_(text_pointers(texts)) {}
+
+  std::size_t size() const { return texts_.size(); }
+  QxIds get() const { return {std::ssize(texts_), nullptr, texts_.data()}; }
+
+ private:
   std::vector<QxText> texts_;
 };
 
@@ -160,8 +176,9 @@ class Values {
 
 // done of total; true cancels the work.
 using ProgressCallback = std::function<bool(std::int64_t done, std::int64_t total)>;
-// Only one of the two is the id; called on any thread.
-using AcceptCallback = std::function<bool(std::int64_t id, std::string_view text)>;
+// Called on any thread.
+template <AnyId Id>
+using AcceptCallback = std::function<bool(Id id)>;
 
 enum class Metric : std::int32_t {
   kInnerProduct = QX_INNER_PRODUCT,
@@ -171,23 +188,31 @@ enum class Metric : std::int32_t {
 
 struct CollectionOptions {
   std::int32_t dim = 0;
-  std::int32_t id_kind = QX_NUMBERS;
   std::vector<QxColumn> columns = {};
+  Metric metric = Metric::kInnerProduct;
   std::int32_t threads = 0;
   std::int64_t memory_limit = 0;
   bool manual = false;
-  Metric metric = Metric::kInnerProduct;
 
-  QxOptions get() const {
-    return {dim,     id_kind,      columns.data(), static_cast<std::int32_t>(columns.size()),
-            threads, memory_limit, manual ? 1 : 0, static_cast<std::int32_t>(metric)};
+  QxOptions get(std::int32_t id_kind) const {
+    QxOptions c = {};
+    c.dim = dim;
+    c.id_kind = id_kind;
+    c.columns = columns.data();
+    c.n_columns = static_cast<std::int32_t>(columns.size());
+    c.threads = threads;
+    c.memory_limit = memory_limit;
+    c.manual = manual ? 1 : 0;
+    c.metric = static_cast<std::int32_t>(metric);
+    return c;
   }
 };
 
+template <AnyId Id>
 struct CollectionSearch {
   std::string filter = {};  // empty: every row passes
-  std::optional<Ids> among = {};
-  AcceptCallback accept = {};
+  std::optional<Ids<Id>> among = {};
+  AcceptCallback<Id> accept = {};
   ProgressCallback progress = {};
   std::int32_t threads = 0;
   std::int32_t probes = 0;
@@ -195,99 +220,118 @@ struct CollectionSearch {
 
 // ---- What calls give ----
 
-template <auto kFree>
-struct FreedBy {
-  void operator()(auto* owned) const { kFree(owned); }
+struct Free {
+  void operator()(QxCollection* owned) const { qx_collection_free(owned); }
+  void operator()(QxView* owned) const { qx_view_free(owned); }
+  void operator()(QxHits* owned) const { qx_hits_free(owned); }
+  void operator()(QxRows* owned) const { qx_rows_free(owned); }
+  void operator()(char* owned) const { qx_text_free(owned); }
 };
+template <typename C>
+using Owned = std::unique_ptr<C, Free>;
 
 // What a call gave out, and the items that point into it.
-template <typename Item, typename C, auto kFree>
+template <typename Item, typename Owner>
 class Results {
  public:
-  explicit Results(C* owned) : owned_(owned), items_(Item::of(*owned)) {}
-  std::size_t size() const { return items_.size(); }
+  using value_type = Item;
+  using const_iterator = typename std::vector<Item>::const_iterator;
+  using iterator = const_iterator;
+  using size_type = std::size_t;
+
+  Results(Owner owner, std::vector<Item> items)
+      : owner_(std::move(owner)), items_(std::move(items)) {}
+  size_type size() const { return items_.size(); }
   bool empty() const { return items_.empty(); }
-  const auto& operator[](std::size_t i) const { return items_[i]; }
-  auto begin() const { return items_.begin(); }
-  auto end() const { return items_.end(); }
+  const Item& operator[](size_type i) const { return items_[i]; }
+  const Item& front() const { return items_.front(); }
+  const Item& back() const { return items_.back(); }
+  const Item* data() const { return items_.data(); }
+  const_iterator begin() const { return items_.begin(); }
+  const_iterator end() const { return items_.end(); }
 
  private:
-  std::unique_ptr<C, FreedBy<kFree>> owned_;
-  decltype(Item::of(std::declval<C&>())) items_;
+  Owner owner_;
+  std::vector<Item> items_;
 };
 
-inline std::string_view text_at(const QxText* texts, std::size_t at) {
-  if (texts == nullptr) return {};
-  return {texts[at].data, static_cast<std::size_t>(texts[at].size)};
+template <AnyId Id>
+Id id_at(const std::int64_t* numbers, const QxText* texts, std::size_t at) {
+  if constexpr (std::same_as<Id, std::int64_t>) {
+    return numbers[at];
+  } else {
+    return {texts[at].data, static_cast<std::size_t>(texts[at].size)};
+  }
 }
 
-// One of id and text is the id; the other is 0 or empty.
+template <AnyId Id>
 struct CollectionHit {
-  std::int64_t id;
-  std::string_view text;
+  Id id;
   float score;
   friend bool operator==(const CollectionHit&, const CollectionHit&) = default;
-
-  // Of each query, best first.
-  static std::vector<std::vector<CollectionHit>> of(const QxHits& hits) {
-    std::vector<std::vector<CollectionHit>> all(static_cast<std::size_t>(hits.n_queries));
-    for (std::size_t q = 0; q < all.size(); ++q) {
-      const std::size_t first = q * static_cast<std::size_t>(hits.k);
-      const std::size_t end = first + static_cast<std::size_t>(hits.counts[q]);
-      all[q].reserve(end - first);
-      for (std::size_t at = first; at < end; ++at) {
-        all[q].push_back(
-            {hits.ids == nullptr ? 0 : hits.ids[at], text_at(hits.texts, at), hits.scores[at]});
-      }
-    }
-    return all;
-  }
 };
-using CollectionHits = Results<CollectionHit, QxHits, qx_hits_free>;
+// The hits of a query, the best first; and of many queries, a span of hits for each.
+template <AnyId Id>
+using CollectionHits = Results<CollectionHit<Id>, Owned<QxHits>>;
+template <AnyId Id>
+using CollectionHitsOfEach = Results<std::span<const CollectionHit<Id>>, CollectionHits<Id>>;
+
+template <AnyId Id>
+CollectionHits<Id> hits_of(Owned<QxHits> hits) {
+  std::vector<CollectionHit<Id>> all;
+  for (std::int64_t q = 0; q < hits->n_queries; ++q) {
+    const auto first = static_cast<std::size_t>(q * hits->k);
+    const auto end = first + static_cast<std::size_t>(hits->counts[q]);
+    for (std::size_t at = first; at < end; ++at) {
+      all.push_back({id_at<Id>(hits->ids, hits->texts, at), hits->scores[at]});
+    }
+  }
+  return {std::move(hits), std::move(all)};
+}
 
 // NULL, or a value of the column's type.
 using Value = std::variant<std::monostate, std::int64_t, double, bool, std::string_view>;
 
+inline Value value_at(const QxValues& column, std::size_t i) {
+  if (column.nulls[i] != 0) return {};
+  if (column.integers != nullptr) return column.integers[i];
+  if (column.reals != nullptr) return column.reals[i];
+  if (column.booleans != nullptr) return column.booleans[i] != 0;
+  return id_at<std::string_view>(nullptr, column.texts, i);
+}
+
+template <AnyId Id>
 struct CollectionRow {
-  std::int64_t id;
-  std::string_view text;
+  Id id;
   bool found;
   std::span<const float> vector;
   std::vector<Value> values;
-
-  static std::vector<CollectionRow> of(const QxRows& rows) {
-    std::vector<CollectionRow> all;
-    const auto dim = static_cast<std::size_t>(rows.dim);
-    for (std::size_t i = 0; i < static_cast<std::size_t>(rows.count); ++i) {
-      all.push_back({rows.ids == nullptr ? 0 : rows.ids[i],
-                     text_at(rows.texts, i),
-                     rows.found[i] != 0,
-                     {rows.vectors + i * dim, dim},
-                     {}});
-      for (std::int32_t c = 0; c < rows.n_columns; ++c) {
-        all[i].values.push_back(value(rows.columns[c], i));
-      }
-    }
-    return all;
-  }
-
- private:
-  static Value value(const QxValues& column, std::size_t i) {
-    if (column.nulls[i] != 0) return {};
-    if (column.integers != nullptr) return column.integers[i];
-    if (column.reals != nullptr) return column.reals[i];
-    if (column.booleans != nullptr) return column.booleans[i] != 0;
-    return text_at(column.texts, i);
-  }
 };
-using CollectionRows = Results<CollectionRow, QxRows, qx_rows_free>;
+template <AnyId Id>
+using CollectionRows = Results<CollectionRow<Id>, Owned<QxRows>>;
+
+template <AnyId Id>
+CollectionRows<Id> rows_of(Owned<QxRows> rows) {
+  std::vector<CollectionRow<Id>> all;
+  const auto dim = static_cast<std::size_t>(rows->dim);
+  for (std::size_t i = 0; i < static_cast<std::size_t>(rows->count); ++i) {
+    const Id id = id_at<Id>(rows->ids, rows->texts, i);
+    all.push_back({id, rows->found[i] != 0, {rows->vectors + i * dim, dim}, {}});
+    for (std::int32_t c = 0; c < rows->n_columns; ++c) {
+      all[i].values.push_back(value_at(rows->columns[c], i));
+    }
+  }
+  return {std::move(rows), std::move(all)};
+}
 
 // ---- Calls ----
 
 // Keeps what a callback throws, so that it passes no C, and cancels the call.
+template <AnyId Id>
 class Callbacks {
  public:
-  explicit Callbacks(const ProgressCallback& on_progress, const AcceptCallback& on_accept = {})
+  explicit Callbacks(const ProgressCallback& on_progress = {},
+                     const AcceptCallback<Id>& on_accept = {})
       : progress(on_progress || on_accept ? &report : nullptr),
         accept(on_accept ? &pass : nullptr),
         progress_(on_progress),
@@ -316,30 +360,40 @@ class Callbacks {
   }
   static std::int32_t pass(void* context, std::int64_t id, const QxText* text) {
     auto& self = *static_cast<Callbacks*>(context);
-    return self.call([&] { return self.accept_(id, text_at(text, 0)); });
+    return self.call([&] { return self.accept_(id_at<Id>(&id, text, 0)); });
   }
 
   const ProgressCallback progress_;
-  const AcceptCallback accept_;
+  const AcceptCallback<Id> accept_;
   std::atomic<bool> has_thrown_ = false;
   std::exception_ptr thrown_;
 };
 
 // What a collection and a view have in common: the current rows, or those of the view.
+template <AnyId Id>
 class RowSet {
  public:
   using InvalidArgument = CollectionErrorOf<QX_INVALID>;
   using Cancelled = CollectionErrorOf<QX_CANCELLED>;
   using IoError = CollectionErrorOf<QX_IO_ERROR>;
   using CorruptFile = CollectionErrorOf<QX_CORRUPT>;
+  using Ids = collection_api::Ids<Id>;
+  using Search = CollectionSearch<Id>;
+  using Hit = CollectionHit<Id>;
+  using Hits = CollectionHits<Id>;
+  using HitsOfEach = CollectionHitsOfEach<Id>;
+  using Row = CollectionRow<Id>;
+  using Rows = CollectionRows<Id>;
 
   std::int32_t dim() const { return schema().dim; }
-  bool has_text_ids() const { return schema().id_kind == QX_TEXTS; }
   Metric metric() const { return Metric{schema().metric}; }
   std::span<const QxColumn> columns() const {
     return {schema().columns, static_cast<std::size_t>(schema().n_columns)};
   }
-  std::int64_t size() const { return qx_collection_count(handle(), view_.get()); }
+  std::size_t size() const {
+    return static_cast<std::size_t>(qx_collection_count(handle(), view_.get()));
+  }
+  bool empty() const { return size() == 0; }
 
   // Values of each column, or none: every value is NULL.
   void upsert(const Ids& ids, std::span<const float> vectors,
@@ -347,7 +401,7 @@ class RowSet {
     upsert(ids, vectors, std::span(values.begin(), values.size()));
   }
   void upsert(const Ids& ids, std::span<const float> vectors, std::span<const Values> values) {
-    require(rows_of(vectors) == ids.size(), "there are not as many vectors as ids");
+    require(rows_in(vectors) == ids.size(), "there are not as many vectors as ids");
     require(values.empty() || values.size() == columns().size(), "a column has no values");
     std::vector<QxValues> pointers;
     for (const Values& column : values) {
@@ -363,34 +417,45 @@ class RowSet {
                 : qx_collection_upsert(handle(), ids.get(), vectors.data(), given));
   }
 
-  std::int64_t remove(const Ids& ids) {
+  std::size_t remove(const Ids& ids) {
     std::int64_t removed = 0;
     check(view_ ? qx_view_remove(view_.get(), ids.get(), &removed)
                 : qx_collection_remove(handle(), ids.get(), &removed));
-    return removed;
+    return static_cast<std::size_t>(removed);
   }
 
+  Hits search(std::span<const float> query, std::int64_t k, const Search& search = {}) const {
+    require(rows_in(query) == 1, "the query has not dim floats");
+    return hits_of<Id>(searched(query, k, search));
+  }
   // Queries are one after the other, dim floats each.
-  CollectionHits search(std::span<const float> queries, std::int64_t k,
-                        const CollectionSearch& search = {}) const {
-    const auto n = static_cast<std::int64_t>(rows_of(queries));
-    return given<CollectionHits, QxHits*>(search, [&](const QxSearch& c, QxHits** out) {
-      return qx_collection_search(handle(), view_.get(), queries.data(), n, k, &c, out);
-    });
+  HitsOfEach search_each(std::span<const float> queries, std::int64_t k,
+                         const Search& search = {}) const {
+    Owned<QxHits> found = searched(queries, k, search);
+    const std::span counts(found->counts, rows_in(queries));
+    Hits hits = hits_of<Id>(std::move(found));  // it keeps the counts
+    std::vector<std::span<const Hit>> each;
+    const Hit* next = hits.data();
+    for (const std::int64_t count : counts) {
+      each.emplace_back(next, static_cast<std::size_t>(count));
+      next += count;
+    }
+    return {std::move(hits), std::move(each)};
   }
 
-  std::string explain(const CollectionSearch& search = {}) const {
-    return given<OwnedText, char*>(search,
-                                   [&](const QxSearch& c, char** out) {
-                                     return qx_collection_explain(handle(), view_.get(), &c, out);
-                                   })
-        .text;
+  std::string explain(const Search& search = {}) const {
+    Given given(search);
+    return taken<char>(given.host,
+                       [&](char** out) {
+                         return qx_collection_explain(handle(), view_.get(), &given.c, out);
+                       })
+        .get();
   }
 
-  CollectionRows get(const Ids& ids) const {
-    QxRows* rows = nullptr;
-    check(qx_collection_get(handle(), view_.get(), ids.get(), &rows));
-    return CollectionRows(rows);
+  Rows get(const Ids& ids) const {
+    return rows_of<Id>(taken<QxRows>(Callbacks<Id>(), [&](QxRows** out) {
+      return qx_collection_get(handle(), view_.get(), ids.get(), out);
+    }));
   }
 
   // 1 for each id that has a row, else 0.
@@ -400,23 +465,25 @@ class RowSet {
     return found;
   }
 
-  CollectionRows list(const std::string& filter = {}, const Ids& after = {},
-                      std::int64_t most = INT64_MAX) const {
-    QxRows* rows = nullptr;
+  Rows list(const std::string& filter = {}, const Ids& after = {},
+            std::int64_t most = INT64_MAX) const {
     const char* const given = filter.empty() ? nullptr : c_text(filter);
-    check(qx_collection_list(handle(), view_.get(), given, after.get(), most, &rows));
-    return CollectionRows(rows);
+    return rows_of<Id>(taken<QxRows>(Callbacks<Id>(), [&](QxRows** out) {
+      return qx_collection_list(handle(), view_.get(), given, after.get(), most, out);
+    }));
   }
 
   void save(const std::string& path, const ProgressCallback& on_progress = {}) const {
-    Callbacks host(on_progress);
+    Callbacks<Id> host(on_progress);
     check(qx_collection_save(handle(), view_.get(), c_text(path), host.progress, &host), host);
   }
 
  protected:
-  explicit RowSet(std::shared_ptr<QxCollection> collection, QxView* view = nullptr)
-      : collection_(std::move(collection)), view_(view) {}
-  RowSet(RowSet&&) = default;
+  static constexpr std::int32_t kIdKind = std::same_as<Id, std::int64_t> ? QX_NUMBERS : QX_TEXTS;
+
+  explicit RowSet(std::shared_ptr<QxCollection> collection, Owned<QxView> view = nullptr)
+      : collection_(std::move(collection)), view_(std::move(view)) {}
+  RowSet(RowSet&&) noexcept = default;
   RowSet& operator=(RowSet&& other) noexcept {
     view_ = std::move(other.view_);  // first, since a view needs its collection to the end
     collection_ = std::move(other.collection_);
@@ -428,13 +495,20 @@ class RowSet {
     require(collection_ != nullptr, "the collection or view was moved from");
     return collection_.get();
   }
+  QxOptions schema() const {
+    QxOptions schema;
+    qx_collection_schema(handle(), &schema);
+    return schema;
+  }
+  std::size_t rows_in(std::span<const float> matrix) const {
+    const auto width = static_cast<std::size_t>(dim());
+    require(matrix.size() % width == 0, "the number of floats is no multiple of dim");
+    return matrix.size() / width;
+  }
 
   // Throws what the host's callbacks threw, or by the status.
-  static void check(std::int32_t status, const Callbacks& host) {
+  static void check(std::int32_t status, const Callbacks<Id>& host = Callbacks<Id>()) {
     host.rethrow();
-    check(status);
-  }
-  static void check(std::int32_t status) {
     if (status == QX_OK) return;
     if (status == QX_OUT_OF_MEMORY) throw std::bad_alloc();
     const char* const message = qx_collection_message();
@@ -451,117 +525,128 @@ class RowSet {
     return text.c_str();
   }
 
-  std::size_t rows_of(std::span<const float> matrix) const {
-    const auto width = static_cast<std::size_t>(dim());
-    require(matrix.size() % width == 0, "the number of floats is no multiple of dim");
-    return matrix.size() / width;
+  // What a call gives out.
+  template <typename C, typename Call>
+  static Owned<C> taken(const Callbacks<Id>& host, Call call) {
+    C* out = nullptr;
+    const std::int32_t status = call(&out);
+    Owned<C> owned(out);
+    check(status, host);
+    return owned;
   }
 
-  // What a call with a search gives out.
-  template <typename Owner, typename Out, typename Call>
-  static Owner given(const CollectionSearch& search, Call call) {
-    Callbacks host(search.progress, search.accept);
-    const QxIds among = search.among ? search.among->get() : QxIds{};
+  // A search for the C interface; valid while the search is.
+  struct Given {
+    explicit Given(const Search& search) : host(search.progress, search.accept) {
+      if (!search.filter.empty()) c.filter = c_text(search.filter);
+      if (search.among) {
+        among = search.among->get();
+        c.among = &among;
+      }
+      c.accept = host.accept;
+      c.progress = host.progress;
+      c.accept_context = c.progress_context = &host;
+      c.threads = search.threads;
+      c.probes = search.probes;
+    }
+    Callbacks<Id> host;
+    QxIds among = {};
     QxSearch c = {};
-    if (!search.filter.empty()) c.filter = c_text(search.filter);
-    if (search.among) c.among = &among;
-    c.accept = host.accept;
-    c.progress = host.progress;
-    c.accept_context = c.progress_context = &host;
-    c.threads = search.threads;
-    c.probes = search.probes;
-    Out out = {};
-    if (const std::int32_t status = call(c, &out); status != QX_OK) check(status, host);
-    Owner owner(out);
-    host.rethrow();  // what a row was refused for
-    return owner;
-  }
+  };
 
   std::shared_ptr<QxCollection> collection_;
 
  private:
-  QxOptions schema() const {
-    QxOptions schema;
-    qx_collection_schema(handle(), &schema);
-    return schema;
+  Owned<QxHits> searched(std::span<const float> queries, std::int64_t k,
+                         const Search& search) const {
+    const auto n = static_cast<std::int64_t>(rows_in(queries));
+    Given given(search);
+    return taken<QxHits>(given.host, [&](QxHits** out) {
+      return qx_collection_search(handle(), view_.get(), queries.data(), n, k, &given.c, out);
+    });
   }
-  struct OwnedText {
-    explicit OwnedText(char* owned)
-        : text(std::unique_ptr<char, FreedBy<qx_text_free>>(owned).get()) {}
-    std::string text;
-  };
 
-  std::unique_ptr<QxView, FreedBy<qx_view_free>> view_;
+  Owned<QxView> view_;
 };
 
 // Used by one thread at a time.
-class View : public RowSet {
+template <AnyId Id>
+class BasicView : public RowSet<Id> {
  private:
-  friend class Collection;
-  using RowSet::RowSet;
+  template <AnyId>
+  friend class BasicCollection;
+  using RowSet<Id>::RowSet;
 };
 
-class Collection : public RowSet {
+template <AnyId Id>
+class BasicCollection : public RowSet<Id> {
+  using Base = RowSet<Id>;
+
  public:
-  explicit Collection(const CollectionOptions& options)
-      : RowSet(made(Callbacks({}), [&](QxCollection** out) {
-          const QxOptions c = options.get();
+  using View = BasicView<Id>;
+  using typename Base::Search;
+
+  explicit BasicCollection(const CollectionOptions& options)
+      : Base(Base::template taken<QxCollection>(Callbacks<Id>(), [&](QxCollection** out) {
+          const QxOptions c = options.get(Base::kIdKind);
           return qx_collection_new(&c, out);
         })) {}
 
   // Of the options threads, memory_limit and manual count.
-  static Collection load(const std::string& path, const CollectionOptions& options = {},
-                         const ProgressCallback& on_progress = {}) {
-    Callbacks host(on_progress);
-    return Collection(made(host, [&](QxCollection** out) {
-      const QxOptions c = options.get();
-      return qx_collection_load(c_text(path), &c, host.progress, &host, out);
+  static BasicCollection load(const std::string& path, const CollectionOptions& options = {},
+                              const ProgressCallback& on_progress = {}) {
+    Callbacks<Id> host(on_progress);
+    const QxOptions c = options.get(Base::kIdKind);
+    BasicCollection loaded(Base::template taken<QxCollection>(host, [&](QxCollection** out) {
+      return qx_collection_load(Base::c_text(path), &c, host.progress, &host, out);
     }));
+    Base::require(loaded.schema().id_kind == Base::kIdKind, "the file has ids of the other kind");
+    return loaded;
   }
 
   void compact(const ProgressCallback& on_progress = {}) {
-    Callbacks host(on_progress);
-    check(qx_collection_compact(handle(), host.progress, &host), host);
+    Callbacks<Id> host(on_progress);
+    Base::check(qx_collection_compact(this->handle(), host.progress, &host), host);
   }
 
   void train(std::int64_t n_lists, const ProgressCallback& on_progress = {}) {
-    Callbacks host(on_progress);
-    check(qx_collection_train(handle(), n_lists, host.progress, &host), host);
+    Callbacks<Id> host(on_progress);
+    Base::check(qx_collection_train(this->handle(), n_lists, host.progress, &host), host);
   }
 
-  // Queries as a search has them; none: rows of the collection are taken.
+  // Without queries, rows of the collection are taken.
   QxTuning tune(std::int64_t k, double recall, std::span<const float> queries = {},
-                const CollectionSearch& search = {}) const {
-    const auto n = static_cast<std::int64_t>(rows_of(queries));
-    return given<QxTuning, QxTuning>(search, [&](const QxSearch& c, QxTuning* out) {
-      const float* const rows = queries.empty() ? nullptr : queries.data();
-      return qx_collection_tune(handle(), rows, n, k, recall, &c, out);
-    });
+                const Search& search = {}) const {
+    const auto n = static_cast<std::int64_t>(this->rows_in(queries));
+    typename Base::Given given(search);
+    QxTuning tuning;
+    Base::check(qx_collection_tune(this->handle(), n == 0 ? nullptr : queries.data(), n, k, recall,
+                                   &given.c, &tuning),
+                given.host);
+    return tuning;
   }
 
   // A view of the current rows.
   View view() const {
-    QxView* out = nullptr;
-    check(qx_view_new(handle(), &out));
-    return View(collection_, out);
+    return View(this->collection_, Base::template taken<QxView>(Callbacks<Id>(), [&](QxView** out) {
+                  return qx_view_new(this->handle(), out);
+                }));
   }
 
   QxCollectionStats stats() const {
     QxCollectionStats stats;
-    qx_collection_stats(handle(), &stats);
+    qx_collection_stats(this->handle(), &stats);
     return stats;
   }
 
  private:
-  using RowSet::RowSet;
-
-  template <typename Call>
-  static std::shared_ptr<QxCollection> made(const Callbacks& host, Call call) {
-    QxCollection* out = nullptr;
-    check(call(&out), host);
-    return {out, qx_collection_free};
-  }
+  using Base::Base;
 };
+
+using Collection = BasicCollection<std::int64_t>;
+using TextCollection = BasicCollection<std::string_view>;
+using View = BasicView<std::int64_t>;
+using TextView = BasicView<std::string_view>;
 
 }  // namespace collection_api
 }  // namespace qx
