@@ -5,6 +5,8 @@
 set -euo pipefail
 source_directory=$(realpath "$1")
 consumer=$source_directory/tests/package/consumer
+service=$source_directory/examples/service/service.cpp
+service_test=$source_directory/examples/service/service_test.sh
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 passed=0
@@ -17,6 +19,7 @@ fail() {
 quietly() { "$@" >"$work/log" 2>&1 || fail "$* failed"; }
 # The hosts' answer.
 answers() { [ "$("$@")" = "id 4, score 0.50" ] || fail "$* answers differently"; passed=$((passed + 1)); }
+serves() { quietly "$service_test" "$service" "$1"; passed=$((passed + 1)); }
 exists() { [ -e "$1" ] || fail "$1 is not installed"; passed=$((passed + 1)); }
 
 # install_into FOLDER [OPTION]...: FOLDER/usr is the prefix, which is then moved to FOLDER/moved.
@@ -67,6 +70,18 @@ pkg_config() {
 }
 pkg_config gcc "$consumer/host.c"
 pkg_config g++ "$consumer/host.cpp"
+# The collection, for a program in C++20, and for none before.
+for file in "$prefix"/include/qx_collection.{h,hpp} "$libdir"/libqx_collection.{so,so.1}; do exists "$file"; done
+quietly cmake --build "$work/consume-find" --target service
+serves "$work/consume-find/service"
+read -ra flags < <(pkg-config --cflags --libs qx_collection)
+quietly g++ -std=c++20 -Wall -Wextra -Wpedantic -Werror "$service" "${flags[@]}" \
+  -Wl,-rpath,"$libdir" -o "$work/service"
+serves "$work/service"
+! g++ -std=c++17 -fsyntax-only -x c++ "$prefix/include/qx_collection.hpp" 2>"$work/log" ||
+  fail "qx_collection.hpp is taken by C++17"
+[ "$(grep ': error:' "$work/log" | grep -c 'needs C++20')" -eq "$(grep -c ': error:' "$work/log")" ] ||
+  fail "qx_collection.hpp does not say which C++ it needs"
 quietly mandoc -T lint -W warning "$prefix"/share/man/man*/*
 
 # Another folder for libraries, and no shared library.
