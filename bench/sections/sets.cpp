@@ -1,8 +1,11 @@
 // The exact search of named sets of rows: vectors of words, and a million rows of 960.
 #include <algorithm>
-#include <clocale>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <numeric>
+#include <span>
+#include <utility>
 #include <vector>
 
 #include "limits/limits.h"
@@ -29,10 +32,18 @@ void run_set(Run& run, const char* name, const Index& index, const Matrix& matri
   }
 }
 
-Floats floats_of(const std::vector<float>& values) {
-  Floats floats(static_cast<std::int64_t>(values.size()));
-  std::copy(values.begin(), values.end(), floats.data());
-  return floats;
+// Words of length 1.
+Floats unit_vectors(const Words& words) {
+  const auto dim = static_cast<std::size_t>(words.dim);
+  Floats units(std::ssize(words.vectors));
+  for (std::size_t at = 0; at < words.vectors.size(); at += dim) {
+    const std::span<const float> word = std::span(words.vectors).subspan(at, dim);
+    const double length =
+        std::sqrt(std::inner_product(word.begin(), word.end(), word.begin(), 0.0));
+    std::ranges::transform(word, units.data() + at,
+                           [&](float value) { return static_cast<float>(value / length); });
+  }
+  return units;
 }
 
 // All words of a file, of length 1, asked for what is near to eight of them.
@@ -42,11 +53,17 @@ void run_words(Run& run, const char* name, const char* path) {
     return;
   }
   constexpr std::int64_t kAsked = 8;
-  const Words words(path);
-  Queries queries(words.dim(), floats_of(words.vectors(words.spread(kAsked))));
-  const Ids ids = first_ids(words.size());
-  const Index index = built_index(words.vectors(ids).data(), ids, words.dim());
-  const Matrix matrix{base_vectors(index), words.size(), words.dim()};
+  const Words words = read_words(path);
+  const std::int64_t count = std::ssize(words.words);
+  const Floats vectors = unit_vectors(words);
+  Floats asked(kAsked * words.dim);
+  for (std::int64_t i = 0; i < kAsked; ++i) {
+    std::copy_n(vectors.data() + i * count / kAsked * words.dim, words.dim,
+                asked.data() + i * words.dim);
+  }
+  Queries queries(words.dim, std::move(asked));
+  const Index index = built_index(vectors.data(), ascending_ids(count), words.dim);
+  const Matrix matrix{base_vectors(index), count, words.dim};
   run_set(run, name, index, matrix, queries, {1, 10, 100, 1000}, kPeers);
 }
 
@@ -64,7 +81,6 @@ void run_million(Run& run) {
 }
 
 void run_sets(Run& run) {
-  std::setlocale(LC_CTYPE, "C.UTF-8");  // by which words are read
   run_words(run, "20,000 words", QX_WORDS);
   run_words(run, "all words", QX_ALL_WORDS);
   run_million(run);
