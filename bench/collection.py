@@ -8,7 +8,6 @@ import os
 import statistics
 import subprocess
 import tempfile
-import threading
 import time
 
 import faiss
@@ -185,31 +184,14 @@ def metrics(quick):
         collection.close()
 
 
+def of_threads(section, rounds):
+    """By a program of its own, since threads of Python wait for each other."""
+    subprocess.run([os.environ["QX_THREADS"], section, str(rounds)], check=True)
+
+
 def independent(quick):
-    """Two threads that search on their own: their searches in the time of one thread's."""
-    del quick
-    for megabytes, dim in ((12, 128), (500, 128)):
-        rows = gaussian(megabytes * 2**20 // 4 // dim, dim)
-        queries = gaussian(64, dim, 2)
-        collection = filled(rows)
-        count = 4000 // megabytes + 4
-
-        def work():
-            for i in range(count):
-                collection.search(queries[i % 64:][:1], 10, 1)
-
-        def both():
-            threads = [threading.Thread(target=work) for _ in range(2)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
-
-        medians = interleaved({"one thread": work, "two threads, twice the searches": both}, 9)
-        table(f"independent searches, {megabytes} MB, d {dim}", medians)
-        print(f"  searches a second: {2 * list(medians.values())[0] / list(medians.values())[1]:.2f}"
-              " times one thread's")
-        collection.close()
+    """Searches of two threads that know nothing of each other, beside those of one."""
+    of_threads("independent", 3 if quick else 9)
 
 
 def batch(quick):
@@ -251,9 +233,8 @@ def ties(quick):
 
 
 def changing(quick):
-    """Searches beside 10,000 upserts a second and a compaction: a program of its own, since threads
-    of Python wait for each other."""
-    subprocess.run([os.environ["QX_CHANGING"], *(["1", "4"] if quick else ["5", "6"])], check=True)
+    """Searches beside 10,000 upserts a second and a compaction, and the peak of memory."""
+    of_threads("changing", 1 if quick else 5)
 
 
 def files(quick):
