@@ -179,8 +179,7 @@ void make_lists(const Header& header, const std::vector<float>& centroids,
   if (*std::ranges::max_element(numbers) >= header.lists) refuse_file("a row is in no list");
   loaded.lists = std::make_shared<const Lists>(centroids.data(), header.lists, header.dim,
                                                nearness_of(loaded.shape), loaded.shape.budget);
-  loaded.sealed.members =
-      std::make_shared<Members>(numbers, header.lists, loaded.shape.budget);
+  loaded.sealed.members = std::make_shared<Members>(numbers, header.lists, loaded.shape.budget);
 }
 
 // Reads the rows, each block by one thread.
@@ -243,7 +242,7 @@ Loaded load(const char* path, std::int64_t memory_limit, int threads, const Prog
     const std::string encoded = read_header(file);
     const Header header = decode(encoded, file.bytes());
     const auto budget = std::make_shared<Budget>(memory_limit);
-    Loaded loaded{{header.dim, header.has_texts, header.metric, {}, budget}, {}, nullptr};
+    Loaded loaded{{header.dim, header.has_texts, header.metric, {}, budget, threads}, {}, nullptr};
     for (const ColumnHeader& column : header.columns) loaded.shape.schema.push_back(column.schema);
     Plan plan(file, encoded.size());
     if (header.rows == 0) {

@@ -21,8 +21,7 @@ int32_t qx_collection_load(const char* path, const QxOptions* options, QxProgres
     check_options(wanted);
     Loaded loaded = load(&given(path, "the path"), wanted.memory_limit, threads_of(wanted),
                          {progress, context});
-    auto made = std::make_unique<QxCollection>(std::move(loaded.shape), threads_of(wanted),
-                                               wanted.manual != 0);
+    auto made = std::make_unique<QxCollection>(std::move(loaded.shape), wanted.manual != 0);
     if (loaded.sealed.segment != nullptr) {
       made->collection.adopt(std::move(loaded.sealed), std::move(loaded.lists));
     }

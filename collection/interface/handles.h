@@ -9,7 +9,7 @@ struct QxCollection {
   qx::collection::Collection collection;
   std::vector<QxColumn> columns;
 
-  QxCollection(qx::collection::Shape shape, int threads, bool is_manual);
+  QxCollection(qx::collection::Shape shape, bool is_manual);
 };
 
 struct QxView {

@@ -5,8 +5,7 @@
 
 using namespace qx::collection;
 
-QxCollection::QxCollection(Shape shape, int threads, bool is_manual)
-    : collection(std::move(shape), threads, is_manual) {
+QxCollection::QxCollection(Shape shape, bool is_manual) : collection(std::move(shape), is_manual) {
   for (const ColumnSchema& column : collection.shape().schema) {
     columns.push_back({column.name.c_str(), static_cast<std::int32_t>(column.type)});
   }
@@ -48,10 +47,13 @@ int32_t qx_collection_new(const QxOptions* options, QxCollection** out) {
             [&] { return "id_kind is " + std::to_string(wanted.id_kind) + ", no kind of ids"; });
     require(wanted.metric >= QX_INNER_PRODUCT && wanted.metric <= QX_EUCLIDEAN,
             [&] { return "metric is " + std::to_string(wanted.metric) + ", no metric"; });
-    Shape shape{wanted.dim, wanted.id_kind == QX_TEXTS, Metric{wanted.metric},
+    Shape shape{wanted.dim,
+                wanted.id_kind == QX_TEXTS,
+                Metric{wanted.metric},
                 make_schema(wanted.columns, wanted.n_columns),
-                std::make_shared<Budget>(wanted.memory_limit)};
-    slot = new QxCollection(std::move(shape), threads_of(wanted), wanted.manual != 0);
+                std::make_shared<Budget>(wanted.memory_limit),
+                threads_of(wanted)};
+    slot = new QxCollection(std::move(shape), wanted.manual != 0);
   });
 }
 

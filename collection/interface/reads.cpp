@@ -12,7 +12,7 @@ namespace {
 
 // The most threads that a call may use.
 int threads_of(const QxCollection& collection, const QxSearch* search) {
-  const int most = collection.collection.threads();
+  const int most = collection.collection.shape().threads;
   if (search == nullptr || search->threads == 0) return most;
   require(search->threads > 0,
           [&] { return "threads is " + std::to_string(search->threads) + ", below 0"; });

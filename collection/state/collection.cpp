@@ -27,9 +27,8 @@ std::shared_ptr<const State> empty_state() { return std::make_shared<const State
 
 }  // namespace
 
-Collection::Collection(Shape shape, int threads, bool is_manual)
+Collection::Collection(Shape shape, bool is_manual)
     : shape_(std::move(shape)),
-      threads_(threads),
       is_manual_(is_manual),
       state_(empty_state()),
       // The thread is not in a child of a fork, and may have held anything.
@@ -176,8 +175,8 @@ void Collection::train(std::int64_t count, const Progress& progress) {
     std::int64_t done = tasks_of_training(std::ssize(sample));
     std::int64_t whole = done;
     for (const PartView& view : state->parts) whole += tasks_of_lists(view.rows);
-    lists = find_lists(sample, count, shape_.dim, nearness_of(shape_), shape_.budget, threads_,
-                       progress, whole);
+    lists = find_lists(sample, count, shape_.dim, nearness_of(shape_), shape_.budget,
+                       shape_.threads, progress, whole);
     for (const PartView& view : state->parts) {
       if (view.segment == nullptr) continue;
       division[view.segment] =

@@ -14,12 +14,11 @@ namespace qx::collection {
 
 class Collection {
  public:
-  Collection(Shape shape, int threads, bool is_manual);
+  Collection(Shape shape, bool is_manual);
   ~Collection();
   Collection(const Collection&) = delete;
 
   const Shape& shape() const { return shape_; }
-  int threads() const { return threads_; }
   std::shared_ptr<const State> state() const { return state_.get(); }
 
   void upsert(const Rows& rows);
@@ -58,7 +57,6 @@ class Collection {
   void end_merging();
 
   const Shape shape_;
-  const int threads_;
   const bool is_manual_;
   std::mutex writing_;
   Published<State> state_;

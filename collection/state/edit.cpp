@@ -297,7 +297,7 @@ std::shared_ptr<Members> divide(const Shape& shape, const Lists* lists, const Se
                                 const Progress& progress) {
   if (lists == nullptr) return nullptr;
   const std::vector<ListNumber> numbers = lists_of(
-      *lists, segment.rows(), [&](std::int64_t row) { return segment.vector(row); }, cpus(),
+      *lists, segment.rows(), [&](std::int64_t row) { return segment.vector(row); }, shape.threads,
       progress);
   return std::make_shared<Members>(numbers, lists->count(), shape.budget);
 }

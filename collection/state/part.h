@@ -17,13 +17,14 @@
 
 namespace qx::collection {
 
-// What all rows of a collection are like.
+// What all rows of a collection are like, and how many threads a call may use for them.
 struct Shape {
   std::int32_t dim;
   bool has_texts;  // as ids
   Metric metric;
   Schema schema;
   std::shared_ptr<Budget> budget;
+  int threads;
 };
 
 // When rows died. Each change that kills rows of a part is one number higher than the one before,
