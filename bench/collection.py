@@ -220,7 +220,7 @@ def ties(quick):
     """Queries for which every row has the same score, beside one that ranks."""
     rows = gaussian(200_000 if quick else 1_000_000, 128)
     rows[:, 7] = 1
-    collection = filled(rows)
+    collection, alike = filled(rows), filled(rows[:1].repeat(len(rows), axis=0))
     query = gaussian(1, 128, 2)
     one = numpy.zeros((1, 128), numpy.float32)
     one[0, 7] = 1
@@ -228,8 +228,10 @@ def ties(quick):
     table(f"ties, {len(rows)} x 128, k 10", interleaved({
         "a query that ranks": lambda: collection.search(query, 10, 2),
         "one component, equal in all rows": lambda: collection.search(one, 10, 2),
-        "the null query": lambda: collection.search(null, 10, 2)}, 15))
+        "the null query": lambda: collection.search(null, 10, 2),
+        "all rows alike": lambda: alike.search(query, 10, 2)}, 15))
     collection.close()
+    alike.close()
 
 
 def changing(quick):

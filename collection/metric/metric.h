@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "read/row_span.h"
 
@@ -27,6 +28,11 @@ void score_rows(Metric metric, const float* const* rows, std::int64_t count, std
 inline float score_given_out(Metric metric, float score) {
   return metric == Metric::kEuclidean ? -score : score;
 }
+
+// No row whose components are between these has a higher score. `space` is any memory of the
+// caller's.
+float score_bound(Metric metric, const float* least, const float* largest, std::int64_t dim,
+                  const float* query, std::vector<float>& space);
 
 // ---- Bounds of distances ----
 

@@ -9,6 +9,12 @@ bool Best::is_better(const Hit& one, const Hit& other) const {
   return state_.key(one.at) < state_.key(other.at);
 }
 
+bool Best::rules_out(const Hit& bound) {
+  if (bound.score != threshold()) return bound.score < threshold();
+  const std::lock_guard lock(offering_);
+  return std::ssize(heap_) == k_ && !is_better(bound, heap_.front());
+}
+
 void Best::insert(const Hit& hit) {
   const auto better = [&](const Hit& one, const Hit& other) { return is_better(one, other); };
   const bool is_full = std::ssize(heap_) == k_;

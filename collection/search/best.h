@@ -23,6 +23,9 @@ class Best {
   // No row of a lower score can enter any more; the lowest float until there are k.
   float threshold() const { return threshold_.load(std::memory_order_relaxed); }
 
+  // True if no row can enter any more that has at most this score, nor an id below that of `at`.
+  bool rules_out(const Hit& bound);
+
   // Offers rows of one part. May be called by several threads at once.
   void offer(std::size_t part, const std::int64_t* rows, const float* scores, std::int64_t count);
 

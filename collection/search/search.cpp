@@ -1,15 +1,16 @@
 #include "search/search.h"
 
 #include <algorithm>
-#include <bit>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "batch/batch.h"
 #include "kernels/kernels.h"
 #include "read/scan.h"
 #include "search/distance_scan.h"
 #include "search/probes.h"
+#include "search/sparse_query.h"
 #include "support/fp_environment.h"
 
 namespace qx::collection {
@@ -73,6 +74,24 @@ std::vector<Task> split(const State& state, const Queries& queries, const Openin
   return tasks;
 }
 
+// When to ask whether extents rule a group of rows out: again after one that is, and otherwise
+// after a while, each time twice as long. Where rows differ, that costs nearly nothing.
+class Trial {
+ public:
+  bool is_due() { return held_ == 0 || --held_ == 0; }
+  void record(bool is_ruled_out) {
+    next_hold_ = is_ruled_out ? kLeastHold : std::min(2 * next_hold_, kMostHold);
+    held_ = is_ruled_out ? 0 : next_hold_;
+  }
+
+ private:
+  static constexpr std::int64_t kLeastHold = 2;
+  static constexpr std::int64_t kMostHold = 64;
+
+  std::int64_t held_ = 0;  // groups, the next one that is asked among them
+  std::int64_t next_hold_ = kLeastHold;
+};
+
 // What one thread needs, whatever it searches.
 struct Workspace {
   std::vector<std::uint64_t> words;
@@ -85,71 +104,10 @@ struct Workspace {
   std::vector<float> limits;
   std::vector<Pair> pairs;
   std::vector<std::uint8_t> unpacked;
-};
-
-// A query of few components that are not zero. Rows are finite, so the other components change a
-// score's chain only where it is -0.0, which a product that underflows gives: they may turn it into
-// +0.0. So a row is read at the few components alone, and as a whole where these give -0.0.
-class SparseQuery {
- public:
-  SparseQuery(const float* query, std::int64_t dim) : query_(query), dim_(dim) {
-    for (std::int64_t j = 0; j < dim && count_ <= kMost; ++j) {
-      if (query[j] == 0) continue;
-      if (count_ < kMost) {
-        places_[count_] = j;
-        components_[count_] = query[j];
-      }
-      ++count_;
-    }
-    is_sparse_ = count_ <= kMost && kComponentsApart * count_ <= dim;
-  }
-  bool is_sparse() const { return is_sparse_; }
-
-  // No row whose components are between these has a higher score. For each step of a chain,
-  // fma(x, q, s), is exact but for one rounding, and rounding is monotonic: so the step does not
-  // fall where s rises, nor where x moves towards the end that the sign of q names. Finite x and q
-  // make no NaN, whatever s is. What the other components add to a row's score changes the sign of
-  // a zero and no comparison.
-  float bound(const float* least, const float* largest) const {
-    float best[kMost];
-    for (std::int64_t j = 0; j < count_; ++j) {
-      best[j] = (components_[j] > 0 ? largest : least)[places_[j]];
-    }
-    float bound = 0;
-    kernels().score_contiguous(best, 1, count_, components_, CacheLevel::kL2, &bound);
-    return bound;
-  }
-
-  // Scores up to kMaskRows rows.
-  void score(const float* const* rows, std::int64_t count, float* scores) const {
-    float gathered[kMaskRows * kMost];
-    float* next = gathered;
-    for (std::int64_t i = 0; i < count; ++i) {
-      for (std::int64_t j = 0; j < count_; ++j) {
-        const float* const component = rows[i] + places_[j];
-        __builtin_prefetch(component + kRowsAhead * dim_);
-        *next++ = *component;
-      }
-    }
-    kernels().score_contiguous(gathered, count, count_, components_, CacheLevel::kL2, scores);
-    for (std::int64_t i = 0; i < count; ++i) {
-      const bool is_negative_zero = std::bit_cast<std::uint32_t>(scores[i]) == 0x80000000u;
-      if (is_negative_zero) kernels().score_scattered(rows + i, 1, dim_, query_, scores + i);
-    }
-  }
-
- private:
-  static constexpr std::int64_t kMost = 8;
-  static constexpr std::int64_t kComponentsApart = 16;  // a cache line, of which each reads one
-
-  static constexpr std::int64_t kRowsAhead = 64;
-
-  const float* query_;
-  std::int64_t dim_;
-  std::int64_t count_ = 0;
-  bool is_sparse_ = false;
-  std::int64_t places_[kMost];
-  float components_[kMost];
+  std::vector<std::uint8_t> ruled_out;
+  // Of each query.
+  std::vector<Trial> trials;
+  std::vector<float> corner;
 };
 
 class Searcher {
@@ -176,11 +134,12 @@ class Searcher {
     }
     if (selected == 0) return;
     const std::uint64_t* const words = selected == task.rows ? nullptr : space.words.data();
-    const bool takes_most = words != nullptr && 4 * selected >= task.rows;
+    const bool takes_most = 4 * selected >= task.rows;
     const std::int64_t slots = std::min(k_, selected);
     const auto room = static_cast<std::size_t>(std::max(slots, kMaskRows));
     space.rows.resize(room);
     space.scores.resize(room);
+    space.trials.resize(static_cast<std::size_t>(queries_.count));
     if (judges_together(task, selected)) return judge_segment(task, words, space);
     for (std::int64_t q = task.first_query; q < task.first_query + task.queries; ++q) {
       if (probes_ == nullptr) {
@@ -221,6 +180,61 @@ class Searcher {
     return kept;
   }
 
+  const Extents& extents_of(const Task& task) const {
+    return state_.parts[task.part].segment->extents();
+  }
+
+  // No row of the group of `row` has a higher score.
+  float bound_of(const Task& task, std::int64_t query, std::int64_t row, Workspace& space) const {
+    const Extents& extents = extents_of(task);
+    return score_bound(queries_.metric, extents.least(row), extents.largest(row), queries_.dim,
+                       queries_.vector(query), space.corner);
+  }
+
+  // True if no row of a group can be a result, from `row` on. `worst` is the lowest score that k
+  // rows before it have; rows come in the order of their ids.
+  template <typename Bound>
+  bool is_ruled_out(const Task& task, std::int64_t query, std::int64_t row, float worst,
+                    Bound bound_of_group) const {
+    Best& best = *best_[static_cast<std::size_t>(query)];
+    if (!(std::max(worst, best.threshold()) > kEmptyScore)) return false;
+    const float bound = bound_of_group(row);
+    return bound <= worst || best.rules_out({bound, {task.part, row}});
+  }
+
+  // Calls add(rows, words) for the rows of a task whose groups are not ruled out, in order, as many
+  // at once as are not asked for. Requires: the slots of the scan are the space's.
+  template <typename Add>
+  void add_groups(const Task& task, std::int64_t query, const std::uint64_t* words,
+                  std::int64_t slots, Workspace& space, Add add) const {
+    Trial& trial = space.trials[static_cast<std::size_t>(query)];
+    const auto bound = [&](std::int64_t row) { return bound_of(task, query, row, space); };
+    Task run = task;
+    run.rows = 0;
+    const auto add_run = [&] {
+      if (run.rows > 0) add(run, words_of(task, run, words));
+      run.first += std::exchange(run.rows, 0);
+    };
+    std::int64_t next;
+    for (std::int64_t row = task.first; row < task.first + task.rows; row = next) {
+      next = std::min(task.first + task.rows, Extents::end_of_group(row));
+      bool is_out = false;
+      if (trial.is_due()) {
+        add_run();
+        const float worst = space.scores[static_cast<std::size_t>(slots - 1)];
+        trial.record(is_out = is_ruled_out(task, query, row, worst, bound));
+      }
+      (is_out ? run.first : run.rows) += next - row;
+    }
+    add_run();
+  }
+
+  // The words of some rows of a task.
+  static const std::uint64_t* words_of(const Task& task, const Task& run,
+                                       const std::uint64_t* words) {
+    return words == nullptr ? nullptr : words + (run.first - task.first) / kMaskRows;
+  }
+
   RowSpan span_of(const Task& task, const std::int64_t* ids, const std::uint64_t* words) const {
     return {{false, task.first}, task.rows, ids, words};
   }
@@ -244,21 +258,36 @@ class Searcher {
     space.waiting_count.assign(queries, 0);
     space.limits.resize(queries);
     space.pairs.resize(queries * TileKernel::kMostRows);
-    for (std::int64_t first = 0; first < task.rows; first += TileKernel::kMostRows) {
-      for (std::size_t q = 0; q < queries; ++q) {
-        space.limits[q] = bound_limit(best_[q]->threshold(), queries_.dim);
-      }
-      const std::int64_t rows = std::min(TileKernel::kMostRows, task.rows - first);
-      const std::int64_t pairs =
-          kernel_->judge(codes, task.first + first, rows, *batch_, space.limits.data(),
-                         space.unpacked, space.pairs.data());
+    space.ruled_out.assign(queries, 0);
+    std::int64_t rows;
+    for (std::int64_t first = 0; first < task.rows; first += rows) {
+      const std::int64_t row = task.first + first;
+      rows = std::min({TileKernel::kMostRows, task.rows - first, Extents::end_of_group(row) - row});
+      set_limits(task, row, space);
+      const std::int64_t pairs = kernel_->judge(codes, row, rows, *batch_, space.limits.data(),
+                                                space.unpacked, space.pairs.data());
       for (const Pair& pair : std::span(space.pairs).first(static_cast<std::size_t>(pairs))) {
-        const std::int64_t row = first + pair.row;
-        const bool is_selected = words == nullptr || (words[row / 64] >> row % 64 & 1) != 0;
-        if (is_selected) add_waiting(task, pair.query, task.first + row, space);
+        const std::int64_t place = first + pair.row;
+        const bool is_selected = words == nullptr || (words[place / 64] >> place % 64 & 1) != 0;
+        if (is_selected) add_waiting(task, pair.query, task.first + place, space);
       }
     }
     for (std::int64_t q = 0; q < batch_->size(); ++q) score_waiting(task, q, space);
+  }
+
+  // What bounds must reach from a row on. A group is asked for at its first row.
+  void set_limits(const Task& task, std::int64_t row, Workspace& space) const {
+    for (std::size_t q = 0; q < space.limits.size(); ++q) {
+      const auto query = static_cast<std::int64_t>(q);
+      const auto bound = [&](std::int64_t at) { return bound_of(task, query, at, space); };
+      if (row == task.first || row % Extents::kGroupRows == 0) {
+        const bool is_due = space.trials[q].is_due();
+        space.ruled_out[q] = is_due && is_ruled_out(task, query, row, kEmptyScore, bound) ? 1 : 0;
+        if (is_due) space.trials[q].record(space.ruled_out[q] != 0);
+      }
+      space.limits[q] = space.ruled_out[q] != 0 ? std::numeric_limits<float>::infinity()
+                                                : bound_limit(best_[q]->threshold(), queries_.dim);
+    }
   }
 
   void add_waiting(const Task& task, std::int64_t query, std::int64_t row, Workspace& space) const {
@@ -310,12 +339,15 @@ class Searcher {
     Scan scan(index, queries_.vector(query), {slots, space.rows.data(), space.scores.data()},
               task.rows);
     scan.leave_out_below(best_[static_cast<std::size_t>(query)]->threshold());
-    const RowSpan span = span_of(task, index.base_ids + task.first, words);
-    if (takes_most) {
-      scan.add_among_readable(span);
-    } else {
-      scan.add(span);
-    }
+    add_groups(task, query, words, slots, space,
+               [&](const Task& rows, const std::uint64_t* words_of_rows) {
+                 const RowSpan span = span_of(rows, index.base_ids + rows.first, words_of_rows);
+                 if (takes_most) {
+                   scan.add_among_readable(span);
+                 } else {
+                   scan.add(span);
+                 }
+               });
     scan.finish();
     offer_found(task, query, slots, space);
   }
@@ -325,7 +357,10 @@ class Searcher {
     DistanceScan scan(*state_.parts[task.part].segment, queries_.vector(query),
                       {slots, space.rows.data(), space.scores.data()},
                       *best_[static_cast<std::size_t>(query)]);
-    scan.add(span_of(task, nullptr, words));
+    add_groups(task, query, words, slots, space,
+               [&](const Task& rows, const std::uint64_t* words_of_rows) {
+                 scan.add(span_of(rows, nullptr, words_of_rows));
+               });
     scan.finish();
     offer_found(task, query, slots, space);
   }
@@ -351,7 +386,7 @@ class Searcher {
   // no better than its worst does not enter. So where all rows tie, most groups are not read.
   void score_segment(const Task& task, std::int64_t query, const SparseQuery& sparse,
                      const std::uint64_t* words, std::int64_t slots, Workspace& space) const {
-    const Extents& extents = state_.parts[task.part].segment->extents();
+    const Extents& extents = extents_of(task);
     TopK topk(space.rows.data(), space.scores.data(), slots);
     const auto score = [&](const std::int64_t* rows, const float* const* vectors,
                            std::int64_t count) {
@@ -359,15 +394,15 @@ class Searcher {
       sparse.score(vectors, count, scores);
       topk.offer(scores, rows, count);
     };
+    const auto bound = [&](std::int64_t row) {
+      return sparse.bound(extents.least(row), extents.largest(row));
+    };
     Task group = task;
     for (const std::int64_t end = task.first + task.rows; group.first < end;
          group.first += group.rows) {
-      group.rows = std::min(end, extents.end_of_group(group.first)) - group.first;
-      const float bound = sparse.bound(extents.least(group.first), extents.largest(group.first));
-      if (bound <= topk.threshold()) continue;
-      if (bound < best_[static_cast<std::size_t>(query)]->threshold()) continue;
-      const std::int64_t offset = (group.first - task.first) / kMaskRows;
-      for_each_rows(group, words == nullptr ? nullptr : words + offset, score);
+      group.rows = std::min(end, Extents::end_of_group(group.first)) - group.first;
+      if (is_ruled_out(task, query, group.first, topk.threshold(), bound)) continue;
+      for_each_rows(group, words_of(task, group, words), score);
     }
     topk.finish();
     offer_found(task, query, slots, space);

@@ -2,6 +2,8 @@
 // gone.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "collection/host.h"
 #include "support/random.h"
 
@@ -14,7 +16,9 @@ constexpr std::size_t kPlace = 7;
 // A collection or a view of rows whose vectors differ in one component, and its model.
 class Place {
  public:
-  explicit Place(std::int32_t dim) : schema_{dim} {
+  explicit Place(std::int32_t dim, Metric metric = Metric::kInnerProduct, bool is_dense = false)
+      : schema_{dim, false, {}, {}, metric}, is_dense_(is_dense) {
+    model_.is_distance = metric == Metric::kEuclidean;
     for (const float value : {1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 1e-30f, -1e-30f, 0.0f, -0.0f}) {
       vectors_.emplace_back(static_cast<std::size_t>(dim), 1.0f)[kPlace] = value;
     }
@@ -53,23 +57,32 @@ class Place {
     view_.reset(view);
   }
 
-  // Queries of this value in the one component and zeros of either sign, and the null query.
-  void compare(float value, std::int64_t queries, std::int64_t k) const {
+  void train(std::int64_t lists) {
+    ASSERT_EQ(qx_collection_train(collection_.get(), lists, nullptr, nullptr), QX_OK);
+  }
+
+  // Queries of this value in the one component, or of a zero. The others are zeros of either sign,
+  // or differ from zero where queries are dense.
+  void compare(float value, std::int64_t queries, std::int64_t k, std::int32_t probes = 0) const {
     const auto dim = static_cast<std::size_t>(schema_.dim);
     Floats all;
     std::vector<std::vector<Hit>> expected;
     for (std::int64_t q = 0; q < queries; ++q) {
       Floats query(dim, q % 2 == 0 ? 0.0f : -0.0f);
       query[kPlace] = q % 3 == 2 ? query[0] : value;
+      for (std::size_t j = 0; is_dense_ && j < dim; ++j) {
+        if (j != kPlace) query[j] = static_cast<float>(j % 3) - 1.375f;
+      }
       all.insert(all.end(), query.begin(), query.end());
       Floats scores;
       for (const Floats& vector : vectors_)
-        scores.push_back(score_of(Metric::kInnerProduct, vector, query));
+        scores.push_back(score_of(schema_.metric, vector, query));
       expected.push_back(model_.search(scores, k, [](const Id&, const Row&) { return true; }));
     }
     for (const std::int32_t threads : {1, 2, 3}) {
       QxSearch search = {};
       search.threads = threads;
+      search.probes = probes;
       QxHits* hits = nullptr;
       ASSERT_EQ(qx_collection_search(collection_.get(), view_.get(), all.data(), queries, k,
                                      &search, &hits),
@@ -91,6 +104,7 @@ class Place {
 
  private:
   Schema schema_;
+  bool is_dense_;
   std::vector<Floats> vectors_;
   Owned<QxCollection> collection_;
   Owned<QxView> view_;
@@ -106,8 +120,8 @@ std::size_t index_of(std::int64_t i) { return static_cast<std::size_t>(i); }
 const Pattern kPatterns[] = {
     {"Equal", [](std::int64_t) { return index_of(0); }},
     {"BestAtBorders", [](std::int64_t i) { return index_of((i + 1) % 1024 < 2 ? 1 : 0); }},
-    {"RisingByGroup", [](std::int64_t i) { return index_of(i / 1024); }},
-    {"FallingByGroup", [](std::int64_t i) { return index_of(4 - i / 1024); }},
+    {"RisingByGroup", [](std::int64_t i) { return index_of(i / 1024 % 5); }},
+    {"FallingByGroup", [](std::int64_t i) { return index_of(4 - i / 1024 % 5); }},
     {"Underflowing", [](std::int64_t i) { return index_of(5 + i % 2); }},
     {"UnderflowingByGroup", [](std::int64_t i) { return index_of(5 + i / 1024 % 4); }},
     {"Mixed", [](std::int64_t i) { return index_of(i * i % 9); }},
@@ -138,6 +152,39 @@ TEST_P(SparseTies, AreBrokenByIds) {
 
 INSTANTIATE_TEST_SUITE_P(Of, SparseTies, testing::ValuesIn(kPatterns),
                          [](const auto& pattern) { return pattern.param.name; });
+
+// Groups are asked for after the first ones of a scan: here there are 20.
+class DenseTies : public testing::TestWithParam<std::tuple<Metric, Pattern>> {};
+
+TEST_P(DenseTies, AreBrokenByIds) {
+  const auto& [metric, pattern] = GetParam();
+  Place place(128, metric, true);
+  place.upsert(0, 20 * 1024, pattern.vector);
+  const auto compare = [&](std::int32_t probes) {
+    for (const std::int64_t k : {1, 10, 700}) {
+      SCOPED_TRACE(testing::Message() << "k " << k << ", probes " << probes);
+      for (const std::int64_t queries : {1, 9}) place.compare(0.75f, queries, k, probes);
+    }
+  };
+  compare(0);
+  place.remove(0, 20 * 1024, 3);
+  place.remove(7000, 3000, 1);
+  place.upsert(30000, 2500, pattern.vector);
+  compare(0);
+  if (pattern.name != std::string("Equal")) return;
+  place.train(30);  // equal rows are all in the first list, which is the nearest to each query
+  compare(1);
+}
+
+std::string name_of(const testing::TestParamInfo<std::tuple<Metric, Pattern>>& info) {
+  const bool is_distance = std::get<0>(info.param) == Metric::kEuclidean;
+  return std::string(is_distance ? "Distance" : "Product") + std::get<1>(info.param).name;
+}
+INSTANTIATE_TEST_SUITE_P(Of, DenseTies,
+                         testing::Combine(testing::Values(Metric::kInnerProduct,
+                                                          Metric::kEuclidean),
+                                          testing::ValuesIn(kPatterns)),
+                         name_of);
 
 // The first rows that a batch scans, for its thresholds, are about four times k.
 TEST(Search, FindsNoRemovedRowBehindTheFirstOnesOfABatch) {
