@@ -161,6 +161,19 @@ typedef struct QxOptions {
 /* Creates an empty collection. */
 int32_t qx_collection_new(const QxOptions* options, QxCollection** out);
 
+/* Writes the vectors of rows, in the order of their ids. Non-zero cancels the work. */
+typedef int32_t (*QxFill)(void* context, float* vectors);
+
+/*
+ * Creates a collection with rows that the host writes where they stay: without a second copy of
+ * the vectors, and by all threads. `fill` is called once, on the calling thread, if there are ids.
+ *
+ * ids     strictly ascending.
+ * values  as qx_collection_upsert has them.
+ */
+int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues* values,
+                            QxFill fill, void* context, QxCollection** out);
+
 /* Releases a collection, or null. Its views must have been released. */
 void qx_collection_free(QxCollection* collection);
 

@@ -64,6 +64,9 @@ class Reading {
   const State& state_;
 };
 
+// An empty collection. Refuses options that are no options.
+std::unique_ptr<QxCollection> new_collection(const QxOptions& wanted);
+
 // Refuses options that are no options, those aside that a file tells.
 void check_options(const QxOptions& options);
 

@@ -32,6 +32,23 @@ void check_options(const QxOptions& options) {
           [&] { return "memory_limit is " + std::to_string(options.memory_limit) + ", below 0"; });
 }
 
+std::unique_ptr<QxCollection> new_collection(const QxOptions& wanted) {
+  check_options(wanted);
+  require(wanted.dim >= 1 && wanted.dim <= 65536,
+          [&] { return "dim is " + std::to_string(wanted.dim) + ", outside 1 to 65536"; });
+  require(wanted.id_kind == QX_NUMBERS || wanted.id_kind == QX_TEXTS,
+          [&] { return "id_kind is " + std::to_string(wanted.id_kind) + ", no kind of ids"; });
+  require(wanted.metric >= QX_INNER_PRODUCT && wanted.metric <= QX_EUCLIDEAN,
+          [&] { return "metric is " + std::to_string(wanted.metric) + ", no metric"; });
+  Shape shape{wanted.dim,
+              wanted.id_kind == QX_TEXTS,
+              Metric{wanted.metric},
+              make_schema(wanted.columns, wanted.n_columns),
+              std::make_shared<Budget>(wanted.memory_limit),
+              threads_of(wanted)};
+  return std::make_unique<QxCollection>(std::move(shape), wanted.manual != 0);
+}
+
 }  // namespace qx::collection
 
 const char* qx_collection_message(void) { return message; }
@@ -39,21 +56,7 @@ const char* qx_collection_message(void) { return message; }
 int32_t qx_collection_new(const QxOptions* options, QxCollection** out) {
   return status_of([&] {
     QxCollection*& slot = given(out, "out");
-    const QxOptions& wanted = given(options, "options");
-    check_options(wanted);
-    require(wanted.dim >= 1 && wanted.dim <= 65536,
-            [&] { return "dim is " + std::to_string(wanted.dim) + ", outside 1 to 65536"; });
-    require(wanted.id_kind == QX_NUMBERS || wanted.id_kind == QX_TEXTS,
-            [&] { return "id_kind is " + std::to_string(wanted.id_kind) + ", no kind of ids"; });
-    require(wanted.metric >= QX_INNER_PRODUCT && wanted.metric <= QX_EUCLIDEAN,
-            [&] { return "metric is " + std::to_string(wanted.metric) + ", no metric"; });
-    Shape shape{wanted.dim,
-                wanted.id_kind == QX_TEXTS,
-                Metric{wanted.metric},
-                make_schema(wanted.columns, wanted.n_columns),
-                std::make_shared<Budget>(wanted.memory_limit),
-                threads_of(wanted)};
-    slot = new QxCollection(std::move(shape), wanted.manual != 0);
+    slot = new_collection(given(options, "options")).release();
   });
 }
 

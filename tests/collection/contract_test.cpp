@@ -56,6 +56,9 @@ struct Call {
   }
 
   std::int32_t create() { return qx_collection_new(&options, &made); }
+  std::int32_t build(QxFill fill, QxCollection** out) {
+    return qx_collection_build(&options, ids, nullptr, fill, vectors, out);
+  }
   std::int32_t upsert() { return qx_collection_upsert(collection.get(), ids, vectors, values); }
   std::int32_t remove() { return qx_collection_remove(collection.get(), ids, &removed); }
   std::int32_t view_upsert() { return qx_view_upsert(view.get(), ids, vectors, values); }
@@ -83,6 +86,14 @@ struct Call {
     return qx_collection_list(collection.get(), nullptr, condition, after, most, &rows);
   }
 };
+
+// Three dimensions: the last vector has a component that the context does not hold.
+std::int32_t fill_strange(void* context, float* vectors) {
+  std::copy_n(static_cast<const float*>(context), 4, vectors);
+  vectors[4] = kNaN;
+  vectors[5] = 0;
+  return 0;
+}
 
 struct Refusal {
   const char* message;
@@ -117,6 +128,16 @@ const Refusal kRefusals[] = {
     REFUSED("column 1 has type 4, expected 0 to 3", c.columns[1].type = 4, c.create()),
     REFUSED("column 0 has type -1, expected 0 to 3", c.columns[0].type = -1, c.create()),
     REFUSED("column 1 has the name of another: a", c.columns[1].name = "a", c.create()),
+
+    REFUSED("out is null", , c.build(fill_strange, nullptr)),
+    REFUSED("options is null", ,
+            qx_collection_build(nullptr, c.ids, nullptr, fill_strange, nullptr, &c.made)),
+    REFUSED("dim is 0, outside 1 to 65536", c.options.dim = 0, c.build(fill_strange, &c.made)),
+    REFUSED("fill is null", , c.build(nullptr, &c.made)),
+    REFUSED("the ids do not ascend", c.numbers[0] = 7, c.build(fill_strange, &c.made)),
+    REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr,
+            c.build(fill_strange, &c.made)),
+    REFUSED("component 1 of vector 1 is not finite", , c.build(fill_strange, &c.made)),
 
     REFUSED("the collection is null", , qx_collection_upsert(nullptr, c.ids, c.vectors, c.values)),
     REFUSED("the number of ids is -1", c.ids.count = -1, c.upsert()),
@@ -256,6 +277,54 @@ TEST(Collection, KeepsTheMessageOfAThreadUntilItsNextFailure) {
   const std::string longest = "i = '" + std::string(2000, 'x') + "'";
   EXPECT_EQ(call.filter(longest.c_str()), QX_INVALID);
   EXPECT_LT(std::strlen(qx_collection_message()), 512u);
+}
+
+// It has the rows of one that they were upserted into, and gives the bits that it gives.
+TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
+  constexpr std::int64_t kBuilt = 2 * 4096 + 5;
+  std::vector<std::int64_t> ids, values;
+  Floats vectors;
+  for (std::int64_t i = 0; i < kBuilt; ++i) {
+    ids.push_back(3 * i - 4096);
+    values.push_back(i % 7);
+    vectors.insert(vectors.end(), {static_cast<float>(i % 13), static_cast<float>(i % 11) - 5});
+  }
+  const Schema schema = {2, false, {"n"}, {QX_INTEGER}};
+  const QxIds list = {kBuilt, ids.data(), nullptr};
+  const QxValues columns[] = {{values.data(), nullptr, nullptr, nullptr, nullptr}};
+  const QxColumn column = {"n", QX_INTEGER};
+  QxOptions options = {};
+  options.dim = 2;
+  options.columns = &column;
+  options.n_columns = 1;
+  const QxFill fill = [](void* context, float* to) {
+    const auto& given = *static_cast<const Floats*>(context);
+    std::copy(given.begin(), given.end(), to);
+    return std::int32_t{0};
+  };
+  QxCollection* made = nullptr;
+  ASSERT_EQ(qx_collection_build(&options, list, columns, fill, &vectors, &made), QX_OK);
+  const Owned<QxCollection> built(made), changed(schema.create());
+  ASSERT_EQ(qx_collection_upsert(changed.get(), list, vectors.data(), columns), QX_OK);
+  for (const char* const filter : {"n >= 0", "n = 3"}) {
+    QxSearch search = {};
+    search.filter = filter;
+    const float queries[] = {1, 2, -3, 0.5f};
+    QxHits *one = nullptr, *other = nullptr;
+    ASSERT_EQ(qx_collection_search(built.get(), nullptr, queries, 2, 9, &search, &one), QX_OK);
+    ASSERT_EQ(qx_collection_search(changed.get(), nullptr, queries, 2, 9, &search, &other), QX_OK);
+    const Owned<QxHits> found(one), expected(other);
+    EXPECT_TRUE(std::equal(found->ids, found->ids + 18, expected->ids));
+    EXPECT_TRUE(std::equal(found->scores, found->scores + 18, expected->scores));
+  }
+  options.memory_limit = 4096;
+  EXPECT_EQ(qx_collection_build(&options, list, columns, fill, &vectors, &made), QX_OUT_OF_MEMORY);
+  options.memory_limit = 0;
+  const QxFill cancel = [](void*, float*) { return std::int32_t{1}; };
+  EXPECT_EQ(qx_collection_build(&options, list, columns, cancel, &vectors, &made), QX_CANCELLED);
+  EXPECT_EQ(made, built.get());
+  ASSERT_EQ(qx_collection_build(&options, {}, nullptr, nullptr, nullptr, &made), QX_OK);
+  EXPECT_EQ(qx_collection_count(Owned<QxCollection>(made).get(), nullptr), 0);
 }
 
 // What a callback throws, or a count that no memory has room for, leaves the library as a status.

@@ -286,6 +286,19 @@ const Read kReads[] = {
        return released<QxCollection>(
            [&](QxCollection** out) { return qx_collection_new(&options, out); });
      }},
+    {"build",
+     [](World&) {
+       const QxText ids[] = {{"a", 1}, {"an id whose text is long, of more bytes than most", 49}};
+       const QxColumn column = {"c", QX_TEXT};
+       const QxOptions options = {4, QX_TEXTS, &column, 1, 1, 0, 0};
+       const QxFill fill = [](void*, float* vectors) {
+         std::fill_n(vectors, 8, 1.0f);
+         return std::int32_t{0};
+       };
+       return released<QxCollection>([&](QxCollection** out) {
+         return qx_collection_build(&options, {2, nullptr, ids}, nullptr, fill, nullptr, out);
+       });
+     }},
     {"compact",
      [](World& w) { return qx_collection_compact(w.collection.get(), nullptr, nullptr); }},
 };
