@@ -85,9 +85,12 @@ inline std::string_view text_of(sqlite3_value* value) {
 class Statement {
  public:
   Statement() = default;
-  Statement(sqlite3* database, const std::string& sql) : database_(database) {
+  // Unless the flags say otherwise, of ordinary tables: what stands in a file must not call back.
+  Statement(sqlite3* database, const std::string& sql,
+            unsigned flags = SQLITE_PREPARE_PERSISTENT | SQLITE_PREPARE_NO_VTAB)
+      : database_(database) {
     sqlite3_stmt* made = nullptr;
-    check(sqlite3_prepare_v3(database, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr));
+    check(sqlite3_prepare_v3(database, sql.c_str(), -1, flags, &made, nullptr));
     statement_.reset(made);
   }
 
@@ -108,6 +111,10 @@ class Statement {
   void bind(int at, std::optional<std::int64_t> number) {
     check(number ? sqlite3_bind_int64(statement_.get(), at, *number)
                  : sqlite3_bind_null(statement_.get(), at));
+  }
+  // The bytes stay until the next binding.
+  void bind_static(int at, std::span<const std::byte> bytes) {
+    check(sqlite3_bind_blob64(statement_.get(), at, bytes.data(), bytes.size(), SQLITE_STATIC));
   }
 
   // Whether there is a row.
@@ -151,6 +158,12 @@ class Statement {
   // Columns count from 0.
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
   std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+  double real(int column) const { return sqlite3_column_double(statement_.get(), column); }
+  std::string_view text(int column) const {
+    const auto* const text = sqlite3_column_text(statement_.get(), column);
+    return {text == nullptr ? "" : reinterpret_cast<const char*>(text),
+            static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
+  }
   std::span<const std::byte> blob(int column) const {
     const void* const bytes = sqlite3_column_blob(statement_.get(), column);
     return {static_cast<const std::byte*>(bytes),

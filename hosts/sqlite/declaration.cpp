@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string_view>
@@ -56,10 +57,20 @@ std::int64_t dim_of(std::string_view text, std::string_view argument) {
   return dim;
 }
 
+// The types of columns that searches can be filtered by.
+const std::map<std::string, ColumnKind> kFilterTypes = {
+    {"integer", ColumnKind::kInteger}, {"int", ColumnKind::kInteger},
+    {"real", ColumnKind::kReal},       {"float", ColumnKind::kReal},
+    {"double", ColumnKind::kReal},     {"boolean", ColumnKind::kBoolean},
+    {"bool", ColumnKind::kBoolean},    {"text", ColumnKind::kText},
+};
+const std::map<std::string, Metric> kMetrics = {
+    {"ip", Metric::kInnerProduct}, {"cosine", Metric::kCosine}, {"l2", Metric::kEuclidean}};
+constexpr std::string_view kOwnNames[] = {"rowid", "oid",      "_rowid_", "k",
+                                          "score", "distance", "filter"};
+
 class Reader {
  public:
-  explicit Reader(const std::string& table) : table_(lower(table)) {}
-
   void read(std::string_view argument) {
     argument = trimmed(argument);
     const std::size_t equals = argument.find('=');
@@ -70,14 +81,15 @@ class Reader {
     }
   }
 
-  Declaration finish() {
+  Declaration finish(const std::string& table) {
     require(declared_.vector_column >= 0,
             "no column of vectors: declare one, as in 'embedding float[100]'");
+    declared_.check_name(table);
     return std::move(declared_);
   }
 
  private:
-  // dim=100, columns='length,band', partition=letter: short forms of columns.
+  // metric=cosine; and dim=100, columns='length,band', partition=letter: short forms of columns.
   void option(std::string_view name, std::string_view value, std::string_view argument) {
     if (value.size() >= 2 && (value[0] == '\'' || value[0] == '"') && value.back() == value[0]) {
       value = value.substr(1, value.size() - 2);
@@ -89,75 +101,79 @@ class Reader {
     } else if (option == "columns") {
       std::istringstream names(std::string(value) + ',');
       for (std::string one; std::getline(names, one, ',');) {
-        add(trimmed(one), ColumnKind::kNumber);
+        add(trimmed(one), ColumnKind::kInteger);
       }
     } else if (option == "partition") {
-      add(trimmed(value), ColumnKind::kPartition);
+      add(trimmed(value), ColumnKind::kInteger);
+    } else if (option == "metric") {
+      const auto found = kMetrics.find(lower(value));
+      require(found != kMetrics.end(), "'", value, "' is no metric: ip, cosine and l2 are");
+      declared_.metric = found->second;
     } else {
-      require(false, "unknown option '", name, "': dim, columns and partition are");
+      require(false, "unknown option '", name, "': metric, dim, columns and partition are");
     }
   }
 
   void column(std::string_view argument) {
+    constexpr std::string_view kKey = " partition key";
     const bool extra = !argument.empty() && argument[0] == '+';
     const std::string_view text = trimmed(argument.substr(extra));
     const std::size_t end = std::min(text.find_first_of(kSpaces), text.size());
     const std::string_view name = text.substr(0, end);
-    const std::string type = words(text.substr(end));
+    std::string type = words(text.substr(end));
     if (extra) {
       const std::set<std::string> types = {"", "text", "integer", "real", "blob"};
       require(types.contains(type), "'", argument, "' is no text, integer, real or blob");
-      add(name, ColumnKind::kExtra, type);
-    } else if (type.starts_with("float[") && type.ends_with("]")) {
+      return add(name, ColumnKind::kExtra, type);
+    }
+    if (type.starts_with("float[") && type.ends_with("]")) {
       add(name, ColumnKind::kVector);
       declared_.dim = dim_of(std::string_view(type).substr(6, type.size() - 7), argument);
-    } else if (type == "integer" || type == "int") {
-      add(name, ColumnKind::kNumber);
-    } else if (type == "integer partition key" || type == "int partition key") {
-      add(name, ColumnKind::kPartition);
-    } else {
-      require(false, "'", argument,
-              "' is no column: one is 'name float[100]', 'name integer', 'name integer partition "
-              "key' or '+name type'");
+      return;
     }
+    if (type.ends_with(kKey)) type.resize(type.size() - kKey.size());
+    const auto found = kFilterTypes.find(type);
+    require(found != kFilterTypes.end(), "'", argument,
+            "' is no column: one is 'name float[100]', 'name integer', real, boolean or text, "
+            "'name integer partition key' or '+name type'");
+    add(name, found->second);
   }
 
   void add(std::string_view name, ColumnKind kind, const std::string& type = "") {
     require(is_name(name), "'", name, "' is no name of a column");
     const std::string key = lower(name);
-    for (const std::string_view taken : {"rowid", "oid", "_rowid_", "k", "score", "distance"}) {
+    for (const std::string_view taken : kOwnNames) {
       require(key != taken, "the name ", key, " has a meaning of its own");
     }
-    require(key != table_, "the column ", key, " has the name of the table");
     for (const Column& other : declared_.columns) {
       require(lower(other.name) != key, "two columns have the name ", key);
-      if (other.kind != kind) continue;
-      require(kind != ColumnKind::kVector, "a table has one column of vectors");
-      require(kind != ColumnKind::kPartition, "a table has one partition key");
     }
     if (kind == ColumnKind::kVector) {
+      require(declared_.vector_column < 0,
+              "a table has one column of vectors: make a table for each, and join their rowids");
       declared_.vector_column = static_cast<int>(declared_.columns.size());
     }
     declared_.columns.push_back({std::string(name), kind, type});
   }
 
-  std::string table_;
   Declaration declared_;
 };
 
 }  // namespace
 
 std::string Column::sql_type() const {
-  if (kind == ColumnKind::kVector) return " BLOB";
-  if (kind == ColumnKind::kExtra) return type.empty() ? "" : " " + type;
-  return " INTEGER";
-}
-
-int Declaration::partition_column() const {
-  const auto found = std::find_if(columns.begin(), columns.end(), [](const Column& column) {
-    return column.kind == ColumnKind::kPartition;
-  });
-  return found == columns.end() ? -1 : static_cast<int>(found - columns.begin());
+  switch (kind) {
+    case ColumnKind::kVector:
+      return " BLOB";
+    case ColumnKind::kReal:
+      return " REAL";
+    case ColumnKind::kText:
+      return " TEXT";
+    case ColumnKind::kExtra:
+      return type.empty() ? "" : " " + type;
+    default:
+      return " INTEGER";
+  }
 }
 
 std::string Declaration::schema(const std::string& table) const {
@@ -165,13 +181,24 @@ std::string Declaration::schema(const std::string& table) const {
   for (const Column& column : columns) {
     text += quoted(column.name) + column.sql_type() + ", ";
   }
-  return text + quoted(table) + " HIDDEN, k HIDDEN, score REAL HIDDEN, distance REAL HIDDEN)";
+  return text + quoted(table) +
+         " HIDDEN, k HIDDEN, score REAL HIDDEN, distance REAL HIDDEN, filter HIDDEN)";
+}
+
+void Declaration::check_name(std::string_view table) const {
+  const std::string name = lower(table);
+  for (const std::string_view taken : kOwnNames) {
+    require(name != taken, "the name ", taken, " has a meaning of its own");
+  }
+  for (const Column& column : columns) {
+    require(lower(column.name) != name, "the column ", name, " has the name of the table");
+  }
 }
 
 Declaration read_declaration(const std::string& table, std::span<const char* const> arguments) {
-  Reader reader(table);
+  Reader reader;
   for (const char* const argument : arguments) reader.read(argument);
-  return reader.finish();
+  return reader.finish(table);
 }
 
 }  // namespace qx_sqlite

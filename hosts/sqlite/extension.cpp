@@ -5,6 +5,7 @@ SQLITE_EXTENSION_INIT1
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -14,19 +15,14 @@ SQLITE_EXTENSION_INIT1
 
 #include "database.h"
 #include "declaration.h"
-#include "ivf_state.h"
-#include "live_rows.h"
 #include "plan.h"
+#include "program.h"
+#include "shared.h"
 #include "storage.h"
 #include "vectors.h"
 
 namespace qx_sqlite {
 namespace {
-
-constexpr std::int64_t kMostLists = 65536;
-constexpr const char* kSteps =
-    "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n WHERE i < 1000) "
-    "SELECT count(*) FROM n";
 
 struct Table : sqlite3_vtab {
   Table(sqlite3* db, const char* schema, const char* name, Declaration declared)
@@ -34,12 +30,26 @@ struct Table : sqlite3_vtab {
         database(db),
         declaration(std::move(declared)),
         storage(db, schema, name, declaration),
-        live(storage, declaration) {}
+        reader(storage, declaration) {}
+
+  // Whatever is read includes what this connection has written.
+  void flush() {
+    require(!storage.is_old(), "the table ", storage.table(),
+            " is of an older layout: INSERT INTO ", storage.table(), "(", storage.table(),
+            ") VALUES ('migrate')");
+    storage.flush();
+  }
 
   sqlite3* database;
   Declaration declaration;
   Storage storage;
-  LiveRows live;
+  Reader reader;
+  Programs programs;
+};
+
+struct Hit {
+  std::int64_t rowid;
+  float score;
 };
 
 // A scan of the rows, or the hits of a search.
@@ -49,22 +59,24 @@ class Cursor : public sqlite3_vtab_cursor {
   void advance();
   bool at_end() const { return searching_ ? at_ >= hits_.size() : !has_row_; }
   void read_rowid(sqlite3_int64* rowid) const {
-    *rowid = searching_ ? hits_.ids[at_] : rows_.integer(0);
+    *rowid = searching_ ? hits_[at_].rowid : rows_.integer(0);
   }
   void read_column(sqlite3_context* context, int column);
 
  private:
   Table* table() const { return static_cast<Table*>(pVtab); }
   void read_hidden(sqlite3_context* context, int column) const;
+  void find(const Search& search);
 
   // Of a scan, its rows; of a search, the row of the present hit, once it is asked for.
   Statement rows_;
+  Chunk chunk_;
   bool row_read_ = false;
   bool has_row_ = false;
 
   bool searching_ = false;
   std::int64_t k_ = 0;
-  qx::Hits hits_;
+  std::vector<Hit> hits_;
   std::size_t at_ = 0;
 };
 
@@ -103,6 +115,8 @@ int open_table(sqlite3* database, void*, int count, const char* const* arguments
     const int declared = sqlite3_declare_vtab(database, table->declaration.schema(name).c_str());
     if (declared != SQLITE_OK) throw SqlError(declared, sqlite3_errmsg(database));
     sqlite3_vtab_config(database, SQLITE_VTAB_CONSTRAINT_SUPPORT, 1);
+    // It reads and writes its own tables alone, whoever has written the schema.
+    sqlite3_vtab_config(database, SQLITE_VTAB_INNOCUOUS);
     if (create) table->storage.create();
     table->storage.check();
     *out = table.release();
@@ -125,7 +139,8 @@ int is_shadow_name(const char* suffix) {
 // ---- Reading ----
 
 int best_index(Table& table, sqlite3_index_info* info) {
-  return choose_plan(table.declaration, table.live, info);
+  table.programs.forget();
+  return choose_plan(table.declaration, false, info);
 }
 
 int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
@@ -133,7 +148,9 @@ int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
   return *out == nullptr ? SQLITE_NOMEM : SQLITE_OK;
 }
 int close_cursor(sqlite3_vtab_cursor* cursor) {
+  Table& table = *table_of(cursor->pVtab);
   delete cursor_of(cursor);
+  if (sqlite3_get_autocommit(table.database) != 0) table.reader.release();
   return SQLITE_OK;
 }
 
@@ -141,20 +158,65 @@ void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value**
   searching_ = plan_number == kSearch;
   row_read_ = false;
   at_ = 0;
+  hits_.clear();
+  table()->flush();
+  chunk_.close();
   Storage& storage = table()->storage;
-  rows_ = Statement(table()->database,
-                    storage.select_rows(plan_number == kScan ? "" : "WHERE rowid = ?1"));
   if (!searching_) {
-    if (plan_number == kOneRow) rows_.bind(1, arguments[0]);
+    rows_ = Statement(table()->database, storage.select_rows(plan));
+    for (int i = 0; i < count; ++i) rows_.bind(i + 1, arguments[i]);
     has_row_ = rows_.step();
     return;
   }
-  const Search search = read_search(table()->declaration, plan, count, arguments);
+  const Search search = read_search(table()->declaration, plan, count, arguments, [&](int query) {
+    return table()->programs.origins(table()->database, pVtab, storage.table(), plan, query);
+  });
   k_ = search.k;
-  hits_ = {};
-  if (search.nothing_passes) return;
-  table()->live.catch_up();
-  hits_ = table()->live.search(search.query, search.k, search.conditions);
+  if (!search.nothing_passes && search.k > 0) find(search);
+}
+
+// The distance that users of a metric expect.
+double distance_of(Metric metric, float score) {
+  if (metric == Metric::kEuclidean) return std::sqrt(static_cast<double>(score));
+  return metric == Metric::kCosine ? 1 - static_cast<double>(score) : -static_cast<double>(score);
+}
+
+std::int32_t is_in_range(void* context, std::int64_t rowid, const QxText*) {
+  const Search& search = *static_cast<const Search*>(context);
+  return rowid >= search.first && rowid <= search.last &&
+         std::find(search.without.begin(), search.without.end(), rowid) == search.without.end();
+}
+
+void Cursor::find(const Search& search) {
+  constexpr std::int64_t kFew = 256;
+  const Reader::Rows rows = table()->reader.rows();
+  const Metric metric = table()->declaration.metric;
+  QxSearch how = {};
+  if (!search.filter.empty()) how.filter = search.filter.c_str();
+  const QxIds among =
+      search.among ? QxIds{std::ssize(*search.among), search.among->data(), nullptr} : QxIds{};
+  if (search.among) how.among = &among;
+  if (search.has_range()) how.accept = is_in_range;
+  how.accept_context = const_cast<Search*>(&search);
+  const bool has_threshold = search.farthest < std::numeric_limits<double>::infinity();
+  // As many as may be within the threshold.
+  for (std::int64_t k = has_threshold ? std::min(search.k, kFew) : search.k;; k *= 16) {
+    k = std::min(k, search.k);
+    QxHits* found = nullptr;
+    check_call(qx_collection_search(rows.collection.get(), rows.view, search.query.data(), 1, k,
+                                    &how, &found));
+    const std::unique_ptr<QxHits, void (*)(QxHits*)> owned(found, qx_hits_free);
+    const std::int64_t count = found->counts[0];
+    const bool all = count < k || k == search.k ||
+                     distance_of(metric, found->scores[count - 1]) > search.farthest;
+    if (!all) continue;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const double distance = distance_of(metric, found->scores[i]);
+      if (distance < search.nearest || distance > search.farthest) continue;
+      hits_.push_back({found->ids[i], found->scores[i]});
+    }
+    return;
+  }
 }
 
 void Cursor::advance() {
@@ -167,133 +229,126 @@ void Cursor::advance() {
 }
 
 void Cursor::read_column(sqlite3_context* context, int column) {
-  if (column >= table()->declaration.command_column()) return read_hidden(context, column);
+  const Declaration& declaration = table()->declaration;
+  // An UPDATE reads what it does not change.
+  const bool is_vector = column == declaration.vector_column;
+  if (sqlite3_vtab_nochange(context) != 0 &&
+      (is_vector || column >= declaration.command_column())) {
+    return;
+  }
+  if (column >= declaration.command_column()) return read_hidden(context, column);
+  Storage& storage = table()->storage;
   if (searching_ && !row_read_) {
+    if (!rows_) rows_ = Statement(table()->database, storage.select_rows("WHERE rowid = ?1"));
     rows_.reset();
-    rows_.bind(1, hits_.ids[at_]);
+    rows_.bind(1, hits_[at_].rowid);
     has_row_ = rows_.step();
     row_read_ = true;
   }
-  if (has_row_) sqlite3_result_value(context, rows_.value(column + 1));
+  if (!has_row_) return;
+  if (!is_vector) {
+    const int at = Storage::kFirstValue + column - (column > declaration.vector_column ? 1 : 0);
+    return sqlite3_result_value(context, rows_.value(at));
+  }
+  Floats vector = storage.read_vector(&chunk_, rows_.integer(1));
+  turn_order(vector);
+  sqlite3_result_blob64(context, vector.data(), vector.size() * sizeof(float), SQLITE_TRANSIENT);
 }
 
 void Cursor::read_hidden(sqlite3_context* context, int column) const {
   if (!searching_) return;
   const Declaration& declaration = table()->declaration;
-  const auto score = static_cast<double>(hits_.scores[at_]);
-  if (column == declaration.score_column()) sqlite3_result_double(context, score);
-  if (column == declaration.distance_column()) sqlite3_result_double(context, -score);
+  const float score = hits_[at_].score;
+  const double distance = distance_of(declaration.metric, score);
+  if (column == declaration.score_column()) {
+    const bool falls = declaration.metric != Metric::kEuclidean;
+    sqlite3_result_double(context, falls ? static_cast<double>(score) : -distance);
+  }
+  if (column == declaration.distance_column()) sqlite3_result_double(context, distance);
   if (column == declaration.k_column()) sqlite3_result_int64(context, k_);
 }
 
 // ---- Commands: INSERT INTO words(words) VALUES ('rebuild') ----
 
-template <typename... Parts>
-void check_command(bool condition, const Parts&... why) {
-  require(condition, "the command is unknown or incomplete: ", why...);
-}
-
-void change_ivf(IvfState& ivf, std::span<const std::string> options,
-                const std::function<void()>& progress) {
-  if (options.size() == 1 && options[0] == "off") return ivf.forget();
-  std::optional<std::int64_t> nlist, nprobe;
-  for (const std::string& option : options) {
-    const std::string name = option.substr(0, option.find('='));
-    const std::string value = option.substr(std::min(name.size() + 1, option.size()));
-    const char* const end = value.data() + value.size();
-    std::int64_t number = 0;
-    const auto [rest, error] = std::from_chars(value.data(), end, number);
-    const bool counts = error == std::errc() && rest == end && number >= 1;
-    check_command(counts && number <= kMostLists && (name == "nlist" || name == "nprobe"), option,
-                  " is no nlist or nprobe from 1 to ", kMostLists);
-    (name == "nlist" ? nlist : nprobe) = number;
-  }
-  check_command(nlist || nprobe, "an IVF needs nlist and nprobe");
-  check_command(nlist || ivf.nprobe(), "there is no IVF yet, so nlist is needed");
-  if (nlist) ivf.learn(*nlist, progress);
-  ivf.set_nprobe(nprobe.value_or(ivf.nprobe().value_or(8)));
-}
-
 void run_command(Table& table, const std::string& text) {
-  std::istringstream words(text);
-  const std::vector<std::string> given(std::istream_iterator<std::string>(words), {});
-  const bool rebuilds = given == std::vector<std::string>{"rebuild"};
-  check_command(rebuilds || (!given.empty() && given[0] == "ivf"),
-                "there is 'rebuild', 'ivf nlist=256 nprobe=8' and 'ivf off'");
-  const RowReader reader(table.declaration);
-  IvfState ivf(table.storage, reader, table.declaration.dim);
-  // A few steps of SQLite's own machine call the host's progress handler.
-  Statement steps(table.database, kSteps);
-  const auto report_progress = [&] { steps.run(); };
-  if (!rebuilds) {
-    change_ivf(ivf, std::span(given).subspan(1), report_progress);
-  } else if (ivf.nprobe()) {
-    ivf.refill(report_progress);
+  Storage& storage = table.storage;
+  const std::string name = text.substr(0, text.find('='));
+  const std::string value = text.substr(std::min(name.size() + 1, text.size()));
+  std::int64_t number = 0;
+  const auto [rest, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+  const bool counts = error == std::errc() && rest == value.data() + value.size() && number >= 0;
+  if (text == "migrate") return storage.migrate();
+  table.flush();
+  if (text == "rebuild") {
+    storage.note_all();
+  } else if (text == "optimize") {
+    storage.optimize();
+  } else if (name == "memory" && counts) {
+    storage.set("memory", number);
+    storage.note_all();
+  } else {
+    require(false,
+            "the command is unknown or incomplete: there is 'rebuild', 'optimize', "
+            "'memory=BYTES' and 'migrate'");
   }
-  table.storage.begin_generation();
 }
 
 // ---- Writing ----
 
-// Checks a row, and gives the bytes of its vector.
-std::vector<std::byte> checked(const Declaration& declaration, sqlite3_value** row) {
-  for (int hidden = declaration.k_column(); hidden <= declaration.distance_column(); ++hidden) {
-    require(sqlite3_value_type(row[hidden]) == SQLITE_NULL,
-            "k, score and distance cannot be written");
+// Checks a row, and gives its vector, or none where an UPDATE does not change it.
+Floats checked(const Declaration& declaration, sqlite3_value** row, bool had_row) {
+  for (int hidden = declaration.k_column(); hidden <= declaration.filter_column(); ++hidden) {
+    // An UPDATE with FROM gives what it has read.
+    require(had_row || sqlite3_value_type(row[hidden]) == SQLITE_NULL,
+            "k, score, distance and filter cannot be written");
   }
   for (std::size_t i = 0; i < declaration.columns.size(); ++i) {
-    const int type = sqlite3_value_type(row[i]);
-    if (!declaration.columns[i].is_number() || type == SQLITE_NULL) continue;
-    if (type != SQLITE_INTEGER || sqlite3_value_int64(row[i]) == kLeastNumber) {
-      throw SqlError(SQLITE_MISMATCH, joined("the column ", declaration.columns[i].name,
-                                             " takes integers above -2^63, and null"));
-    }
+    check_value(declaration.columns[i], sqlite3_value_type(row[i]), row[i]);
   }
   const int at = declaration.vector_column;
-  const std::string& name = declaration.columns[static_cast<std::size_t>(at)].name;
-  return bytes_of(vector_of(row[at], declaration.dim, name));
+  if (sqlite3_value_nochange(row[at]) != 0) return {};
+  return vector_of(row[at], declaration.dim,
+                   declaration.columns[static_cast<std::size_t>(at)].name);
 }
 
 std::optional<std::int64_t> checked_rowid(sqlite3_value* value) {
   const int type = sqlite3_value_type(value);
   if (type == SQLITE_NULL) return std::nullopt;
   if (type != SQLITE_INTEGER) throw SqlError(SQLITE_MISMATCH, "a rowid is no integer");
-  const std::int64_t rowid = sqlite3_value_int64(value);
-  require(rowid >= 0, "the rowid ", rowid, " is below 0");
-  return rowid;
+  return sqlite3_value_int64(value);
 }
 
 void update(Table& table, int count, sqlite3_value** arguments, sqlite3_int64* rowid) {
   using Conflict = Storage::Conflict;
   const bool had_row = sqlite3_value_type(arguments[0]) != SQLITE_NULL;
   const std::int64_t old_rowid = sqlite3_value_int64(arguments[0]);
+  table.reader.note_writing();
   if (count == 1) return table.storage.remove(old_rowid);
   sqlite3_value** const row = arguments + 2;
   sqlite3_value* const command = row[table.declaration.command_column()];
-  if (sqlite3_value_type(command) != SQLITE_NULL) {
-    require(!had_row, "a command is given by INSERT");
+  if (!had_row && sqlite3_value_type(command) != SQLITE_NULL) {
+    *rowid = sqlite3_last_insert_rowid(table.database);
     return run_command(table, std::string(text_of(command)));
   }
-  const std::vector<std::byte> vector = checked(table.declaration, row);
+  const Floats vector = checked(table.declaration, row, had_row);
   const std::optional<std::int64_t> new_rowid = checked_rowid(arguments[1]);
-  const bool stays = had_row && new_rowid == old_rowid;
-  const bool replaces = stays || sqlite3_vtab_on_conflict(table.database) == SQLITE_REPLACE;
-  const std::int64_t written =
-      table.storage.insert(new_rowid, row, replaces ? Conflict::kReplace : Conflict::kFail, vector);
-  if (stays) return;
-  *rowid = written;
-  if (had_row) table.storage.remove(old_rowid);
-}
-
-void roll_back(Table& table) {
-  table.live.undo();
-  table.live.end();
+  const Conflict conflict = sqlite3_vtab_on_conflict(table.database) == SQLITE_REPLACE
+                                ? Conflict::kReplace
+                                : Conflict::kFail;
+  if (!had_row) {
+    *rowid = table.storage.insert(new_rowid, row, conflict, vector);
+  } else {
+    table.storage.update(old_rowid, new_rowid.value_or(old_rowid), row, conflict, vector);
+  }
 }
 
 // ---- The module ----
 
-int nothing_to_do(sqlite3_vtab*) { return SQLITE_OK; }
-int nothing_to_keep(sqlite3_vtab*, int) { return SQLITE_OK; }
+void forget(Table& table) { table.storage.forget(); }
+void finish(Table& table) {
+  table.storage.forget();
+  table.reader.release();
+}
 
 constexpr sqlite3_module kModule = {
     .iVersion = 3,
@@ -310,15 +365,18 @@ constexpr sqlite3_module kModule = {
     .xColumn = of_cursor<&Cursor::read_column>,
     .xRowid = of_cursor<&Cursor::read_rowid>,
     .xUpdate = of_table<update>,
-    .xBegin = of_table<[](Table& table) { table.live.begin(); }>,
-    .xSync = nothing_to_do,
-    .xCommit = of_table<[](Table& table) { table.live.end(); }>,
-    .xRollback = of_table<roll_back>,
+    .xBegin = of_table<forget>,
+    .xSync = of_table<[](Table& table) { table.storage.flush(); }>,
+    .xCommit = of_table<finish>,
+    .xRollback = of_table<finish>,
     .xFindFunction = nullptr,
-    .xRename = of_table<[](Table& table, const char* name) { table.storage.rename(name); }>,
-    .xSavepoint = nothing_to_keep,
-    .xRelease = nothing_to_keep,
-    .xRollbackTo = of_table<[](Table& table, int) { table.live.undo(); }>,
+    .xRename = of_table<[](Table& table, const char* name) {
+      table.flush();
+      table.storage.rename(name);
+    }>,
+    .xSavepoint = of_table<[](Table& table, int) { table.storage.flush(); }>,
+    .xRelease = [](sqlite3_vtab*, int) { return SQLITE_OK; },
+    .xRollbackTo = of_table<[](Table& table, int) { table.storage.forget(); }>,
     .xShadowName = is_shadow_name,
 };
 
@@ -328,8 +386,10 @@ constexpr sqlite3_module kModule = {
 extern "C" __attribute__((visibility("default"))) int sqlite3_qx_init(
     sqlite3* database, char** message, const sqlite3_api_routines* api) {
   SQLITE_EXTENSION_INIT2(api);
-  return qx_sqlite::guarded_in(message, [&] {
+  const int result = qx_sqlite::guarded_in(message, [&] {
     qx_sqlite::register_vector_functions(database);
     return sqlite3_create_module_v2(database, "qx", &qx_sqlite::kModule, nullptr, nullptr);
   });
+  // What connections share outlives the one that loaded the extension.
+  return result == SQLITE_OK ? SQLITE_OK_LOAD_PERMANENTLY : result;
 }

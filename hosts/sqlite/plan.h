@@ -2,30 +2,47 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
 #include <vector>
 
 #include "declaration.h"
-#include "live_rows.h"
+#include "program.h"
 #include "vectors.h"
 
 namespace qx_sqlite {
 
-enum PlanNumber { kScan = 0, kOneRow = 1, kSearch = 2 };
+enum PlanNumber { kScan = 0, kSearch = 1 };
 
 // A search, as the arguments of a run give it.
 struct Search {
   Floats query;
   std::int64_t k = 0;
-  std::vector<Condition> conditions;
+  std::string filter;  // of the collection's language; empty: every row passes
+  // Rowids: those listed, and those in a range but not among `without`.
+  std::optional<std::vector<std::int64_t>> among;
+  std::int64_t first = std::numeric_limits<std::int64_t>::min();
+  std::int64_t last = std::numeric_limits<std::int64_t>::max();
+  std::vector<std::int64_t> without;
+  // By distance, which falls with the score.
+  double nearest = -std::numeric_limits<double>::infinity();
+  double farthest = std::numeric_limits<double>::infinity();
   bool nothing_passes = false;  // a condition compares with null, say
+
+  bool has_range() const {
+    return first != std::numeric_limits<std::int64_t>::min() ||
+           last != std::numeric_limits<std::int64_t>::max() || !without.empty();
+  }
 };
 
 // Fills the plan of a query. Returns SQLITE_OK, or SQLITE_CONSTRAINT where another order of joins
-// must be tried. Throws where the query cannot be answered as it stands.
-int choose_plan(const Declaration& declaration, const LiveRows& live, sqlite3_index_info* info);
+// must be tried.
+int choose_plan(const Declaration& declaration, bool probes, sqlite3_index_info* info);
 
-// Reads the arguments of a search's run, in the order that the plan's text says.
+// Reads the arguments of a search's run, in the order that the plan's text says. `origins(query)`
+// says where they come from. Throws where a condition cannot be met before the best are taken.
 Search read_search(const Declaration& declaration, const char* plan, int count,
-                   sqlite3_value** arguments);
+                   sqlite3_value** arguments, const std::function<Origins(int query)>& origins);
 
 }  // namespace qx_sqlite

@@ -1,80 +1,142 @@
 // The ordinary tables that store the rows of a virtual table, its shadow tables:
 //
-//   NAME_rows   the rows, as inserted
-//   NAME_log    the rowids written since the generation began, in the order of writing
-//   NAME_state  the generation, and what else is known of the table
+//   NAME_values   of each row its values, and its place: which vector is its own
+//   NAME_vectors  the vectors, in chunks of many places
+//   NAME_free     places below the highest that no row has
+//   NAME_commits  stamps, random numbers that name what the rows are; with each the rowids that
+//                 were written since the stamp before, or NULL if those are not known
+//   NAME_state    the version of this layout, and settings
 //
-// Whoever holds the rows in memory reads the generation and the log to catch up: with its own
-// writes as with those of another connection.
+// Vectors and rowids that are written wait in memory until SQLite begins a savepoint or commits, or
+// something is read: chunks are written once for many rows.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "database.h"
 #include "declaration.h"
+#include "vectors.h"
 
 namespace qx_sqlite {
 
+// What a commit has changed: all of the rows if `rowids` is empty-handed.
+struct Commit {
+  std::int64_t stamp = 0;
+  std::optional<std::vector<std::int64_t>> rowids;
+};
+
+// A chunk of vectors that is read or written in parts.
+class Chunk {
+ public:
+  void open(sqlite3* database, const std::string& schema, const std::string& table,
+            std::int64_t chunk, bool writes);
+  void close() { blob_.reset(); }
+  // Throws where the chunk is too short.
+  void read(std::int64_t at, std::span<std::byte> bytes);
+  void write(std::int64_t at, std::span<const std::byte> bytes);
+
+ private:
+  struct Close {
+    void operator()(sqlite3_blob* blob) const { sqlite3_blob_close(blob); }
+  };
+  sqlite3* database_ = nullptr;
+  std::int64_t chunk_ = -1;
+  std::unique_ptr<sqlite3_blob, Close> blob_;
+};
+
 class Storage {
  public:
-  static constexpr std::array<const char*, 3> kTables = {"rows", "log", "state"};
+  static constexpr std::array<const char*, 5> kTables = {"values", "vectors", "free", "commits",
+                                                         "state"};
 
   Storage(sqlite3* database, std::string schema, std::string table, const Declaration& declaration);
 
   void create();
-  // Throws where a table is missing or of another version.
+  // Throws where a table is missing or of a version that is unknown.
   void check();
+  // Whether the table is of the version before, whose rows are in NAME_rows with their vectors.
+  bool is_old();
+  void migrate();
   void drop();
   void rename(const std::string& table);
 
+  // The rows of a statement have the rowid, the place, then the declared columns but the vector.
+  static constexpr int kFirstValue = 2;
+  std::string select_rows(std::string_view rest, bool filters_alone = false) const;
+  Statement& one_row() { return prepared(one_row_, select_rows("WHERE rowid = ?1")); }
+  Floats read_vector(Chunk* chunk, std::int64_t place) const;
+
   // How rows meet others of their rowid.
   enum class Conflict { kFail, kReplace };
-  // `row` has the table's columns, or the rowid is without a value. Returns the rowid.
+  // `row` has the table's columns; without a rowid one is chosen. Returns the rowid.
   std::int64_t insert(std::optional<std::int64_t> rowid, sqlite3_value** row, Conflict conflict,
-                      std::span<const std::byte> vector);
+                      std::span<const float> vector);
+  // Without floats the vector stays.
+  void update(std::int64_t old_rowid, std::int64_t rowid, sqlite3_value** row, Conflict conflict,
+              std::span<const float> vector);
   void remove(std::int64_t rowid);
 
-  std::int64_t generation();
-  // Begins another: the log is emptied, and whoever holds rows in memory reads them all anew.
-  void begin_generation();
-  std::int64_t last_entry();
+  // Writes what waits, or forgets it.
+  void flush();
+  void forget();
+  // Begins anew: whoever holds rows in memory reads them all.
+  void note_all();
+  // Gives back places that no row has.
+  void optimize();
 
-  // What a key of the state has: a number, or a BLOB.
+  std::int64_t stamp();
+  // Calls look(commit) for each known commit, the latest first, until that returns true.
+  void commits(const std::function<bool(const Commit&)>& look);
+
   std::optional<std::int64_t> number(std::string_view key);
-  std::vector<std::byte> blob(std::string_view key);
-  void set(std::string_view key, std::variant<std::int64_t, std::span<const std::byte>> value);
-  void forget(std::string_view key);
+  void set(std::string_view key, std::optional<std::int64_t> value);
 
-  // Statements: all rows in the order of rowids; one row; all rowids written after
-  // an entry, each once. The rows' columns are the rowid, then the declared ones.
-  Statement& all_rows() { return prepared(all_rows_, all_rows_sql_); }
-  Statement& one_row() { return prepared(one_row_, one_row_sql_); }
-  Statement& written_after() { return prepared(written_after_, written_after_sql_); }
-  std::string select_rows(const std::string& rest) const;
-
-  std::int64_t count();
-  std::int64_t longest_blob() const;
-  // The vectors of all rows have no more floats than this, unless the table is damaged.
-  std::size_t most_floats();
+  std::int64_t rows_of_chunk() const { return chunk_rows_; }
+  Statement all_chunks() const;
+  sqlite3* database() const { return database_; }
+  const std::string& schema() const { return schema_; }
+  const std::string& table() const { return table_; }
 
  private:
+  struct Write {
+    std::int64_t place;
+    std::size_t at;  // in floats_
+  };
   std::string name(std::string_view suffix) const;
   Statement& prepared(Statement& statement, const std::string& sql);
+  std::string assignments(std::string_view before, std::string_view after) const;
+  void bind_values(Statement& statement, sqlite3_value** row);
+  std::int64_t next_place();
+  void take_place(std::int64_t place);
+  void write_vector(std::int64_t place, std::span<const float> vector);
+  void write_chunk(std::int64_t chunk, std::span<const Write> writes);
   void note(std::int64_t rowid);
+  void write_commit();
+  void create_tables();
 
   sqlite3* database_;
   std::string schema_;
   std::string table_;
   const Declaration& declaration_;
-  std::string all_rows_sql_, one_row_sql_, written_after_sql_, state_sql_;
-  Statement all_rows_, one_row_, written_after_;
-  Statement insert_, replace_, remove_, note_, last_entry_, state_, set_state_;
+  std::int64_t chunk_rows_;
+
+  // What waits.
+  std::vector<Write> writes_;
+  Floats floats_;
+  std::vector<std::int64_t> written_;
+  bool all_written_ = false;
+  // How many places there are, and whether some are free; not known at first.
+  std::optional<std::int64_t> places_;
+  std::optional<bool> has_free_;
+
+  Statement one_row_, insert_, update_, replace_, remove_, free_, lowest_free_, take_free_;
+  Statement latest_, commit_, trim_, state_, new_chunk_;
 };
 
 }  // namespace qx_sqlite

@@ -3,16 +3,13 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 namespace qx_sqlite {
 namespace {
-
-std::uint32_t little_endian(std::uint32_t bits) {
-  if constexpr (std::endian::native == std::endian::little) return bits;
-  return bits >> 24 | (bits >> 8 & 0xFF00) | (bits << 8 & 0xFF0000) | bits << 24;
-}
 
 bool is_space(char letter) {
   return letter == ' ' || letter == '\t' || letter == '\n' || letter == '\r';
@@ -41,9 +38,13 @@ Floats floats_of_json(std::string_view text) {
       skip_spaces();
       float number = 0;
       const auto [rest, error] = std::from_chars(at, end, number);
-      require(error != std::errc::result_out_of_range, "element ", floats.size(),
-              " of a vector is beyond the range of 32-bit floats");
-      if (error != std::errc() || !std::isfinite(number)) fail();
+      if (error == std::errc::result_out_of_range) {
+        number = static_cast<float>(std::strtod(std::string(at, rest).c_str(), nullptr));
+        require(std::isfinite(number), "element ", floats.size(),
+                " of a vector is beyond the range of 32-bit floats");
+      } else if (error != std::errc() || !std::isfinite(number)) {
+        fail();
+      }
       at = rest;
       floats.push_back(number);
     } while (take(','));
@@ -54,11 +55,55 @@ Floats floats_of_json(std::string_view text) {
   return floats;
 }
 
+Floats floats_of_blob(std::span<const std::byte> bytes) {
+  require(bytes.size() % sizeof(float) == 0, "a BLOB of ", bytes.size(),
+          " bytes is no vector of 32-bit floats");
+  Floats floats(bytes.size() / sizeof(float));
+  if (!floats.empty()) std::memcpy(floats.data(), bytes.data(), bytes.size());
+  turn_order(floats);
+  require_finite(floats);
+  return floats;
+}
+
 Floats floats_of_value(sqlite3_value* value) {
   const int type = sqlite3_value_type(value);
+  require(type != SQLITE_NULL, "a vector is NULL");
   require(type == SQLITE_BLOB || type == SQLITE_TEXT,
           "a vector is a BLOB of 32-bit floats or a JSON array");
-  return type == SQLITE_BLOB ? floats_of(blob_of(value)) : floats_of_json(text_of(value));
+  return type == SQLITE_BLOB ? floats_of_blob(blob_of(value)) : floats_of_json(text_of(value));
+}
+
+// Of a 16-bit float: subnormal numbers are multiples of 2^-24.
+float half(std::uint32_t bits) {
+  const int exponent = static_cast<int>(bits >> 10 & 31);
+  const auto fraction = static_cast<float>(bits & 1023);
+  const float size = exponent == 31  ? std::numeric_limits<float>::infinity()
+                     : exponent == 0 ? std::ldexp(fraction, -24)
+                                     : std::ldexp(fraction + 1024, exponent - 25);
+  return (bits & 0x8000) != 0 ? -size : size;
+}
+
+Floats floats_of_halves(sqlite3_value* value) {
+  require(sqlite3_value_type(value) == SQLITE_BLOB, "16-bit floats are a BLOB");
+  const auto bytes = blob_of(value);
+  require(bytes.size() % 2 == 0, "a BLOB of ", bytes.size(),
+          " bytes is no vector of 16-bit floats");
+  Floats floats;
+  for (std::size_t i = 0; i < bytes.size(); i += 2) {
+    floats.push_back(half(std::to_integer<std::uint32_t>(bytes[i]) |
+                          std::to_integer<std::uint32_t>(bytes[i + 1]) << 8));
+  }
+  require_finite(floats);
+  return floats;
+}
+
+Floats floats_of_int8(sqlite3_value* value) {
+  require(sqlite3_value_type(value) == SQLITE_BLOB, "bytes with a sign are a BLOB");
+  Floats floats;
+  for (const std::byte byte : blob_of(value)) {
+    floats.push_back(static_cast<float>(static_cast<std::int8_t>(byte)));
+  }
+  return floats;
 }
 
 std::string json_of(const Floats& floats) {
@@ -71,50 +116,41 @@ std::string json_of(const Floats& floats) {
   return text + ']';
 }
 
-// Calls give(floats) with the vector of an argument; an error becomes that of the SQL function.
-template <typename Give>
-void answer(sqlite3_context* context, sqlite3_value* argument, Give give) {
-  if (sqlite3_value_type(argument) == SQLITE_NULL) return;
-  const int code = guarded([&] { give(floats_of_value(argument)); },
-                           [&](const char* text) { sqlite3_result_error(context, text, -1); });
+// An SQL function: the floats that read(argument) gives, as a BLOB or as a JSON text.
+template <Floats (*read)(sqlite3_value*), bool as_json>
+void convert(sqlite3_context* context, int, sqlite3_value** arguments) {
+  if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) return;
+  const auto give = [&] {
+    Floats floats = read(arguments[0]);
+    if constexpr (as_json) {
+      const std::string text = json_of(floats);
+      sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+    } else {
+      turn_order(floats);
+      sqlite3_result_blob64(context, floats.empty() ? "" : static_cast<const void*>(floats.data()),
+                            floats.size() * sizeof(float), SQLITE_TRANSIENT);
+    }
+  };
+  const int code =
+      guarded(give, [&](const char* text) { sqlite3_result_error(context, text, -1); });
   if (code == SQLITE_NOMEM) sqlite3_result_error_nomem(context);
-}
-
-void to_f32(sqlite3_context* context, int, sqlite3_value** arguments) {
-  answer(context, arguments[0], [&](const Floats& floats) {
-    const std::vector<std::byte> bytes = bytes_of(floats);
-    sqlite3_result_blob64(context, bytes.empty() ? "" : static_cast<const void*>(bytes.data()),
-                          bytes.size(), SQLITE_TRANSIENT);
-  });
-}
-
-void to_json(sqlite3_context* context, int, sqlite3_value** arguments) {
-  answer(context, arguments[0], [&](const Floats& floats) {
-    const std::string text = json_of(floats);
-    sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-  });
 }
 
 }  // namespace
 
-void append_floats(std::span<const std::byte> bytes, Floats* floats) {
-  require(bytes.size() % sizeof(float) == 0, "a BLOB of ", bytes.size(),
-          " bytes is no vector of 32-bit floats");
-  const std::size_t before = floats->size();
-  floats->resize(before + bytes.size() / sizeof(float));
-  const std::span<float> added = std::span(*floats).subspan(before);
-  for (std::size_t i = 0; i < added.size(); ++i) {
-    std::uint32_t bits = 0;
-    std::memcpy(&bits, bytes.data() + i * sizeof bits, sizeof bits);
-    added[i] = std::bit_cast<float>(little_endian(bits));
-    require(std::isfinite(added[i]), "element ", i, " of a vector is not a finite number");
+void turn_order(std::span<float> floats) {
+  if constexpr (std::endian::native == std::endian::little) return;
+  for (float& number : floats) {
+    const auto bits = std::bit_cast<std::uint32_t>(number);
+    number = std::bit_cast<float>(bits >> 24 | (bits >> 8 & 0xFF00) | (bits << 8 & 0xFF0000) |
+                                  bits << 24);
   }
 }
 
-Floats floats_of(std::span<const std::byte> bytes) {
-  Floats floats;
-  append_floats(bytes, &floats);
-  return floats;
+void require_finite(std::span<const float> floats) {
+  for (std::size_t i = 0; i < floats.size(); ++i) {
+    require(std::isfinite(floats[i]), "element ", i, " of a vector is not a finite number");
+  }
 }
 
 Floats vector_of(sqlite3_value* value, std::int64_t dim, const std::string& name) {
@@ -124,15 +160,6 @@ Floats vector_of(sqlite3_value* value, std::int64_t dim, const std::string& name
   return floats;
 }
 
-std::vector<std::byte> bytes_of(std::span<const float> floats) {
-  std::vector<std::byte> bytes(floats.size_bytes());
-  for (std::size_t i = 0; i < floats.size(); ++i) {
-    const std::uint32_t bits = little_endian(std::bit_cast<std::uint32_t>(floats[i]));
-    std::memcpy(bytes.data() + i * sizeof bits, &bits, sizeof bits);
-  }
-  return bytes;
-}
-
 void register_vector_functions(sqlite3* database) {
   constexpr int kFlags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
   const auto add = [&](const char* name, void (*function)(sqlite3_context*, int, sqlite3_value**)) {
@@ -140,8 +167,10 @@ void register_vector_functions(sqlite3* database) {
                                                   nullptr, nullptr, nullptr);
     if (result != SQLITE_OK) throw SqlError(result, sqlite3_errmsg(database));
   };
-  add("qx_f32", to_f32);
-  add("qx_json", to_json);
+  add("qx_f32", convert<floats_of_value, false>);
+  add("qx_json", convert<floats_of_value, true>);
+  add("qx_f16", convert<floats_of_halves, false>);
+  add("qx_int8", convert<floats_of_int8, false>);
 }
 
 }  // namespace qx_sqlite

@@ -19,10 +19,10 @@ def load(database, full):
     words, vectors = read_words(full)
     database.execute("BEGIN")
     database.execute(f"CREATE VIRTUAL TABLE words USING qx(embedding float[{vectors.shape[1]}], "
-                     "length integer, letter integer partition key, +word text)")
+                     "length integer, letter text, +word text)")
     database.executemany(
         "INSERT INTO words(rowid, embedding, length, letter, word) VALUES (?, ?, ?, ?, ?)",
-        ((rowid, vector.tobytes(), len(word), ord(word[0]), word)
+        ((rowid, vector.tobytes(), len(word), word[0], word)
          for rowid, (word, vector) in enumerate(zip(words, vectors))))
     database.execute("COMMIT")
 
@@ -32,12 +32,12 @@ def show_neighbours(database, word):
     if row is None:
         print(f"{word}: not among the words")
         return
-    for title, condition in (("nearest", ""), ("of up to 5 letters", "AND length <= 5"),
-                             (f"with {word[0]}", f"AND letter = {ord(word[0])}")):
+    for title, condition, *more in (("nearest", ""), ("of up to 5 letters", "AND length <= 5"),
+                             (f"with {word[0]}", "AND letter = ?", word[0])):
         started = time.perf_counter()
         found = database.execute(
             f"SELECT word, score FROM words WHERE embedding MATCH ? AND k = 6 AND rowid <> ? "
-            f"{condition} ORDER BY distance", [*row]).fetchall()
+            f"{condition} ORDER BY distance", [*row, *more]).fetchall()
         milliseconds = 1000 * (time.perf_counter() - started)
         print(f"{word}, {title} ({milliseconds:.1f} ms): "
               + ", ".join(f"{other} {score:.2f}" for other, score in found))

@@ -5,11 +5,12 @@ import sqlite3
 import pytest
 
 
-def connect(path=":memory:"):
-    connection = sqlite3.connect(path, isolation_level=None, timeout=10,
-                                 cached_statements=0)
-    connection.enable_load_extension(True)
-    connection.load_extension(os.environ["QX_SQLITE_EXTENSION"])
+def connect(path=":memory:", extension=True):
+    connection = sqlite3.connect(path, isolation_level=None, timeout=10, cached_statements=0,
+                                 check_same_thread=False)
+    if extension:
+        connection.enable_load_extension(True)
+        connection.load_extension(os.environ["QX_SQLITE_EXTENSION"])
     return connection
 
 

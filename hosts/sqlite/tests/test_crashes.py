@@ -28,7 +28,7 @@ def write(path, first):
         connection.execute("DELETE FROM t WHERE rowid = ?", [3 * n - 6])
         connection.execute("UPDATE t SET embedding = '[9,9,9]' WHERE rowid = ?", [3 * n - 5])
         if n % 10 == 9:
-            connection.execute("INSERT INTO t(t) VALUES ('rebuild')")
+            connection.execute("INSERT INTO t(t) VALUES ('optimize')")
         connection.execute("COMMIT")
         print(n, flush=True)
 

@@ -1,12 +1,12 @@
 SELECT rowid, score, distance, k, w, qx_json(e) FROM t WHERE e MATCH '[1,2]' AND k = 3 AND label = 1 ORDER BY distance;
 INSERT INTO t(rowid, e, label, a, p, w) VALUES (7, '[3,4]', 1, 2, 3, 'q'), (8, qx_f32('[1,1]'), 2, -5, NULL, NULL);
 UPDATE t SET label = 9 WHERE a IS NULL; DELETE FROM t WHERE rowid > 5; INSERT INTO t(t) VALUES ('rebuild');
-INSERT INTO t(t) VALUES ('ivf nlist=2 nprobe=2'); SELECT rowid FROM t WHERE e MATCH '[1,2]' AND k = 3; INSERT INTO t(t) VALUES ('ivf off');
+INSERT INTO t(t) VALUES ('memory=100'); SELECT rowid FROM t WHERE e MATCH '[1,2]' AND k = 3; INSERT INTO t(t) VALUES ('optimize');
 BEGIN; INSERT INTO t(e) VALUES ('[9,9]'); SAVEPOINT s; DELETE FROM t; SELECT rowid FROM t WHERE e MATCH '[1,2]' AND k = 9; ROLLBACK TO s; COMMIT;
-UPDATE t_rows SET e = zeroblob(8); UPDATE t_state SET value = x'00' WHERE key = 'generation'; DELETE FROM t_log;
+UPDATE t_vectors SET vectors = zeroblob(8); UPDATE t_commits SET stamp = 5, rowids = x'00'; DELETE FROM t_free; UPDATE t_values SET "#" = 1 << 40;
 CREATE VIRTUAL TABLE v USING qx(dim=3, label integer, columns='a,b', partition=c); INSERT INTO v(embedding) VALUES ('[1,2,3]'); SELECT * FROM v;
 SELECT t.rowid FROM t JOIN t AS u ON u.e MATCH t.e AND u.k = 2 AND u.label IS t.label;
 ALTER TABLE t RENAME TO u; DROP TABLE u; SELECT name FROM sqlite_schema;
 SELECT rowid FROM t WHERE e MATCH '[1,2]' AND k = 5 AND a IN (1, 2, NULL) AND rowid BETWEEN 1 AND 3 AND p IS NOT NULL;
-INSERT INTO t_state VALUES ('ivf_nprobe', 1), ('ivf_centroids', zeroblob(16)); UPDATE t_state SET value = 3 WHERE key = 'generation';
+DROP TABLE t_values; CREATE VIEW t_values AS SELECT rowid, 0 AS "#", label, a, p, w FROM t; SELECT rowid FROM t WHERE e MATCH '[1,2]' AND filter = 'a IS NULL' AND score > 0;
 WITH RECURSIVE n(i) AS (VALUES (10) UNION ALL SELECT i + 1 FROM n WHERE i < 200) INSERT INTO t(rowid, e) SELECT i, '[' || i || ',1]' FROM n;

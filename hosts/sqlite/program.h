@@ -1,0 +1,48 @@
+// Where the values of a running search come from, read off the program that SQLite has made of the
+// statement, and off its text. A search must know: a condition that varies independently of the
+// query, with another table of a join, is one of the join, and must not be met before the best rows
+// are taken.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "database.h"
+#include "statement_text.h"
+
+namespace qx_sqlite {
+
+// What a program says of a search.
+struct Origins {
+  bool known = false;
+  // Of each argument: whether it is the same in the whole statement, or changes only when the query
+  // may.
+  std::vector<bool> follows;
+  // Whether it does change.
+  std::vector<bool> varies;
+  // Columns of the search, -1 for the rowid, that SQLite tests by itself before it takes a row.
+  std::set<int> tested;
+  // The statement, or what views and triggers say.
+  std::vector<StatementText> texts;
+
+  // Whether a condition on a column stands where the search does.
+  bool is_written(std::string_view column) const;
+};
+
+class Programs {
+ public:
+  // Of the search that runs now with `plan` as its text; `query` is the number of the argument that
+  // is searched for. Where several searches cannot be told apart, what holds of all.
+  Origins origins(sqlite3* database, const void* table, const std::string& name,
+                  const std::string& plan, int query);
+  // Statements may mean something else from now on.
+  void forget();
+
+ private:
+  std::map<std::string, Origins> known_;
+  bool is_reading_ = false;
+};
+
+}  // namespace qx_sqlite

@@ -1,0 +1,65 @@
+// Rows on their way from the tables into a collection.
+#pragma once
+
+#include <qx_collection.h>
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "declaration.h"
+#include "storage.h"
+
+namespace qx_sqlite {
+
+struct FreeView {
+  void operator()(QxView* view) const { qx_view_free(view); }
+};
+using ViewPointer = std::unique_ptr<QxView, FreeView>;
+using CollectionPointer = std::shared_ptr<QxCollection>;
+
+// Throws what is wrong with a call of the collection.
+void check_call(std::int32_t status);
+
+// A value of a column, as a collection takes it, or as the error says.
+void check_value(const Column& column, int type, sqlite3_value* value);
+
+// Ids and values, without vectors.
+class Batch {
+ public:
+  explicit Batch(const Declaration& declaration);
+  // Of Storage::select_rows. Throws where the row is damaged.
+  void add(const Statement& row);
+
+  std::vector<std::int64_t> rowids;
+  std::vector<std::int64_t> places;
+
+  QxIds ids() const { return {std::ssize(rowids), rowids.data(), nullptr}; }
+  // Valid until the next row.
+  const std::vector<QxValues>& values();
+
+ private:
+  struct Values {
+    ColumnKind kind;
+    std::string name;
+    int at;  // in the row
+    std::vector<std::int64_t> integers;
+    std::vector<double> reals;
+    std::vector<std::uint8_t> nulls;
+    std::deque<std::string> texts;
+    std::vector<QxText> text_pointers;
+  };
+  std::vector<Values> columns_;
+  std::vector<QxValues> pointers_;
+};
+
+// A collection with all rows of a table. Throws where they are damaged, or need more memory than
+// the table may have.
+CollectionPointer load_rows(Storage& storage, const Declaration& declaration);
+
+// Brings rows of a collection, or of a view of it, to what the table has now.
+void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection* collection,
+                  QxView* view, const std::vector<std::int64_t>& rowids);
+
+}  // namespace qx_sqlite
