@@ -27,7 +27,7 @@ struct Column {
   std::string sql_type() const;
 };
 
-enum class Metric { kInnerProduct, kCosine, kEuclidean };
+enum class Metric { kInnerProduct, kCosine, kEuclidean };  // as the collection numbers them
 
 // The columns of a table, in the order of its declaration.
 struct Declaration {

@@ -34,9 +34,7 @@ struct Table : sqlite3_vtab {
 
   // Whatever is read includes what this connection has written.
   void flush() {
-    require(!storage.is_old(), "the table ", storage.table(),
-            " is of an older layout: INSERT INTO ", storage.table(), "(", storage.table(),
-            ") VALUES ('migrate')");
+    storage.check();
     storage.flush();
   }
 
@@ -118,7 +116,6 @@ int open_table(sqlite3* database, void*, int count, const char* const* arguments
     // It reads and writes its own tables alone, whoever has written the schema.
     sqlite3_vtab_config(database, SQLITE_VTAB_INNOCUOUS);
     if (create) table->storage.create();
-    table->storage.check();
     *out = table.release();
   });
 }
@@ -323,13 +320,17 @@ void update(Table& table, int count, sqlite3_value** arguments, sqlite3_int64* r
   const bool had_row = sqlite3_value_type(arguments[0]) != SQLITE_NULL;
   const std::int64_t old_rowid = sqlite3_value_int64(arguments[0]);
   table.reader.note_writing();
-  if (count == 1) return table.storage.remove(old_rowid);
+  if (count == 1) {
+    table.storage.check();
+    return table.storage.remove(old_rowid);
+  }
   sqlite3_value** const row = arguments + 2;
   sqlite3_value* const command = row[table.declaration.command_column()];
   if (!had_row && sqlite3_value_type(command) != SQLITE_NULL) {
     *rowid = sqlite3_last_insert_rowid(table.database);
     return run_command(table, std::string(text_of(command)));
   }
+  table.storage.check();
   const Floats vector = checked(table.declaration, row, had_row);
   const std::optional<std::int64_t> new_rowid = checked_rowid(arguments[1]);
   const Conflict conflict = sqlite3_vtab_on_conflict(table.database) == SQLITE_REPLACE

@@ -187,6 +187,7 @@ CollectionPointer load_rows(Storage& storage, const Declaration& declaration) {
   options.dim = static_cast<std::int32_t>(declaration.dim);
   options.columns = columns.data();
   options.n_columns = static_cast<std::int32_t>(columns.size());
+  options.metric = static_cast<std::int32_t>(declaration.metric);
   options.memory_limit = std::max<std::int64_t>(storage.number("memory").value_or(0), 0);
   Filler filler(storage, declaration.dim, batch);
   QxCollection* made = nullptr;

@@ -145,16 +145,17 @@ void Storage::create() {
 }
 
 void Storage::check() {
+  if (is_checked_) return;
   const std::optional<std::int64_t> version = number("version");
-  require_intact(version == kVersion || version == kOldVersion, "the table ", table_,
+  require(version != kOldVersion, "the table ", table_, " is of an older layout: INSERT INTO ",
+          table_, "(", table_, ") VALUES ('migrate')");
+  require_intact(version == kVersion, "the table ", table_,
                  " is of no version of its format up to ", kVersion);
-  if (version == kVersion) stamp();
+  is_checked_ = true;
 }
 
-bool Storage::is_old() { return number("version") == kOldVersion; }
-
 void Storage::migrate() {
-  require(is_old(), "the table ", table_, " is of the present layout");
+  require(number("version") == kOldVersion, "the table ", table_, " is of the present layout");
   const KeptRowid kept(database_);
   create_tables();
   places_ = 0;
@@ -169,7 +170,8 @@ void Storage::migrate() {
         insert(row.integer(0), values.data(), Conflict::kFail, vector);
         if (std::ssize(writes_) >= chunk_rows_) flush();
       });
-  for (const char* const old : {"rows", "log"}) execute(database_, "DROP TABLE " + name(old));
+  // SQLite drops no table within a statement.
+  for (const char* const old : {"rows", "log"}) execute(database_, "DELETE FROM " + name(old));
   execute(database_, "DELETE FROM " + name("state"));
   set("version", kVersion);
   note_all();

@@ -58,10 +58,10 @@ class Storage {
   Storage(sqlite3* database, std::string schema, std::string table, const Declaration& declaration);
 
   void create();
-  // Throws where a table is missing or of a version that is unknown.
+  // Must be called before anything is read or written. Throws where the layout is unknown, or of
+  // the version before, whose rows are in NAME_rows with their vectors. Not when SQLite connects to
+  // the table: a transaction that has read cannot write after another has.
   void check();
-  // Whether the table is of the version before, whose rows are in NAME_rows with their vectors.
-  bool is_old();
   void migrate();
   void drop();
   void rename(const std::string& table);
@@ -131,6 +131,7 @@ class Storage {
   Floats floats_;
   std::vector<std::int64_t> written_;
   bool all_written_ = false;
+  bool is_checked_ = false;
   // How many places there are, and whether some are free; not known at first.
   std::optional<std::int64_t> places_;
   std::optional<bool> has_free_;

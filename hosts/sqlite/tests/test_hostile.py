@@ -1,4 +1,5 @@
 """SQL that does not fit is an SQL error that says why, and changes nothing."""
+import os
 import sqlite3
 import struct
 
@@ -128,3 +129,23 @@ def test_damaged_tables_are_an_error(tmp_path, damage):
     with pytest.raises(sqlite3.DatabaseError, match=DAMAGES[damage]):
         connect(path).execute(
             "SELECT rowid FROM t WHERE embedding MATCH '[1,2]' AND k = 1").fetchall()
+
+
+def test_shadow_tables_that_are_views_of_the_table_do_not_recur(tmp_path):
+    path = tmp_path / "crafted.db"
+    for name in ("values", "vectors", "commits", "free", "state"):
+        first = connect(path)
+        first.execute(TABLE)
+        first.execute("INSERT INTO t(rowid, embedding, label) VALUES (1, '[1,2]', 1)")
+        columns = [row[1] for row in first.execute(f"PRAGMA table_info(t_{name})")]
+        first.execute(f"DROP TABLE t_{name}")
+        listed = ", ".join(f'1 AS "{column}"' for column in columns)
+        first.execute(f"CREATE VIEW t_{name} AS SELECT {listed} FROM t WHERE {BEST}")
+        first.close()
+        for statement in (f"SELECT rowid FROM t WHERE {BEST}", "DELETE FROM t", "SELECT * FROM t",
+                          "INSERT INTO t(embedding) VALUES ('[1,1]')"):
+            try:
+                connect(path).execute(statement).fetchall()
+            except sqlite3.DatabaseError as error:
+                assert str(error)
+        os.remove(path)

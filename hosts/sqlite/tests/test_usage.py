@@ -132,7 +132,8 @@ def test_a_backup_and_a_vacuum_keep_the_rows(tmp_path, filled):
 
 
 def shell(path, script):
-    return subprocess.run(["sqlite3", path], input=script, text=True, capture_output=True)
+    own = {name: value for name, value in os.environ.items() if name != "LD_LIBRARY_PATH"}
+    return subprocess.run(["sqlite3", path], input=script, text=True, capture_output=True, env=own)
 
 
 def test_the_shell_loads_and_dumps_it(tmp_path):
@@ -198,3 +199,175 @@ def test_every_database_of_a_connection(database):
         make(database, [(1, "[1]"), (2, "[3]")], f"{schema}.t", 1)
         assert rowids(database, NEAREST.replace(" t ", f" {schema}.t "), ["[1]", 1]) == [2]
         database.execute(f"DROP TABLE {schema}.t")
+
+
+# ---- Metrics, types, thresholds ----
+
+@pytest.mark.parametrize("metric, expected", [
+    ("ip", [(3, 15.0, -15.0), (2, 4.0, -4.0), (1, 3.0, -3.0)]),
+    ("cosine", [(1, 1.0, 0.0), (3, 1.0, 0.0), (2, 0.800000011920929, 0.19999998807907104)]),
+    ("l2", [(1, -2.0, 2.0), (2, -(10**0.5), 10**0.5), (3, -10.0, 10.0)]),
+])
+def test_a_metric_has_its_distance(database, metric, expected):
+    database.execute(f"CREATE VIRTUAL TABLE t USING qx(embedding float[2], metric={metric})")
+    database.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
+                         [(1, "[3, 0]"), (2, "[4, 3]"), (3, "[15, 0]")])
+    query = "[1, 0]" if metric != "l2" else "[5, 0]"
+    for order in ("", "ORDER BY distance", "ORDER BY score DESC"):
+        assert database.execute("SELECT rowid, score, distance FROM t WHERE embedding MATCH ? AND k = 3 "
+                                + order, [query]).fetchall() == expected
+    farthest = expected[1][2]
+    assert nearest(database, query, 3, f"AND distance <= {farthest!r}") == [e[0] for e in expected[:2]]
+
+
+TYPED = [(1, 7, 1.5, 1, "de"), (2, None, None, None, None), (3, -2**63, -1e300, 0, "it's"),
+         (4, 2**63 - 1, 2.0, 1, ""), (5, 0, 1.5, 0, "é")]
+
+
+@pytest.mark.parametrize("where, values", [
+    ("i = 7", []), ("i >= -9223372036854775808", []), ("i = 9223372036854775807", []), ("i = 7.0", []),
+    ("i < 6.5", []), ("i IS NULL", []), ("i IS NOT NULL", []), ("i IS NOT 7", []), ("i IS ?", [None]),
+    ("i = ?", [None]), ("i <> ?", [7]), ("i BETWEEN 0 AND 7", []), ("i IN (0, 7, NULL)", []),
+    ("r = 1.5", []), ("r > 1", []), ("r < -1e299", []), ("r <> 1.5", []), ("r IN (2, 1.5)", []),
+    ("b = 1", []), ("b = TRUE", []), ("b IS NOT 1", []), ("s = 'de'", []), ("s = 'it''s'", []),
+    ("s < 'e'", []), ("s >= ?", ["é"]), ("s = ''", []), ("s IN ('de', 'é')", []), ("s IS NULL", []),
+    ("rowid > 2 AND rowid <> 4", []), ("rowid < 2.5", []), ("rowid IN (?, ?)", [1, 5]),
+    ("rowid = 2.5", []), ("rowid >= 4 AND s = ''", []), ("_rowid_ = 3", []), ("rowid > -1e300", []),
+    ("rowid > 1e300", []), ("rowid < 9e18 AND rowid > -9223372036854775808", []), ("rowid IS NULL", []),
+])
+def test_filters_have_the_types_of_columns(database, where, values):
+    database.execute("CREATE VIRTUAL TABLE t USING qx(e float[1], i integer, r real, b boolean, s text)")
+    database.execute("CREATE TABLE plain(i integer, r real, b boolean, s text)")
+    for row in TYPED:
+        database.execute("INSERT INTO t(rowid, e, i, r, b, s) VALUES (?, '[1]', ?, ?, ?, ?)", row)
+        database.execute("INSERT INTO plain(rowid, i, r, b, s) VALUES (?, ?, ?, ?, ?)", row)
+    expected = rowids(database, f"SELECT rowid FROM plain WHERE {where}", values)
+    assert rowids(database, f"SELECT rowid FROM t WHERE e MATCH '[1]' AND k = 9 AND {where}",
+                  values) == expected
+    if expected:
+        assert rowids(database, f"SELECT rowid FROM t WHERE e MATCH '[1]' AND k = 1 AND {where}",
+                      values) == expected[:1]
+
+
+def test_a_threshold_does_without_k(filled):
+    best = "SELECT rowid FROM t WHERE embedding MATCH '[1, 0]' AND "
+    assert rowids(filled, best + "score > 17") == [20, 19, 18]
+    assert rowids(filled, best + "score >= 17 AND label = 1") == [19, 17]
+    assert rowids(filled, best + "distance < -17 AND k = 2") == [20, 19]
+    assert rowids(filled, best + "score BETWEEN 17 AND 19 LIMIT 2") == [19, 18]
+    make(filled, ((i, f"[{i}, 0]") for i in range(3000)), "many")
+    assert len(rowids(filled, "SELECT rowid FROM many WHERE embedding MATCH '[1, 0]' AND score > 99"
+                      )) == 2900
+
+
+def test_vectors_of_16_bit_floats_and_of_bytes(database):
+    database.execute("CREATE VIRTUAL TABLE t USING qx(e float[3])")
+    halves = bytes.fromhex("003c 00c0 0100".replace(" ", ""))
+    database.execute("INSERT INTO t(e) VALUES (qx_f16(?)), (qx_int8(?))", [halves, b"\x01\xff\x80"])
+    assert rowids(database, "SELECT qx_json(e) FROM t") == ["[1,-2,5.9604645e-08]", "[1,-1,-128]"]
+    with pytest.raises(sqlite3.OperationalError, match="not a finite number"):
+        database.execute("SELECT qx_f16(?)", [b"\x00\x7c"]).fetchall()
+
+
+def test_small_numbers_and_whole_reals_are_taken(database):
+    database.execute("CREATE VIRTUAL TABLE t USING qx(e float[2], label integer)")
+    database.execute("INSERT INTO t(rowid, e, label) VALUES (1, '[1e-46, -1e-400]', 2.0)")
+    assert database.execute("SELECT qx_json(e), label, typeof(label) FROM t").fetchall() == [
+        ("[0,-0]", 2, "integer")]
+    assert rowids(database, "SELECT rowid FROM t WHERE e MATCH '[1, 0]' AND k = 2.0 AND label = 2.0") == [1]
+
+
+# ---- Rows ----
+
+def test_last_insert_rowid_is_that_of_the_host(filled):
+    filled.execute("CREATE TABLE plain(x)")
+    filled.execute("INSERT INTO plain(rowid, x) VALUES (1234, 1)")
+    for statement in ("DELETE FROM t WHERE rowid = 3", "UPDATE t SET label = 5 WHERE rowid = 4",
+                      "UPDATE t SET embedding = '[5, 5]' WHERE rowid = 4",
+                      "INSERT INTO t(t) VALUES ('optimize')", f"DELETE FROM t WHERE rowid > 15"):
+        filled.execute(statement)
+        assert filled.execute("SELECT last_insert_rowid()").fetchone() == (1234,), statement
+    filled.execute("INSERT INTO t(rowid, embedding) VALUES (-70, '[1, 1]')")
+    assert filled.execute("SELECT last_insert_rowid()").fetchone() == (-70,)
+
+
+def test_rows_of_a_search_are_updated_and_deleted(filled):
+    best = "embedding MATCH '[1, 0]' AND k = 2"
+    filled.execute(f"UPDATE t SET label = 9 WHERE {best}")
+    assert filled.execute("SELECT rowid, qx_json(embedding), word FROM t WHERE label = 9").fetchall() == [
+        (19, "[19,1]", "word 19"), (20, "[20,2]", "word 20")]
+    filled.execute(f"UPDATE t SET embedding = '[-1, 0]' WHERE {best}")
+    assert nearest(filled, k=2) == [18, 17]
+    filled.execute(f"DELETE FROM t WHERE {best}")
+    assert nearest(filled, k=2) == [16, 15]
+    filled.execute("CREATE TABLE news(id INTEGER PRIMARY KEY, label)")
+    filled.execute("INSERT INTO news VALUES (16, 77)")
+    filled.execute("UPDATE t SET label = news.label FROM news WHERE news.id = t.rowid")
+    assert filled.execute("SELECT rowid, qx_json(embedding) FROM t WHERE label = 77").fetchall() == [
+        (16, "[16,1]")]
+
+
+def test_ranges_of_rowids_in_their_order(filled):
+    for more, expected in (("rowid > 17", [18, 19, 20]), ("rowid BETWEEN 3 AND 4", [3, 4]),
+                           ("rowid < 3 ORDER BY rowid DESC", [2, 1]), ("rowid = 'x'", []),
+                           ("rowid >= 19.5", [20]), ("rowid > 5 ORDER BY rowid DESC LIMIT 1", [20])):
+        assert rowids(filled, f"SELECT rowid FROM t WHERE {more}") == expected
+    assert "rowid > ?" in plan(filled, "SELECT rowid FROM t WHERE rowid > 5 ORDER BY rowid")
+    assert "TEMP B-TREE" not in str(filled.execute(
+        "EXPLAIN QUERY PLAN SELECT rowid FROM t ORDER BY rowid DESC").fetchall())
+
+
+@pytest.mark.parametrize("name", ["k", "score", "rowid", "filter", "embedding", "LABEL"])
+def test_a_table_is_not_renamed_to_a_column(filled, name):
+    with pytest.raises(sqlite3.OperationalError, match="name"):
+        filled.execute(f"ALTER TABLE t RENAME TO {name}")
+    assert nearest(filled) == [20]
+
+
+def test_a_table_is_dropped_without_the_extension(tmp_path):
+    first = connect(tmp_path / "a.db")
+    fill(first)
+    first.close()
+    plain = connect(tmp_path / "a.db", extension=False)
+    with open(os.path.join(os.path.dirname(__file__), "../README.md")) as readme:
+        script = readme.read().split("PRAGMA writable_schema = ON;")[1].split("```")[0]
+    plain.executescript("PRAGMA writable_schema = ON;" + script.replace("words", "t"))
+    assert plain.execute("SELECT count(*) FROM sqlite_schema").fetchone() == (0,)
+    assert plain.execute("PRAGMA integrity_check").fetchone() == ("ok",)
+
+
+def test_views_of_a_table_under_untrusted_schemas(filled):
+    filled.execute("CREATE VIEW seen AS SELECT rowid AS id, qx_json(embedding) AS vector FROM t")
+    filled.execute("PRAGMA trusted_schema = OFF")
+    assert filled.execute("SELECT * FROM seen WHERE id = 3").fetchall() == [(3, "[3,0]")]
+    assert nearest(filled, k=2) == [20, 19]
+
+
+def test_a_table_of_the_layout_before_is_migrated(tmp_path):
+    old = connect(tmp_path / "old.db")
+    fill(old)
+    expected = old.execute("SELECT rowid, embedding, label, length, letter, word FROM t").fetchall()
+    old.execute("CREATE TABLE t_rows(rowid INTEGER PRIMARY KEY, embedding BLOB NOT NULL, label INTEGER, "
+                "length INTEGER, letter INTEGER, word text)")
+    old.executemany("INSERT INTO t_rows VALUES (?, ?, ?, ?, ?, ?)", expected)
+    old.execute("CREATE TABLE t_log(entry INTEGER PRIMARY KEY, rowid_ INTEGER NOT NULL)")
+    for name in ("values", "vectors", "free", "commits"):
+        old.execute(f"DROP TABLE t_{name}")
+    old.execute("UPDATE t_state SET value = 1 WHERE key = 'version'")
+    old.execute("INSERT INTO t_state VALUES ('generation', 12345), ('ivf_nprobe', 3)")
+    old.close()
+    database = connect(tmp_path / "old.db")
+    for statement in (f"{NEAREST.replace('?', '1')}", "INSERT INTO t(embedding) VALUES ('[1, 1]')",
+                      "DELETE FROM t WHERE rowid = 1", "INSERT INTO t(t) VALUES ('optimize')"):
+        with pytest.raises(sqlite3.OperationalError, match="migrate"):
+            database.execute(statement).fetchall()
+    command(database, "migrate")
+    assert nearest(database, k=2) == [20, 19]
+    assert database.execute("SELECT rowid, embedding, label, length, letter, word FROM t"
+                            ).fetchall() == expected
+    assert nearest(connect(tmp_path / "old.db"), k=2) == [20, 19]
+    with pytest.raises(sqlite3.OperationalError, match="present layout"):
+        command(database, "migrate")
+    assert database.execute("SELECT count(*) FROM t_rows").fetchone() == (0,)
+    database.execute("DROP TABLE t")
+    assert database.execute("SELECT count(*) FROM sqlite_schema").fetchone() == (0,)
