@@ -164,15 +164,24 @@ int32_t qx_collection_new(const QxOptions* options, QxCollection** out);
 /* Writes the vectors of rows, in the order of their ids. Non-zero cancels the work. */
 typedef int32_t (*QxFill)(void* context, float* vectors);
 
+/* Lists that qx_collection_lists gave, and which of them rows are in. */
+typedef struct QxLists {
+  int64_t count;           /* 1 to 65536 */
+  const float* centroids;  /* count * dim */
+  const uint32_t* of_rows; /* of each row the number of its list; or QX_NO_LIST: the nearest one */
+} QxLists;
+#define QX_NO_LIST UINT32_MAX
+
 /*
  * Creates a collection with rows that the host writes where they stay: without a second copy of
  * the vectors, and by all threads. `fill` is called once, on the calling thread, if there are ids.
  *
  * ids     strictly ascending.
  * values  as qx_collection_upsert has them.
+ * lists   or null: none. Without rows they are not read.
  */
 int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues* values,
-                            QxFill fill, void* context, QxCollection** out);
+                            const QxLists* lists, QxFill fill, void* context, QxCollection** out);
 
 /* Releases a collection, or null. Its views must have been released. */
 void qx_collection_free(QxCollection* collection);
@@ -317,6 +326,17 @@ void qx_collection_stats(const QxCollection* collection, QxCollectionStats* out)
  */
 int32_t qx_collection_train(QxCollection* collection, int64_t n_lists, QxProgress progress,
                             void* context);
+
+/*
+ * Copies out what qx_collection_build takes: the centroids of the lists, and of each id the number
+ * of its list, or QX_NO_LIST if it has no row.
+ *
+ * n_lists    how many there are (QxCollectionStats).
+ * centroids  n_lists * dim floats.
+ * of_rows    ids.count numbers.
+ */
+int32_t qx_collection_lists(const QxCollection* collection, QxIds ids, int64_t n_lists,
+                            float* centroids, uint32_t* of_rows);
 
 typedef struct QxTuning {
   int64_t n_queries;    /* that were measured */

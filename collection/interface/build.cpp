@@ -1,5 +1,6 @@
 // A collection whose first rows the host writes where they stay.
 #include <algorithm>
+#include <optional>
 
 #include "interface/handles.h"
 
@@ -7,54 +8,140 @@ using namespace qx::collection;
 
 namespace {
 
+constexpr std::int64_t kPageFloats = 1024;
 constexpr std::int64_t kBlockRows = 4096;  // of one task; whole groups of codes
 
-std::shared_ptr<Segment> fill_segment(const Shape& shape, QxIds ids, const QxValues* values,
-                                      QxFill fill, void* context, int threads) {
-  const std::vector<Key> keys = keys_of(shape, ids);
-  require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
-          [] { return std::string("the ids do not ascend"); });
-  check_values(values, shape.schema, ids.count);
-  require(fill != nullptr, [] { return std::string("fill is null"); });
-  SegmentBuilder builder(shape, ids.count);
-  for (const Key& key : keys) builder.add_id(key);
-  if (fill(context, builder.vector(0)) != 0) throw Error(QX_CANCELLED, "the host cancelled");
-  const auto complete = [&](std::int64_t block, int) {
-    const std::int64_t first = block * kBlockRows;
-    const std::int64_t end = std::min(first + kBlockRows, ids.count);
-    require_finite("vector", builder.vector(first), static_cast<std::size_t>(end - first),
-                   shape.dim, static_cast<std::size_t>(first));
-    for (std::int64_t row = first; row < end; ++row) {
-      float* const vector = builder.vector(row);
-      if (!is_kept(shape.metric, vector, shape.dim)) {
-        keep_vector(shape.metric, vector, shape.dim, vector);
-      }
-    }
-    builder.complete(first, end);
-  };
-  parallel_for((ids.count + kBlockRows - 1) / kBlockRows, threads, {nullptr, nullptr}, complete);
-  for (std::size_t c = 0; c < shape.schema.size(); ++c) {
-    const ColumnType type = shape.schema[c].type;
-    builder.add_column(Column::of(type, ids.count, [&](std::int64_t row) {
-      return values == nullptr ? Value{} : value_of(values[c], type, row);
-    }));
+class Building {
+ public:
+  Building(const Shape& shape, QxIds ids, int threads)
+      : shape_(shape), rows_(ids.count), threads_(threads), builder_(shape, rows_) {
+    const std::vector<Key> keys = keys_of(shape, ids);
+    require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
+            [] { return std::string("the ids do not ascend"); });
+    for (const Key& key : keys) builder_.add_id(key);
   }
-  return builder.finish();
+
+  void fill(QxFill write, void* context) {
+    // New memory is given by the page, and slowly: to all threads at once.
+    each_block([&](std::int64_t first, std::int64_t end) {
+      float* const last = builder_.vector(end);
+      for (float* at = builder_.vector(first); at < last; at += kPageFloats) *at = 0;
+    });
+    if (write(context, builder_.vector(0)) != 0) throw Error(QX_CANCELLED, "the host cancelled");
+    each_block([&](std::int64_t first, std::int64_t end) {
+      require_finite("vector", builder_.vector(first), static_cast<std::size_t>(end - first),
+                     shape_.dim, static_cast<std::size_t>(first));
+      for (std::int64_t row = first; row < end; ++row) {
+        float* const vector = builder_.vector(row);
+        if (!is_kept(shape_.metric, vector, shape_.dim)) {
+          keep_vector(shape_.metric, vector, shape_.dim, vector);
+        }
+      }
+      builder_.complete(first, end);
+    });
+  }
+
+  void add_columns(const QxValues* values) {
+    for (std::size_t c = 0; c < shape_.schema.size(); ++c) {
+      const ColumnType type = shape_.schema[c].type;
+      builder_.add_column(Column::of(type, rows_, [&](std::int64_t row) {
+        return values == nullptr ? Value{} : value_of(values[c], type, row);
+      }));
+    }
+  }
+
+  std::shared_ptr<Members> members(const Lists& lists, const std::uint32_t* of_rows) {
+    std::vector<ListNumber> numbers(static_cast<std::size_t>(rows_));
+    each_block([&](std::int64_t first, std::int64_t end) {
+      std::vector<float> space;
+      for (std::int64_t row = first; row < end; ++row) {
+        const std::uint32_t list = of_rows[row];
+        require(list < lists.count() || list == QX_NO_LIST, [&] {
+          return "row " + std::to_string(row) + " is in list " + std::to_string(list) + " of " +
+                 std::to_string(lists.count());
+        });
+        numbers[static_cast<std::size_t>(row)] =
+            list == QX_NO_LIST ? lists.list_of(builder_.vector(row), space) : list;
+      }
+    });
+    return std::make_shared<Members>(numbers, lists.count(), shape_.budget);
+  }
+
+  std::shared_ptr<Segment> finish() { return builder_.finish(); }
+
+ private:
+  template <typename Work>
+  void each_block(Work work) const {
+    parallel_for((rows_ + kBlockRows - 1) / kBlockRows, threads_, {nullptr, nullptr},
+                 [&](std::int64_t block, int) {
+                   work(block * kBlockRows, std::min((block + 1) * kBlockRows, rows_));
+                 });
+  }
+
+  const Shape& shape_;
+  const std::int64_t rows_;
+  const int threads_;
+  SegmentBuilder builder_;
+};
+
+std::shared_ptr<const Lists> lists_of(const Shape& shape, const QxLists& given_lists) {
+  require(given_lists.count >= 1 && given_lists.count <= 65536, [&] {
+    return "the number of lists is " + std::to_string(given_lists.count) + ", outside 1 to 65536";
+  });
+  given(given_lists.of_rows, "of_rows");
+  require_finite("centroid", &given(given_lists.centroids, "centroids"),
+                 static_cast<std::size_t>(given_lists.count), shape.dim);
+  return std::make_shared<const Lists>(given_lists.centroids, given_lists.count, shape.dim,
+                                       nearness_of(shape), shape.budget);
 }
 
 }  // namespace
 
 int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues* values,
-                            QxFill fill, void* context, QxCollection** out) {
+                            const QxLists* lists, QxFill fill, void* context, QxCollection** out) {
   return status_of([&] {
     QxCollection*& slot = given(out, "out");
     auto made = new_collection(given(options, "options"));
     Collection& rows = made->collection;
+    const Shape& shape = rows.shape();
     if (ids.count != 0) {
-      rows.adopt(
-          {fill_segment(rows.shape(), ids, values, fill, context, rows.shape().threads), nullptr},
-          nullptr);
+      require(fill != nullptr, [] { return std::string("fill is null"); });
+      check_values(values, shape.schema, ids.count);
+      Building building(shape, ids, shape.threads);
+      building.fill(fill, context);
+      building.add_columns(values);
+      Sealed sealed;
+      std::shared_ptr<const Lists> divided;
+      if (lists != nullptr) {
+        divided = lists_of(shape, *lists);
+        sealed.members = building.members(*divided, lists->of_rows);
+      }
+      sealed.segment = building.finish();
+      rows.adopt(std::move(sealed), std::move(divided));
     }
     slot = made.release();
+  });
+}
+
+int32_t qx_collection_lists(const QxCollection* collection, QxIds ids, int64_t n_lists,
+                            float* centroids, uint32_t* of_rows) {
+  return status_of([&] {
+    const Reading reading(collection, nullptr);
+    const State& state = reading.state();
+    const std::int64_t count = state.lists == nullptr ? 0 : state.lists->count();
+    require(n_lists == count && count > 0, [&] {
+      return "n_lists is " + std::to_string(n_lists) + ", and there are " + std::to_string(count);
+    });
+    const std::vector<Key> keys = keys_of(reading.shape(), ids);
+    std::vector<std::vector<ListNumber>> lists;
+    for (const PartView& view : state.parts) lists.push_back(view.lists());
+    for (std::int64_t list = 0; list < count; ++list) {
+      std::copy_n(state.lists->centroid(list), reading.shape().dim,
+                  centroids + list * reading.shape().dim);
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      const Location at = state.find(keys[i]);
+      of_rows[i] = at.exists() ? lists[at.part()][static_cast<std::size_t>(at.row())] : QX_NO_LIST;
+    }
   });
 }

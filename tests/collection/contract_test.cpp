@@ -57,7 +57,7 @@ struct Call {
 
   std::int32_t create() { return qx_collection_new(&options, &made); }
   std::int32_t build(QxFill fill, QxCollection** out) {
-    return qx_collection_build(&options, ids, nullptr, fill, vectors, out);
+    return qx_collection_build(&options, ids, nullptr, nullptr, fill, vectors, out);
   }
   std::int32_t upsert() { return qx_collection_upsert(collection.get(), ids, vectors, values); }
   std::int32_t remove() { return qx_collection_remove(collection.get(), ids, &removed); }
@@ -131,7 +131,7 @@ const Refusal kRefusals[] = {
 
     REFUSED("out is null", , c.build(fill_strange, nullptr)),
     REFUSED("options is null", ,
-            qx_collection_build(nullptr, c.ids, nullptr, fill_strange, nullptr, &c.made)),
+            qx_collection_build(nullptr, c.ids, nullptr, nullptr, fill_strange, nullptr, &c.made)),
     REFUSED("dim is 0, outside 1 to 65536", c.options.dim = 0, c.build(fill_strange, &c.made)),
     REFUSED("fill is null", , c.build(nullptr, &c.made)),
     REFUSED("the ids do not ascend", c.numbers[0] = 7, c.build(fill_strange, &c.made)),
@@ -303,7 +303,7 @@ TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
     return std::int32_t{0};
   };
   QxCollection* made = nullptr;
-  ASSERT_EQ(qx_collection_build(&options, list, columns, fill, &vectors, &made), QX_OK);
+  ASSERT_EQ(qx_collection_build(&options, list, columns, nullptr, fill, &vectors, &made), QX_OK);
   const Owned<QxCollection> built(made), changed(schema.create());
   ASSERT_EQ(qx_collection_upsert(changed.get(), list, vectors.data(), columns), QX_OK);
   for (const char* const filter : {"n >= 0", "n = 3"}) {
@@ -318,13 +318,67 @@ TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
     EXPECT_TRUE(std::equal(found->scores, found->scores + 18, expected->scores));
   }
   options.memory_limit = 4096;
-  EXPECT_EQ(qx_collection_build(&options, list, columns, fill, &vectors, &made), QX_OUT_OF_MEMORY);
+  EXPECT_EQ(qx_collection_build(&options, list, columns, nullptr, fill, &vectors, &made),
+            QX_OUT_OF_MEMORY);
   options.memory_limit = 0;
   const QxFill cancel = [](void*, float*) { return std::int32_t{1}; };
-  EXPECT_EQ(qx_collection_build(&options, list, columns, cancel, &vectors, &made), QX_CANCELLED);
+  EXPECT_EQ(qx_collection_build(&options, list, columns, nullptr, cancel, &vectors, &made),
+            QX_CANCELLED);
   EXPECT_EQ(made, built.get());
-  ASSERT_EQ(qx_collection_build(&options, {}, nullptr, nullptr, nullptr, &made), QX_OK);
+  ASSERT_EQ(qx_collection_build(&options, {}, nullptr, nullptr, nullptr, nullptr, &made), QX_OK);
   EXPECT_EQ(qx_collection_count(Owned<QxCollection>(made).get(), nullptr), 0);
+}
+
+// Lists that are taken out and put in give the same hits; rows that are in none find theirs.
+TEST(Collection, IsBuiltWithLists) {
+  constexpr std::int64_t kBuilt = 5000, kCount = 40;
+  std::vector<std::int64_t> ids;
+  Floats vectors;
+  for (std::int64_t i = 0; i < kBuilt; ++i) {
+    ids.push_back(i);
+    vectors.insert(vectors.end(), {static_cast<float>(i % 13) - 6, static_cast<float>(i % 11) - 5});
+  }
+  const QxIds list = {kBuilt, ids.data(), nullptr};
+  QxOptions options = {};
+  options.dim = 2;
+  const QxFill fill = [](void* context, float* to) {
+    const auto& given = *static_cast<const Floats*>(context);
+    std::copy(given.begin(), given.end(), to);
+    return std::int32_t{0};
+  };
+  QxCollection* made = nullptr;
+  ASSERT_EQ(qx_collection_build(&options, list, nullptr, nullptr, fill, &vectors, &made), QX_OK);
+  const Owned<QxCollection> trained(made);
+  Floats centroids(2 * kCount);
+  std::vector<std::uint32_t> of_rows(kBuilt);
+  const auto take = [&](std::int64_t n) {
+    return qx_collection_lists(trained.get(), list, n, centroids.data(), of_rows.data());
+  };
+  EXPECT_EQ(take(0), QX_INVALID);
+  ASSERT_EQ(qx_collection_train(trained.get(), kCount, nullptr, nullptr), QX_OK);
+  EXPECT_EQ(take(kCount - 1), QX_INVALID);
+  EXPECT_STREQ(qx_collection_message(), "n_lists is 39, and there are 40");
+  ASSERT_EQ(take(kCount), QX_OK);
+  const std::vector<std::uint32_t> unknown(kBuilt, QX_NO_LIST);
+  for (const std::vector<std::uint32_t>& known : {of_rows, unknown}) {
+    const QxLists lists = {kCount, centroids.data(), known.data()};
+    ASSERT_EQ(qx_collection_build(&options, list, nullptr, &lists, fill, &vectors, &made), QX_OK);
+    const Owned<QxCollection> built(made);
+    std::vector<std::uint32_t> again(kBuilt);
+    Floats same(2 * kCount);
+    ASSERT_EQ(qx_collection_lists(built.get(), list, kCount, same.data(), again.data()), QX_OK);
+    EXPECT_EQ(again, of_rows);
+    EXPECT_EQ(same, centroids);
+  }
+  for (const std::uint32_t strange : {std::uint32_t{kCount}, QX_NO_LIST - 1}) {
+    of_rows[77] = strange;
+    const QxLists lists = {kCount, centroids.data(), of_rows.data()};
+    EXPECT_EQ(qx_collection_build(&options, list, nullptr, &lists, fill, &vectors, &made),
+              QX_INVALID);
+  }
+  const QxLists none = {0, centroids.data(), of_rows.data()};
+  EXPECT_EQ(qx_collection_build(&options, list, nullptr, &none, fill, &vectors, &made), QX_INVALID);
+  EXPECT_STREQ(qx_collection_message(), "the number of lists is 0, outside 1 to 65536");
 }
 
 // What a callback throws, or a count that no memory has room for, leaves the library as a status.

@@ -290,13 +290,17 @@ const Read kReads[] = {
      [](World&) {
        const QxText ids[] = {{"a", 1}, {"an id whose text is long, of more bytes than most", 49}};
        const QxColumn column = {"c", QX_TEXT};
-       const QxOptions options = {4, QX_TEXTS, &column, 1, 1, 0, 0};
+       const QxOptions options = {4, QX_TEXTS, &column, 1, 1, 0, 0, QX_COSINE};
+       const float centroid[4] = {1, 1, 1, 1};
+       const std::uint32_t of_rows[] = {0, QX_NO_LIST};
+       const QxLists lists = {1, centroid, of_rows};
        const QxFill fill = [](void*, float* vectors) {
          std::fill_n(vectors, 8, 1.0f);
          return std::int32_t{0};
        };
        return released<QxCollection>([&](QxCollection** out) {
-         return qx_collection_build(&options, {2, nullptr, ids}, nullptr, fill, nullptr, out);
+         return qx_collection_build(&options, {2, nullptr, ids}, nullptr, &lists, fill, nullptr,
+                                    out);
        });
      }},
     {"compact",
