@@ -2,7 +2,8 @@
 
 Those are the one that QX_RUNTIME_LIBRARY names, and the one that QX_COLLECTION_LIBRARY names or that
 lies beside it; or else none, if libqx_runtime is installed on this system; or else those that CMake
-builds from the source tree around this folder. No compiler is needed in the first two cases. A system
+builds from the source tree around this folder. The extension of SQLite that QX_SQLITE_EXTENSION names is
+carried too. No compiler is needed in the first two cases. A system
 without xxHash builds no libqx_collection: then the package has no Collection.
 """
 
@@ -53,7 +54,8 @@ def carried_libraries(scratch):
         collection = collection or pathlib.Path(scratch, "collection/libqx_collection.so")
     elif runtime is not None and collection is None:
         collection = runtime.with_name(runtime.name.replace("qx_runtime", "qx_collection"))
-    paths = {"libqx_runtime.so.1": runtime, "libqx_collection.so.1": collection}
+    paths = {"libqx_runtime.so.1": runtime, "libqx_collection.so.1": collection,
+             "qx.so": named_library("QX_SQLITE_EXTENSION")}
     return {name: path for name, path in paths.items() if path is not None and path.is_file()}
 
 

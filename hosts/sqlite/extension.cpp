@@ -137,7 +137,7 @@ int is_shadow_name(const char* suffix) {
 
 int best_index(Table& table, sqlite3_index_info* info) {
   table.programs.forget();
-  return choose_plan(table.declaration, false, info);
+  return choose_plan(table.declaration, info);
 }
 
 int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
@@ -195,6 +195,10 @@ void Cursor::find(const Search& search) {
   if (search.among) how.among = &among;
   if (search.has_range()) how.accept = is_in_range;
   how.accept_context = const_cast<Search*>(&search);
+  QxCollectionStats stats;
+  qx_collection_stats(rows.collection.get(), &stats);
+  how.probes = static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(table()->storage.number("probes").value_or(0), 0, stats.lists));
   const bool has_threshold = search.farthest < std::numeric_limits<double>::infinity();
   // As many as may be within the threshold.
   for (std::int64_t k = has_threshold ? std::min(search.k, kFew) : search.k;; k *= 16) {
@@ -267,27 +271,42 @@ void Cursor::read_hidden(sqlite3_context* context, int column) const {
 
 // ---- Commands: INSERT INTO words(words) VALUES ('rebuild') ----
 
-void run_command(Table& table, const std::string& text) {
+// Of a command as in 'probes=8': the number after a name.
+template <typename Number>
+std::optional<Number> argument_of(std::string_view text, std::string_view name) {
+  if (!text.starts_with(name) || !text.substr(name.size()).starts_with('=')) return std::nullopt;
+  const std::string_view value = text.substr(name.size() + 1);
+  const char* const end = value.data() + value.size();
+  Number number = 0;
+  const auto [rest, error] = std::from_chars(value.data(), end, number);
+  return error == std::errc() && rest == end && number >= 0 ? std::optional(number) : std::nullopt;
+}
+
+void run_command(Table& table, std::string_view text) {
   Storage& storage = table.storage;
-  const std::string name = text.substr(0, text.find('='));
-  const std::string value = text.substr(std::min(name.size() + 1, text.size()));
-  std::int64_t number = 0;
-  const auto [rest, error] = std::from_chars(value.data(), value.data() + value.size(), number);
-  const bool counts = error == std::errc() && rest == value.data() + value.size() && number >= 0;
   if (text == "migrate") return storage.migrate();
   table.flush();
-  if (text == "rebuild") {
-    storage.note_all();
-  } else if (text == "optimize") {
+  const auto number = [&](const char* name) { return argument_of<std::int64_t>(text, name); };
+  if (text == "optimize") {
     storage.optimize();
-  } else if (name == "memory" && counts) {
-    storage.set("memory", number);
-    storage.note_all();
-  } else {
-    require(false,
-            "the command is unknown or incomplete: there is 'rebuild', 'optimize', "
-            "'memory=BYTES' and 'migrate'");
+    return make_lists(storage, table.declaration, std::nullopt);
   }
+  if (const auto probes = number("probes")) return storage.set("probes", probes);
+  if (const auto recall = argument_of<double>(text, "recall")) {
+    return storage.set("probes", tuned_probes(storage, table.declaration, *recall));
+  }
+  if (const auto memory = number("memory")) {
+    storage.set("memory", memory);
+  } else if (const auto lists = number("lists")) {
+    make_lists(storage, table.declaration, lists);
+    if (!storage.number("probes")) storage.set("probes", 8);
+  } else {
+    require(
+        text == "rebuild",
+        "the command is unknown or incomplete: there is 'optimize', 'memory=BYTES', 'lists=256', "
+        "'probes=8', 'recall=0.95', 'rebuild' and 'migrate'");
+  }
+  storage.note_all();
 }
 
 // ---- Writing ----
@@ -328,7 +347,7 @@ void update(Table& table, int count, sqlite3_value** arguments, sqlite3_int64* r
   sqlite3_value* const command = row[table.declaration.command_column()];
   if (!had_row && sqlite3_value_type(command) != SQLITE_NULL) {
     *rowid = sqlite3_last_insert_rowid(table.database);
-    return run_command(table, std::string(text_of(command)));
+    return run_command(table, text_of(command));
   }
   table.storage.check();
   const Floats vector = checked(table.declaration, row, had_row);

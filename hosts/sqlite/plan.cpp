@@ -63,7 +63,7 @@ class Planner {
     return -1;
   }
 
-  int plan_search(int match, bool probes) {
+  int plan_search(int match) {
     const bool ordered = order_is_ours();
     if (!use(match, true)) return SQLITE_CONSTRAINT;
     bool limited = false;
@@ -89,7 +89,7 @@ class Planner {
       }
     }
     info_->orderByConsumed = ordered;
-    finish(limited, probes);
+    finish(limited);
     return SQLITE_OK;
   }
 
@@ -157,9 +157,9 @@ class Planner {
   }
 
   // The text: for who reads it, then the column, the operator and the flags of each argument.
-  void finish(bool limited, bool probes) {
+  void finish(bool limited) {
     info_->idxNum = kSearch;
-    set_text(joined(probes ? "lists " : "", names_.empty() ? "exact" : names_, " |", arguments_));
+    set_text(joined(names_.empty() ? "exact" : names_, " |", arguments_));
     // SQLite may ask again without a limit: that plan is chosen only if there is no other, and
     // fails when it runs.
     info_->estimatedCost = limited ? 1000 : 1e12;
@@ -481,10 +481,10 @@ class SearchReader {
 
 }  // namespace
 
-int choose_plan(const Declaration& declaration, bool probes, sqlite3_index_info* info) {
+int choose_plan(const Declaration& declaration, sqlite3_index_info* info) {
   Planner planner(declaration, info);
   const int match = planner.find_match();
-  if (match >= 0) return planner.plan_search(match, probes);
+  if (match >= 0) return planner.plan_search(match);
   planner.plan_scan();
   return SQLITE_OK;
 }

@@ -38,7 +38,7 @@ struct Search {
 
 // Fills the plan of a query. Returns SQLITE_OK, or SQLITE_CONSTRAINT where another order of joins
 // must be tried.
-int choose_plan(const Declaration& declaration, bool probes, sqlite3_index_info* info);
+int choose_plan(const Declaration& declaration, sqlite3_index_info* info);
 
 // Reads the arguments of a search's run, in the order that the plan's text says. `origins(query)`
 // says where they come from. Throws where a condition cannot be met before the best are taken.

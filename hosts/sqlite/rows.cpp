@@ -136,6 +136,8 @@ void Batch::add(const Statement& row) {
                  " is damaged: it has no place");
   rowids.push_back(rowid);
   places.push_back(row.integer(1));
+  const std::int64_t list = row.type(2) == SQLITE_NULL ? -1 : row.integer(2);
+  lists.push_back(list < 0 || list >= QX_NO_LIST ? QX_NO_LIST : static_cast<std::uint32_t>(list));
   for (Values& column : columns_) {
     const int type = row.type(column.at);
     column.nulls.push_back(type == SQLITE_NULL);
@@ -178,10 +180,14 @@ const std::vector<QxValues>& Batch::values() {
 
 // ---- Loading ----
 
-CollectionPointer load_rows(Storage& storage, const Declaration& declaration) {
-  Batch batch(declaration);
+namespace {
+
+CollectionPointer load_batch(Storage& storage, const Declaration& declaration, Batch& batch) {
   Statement(storage.database(), storage.select_rows("ORDER BY rowid", true))
       .each([&](const Statement& row) { batch.add(row); });
+  const Floats centroids = storage.centroids();
+  const QxLists lists = {std::ssize(centroids) / declaration.dim, centroids.data(),
+                         batch.lists.data()};
   const std::vector<QxColumn> columns = columns_of(declaration);
   QxOptions options = {};
   options.dim = static_cast<std::int32_t>(declaration.dim);
@@ -191,11 +197,67 @@ CollectionPointer load_rows(Storage& storage, const Declaration& declaration) {
   options.memory_limit = std::max<std::int64_t>(storage.number("memory").value_or(0), 0);
   Filler filler(storage, declaration.dim, batch);
   QxCollection* made = nullptr;
-  const std::int32_t status = qx_collection_build(&options, batch.ids(), batch.values().data(),
-                                                  Filler::call, &filler, &made);
+  const std::int32_t status =
+      qx_collection_build(&options, batch.ids(), batch.values().data(),
+                          lists.count == 0 ? nullptr : &lists, Filler::call, &filler, &made);
   if (filler.thrown) std::rethrow_exception(filler.thrown);
   check_call(status);
   return {made, [](QxCollection* collection) { qx_collection_free(collection); }};
+}
+
+// Long work lets SQLite's own machine call the host's progress handler, which may interrupt it.
+class Patience {
+ public:
+  explicit Patience(sqlite3* database)
+      : steps_(database,
+               "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n "
+               "WHERE i < 1000) SELECT count(*) FROM n") {}
+  static std::int32_t call(void* self, std::int64_t, std::int64_t) {
+    auto& steps = static_cast<Patience*>(self)->steps_;
+    return guarded([&] { steps.run(); }, [](const char*) {}) == SQLITE_OK ? 0 : 1;
+  }
+
+ private:
+  Statement steps_;
+};
+
+std::int64_t lists_of(const QxCollection* collection) {
+  QxCollectionStats stats;
+  qx_collection_stats(collection, &stats);
+  return stats.lists;
+}
+
+}  // namespace
+
+CollectionPointer load_rows(Storage& storage, const Declaration& declaration) {
+  Batch batch(declaration);
+  return load_batch(storage, declaration, batch);
+}
+
+void make_lists(Storage& storage, const Declaration& declaration,
+                std::optional<std::int64_t> count) {
+  if (count == 0) return storage.set_lists({}, {}, {});
+  Batch batch(declaration);
+  const CollectionPointer rows = load_batch(storage, declaration, batch);
+  Patience patience(storage.database());
+  if (count) check_call(qx_collection_train(rows.get(), *count, Patience::call, &patience));
+  const std::int64_t lists = lists_of(rows.get());
+  if (lists == 0) return;
+  Floats centroids(static_cast<std::size_t>(lists * declaration.dim));
+  std::vector<std::uint32_t> of_rows(batch.rowids.size());
+  check_call(qx_collection_lists(rows.get(), batch.ids(), lists, centroids.data(), of_rows.data()));
+  storage.set_lists(centroids, batch.rowids, of_rows);
+}
+
+std::int64_t tuned_probes(Storage& storage, const Declaration& declaration, double recall) {
+  const CollectionPointer rows = load_rows(storage, declaration);
+  Patience patience(storage.database());
+  QxSearch search = {};
+  search.progress = Patience::call;
+  search.progress_context = &patience;
+  QxTuning tuning;
+  check_call(qx_collection_tune(rows.get(), nullptr, 0, 10, recall, &search, &tuning));
+  return tuning.probes;
 }
 
 void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection* collection,

@@ -34,6 +34,7 @@ class Batch {
 
   std::vector<std::int64_t> rowids;
   std::vector<std::int64_t> places;
+  std::vector<std::uint32_t> lists;
 
   QxIds ids() const { return {std::ssize(rowids), rowids.data(), nullptr}; }
   // Valid until the next row.
@@ -57,6 +58,13 @@ class Batch {
 // A collection with all rows of a table. Throws where they are damaged, or need more memory than
 // the table may have.
 CollectionPointer load_rows(Storage& storage, const Declaration& declaration);
+
+// Divides the rows into so many lists, and stores them; 0: none. Without a number, stores the lists
+// of rows that have been written since.
+void make_lists(Storage& storage, const Declaration& declaration,
+                std::optional<std::int64_t> count);
+// The fewest lists that searches must probe to find so much of the ten best rows.
+std::int64_t tuned_probes(Storage& storage, const Declaration& declaration, double recall);
 
 // Brings rows of a collection, or of a view of it, to what the table has now.
 void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection* collection,

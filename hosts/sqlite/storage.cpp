@@ -124,7 +124,7 @@ void Storage::create_tables() {
       columns += ", " + quoted(column.name) + column.sql_type();
   }
   const std::pair<const char*, std::string> tables[] = {
-      {"values", "rowid INTEGER PRIMARY KEY, \"#\" INTEGER NOT NULL" + columns},
+      {"values", "rowid INTEGER PRIMARY KEY, \"#\" INTEGER NOT NULL, \"#list\" INTEGER" + columns},
       {"vectors", "chunk INTEGER PRIMARY KEY, vectors BLOB NOT NULL"},
       {"free", "place INTEGER PRIMARY KEY"},
       {"commits",
@@ -198,7 +198,7 @@ void Storage::rename(const std::string& table) {
 // ---- Rows ----
 
 std::string Storage::select_rows(std::string_view rest, bool filters_alone) const {
-  std::string sql = "SELECT rowid, \"#\"";
+  std::string sql = "SELECT rowid, \"#\", \"#list\"";
   for (const Column& column : declaration_.columns) {
     const bool wanted = filters_alone ? column.is_filter() : column.kind != ColumnKind::kVector;
     if (wanted) sql += ", " + quoted(column.name);
@@ -220,9 +220,8 @@ Statement Storage::all_chunks() const {
   return {database_, "SELECT chunk, vectors FROM " + name("vectors") + " ORDER BY chunk"};
 }
 
-// The values of a row are the parameters from 3 on.
-void Storage::bind_values(Statement& statement, sqlite3_value** row) {
-  int at = 3;
+void Storage::bind_values(Statement& statement, int first, sqlite3_value** row) {
+  int at = first;
   for (std::size_t i = 0; i < declaration_.columns.size(); ++i) {
     if (declaration_.columns[i].kind != ColumnKind::kVector) statement.bind(at++, row[i]);
   }
@@ -243,7 +242,7 @@ std::int64_t Storage::insert(std::optional<std::int64_t> rowid, sqlite3_value** 
   Statement& statement =
       prepared(insert_, "INSERT INTO " + name("values") + "(rowid, \"#\"" + assignments(", ", "") +
                             ") VALUES (?, ?" + parameters + ")");
-  bind_values(statement, row);
+  bind_values(statement, 3, row);
   statement.run(rowid, std::optional(place));
   const std::int64_t written = rowid ? *rowid : sqlite3_last_insert_rowid(database_);
   take_place(place);
@@ -257,10 +256,12 @@ void Storage::update(std::int64_t old_rowid, std::int64_t rowid, sqlite3_value**
   const KeptRowid kept(database_);
   if (old_rowid != rowid && conflict == Conflict::kReplace) remove(rowid);
   Statement& statement =
-      prepared(update_, "UPDATE " + name("values") + " SET rowid = ?2" + assignments(", ", " = ?") +
-                            " WHERE rowid = ?1 RETURNING \"#\"");
-  bind_values(statement, row);
-  const auto place = statement.number(std::optional(old_rowid), std::optional(rowid));
+      prepared(update_, "UPDATE " + name("values") +
+                            " SET rowid = ?2, \"#list\" = iif(?3, NULL, \"#list\")" +
+                            assignments(", ", " = ?") + " WHERE rowid = ?1 RETURNING \"#\"");
+  bind_values(statement, 4, row);
+  const auto place = statement.number(std::optional(old_rowid), std::optional(rowid),
+                                      std::optional(std::int64_t{!vector.empty()}));
   if (!place) return;
   if (!vector.empty()) write_vector(*place, vector);
   note(old_rowid);
@@ -456,6 +457,35 @@ void Storage::optimize() {
   execute(database_, joined("DELETE FROM ", name("vectors"),
                             " WHERE chunk >= ", (count + chunk_rows_ - 1) / chunk_rows_));
   execute(database_, joined("UPDATE ", name("commits"), " SET places = ", count));
+}
+
+Floats Storage::centroids() {
+  Floats centroids;
+  prepared(state_, "SELECT value FROM " + name("state") + " WHERE key = ?1")
+      .each(
+          [&](const Statement& row) {
+            centroids.resize(row.blob(0).size() / sizeof(float));
+            std::memcpy(centroids.data(), row.blob(0).data(), centroids.size() * sizeof(float));
+          },
+          std::string_view("centroids"));
+  turn_order(centroids);
+  require_intact(centroids.size() % static_cast<std::size_t>(declaration_.dim) == 0,
+                 "the centroids of ", table_, " are damaged");
+  return centroids;
+}
+
+void Storage::set_lists(std::span<const float> centroids, std::span<const std::int64_t> rowids,
+                        std::span<const std::uint32_t> lists) {
+  const KeptRowid kept(database_);
+  Floats stored(centroids.begin(), centroids.end());
+  turn_order(stored);
+  Statement(database_, "INSERT OR REPLACE INTO " + name("state") + " VALUES ('centroids', ?1)")
+      .run(std::as_bytes(std::span<const float>(stored)));
+  if (centroids.empty()) execute(database_, "UPDATE " + name("values") + " SET \"#list\" = NULL");
+  Statement one(database_, "UPDATE " + name("values") + " SET \"#list\" = ?2 WHERE rowid = ?1");
+  for (std::size_t i = 0; i < rowids.size(); ++i) {
+    one.run(std::optional(rowids[i]), std::optional(std::int64_t{lists[i]}));
+  }
 }
 
 std::optional<std::int64_t> Storage::number(std::string_view key) {

@@ -1,6 +1,7 @@
 // The ordinary tables that store the rows of a virtual table, its shadow tables:
 //
-//   NAME_values   of each row its values, and its place: which vector is its own
+//   NAME_values   of each row its values, its place: which vector is its own, and its list; NULL if
+//                 that is to be found
 //   NAME_vectors  the vectors, in chunks of many places
 //   NAME_free     places below the highest that no row has
 //   NAME_commits  stamps, random numbers that name what the rows are; with each the rowids that
@@ -66,8 +67,9 @@ class Storage {
   void drop();
   void rename(const std::string& table);
 
-  // The rows of a statement have the rowid, the place, then the declared columns but the vector.
-  static constexpr int kFirstValue = 2;
+  // The rows of a statement have the rowid, the place, the list, then the declared columns but the
+  // vector.
+  static constexpr int kFirstValue = 3;
   std::string select_rows(std::string_view rest, bool filters_alone = false) const;
   Statement& one_row() { return prepared(one_row_, select_rows("WHERE rowid = ?1")); }
   Floats read_vector(Chunk* chunk, std::int64_t place) const;
@@ -94,8 +96,14 @@ class Storage {
   // Calls look(commit) for each known commit, the latest first, until that returns true.
   void commits(const std::function<bool(const Commit&)>& look);
 
+  // Settings, and what else is known of the table.
   std::optional<std::int64_t> number(std::string_view key);
   void set(std::string_view key, std::optional<std::int64_t> value);
+
+  // The centroids of lists, and of each of some rows its list.
+  Floats centroids();
+  void set_lists(std::span<const float> centroids, std::span<const std::int64_t> rowids,
+                 std::span<const std::uint32_t> lists);
 
   std::int64_t rows_of_chunk() const { return chunk_rows_; }
   Statement all_chunks() const;
@@ -111,7 +119,7 @@ class Storage {
   std::string name(std::string_view suffix) const;
   Statement& prepared(Statement& statement, const std::string& sql);
   std::string assignments(std::string_view before, std::string_view after) const;
-  void bind_values(Statement& statement, sqlite3_value** row);
+  void bind_values(Statement& statement, int first, sqlite3_value** row);
   std::int64_t next_place();
   void take_place(std::int64_t place);
   void write_vector(std::int64_t place, std::span<const float> vector);

@@ -66,7 +66,8 @@ WRONG_SEARCHES = [
     (BEST + " AND filter = 1", "filter is no text"),
     ("label MATCH '[1,2]' AND k = 1", "unable to use function MATCH"),
 ]
-WRONG_COMMANDS = ["", "x", "rebuild now", "memory", "memory=", "memory=x", "memory=-1", "optimize=1"]
+WRONG_COMMANDS = ["", "x", "rebuild now", "memory", "memory=", "memory=x", "memory=-1", "optimize=1", "lists",
+                  "lists=x", "probes=1 ", "probes", "recall=", "recall=nan"]
 # Statements with their values, and what the error says.
 REFUSED = [
     *((f"CREATE VIRTUAL TABLE u USING qx({declaration})", [], message)
@@ -110,6 +111,7 @@ DAMAGES = {
     "UPDATE t_values SET \"#\" = 1e300": "it has no place",
     "UPDATE t_values SET \"#\" = 1 << 62": "are damaged: a row has none",
     "UPDATE t_values SET label = 'text'": "is damaged: a value of another type in label",
+    "INSERT INTO t_state VALUES ('centroids', x'0000803f')": "the centroids of t are damaged",
     "DELETE FROM t_commits": "t_commits is empty",
     "DROP TABLE t_values": "no such table",
     "DROP TABLE t_commits": "no such table",

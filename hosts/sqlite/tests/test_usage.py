@@ -1,4 +1,5 @@
 """What users of SQLite do with any table works with this one."""
+import importlib.util
 import os
 import sqlite3
 import subprocess
@@ -159,6 +160,18 @@ def test_shadow_tables_are_protected_in_defensive_mode(tmp_path):
     assert "table t_values may not be modified" in done.stderr
 
 
+def test_the_package_of_python_loads_it():
+    path = os.path.join(os.path.dirname(__file__), "../../../bindings/python/qx_runtime/sqlite.py")
+    spec = importlib.util.spec_from_file_location("qx_sqlite", path)
+    sqlite = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(sqlite)
+    connection = sqlite3.connect(":memory:")
+    sqlite.load(connection)
+    assert connection.execute("SELECT qx_json(?)", [sqlite.vector([1, 2])]).fetchone() == ("[1,2]",)
+    with pytest.raises(sqlite3.OperationalError, match="not authorized"):
+        connection.execute("SELECT load_extension(?)", [sqlite.extension()])
+
+
 def test_many_changes_are_folded_into_a_new_base(database):
     make(database, [(1, "[1]")], dim=1)
     assert nearest(database, "[1]", 1) == [1]
@@ -175,11 +188,69 @@ def test_many_changes_are_folded_into_a_new_base(database):
     assert nearest(database, "[1]", 1) == [229_999]
 
 
+def test_lists_find_what_was_written_since(database):
+    make(database, ((i, f"[{i % 37}, {i % 41}]") for i in range(1, 2001)))
+    search = "SELECT rowid, score FROM t WHERE embedding MATCH '[1, 2]' AND k = 9"
+    exact = database.execute(search).fetchall()
+    command(database, "lists=16")
+    command(database, "probes=16")
+    assert database.execute(search).fetchall() == exact
+    database.execute("DELETE FROM t WHERE rowid = ?", [exact[0][0]])
+    database.execute("INSERT INTO t(rowid, embedding) VALUES (5000, '[100, 100]')")
+    now = [5000] + [rowid for rowid, _ in exact[1:]]
+    assert [rowid for rowid, _ in database.execute(search)] == now
+    command(database, "probes=1")
+    assert len(database.execute(search).fetchall()) == 9
+    command(database, "recall=1")
+    assert [rowid for rowid, _ in database.execute(search)] == now
+    command(database, "lists=0")
+    assert [rowid for rowid, _ in database.execute(search)] == now
+    with pytest.raises(sqlite3.OperationalError, match="there are no lists"):
+        command(database, "recall=1")
+
+
+@pytest.mark.parametrize("metric", ["ip", "cosine", "l2"])
+def test_a_connection_takes_the_lists_as_they_are_stored(tmp_path, metric):
+    first = connect(tmp_path / "lists.db")
+    first.execute(f"CREATE VIRTUAL TABLE t USING qx(embedding float[2], metric={metric})")
+    first.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
+                      ((i, f"[{i % 37 + 1}, {i % 41 - 20}]") for i in range(500)))
+    command(first, "lists=8")
+    command(first, "probes=1")
+    queries = ["[1, 3]", "[1, 0]", "[2, -1]", "[1, -9]"]
+
+    def found():
+        command(first, "rebuild")
+        return [nearest(first, query, 5) for query in queries]
+
+    as_stored = found()
+    lists = 'SELECT rowid, "#list" FROM t_values'
+    assert {row[1] for row in first.execute(lists)} == set(range(8))
+    # What stands there decides: rows of a wrong list are not found by one probe.
+    first.execute('UPDATE t_values SET "#list" = ("#list" + 4) % 8')
+    assert all(one != other for one, other in zip(as_stored, found()))
+    # Without it, the rows find theirs, as one does that was written since.
+    first.execute('UPDATE t_values SET "#list" = NULL')
+    assert found() == as_stored
+    before = first.execute(lists + " WHERE rowid < 499").fetchall()
+    assert before[0] == (0, None)
+    first.execute("UPDATE t SET embedding = '[9, 9]' WHERE rowid = 499")
+    command(first, "optimize")
+    assert first.execute("SELECT count(*) FROM t_values WHERE \"#list\" IS NULL").fetchone() == (0,)
+    first.execute("UPDATE t SET embedding = '[9, 8]' WHERE rowid = 499")
+    assert first.execute("SELECT rowid FROM t_values WHERE \"#list\" IS NULL").fetchall() == [(499,)]
+    first.execute('UPDATE t_values SET "#list" = 99 WHERE rowid = 3')
+    with pytest.raises(sqlite3.DatabaseError, match="is in list 99"):
+        found()
+
+
 def test_a_load_is_interrupted_by_the_progress_handler(database):
     make(database, ((i, f"[{i % 37}, {i % 41}]") for i in range(20_000)))
     database.set_progress_handler(lambda: 1, 1000)
     with pytest.raises(sqlite3.OperationalError, match="interrupted"):
         nearest(database, "[1, 1]", 3)
+    with pytest.raises(sqlite3.OperationalError, match="interrupted"):
+        command(database, "lists=64")
     database.set_progress_handler(None, 0)
     assert len(nearest(database, "[1, 1]", 3)) == 3
 
