@@ -34,6 +34,29 @@ const char* operator_of(int op) {
   const auto found = operators.find(op);
   return found == operators.end() ? nullptr : found->second;
 }
+StatementText::Test written_as(int op) {
+  using Test = StatementText::Test;
+  switch (op) {
+    case kIn:
+    case SQLITE_INDEX_CONSTRAINT_EQ:
+    case SQLITE_INDEX_CONSTRAINT_IS:
+      return Test::kEqual;
+    case SQLITE_INDEX_CONSTRAINT_NE:
+    case SQLITE_INDEX_CONSTRAINT_ISNOT:
+      return Test::kUnequal;
+    case SQLITE_INDEX_CONSTRAINT_ISNULL:
+    case SQLITE_INDEX_CONSTRAINT_ISNOTNULL:
+      return Test::kNull;
+    case SQLITE_INDEX_CONSTRAINT_LT:
+    case SQLITE_INDEX_CONSTRAINT_LE:
+    case SQLITE_INDEX_CONSTRAINT_GT:
+    case SQLITE_INDEX_CONSTRAINT_GE:
+      return Test::kRange;
+    default:
+      return Test::kLike;
+  }
+}
+
 bool is_test_for_null(int op) {
   return op == SQLITE_INDEX_CONSTRAINT_ISNULL || op == SQLITE_INDEX_CONSTRAINT_ISNOTNULL;
 }
@@ -257,7 +280,7 @@ class SearchReader {
       if (!takes_as_setting(argument)) {
         const bool constant = (argument.flags & kLiteral) != 0 ||
                               (argument.op != kIn && sqlite3_value_frombind(argument.value) != 0);
-        const bool first = is_first(from, i, constant, argument.column);
+        const bool first = is_first(from, i, constant, argument.column, argument.op);
         late |= !first;
         if (first) add_condition(argument);
       }
@@ -269,10 +292,11 @@ class SearchReader {
 
  private:
   // Whether a condition is met before the best are taken.
-  bool is_first(const Origins& from, std::size_t i, bool constant, int column) const {
+  bool is_first(const Origins& from, std::size_t i, bool constant, int column, int op) const {
     if (!from.known || i >= from.follows.size()) return constant;
     if (from.varies[i]) return true;
-    return (constant || from.follows[i]) && from.is_written(name_of_column(declaration_, column));
+    return (constant || from.follows[i]) &&
+           from.is_written(name_of_column(declaration_, column), written_as(op));
   }
 
   // The query, k, limits and thresholds are no conditions on rows.

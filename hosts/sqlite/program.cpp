@@ -376,9 +376,9 @@ void join(const Origins& found, Origins* all) {
 
 }  // namespace
 
-bool Origins::is_written(std::string_view column) const {
+bool Origins::is_written(std::string_view column, StatementText::Test test) const {
   return std::any_of(texts.begin(), texts.end(), [&](const StatementText& text) {
-    return text.is_simple() || text.has_condition(column);
+    return text.is_simple() || text.has_condition(column, test);
   });
 }
 

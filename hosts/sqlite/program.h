@@ -28,7 +28,7 @@ struct Origins {
   std::vector<StatementText> texts;
 
   // Whether a condition on a column stands where the search does.
-  bool is_written(std::string_view column) const;
+  bool is_written(std::string_view column, StatementText::Test test) const;
 };
 
 class Programs {

@@ -1,6 +1,6 @@
 #include "statement_text.h"
 
-#include <algorithm>
+#include <map>
 
 namespace qx_sqlite {
 namespace {
@@ -18,10 +18,16 @@ std::string lower(std::string_view text) {
   return result;
 }
 
-bool is_comparison(const std::string& text) {
-  static const std::set<std::string> all = {
-      "=", "==", "<>", "!=", "<", "<=", ">", ">=", "between", "like", "glob", "regexp"};
-  return all.contains(text);
+using Test = StatementText::Test;
+
+Test comparison(const std::string& text) {
+  static const std::map<std::string, Test> all = {
+      {"=", Test::kEqual},    {"==", Test::kEqual},  {"<>", Test::kUnequal},
+      {"!=", Test::kUnequal}, {"<", Test::kRange},   {"<=", Test::kRange},
+      {">", Test::kRange},    {">=", Test::kRange},  {"between", Test::kRange},
+      {"like", Test::kLike},  {"glob", Test::kLike}, {"regexp", Test::kLike}};
+  const auto found = all.find(text);
+  return found == all.end() ? Test::kNone : found->second;
 }
 
 }  // namespace
@@ -136,24 +142,27 @@ bool StatementText::starts_value(std::size_t at) const {
   return tokens_[at].is_name && text(at + 1) == "(";
 }
 
-// Of a column: whether the other side is no column.
-bool StatementText::is_compared(std::size_t at) const {
+// Of a column, how it is compared; kNone if it is not, or with a column.
+Test StatementText::test_of(std::size_t at) const {
   std::size_t next = at + 1;
   if (text(next) == "collate") next += 2;
-  if (text(next) == "isnull" || text(next) == "notnull") return true;
+  if (text(next) == "isnull" || text(next) == "notnull") return Test::kNull;
   const bool is = text(next) == "is";
   if (is) ++next;
-  if (text(next) == "not") ++next;
-  if (text(next) == "distinct") next += 2;
-  if (text(next) == "in" || text(next) == "null") return true;
-  if (is) return starts_value(next);
-  if (is_comparison(text(next))) return starts_value(next + 1);
+  const bool is_not = text(next) == "not";
+  if (is_not) ++next;
+  if (text(next) == "null") return Test::kNull;
+  const Test equal = is_not ? Test::kUnequal : Test::kEqual;
+  if (text(next) == "in") return equal;
+  if (is) return starts_value(next + (text(next) == "distinct" ? 2 : 0)) ? equal : Test::kNone;
+  const Test test = comparison(text(next));
+  if (test != Test::kNone) return starts_value(next + 1) ? test : Test::kNone;
   const std::size_t before = at - (at > 1 && text(at - 1) == "." ? 2 : 0);
-  return before > 1 && is_comparison(text(before - 1)) &&
-         (tokens_[before - 2].is_value || text(before - 2) == ")");
+  const bool follows = before > 1 && (tokens_[before - 2].is_value || text(before - 2) == ")");
+  return follows ? comparison(text(before - 1)) : Test::kNone;
 }
 
-bool StatementText::has_condition(std::string_view column) const {
+bool StatementText::has_condition(std::string_view column, Test test) const {
   const std::string name = lower(column);
   const auto is_it = [&](const std::string& given) {
     return given == name || (name == "rowid" && (given == "oid" || given == "_rowid_"));
@@ -164,7 +173,7 @@ bool StatementText::has_condition(std::string_view column) const {
       continue;
     const bool is_qualified = i > 1 && text(i - 1) == ".";
     if (is_qualified && !aliases_.contains(text(i - 2))) continue;
-    if (is_compared(i)) return true;
+    if (test_of(i) == test) return true;
   }
   return false;
 }

@@ -18,9 +18,11 @@ class StatementText {
   bool has_search() const { return has_search_; }
   // One search of one table: there is nothing to derive conditions from.
   bool is_simple() const;
-  // Whether a column is compared with something that is no column, where a search is: in the WHERE
-  // or ON of a SELECT that has a MATCH.
-  bool has_condition(std::string_view column) const;
+  // What may have become of a condition: SQLite makes ranges of BETWEEN, and = of an IN.
+  enum class Test { kNone, kEqual, kUnequal, kRange, kNull, kLike };
+  // Whether a column is so compared with something that is no column, where a search is: in the
+  // WHERE or ON of a SELECT that has a MATCH.
+  bool has_condition(std::string_view column, Test test) const;
 
  private:
   struct Token {
@@ -35,7 +37,7 @@ class StatementText {
   void find_aliases(std::string_view table);
   const std::string& text(std::size_t at) const;
   bool starts_value(std::size_t at) const;
-  bool is_compared(std::size_t at) const;
+  Test test_of(std::size_t at) const;
 
   std::vector<Token> tokens_;
   std::vector<bool> searches_;  // by SELECT
