@@ -2,6 +2,9 @@
 """Measures the extension beside sqlite-vec, in the same rounds, and writes docs/SQLITE.md.
 
 bench.py --qx FILE --vec FILE [--rows N] [--rounds N]
+
+What a first search takes, and memory, is measured in a process of its own:
+bench.py --first FILE DATABASE CONNECTIONS
 """
 import argparse
 import os
@@ -9,6 +12,7 @@ import pathlib
 import platform
 import sqlite3
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
@@ -32,12 +36,31 @@ def connect(path, extension):
     return database
 
 
+def first_search(extension, path, count):
+    """The milliseconds of the first search of a process, and of that of its last connection; then the
+    megabytes that all have taken."""
+    def anonymous():
+        with open("/proc/self/status", encoding="utf-8") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("RssAnon")) / 1000
+
+    before = anonymous()
+    held, times = [], []
+    for _ in range(count):
+        held.append(connect(path, extension))
+        query, = held[-1].execute("SELECT embedding FROM t LIMIT 1").fetchone()
+        started = time.perf_counter()
+        held[-1].execute(f"SELECT rowid FROM t WHERE embedding MATCH ? AND k = {K}", [query]).fetchall()
+        times.append(time.perf_counter() - started)
+    print(times[0], times[-1], anonymous() - before)
+
+
 class Peers:
     """Both tables, each in a database of its own, and what each took for each work."""
 
     def __init__(self, folder, options, dim):
         column, label = f"embedding float[{dim}]", "label integer"
-        self.databases = []
+        self.databases, self.extensions = [], (options.qx, options.vec)
+        self.folder, self.raw = folder, 0
         self.times = {}
         for extension, declaration in (
                 (options.qx, f"qx({column}, {label})"),
@@ -65,6 +88,28 @@ class Peers:
             database.execute("COMMIT")
         self.measure(work, run, len(rows))
 
+    def first_searches(self, rounds):
+        """In processes of their own: with one connection and with ten."""
+        for number, extension in enumerate(self.extensions):
+            for work, count in (("one connection", 1), ("ten connections", 10)):
+                for _ in range(rounds):
+                    done = subprocess.run([sys.executable, __file__, "--first", extension,
+                                           f"{self.folder}/{number}.db", str(count)],
+                                          capture_output=True, text=True, check=True)
+                    first, last, megabytes = map(float, done.stdout.split())
+                    name = f"{'first search' if count == 1 else 'first search of the tenth connection'}"
+                    self.keep(name, number, first if count == 1 else last)
+                self.keep(f"memory of {work}, by the vectors", number, megabytes * 1e6 / self.raw)
+
+    def keep(self, work, number, value):
+        self.times.setdefault(work, ([], []))[number].append(value)
+
+    def file_sizes(self):
+        for number, database in enumerate(self.databases):
+            database.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+            size = os.path.getsize(f"{self.folder}/{number}.db")
+            self.keep("file, by the vectors", number, size / self.raw)
+
     def search(self, work, query, more="", *values):
         """Whether the answers are different sets of rows."""
         sql = f"SELECT rowid FROM t WHERE embedding MATCH ? AND k = {K} {more}"
@@ -91,8 +136,12 @@ def measure(title, vectors, rounds, options):
                          for i in range(first, min(first + BATCH, count))])
             if first // BATCH % 10 == 9:
                 show(f"{title}: {first + BATCH:,} of {count:,} rows inserted")
+        peers.raw = vectors.nbytes
+        peers.file_sizes()
+        peers.first_searches(3)
         *queries, last = vectors[draw.integers(0, count, rounds + 1)]
-        peers.search("first search, which loads the rows", last)
+        peers.search("", last)
+        peers.times.pop("")
         for query in queries:
             unequal += peers.search("exact, k = 10", query)
             unequal += peers.search("filtered by label, 1 % pass", query, "AND label = ?",
@@ -108,10 +157,11 @@ def measure(title, vectors, rounds, options):
         show(f"{title}: done")
         for database in peers.databases:
             database.close()
-    lines = [f"## {title}", "", "| work | qx | sqlite-vec | times as fast |", "|---|---:|---:|---:|"]
+    lines = [f"## {title}", "", "| work | qx | sqlite-vec | theirs, times ours |", "|---|---:|---:|---:|"]
     for work, times in peers.times.items():
         own, other = map(statistics.median, times)
-        lines.append(f"| {work} | {text(own)} | {text(other)} | {other / own:.1f} |")
+        show_value = "{:.2f}".format if "by the vectors" in work else text
+        lines.append(f"| {work} | {show_value(own)} | {show_value(other)} | {other / own:.1f} |")
     lines += ["", f"Of {3 * rounds} pairs of answers, {unequal} differ in their sets of rows.", ""]
     return lines
 
@@ -125,6 +175,8 @@ def unit(vectors):
 
 
 def main():
+    if sys.argv[1:2] == ["--first"]:
+        return first_search(sys.argv[2], sys.argv[3], int(sys.argv[4]))
     parser = argparse.ArgumentParser(prog="bench.py", description=__doc__.splitlines()[0])
     parser.add_argument("--qx", required=True)
     parser.add_argument("--vec", required=True)
@@ -135,16 +187,20 @@ def main():
     if options.rows < DELETED or options.rounds < 1:
         parser.error(f"--rows is {DELETED:,} or more, --rounds is 1 or more")
     load_before = os.getloadavg()[0]
+    draw = np.random.default_rng(1)
+    tables = measure("30,000 drawn vectors of dimension 768",
+                     unit(draw.standard_normal((30_000, 768), dtype=np.float32)), options.rounds, options)
     vectors = read_words(full=True)[1]
-    tables = measure(f"{len(vectors):,} words of dimension 100", vectors, options.rounds, options)
-    drawn = np.random.default_rng(1).standard_normal((options.rows, 128), dtype=np.float32)
+    tables += measure(f"{len(vectors):,} words of dimension 100", vectors, options.rounds, options)
+    drawn = draw.standard_normal((options.rows, 128), dtype=np.float32)
     tables += measure(f"{options.rows:,} drawn vectors of dimension 128", unit(drawn),
                       options.rounds, options)
     peer = connect(":memory:", options.vec).execute("SELECT vec_version()").fetchone()[0]
     PAGE.write_text("\n".join([
         "# SQLite: beside sqlite-vec", "",
         "Written by `hosts/sqlite/bench`. Both extensions run in one process, each on a database of its "
-        "own (WAL), in the same rounds; the medians count. Vectors have length 1, so that the cosine of "
+        "own (WAL), in the same rounds; the medians count. First searches and memory are of processes of their "
+        "own, whose files the system has in memory. Vectors have length 1, so that the cosine of "
         "the one ranks as the inner product of the other.", "",
         f"SQLite {sqlite3.sqlite_version}, sqlite-vec {peer}, Python {platform.python_version()}, "
         f"{os.cpu_count()} CPUs; the load of the machine was {load_before:.1f} before and "

@@ -147,7 +147,7 @@ int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
 int close_cursor(sqlite3_vtab_cursor* cursor) {
   Table& table = *table_of(cursor->pVtab);
   delete cursor_of(cursor);
-  if (sqlite3_get_autocommit(table.database) != 0) table.reader.release();
+  table.reader.release_snapshot();
   return SQLITE_OK;
 }
 

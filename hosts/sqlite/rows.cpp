@@ -34,10 +34,13 @@ class Filler {
     const auto bytes = static_cast<std::size_t>(dim_) * sizeof(float);
     std::size_t next = 0;
     while (next < batch_.rowids.size() && chunks_.step()) {
-      const std::int64_t first = chunks_.integer(0) * rows;
+      const std::int64_t number = chunks_.integer(0);
       const std::span<const std::byte> chunk = chunks_.blob(1);
+      require_intact(number >= 0 && number < Storage::kMostPlaces, "the vectors of ",
+                     storage_.table(), " are damaged: there is a chunk ", number);
       require_intact(chunk.size() == static_cast<std::size_t>(rows) * bytes, "the vectors of ",
                      storage_.table(), " are damaged: a chunk has ", chunk.size(), " bytes");
+      const std::int64_t first = number * rows;
       for (; next < batch_.rowids.size() && place(next) < first + rows; ++next) {
         if (place(next) < first) break;
         const std::size_t row = order.empty() ? next : order[next];

@@ -111,6 +111,10 @@ void Reader::release() {
   is_writing_ = false;
 }
 
+void Reader::release_snapshot() {
+  if (!is_writing_ && sqlite3_get_autocommit(storage_.database()) != 0) own_.reset();
+}
+
 Reader::Rows Reader::rows() {
   const std::int64_t stamp = storage_.stamp();
   if (own_ && own_->stamp() == stamp) return {own_->collection, own_->own.get(), {}};
@@ -124,15 +128,16 @@ Reader::Rows Reader::rows() {
   return {shared->collection, seen, std::move(view)};
 }
 
-// Brings what is shared to the present rows, unless this is a snapshot of before: that must not
-// undo what others have read since.
+// Brings what is shared to the present rows. A transaction may have a snapshot of before, which
+// must not undo what others have read since.
 void Reader::update(std::optional<Copy>& shared) {
   const auto relation = shared ? shared->relation(storage_) : Copy::Relation::kUnknown;
-  if (relation == Copy::Relation::kApart) return;
+  const bool is_present = sqlite3_get_autocommit(storage_.database()) != 0;
+  if (relation != Copy::Relation::kLater && shared && !is_present) return;
   try {
-    if (relation == Copy::Relation::kLater) {
+    if (relation != Copy::Relation::kUnknown) {
       shared->follow(storage_, declaration_);
-    } else if (!shared || sqlite3_get_autocommit(storage_.database()) != 0) {
+    } else {
       shared.reset();
       shared = Copy::loaded(storage_, declaration_);
     }

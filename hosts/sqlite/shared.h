@@ -64,8 +64,10 @@ class Reader {
   Rows rows();
   // The rows have been written in a transaction that is not over.
   void note_writing() { is_writing_ = true; }
-  // The transaction is over, or a snapshot.
+  // The transaction is over.
   void release();
+  // A statement is over, and with it its snapshot, unless a transaction goes on.
+  void release_snapshot();
 
  private:
   void update(std::optional<Copy>& shared);

@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::int64_t kVersion = 2;
 constexpr std::int64_t kOldVersion = 1;
+constexpr std::int64_t kMostCommits = std::int64_t{1} << 62;
 constexpr std::int64_t kChunkBytes = 1 << 18;
 // Commits are kept that have written fewer rowids than this in all, and than a quarter of the rows:
 // to read more rows one by one takes longer than to read all of them.
@@ -285,13 +286,16 @@ std::int64_t Storage::next_place() {
   if (has_free_.value_or(true)) {
     const auto lowest = prepared(lowest_free_, "SELECT min(place) FROM " + name("free")).number();
     has_free_ = lowest.has_value();
+    require_intact(!lowest || (*lowest >= 0 && *lowest < kMostPlaces), "the table ", table_,
+                   "_free is damaged");
     if (lowest) return *lowest;
   }
   if (!places_) {
     stamp();
     latest_.each([&](const Statement& row) { places_ = row.integer(2); });
   }
-  require_intact(*places_ >= 0, "the table ", table_, " has ", *places_, " places");
+  require_intact(*places_ >= 0 && *places_ < kMostPlaces, "the table ", table_, " has ", *places_,
+                 " places");
   return *places_;
 }
 
@@ -389,6 +393,8 @@ void Storage::write_commit() {
         entry = row.integer(0);
         total = row.integer(3);
       });
+  require_intact(entry < kMostCommits && total >= 0 && total < kMostCommits, "the table ", table_,
+                 "_commits is damaged");
   const bool all = all_written_ || std::ssize(written_) > kept;
   Statement& insert =
       prepared(commit_, "INSERT INTO " + name("commits") + " VALUES (?1, ?2, ?3, ?4, ?5)");

@@ -56,6 +56,8 @@ class Storage {
   static constexpr std::array<const char*, 5> kTables = {"values", "vectors", "free", "commits",
                                                          "state"};
 
+  static constexpr std::int64_t kMostPlaces = std::int64_t{1} << 44;
+
   Storage(sqlite3* database, std::string schema, std::string table, const Declaration& declaration);
 
   void create();

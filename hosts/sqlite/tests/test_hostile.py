@@ -106,6 +106,8 @@ DAMAGES = {
     "UPDATE t_vectors SET vectors = 'text'": "are damaged: a chunk has 4 bytes",
     "UPDATE t_vectors SET vectors = x'0000c07f' || substr(vectors, 5)": "is not finite",
     "UPDATE t_vectors SET chunk = 7": "are damaged: a row has none",
+    "UPDATE t_vectors SET chunk = -1": "are damaged: there is a chunk -1",
+    "UPDATE t_vectors SET chunk = 1 << 62": "are damaged: there is a chunk",
     "DELETE FROM t_vectors": "are damaged: a row has none",
     "UPDATE t_values SET \"#\" = -1": "are damaged: a row has none",
     "UPDATE t_values SET \"#\" = 1e300": "it has no place",
@@ -131,6 +133,23 @@ def test_damaged_tables_are_an_error(tmp_path, damage):
     with pytest.raises(sqlite3.DatabaseError, match=DAMAGES[damage]):
         connect(path).execute(
             "SELECT rowid FROM t WHERE embedding MATCH '[1,2]' AND k = 1").fetchall()
+
+
+@pytest.mark.parametrize("damage", [
+    "UPDATE t_commits SET places = -1", "UPDATE t_commits SET places = 1 << 62",
+    "UPDATE t_commits SET total = -1",
+    "UPDATE t_commits SET entry = -1 - (1 << 63) WHERE entry = (SELECT max(entry) FROM t_commits)",
+    "INSERT INTO t_free VALUES (-5)", "INSERT INTO t_free VALUES (1 << 62)",
+    "UPDATE t_vectors SET vectors = x'00'", "UPDATE t_vectors SET vectors = 7",
+])
+def test_nothing_is_written_into_damaged_tables(tmp_path, damage):
+    first = connect(tmp_path / "damaged.db")
+    first.execute(TABLE)
+    first.execute("INSERT INTO t(rowid, embedding, label) VALUES (1, '[1,2]', 1)")
+    first.execute(damage)
+    with pytest.raises(sqlite3.DatabaseError):
+        first.execute("INSERT INTO t(rowid, embedding) VALUES (2, '[1,2]')")
+    assert first.execute("SELECT rowid FROM t").fetchall() == [(1,)]
 
 
 def test_shadow_tables_that_are_views_of_the_table_do_not_recur(tmp_path):

@@ -78,6 +78,23 @@ def test_a_snapshot_is_written_in_by_nobody_else(tmp_path):
     assert found(first) == found(second) == list(range(10))
 
 
+def test_a_statement_that_searches_what_it_writes(tmp_path):
+    """Its rows are seen by itself alone, and by nobody after it has failed."""
+    first, second = make(tmp_path / "a.db"), connect(tmp_path / "a.db")
+    first.execute("CREATE TABLE asked(id, query)")
+    first.executemany("INSERT INTO asked VALUES (?, ?)", [(20, "[20, 1]"), (21, "[21, 1]"), (22, None)])
+    copy = ("INSERT INTO t(rowid, embedding, label) SELECT id, query, (SELECT t.rowid FROM t "
+            "WHERE embedding MATCH a.query AND k = 1) FROM asked a")
+    for connection in (first, second):
+        with pytest.raises(sqlite3.DatabaseError, match="a vector is NULL"):
+            connection.execute(copy)
+        assert found(first) == found(second) == list(range(10))
+    first.execute(copy + " WHERE id < 22")
+    assert found(first) == found(second) == [*range(10), 20, 21]
+    add(second, [30])
+    assert found(first) == found(second) == [*range(10), 20, 21, 30]
+
+
 def test_another_process_writes(tmp_path):
     path = tmp_path / "a.db"
     here = make(path)
