@@ -160,7 +160,8 @@ void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value**
   chunk_.close();
   Storage& storage = table()->storage;
   if (!searching_) {
-    rows_ = Statement(table()->database, storage.select_rows(plan));
+    rows_ = Statement(table()->database, plan_number == kScan ? storage.select_rows(plan)
+                                                              : storage.select_rowids(plan));
     for (int i = 0; i < count; ++i) rows_.bind(i + 1, arguments[i]);
     has_row_ = rows_.step();
     return;

@@ -137,7 +137,11 @@ class Planner {
       order = info_->aOrderBy[0].desc ? " ORDER BY rowid DESC" : " ORDER BY rowid";
       info_->orderByConsumed = 1;
     }
-    info_->idxNum = kScan;
+    // The last bit is that of all columns from there on.
+    const int columns = std::min(declaration_.command_column(), 63);
+    const auto declared =
+        (sqlite3_uint64{1} << columns) - 1 + (columns == 63 ? sqlite3_uint64{1} << 63 : 0);
+    info_->idxNum = (info_->colUsed & declared) == 0 ? kRowids : kScan;
     info_->estimatedCost = cost;
     info_->estimatedRows = std::max(static_cast<sqlite3_int64>(cost / 10), sqlite3_int64{1});
     set_text(where + order);
@@ -171,7 +175,11 @@ class Planner {
     sqlite3_value* value = nullptr;
     const bool literal = is_test_for_null(constraint.op) ||
                          (!in && sqlite3_vtab_rhs_value(info_, i, &value) == SQLITE_OK);
-    const bool by_bytes = sqlite3_stricmp(sqlite3_vtab_collation(info_, i), "BINARY") == 0;
+    const bool is_text = constraint.iColumn >= 0 &&
+                         declaration_.columns[static_cast<std::size_t>(constraint.iColumn)].kind ==
+                             ColumnKind::kText;
+    const bool by_bytes =
+        !is_text || sqlite3_stricmp(sqlite3_vtab_collation(info_, i), "BINARY") == 0;
     const bool omit = literal && by_bytes && operator_of(constraint.op) != nullptr &&
                       can_filter(declaration_, constraint.iColumn);
     use(i, omit, (literal ? kLiteral : 0) | (by_bytes ? 0 : kOtherOrder), in);

@@ -13,7 +13,8 @@
 
 namespace qx_sqlite {
 
-enum PlanNumber { kScan = 0, kSearch = 1 };
+// Of a scan that needs no values, of one that does, and of a search.
+enum PlanNumber { kRowids = 0, kSearch = 1, kScan = 2 };
 
 // A search, as the arguments of a run give it.
 struct Search {

@@ -73,6 +73,9 @@ class Storage {
   // vector.
   static constexpr int kFirstValue = 3;
   std::string select_rows(std::string_view rest, bool filters_alone = false) const;
+  std::string select_rowids(std::string_view rest) const {
+    return joined("SELECT rowid FROM ", name("values"), " ", rest);
+  }
   Statement& one_row() { return prepared(one_row_, select_rows("WHERE rowid = ?1")); }
   Floats read_vector(Chunk* chunk, std::int64_t place) const;
 

@@ -114,6 +114,25 @@ def test_a_filter_applies_before_the_best_are_taken_or_is_an_error(tables, condi
         assert len(found) == min(3, len(everything))
 
 
+@pytest.mark.parametrize("condition, values", [
+    ("t.label = ?", [1]), ("1 = t.label", []), ('t."label" = 1', []), ("[label] == +1", []),
+    ("label = 1", []), ("t.label IS 1", []), ("t.label /* of it */ = -- here\n 1", []),
+    ("t.label = abs(-1)", []), ("t.label BETWEEN 1 AND ?2", [0, 1]), ("t.label IN (?, 7)", [1]),
+    ("t.label IN (SELECT 1)", []), ("t.label = CAST('1' AS INTEGER)", []), ("t.label = (2 - 1)", []),
+    ("t.label = :l", {"l": 1}), ("t.filter = 'label = 1'", []), ("t.label IN (SELECT label FROM others "
+     "WHERE id = 1)", []), ("t.label < 2 AND 1 <= t.label", []), ("t.label = 1 COLLATE NOCASE", []),
+])
+def test_a_filter_beside_a_join_applies_before(tables, condition, values):
+    tables.execute("CREATE TABLE plain(id INTEGER PRIMARY KEY, note)")
+    tables.executemany("INSERT INTO plain VALUES (?, ?)", [(row[0], "x") for row in ROWS])
+    expected = [hit[0] for hit in hits([1.0, 0.0], 3, lambda r, l, n: l == 1)]
+    for join in ("JOIN plain d ON d.id = t.rowid", "LEFT JOIN plain d ON d.id = t.rowid + 1",
+                 "CROSS JOIN (SELECT 1 AS one)"):
+        found = rows(tables, f"SELECT t.rowid FROM t {join} WHERE t.{BEST} AND t.k = 3 AND {condition}",
+                     values)
+        assert sorted(rowid for rowid, in found) == sorted(expected), join
+
+
 # ---- At random ----
 
 class Shape:

@@ -383,6 +383,8 @@ def test_ranges_of_rowids_in_their_order(filled):
                            ("rowid < 3 ORDER BY rowid DESC", [2, 1]), ("rowid = 'x'", []),
                            ("rowid >= 19.5", [20]), ("rowid > 5 ORDER BY rowid DESC LIMIT 1", [20])):
         assert rowids(filled, f"SELECT rowid FROM t WHERE {more}") == expected
+    assert rowids(filled, "SELECT count(*) FROM t WHERE rowid > 5") == [15]
+    assert rowids(filled, "SELECT sum(label) FROM t") == [10]
     assert "rowid > ?" in plan(filled, "SELECT rowid FROM t WHERE rowid > 5 ORDER BY rowid")
     assert "TEMP B-TREE" not in str(filled.execute(
         "EXPLAIN QUERY PLAN SELECT rowid FROM t ORDER BY rowid DESC").fetchall())
@@ -393,6 +395,16 @@ def test_a_table_is_not_renamed_to_a_column(filled, name):
     with pytest.raises(sqlite3.OperationalError, match="name"):
         filled.execute(f"ALTER TABLE t RENAME TO {name}")
     assert nearest(filled) == [20]
+
+
+def test_a_table_of_many_columns(database):
+    names = [f"c{i}" for i in range(80)]
+    database.execute(f"CREATE VIRTUAL TABLE t USING qx(e float[1], {', '.join(n + ' integer' for n in names)})")
+    database.execute(f"INSERT INTO t(e, {', '.join(names)}) VALUES ('[1]', {', '.join('?' * 80)})", range(80))
+    for name, value in (("c0", 0), ("c61", 61), ("c62", 62), ("c63", 63), ("c79", 79)):
+        assert database.execute(f"SELECT {name} FROM t").fetchall() == [(value,)]
+        assert database.execute(f"SELECT {name} FROM t WHERE e MATCH '[1]' AND k = 1 AND {name} = ?",
+                                [value]).fetchall() == [(value,)]
 
 
 def test_a_table_is_dropped_without_the_extension(tmp_path):
