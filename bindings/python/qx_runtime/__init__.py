@@ -26,8 +26,9 @@ from ._calls import Cancelled, CorruptFile
 from ._collection import Collection, View
 from ._filter import Column, Filter, col
 from ._index import Hits, Index, Metadata, Partition, Rows
-from ._results import CollectionHits, CollectionRows, Row, Stats
+from ._results import CollectionHits, CollectionRows, Row, Stats, Tuning
 
 __all__ = ["Cancelled", "Collection", "CollectionHits", "CollectionRows", "Column", "CorruptFile",
-           "Filter", "Hits", "Index", "Metadata", "Partition", "Row", "Rows", "Stats", "View", "col"]
+           "Filter", "Hits", "Index", "Metadata", "Partition", "Row", "Rows", "Stats", "Tuning",
+           "View", "col"]
 __version__ = "1.0.0"

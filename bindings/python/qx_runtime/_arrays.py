@@ -69,6 +69,15 @@ def number(what: str, value: Any, low: int, high: int) -> int:
     return integer
 
 
+def fraction(what: str, value: Any) -> float:
+    """A number above 0, at most 1."""
+    if isinstance(value, bool) or not isinstance(value, (int, float, np.integer, np.floating)):
+        raise TypeError(f"{what} must be a number, not {type(value).__name__}")
+    if not 0 < value <= 1:
+        raise ValueError(f"{what} must be above 0 and at most 1, not {value}")
+    return float(value)
+
+
 def key(what: str, value: Any) -> int:
     """Any 64-bit integer."""
     return number(what, value, INT64_MIN, INT64_MAX)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import copy
 import ctypes
 import operator
 import os
@@ -16,7 +17,7 @@ import numpy.typing as npt
 
 from . import _arrays, _calls, _library, _values
 from ._filter import Filter, col, text_of
-from ._results import CollectionHits, CollectionRows, Row, Stats, hits_of, rows_of
+from ._results import CollectionHits, CollectionRows, Row, Stats, Tuning, hits_of, rows_of
 from ._values import IdsLike, ListedIds
 
 Path = Union[str, "os.PathLike[str]"]
@@ -142,12 +143,18 @@ class _Rows:
                 view or collection, listed.struct, ctypes.byref(removed)))
         return removed.value
 
+    def __delitem__(self, id: Any) -> None:
+        """Removes the row of an id; KeyError if there is none."""
+        self._one(id, "remove")
+        if self.remove(id) == 0:
+            raise KeyError(id)
+
     # ---- Reads ----
 
     def search(self, queries: npt.ArrayLike, k: int = 10, *,
                filter: Union[Filter, str, None] = None, among: Optional[IdsLike] = None,
                accept: Optional[Callable[[Any], object]] = None, threads: int = 0,
-               progress: Progress = None) -> CollectionHits:
+               probes: int = 0, progress: Progress = None) -> CollectionHits:
         """Finds the k best rows by the metric, or all there are if they are fewer; of equal scores the
         lower id comes first.
 
@@ -158,34 +165,32 @@ class _Rows:
         accept    only rows for whose id this returns true. It is called on any thread, also for rows
                   that are not found then, and must not use a collection.
         threads   at most; 0: as many as the collection has.
+        probes    if not 0, only rows of so many lists of :meth:`Collection.train`, the nearest to a
+                  query: approximate and faster, :meth:`Collection.tune` says how. There are k hits
+                  all the same, or all rows that pass, for want of which further lists are searched.
         progress  as of :meth:`Collection.save`.
         """
         handle = self._open()
         vectors = _values.vectors("queries", queries, handle.dim, (1, 2))
         count = len(vectors) if vectors.ndim == 2 else 1
         wanted = _arrays.number("k", k, 0, _arrays.INT64_MAX)
-        search = _search(handle, filter, among, threads)
-        if accept is not None and not callable(accept):
-            raise TypeError(f"accept must be callable, not {type(accept).__name__}")
+        search = _search(handle, filter, among, accept, threads, probes)
         report = _calls.report_of(progress)
         library = _library.collection()
         with _calls.result(_library.Hits, "qx_hits_free") as (out, hits), \
                 self._reading() as (_, collection, view):
-            def call(work: _calls.Work) -> int:
-                search.progress = work.progress
-                if accept is not None:
-                    search.accept = work.acceptance(accept)
-                return int(library.qx_collection_search(
-                    collection, view, vectors.ctypes.data, count, wanted, ctypes.byref(search), out))
             rows = library.qx_collection_count(collection, view)
-            _calls.run(call, report, accept is not None or count * rows * handle.dim > _LONG)
+            _run(search, accept, report, count * rows * handle.dim > _LONG,
+                 lambda: library.qx_collection_search(
+                     collection, view, vectors.ctypes.data, count, wanted, ctypes.byref(search), out))
             return hits_of(hits(), vectors.ndim == 2)
 
     def explain(self, *, filter: Union[Filter, str, None] = None,
-                among: Optional[IdsLike] = None) -> str:
-        """Says how a search would go: a line for each segment, with its rows, those that pass, and
-        whether rows are scanned as they stand, by a bitmap, or as candidates."""
-        search = _search(self._open(), filter, among, 0)
+                among: Optional[IdsLike] = None, probes: int = 0) -> str:
+        """Says how a search would go: the lists that are probed, and a line for each segment,
+        with its rows, those that pass, and whether rows are scanned as they stand, by a bitmap, or as
+        candidates."""
+        search = _search(self._open(), filter, among, probes=probes)
         with _calls.result(ctypes.c_char, "qx_text_free") as (out, text), \
                 self._reading() as (_, collection, view):
             _calls.check(_library.collection().qx_collection_explain(
@@ -221,11 +226,14 @@ class _Rows:
 
     def __getitem__(self, id: Any) -> Row:
         """The row of an id; KeyError if there is none."""
-        if not _values.ids("ids", id, self._open().has_texts).is_single:
-            raise TypeError("one id has a row; get() takes a list")
+        self._one(id, "get")
         for row in self.get(id):
             return row
         raise KeyError(id)
+
+    def _one(self, id: Any, other: str) -> None:
+        if not _values.ids("ids", id, self._open().has_texts).is_single:
+            raise TypeError(f"one id has a row; {other}() takes a list")
 
     def rows(self, filter: Union[Filter, str, None] = None, *,
              page: int = _PAGE) -> Iterator[CollectionRows]:
@@ -398,12 +406,61 @@ class Collection(_Rows):
             _calls.run(lambda work: int(_library.collection().qx_collection_compact(
                 collection, work.progress, None)), report, True)
 
+    def train(self, lists: int, *, progress: Progress = None) -> None:
+        """Divides the rows into lists by k-means, for searches with `probes`; 0 gives them up. Rows
+        that are upserted later join their lists, and a file keeps them. Searches and changes go on
+        meanwhile. The same rows give the same lists.
+
+        lists     0, or 1 to 65536 and at most the number of rows; about its square root is usual.
+        progress  as of :meth:`save`.
+        """
+        count, report = _arrays.number("lists", lists, 0, 65536), _calls.report_of(progress)
+        with self._reading() as (_, collection, _view):
+            _calls.run(lambda work: int(_library.collection().qx_collection_train(
+                collection, count, work.progress, None)), report, True)
+
+    @property
+    def lists(self) -> int:
+        """The number of lists that :meth:`train` has made, or 0."""
+        return self.stats().lists
+
+    def tune(self, k: int = 10, recall: float = 0.95, queries: Optional[npt.ArrayLike] = None, *,
+             filter: Union[Filter, str, None] = None, among: Optional[IdsLike] = None,
+             accept: Optional[Callable[[Any], object]] = None, progress: Progress = None) -> Tuning:
+        """Finds the fewest `probes` by which searches find a part of their k best rows.
+
+        k        1 or more.
+        recall   that part: above 0, at most 1.
+        queries  of shape (n, dim) or (dim,), such as those to come; None takes up to 200 rows of the
+                 collection, which are easier.
+
+        The other arguments are those of :meth:`search`.
+        """
+        handle = self._open()
+        vectors = None if queries is None else _values.vectors("queries", queries, handle.dim, (1, 2))
+        wanted = _arrays.number("k", k, 1, _arrays.INT64_MAX)
+        part = _arrays.fraction("recall", recall)
+        search = _search(handle, filter, among, accept)
+        report, tuning = _calls.report_of(progress), _library.Tuning()
+        given = (None, 0) if vectors is None else (vectors.ctypes.data, vectors.size // handle.dim)
+        if vectors is not None and vectors.size == 0:
+            raise ValueError("queries must be one at least")
+        with self._reading() as (_, collection, _view):
+            _run(search, accept, report, True, lambda: _library.collection().qx_collection_tune(
+                collection, *given, wanted, part, ctypes.byref(search), ctypes.byref(tuning)))
+        return Tuning(tuning.probes, tuning.recall, tuning.seconds, tuning.exact_seconds,
+                      tuning.n_queries)
+
     def stats(self) -> Stats:
-        """Numbers of rows, segments and bytes."""
+        """Numbers of rows, segments, bytes and lists."""
         stats = _library.CollectionStats()
         with self._reading() as (_, collection, _view):
             _library.collection().qx_collection_stats(collection, ctypes.byref(stats))
         return Stats(*(getattr(stats, name) for name in Stats._fields))
+
+    def copy(self) -> Collection:
+        """A collection of the same rows, lists and options, by the bytes of a file."""
+        return copy.copy(self)
 
     def __reduce__(self) -> Any:
         """Copied and pickled as the bytes of a file, with the options."""
@@ -467,10 +524,25 @@ def _options(threads: int, memory_limit: int, manual: bool) -> _library.Options:
 
 
 def _search(handle: _Handle, filter: Union[Filter, str, None], among: Optional[IdsLike],
-            threads: int) -> _library.Search:
+            accept: Optional[Callable[[Any], object]] = None, threads: int = 0,
+            probes: int = 0) -> _library.Search:
     """What a search asks of rows."""
-    search = _library.Search(filter=text_of(filter), threads=_arrays.count("threads", threads))
+    search = _library.Search(filter=text_of(filter), threads=_arrays.count("threads", threads),
+                             probes=_arrays.count("probes", probes))
     listed = None if among is None else _values.ids("among", among, handle.has_texts)
     if listed is not None:
         search.among, search.kept = ctypes.pointer(listed.struct), listed
+    if accept is not None and not callable(accept):
+        raise TypeError(f"accept must be callable, not {type(accept).__name__}")
     return search
+
+
+def _run(search: _library.Search, accept: Optional[Callable[[Any], object]],
+         report: Optional[_calls.Report], is_long: bool, call: Callable[[], Any]) -> None:
+    """Makes a call that reads the search."""
+    def run(work: _calls.Work) -> int:
+        search.progress = work.progress
+        if accept is not None:
+            search.accept = work.acceptance(accept)
+        return int(call())
+    _calls.run(run, report, accept is not None or is_long)

@@ -113,6 +113,11 @@ class CollectionStats(ctypes.Structure):
                                             "lists")]
 
 
+class Tuning(ctypes.Structure):
+    _fields_ = [("n_queries", _int64), ("probes", _int32), ("recall", ctypes.c_double),
+                ("seconds", ctypes.c_double), ("exact_seconds", ctypes.c_double)]
+
+
 _out = ctypes.c_void_p  # where a pointer is to be written
 _COLLECTION_FUNCTIONS: dict[str, tuple[Any, ...]] = {
     "qx_collection_new": (_int32, ctypes.POINTER(Options), _out),
@@ -136,6 +141,9 @@ _COLLECTION_FUNCTIONS: dict[str, tuple[Any, ...]] = {
     "qx_collection_list": (_int32, _handle, _handle, ctypes.c_char_p, Ids, _int64, _out),
     "qx_collection_count": (_int64, _handle, _handle),
     "qx_collection_stats": (None, _handle, ctypes.POINTER(CollectionStats)),
+    "qx_collection_train": (_int32, _handle, _int64, Progress, ctypes.c_void_p),
+    "qx_collection_tune": (_int32, _handle, _array, _int64, _int64, ctypes.c_double,
+                           ctypes.POINTER(Search), ctypes.POINTER(Tuning)),
     "qx_collection_save": (_int32, _handle, _handle, ctypes.c_char_p, Progress, ctypes.c_void_p),
     "qx_collection_load": (_int32, ctypes.c_char_p, ctypes.POINTER(Options), Progress,
                            ctypes.c_void_p, _out),

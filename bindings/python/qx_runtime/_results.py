@@ -174,3 +174,14 @@ class Stats(NamedTuple):
     tail_rows: int  #: of the rows, those that are in no segment yet
     segments: int
     bytes: int  #: of all rows, those of views and of compaction included
+    lists: int  #: 0 before :meth:`Collection.train`
+
+
+class Tuning(NamedTuple):
+    """What :meth:`Collection.tune` has measured."""
+
+    probes: int  #: the fewest that reach the recall; what ``search(probes=...)`` takes
+    recall: float  #: that they reach: the part of the k best rows found
+    seconds: float  #: of a search with them, one query on one thread: the median
+    exact_seconds: float  #: of one of all rows
+    queries: int  #: that were measured

@@ -90,6 +90,9 @@ class Player:
         ids = [self.id() for _ in range(self.rng.randrange(5))]
         if self.rng.random() < 0.3:
             assert rows.remove(ids) == len({id for id in ids if model.pop(id, None) is not None})
+            if model:
+                gone = self.rng.choice(list(model))
+                del rows[gone], model[gone]
             return
         vectors, values = self.vectors(len(ids)), self.values(len(ids))
         if self.rng.random() < 0.3 and (set(ids) & set(model) or len(set(ids)) < len(ids)):
@@ -202,6 +205,30 @@ def test_the_metric_stays(metric, tmp_path):
         assert list(each.search([3, 4], 2)) == {
             "ip": [(1, 25), (2, 4)], "euclidean": [(1, 0), (2, 18)],
             "cosine": [(1, 1.0), (2, float(np.float32(0.8)))]}[metric]
+
+
+def test_searches_of_lists(tmp_path):
+    rows, query = qx.Collection(3, columns={"n": int}), [0.75, 1, 0]
+    rows.add([1, 2, 3], np.eye(3))
+    rows.train(3)  # a list for each
+    rows.add(4, [10, 0, 0], n=1)  # joins the list of 1
+    rows.save(tmp_path / "rows")
+    for each in (rows, rows.view(), rows.copy(), qx.Collection.load(tmp_path / "rows")):
+        for probes, best in [(0, (4, 7.5)), (1, (2, 1.0)), (2, (4, 7.5)), (99, (4, 7.5))]:
+            assert list(each.search(query, 1, probes=probes)) == [best]
+        batch = each.search([query, [0, 0, 1]], 1, probes=1)
+        assert batch.ids.tolist() == [[2], [3]] and batch.scores.tolist() == [[1.0], [1.0]]
+        assert list(each.search(query, probes=1)) == [(4, 7.5), (2, 1.0), (1, 0.75), (3, 0.0)]
+        assert list(each.search(query, filter="n = 1", probes=1)) == [(4, 7.5)]
+        assert "of 3 lists, the nearest 1" in each.explain(probes=1)
+    for recall, probes in [(0.5, 1), (0.75, 2), (1, 2)]:
+        tuning = rows.tune(1, recall, [query, [0, 0, 1]])
+        assert (tuning.probes, tuning.recall, tuning.queries) == (probes, 0.5 * probes, 2)
+    assert rows.tune(1, 1, [0, 1, 0.5], among=[2, 3], accept=lambda id: id > 2)[:2] == (2, 1.0)
+    assert rows.tune(2).queries == 4
+    assert rows.lists == rows.stats().lists == rows.copy().lists == 3
+    rows.train(0)
+    assert rows.lists == 0
 
 
 # ---- Arguments ----
@@ -338,6 +365,19 @@ NO_CALLS = [
     (lambda c: c.search([1, 2], accept=lambda id: id in c), RuntimeError, "must not use"),
     (lambda c: c.search([1, 2], progress=lambda *_: len(c)), RuntimeError, "must not use"),
     (lambda c: c.search([1, 2], accept=lambda id: 1 // 0), ZeroDivisionError, ""),
+    (lambda c: c.search([1, 2], probes=-1), ValueError, "probes must be"),
+    (lambda c: c.search([1, 2], probes=1), ValueError, "no lists to probe"),
+    (lambda c: c.view().search([1, 2], probes=1.0), TypeError, "probes must be an integer"),
+    (lambda c: c.train(2), ValueError, "2 lists of 1 rows"), (lambda c: c.train(-1), ValueError, "lists"),
+    (lambda c: c.train(1, progress=3), TypeError, "progress must be"),
+    (lambda c: c.tune(), ValueError, "no lists to probe"), (lambda c: c.tune(0), ValueError, "k must be"),
+    (lambda c: c.tune(1, 0), ValueError, "recall must be above 0"), (lambda c: c.tune(1, "1"), TypeError, ""),
+    (lambda c: c.tune(1, np.nan), ValueError, "not nan"), (lambda c: c.tune(1, True), TypeError, "not bool"),
+    (lambda c: c.tune(1, 10**400), ValueError, "at most 1"),
+    (lambda c: c.tune(1, 1, [[1]]), ValueError, "2 components, not 1"),
+    (lambda c: c.tune(1, 1, np.ones((0, 2))), ValueError, "one at least"),
+    (lambda c: c.tune(accept=3), TypeError, "accept must be callable"),
+    (lambda c: c.__delitem__(2), KeyError, "2"), (lambda c: c.__delitem__([1]), TypeError, "takes a list"),
     (lambda c: c.add(1, [1, 2]), ValueError, "there is a row of id 1"),
     (lambda c: c.add(9, [1, 2], {"label": 1}, label=2), TypeError, "label is given twice"),
     (lambda c: c.upsert(9, [1, 2], [1]), TypeError, "a mapping by name"),
@@ -436,7 +476,8 @@ def test_a_closed_collection(tmp_path):
         pass
     for call in (len, list, repr, lambda c: c.search([1]), lambda c: c.upsert(1, [1]), lambda c: 1 in c,
                  lambda c: c.save(tmp_path / "f"), lambda c: c.view(), lambda c: c.compact(),
-                 lambda c: c.get([1]), lambda c: c.dim, lambda c: c["x"], lambda c: c.rows()):
+                 lambda c: c.get([1]), lambda c: c.dim, lambda c: c["x"], lambda c: c.rows(),
+                 lambda c: c.train(1), lambda c: c.tune(), lambda c: c.lists, lambda c: c.__delitem__(1)):
         if call is repr:
             assert repr(rows) == "<qx_runtime.Collection, closed>"
             continue
@@ -458,7 +499,8 @@ def test_nothing_is_left_for_the_collector_of_garbage():
     rows.add([1, 2], [[1], [2]])
     gc.collect()
     rows.search([1]), rows.search([1], accept=bool), rows.search([1], progress=lambda *_: None)
-    list(rows), rows.compact(), rows.view().search([1]), rows.stats()
+    list(rows), rows.compact(), rows.view().search([1]), rows.stats(), rows.train(1)
+    rows.search([1], probes=1), rows.tune(1, 1), rows.tune(accept=bool)
     assert gc.collect() == 0
 
 
@@ -549,7 +591,8 @@ def test_threads_share_a_collection():
 
 def long_calls(rows, path):
     return [lambda **given: rows.search(np.ones((9, 2)), **given), rows.compact,
-            lambda **given: rows.save(path, **given), lambda **given: qx.Collection.load(path, **given)]
+            lambda **given: rows.save(path, **given), lambda **given: qx.Collection.load(path, **given),
+            lambda **given: rows.train(7, **given), rows.tune]
 
 
 @pytest.fixture
@@ -557,6 +600,7 @@ def some_rows(tmp_path):
     rows = qx.Collection(2)
     rows.add(range(5000), np.ones((5000, 2)))
     rows.remove(range(10))
+    rows.train(3)
     rows.save(tmp_path / "rows")
     return rows, long_calls(rows, tmp_path / "rows")
 
@@ -573,19 +617,19 @@ class Bar:
 
 
 def test_progress(some_rows, monkeypatch, capsys):
-    bars = [Bar() for _ in range(8)]
+    bars = [Bar() for _ in range(2 * len(some_rows[1]))]
     for call, bar in zip(some_rows[1], bars):
         seen = []
         call(progress=lambda *given: seen.append(given))
         assert seen[-1][0] == seen[-1][1] and all(0 <= done <= total for done, total in seen)
         call(progress=bar)
         assert bar.n == bar.total > 0 and bar.open
-    left = bars[4:]
+    left = bars[len(some_rows[1]):]
     monkeypatch.setitem(sys.modules, "tqdm", types.ModuleType("tqdm"))
     monkeypatch.setitem(sys.modules, "tqdm.auto", types.SimpleNamespace(tqdm=lambda: left.pop()))
     for call in some_rows[1]:
         call(progress=True)
-    assert all(bar.n == bar.total and not bar.open for bar in bars[4:])
+    assert all(bar.n == bar.total and not bar.open for bar in bars[len(some_rows[1]):])
     monkeypatch.setitem(sys.modules, "tqdm.auto", None)  # it cannot be imported
     some_rows[1][2](progress=True)
     assert capsys.readouterr().err.endswith("\r100 %\n")
@@ -616,8 +660,9 @@ rows.upsert(range(30000), rng.standard_normal((30000, 16)), n=np.arange(30000))
 queries = rng.standard_normal((400, 16))
 right = rows.search(queries[:3]).ids.tolist()
 rows.save(sys.argv[1])
+rows.train(20)
 calls = [lambda: rows.search(queries), rows.compact, lambda: rows.save(sys.argv[1]),
-         lambda: qx.Collection.load(sys.argv[1])]
+         lambda: qx.Collection.load(sys.argv[1]), lambda: rows.train(100), lambda: rows.tune(queries=queries)]
 waiting = threading.Event()
 def spin(id):
     waiting.wait()
@@ -651,7 +696,7 @@ print(rounds, "interrupts")
 def test_an_interrupt_is_raised_in_the_caller(tmp_path):
     done = subprocess.run([sys.executable, "-c", INTERRUPTED, str(tmp_path / "rows")], timeout=100,
                           capture_output=True, text=True)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "40 interrupts\n", "")
+    assert (done.returncode, done.stdout, done.stderr) == (0, "60 interrupts\n", "")
     assert [path.name for path in tmp_path.iterdir()] == ["rows"]
 
 
@@ -686,7 +731,7 @@ def test_declarations_are_those_of_the_header():
         assert getattr(_library, name) == int(number), name
     plain = re.sub(r"/\*.*?\*/", "", header, flags=re.S)
     structs = re.findall(r"typedef struct Qx(\w+) \{(.*?)\} Qx", plain, re.S)
-    assert len(structs) == 9
+    assert len(structs) == 10
     for name, body in structs:
         declared = [re.search(r"\(\*(\w+)\)|(\w+)$", field.strip()) for field in body.split(";")[:-1]]
         fields = [match[1] or match[2] for match in declared]

@@ -31,6 +31,12 @@ def main() -> None:
     assert stats.rows == 3
     batch = songs.search(np.eye(2, dtype=np.float32), among=[1, 2], accept=lambda id: bool(id > 1))
     assert [len(hits) for hits in batch] == [1, 1]
+    songs.train(2, progress=lambda done, total: None)
+    tuning: qx.Tuning = songs.tune(1, 0.9, [[1.0, 0.0]])
+    assert 1 <= tuning.probes <= songs.lists and songs.search([1.0, 0.0], 1, probes=tuning.probes)
+    del songs[3]
+    copied: qx.Collection = songs.copy()
+    assert list(copied) == [1, 2]
 
 
 main()
