@@ -1,6 +1,7 @@
 // Searches: what rank 0 is asked goes to all ranks, each searches its rows, and the lists are
 // merged on their way back: the k best of two lists are the k best of all rows that either has
 // seen. The order of a collection is total, so ranks may be merged in any order, two at a time.
+#include <cmath>
 #include <cstring>
 
 #include "sharded_collection.hpp"
@@ -25,10 +26,14 @@ std::vector<T> taken(const std::byte*& from, std::int64_t count) {
   return numbers;
 }
 
-thread_local Hit* merged = nullptr;  // MPI gives the callback below no argument of ours
+// MPI gives the callback below no argument of ours.
+thread_local Hit* merged = nullptr;
+thread_local bool is_rising = false;  // the order of scores: that of distances
 
+// A slot without a hit comes after every hit.
 bool comes_before(const Hit& one, const Hit& other) {
-  if (one.score != other.score) return one.score > other.score;
+  if (std::isnan(one.score) || std::isnan(other.score)) return std::isnan(other.score);
+  if (one.score != other.score) return is_rising == (one.score < other.score);
   return one.id < other.id;
 }
 
@@ -97,10 +102,11 @@ ShardedCollection::Hits ShardedCollection::search(Floats queries, std::int64_t k
       if (!ranks_.is_root()) return;
       for (std::int64_t q = 0; q < round.queries; ++q) found.emplace_back(at(round.k));
     });
+    is_rising = schema_.metric == QX_EUCLIDEAN;
     reduce_to_root(lists, round.k, buffer, ranks_);
     for (std::size_t q = first; q < found.size(); ++q) {
       std::copy_n(lists.data() + (q - first) * at(round.k), round.k, found[q].data());
-      std::erase_if(found[q], [](const Hit& hit) { return hit.score == Hit().score; });
+      std::erase_if(found[q], [](const Hit& hit) { return std::isnan(hit.score); });
     }
     left = round.left;
   }

@@ -11,7 +11,7 @@ namespace {
 constexpr std::int64_t kMostReceived = std::int64_t{1} << 30;
 
 std::string text_of_schema(const QxOptions& schema) {
-  std::string text = std::to_string(schema.dim);
+  std::string text = std::to_string(schema.dim) + ' ' + std::to_string(schema.metric);
   for (std::int32_t i = 0; i < schema.n_columns; ++i) {
     text += ' ' + std::to_string(schema.columns[i].type) + schema.columns[i].name;
   }
@@ -48,7 +48,8 @@ ShardedCollection::ShardedCollection(MPI_Comm ranks, const QxOptions& options, c
   });
   const std::vector<char> of_root = ranks_.shared(std::span<const char>(schema));
   ranks_.together([&] {
-    require(std::ranges::equal(schema, of_root), "dim or columns differ from those of rank 0");
+    require(std::ranges::equal(schema, of_root),
+            "dim, metric or columns differ from those of rank 0");
   });
   const std::int64_t found = ranks_.sum(qx_collection_count(own_.get(), nullptr));
   require<std::runtime_error>(found == rows, "the files have ", found, " rows, and the manifest ",

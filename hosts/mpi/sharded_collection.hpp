@@ -23,11 +23,11 @@ namespace qx::mpi {
 
 struct Rows;
 
-// Without padding, since ranks send lists byte by byte. A slot without a hit comes after every hit.
+// Without padding, since ranks send lists byte by byte.
 #pragma pack(push, 4)
 struct Hit {
   std::int64_t id = INT64_MAX;
-  float score = -std::numeric_limits<float>::infinity();
+  float score = std::numeric_limits<float>::quiet_NaN();  // of a slot without a hit
 };
 #pragma pack(pop)
 static_assert(sizeof(Hit) == 12);
@@ -42,8 +42,8 @@ class ShardedCollection {
   // How many bytes a round of messages carries over all ranks, about.
   static constexpr std::int64_t kRoundBytes = std::int64_t{1} << 28;
 
-  // An empty collection. Ids are numbers. Ranks must agree on dim and columns, and may differ in
-  // threads and memory_limit. MPI must outlive the collection.
+  // An empty collection. Ids are numbers. Ranks must agree on dim, metric and columns, and may
+  // differ in threads and memory_limit. MPI must outlive the collection.
   ShardedCollection(MPI_Comm ranks, const QxOptions& options,
                     std::int64_t round_bytes = kRoundBytes);
   // What as many ranks have saved to a folder. Of the options threads, memory_limit and manual
@@ -55,7 +55,7 @@ class ShardedCollection {
   ShardedCollection& operator=(const ShardedCollection&) = delete;
 
   const Communicator& ranks() const { return ranks_; }
-  const QxOptions& schema() const { return schema_; }  // dim and columns
+  const QxOptions& schema() const { return schema_; }  // dim, metric and columns
   std::int64_t count() const;                          // of rows, on all ranks
   std::int64_t bytes() const;                          // of all rows, on all ranks
 

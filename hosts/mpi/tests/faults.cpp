@@ -40,7 +40,8 @@ constexpr QxColumn kColumns[] = {{"label", QX_INTEGER}, {"lang", QX_TEXT}};
 
 struct TestCollection : ShardedCollection {
   explicit TestCollection(std::int32_t dim, std::size_t rows = 0, std::int64_t memory_limit = 0)
-      : ShardedCollection(MPI_COMM_WORLD, {dim, QX_NUMBERS, kColumns, 2, 0, memory_limit, 0}) {
+      : ShardedCollection(MPI_COMM_WORLD,
+                          {dim, QX_NUMBERS, kColumns, 2, 0, memory_limit, 0, QX_INNER_PRODUCT}) {
     upsert_first(rows);
   }
   void upsert_first(std::size_t rows) {

@@ -42,6 +42,7 @@ class History {
     options.dim = static_cast<std::int32_t>(percent(20) ? between(300, 600) : between(1, 40));
     options.columns = kColumns;
     options.n_columns = 4;
+    options.metric = static_cast<std::int32_t>(between(QX_INNER_PRODUCT, QX_EUCLIDEAN));
     small_ = percent(60);
     round_bytes_ = percent(50) ? between(1, 20'000) : ShardedCollection::kRoundBytes;
     sharded_ = std::make_unique<ShardedCollection>(MPI_COMM_WORLD, options, round_bytes_);
