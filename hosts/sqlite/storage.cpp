@@ -165,6 +165,7 @@ void Storage::migrate() {
   Statement(database_, sql + " FROM " + name("rows") + " ORDER BY rowid")
       .each([&](const Statement& row) {
         std::vector<sqlite3_value*> values;
+        values.reserve(declaration_.columns.size());
         for (int i = 0; i < declaration_.command_column(); ++i) values.push_back(row.value(i + 1));
         const Floats vector =
             vector_of(row.value(declaration_.vector_column + 1), declaration_.dim, "of a row");
