@@ -472,7 +472,8 @@ Floats Storage::centroids() {
       .each(
           [&](const Statement& row) {
             centroids.resize(row.blob(0).size() / sizeof(float));
-            std::memcpy(centroids.data(), row.blob(0).data(), centroids.size() * sizeof(float));
+            const std::size_t bytes = centroids.size() * sizeof(float);
+            if (bytes > 0) std::memcpy(centroids.data(), row.blob(0).data(), bytes);
           },
           std::string_view("centroids"));
   turn_order(centroids);
