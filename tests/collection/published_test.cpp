@@ -66,53 +66,118 @@ TEST(Published, KeepsNothingThatNobodyHolds) {
   EXPECT_EQ(Living::count, 0);
 }
 
-// Stops a thread, wherever it is, until it may go on.
-std::atomic<bool> is_stopped = false;
-std::atomic<bool> may_go_on = false;
-void stop(int) {
-  is_stopped = true;
-  while (!may_go_on) std::this_thread::yield();
-  is_stopped = false;
-}
+// A thread that reads on, and can be stopped wherever it is.
+class Reader {
+ public:
+  explicit Reader(const Published<Living>& published)
+      : thread_([this, &published] {
+          here = this;
+          for (is_running_ = true; !is_over_;) published.get();
+        }) {
+    wait_for(is_running_, true);
+  }
+  Reader(const Reader&) = delete;
+  ~Reader() {
+    is_over_ = true;
+    thread_.join();
+  }
+  void stop() {
+    may_go_on_ = false;
+    pthread_kill(thread_.native_handle(), SIGUSR1);
+    wait_for(is_stopped_, true);
+  }
+  void go_on() {
+    may_go_on_ = true;
+    wait_for(is_stopped_, false);
+  }
+  static void handle(int) {
+    here->is_stopped_ = true;
+    wait_for(here->may_go_on_, true);
+    here->is_stopped_ = false;
+  }
 
-// A writer that returns has met no reader; one that does not, waits for it.
-TEST(Published, WaitsForAReaderThatIsStoppedWhileItReads) {
-#if defined(QX_SANITIZED)
-  GTEST_SKIP() << "a sanitizer may hold signals back";
-#endif
-  const auto before = std::signal(SIGUSR1, stop);
-  Published<Living> published(living(0));
-  std::atomic<bool> is_over = false;
-  std::thread reader([&] {
-    while (!is_over) published.get();
-  });
-  bool is_met = false;
-  for (std::int64_t i = 1; i < 10000 && !is_met; ++i) {
-    may_go_on = false;
-    pthread_kill(reader.native_handle(), SIGUSR1);
-    while (!is_stopped) std::this_thread::yield();
-    auto next = boxed(i);
-    std::atomic<bool> has_begun = false, is_set = false;
-    std::thread writer([&] {
-      has_begun = true;
-      published.set(std::move(next));
-      is_set = true;
-    });
-    while (!has_begun) std::this_thread::yield();
-    for (int waits = 0; waits < 30 && !is_set; ++waits) {
+ private:
+  static void wait_for(const std::atomic<bool>& flag, bool value) {
+    while (flag != value) std::this_thread::yield();
+  }
+
+  static inline thread_local Reader* here = nullptr;
+  std::atomic<bool> is_running_ = false, is_over_ = false, is_stopped_ = false, may_go_on_ = false;
+  std::thread thread_;
+};
+
+// One change, by a thread of its own.
+class Writer {
+ public:
+  Writer(Published<Living>& published, std::int64_t number)
+      : thread_([this, &published, next = boxed(number)]() mutable {
+          has_begun_ = true;
+          published.set(std::move(next));
+          is_set_ = true;
+        }) {
+    while (!has_begun_) std::this_thread::yield();
+  }
+  Writer(const Writer&) = delete;
+  ~Writer() { thread_.join(); }
+  bool waits(int milliseconds) const {
+    for (int polls = 0; polls < milliseconds && !is_set_; ++polls) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    is_met = !is_set;
-    EXPECT_TRUE(!is_met || Living::count == 2);
-    may_go_on = true;
-    writer.join();
-    while (is_stopped) std::this_thread::yield();
+    return !is_set_;
   }
-  is_over = true;
-  reader.join();
-  std::signal(SIGUSR1, before);
+
+ private:
+  std::atomic<bool> has_begun_ = false, is_set_ = false;
+  std::thread thread_;
+};
+
+// A writer that returns has met no reader; one that does not, waits for it.
+class PublishedToStopped : public testing::Test {
+ protected:
+  void SetUp() override {
+#if defined(QX_SANITIZED)
+    GTEST_SKIP() << "a sanitizer may hold signals back";
+#endif
+    before_ = std::signal(SIGUSR1, Reader::handle);
+  }
+  void TearDown() override { std::signal(SIGUSR1, before_); }
+
+ private:
+  void (*before_)(int) = SIG_DFL;
+};
+
+TEST_F(PublishedToStopped, WaitsForAReaderThatIsStoppedWhileItReads) {
+  Published<Living> published(living(0));
+  Reader reader(published);
+  bool is_met = false;
+  for (std::int64_t i = 1; i < 10000 && !is_met; ++i) {
+    reader.stop();
+    const Writer writer(published, i);
+    is_met = writer.waits(30);
+    EXPECT_TRUE(!is_met || Living::count == 2);
+    reader.go_on();
+  }
   EXPECT_TRUE(is_met);
-  EXPECT_EQ(Living::count, 1);
+}
+
+// While a writer waits for the first reader, the second comes in by the other counter.
+TEST_F(PublishedToStopped, WaitsForTheReadersOfBothCounters) {
+  Published<Living> published(living(0));
+  Reader first(published), second(published);
+  bool is_met = false;
+  for (std::int64_t i = 1; i < 100 && !is_met; ++i) {
+    first.stop();
+    const Writer writer(published, i);
+    if (writer.waits(30)) {
+      second.stop();
+      first.go_on();
+      is_met = writer.waits(400);  // a writer that does not wait may get no CPU for long
+      EXPECT_TRUE(!is_met || Living::count == 2);
+      second.go_on();
+    }
+    first.go_on();
+  }
+  EXPECT_TRUE(is_met);
 }
 
 TEST(Published, IsReadByManyWhileItIsReplaced) {

@@ -2,9 +2,12 @@
 // gone.
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <tuple>
 
 #include "collection/host.h"
+#include "interface/handles.h"
+#include "search/selection.h"
 #include "support/random.h"
 
 namespace qx_test {
@@ -185,6 +188,28 @@ INSTANTIATE_TEST_SUITE_P(Of, DenseTies,
                                                           Metric::kEuclidean),
                                           testing::ValuesIn(kPatterns)),
                          name_of);
+
+// A listed row behind the last of a range is of the next one.
+TEST(Selection, WritesNoMoreWordsThanTheRangeHas) {
+  const Schema schema = {1};
+  const Owned<QxCollection> collection(schema.create());
+  std::vector<std::int64_t> ids(200);
+  std::iota(ids.begin(), ids.end(), 0);
+  const Floats vectors(ids.size());
+  const QxIds all = {200, ids.data(), nullptr};
+  ASSERT_EQ(qx_collection_upsert(collection.get(), all, vectors.data(), nullptr), QX_OK);
+  QxSearch search = {};
+  search.among = &all;
+  const auto state = collection->collection.state();
+  const qx::collection::Restriction restriction(collection->collection.shape(), &search);
+  const qx::collection::Selection selection(*state, restriction);
+  constexpr std::uint64_t kOthers = 12344;
+  std::uint64_t words[] = {kOthers, kOthers, kOthers};
+  EXPECT_EQ(selection.select(0, 64, 64, words), 64);
+  EXPECT_TRUE(words[0] == ~std::uint64_t{0} && words[1] == kOthers);
+  EXPECT_EQ(selection.select(0, 0, 128, words), 128);
+  EXPECT_TRUE(words[1] == ~std::uint64_t{0} && words[2] == kOthers);
+}
 
 // The first rows that a batch scans, for its thresholds, are about four times k.
 TEST(Search, FindsNoRemovedRowBehindTheFirstOnesOfABatch) {
