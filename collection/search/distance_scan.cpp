@@ -29,6 +29,17 @@ void DistanceScan::add(const RowSpan& span) {
   }
 }
 
+void DistanceScan::add(Row, std::int64_t number) {
+  if (choice_.next(Judge::kEightBits) == Judge::kEightBits && has_bounds_ && has_threshold()) {
+    wait(Judge::kEightBits, number);
+    if (waiting_ >= kMaskRows) judge_waiting();
+  } else {
+    judge_waiting();
+    take(number);
+    choice_.record(Judge::kScores, 1, 0);
+  }
+}
+
 void DistanceScan::finish() {
   judge_waiting();
   score_taken();

@@ -17,6 +17,9 @@ class DistanceScan {
   // Adds the selected rows of a span. Its others may be read.
   void add(const RowSpan& span);
 
+  // Adds one row of the segment, by its number, as Scan::add() does.
+  void add(Row, std::int64_t number);
+
   // Completes the slots, which hold rows by their numbers. Must be called after the last row.
   void finish();
 

@@ -8,10 +8,9 @@ Probes::Probes(const Lists& lists, const Queries& queries)
     : probes_(static_cast<std::size_t>(queries.probes)),
       lists_(probes_ * static_cast<std::size_t>(queries.count)) {
   for (std::int64_t query = 0; query < queries.count; ++query) {
-    const auto nearest =
-        std::span(lists_).subspan(static_cast<std::size_t>(query) * probes_, probes_);
-    lists.find_nearest(queries.vector(query), nearest);
-    std::ranges::sort(nearest);
+    lists.find_nearest(
+        queries.vector(query),
+        std::span(lists_).subspan(static_cast<std::size_t>(query) * probes_, probes_));
   }
 }
 
@@ -26,8 +25,11 @@ void Probes::mark(const PartView& view, std::int64_t query, std::int64_t first, 
   };
   if (view.segment == nullptr) {
     const ListNumber* const lists = static_cast<const Tail&>(*view.part).lists();
+    const auto nearest = lists_of(query);
+    std::vector<ListNumber> probed(nearest.begin(), nearest.end());
+    std::ranges::sort(probed);
     for (std::int64_t row = first; row < first + count; ++row) {
-      if (std::ranges::binary_search(lists_of(query), lists[row])) set(row);
+      if (std::ranges::binary_search(probed, lists[row])) set(row);
     }
     return;
   }

@@ -27,12 +27,13 @@ struct Task {
 
 // Rows of a task. One query: few enough that threads end together. Several: their codes stay in the
 // second-level cache, so that a row that is read once serves all queries.
-std::int64_t rows_of_task(const Queries& queries) {
+std::int64_t rows_of_task(const Queries& queries, int threads) {
   constexpr std::int64_t kAlone = 65536;
   constexpr std::int64_t kProbed = std::int64_t{1} << 20;
+  constexpr std::int64_t kProbedAlone = std::int64_t{1} << 18;
   constexpr std::int64_t kCachedBytes = std::int64_t{1} << 20;
+  if (queries.probes > 0) return queries.count == 1 && threads > 1 ? kProbedAlone : kProbed;
   if (queries.count == 1) return kAlone;
-  if (queries.probes > 0) return kProbed;
   return std::clamp<std::int64_t>(kCachedBytes / (queries.dim / 2 + 8) / 64 * 64, 1024, kAlone);
 }
 
@@ -62,7 +63,7 @@ struct Opening {
 
 std::vector<Task> split(const State& state, const Queries& queries, const Opening& opening,
                         int threads) {
-  const std::int64_t most = rows_of_task(queries);
+  const std::int64_t most = rows_of_task(queries, threads);
   std::int64_t ranges = 1;
   for (const PartView& view : state.parts) ranges += (view.rows + most - 1) / most;
   const std::int64_t together = queries_of_task(ranges, queries.count, threads);
@@ -144,9 +145,8 @@ class Searcher {
     for (std::int64_t q = task.first_query; q < task.first_query + task.queries; ++q) {
       if (probes_ == nullptr) {
         search_rows(task, q, words, takes_most, slots, space);
-      } else if (const std::int64_t kept = keep_probed(task, q, words, space); kept > 0) {
-        const std::uint64_t* const probed = space.probed_words.data();
-        search_rows(task, q, probed, 4 * kept >= task.rows, std::min(k_, kept), space);
+      } else {
+        search_lists(task, q, words, space);
       }
     }
   }
@@ -164,6 +164,34 @@ class Searcher {
     } else {
       scan_segment(task, query, words, takes_most, slots, space);
     }
+  }
+
+  // Searches, of the rows that `words` select, those of the lists that a query probes.
+  void search_lists(const Task& task, std::int64_t query, const std::uint64_t* words,
+                    Workspace& space) const {
+    if (probes_few(task, query)) {
+      for (const ListNumber list : probes_->lists_of(query)) {
+        const auto rows = state_.parts[task.part].members->rows_of(list);
+        search_list(task, query, rows_between(rows, task), words, space);
+      }
+      return;
+    }
+    const std::int64_t kept = keep_probed(task, query, words, space);
+    if (kept == 0) return;
+    search_rows(task, query, space.probed_words.data(), 4 * kept >= task.rows, std::min(k_, kept),
+                space);
+  }
+
+  // Rows of lists are apart. If they are a larger part, it is quicker to read all that are between.
+  bool probes_few(const Task& task, std::int64_t query) const {
+    constexpr std::int64_t kFewOf = 10;
+    const PartView& view = state_.parts[task.part];
+    if (view.segment == nullptr) return false;
+    std::int64_t rows = 0;
+    for (const ListNumber list : probes_->lists_of(query)) {
+      rows += std::ssize(view.members->rows_of(list));
+    }
+    return kFewOf * rows < view.rows;
   }
 
   // Selects, of the rows that `words` select, those of the lists that a query probes. Returns how
@@ -233,6 +261,41 @@ class Searcher {
   static const std::uint64_t* words_of(const Task& task, const Task& run,
                                        const std::uint64_t* words) {
     return words == nullptr ? nullptr : words + (run.first - task.first) / kMaskRows;
+  }
+
+  static std::span<const std::uint32_t> rows_between(std::span<const std::uint32_t> rows,
+                                                     const Task& task) {
+    const auto first = std::ranges::lower_bound(rows, task.first);
+    return {first, std::lower_bound(first, rows.end(), task.first + task.rows)};
+  }
+
+  // The rows of a list come in the order of their ids, those of several lists in none: so each list
+  // has a scan of its own.
+  void search_list(const Task& task, std::int64_t query, std::span<const std::uint32_t> rows,
+                   const std::uint64_t* words, Workspace& space) const {
+    if (rows.empty()) return;
+    const std::int64_t slots = std::min({k_, std::ssize(rows), std::ssize(space.rows)});
+    const auto scan_rows = [&](auto& scan) {
+      for (const std::int64_t row : rows) {
+        const std::int64_t i = row - task.first;
+        const bool is_selected =
+            words == nullptr || (words[i / kMaskRows] >> i % kMaskRows & 1) != 0;
+        if (is_selected) scan.add({false, row}, row);
+      }
+      scan.finish();
+      offer_found(task, query, slots, space);
+    };
+    const Segment& segment = *state_.parts[task.part].segment;
+    const ResultSlots results = {slots, space.rows.data(), space.scores.data()};
+    if (queries_.metric == Metric::kEuclidean) {
+      DistanceScan scan(segment, queries_.vector(query), results,
+                        *best_[static_cast<std::size_t>(query)]);
+      scan_rows(scan);
+    } else {
+      Scan scan(segment.index(), queries_.vector(query), results, task.rows);
+      scan.leave_out_below(best_[static_cast<std::size_t>(query)]->threshold());
+      scan_rows(scan);
+    }
   }
 
   RowSpan span_of(const Task& task, const std::int64_t* ids, const std::uint64_t* words) const {

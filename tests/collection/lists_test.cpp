@@ -3,6 +3,7 @@
 // then find. Histories (history_test.cpp) compare searches of lists with the model.
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -247,6 +248,77 @@ double recall_of(const QxCollection* collection, const Floats& queries, std::int
     wanted += all->counts[q];
   }
   return static_cast<double>(found) / static_cast<double>(wanted);
+}
+
+// The ids of the rows in the lists nearest to a query.
+std::vector<std::int64_t> ids_of_lists(const QxCollection& collection, const float* query,
+                                       std::int32_t probes) {
+  const auto state = collection.collection.state();
+  std::vector<ListNumber> nearest(static_cast<std::size_t>(probes));
+  state->lists->find_nearest(query, nearest);
+  std::vector<std::int64_t> ids;
+  for (const auto& part : state->parts) {
+    const std::vector<ListNumber> lists = part.lists();
+    for (std::size_t row = 0; row < lists.size(); ++row) {
+      const bool is_probed = std::ranges::count(nearest, lists[row]) > 0;
+      if (is_probed) ids.push_back(part.part->key(static_cast<std::int64_t>(row)).number);
+    }
+  }
+  return ids;
+}
+
+Owned<QxHits> search_one(const QxCollection* collection, const Floats& query, std::int64_t k,
+                         const QxSearch& search) {
+  QxHits* hits = nullptr;
+  EXPECT_EQ(qx_collection_search(collection, nullptr, query.data(), 1, k, &search, &hits), QX_OK);
+  return Owned<QxHits>(hits);
+}
+
+// Few lists are searched row by row, many by what is between: rows of a segment and of a tail, with
+// scores that many rows have, of which some pass.
+TEST(Probes, FindTheBestRowsOfTheirListsAlone) {
+  constexpr std::int32_t kDim = 48;
+  constexpr std::int64_t kRows = 24000;
+  Random random(12);
+  for (const Metric metric : {Metric::kInnerProduct, Metric::kEuclidean}) {
+    const Owned<QxCollection> collection(Schema{kDim, false, {}, {}, metric}.create());
+    const Floats vectors = draw_floats(random, Values::kTies, kRows * kDim);
+    std::vector<std::int64_t> ids;
+    for (std::int64_t id = 0; id < kRows; ++id) ids.push_back(id);
+    const auto upsert = [&](std::int64_t first, std::int64_t end) {
+      ASSERT_EQ(qx_collection_upsert(collection.get(), {end - first, ids.data() + first, nullptr},
+                                     vectors.data() + first * kDim, nullptr),
+                QX_OK);
+    };
+    upsert(0, kRows - 300);
+    ASSERT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
+    train(collection.get(), 80);
+    upsert(kRows - 300, kRows);
+    for (int round = 0; round < 40; ++round) {
+      const Floats query = draw_floats(random, Values::kTies, kDim);
+      QxSearch probed = {};
+      probed.threads = random.between32(1, 3);
+      probed.probes = random.any_of<std::int32_t>({1, 3, 60});
+      QxSearch listed = {};
+      if (random.percent(50)) {
+        listed.accept = probed.accept = [](void*, std::int64_t id, const QxText*) {
+          return static_cast<std::int32_t>(id % 3);
+        };
+      }
+      const auto rows = ids_of_lists(*collection, query.data(), probed.probes);
+      const QxIds among = {std::ssize(rows), rows.data(), nullptr};
+      listed.among = &among;
+      const std::int64_t most = search_one(collection.get(), query, kRows, listed)->counts[0];
+      const std::int64_t k = std::min(most, random.any_of<std::int64_t>({1, 10, 150}));
+      if (k == 0) continue;
+      const auto expected = search_one(collection.get(), query, k, listed);
+      const auto found = search_one(collection.get(), query, k, probed);
+      ASSERT_EQ(found->counts[0], k);
+      const auto n = static_cast<std::size_t>(k);
+      EXPECT_EQ(std::memcmp(found->ids, expected->ids, n * sizeof(std::int64_t)), 0) << round;
+      EXPECT_EQ(std::memcmp(found->scores, expected->scores, n * sizeof(float)), 0) << round;
+    }
+  }
 }
 
 TEST(Tuning, SaysWhatSearchesThenFind) {
