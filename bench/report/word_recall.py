@@ -2,7 +2,6 @@
 
 word_recall.py JSON DOCS    bench/word_recall calls it
 """
-import json
 import os
 import pathlib
 import statistics
@@ -13,6 +12,7 @@ import numpy as np
 
 import machine
 import plots
+from words import read_vectors
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bindings/python/ann_benchmarks"))
 from module import QxRuntimeExact, QxRuntimeIVF  # noqa: E402
@@ -24,15 +24,6 @@ PROBES = (1, 2, 4, 8, 16, 32, 64, 128)
 
 def progress(text):
     print(text, file=sys.stderr, flush=True)
-
-
-def read_vectors(path):
-    """The components of every word that has a vector, in the order of the package."""
-    with open(path, encoding="utf-8") as file:
-        package = json.load(file)
-    vectors, dim = package["vectors"], package["dimensions"]
-    return np.array([vectors[word][:dim] for word in package["words"] if word in vectors],
-                    dtype=np.float32)
 
 
 def time_queries(contestant, queries):
@@ -93,10 +84,9 @@ Written by `bench/word_recall`, which runs the adapter of `bindings/python/ann_b
 
 {rows:,} words of dimension {dim} are searched, and {QUERIES:,} others, drawn with a fixed seed, are \
 asked for, one at a time, for their {K} nearest by angle. One thread; {ROUNDS} interleaved rounds, of \
-which the median counts. The time is that of a call in Python, scaling of the query included: a *CPU \
-second* is one that the thread ran for, and the other column has the clock's, with the waits for other \
-programs. Recall is the share of the ids that the exact search finds. The lists come from a few rounds \
-of clustering in the adapter, and the base is in their order.
+which the median counts. The time is that of a call of `Collection.search` in Python: a *CPU second* is \
+one that the thread ran for, and the other column has the clock's, with the waits for other \
+programs. Recall is the share of the ids that the exact search finds. `Collection.train` makes the lists.
 
 {machine.cpu()}. The load of the machine was {load[0]:.1f} before and {load[1]:.1f} after: above 1, \
 others shared its cores, caches and memory, so the figures are low. {time.strftime('%Y-%m-%d')}.
@@ -130,4 +120,5 @@ def main():
     print(text, end="")
 
 
-main()
+if __name__ == "__main__":
+    main()
