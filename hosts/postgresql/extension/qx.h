@@ -1,0 +1,114 @@
+/* What the files of the extension share. */
+#ifndef QX_H
+#define QX_H
+
+#include "access/relation.h"
+#include "executor/tuptable.h"
+#include "fmgr.h"
+#include "lib/stringinfo.h"
+#include "postgres.h"
+#include "qx_collection.h"
+#include "utils/array.h"
+#include "utils/rel.h"
+#include "utils/snapshot.h"
+#include "wire.h"
+
+#define QX_MOST_COLUMNS 100
+
+/* ---- definition.c: what an index is, which the triggers of its table say ------------------- */
+
+typedef struct QxColumnOf {
+  AttrNumber number;
+  Oid sql_type;
+  int32 type;
+} QxColumnOf;
+
+typedef struct QxDefinition {
+  Oid table;
+  bool exists;
+  bool complete; /* its triggers are all there and fire always */
+  Oid log, log_key, tables;
+  Oid primary_key; /* the index of the table */
+  QxColumnOf id;
+  AttrNumber vector;
+  int n_columns;
+  QxColumnOf columns[QX_MOST_COLUMNS];
+  int32 metric;
+  int32 dim; /* 0: not known yet */
+} QxDefinition;
+
+extern int32 qx_memory_limit; /* MB */
+
+Oid qx_schema(void); /* or InvalidOid */
+Oid qx_object(const char* name);
+/* Valid until the next call. */
+const QxDefinition* qx_definition(Relation table);
+void qx_require_index(Relation table, const QxDefinition* definition);
+int32 qx_type_of(Oid sql_type); /* -1: none */
+void qx_watch_definitions(void);
+
+/* ---- writes.c: entries of the log ---------------------------------------------------------- */
+
+/* What keeps an array from being a vector, or null. */
+const char* qx_vector_problem(ArrayType* array, int32 dim);
+void qx_decide_dim(Relation table, int32 dim);
+
+/* The numbers of an array of one dimension without a NULL. */
+static inline const float* qx_numbers(const ArrayType* array) {
+  int32 offset = ARR_HASNULL(array) ? array->dataoffset : (int32)ARR_OVERHEAD_NONULLS(1);
+  return (const float*)((const char*)array + offset);
+}
+
+/* ---- snapshots.c: which entries of the log two snapshots disagree about --------------------- */
+
+typedef struct QxChanges {
+  bool all; /* any row may have changed */
+  bool any_entry;
+  int64* ids; /* distinct */
+  int count;
+} QxChanges;
+
+void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file);
+bool qx_committed_before(uint64 xid, const QxHorizon* horizon, const uint64* running);
+/* Reads the log by `reading`; rows that `horizon` and `snapshot` may see differently. */
+QxChanges qx_changes_between(const QxDefinition* definition, Snapshot reading,
+                             const QxHorizon* horizon, const uint64* running, Snapshot snapshot);
+uint64 qx_full_xid(TransactionId xid);
+
+/* ---- rows.c: rows of a table as a message ------------------------------------------------- */
+
+typedef struct QxRowsMessage QxRowsMessage;
+
+QxRowsMessage* qx_rows_new(const QxDefinition* definition, int32 dim);
+void qx_rows_remove(QxRowsMessage* rows, const int64* ids, int count);
+/* Leaves rows without a vector out. What is wrong with a row, or null. */
+const char* qx_rows_add(QxRowsMessage* rows, TupleTableSlot* slot);
+bool qx_rows_full(const QxRowsMessage* rows);
+int qx_rows_count(const QxRowsMessage* rows);
+void qx_rows_write(QxRowsMessage* rows, StringInfo to); /* and starts anew */
+int64 qx_id_of(const QxColumnOf* id, Datum datum);
+/* Adds the rows of ids that a snapshot sees. */
+const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot, const int64* ids,
+                          int count);
+/* The dimension of the first vector that a snapshot sees, or 0. */
+int32 qx_find_dim(Relation table, const QxDefinition* definition, Snapshot snapshot);
+void qx_write_schema(StringInfo to, const QxDefinition* definition, int32 dim, Relation table);
+void qx_write_text(StringInfo to, const char* text);
+
+#define qx_put(to, type, value)                                    \
+  do {                                                             \
+    type put_ = (value);                                           \
+    appendBinaryStringInfo((to), (const char*)&put_, sizeof put_); \
+  } while (0)
+
+/* ---- program.c: the connection to the program ---------------------------------------------- */
+
+#define QX_SOCKET_LENGTH 64
+void qx_socket_name(char* name);
+/* Starts a worker where there is none. Gives the status; the answer is valid until the next call.
+   Refusals and lost connections are errors. */
+uint32 qx_ask(uint32 kind, StringInfo body, StringInfo answer);
+bool qx_try_ask(uint32 kind, StringInfo body, StringInfo answer); /* false: nothing runs */
+void qx_tell(uint32 kind);
+
+#endif

@@ -1,0 +1,276 @@
+/*
+ * A search asks the program, whose rows are those of the worker's snapshot. Rows that the caller's
+ * snapshot may see differently are then read by it and replaced for this search alone. Where the
+ * log cannot say which, the program ranks all rows of the table as the caller sees them.
+ */
+#include "access/genam.h"
+#include "access/table.h"
+#include "access/tableam.h"
+#include "access/xact.h"
+#include "catalog/pg_type.h"
+#include "extension/qx.h"
+#include "funcapi.h"
+#include "miscadmin.h"
+#include "pgstat.h"
+#include "storage/latch.h"
+#include "utils/acl.h"
+#include "utils/array.h"
+#include "utils/builtins.h"
+#include "utils/rls.h"
+#include "utils/snapmgr.h"
+
+PG_FUNCTION_INFO_V1(qx_search);
+PG_FUNCTION_INFO_V1(qx_last_search);
+PG_FUNCTION_INFO_V1(qx_stat);
+
+static const char* last_search = "none";
+
+typedef struct Search {
+  Relation table;
+  QxDefinition definition;
+  Snapshot snapshot; /* the caller's */
+  StringInfoData question, message, answer;
+  int64 count;
+  const char* hits; /* ids, then scores */
+} Search;
+
+static void take(const char** from, void* to, size_t size) {
+  memcpy(to, *from, size);
+  *from += size;
+}
+
+static void check_privileges(const Search* s) {
+  const QxDefinition* d = &s->definition;
+  Oid user = GetUserId();
+  int i;
+  bool allowed = pg_class_aclcheck(d->table, user, ACL_SELECT) == ACLCHECK_OK;
+  if (!allowed) {
+    allowed = pg_attribute_aclcheck(d->table, d->id.number, user, ACL_SELECT) == ACLCHECK_OK &&
+              pg_attribute_aclcheck(d->table, d->vector, user, ACL_SELECT) == ACLCHECK_OK;
+    for (i = 0; i < d->n_columns; i++) {
+      allowed = allowed && pg_attribute_aclcheck(d->table, d->columns[i].number, user,
+                                                 ACL_SELECT) == ACLCHECK_OK;
+    }
+  }
+  if (!allowed) aclcheck_error(ACLCHECK_NO_PRIV, OBJECT_TABLE, RelationGetRelationName(s->table));
+  if (check_enable_rls(d->table, InvalidOid, false) == RLS_ENABLED) {
+    ereport(ERROR, errcode(ERRCODE_INSUFFICIENT_PRIVILEGE),
+            errmsg("row-level security of \"%s\" applies to this user",
+                   RelationGetRelationName(s->table)),
+            errdetail("An index of qx searches all rows."));
+  }
+}
+
+static void set_hits(Search* s, const char* from) {
+  take(&from, &s->count, sizeof s->count);
+  s->hits = from;
+}
+
+/* Every row of the table as the caller sees it, ranked part by part. */
+static void scan_table(Search* s) {
+  const QxDefinition* d = &s->definition;
+  QxRowsMessage* rows = qx_rows_new(d, d->dim);
+  TupleTableSlot* slot = table_slot_create(s->table, NULL);
+  TableScanDesc scan;
+  bool more = true;
+  last_search = "scan";
+  resetStringInfo(&s->message);
+  qx_write_schema(&s->message, d, d->dim, s->table);
+  appendBinaryStringInfo(&s->message, s->question.data, s->question.len);
+  qx_ask(QX_SCAN, &s->message, &s->answer);
+  scan = table_beginscan(s->table, s->snapshot, 0, NULL);
+  while (more) {
+    CHECK_FOR_INTERRUPTS();
+    more = table_scan_getnextslot(scan, ForwardScanDirection, slot);
+    if (more) {
+      const char* problem = qx_rows_add(rows, slot);
+      if (problem != NULL) ereport(ERROR, errcode(ERRCODE_DATA_EXCEPTION), errmsg("%s", problem));
+    }
+    if (more ? qx_rows_full(rows) : qx_rows_count(rows) > 0) {
+      resetStringInfo(&s->message);
+      qx_rows_write(rows, &s->message);
+      qx_ask(QX_ROWS, &s->message, &s->answer);
+    }
+  }
+  table_endscan(scan);
+  ExecDropSingleTupleTableSlot(slot);
+  resetStringInfo(&s->message);
+  qx_ask(QX_RANKED, &s->message, &s->answer);
+  set_hits(s, s->answer.data);
+}
+
+static void search_replaced(Search* s, const QxChanges* changes) {
+  const int at_once = 1000;
+  QxRowsMessage* rows = qx_rows_new(&s->definition, s->definition.dim);
+  int i;
+  for (i = 0; i < changes->count; i += at_once) {
+    int n = Min(at_once, changes->count - i);
+    const char* problem = qx_rows_fetch(rows, s->table, s->snapshot, changes->ids + i, n);
+    if (problem != NULL) ereport(ERROR, errcode(ERRCODE_DATA_EXCEPTION), errmsg("%s", problem));
+    qx_rows_remove(rows, changes->ids + i, n);
+    resetStringInfo(&s->message);
+    qx_rows_write(rows, &s->message);
+    qx_ask(QX_REPLACE, &s->message, &s->answer);
+  }
+  resetStringInfo(&s->message);
+  qx_ask(QX_AGAIN, &s->message, &s->answer);
+  set_hits(s, s->answer.data);
+}
+
+/* Under SERIALIZABLE, reading the log by the caller's snapshot is what conflicts are found by:
+   whoever changes the table writes there. */
+static QxChanges read_log(Search* s, const QxHorizon* horizon, const uint64* running) {
+  Snapshot reading;
+  QxChanges changes;
+  if (IsolationIsSerializable()) {
+    qx_changes_between(&s->definition, s->snapshot, horizon, running, s->snapshot);
+  }
+  reading = RegisterSnapshot(GetLatestSnapshot());
+  reading->curcid = InvalidCommandId; /* all own entries */
+  changes = qx_changes_between(&s->definition, reading, horizon, running, s->snapshot);
+  UnregisterSnapshot(reading);
+  return changes;
+}
+
+/* False where the program has nothing to search, or waits for what this transaction has done. */
+static bool ask_until_loaded(Search* s) {
+  uint32 status;
+  resetStringInfo(&s->message);
+  qx_put(&s->message, uint32, s->definition.table);
+  appendBinaryStringInfo(&s->message, s->question.data, s->question.len);
+  while ((status = qx_ask(QX_SEARCH, &s->message, &s->answer)) != QX_ANSWER) {
+    int woken;
+    if (status == QX_EMPTY || TransactionIdIsValid(GetTopTransactionIdIfAny())) return false;
+    woken =
+        WaitLatch(MyLatch, WL_LATCH_SET | WL_TIMEOUT | WL_EXIT_ON_PM_DEATH, 5, PG_WAIT_EXTENSION);
+    if (woken & WL_LATCH_SET) ResetLatch(MyLatch);
+    CHECK_FOR_INTERRUPTS();
+  }
+  return true;
+}
+
+static void search(Search* s) {
+  const char* from;
+  QxHorizon horizon;
+  uint64* running;
+  QxChanges changes;
+  /* A table that this transaction has made or rewritten is not what the worker sees. */
+  if (s->table->rd_createSubid != InvalidSubTransactionId ||
+      s->table->rd_newRelfilenodeSubid != InvalidSubTransactionId || !ask_until_loaded(s)) {
+    scan_table(s);
+    return;
+  }
+  from = s->answer.data;
+  take(&from, &horizon, sizeof horizon);
+  running = palloc(sizeof(uint64) * (horizon.n_running + 1));
+  take(&from, running, sizeof(uint64) * horizon.n_running);
+  changes = read_log(s, &horizon, running);
+  if (changes.all || horizon.relation_file != s->table->rd_node.relNode) {
+    qx_tell(QX_RELEASE);
+    scan_table(s);
+    return;
+  }
+  last_search = changes.count > 0 ? "index, replaced rows" : "index";
+  if (changes.count > 0) {
+    search_replaced(s, &changes);
+  } else {
+    set_hits(s, from);
+  }
+  qx_tell(QX_RELEASE);
+}
+
+static void write_question(Search* s, ArrayType* query, int64 k, const char* filter) {
+  int32 dim;
+  const char* problem = qx_vector_problem(query, s->definition.dim);
+  if (problem != NULL) {
+    ereport(ERROR, errcode(ERRCODE_DATA_EXCEPTION), errmsg("the query is no vector of the index"),
+            errdetail("%s", problem));
+  }
+  if (k < 0) ereport(ERROR, errcode(ERRCODE_INVALID_PARAMETER_VALUE), errmsg("k is below 0"));
+  dim = ArrayGetNItems(1, ARR_DIMS(query));
+  initStringInfo(&s->question);
+  initStringInfo(&s->message);
+  initStringInfo(&s->answer);
+  qx_put(&s->question, int64, k);
+  qx_write_text(&s->question, filter);
+  qx_put(&s->question, int32, dim);
+  appendBinaryStringInfo(&s->question, (const char*)qx_numbers(query), dim * (int)sizeof(float));
+}
+
+static void give_out(FunctionCallInfo fcinfo, const Search* s) {
+  ReturnSetInfo* result = (ReturnSetInfo*)fcinfo->resultinfo;
+  bool nulls[2] = {false, false};
+  for (int64 i = 0; i < s->count; i++) {
+    int64 id;
+    float score;
+    Datum values[2];
+    memcpy(&id, s->hits + i * 8, sizeof id);
+    memcpy(&score, s->hits + s->count * 8 + i * 4, sizeof score);
+    values[0] = Int64GetDatum(id);
+    values[1] = Float4GetDatum(score);
+    tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
+  }
+}
+
+Datum qx_search(PG_FUNCTION_ARGS) {
+  Search s = {0};
+  InitMaterializedSRF(fcinfo, 0);
+  if (PG_ARGISNULL(0) || PG_ARGISNULL(1) || PG_ARGISNULL(2)) {
+    ereport(ERROR, errcode(ERRCODE_NULL_VALUE_NOT_ALLOWED),
+            errmsg("table, query and k must not be NULL"));
+  }
+  s.table = table_open(PG_GETARG_OID(0), AccessShareLock);
+  s.definition = *qx_definition(s.table);
+  qx_require_index(s.table, &s.definition);
+  check_privileges(&s);
+  s.snapshot = GetActiveSnapshot();
+  if (s.definition.dim == 0) {
+    s.definition.dim = qx_find_dim(s.table, &s.definition, s.snapshot);
+  }
+  write_question(&s, PG_GETARG_ARRAYTYPE_P(1), PG_GETARG_INT64(2),
+                 PG_ARGISNULL(3) ? "" : text_to_cstring(PG_GETARG_TEXT_PP(3)));
+  if (s.definition.dim > 0) { /* else there is no vector */
+    search(&s);
+    give_out(fcinfo, &s);
+  }
+  table_close(s.table, AccessShareLock);
+  PG_RETURN_VOID();
+}
+
+Datum qx_last_search(PG_FUNCTION_ARGS) {
+  (void)fcinfo;
+  PG_RETURN_TEXT_P(cstring_to_text(last_search));
+}
+
+Datum qx_stat(PG_FUNCTION_ARGS) {
+  ReturnSetInfo* result = (ReturnSetInfo*)fcinfo->resultinfo;
+  StringInfoData message, answer;
+  const char* from;
+  int32 n;
+  InitMaterializedSRF(fcinfo, 0);
+  initStringInfo(&message);
+  initStringInfo(&answer);
+  if (!qx_try_ask(QX_STATS, &message, &answer)) PG_RETURN_VOID();
+  from = answer.data;
+  for (take(&from, &n, sizeof n); n > 0; n--) {
+    QxIndexStats stats;
+    int32 size;
+    Datum values[9];
+    bool nulls[9] = {false};
+    take(&from, &stats, sizeof stats);
+    take(&from, &size, sizeof size);
+    values[0] = ObjectIdGetDatum(stats.table);
+    values[1] = BoolGetDatum(stats.ready != 0);
+    values[2] = Int64GetDatum(stats.rows);
+    values[3] = Int64GetDatum(stats.expected);
+    values[4] = Int64GetDatum(stats.bytes);
+    values[5] = Int64GetDatum(stats.changes);
+    values[6] = Int64GetDatum(stats.searches);
+    values[7] = Int64GetDatum(stats.microseconds);
+    values[8] = PointerGetDatum(cstring_to_text_with_len(from, size));
+    nulls[8] = size == 0;
+    from += size;
+    tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
+  }
+  PG_RETURN_VOID();
+}

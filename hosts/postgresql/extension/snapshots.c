@@ -1,0 +1,110 @@
+/*
+ * The log has an entry for each changed row, with the transaction that changed it. A row may differ
+ * between two snapshots only if it has an entry of a transaction that one of them sees and the
+ * other does not. Entries that are rolled back are invisible to any reader of the log.
+ */
+#include "access/genam.h"
+#include "access/table.h"
+#include "access/transam.h"
+#include "access/xact.h"
+#include "catalog/pg_type.h"
+#include "extension/qx.h"
+#include "lib/qunique.h"
+#include "utils/fmgroids.h"
+#include "utils/snapmgr.h"
+
+uint64 qx_full_xid(TransactionId xid) {
+  FullTransactionId next = ReadNextFullTransactionId();
+  uint32 epoch = EpochFromFullTransactionId(next);
+  if (xid > XidFromFullTransactionId(next)) epoch--;
+  return U64FromFullTransactionId(FullTransactionIdFromEpochAndXid(epoch, xid));
+}
+
+void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file) {
+  /* In recovery all transactions in progress are in subxip. */
+  bool recovery = snapshot->takenDuringRecovery;
+  uint32 n = recovery ? (uint32)snapshot->subxcnt : snapshot->xcnt;
+  QxHorizon horizon = {qx_full_xid(snapshot->xmin), qx_full_xid(snapshot->xmax), relation_file, n};
+  uint32 i;
+  appendBinaryStringInfo(to, (const char*)&horizon, sizeof horizon);
+  for (i = 0; i < n; i++) {
+    qx_put(to, uint64, qx_full_xid(recovery ? snapshot->subxip[i] : snapshot->xip[i]));
+  }
+}
+
+bool qx_committed_before(uint64 xid, const QxHorizon* horizon, const uint64* running) {
+  uint32 i;
+  if (xid < horizon->xmin) return true;
+  if (xid >= horizon->xmax) return false;
+  for (i = 0; i < horizon->n_running; i++) {
+    if (running[i] == xid) return false;
+  }
+  return true;
+}
+
+static int compare_ids(const void* a, const void* b) {
+  int64 x = *(const int64*)a, y = *(const int64*)b;
+  return (x > y) - (x < y);
+}
+
+/* How far the log was pruned, as `reading` sees it. */
+static uint64 pruned_until(const QxDefinition* d, Snapshot reading) {
+  Relation tables = table_open(d->tables, AccessShareLock);
+  ScanKeyData key;
+  SysScanDesc scan;
+  HeapTuple row;
+  uint64 pruned = 0;
+  ScanKeyInit(&key, 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
+  scan = systable_beginscan(tables, qx_object("tables_pkey"), true, reading, 1, &key);
+  row = systable_getnext(scan);
+  if (row != NULL) {
+    bool null;
+    pruned = (uint64)DatumGetInt64(heap_getattr(row, 2, RelationGetDescr(tables), &null));
+  }
+  systable_endscan(scan);
+  table_close(tables, AccessShareLock);
+  return pruned;
+}
+
+static bool differs(uint64 xid, uint64 own, const QxHorizon* horizon, const uint64* running,
+                    Snapshot snapshot) {
+  bool before = qx_committed_before(xid, horizon, running);
+  /* Own changes that came later than the snapshot count too: they are read by it all the same. */
+  if (xid == own) return true;
+  return before == XidInMVCCSnapshot((TransactionId)xid, snapshot);
+}
+
+QxChanges qx_changes_between(const QxDefinition* d, Snapshot reading, const QxHorizon* horizon,
+                             const uint64* running, Snapshot snapshot) {
+  QxChanges changes = {0};
+  uint64 first = Min(horizon->xmin, qx_full_xid(snapshot->xmin));
+  uint64 own = U64FromFullTransactionId(GetTopFullTransactionIdIfAny());
+  Relation log = table_open(d->log, AccessShareLock);
+  SysScanDesc scan;
+  ScanKeyData keys[2];
+  HeapTuple entry;
+  int room = 64;
+  changes.ids = palloc(sizeof(int64) * (Size)room);
+  ScanKeyInit(&keys[0], 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
+  ScanKeyInit(&keys[1], 2, BTGreaterEqualStrategyNumber, F_INT8GE, Int64GetDatum((int64)first));
+  scan = systable_beginscan(log, d->log_key, true, reading, 2, keys);
+  while ((entry = systable_getnext(scan)) != NULL) {
+    bool null;
+    uint64 xid = (uint64)DatumGetInt64(heap_getattr(entry, 2, RelationGetDescr(log), &null));
+    Datum id = heap_getattr(entry, 3, RelationGetDescr(log), &null);
+    changes.any_entry = true;
+    if (!differs(xid, own, horizon, running, snapshot)) continue;
+    if (null) changes.all = true;
+    if (changes.count == room) {
+      room *= 2;
+      changes.ids = repalloc_huge(changes.ids, sizeof(int64) * (Size)room);
+    }
+    if (!null) changes.ids[changes.count++] = DatumGetInt64(id);
+  }
+  systable_endscan(scan);
+  table_close(log, AccessShareLock);
+  if (pruned_until(d, reading) > first) changes.all = true;
+  qsort(changes.ids, (size_t)changes.count, sizeof(int64), compare_ids);
+  changes.count = (int)qunique(changes.ids, (size_t)changes.count, sizeof(int64), compare_ids);
+  return changes;
+}

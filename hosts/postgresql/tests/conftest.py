@@ -1,0 +1,94 @@
+"""One cluster for all tests, a database for each."""
+import itertools
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+from cluster import Cluster
+
+NUMBERS = itertools.count()
+JUDGES = {"inner product": ("qx.inner_product", "DESC"), "euclidean": ("qx.squared_distance", "ASC")}
+
+
+class Database:
+    """A database with the extension, and connections to it."""
+
+    def __init__(self, cluster):
+        self.cluster = cluster
+        self.name = f"test{next(NUMBERS)}"
+        self.connections = []
+        administrator = cluster.connect()
+        administrator.cursor().execute(f"CREATE DATABASE {self.name}")
+        administrator.close()
+        self.session = self.connect()
+        self.session.run("CREATE EXTENSION qx")
+
+    def connect(self, user="postgres"):
+        session = Session(self.cluster.connect(self.name, user))
+        self.connections.append(session)
+        return session
+
+    def close(self):
+        for session in self.connections:
+            session.connection.close()
+        administrator = self.cluster.connect()
+        administrator.cursor().execute(f"DROP DATABASE {self.name} WITH (FORCE)")
+        administrator.close()
+
+
+class Session:
+    def __init__(self, connection):
+        self.connection = connection
+
+    def run(self, statement, *values):
+        with self.connection.cursor() as cursor:
+            cursor.execute(statement, values or None)
+            return cursor.fetchall() if cursor.description else None
+
+    def one(self, statement, *values):
+        return self.run(statement, *values)[0][0]
+
+    def make_table(self, rows=0, metric="inner product", dim=3):
+        self.run("CREATE TABLE t (id bigint PRIMARY KEY, v real[], label int, word text)")
+        self.run("SELECT qx.create_index('t', 'v', '{label,word}', %s)", metric)
+        self.run("INSERT INTO t SELECT i, ARRAY(SELECT (i * j) %% 7 FROM generate_series(1, %s) j), "
+                 "i %% 5, 'w' || i %% 3 FROM generate_series(1, %s) i", dim, rows)
+
+    def search(self, query=(1, 2, 3), k=10, condition=None):
+        return self.run("SELECT id, score FROM qx.search('t', %s::real[], %s, %s)", list(query), k,
+                        condition)
+
+    def both(self, query=(1, 2, 3), k=10, condition=None, metric="inner product"):
+        """What a search gives, and what the table says in the same statement."""
+        function, order = JUDGES[metric]
+        return self.run(
+            f"""SELECT (SELECT array_agg((id, score)::text) FROM qx.search('t', %s::real[], %s, %s)),
+                (SELECT array_agg((id, score)::text) FROM (
+                  SELECT id, {function}(v, %s::real[]) AS score FROM t
+                  WHERE v IS NOT NULL AND ({condition or 'true'})
+                  ORDER BY score {order}, id LIMIT %s) judged)""",
+            list(query), k, condition, list(query), k)[0]
+
+    def agree(self, **options):
+        found, judged = self.both(**options)
+        assert found == judged
+        return found
+
+    def way(self):
+        return self.one("SELECT qx.last_search()")
+
+
+@pytest.fixture(scope="session")
+def cluster():
+    made = Cluster()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def database(cluster):
+    made = Database(cluster)
+    yield made
+    made.close()

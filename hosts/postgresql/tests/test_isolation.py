@@ -1,0 +1,92 @@
+"""A search sees what its snapshot sees: two sessions, by hand."""
+import pytest
+
+
+@pytest.fixture
+def two(database):
+    database.session.make_table(100)
+    database.session.agree()
+    return database.session, database.connect()
+
+
+def ids(session):
+    return {number for number, _ in session.search(k=1000)}
+
+
+def test_uncommitted_changes_are_seen_by_their_own_transaction_alone(two):
+    one, other = two
+    one.run("BEGIN")
+    one.run("INSERT INTO t VALUES (1000, '{9,9,9}', 1, 'x')")
+    one.run("DELETE FROM t WHERE id = 5")
+    one.run("UPDATE t SET id = 2000, v = '{8,8,8}' WHERE id = 6")
+    assert one.agree(k=2) == ['(1000,54)', '(2000,48)']
+    assert one.way() == "index, replaced rows"
+    assert {1000, 2000} & ids(other) == set() and {5, 6} <= ids(other)
+    one.run("COMMIT")
+    assert {1000, 2000} <= ids(other) and {5, 6} & ids(other) == set()
+    other.agree()
+
+
+def test_rolled_back_changes_are_never_seen(two):
+    one, other = two
+    one.run("BEGIN")
+    one.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    one.run("SAVEPOINT s")
+    one.run("INSERT INTO t VALUES (1001, '{9,9,9}')")
+    assert one.agree(k=2) == ['(1000,54)', '(1001,54)']
+    one.run("ROLLBACK TO s")
+    assert {1000, 1001} & ids(one) == {1000}
+    one.run("ROLLBACK")
+    for session in two:
+        session.agree()
+        assert {1000, 1001} & ids(session) == set()
+
+
+@pytest.mark.parametrize("level", ["REPEATABLE READ", "SERIALIZABLE"])
+def test_a_snapshot_stays_and_uses_the_index(two, level):
+    one, other = two
+    one.run(f"BEGIN ISOLATION LEVEL {level}")
+    before = one.agree(k=1000)
+    other.run("DELETE FROM t WHERE id < 10")
+    other.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    other.run("UPDATE t SET v = '{7,7,7}' WHERE id = 50")
+    for _ in range(3):
+        assert one.agree(k=1000) == before
+        assert one.way().startswith("index")
+        other.run("SELECT pg_sleep(0.1)")
+    one.run("COMMIT")
+    assert one.agree(k=1) == ['(1000,54)']
+
+
+def test_write_skew_fails_under_serializable(two):
+    """Each transaction reads that the best row is poor, and inserts a better one."""
+    from psycopg2.errors import SerializationFailure
+    for session in two:
+        session.run("BEGIN ISOLATION LEVEL SERIALIZABLE")
+        session.search(k=1)
+    two[0].run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    two[0].run("COMMIT")
+    with pytest.raises(SerializationFailure):
+        two[1].run("INSERT INTO t VALUES (1001, '{9,9,9}')")
+        two[1].run("COMMIT")
+
+
+def test_prepared_transactions(two):
+    one, other = two
+    one.run("BEGIN")
+    one.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    one.run("PREPARE TRANSACTION 'p'")
+    assert 1000 not in ids(other)
+    other.run("COMMIT PREPARED 'p'")
+    assert other.agree(k=1) == one.agree(k=1) == ['(1000,54)']
+
+
+def test_changes_of_one_statement_on_conflict_and_copy(two):
+    one, other = two
+    one.run("INSERT INTO t SELECT i, '{9,9,9}' FROM generate_series(95, 105) i "
+            "ON CONFLICT (id) DO UPDATE SET v = '{8,8,8}'")
+    one.agree(k=1000)
+    with one.connection.cursor() as cursor:
+        import io
+        cursor.copy_expert("COPY t (id, v) FROM STDIN", io.StringIO("500\t{9,9,9}\n501\t{9,9,8}\n"))
+    assert other.agree(k=1000) == one.agree(k=1000)

@@ -1,0 +1,149 @@
+"""What else becomes of a table and its index: each is followed, or an error."""
+import psycopg2
+import pytest
+
+from cluster import Cluster, wait_until
+from conftest import Database
+
+
+@pytest.fixture
+def session(database):
+    database.session.make_table(100)
+    database.session.agree()
+    return database.session
+
+
+def comes_back_to_the_index(session):
+    wait_until(lambda: session.agree(k=1000) is None or session.way() == "index")
+    return True
+
+
+@pytest.mark.parametrize("statement", [
+    "TRUNCATE t",
+    "VACUUM FULL t",
+    "ALTER TABLE t ADD COLUMN more text DEFAULT now()::text",
+    "ALTER TABLE t RENAME COLUMN word TO other",
+    "ALTER TABLE t DISABLE TRIGGER \"0_qx_change\"; DELETE FROM t WHERE id > 50; "
+    "ALTER TABLE t ENABLE ALWAYS TRIGGER \"0_qx_change\"",
+    "SET session_replication_role = replica; DELETE FROM t WHERE id > 50",
+    "SET session_replication_role = replica; TRUNCATE t",
+])
+def test_what_changes_rows_without_a_row_trigger(session, statement):
+    session.run(statement)
+    session.agree(k=1000)
+    assert comes_back_to_the_index(session)
+
+
+def test_a_truncation_that_is_not_committed(database, session):
+    other = database.connect()
+    session.run("BEGIN")
+    session.run("TRUNCATE t")
+    assert session.search() == [] and session.way() == "scan"
+    session.run("INSERT INTO t VALUES (7, '{1,1,1}')")
+    assert session.agree() == ['(7,6)']
+    session.run("ROLLBACK")
+    assert len(session.agree(k=1000)) == len(other.agree(k=1000)) == 100
+
+
+@pytest.mark.parametrize("statement", [
+    "ALTER TABLE t DISABLE TRIGGER ALL",
+    "DROP TRIGGER \"0_qx_change\" ON t",
+    "DROP TRIGGER \"0_qx_columns\" ON t",
+    "ALTER TABLE t DROP CONSTRAINT t_pkey",
+    "SELECT qx.drop_index('t')",
+])
+def test_an_index_without_what_it_needs_is_an_error(session, statement):
+    session.run(statement)
+    with pytest.raises(psycopg2.Error, match="index of qx|lacks a trigger"):
+        session.search()
+
+
+def test_the_type_of_an_indexed_column_stays(session):
+    with pytest.raises(psycopg2.Error, match="used in a trigger definition"):
+        session.run("ALTER TABLE t ALTER COLUMN label TYPE bigint")
+    session.agree()
+
+
+def test_drop_and_create_again(session):
+    session.run("SELECT qx.drop_index('t')")
+    session.run("UPDATE t SET v = '{5,5,5}' WHERE id < 10")
+    session.run("SELECT qx.create_index('t', 'v', metric => 'euclidean')")
+    session.agree(k=1000, metric="euclidean")
+    session.run("DROP TABLE t")
+    session.make_table(10)
+    assert len(session.agree()) == 10
+    wait_until(lambda: len(session.run("SELECT * FROM qx.stat()")) == 1)
+
+
+def test_an_index_and_its_table_made_in_one_transaction(database):
+    session = database.session
+    session.run("BEGIN")
+    session.make_table(30)
+    assert len(session.agree()) == 10 and session.way() == "scan"
+    session.run("COMMIT")
+    assert len(session.agree()) == 10 and session.way() == "index"
+
+
+def test_old_snapshots_do_not_know_a_new_index(database):
+    session, other = database.session, database.connect()
+    session.run("CREATE TABLE t (id int PRIMARY KEY, v real[], label int, word text)")
+    session.run("INSERT INTO t SELECT i, ARRAY[i, 1, 1] FROM generate_series(1, 20) i")
+    other.run("BEGIN ISOLATION LEVEL REPEATABLE READ")
+    other.run("SELECT 1 FROM t")
+    session.run("DELETE FROM t WHERE id = 20")
+    session.run("SELECT qx.create_index('t', 'v')")
+    assert session.agree()[0] == '(19,24)'
+    assert other.agree()[0] == '(20,25)' and other.way() == "scan"
+
+
+def test_renamed_tables_schemas_and_names_that_need_quotes(session):
+    session.run('CREATE SCHEMA "a b"')
+    session.run('ALTER TABLE t SET SCHEMA "a b"')
+    session.run('ALTER TABLE "a b".t RENAME TO "t\'""t"')
+    session.run('ALTER TABLE "a b"."t\'""t" RENAME COLUMN label TO "la ""bel"')
+    found = session.run("""SELECT id FROM qx.search('"a b"."t''""t"', '{1,2,3}', 1000,
+                           filter => 'word = ''w1''')""")
+    assert len(found) == 34
+
+
+def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, session):
+    session.run("BEGIN ISOLATION LEVEL REPEATABLE READ")
+    before = session.agree(k=1000)
+    other = database.connect()
+    other.run("UPDATE t SET v = '{6,6,6}'")
+    log = "SELECT log_entries FROM qx.stat_indexes"
+    assert other.one(log) >= 100
+    other.run("SELECT pg_sleep(11)")
+    assert other.one(log) >= 100 and session.agree(k=1000) == before
+    session.run("COMMIT")
+    wait_until(lambda: other.one(log) == 0)
+    session.agree(k=1000)
+
+
+def test_dump_and_restore(cluster, database, session):
+    dump = cluster.folder / "dump.sql"
+    cluster.run("pg_dump", "-h", cluster.folder, "-U", "postgres", "-f", dump, database.name)
+    before = session.agree(k=1000)
+    restored = Database.__new__(Database)
+    restored.cluster, restored.name, restored.connections = cluster, "restored", []
+    session.run("CREATE DATABASE restored")
+    cluster.run("psql", "-h", cluster.folder, "-U", "postgres", "-v", "ON_ERROR_STOP=1", "-q", "-f", dump,
+                "restored")
+    again = restored.connect()
+    assert again.agree(k=1000) == before and again.way() == "index"
+    with pytest.raises(psycopg2.Error, match="another number of components"):
+        again.run("INSERT INTO t VALUES (1000, '{1,2}')")
+    restored.close()
+
+
+def test_the_memory_limit_is_an_error_of_searches_alone():
+    limited = Cluster(settings="qx.memory_limit = '1MB'\n")
+    try:
+        session = Database(limited).session
+        session.make_table(20000, dim=64)
+        with pytest.raises(psycopg2.Error, match="memory"):
+            session.search(query=[1] * 64)
+        assert session.one("SELECT error IS NOT NULL FROM qx.stat_indexes")
+        assert session.one("SELECT count(*) FROM t") == 20000
+    finally:
+        limited.close()
