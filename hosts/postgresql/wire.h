@@ -55,6 +55,7 @@ typedef struct QxHorizon {
 #define QX_LOADING 2
 #define QX_UNKNOWN 3 /* the worker has not defined an index of the table yet */
 #define QX_EMPTY 4   /* the worker has seen no vector, so not even their dimension is known */
+#define QX_FAILED 5  /* text: why the index could not be loaded */
 
 typedef struct QxIndexStats {
   uint32_t table;

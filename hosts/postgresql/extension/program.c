@@ -142,7 +142,7 @@ uint32 qx_ask(uint32 kind, StringInfo body, StringInfo answer) {
       goto lost;
     }
   }
-  if (status == QX_REFUSED) {
+  if (status == QX_FAILED || (status == QX_REFUSED && kind != QX_SEARCH)) {
     int32 size;
     memcpy(&size, answer->data, sizeof size);
     ereport(ERROR, errcode(ERRCODE_INVALID_PARAMETER_VALUE),

@@ -106,7 +106,7 @@ void qx_write_text(StringInfo to, const char* text);
 #define QX_SOCKET_LENGTH 64
 void qx_socket_name(char* name);
 /* Starts a worker where there is none. Gives the status; the answer is valid until the next call.
-   Refusals and lost connections are errors. */
+   Refusals (but of QX_SEARCH) and lost connections are errors. */
 uint32 qx_ask(uint32 kind, StringInfo body, StringInfo answer);
 bool qx_try_ask(uint32 kind, StringInfo body, StringInfo answer); /* false: nothing runs */
 void qx_tell(uint32 kind);

@@ -51,7 +51,7 @@ QxRowsMessage* qx_rows_new(const QxDefinition* definition, int32 dim) {
   *copy = *definition; /* the latest one changes while rows are read */
   rows->definition = copy;
   rows->dim = dim;
-  rows->row = AllocSetContextCreate(CurrentMemoryContext, "qx row", ALLOCSET_DEFAULT_SIZES);
+  rows->row = GenerationContextCreate(CurrentMemoryContext, "qx row", ALLOCSET_DEFAULT_SIZES);
   initStringInfo(&rows->removed);
   initStringInfo(&rows->ids);
   initStringInfo(&rows->vectors);
@@ -76,13 +76,13 @@ static double real_of(Oid type, Datum datum) {
 static void add_value(QxRowsMessage* rows, int i, Datum datum, bool null) {
   const QxColumnOf* column = &rows->definition->columns[i];
   StringInfo to = &rows->values[i];
-  appendStringInfoCharMacro(&rows->nulls[i], (char)null);
+  appendStringInfoChar(&rows->nulls[i], (char)null);
   if (column->type == QX_INTEGER) {
     qx_put(to, int64, null ? 0 : qx_id_of(column, datum));
   } else if (column->type == QX_REAL) {
     qx_put(to, double, null ? 0.0 : real_of(column->sql_type, datum));
   } else if (column->type == QX_BOOLEAN) {
-    appendStringInfoCharMacro(to, (char)(!null && DatumGetBool(datum)));
+    appendStringInfoChar(to, (char)(!null && DatumGetBool(datum)));
   } else {
     text* value = null ? NULL : DatumGetTextPP(datum);
     int size = null ? 0 : (int)VARSIZE_ANY_EXHDR(value);

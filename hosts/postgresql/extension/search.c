@@ -132,7 +132,8 @@ static QxChanges read_log(Search* s, const QxHorizon* horizon, const uint64* run
   return changes;
 }
 
-/* False where the program has nothing to search, or waits for what this transaction has done. */
+/* False where the program has nothing to search, waits for what this transaction has done, or
+   refuses: the table may have been declared anew since it was loaded. */
 static bool ask_until_loaded(Search* s) {
   uint32 status;
   resetStringInfo(&s->message);
@@ -140,7 +141,9 @@ static bool ask_until_loaded(Search* s) {
   appendBinaryStringInfo(&s->message, s->question.data, s->question.len);
   while ((status = qx_ask(QX_SEARCH, &s->message, &s->answer)) != QX_ANSWER) {
     int woken;
-    if (status == QX_EMPTY || TransactionIdIsValid(GetTopTransactionIdIfAny())) return false;
+    if (status == QX_EMPTY || status == QX_REFUSED ||
+        TransactionIdIsValid(GetTopTransactionIdIfAny()))
+      return false;
     woken =
         WaitLatch(MyLatch, WL_LATCH_SET | WL_TIMEOUT | WL_EXIT_ON_PM_DEATH, 5, PG_WAIT_EXTENSION);
     if (woken & WL_LATCH_SET) ResetLatch(MyLatch);

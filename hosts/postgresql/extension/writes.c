@@ -225,7 +225,8 @@ static int32 check_rows(Relation table, const char* vector, int32 dim) {
   TupleTableSlot* slot = table_slot_create(table, NULL);
   TableScanDesc scan = table_beginscan(table, snapshot, 0, NULL);
   AttrNumber number = get_attnum(RelationGetRelid(table), vector);
-  MemoryContext row = AllocSetContextCreate(CurrentMemoryContext, "qx row", ALLOCSET_DEFAULT_SIZES);
+  MemoryContext row =
+      GenerationContextCreate(CurrentMemoryContext, "qx row", ALLOCSET_DEFAULT_SIZES);
   while (table_scan_getnextslot(scan, ForwardScanDirection, slot)) {
     bool null;
     Datum datum = slot_getattr(slot, number, &null);
@@ -246,7 +247,7 @@ static int32 check_rows(Relation table, const char* vector, int32 dim) {
   return dim;
 }
 
-static void execute(const char* format, ...) pg_attribute_printf(1, 2);
+static void execute(const char* format, ...) __attribute__((format(printf, 1, 2)));
 static void execute(const char* format, ...) {
   StringInfoData statement;
   va_list arguments;

@@ -172,6 +172,7 @@ class BackEnd {
         schema_ = Schema(message);
         question_ = Question(message);
         best_.clear();
+        ask(schema_.make(0).get(), nullptr);  // refuses what does not fit, also without rows
         return QX_ANSWER;
       case QX_ROWS:
         rank(message);
@@ -202,7 +203,10 @@ class BackEnd {
     question_ = Question(message);
     {
       const std::lock_guard lock(index_->mutex);
-      if (!index_->error.empty()) throw Refused(index_->error);
+      if (!index_->error.empty()) {
+        answer.text(index_->error);
+        return QX_FAILED;
+      }
       if (!index_->ready) return QX_LOADING;
       if (!index_->rows) return QX_EMPTY;
       answer.array(index_->snapshot.data(), index_->snapshot.size());

@@ -58,6 +58,18 @@ def test_an_index_without_what_it_needs_is_an_error(session, statement):
         session.search()
 
 
+def test_a_new_declaration_is_searched_at_once(session):
+    session.run("ALTER TABLE t RENAME COLUMN label TO other")
+    session.agree(condition="other = 2")
+    session.run("SELECT qx.drop_index('t'); SELECT qx.create_index('t', 'v', '{word}', 'euclidean')")
+    session.agree(condition="word = 'w1'", metric="euclidean")
+    with pytest.raises(psycopg2.Error, match="other"):
+        session.search(condition="other = 2")
+    session.run("TRUNCATE t")
+    with pytest.raises(psycopg2.Error, match="other"):
+        session.search(condition="other = 2")
+
+
 def test_the_type_of_an_indexed_column_stays(session):
     with pytest.raises(psycopg2.Error, match="used in a trigger definition"):
         session.run("ALTER TABLE t ALTER COLUMN label TYPE bigint")
