@@ -37,6 +37,7 @@
 
 #define POLL_MILLISECONDS 50
 #define PRUNE_SECONDS 10
+#define MOST_MISSING 1200 /* looks in vain for the extension */
 #define RETRY_SECONDS 10
 
 typedef struct Loaded {
@@ -378,7 +379,8 @@ void qx_worker(Datum database) {
   BackgroundWorkerInitializeConnectionByOid(DatumGetObjectId(database), InvalidOid, 0);
   if (!is_only_worker()) return;
   start_program();
-  while (list_indexes()) {
+  /* A back end may wait that has not committed CREATE EXTENSION yet. */
+  for (int missing = 0; missing < MOST_MISSING; missing = list_indexes() ? 0 : missing + 1) {
     visit_indexes();
     prune_all();
     pgstat_report_stat(true);

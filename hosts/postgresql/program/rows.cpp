@@ -80,9 +80,10 @@ void Rows::apply(QxView* to) const {
   expect(qx_view_upsert(to, {count(), ids_.data(), nullptr}, vectors_.data(), values_.data()));
 }
 
-Question::Question(Reader& message) : k(message.get<std::int64_t>()), filter(message.text()) {
-  query = message.array<float>(message.get<std::int32_t>());
-}
+Question::Question(Reader& message)
+    : k(message.get<std::int64_t>()),
+      filter(message.text()),
+      query(message.array<float>(message.get<std::int32_t>())) {}
 
 Hits Question::ask(const QxCollection* of, const QxView* view, QxProgress progress,
                    void* context) const {
