@@ -63,6 +63,7 @@ INTEGER, REAL, BOOLEAN, TEXT = range(4)
 INNER_PRODUCT, COSINE, EUCLIDEAN = range(3)
 
 Progress = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, _int64)
+Fill = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, ctypes.c_void_p)
 Accept = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, ctypes.c_void_p)
 
 
@@ -118,9 +119,15 @@ class Tuning(ctypes.Structure):
                 ("seconds", ctypes.c_double), ("exact_seconds", ctypes.c_double)]
 
 
+class Lists(ctypes.Structure):
+    _fields_ = [("count", _int64), ("centroids", _array), ("of_rows", _array)]
+
+
 _out = ctypes.c_void_p  # where a pointer is to be written
 _COLLECTION_FUNCTIONS: dict[str, tuple[Any, ...]] = {
     "qx_collection_new": (_int32, ctypes.POINTER(Options), _out),
+    "qx_collection_build": (_int32, ctypes.POINTER(Options), Ids, _array, ctypes.POINTER(Lists),
+                            Fill, ctypes.c_void_p, _out),
     "qx_collection_free": (None, _handle),
     "qx_collection_message": (ctypes.c_char_p,),
     "qx_collection_upsert": (_int32, _handle, Ids, _array, _array),
@@ -142,6 +149,7 @@ _COLLECTION_FUNCTIONS: dict[str, tuple[Any, ...]] = {
     "qx_collection_count": (_int64, _handle, _handle),
     "qx_collection_stats": (None, _handle, ctypes.POINTER(CollectionStats)),
     "qx_collection_train": (_int32, _handle, _int64, Progress, ctypes.c_void_p),
+    "qx_collection_lists": (_int32, _handle, Ids, _int64, _array, _array),
     "qx_collection_tune": (_int32, _handle, _array, _int64, _int64, ctypes.c_double,
                            ctypes.POINTER(Search), ctypes.POINTER(Tuning)),
     "qx_collection_save": (_int32, _handle, _handle, ctypes.c_char_p, Progress, ctypes.c_void_p),
