@@ -42,8 +42,8 @@ struct Sealed {
 using Division = std::map<const Segment*, std::shared_ptr<const Members>>;
 
 // The rows of a segment by lists; null without lists.
-std::shared_ptr<Members> divide(const Shape& shape, const Lists* lists,
-                                      const Segment& segment, const Progress& progress);
+std::shared_ptr<Members> divide(const Shape& shape, const Lists* lists, const Segment& segment,
+                                const Progress& progress);
 
 class Edit {
  public:
