@@ -56,23 +56,25 @@ static QxColumnOf column_of(Relation table, AttrNumber number) {
   return column;
 }
 
-static int32 read_dim(const QxDefinition* d) {
-  Relation tables = table_open(d->tables, AccessShareLock);
+int64 qx_read_tables(Oid tables, Oid table, AttrNumber number, Snapshot snapshot) {
+  Relation relation = table_open(tables, AccessShareLock);
   ScanKeyData key;
   SysScanDesc scan;
   HeapTuple row;
-  int32 dim = 0;
-  ScanKeyInit(&key, 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
-  scan = systable_beginscan(tables, qx_object("tables_pkey"), true, NULL, 1, &key);
+  int64 value = 0;
+  ScanKeyInit(&key, 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(table));
+  scan = systable_beginscan(relation, qx_object("tables_pkey"), true, snapshot, 1, &key);
   row = systable_getnext(scan);
   if (row != NULL) {
+    TupleDesc columns = RelationGetDescr(relation);
     bool null;
-    Datum value = heap_getattr(row, 3, RelationGetDescr(tables), &null);
-    if (!null) dim = DatumGetInt32(value);
+    Datum datum = heap_getattr(row, number, columns, &null);
+    bool is_short = TupleDescAttr(columns, number - 1)->atttypid == INT4OID;
+    if (!null) value = is_short ? DatumGetInt32(datum) : DatumGetInt64(datum);
   }
   systable_endscan(scan);
-  table_close(tables, AccessShareLock);
-  return dim;
+  table_close(relation, AccessShareLock);
+  return value;
 }
 
 static int32 metric_of(const char* name) {
@@ -140,7 +142,7 @@ const QxDefinition* qx_definition(Relation table) {
     d.tables = qx_object("tables");
     d.primary_key = RelationGetPrimaryKeyIndex(table);
     d.complete = always == 3 && is_primary_key(&d);
-    d.dim = read_dim(&d);
+    d.dim = (int32)qx_read_tables(d.tables, d.table, QX_TABLES_DIM, NULL);
   }
   latest = d;
   return &latest;

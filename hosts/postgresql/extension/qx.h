@@ -41,6 +41,11 @@ extern int32 qx_memory_limit; /* MB */
 
 Oid qx_schema(void); /* or InvalidOid */
 Oid qx_object(const char* name);
+
+/* Columns of qx.tables; what it has of a table, as a snapshot sees it (null: the latest), or 0. */
+#define QX_TABLES_PRUNED 2
+#define QX_TABLES_DIM 3
+int64 qx_read_tables(Oid tables, Oid table, AttrNumber number, Snapshot snapshot);
 /* Valid until the next call. */
 const QxDefinition* qx_definition(Relation table);
 void qx_require_index(Relation table, const QxDefinition* definition);

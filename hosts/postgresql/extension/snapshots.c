@@ -49,21 +49,7 @@ static int compare_ids(const void* a, const void* b) {
 
 /* How far the log was pruned, as `reading` sees it. */
 static uint64 pruned_until(const QxDefinition* d, Snapshot reading) {
-  Relation tables = table_open(d->tables, AccessShareLock);
-  ScanKeyData key;
-  SysScanDesc scan;
-  HeapTuple row;
-  uint64 pruned = 0;
-  ScanKeyInit(&key, 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
-  scan = systable_beginscan(tables, qx_object("tables_pkey"), true, reading, 1, &key);
-  row = systable_getnext(scan);
-  if (row != NULL) {
-    bool null;
-    pruned = (uint64)DatumGetInt64(heap_getattr(row, 2, RelationGetDescr(tables), &null));
-  }
-  systable_endscan(scan);
-  table_close(tables, AccessShareLock);
-  return pruned;
+  return (uint64)qx_read_tables(d->tables, d->table, QX_TABLES_PRUNED, reading);
 }
 
 static bool differs(uint64 xid, uint64 own, const QxHorizon* horizon, const uint64* running,
