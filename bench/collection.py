@@ -141,24 +141,8 @@ def flat(rows, of=faiss.IndexFlatIP):
 
 
 def single(quick):
-    """One query over rows in memory, by one thread and by two."""
-    for dim in (128, 768):
-        rows = gaussian((100 if quick else 500) * 2**20 // 4 // dim, dim)
-        queries = gaussian(64, dim, 2)
-        collection, index = filled(rows), flat(rows)
-        assert collection.best(queries[0]) == index.search(queries[:1], 1)[1][0][0]
-        turn = iter(range(10**9))
-        query = lambda: queries[next(turn) % 64:][:1]
-        table(f"one query of {len(rows)} x {dim}, k 10", interleaved({
-            "collection, 2 threads": lambda: collection.search(query(), 10, 2),
-            "collection, 1 thread": lambda: collection.search(query(), 10, 1),
-            "Faiss IndexFlat, 2 threads": lambda: faiss_search(index, query(), 10, 2),
-            "Faiss IndexFlat, 1 thread": lambda: faiss_search(index, query(), 10, 1)}, 21))
-        collection.close()
-
-
-def metrics(quick):
-    """One query by each metric, and by distances of rows that are far from zero: bounds fail there."""
+    """One query over rows in memory by each metric, by one thread and by two; and by distances of
+    rows that are far from zero, where bounds fail."""
     for dim in (128, 768):
         rows = gaussian((100 if quick else 500) * 2**20 // 4 // dim, dim)
         units = rows / numpy.linalg.norm(rows, axis=1, keepdims=True)
@@ -258,7 +242,7 @@ def files(quick):
 
 
 SECTIONS = {section.__name__: section
-            for section in (single, metrics, independent, batch, ties, changing, files)}
+            for section in (single, independent, batch, ties, changing, files)}
 
 
 def main():
