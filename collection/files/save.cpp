@@ -199,11 +199,11 @@ class Saving {
                  static_cast<std::size_t>(shape_.dim) * sizeof(float));
     }
     writer.end();
-    std::vector<std::vector<ListNumber>> lists;
-    for (const PartView& view : state_.parts) lists.push_back(view.lists());
+    const RowLists lists(state_);
     writer.begin(sizeof(ListNumber));
     pass([&](Location at) {
-      writer.put(&lists[at.part()][static_cast<std::size_t>(at.row())], sizeof(ListNumber));
+      const ListNumber list = lists.of(at);
+      writer.put(&list, sizeof(list));
     });
     writer.end();
   }

@@ -13,9 +13,8 @@ constexpr std::int64_t kBlockRows = 4096;  // of one task; whole groups of codes
 
 class Building {
  public:
-  Building(const Shape& shape, QxIds ids, int threads)
-      : shape_(shape), rows_(ids.count), threads_(threads), builder_(shape, rows_) {
-    const std::vector<Key> keys = keys_of(shape, ids);
+  Building(const Shape& shape, const std::vector<Key>& keys)
+      : shape_(shape), rows_(std::ssize(keys)), builder_(shape, rows_) {
     require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
             [] { return std::string("the ids do not ascend"); });
     for (const Key& key : keys) builder_.add_id(key);
@@ -72,7 +71,7 @@ class Building {
  private:
   template <typename Work>
   void each_block(Work work) const {
-    parallel_for((rows_ + kBlockRows - 1) / kBlockRows, threads_, {nullptr, nullptr},
+    parallel_for((rows_ + kBlockRows - 1) / kBlockRows, shape_.threads, {nullptr, nullptr},
                  [&](std::int64_t block, int) {
                    work(block * kBlockRows, std::min((block + 1) * kBlockRows, rows_));
                  });
@@ -80,7 +79,6 @@ class Building {
 
   const Shape& shape_;
   const std::int64_t rows_;
-  const int threads_;
   SegmentBuilder builder_;
 };
 
@@ -104,10 +102,11 @@ int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues*
     auto made = new_collection(given(options, "options"));
     Collection& rows = made->collection;
     const Shape& shape = rows.shape();
-    if (ids.count != 0) {
+    const std::vector<Key> keys = keys_of(shape, ids);
+    if (!keys.empty()) {
       require(fill != nullptr, [] { return std::string("fill is null"); });
       check_values(values, shape.schema, ids.count);
-      Building building(shape, ids, shape.threads);
+      Building building(shape, keys);
       building.fill(fill, context);
       building.add_columns(values);
       Sealed sealed;
@@ -133,15 +132,16 @@ int32_t qx_collection_lists(const QxCollection* collection, QxIds ids, int64_t n
       return "n_lists is " + std::to_string(n_lists) + ", and there are " + std::to_string(count);
     });
     const std::vector<Key> keys = keys_of(reading.shape(), ids);
-    std::vector<std::vector<ListNumber>> lists;
-    for (const PartView& view : state.parts) lists.push_back(view.lists());
+    given(centroids, "centroids");
+    require(of_rows != nullptr || keys.empty(), [] { return std::string("of_rows is null"); });
+    const RowLists lists(state);
     for (std::int64_t list = 0; list < count; ++list) {
       std::copy_n(state.lists->centroid(list), reading.shape().dim,
                   centroids + list * reading.shape().dim);
     }
     for (std::size_t i = 0; i < keys.size(); ++i) {
       const Location at = state.find(keys[i]);
-      of_rows[i] = at.exists() ? lists[at.part()][static_cast<std::size_t>(at.row())] : QX_NO_LIST;
+      of_rows[i] = at.exists() ? lists.of(at) : QX_NO_LIST;
     }
   });
 }

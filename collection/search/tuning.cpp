@@ -52,17 +52,14 @@ std::vector<std::size_t> ranks_of(const Lists& lists, const float* query) {
 QxTuning tune(const State& state, const Selection& selection, const Queries& queries,
               std::int64_t k, double recall, const Progress& progress) {
   const TimedSearches searches(state, selection, queries, k);
-  std::vector<std::vector<ListNumber>> lists;
-  for (const PartView& view : state.parts) lists.push_back(view.lists());
+  const RowLists lists(state);
   std::vector<std::int64_t> found(static_cast<std::size_t>(state.lists->count()));
   std::vector<std::vector<Hit>> best;
   std::int64_t all = 0;
   QxTuning tuning = {};
   const auto rank_hits = [&](std::int64_t query, const std::vector<Hit>& hits) {
     const std::vector<std::size_t> ranks = ranks_of(*state.lists, queries.vector(query));
-    for (const Hit& hit : hits) {
-      ++found[ranks[lists[hit.at.part()][static_cast<std::size_t>(hit.at.row())]]];
-    }
+    for (const Hit& hit : hits) ++found[ranks[lists.of(hit.at)]];
     all += std::ssize(hits);
     best.push_back(hits);
   };
@@ -74,7 +71,7 @@ QxTuning tune(const State& state, const Selection& selection, const Queries& que
   };
   std::int64_t hits = found[0];
   tuning.probes = 1;
-  while (reached(hits) < recall && tuning.probes < state.lists->count()) {
+  while (reached(hits) < recall) {  // all lists have all hits
     hits += found[static_cast<std::size_t>(tuning.probes++)];
   }
   // A query that went on to further lists has found more.

@@ -308,13 +308,10 @@ namespace {
 std::shared_ptr<Members> divide_again(const Shape& shape, const State& state,
                                       const std::vector<Location>& order) {
   if (state.lists == nullptr) return nullptr;
-  std::vector<std::vector<ListNumber>> lists;
-  for (const PartView& view : state.parts) lists.push_back(view.lists());
+  const RowLists lists(state);
   std::vector<ListNumber> numbers;
   numbers.reserve(order.size());
-  for (const Location at : order) {
-    numbers.push_back(lists[at.part()][static_cast<std::size_t>(at.row())]);
-  }
+  for (const Location at : order) numbers.push_back(lists.of(at));
   auto members = std::make_shared<Members>(numbers, state.lists->count(), shape.budget);
   members->share.set_draft(true);
   return members;

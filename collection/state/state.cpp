@@ -4,10 +4,16 @@
 
 namespace qx::collection {
 
-std::vector<ListNumber> PartView::lists() const {
-  if (segment != nullptr) return members->lists();
-  const ListNumber* const first = static_cast<const Tail&>(*part).lists();
-  return {first, first + rows};
+RowLists::RowLists(const State& state) {
+  lists_.reserve(state.parts.size());
+  for (const PartView& view : state.parts) {
+    if (view.segment != nullptr) {
+      lists_.push_back(view.members->lists());
+    } else {
+      const ListNumber* const first = static_cast<const Tail&>(*view.part).lists();
+      lists_.emplace_back(first, first + view.rows);
+    }
+  }
 }
 
 std::vector<const float*> sample_of(const State& state, std::int64_t most) {
@@ -17,7 +23,7 @@ std::vector<const float*> sample_of(const State& state, std::int64_t most) {
   sample.reserve(static_cast<std::size_t>(wanted));
   Cursor cursor(state, nullptr);
   Location at;
-  for (std::int64_t row = 0; std::ssize(sample) < wanted && cursor.next(&at); ++row) {
+  for (std::int64_t row = 0; cursor.next(&at); ++row) {
     if (std::ssize(sample) * rows / wanted != row) continue;
     sample.push_back(state.part(at).vector(at.row()));
   }

@@ -36,8 +36,6 @@ struct PartView {
     const std::int64_t row = part->find(key, rows, seen);
     return row >= 0 && is_hidden(row) ? -1 : row;
   }
-  // The list of each row. Requires: the state has lists.
-  std::vector<ListNumber> lists() const;
 };
 
 // By what the rows of a collection are divided into lists.
@@ -85,6 +83,16 @@ struct State {
     }
     return {};
   }
+};
+
+// The list of each row. Requires: the state has lists.
+class RowLists {
+ public:
+  explicit RowLists(const State& state);
+  ListNumber of(Location at) const { return lists_[at.part()][static_cast<std::size_t>(at.row())]; }
+
+ private:
+  std::vector<std::vector<ListNumber>> lists_;
 };
 
 // The vectors of `most` visible rows, or all: at even distances in the order of ids.

@@ -46,6 +46,7 @@ struct Call {
   std::int64_t removed = 77;
   std::uint8_t found[2] = {77, 77};
   QxTuning tuning = {};
+  std::uint32_t of_rows[2] = {};
 
   Call() { EXPECT_EQ(qx_collection_upsert(collection.get(), id, vectors, values), QX_OK); }
 
@@ -76,6 +77,9 @@ struct Call {
                     double recall = 1) {
     EXPECT_EQ(train(1), QX_OK);
     return qx_collection_tune(collection.get(), queries, count, k, recall, &search, &tuning);
+  }
+  std::int32_t lists(float* centroids, std::uint32_t* to) {
+    return qx_collection_lists(collection.get(), ids, 1, centroids, to);
   }
   std::int32_t explain() {
     return qx_collection_explain(collection.get(), nullptr, &search, &text);
@@ -134,6 +138,7 @@ const Refusal kRefusals[] = {
             qx_collection_build(nullptr, c.ids, nullptr, nullptr, fill_strange, nullptr, &c.made)),
     REFUSED("dim is 0, outside 1 to 65536", c.options.dim = 0, c.build(fill_strange, &c.made)),
     REFUSED("fill is null", , c.build(nullptr, &c.made)),
+    REFUSED("the number of ids is -1", c.ids.count = -1, c.build(fill_strange, &c.made)),
     REFUSED("the ids do not ascend", c.numbers[0] = 7, c.build(fill_strange, &c.made)),
     REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr,
             c.build(fill_strange, &c.made)),
@@ -201,6 +206,8 @@ const Refusal kRefusals[] = {
             qx_collection_tune(nullptr, nullptr, 0, 1, 1, nullptr, &c.tuning)),
     REFUSED("there are no lists to probe", ,
             qx_collection_tune(c.collection.get(), nullptr, 0, 1, 1, nullptr, &c.tuning)),
+    REFUSED("centroids is null", c.train(1), c.lists(nullptr, c.of_rows)),
+    REFUSED("of_rows is null", c.train(1), c.lists(c.vectors, nullptr)),
     REFUSED("n_queries is 0", , c.tune(c.vectors, 0)),
     REFUSED("k is 0, below 1", , c.tune(nullptr, 0, 0)),
     REFUSED("recall is 0.000000, not above 0 and at most 1", , c.tune(nullptr, 0, 1, 0)),

@@ -134,12 +134,11 @@ std::pair<Floats, std::vector<ListNumber>> lists_of(const QxCollection& collecti
     const float* const centroid = state->lists->centroid(list);
     centroids.insert(centroids.end(), centroid, centroid + state->lists->dim());
   }
-  std::vector<std::vector<ListNumber>> of_parts;
-  for (const auto& part : state->parts) of_parts.push_back(part.lists());
+  const qx::collection::RowLists of_rows(*state);
   std::vector<ListNumber> lists;
   qx::collection::Cursor cursor(*state, nullptr);
   for (qx::collection::Location at; cursor.next(&at);) {
-    lists.push_back(of_parts[at.part()][static_cast<std::size_t>(at.row())]);
+    lists.push_back(of_rows.of(at));
   }
   return {centroids, lists};
 }
@@ -257,12 +256,10 @@ std::vector<std::int64_t> ids_of_lists(const QxCollection& collection, const flo
   std::vector<ListNumber> nearest(static_cast<std::size_t>(probes));
   state->lists->find_nearest(query, nearest);
   std::vector<std::int64_t> ids;
-  for (const auto& part : state->parts) {
-    const std::vector<ListNumber> lists = part.lists();
-    for (std::size_t row = 0; row < lists.size(); ++row) {
-      const bool is_probed = std::ranges::count(nearest, lists[row]) > 0;
-      if (is_probed) ids.push_back(part.part->key(static_cast<std::int64_t>(row)).number);
-    }
+  const qx::collection::RowLists of_rows(*state);
+  qx::collection::Cursor cursor(*state, nullptr);
+  for (qx::collection::Location at; cursor.next(&at);) {
+    if (std::ranges::count(nearest, of_rows.of(at)) > 0) ids.push_back(state->key(at).number);
   }
   return ids;
 }
