@@ -13,9 +13,12 @@ using VectorOf = std::function<const float*(std::int64_t)>;
 std::vector<ListNumber> lists_of(const Lists& lists, std::int64_t count, const VectorOf& vector,
                                  int threads, const Progress& progress);
 
+// How many vectors find_lists() has use for.
+std::int64_t rows_of_sample(std::int64_t lists);
+
 // How many tasks lists_of() and find_lists() report.
 std::int64_t tasks_of_lists(std::int64_t count);
-std::int64_t tasks_of_training(std::int64_t sample);
+std::int64_t tasks_of_training(std::int64_t sample, std::int64_t lists);
 
 // Finds `count` centroids by k-means: of directions, all of length 1, or of points. Any number of
 // threads finds the same. The progress is of a part. Requires: the sample has at least `count`

@@ -170,9 +170,8 @@ void Collection::train(std::int64_t count, const Progress& progress) {
   std::shared_ptr<const Lists> lists;
   Division division;
   if (count > 0) {
-    constexpr std::int64_t kRowsOfAList = 64;
-    const std::vector<const float*> sample = sample_of(*state, kRowsOfAList * count);
-    std::int64_t done = tasks_of_training(std::ssize(sample));
+    const std::vector<const float*> sample = sample_of(*state, rows_of_sample(count));
+    std::int64_t done = tasks_of_training(std::ssize(sample), count);
     std::int64_t whole = done;
     for (const PartView& view : state->parts) whole += tasks_of_lists(view.rows);
     lists = find_lists(sample, count, shape_.dim, nearness_of(shape_), shape_.budget,
