@@ -30,6 +30,7 @@
 
 #include <qx_collection.h>
 
+#include <algorithm>
 #include <atomic>
 #include <concepts>
 #include <cstddef>
@@ -174,6 +175,25 @@ class Values {
   Nulls nulls_;
 };
 
+// Values of each column, or none at all, if every value is NULL.
+inline std::vector<QxValues> value_pointers(std::span<const Values> values,
+                                            std::span<const QxColumn> columns, std::size_t rows) {
+  using InvalidArgument = CollectionErrorOf<QX_INVALID>;
+  if (!values.empty() && values.size() != columns.size()) {
+    throw InvalidArgument("a column has no values");
+  }
+  std::vector<QxValues> pointers;
+  for (const Values& column : values) {
+    const QxColumn& of = columns[pointers.size()];
+    if (!column.fits(of.type, rows)) {
+      throw InvalidArgument(std::string("values of column ") + of.name +
+                            " are of another type, or not as many as ids");
+    }
+    pointers.push_back(column.get());
+  }
+  return pointers;
+}
+
 // done of total; true cancels the work.
 using ProgressCallback = std::function<bool(std::int64_t done, std::int64_t total)>;
 // Called on any thread.
@@ -206,6 +226,15 @@ struct CollectionOptions {
     c.metric = static_cast<std::int32_t>(metric);
     return c;
   }
+};
+
+// Writes the vectors of rows, dim floats each, in the order of their ids.
+using FillCallback = std::function<void(std::span<float> vectors)>;
+
+// Lists, and of each of some ids the number of its list.
+struct CollectionLists {
+  std::vector<float> centroids;  // dim floats each
+  std::vector<std::uint32_t> of_rows;
 };
 
 template <AnyId Id>
@@ -402,16 +431,7 @@ class RowSet {
   }
   void upsert(const Ids& ids, std::span<const float> vectors, std::span<const Values> values) {
     require(rows_in(vectors) == ids.size(), "there are not as many vectors as ids");
-    require(values.empty() || values.size() == columns().size(), "a column has no values");
-    std::vector<QxValues> pointers;
-    for (const Values& column : values) {
-      const QxColumn& of = columns()[pointers.size()];
-      if (!column.fits(of.type, ids.size())) {
-        throw InvalidArgument(std::string("values of column ") + of.name +
-                              " are of another type, or not as many as ids");
-      }
-      pointers.push_back(column.get());
-    }
+    const std::vector<QxValues> pointers = value_pointers(values, columns(), ids.size());
     const QxValues* const given = pointers.empty() ? nullptr : pointers.data();
     check(view_ ? qx_view_upsert(view_.get(), ids.get(), vectors.data(), given)
                 : qx_collection_upsert(handle(), ids.get(), vectors.data(), given));
@@ -584,6 +604,7 @@ class BasicCollection : public RowSet<Id> {
 
  public:
   using View = BasicView<Id>;
+  using typename Base::Ids;
   using typename Base::Search;
 
   explicit BasicCollection(const CollectionOptions& options)
@@ -591,6 +612,43 @@ class BasicCollection : public RowSet<Id> {
           const QxOptions c = options.get(Base::kIdKind);
           return qx_collection_new(&c, out);
         })) {}
+
+  // With rows, of which `fill` writes the vectors where they stay. The ids ascend.
+  static BasicCollection build(const CollectionOptions& options, const Ids& ids,
+                               const FillCallback& fill, std::span<const Values> values = {},
+                               const std::optional<CollectionLists>& lists = {}) {
+    const QxOptions c = options.get(Base::kIdKind);
+    const std::vector<QxValues> pointers = value_pointers(values, options.columns, ids.size());
+    QxLists given = {};
+    if (lists) {
+      Base::require(lists->of_rows.size() == ids.size(), "there are not as many lists as ids");
+      given = {static_cast<std::int64_t>(lists->centroids.size()) / std::max(c.dim, 1),
+               lists->centroids.data(), lists->of_rows.data()};
+    }
+    struct Filling {
+      const FillCallback& fill;
+      std::size_t floats;
+      std::exception_ptr thrown;
+    } filling = {fill, ids.size() * static_cast<std::size_t>(std::max(c.dim, 0)), nullptr};
+    const QxFill write = [](void* context, float* vectors) -> std::int32_t {
+      auto& to = *static_cast<Filling*>(context);
+      try {
+        to.fill({vectors, to.floats});
+        return 0;
+      } catch (...) {
+        to.thrown = std::current_exception();
+        return 1;
+      }
+    };
+    QxCollection* out = nullptr;
+    const std::int32_t status =
+        qx_collection_build(&c, ids.get(), pointers.empty() ? nullptr : pointers.data(),
+                            lists ? &given : nullptr, write, &filling, &out);
+    std::shared_ptr<QxCollection> built = Owned<QxCollection>(out);
+    if (filling.thrown) std::rethrow_exception(filling.thrown);
+    Base::check(status);
+    return BasicCollection(std::move(built));
+  }
 
   // Of the options threads, memory_limit and manual count.
   static BasicCollection load(const std::string& path, const CollectionOptions& options = {},
@@ -612,6 +670,17 @@ class BasicCollection : public RowSet<Id> {
   void train(std::int64_t n_lists, const ProgressCallback& on_progress = {}) {
     Callbacks<Id> host(on_progress);
     Base::check(qx_collection_train(this->handle(), n_lists, host.progress, &host), host);
+  }
+
+  // What build() takes of the lists; QX_NO_LIST for an id that has no row.
+  CollectionLists lists(const Ids& ids) const {
+    const std::int64_t count = stats().lists;
+    CollectionLists lists;
+    lists.centroids.resize(static_cast<std::size_t>(count * this->dim()));
+    lists.of_rows.resize(ids.size());
+    Base::check(qx_collection_lists(this->handle(), ids.get(), count, lists.centroids.data(),
+                                    lists.of_rows.data()));
+    return lists;
   }
 
   // Without queries, rows of the collection are taken.

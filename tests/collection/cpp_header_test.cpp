@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -126,6 +127,30 @@ TEST(CollectionHeader, TrainsAndTunesLists) {
   EXPECT_EQ(collection.search(kQuery, 1, {.probes = tuning.probes})[0].id, 9);
   EXPECT_EQ(collection.tune(1, 1.0).n_queries, 3);
   EXPECT_THROW(collection.tune(1, 1.0, Floats(3)), Collection::InvalidArgument);
+}
+
+TEST(CollectionHeader, BuildsWithValuesAndLists) {
+  Collection trained = three_numbers();
+  trained.train(2);
+  const Numbers ids = {7, 8, 9};
+  const Numbers years = {2001, 2002, 2003};
+  const auto copy = [](std::span<float> to) { std::ranges::copy(kThree, to.begin()); };
+  const auto options = two_dimensions({{"year", QX_INTEGER}});
+  const Collection built =
+      Collection::build(options, ids, copy, std::array{qx::Values(years)}, trained.lists(ids));
+  EXPECT_EQ(built.stats().lists, 2);
+  EXPECT_EQ(built.lists({7, 9, 5}).of_rows, trained.lists({7, 9, 5}).of_rows);
+  EXPECT_EQ(ids_of(built.search(kQuery, 3, {.filter = "year > 2001"})), (Numbers{9, 8}));
+  EXPECT_TRUE(Collection::build(options, {}, nullptr).empty());
+  const auto fail = [](std::span<float>) { throw std::length_error("no vectors"); };
+  EXPECT_THROW(Collection::build(options, ids, fail), std::length_error);
+  EXPECT_THROW(Collection::build(options, {9, 8}, copy), Collection::InvalidArgument);
+  EXPECT_THROW(
+      Collection::build(options, ids, copy, std::array{qx::Values(std::vector<double>(3))}),
+      Collection::InvalidArgument);
+  EXPECT_THROW(Collection::build(options, {7}, copy, {}, trained.lists(ids)),
+               Collection::InvalidArgument);
+  EXPECT_THROW(three_numbers().lists(ids), Collection::InvalidArgument);
 }
 
 TEST(CollectionHeader, TakesAndGivesValuesOfEachType) {
