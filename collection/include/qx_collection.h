@@ -340,7 +340,8 @@ int32_t qx_collection_lists(const QxCollection* collection, QxIds ids, int64_t n
 
 typedef struct QxTuning {
   int64_t n_queries;    /* that were measured */
-  int32_t probes;       /* the fewest whose rows reach the recall; all do */
+  int32_t probes;       /* the fewest whose rows reach the recall; all do. They save no time unless
+                           seconds is below exact_seconds */
   double recall;        /* that searches with them reach: the part of the k best rows found */
   double seconds;       /* of a search with them, one query on one thread: the median */
   double exact_seconds; /* of one of all rows */
