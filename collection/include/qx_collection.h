@@ -234,8 +234,9 @@ typedef struct QxSearch {
   void* accept_context;
   QxProgress progress;
   void* progress_context;
-  int32_t threads; /* at most; 0: those of the collection */
-  int32_t probes;  /* how many lists are searched, the nearest ones; 0: all rows */
+  int32_t threads;    /* at most; 0: those of the collection */
+  int32_t probes;     /* how many lists are searched, the nearest ones; 0: all rows */
+  const float* limit; /* only hits whose score is at least *limit, or distance at most; null: all */
 } QxSearch;
 
 typedef struct QxHits {
@@ -254,8 +255,8 @@ typedef struct QxHits {
  * k        0 or more.
  * probes   if not 0, only rows of the lists nearest to each query, which qx_collection_train made:
  *          approximate and faster. If that gives fewer than k rows, further lists are searched, so
- *          that there are k, or all that pass.
- * search   or null: defaults.
+ *          that there are k, or all that pass; but not with a limit.
+ * search   or null: defaults. Its limit is finite.
  */
 int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
                              const float* queries, int64_t n_queries, int64_t k,

@@ -245,6 +245,7 @@ struct CollectionSearch {
   ProgressCallback progress = {};
   std::int32_t threads = 0;
   std::int32_t probes = 0;
+  std::optional<float> limit = {};
 };
 
 // ---- What calls give ----
@@ -568,6 +569,7 @@ class RowSet {
       c.accept_context = c.progress_context = &host;
       c.threads = search.threads;
       c.probes = search.probes;
+      c.limit = search.limit ? &*search.limit : nullptr;
     }
     Callbacks<Id> host;
     QxIds among = {};

@@ -1,5 +1,6 @@
 // Searches and other reads.
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "interface/handles.h"
@@ -31,6 +32,14 @@ std::int64_t probes_of(const State& state, const QxSearch* search) {
   require(probes == 0 || state.lists != nullptr,
           [] { return std::string("there are no lists to probe"); });
   return probes == 0 || probes >= state.lists->count() ? 0 : probes;
+}
+
+// The least score of a hit, as rows are ranked.
+std::optional<float> limit_of(const Shape& shape, const QxSearch* search) {
+  if (search == nullptr || search->limit == nullptr) return {};
+  require(std::isfinite(*search->limit),
+          [&] { return "limit is " + std::to_string(*search->limit) + ", not finite"; });
+  return score_given_out(shape.metric, *search->limit);
 }
 
 std::string lists_text(std::int64_t probes, const Lists& lists) {
@@ -72,11 +81,12 @@ int32_t qx_collection_search(const QxCollection* collection, const QxView* view,
     const int threads = threads_of(*collection, search);
     const std::int64_t slots = std::min(k, reading.state().visible_rows());
     const std::int64_t probes = probes_of(reading.state(), search);
+    const std::optional<float> limit = limit_of(shape, search);
     std::vector<std::vector<Hit>> hits(static_cast<std::size_t>(n_queries));
     if (slots > 0) {
       hits = qx::collection::search(reading.state(), {reading.state(), restriction},
-                                    {queries, n_queries, shape.dim, shape.metric, probes}, slots,
-                                    threads, progress);
+                                    {queries, n_queries, shape.dim, shape.metric, probes, limit},
+                                    slots, threads, progress);
     }
     slot = new OwnedHits(reading.state(), shape, hits, slots);
   });
@@ -112,7 +122,7 @@ int32_t qx_collection_tune(const QxCollection* collection, const float* queries,
     }
     const Restriction restriction(reading.shape(), search);
     *out = tune(state, {state, restriction},
-                {kept.data(), std::ssize(given), dim, reading.shape().metric, 0},
+                {kept.data(), std::ssize(given), dim, reading.shape().metric, 0, {}},
                 std::min(k, std::max<std::int64_t>(state.visible_rows(), 1)), recall,
                 progress_of(search));
   });

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <atomic>
+#include <limits>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "state/state.h"
@@ -17,10 +19,11 @@ struct Hit {
 
 class Best {
  public:
-  // Requires: k >= 1.
-  Best(const State& state, std::int64_t k) : state_(state), k_(k) {}
+  // Of rows whose score is at least the limit. Requires: k >= 1.
+  Best(const State& state, std::int64_t k, std::optional<float> limit)
+      : state_(state), k_(k), threshold_(limit.value_or(std::numeric_limits<float>::lowest())) {}
 
-  // No row of a lower score can enter any more; the lowest float until there are k.
+  // No row of a lower score can enter any more; the limit, or the lowest float, until there are k.
   float threshold() const { return threshold_.load(std::memory_order_relaxed); }
 
   // True if no row can enter any more that has at most this score, nor an id below that of `at`.
@@ -40,7 +43,7 @@ class Best {
   const std::int64_t k_;
   std::mutex offering_;
   std::vector<Hit> heap_;  // the worst on top
-  std::atomic<float> threshold_ = -std::numeric_limits<float>::max();
+  std::atomic<float> threshold_;
 };
 
 }  // namespace qx::collection

@@ -540,7 +540,7 @@ std::vector<std::vector<Hit>> search_once(const State& state, const Selection& s
   const int threads = std::min(most_threads, cpus());
   std::vector<std::unique_ptr<Best>> best;
   for (std::int64_t q = 0; q < queries.count; ++q) {
-    best.push_back(std::make_unique<Best>(state, k));
+    best.push_back(std::make_unique<Best>(state, k, queries.limit));
   }
   std::vector<Workspace> spaces(static_cast<std::size_t>(threads));
   Searcher searcher(state, selection, queries, k, best);
@@ -579,7 +579,7 @@ std::vector<std::vector<Hit>> search(const State& state, const Selection& select
                                      const Progress& progress) {
   if (queries.count == 0) return {};
   auto hits = search_once(state, selection, queries, k, threads, progress);
-  if (queries.probes == 0) return hits;
+  if (queries.probes == 0 || queries.limit) return hits;
   std::vector<float> again;
   std::vector<std::size_t> numbers;
   for (std::size_t q = 0; q < hits.size(); ++q) {
@@ -590,8 +590,12 @@ std::vector<std::vector<Hit>> search(const State& state, const Selection& select
   }
   const std::int64_t probes = 4 * queries.probes;
   auto further = search(state, selection,
-                        {again.data(), std::ssize(numbers), queries.dim, queries.metric,
-                         probes < state.lists->count() ? probes : 0},
+                        {again.data(),
+                         std::ssize(numbers),
+                         queries.dim,
+                         queries.metric,
+                         probes < state.lists->count() ? probes : 0,
+                         {}},
                         k, threads, progress);
   for (std::size_t i = 0; i < numbers.size(); ++i) hits[numbers[i]] = std::move(further[i]);
   return hits;

@@ -20,7 +20,7 @@ class TimedSearches {
     std::vector<double> seconds;
     for (std::int64_t q = 0; q < queries_.count; ++q) {
       progress.report(q, queries_.count);
-      const Queries query = {queries_.vector(q), 1, queries_.dim, queries_.metric, probes};
+      const Queries query = {queries_.vector(q), 1, queries_.dim, queries_.metric, probes, {}};
       const auto began = Clock::now();
       const auto hits = search(state_, selection_, query, k_, 1, {nullptr, nullptr});
       seconds.push_back(std::chrono::duration<double>(Clock::now() - began).count());

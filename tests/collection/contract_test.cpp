@@ -194,6 +194,8 @@ const Refusal kRefusals[] = {
             c.filter("i = ")),
 
     REFUSED("probes is -1, below 0", c.search.probes = -1, c.find()),
+    REFUSED("limit is inf, not finite", c.search.limit = &kInfinity, c.find()),
+    REFUSED("limit is nan, not finite", c.search.limit = &kNaN, c.find()),
     REFUSED("there are no lists to probe", c.search.probes = 1, c.find()),
     REFUSED("there are no lists to probe", c.search.probes = 1, c.explain()),
     REFUSED("n_lists is -1, outside 0 to 65536", , c.train(-1)),

@@ -184,6 +184,7 @@ TEST(CollectionHeader, SearchesByWhatIsGiven) {
   EXPECT_EQ(found({.among = Collection::Ids{7, 8, 5}}), (Numbers{7, 8}));
   EXPECT_EQ(found({.among = Collection::Ids()}), Numbers());
   EXPECT_EQ(found({.accept = [](std::int64_t id) { return id != 9; }}), (Numbers{7, 8}));
+  EXPECT_EQ(found({.limit = 2.0f}), (Numbers{9, 7}));
   EXPECT_NE(collection.explain({.filter = "year > 2001"}).find("2 pass"), std::string::npos);
 }
 

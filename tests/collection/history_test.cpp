@@ -369,7 +369,7 @@ class History {
   // The lists are the library's; which rows they hold, and that a query goes on until it has enough
   // of them, is decided here again.
   std::vector<Hit> probe(const Reader& reader, std::size_t query, std::int64_t k,
-                         const Condition& condition, std::int64_t probes) {
+                         const Model::Passes& asked, std::int64_t probes, bool has_limit) {
     const auto lists = lists_of(reader);
     const Floats compared = kept(schema_.metric, queries_[query]);
     const std::int64_t wanted = std::min(k, std::ssize(reader.model.rows));
@@ -383,10 +383,11 @@ class History {
       lists->find_nearest(compared.data(), near);
       const auto passes = [&](const Id& id, const Row& row) {
         const bool is_near = std::ranges::find(near, of_vectors[row.vector]) != near.end();
-        return is_near && condition.passes(id, row);
+        return is_near && asked(id, row);
       };
       std::vector<Hit> hits = reader.model.search(scores_[query], k, passes);
-      if (std::ssize(hits) == wanted || probes >= lists->count()) return hits;
+      const bool is_enough = std::ssize(hits) == wanted || has_limit;
+      if (is_enough || probes >= lists->count()) return hits;
       probes *= 4;
     }
   }
@@ -407,16 +408,23 @@ class History {
     std::vector<std::vector<Hit>> expected;
     const bool has_probes = lists_of(reader) != nullptr && random_.percent(60);
     const auto probes = has_probes ? random_.any_of<std::int32_t>({1, 1, 2, 5, 300}) : 0;
+    std::optional<float> limit;
+    if (random_.percent(25)) limit = random_.any_of(scores_[numbers.empty() ? 0 : numbers[0]]);
+    if (limit && !std::isfinite(*limit)) limit.reset();
     for (const std::size_t q : numbers) {
       queries.insert(queries.end(), queries_[q].begin(), queries_[q].end());
-      expected.push_back(
-          has_probes ? probe(reader, q, k, condition, probes)
-                     : reader.model.search(scores_[q], k, [&](const Id& id, const Row& row) {
-                         return condition.passes(id, row);
-                       }));
+      const auto passes = [&](const Id& id, const Row& row) {
+        const float score = scores_[q][row.vector];
+        const bool is_beyond =
+            limit && (reader.model.is_distance ? score > *limit : score < *limit);
+        return !is_beyond && condition.passes(id, row);
+      };
+      expected.push_back(has_probes ? probe(reader, q, k, passes, probes, limit.has_value())
+                                    : reader.model.search(scores_[q], k, passes));
     }
     with_search(condition, [&](QxSearch& search, const Patience& patience) {
       search.probes = probes;
+      search.limit = limit ? &*limit : nullptr;
       QxHits* hits = nullptr;
       std::int32_t got = -1;
       expect(0, [&] {

@@ -11,6 +11,7 @@ import numpy.typing as npt
 Ids = npt.NDArray[np.int64]
 Floats = npt.NDArray[np.float32]
 
+_FLOAT32_MAX = float(np.finfo(np.float32).max)
 INT32_MAX = (1 << 31) - 1
 INT64_MIN, INT64_MAX = -(1 << 63), (1 << 63) - 1
 
@@ -69,12 +70,23 @@ def number(what: str, value: Any, low: int, high: int) -> int:
     return integer
 
 
-def fraction(what: str, value: Any) -> float:
-    """A number above 0, at most 1."""
+def _real(what: str, value: Any) -> Any:
     if isinstance(value, bool) or not isinstance(value, (int, float, np.integer, np.floating)):
         raise TypeError(f"{what} must be a number, not {type(value).__name__}")
-    if not 0 < value <= 1:
+    return value
+
+
+def fraction(what: str, value: Any) -> float:
+    """A number above 0, at most 1."""
+    if not 0 < _real(what, value) <= 1:
         raise ValueError(f"{what} must be above 0 and at most 1, not {value}")
+    return float(value)
+
+
+def float32(what: str, value: Any) -> float:
+    """A number that is finite as a float32."""
+    if not -_FLOAT32_MAX <= _real(what, value) <= _FLOAT32_MAX:
+        raise ValueError(f"{what} must be finite as a float32, not {value}")
     return float(value)
 
 

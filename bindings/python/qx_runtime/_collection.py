@@ -154,7 +154,8 @@ class _Rows:
     def search(self, queries: npt.ArrayLike, k: int = 10, *,
                filter: Union[Filter, str, None] = None, among: Optional[IdsLike] = None,
                accept: Optional[Callable[[Any], object]] = None, threads: int = 0,
-               probes: int = 0, progress: Progress = None) -> CollectionHits:
+               probes: int = 0, limit: Optional[float] = None,
+               progress: Progress = None) -> CollectionHits:
         """Finds the k best rows by the metric, or all there are if they are fewer; of equal scores the
         lower id comes first.
 
@@ -167,7 +168,10 @@ class _Rows:
         threads   at most; 0: as many as the collection has.
         probes    if not 0, only rows of so many lists of :meth:`Collection.train`, the nearest to a
                   query: approximate and faster, :meth:`Collection.tune` says how. There are k hits
-                  all the same, or all rows that pass, for want of which further lists are searched.
+                  all the same, or all rows that pass, for want of which further lists are searched,
+                  unless there is a limit.
+        limit     if not None, only hits whose score, as a float32, is at least this, or whose squared
+                  distance is at most this; ``k=len(rows)`` gives all of them.
         progress  as of :meth:`Collection.save`.
         """
         handle = self._open()
@@ -175,6 +179,8 @@ class _Rows:
         count = len(vectors) if vectors.ndim == 2 else 1
         wanted = _arrays.number("k", k, 0, _arrays.INT64_MAX)
         search = _search(handle, filter, among, accept, threads, probes)
+        if limit is not None:
+            search.limit = ctypes.pointer(ctypes.c_float(_arrays.float32("limit", limit)))
         report = _calls.report_of(progress)
         library = _library.collection()
         with _calls.result(_library.Hits, "qx_hits_free") as (out, hits), \

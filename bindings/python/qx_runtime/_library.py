@@ -95,7 +95,8 @@ class Search(ctypes.Structure):
     kept: Any  # what its pointers point to
     _fields_ = [("filter", ctypes.c_char_p), ("among", ctypes.POINTER(Ids)), ("accept", Accept),
                 ("accept_context", ctypes.c_void_p), ("progress", Progress),
-                ("progress_context", ctypes.c_void_p), ("threads", _int32), ("probes", _int32)]
+                ("progress_context", ctypes.c_void_p), ("threads", _int32), ("probes", _int32),
+                ("limit", ctypes.POINTER(ctypes.c_float))]
 
 
 class Hits(ctypes.Structure):

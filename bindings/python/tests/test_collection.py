@@ -221,6 +221,9 @@ def test_searches_of_lists(tmp_path):
         assert list(each.search(query, probes=1)) == [(4, 7.5), (2, 1.0), (1, 0.75), (3, 0.0)]
         assert list(each.search(query, filter="n = 1", probes=1)) == [(4, 7.5)]
         assert "of 3 lists, the nearest 1" in each.explain(probes=1)
+        assert list(each.search(query, probes=1, limit=1)) == [(2, 1.0)]
+        assert list(each.search(query, limit=np.float64(0.75))) == [(4, 7.5), (2, 1.0), (1, 0.75)]
+        assert list(each.search(query, 1, limit=0)) == [(4, 7.5)] and not each.search(query, limit=8)
     for recall, probes in [(0.5, 1), (0.75, 2), (1, 2)]:
         tuning = rows.tune(1, recall, [query, [0, 0, 1]])
         assert (tuning.probes, tuning.recall, tuning.queries) == (probes, 0.5 * probes, 2)
@@ -366,6 +369,9 @@ NO_CALLS = [
     (lambda c: c.search([1, 2], progress=lambda *_: len(c)), RuntimeError, "must not use"),
     (lambda c: c.search([1, 2], accept=lambda id: 1 // 0), ZeroDivisionError, ""),
     (lambda c: c.search([1, 2], probes=-1), ValueError, "probes must be"),
+    (lambda c: c.search([1, 2], limit=np.inf), ValueError, "limit must be finite"),
+    (lambda c: c.search([1, 2], limit=-1e39), ValueError, "limit must be finite"),
+    (lambda c: c.search([1, 2], limit="1"), TypeError, "limit must be a number"),
     (lambda c: c.search([1, 2], probes=1), ValueError, "no lists to probe"),
     (lambda c: c.view().search([1, 2], probes=1.0), TypeError, "probes must be an integer"),
     (lambda c: c.train(2), ValueError, "2 lists of 1 rows"), (lambda c: c.train(-1), ValueError, "lists"),
