@@ -476,6 +476,20 @@ TEST(CollectionFiles, KeepLists) {
   EXPECT_EQ(stats.lists, 2);
 }
 
+TEST(CollectionFiles, HaveNoListsWithoutRows) {
+  const auto loaded = loaded_from(crafted_lists().bytes());
+  QxRows* rows = nullptr;
+  ASSERT_EQ(qx_collection_list(loaded.get(), nullptr, nullptr, {}, INT64_MAX, &rows), QX_OK);
+  const Owner<QxRows> all(rows);
+  const QxIds ids = {all->count, all->ids, all->texts};
+  ASSERT_EQ(qx_collection_remove(loaded.get(), ids, nullptr), QX_OK);
+  const auto empty = loaded_from(saved(loaded.get()));
+  QxCollectionStats stats;
+  qx_collection_stats(empty.get(), &stats);
+  EXPECT_EQ(stats.rows, 0);
+  EXPECT_EQ(stats.lists, 0);
+}
+
 struct Case {
   std::function<void(Crafted&)> change;
   const char* message;

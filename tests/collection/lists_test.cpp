@@ -9,6 +9,7 @@
 
 #include "collection/host.h"
 #include "interface/handles.h"
+#include "search/probes.h"
 #include "support/random.h"
 
 namespace qx_test {
@@ -269,6 +270,28 @@ Owned<QxHits> search_one(const QxCollection* collection, const Floats& query, st
   QxHits* hits = nullptr;
   EXPECT_EQ(qx_collection_search(collection, nullptr, query.data(), 1, k, &search, &hits), QX_OK);
   return Owned<QxHits>(hits);
+}
+
+TEST(Probes, MarkTheRowsOfARangeAlone) {
+  const Clusters rows(3);
+  const auto collection = rows.create();
+  rows.upsert(collection.get(), 0, Clusters::kRows);
+  ASSERT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
+  train(collection.get(), 6);
+  const auto state = collection->collection.state();
+  const qx::collection::Probes probes(
+      *state->lists,
+      {rows.vectors.data(), 1, Clusters::kDim, qx::collection::Metric::kInnerProduct, 3, {}});
+  const auto lists = lists_of(*collection).second;
+  const auto probed = probes.lists_of(0);
+  constexpr std::int64_t kFirst = 1024;
+  std::vector<std::uint64_t> marked(3), expected(3);
+  probes.mark(state->parts[0], 0, kFirst, 192, marked);
+  for (std::size_t i = 0; i < 192; ++i) {
+    const auto is_probed = std::ranges::count(probed, lists[kFirst + i]) > 0;
+    expected[i / 64] |= std::uint64_t{is_probed} << i % 64;
+  }
+  EXPECT_EQ(marked, expected);
 }
 
 // Few lists are searched row by row, many by what is between: rows of a segment and of a tail, with

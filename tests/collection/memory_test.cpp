@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <numeric>
 #include <thread>
 
 #include "collection/host.h"
@@ -382,6 +383,46 @@ TEST(Memory, IsLimitedToTheByte) {
     EXPECT_GE(short_of_one.refusals, 1);
     EXPECT_EQ(short_of_one.bytes[i], i == 0 ? 0 : free.bytes[i - 1]);
   }
+}
+
+// A reader that stays, and one that leaves while the merge waits for it.
+TEST(Memory, OfWhatAMergeReplacedIsGivenBackWhoeverReadsIt) {
+  constexpr std::int32_t kWide = 512;
+  constexpr std::int64_t kMany = 10000;  // 20 MB
+  QxOptions options = {};
+  options.manual = 1;
+  const Owned<QxCollection> collection(Schema{kWide}.create(options));
+  const Floats vectors(static_cast<std::size_t>(kMany * kWide), 1);
+  std::vector<std::int64_t> ids(kMany);
+  std::iota(ids.begin(), ids.end(), 0);
+  const auto bytes = [&] {
+    QxCollectionStats stats;
+    qx_collection_stats(collection.get(), &stats);
+    return stats.bytes;
+  };
+  const auto merge = [&] {  // the first row is replaced
+    EXPECT_EQ(
+        qx_collection_upsert(collection.get(), {1, ids.data(), nullptr}, vectors.data(), nullptr),
+        QX_OK);
+    EXPECT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
+  };
+  ASSERT_EQ(
+      qx_collection_upsert(collection.get(), {kMany, ids.data(), nullptr}, vectors.data(), nullptr),
+      QX_OK);
+  merge();
+  const std::int64_t alone = bytes();
+  QxView* view = nullptr;
+  ASSERT_EQ(qx_view_new(collection.get(), &view), QX_OK);
+  merge();
+  EXPECT_GE(bytes(), 2 * alone);
+  qx_view_free(view);
+  EXPECT_EQ(bytes(), alone);
+  ASSERT_EQ(qx_view_new(collection.get(), &view), QX_OK);
+  std::thread merging(merge);
+  while (bytes() < 2 * alone) std::this_thread::yield();
+  qx_view_free(view);
+  merging.join();
+  EXPECT_EQ(bytes(), alone);
 }
 
 // ---- A limit of the process ----
