@@ -22,8 +22,7 @@
 //    so that kBelow is enough for 2^16 of them. h is then rounded to the float below. One that
 //    overflows is the largest float.
 // 5. L is computed in double precision, and lowered by more than that rounds: by 2^-50 of the sum
-// of
-//    its two terms. Rounding to single precision keeps order: where B - h >= L, it is so of both
+//    of its two terms. Rounding to single precision keeps order: where B - h >= L, it is so of both
 //    rounded. So the rounded ones are compared.
 //
 // A row without a code has a NaN for a bound, which is below nothing.

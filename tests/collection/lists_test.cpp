@@ -192,6 +192,21 @@ TEST(Training, DividesRowsByTheirNearestCentroid) {
   EXPECT_GT(used.size(), 6u);  // k-means may put two clusters into one list, but not most of them
 }
 
+TEST(Training, FindsDirectionsOrMeans) {
+  const Floats vectors = {2, 0, 4, 0, 0, 3, 0, 1};
+  const std::int64_t ids[] = {1, 2, 3, 4};
+  const auto centroids = [&](Metric metric) {
+    const Owned<QxCollection> collection(Schema{2, false, {}, {}, metric}.create());
+    EXPECT_EQ(qx_collection_upsert(collection.get(), {4, ids, nullptr}, vectors.data(), nullptr),
+              QX_OK);
+    train(collection.get(), 2);
+    const Floats found = lists_of(*collection).first;
+    return std::set<Floats>{{found[0], found[1]}, {found[2], found[3]}};
+  };
+  EXPECT_EQ(centroids(Metric::kInnerProduct), (std::set<Floats>{{1, 0}, {0, 1}}));
+  EXPECT_EQ(centroids(Metric::kEuclidean), (std::set<Floats>{{3, 0}, {0, 2}}));
+}
+
 TEST(Training, ThatIsCancelledOrRefusedKeepsTheListsThatThereWere) {
   const Clusters clusters(6);
   QxOptions one_thread = {};
