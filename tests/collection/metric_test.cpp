@@ -210,11 +210,30 @@ TEST(ADistanceLimit, HoldsWhereSquaresUnderflow) {
   EXPECT_FALSE(is_ruled_out(row, query, 0.0f, 0.0f));
 }
 
+// Half of the squared norm, as it is kept, is 2^24 + 3, midway between two floats, and the distance
+// is too small to change a double of that size.
+TEST(ADistanceLimit, IsRoundedDown) {
+  const Floats query = {0x1p-14f, 0x1p-3f, 0x1p-3f, 1, 1, 2, 4096, 4096, 0x1p-14f};
+  const qx::collection::DistanceLimit limit(query.data(), 9);
+  EXPECT_EQ(limit.of(-0x1p-40f), 0x1p24f + 2);
+}
+
 TEST(ADistanceLimit, RulesNothingOutByALargeThresholdOrANaN) {
   const Floats row = {1e10f, 1e10f};
   const Floats query = {-1e10f, -1e10f};
   EXPECT_FALSE(is_ruled_out(row, query, -2e20f, std::numeric_limits<float>::max()));
   EXPECT_FALSE(is_ruled_out(row, query, std::numeric_limits<float>::quiet_NaN(), 0.0f));
+}
+
+// Of a corner that is there, so that groups beside the results are ruled out.
+TEST(ABoxOfRows, HasTheScoreOfItsBestCorner) {
+  const float least[] = {-1, -1, 2}, largest[] = {1, 1, 3}, query[] = {2, -0.5f, -4};
+  std::vector<float> space;
+  const auto bound = [&](qx::collection::Metric metric) {
+    return qx::collection::score_bound(metric, least, largest, 3, query, space);
+  };
+  EXPECT_EQ(bound(qx::collection::Metric::kInnerProduct), 2 * 1 + -0.5f * -1 + -4 * 2);
+  EXPECT_EQ(bound(qx::collection::Metric::kEuclidean), -(1.0f + 0 + 36));
 }
 
 // ---- Searches ----
