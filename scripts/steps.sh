@@ -54,7 +54,7 @@ quietly() {
 
 # build_preset PRESET TARGET...
 build_preset() {
-  quietly cmake --preset "$1" -DQX_BUILD_EXAMPLES=OFF
+  quietly cmake --preset "$1"
   quietly cmake --build --preset "$1" --target "${@:2}"
 }
 

@@ -33,7 +33,7 @@ SCREEN = """\
 > king - man + woman
   queen 0.770  monarch 0.684  throne 0.676  daughter 0.659  princess 0.652
 > .recall 0.9
-  6 of 141 lists give 90.7 % of the 5 nearest, for 200 words
+  5 of 141 lists give 91.1 % of the 5 nearest, for 200 words
 > .recall 0.99
   26 of 141 lists give 99.0 % of the 5 nearest, for 200 words
 > king - man + woman
