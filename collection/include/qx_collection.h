@@ -161,8 +161,11 @@ typedef struct QxOptions {
 /* Creates an empty collection. */
 int32_t qx_collection_new(const QxOptions* options, QxCollection** out);
 
-/* Writes the vectors of rows, in the order of their ids. Non-zero cancels the work. */
-typedef int32_t (*QxFill)(void* context, float* vectors);
+/*
+ * Writes vectors of rows, in the order of their ids, where all rows stay: at least those of rows
+ * `first` to `first + count` - 1, and of later ones any. Non-zero cancels the work.
+ */
+typedef int32_t (*QxFill)(void* context, int64_t first, int64_t count, float* vectors);
 
 /* Lists that qx_collection_lists gave, and which of them rows are in. */
 typedef struct QxLists {
@@ -174,7 +177,8 @@ typedef struct QxLists {
 
 /*
  * Creates a collection with rows that the host writes where they stay: without a second copy of
- * the vectors, and by all threads. `fill` is called once, on the calling thread, if there are ids.
+ * the vectors. `fill` is called on the calling thread, for some rows after the other until it was
+ * for all, while other threads derive what searches need of those before.
  *
  * ids     strictly ascending.
  * values  as qx_collection_upsert has them.

@@ -632,10 +632,12 @@ class BasicCollection : public RowSet<Id> {
       std::size_t floats;
       std::exception_ptr thrown;
     } filling = {fill, ids.size() * static_cast<std::size_t>(std::max(c.dim, 0)), nullptr};
-    const QxFill write = [](void* context, float* vectors) -> std::int32_t {
+    // All rows at the first call.
+    const QxFill write = [](void* context, std::int64_t first, std::int64_t,
+                            float* vectors) -> std::int32_t {
       auto& to = *static_cast<Filling*>(context);
       try {
-        to.fill({vectors, to.floats});
+        if (first == 0) to.fill({vectors, to.floats});
         return 0;
       } catch (...) {
         to.thrown = std::current_exception();

@@ -1,6 +1,10 @@
 // Rows in an index of the engine, which are filled in place.
 #pragma once
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 #include <new>
 
 #include "store/base.h"
@@ -36,6 +40,20 @@ class SealedIndex {
 
   const QxIndex& get() const { return *index_; }
   float* vector(std::int64_t row) const { return index_->base_vectors + row * dim_; }
+
+  // Asks the system for the memory of rows `first` to `end` - 1, whatever is in them. A system that
+  // does not know that gives memory when it is written to.
+  void populate([[maybe_unused]] std::int64_t first, [[maybe_unused]] std::int64_t end) const {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+    constexpr std::uintptr_t kPageBytes = 1 << 16;  // at most
+    const auto from =
+        (reinterpret_cast<std::uintptr_t>(vector(first)) + kPageBytes - 1) / kPageBytes;
+    const auto to = reinterpret_cast<std::uintptr_t>(vector(end)) / kPageBytes;
+    if (from >= to) return;
+    static_cast<void>(madvise(reinterpret_cast<void*>(from * kPageBytes), (to - from) * kPageBytes,
+                              MADV_POPULATE_WRITE));
+#endif
+  }
 
   // Derives what searches need of the vectors of rows `first` to `end` - 1, which are filled.
   // Threads may do so at the same time with rows that are not of one group (kCodeGroupRows).

@@ -1,5 +1,6 @@
 // A collection whose first rows the host writes where they stay.
 #include <algorithm>
+#include <atomic>
 #include <optional>
 
 #include "interface/handles.h"
@@ -8,35 +9,40 @@ using namespace qx::collection;
 
 namespace {
 
-constexpr std::int64_t kPageFloats = 1024;
-constexpr std::int64_t kBlockRows = 4096;  // of one task; whole groups of codes
+// A block stays in a cache until it is complete. It has whole groups of codes.
+constexpr std::int64_t kBlockFloats = std::int64_t{1} << 18;
+constexpr std::int64_t kMostBlockRows = 4096;
+constexpr std::int64_t kMostWaiting = 4;  // of filled blocks, before the thread that fills helps
+
+constexpr std::int64_t block_rows_of(std::int64_t dim) {
+  const std::int64_t rows = std::min(kBlockFloats / dim, kMostBlockRows);
+  return std::max<std::int64_t>(rows / qx::kCodeGroupRows, 1) * qx::kCodeGroupRows;
+}
 
 class Building {
  public:
   Building(const Shape& shape, const std::vector<Key>& keys)
-      : shape_(shape), rows_(std::ssize(keys)), builder_(shape, rows_) {
+      : shape_(shape),
+        rows_(std::ssize(keys)),
+        block_rows_(block_rows_of(shape.dim)),
+        blocks_((rows_ + block_rows_ - 1) / block_rows_),
+        builder_(shape, rows_) {
     require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
             [] { return std::string("the ids do not ascend"); });
     for (const Key& key : keys) builder_.add_id(key);
   }
 
+  // The calling thread fills block after block. The others complete what is filled, and have the
+  // system give memory, which is slow, for what is to come.
   void fill(QxFill write, void* context) {
-    // New memory is given by the page, and slowly: to all threads at once.
-    each_block([&](std::int64_t first, std::int64_t end) {
-      float* const last = builder_.vector(end);
-      for (float* at = builder_.vector(first); at < last; at += kPageFloats) *at = 0;
-    });
-    if (write(context, builder_.vector(0)) != 0) throw Error(QX_CANCELLED, "the host cancelled");
-    each_block([&](std::int64_t first, std::int64_t end) {
-      require_finite("vector", builder_.vector(first), static_cast<std::size_t>(end - first),
-                     shape_.dim, static_cast<std::size_t>(first));
-      for (std::int64_t row = first; row < end; ++row) {
-        float* const vector = builder_.vector(row);
-        if (!is_kept(shape_.metric, vector, shape_.dim)) {
-          keep_vector(shape_.metric, vector, shape_.dim, vector);
-        }
+    parallel_for(shape_.threads, shape_.threads, {nullptr, nullptr}, [&](std::int64_t, int worker) {
+      try {
+        worker == 0 ? fill_blocks(write, context) : help();
+      } catch (...) {
+        filled_.store(kStopped);
+        filled_.notify_all();
+        throw;
       }
-      builder_.complete(first, end);
     });
   }
 
@@ -51,9 +57,9 @@ class Building {
 
   std::shared_ptr<Members> members(const Lists& lists, const std::uint32_t* of_rows) {
     std::vector<ListNumber> numbers(static_cast<std::size_t>(rows_));
-    each_block([&](std::int64_t first, std::int64_t end) {
+    parallel_for(blocks_, shape_.threads, {nullptr, nullptr}, [&](std::int64_t block, int) {
       std::vector<float> space;
-      for (std::int64_t row = first; row < end; ++row) {
+      for (std::int64_t row = block * block_rows_; row < end_of(block); ++row) {
         const std::uint32_t list = of_rows[row];
         require(list < lists.count() || list == QX_NO_LIST, [&] {
           return "row " + std::to_string(row) + " is in list " + std::to_string(list) + " of " +
@@ -69,17 +75,66 @@ class Building {
   std::shared_ptr<Segment> finish() { return builder_.finish(); }
 
  private:
-  template <typename Work>
-  void each_block(Work work) const {
-    parallel_for((rows_ + kBlockRows - 1) / kBlockRows, shape_.threads, {nullptr, nullptr},
-                 [&](std::int64_t block, int) {
-                   work(block * kBlockRows, std::min((block + 1) * kBlockRows, rows_));
-                 });
+  static constexpr std::int64_t kStopped = -1;
+
+  void fill_blocks(QxFill write, void* context) {
+    for (std::int64_t block = filled_.load(); 0 <= block && block < blocks_;) {
+      const std::int64_t first = block * block_rows_, end = end_of(block);
+      if (write(context, first, end - first, builder_.vector(0)) != 0) {
+        throw Error(QX_CANCELLED, "the host cancelled");
+      }
+      if (!filled_.compare_exchange_strong(block, block + 1)) return;
+      filled_.notify_all();
+      if (++block - next_to_complete_.load() > kMostWaiting) complete_one();
+    }
+    while (complete_one()) continue;
+  }
+
+  void help() {
+    while (true) {
+      const std::int64_t filled = filled_.load();
+      if (complete_one()) continue;
+      if (filled == kStopped || filled == blocks_) return;
+      if (next_to_populate_.load() >= blocks_) {
+        filled_.wait(filled);
+        continue;
+      }
+      const std::int64_t block = next_to_populate_.fetch_add(1);
+      if (filled < block && block < blocks_) builder_.populate(block * block_rows_, end_of(block));
+    }
+  }
+
+  // False if no filled block is left.
+  bool complete_one() {
+    std::int64_t block = next_to_complete_.load();
+    do {
+      if (block >= filled_.load()) return false;
+    } while (!next_to_complete_.compare_exchange_weak(block, block + 1));
+    const std::int64_t first = block * block_rows_, end = end_of(block);
+    require_finite("vector", builder_.vector(first), static_cast<std::size_t>(end - first),
+                   shape_.dim, static_cast<std::size_t>(first));
+    for (std::int64_t row = first; row < end; ++row) {
+      float* const vector = builder_.vector(row);
+      if (!is_kept(shape_.metric, vector, shape_.dim)) {
+        keep_vector(shape_.metric, vector, shape_.dim, vector);
+      }
+    }
+    builder_.complete(first, end);
+    return true;
+  }
+
+  std::int64_t end_of(std::int64_t block) const {
+    return std::min((block + 1) * block_rows_, rows_);
   }
 
   const Shape& shape_;
   const std::int64_t rows_;
+  const std::int64_t block_rows_;
+  const std::int64_t blocks_;
   SegmentBuilder builder_;
+  std::atomic<std::int64_t> filled_ = 0;  // blocks, or kStopped
+  std::atomic<std::int64_t> next_to_complete_ = 0;
+  std::atomic<std::int64_t> next_to_populate_ = 0;
 };
 
 std::shared_ptr<const Lists> lists_of(const Shape& shape, const QxLists& given_lists) {

@@ -21,43 +21,35 @@ std::vector<QxColumn> columns_of(const Declaration& declaration) {
   return columns;
 }
 
-// Writes the vectors of rows, chunk by chunk.
+// Reads the vectors of rows in the order of their places.
 class Filler {
  public:
-  Filler(Storage& storage, std::int64_t dim, const Batch& batch)
-      : chunks_(storage.all_chunks()), storage_(storage), dim_(dim), batch_(batch) {}
+  Filler(const Storage& storage, std::int64_t dim, const Batch& batch)
+      : storage_(storage),
+        dim_(static_cast<std::size_t>(dim)),
+        places_(batch.places),
+        order_(order_of_places()) {}
 
-  void fill(float* vectors) {
-    const std::vector<std::size_t> order = order_of_places();
-    const auto place = [&](std::size_t i) { return batch_.places[order.empty() ? i : order[i]]; };
-    const std::int64_t rows = storage_.rows_of_chunk();
-    const auto bytes = static_cast<std::size_t>(dim_) * sizeof(float);
-    std::size_t next = 0;
-    while (next < batch_.rowids.size() && chunks_.step()) {
-      const std::int64_t number = chunks_.integer(0);
-      const std::span<const std::byte> chunk = chunks_.blob(1);
-      require_intact(number >= 0 && number < Storage::kMostPlaces, "the vectors of ",
-                     storage_.table(), " are damaged: there is a chunk ", number);
-      require_intact(chunk.size() == static_cast<std::size_t>(rows) * bytes, "the vectors of ",
-                     storage_.table(), " are damaged: a chunk has ", chunk.size(), " bytes");
-      const std::int64_t first = number * rows;
-      for (; next < batch_.rowids.size() && place(next) < first + rows; ++next) {
-        if (place(next) < first) break;
-        const std::size_t row = order.empty() ? next : order[next];
-        std::memcpy(vectors + row * static_cast<std::size_t>(dim_),
-                    chunk.data() + static_cast<std::size_t>(place(next) - first) * bytes, bytes);
-      }
+  // At least the first `end` rows; all of them if places do not ascend with rowids.
+  void fill(float* vectors, std::size_t end) {
+    if (!order_.empty()) end = order_.size();
+    for (std::size_t run = 1; next_ < end; next_ += run) {
+      const std::size_t row = row_at(next_);
+      const auto continues = [&](std::size_t length) {
+        const std::int64_t place = places_[row] + static_cast<std::int64_t>(length);
+        return next_ + length < end && row_at(next_ + length) == row + length &&
+               places_[row + length] == place && place % storage_.rows_of_chunk() != 0;
+      };
+      for (run = 1; continues(run);) ++run;
+      storage_.read_vectors(&chunk_, places_[row], {vectors + row * dim_, run * dim_});
     }
-    require_intact(next == batch_.rowids.size(), "the vectors of ", storage_.table(),
-                   " are damaged: a row has none");
-    turn_order({vectors, batch_.rowids.size() * static_cast<std::size_t>(dim_)});
   }
 
   // For C: what is thrown waits.
-  static std::int32_t call(void* self, float* vectors) {
+  static std::int32_t call(void* self, std::int64_t first, std::int64_t count, float* vectors) {
     auto& filler = *static_cast<Filler*>(self);
     try {
-      filler.fill(vectors);
+      filler.fill(vectors, static_cast<std::size_t>(first + count));
       return 0;
     } catch (...) {
       filler.thrown = std::current_exception();
@@ -71,18 +63,21 @@ class Filler {
   // Empty if places ascend with rowids.
   std::vector<std::size_t> order_of_places() const {
     std::vector<std::size_t> order;
-    if (std::is_sorted(batch_.places.begin(), batch_.places.end())) return order;
-    order.resize(batch_.places.size());
+    if (std::is_sorted(places_.begin(), places_.end())) return order;
+    order.resize(places_.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
     std::sort(order.begin(), order.end(),
-              [&](std::size_t a, std::size_t b) { return batch_.places[a] < batch_.places[b]; });
+              [&](std::size_t a, std::size_t b) { return places_[a] < places_[b]; });
     return order;
   }
+  std::size_t row_at(std::size_t i) const { return order_.empty() ? i : order_[i]; }
 
-  Statement chunks_;
-  Storage& storage_;
-  std::int64_t dim_;
-  const Batch& batch_;
+  const Storage& storage_;
+  Chunk chunk_;
+  std::size_t dim_;
+  const std::vector<std::int64_t>& places_;
+  std::vector<std::size_t> order_;
+  std::size_t next_ = 0;
 };
 
 }  // namespace
@@ -125,24 +120,29 @@ void check_value(const Column& column, int type, sqlite3_value* value) {
 
 // ---- Batches ----
 
-Batch::Batch(const Declaration& declaration) {
+Batch::Batch(const Declaration& declaration, bool with_lists) {
   int at = Storage::kFirstValue;
   for (const Column& column : declaration.columns) {
     if (column.is_filter())
       columns_.push_back({column.kind, column.name, at++, {}, {}, {}, {}, {}});
   }
+  if (with_lists) list_at_ = at;
 }
 
 void Batch::add(const Statement& row) {
   const std::int64_t rowid = row.integer(0);
-  require_intact(row.type(1) == SQLITE_INTEGER, "the stored row ", rowid,
+  sqlite3_value* const place = row.value(1);
+  require_intact(sqlite3_value_type(place) == SQLITE_INTEGER, "the stored row ", rowid,
                  " is damaged: it has no place");
   rowids.push_back(rowid);
-  places.push_back(row.integer(1));
-  const std::int64_t list = row.type(2) == SQLITE_NULL ? -1 : row.integer(2);
-  lists.push_back(list < 0 || list >= QX_NO_LIST ? QX_NO_LIST : static_cast<std::uint32_t>(list));
+  places.push_back(sqlite3_value_int64(place));
+  if (list_at_) {
+    const std::int64_t list = row.type(*list_at_) == SQLITE_NULL ? -1 : row.integer(*list_at_);
+    lists.push_back(list < 0 || list >= QX_NO_LIST ? QX_NO_LIST : static_cast<std::uint32_t>(list));
+  }
   for (Values& column : columns_) {
-    const int type = row.type(column.at);
+    sqlite3_value* const value = row.value(column.at);
+    const int type = sqlite3_value_type(value);
     column.nulls.push_back(type == SQLITE_NULL);
     const bool is_text = column.kind == ColumnKind::kText;
     const bool is_real = column.kind == ColumnKind::kReal;
@@ -150,12 +150,11 @@ void Batch::add(const Statement& row) {
     require_intact(type == SQLITE_NULL || type == wanted, "the stored row ", rowid,
                    " is damaged: a value of another type in ", column.name);
     if (is_text) {
-      const std::string_view text = row.text(column.at);
-      column.texts.emplace_back(text);
+      column.texts.emplace_back(text_of(value));
     } else if (is_real) {
-      column.reals.push_back(row.real(column.at));
+      column.reals.push_back(sqlite3_value_double(value));
     } else {
-      column.integers.push_back(row.integer(column.at));
+      column.integers.push_back(sqlite3_value_int64(value));
     }
   }
 }
@@ -185,10 +184,12 @@ const std::vector<QxValues>& Batch::values() {
 
 namespace {
 
-CollectionPointer load_batch(Storage& storage, const Declaration& declaration, Batch& batch) {
-  Statement(storage.database(), storage.select_rows("ORDER BY rowid", true))
-      .each([&](const Statement& row) { batch.add(row); });
+// A collection, and what it was made of.
+std::pair<CollectionPointer, Batch> load_batch(Storage& storage, const Declaration& declaration) {
   const Floats centroids = storage.centroids();
+  Batch batch(declaration, !centroids.empty());
+  Statement(storage.database(), storage.select_rows("ORDER BY rowid", batch.columns()))
+      .each([&](const Statement& row) { batch.add(row); });
   const QxLists lists = {std::ssize(centroids) / declaration.dim, centroids.data(),
                          batch.lists.data()};
   const std::vector<QxColumn> columns = columns_of(declaration);
@@ -205,7 +206,7 @@ CollectionPointer load_batch(Storage& storage, const Declaration& declaration, B
                           lists.count == 0 ? nullptr : &lists, Filler::call, &filler, &made);
   if (filler.thrown) std::rethrow_exception(filler.thrown);
   check_call(status);
-  return {made, [](QxCollection* collection) { qx_collection_free(collection); }};
+  return {CollectionPointer(made, qx_collection_free), std::move(batch)};
 }
 
 // Long work lets SQLite's own machine call the host's progress handler, which may interrupt it.
@@ -233,15 +234,13 @@ std::int64_t lists_of(const QxCollection* collection) {
 }  // namespace
 
 CollectionPointer load_rows(Storage& storage, const Declaration& declaration) {
-  Batch batch(declaration);
-  return load_batch(storage, declaration, batch);
+  return load_batch(storage, declaration).first;
 }
 
 void make_lists(Storage& storage, const Declaration& declaration,
                 std::optional<std::int64_t> count) {
   if (count == 0) return storage.set_lists({}, {}, {});
-  Batch batch(declaration);
-  const CollectionPointer rows = load_batch(storage, declaration, batch);
+  const auto [rows, batch] = load_batch(storage, declaration);
   Patience patience(storage.database());
   if (count) check_call(qx_collection_train(rows.get(), *count, Patience::call, &patience));
   const std::int64_t lists = lists_of(rows.get());
@@ -265,11 +264,12 @@ std::int64_t tuned_probes(Storage& storage, const Declaration& declaration, doub
 
 void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection* collection,
                   QxView* view, const std::vector<std::int64_t>& rowids) {
-  Batch batch(declaration);
+  Batch batch(declaration, false);
   Floats vectors;
+  const auto dim = static_cast<std::size_t>(declaration.dim);
   std::vector<std::int64_t> gone;
   Chunk chunk;
-  Statement one_row(storage.database(), storage.select_rows("WHERE rowid = ?1", true));
+  Statement one_row(storage.database(), storage.select_rows("WHERE rowid = ?1", batch.columns()));
   for (const std::int64_t rowid : rowids) {
     const std::size_t before = batch.rowids.size();
     one_row.each([&](const Statement& row) { batch.add(row); }, rowid);
@@ -277,8 +277,8 @@ void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection
       gone.push_back(rowid);
       continue;
     }
-    const Floats vector = storage.read_vector(&chunk, batch.places.back());
-    vectors.insert(vectors.end(), vector.begin(), vector.end());
+    vectors.resize(vectors.size() + dim);
+    storage.read_vectors(&chunk, batch.places.back(), std::span(vectors).last(dim));
   }
   const QxIds removed = {std::ssize(gone), gone.data(), nullptr};
   const QxValues* const values = batch.values().data();

@@ -28,13 +28,16 @@ void check_value(const Column& column, int type, sqlite3_value* value);
 // Ids and values, without vectors.
 class Batch {
  public:
-  explicit Batch(const Declaration& declaration);
-  // Of Storage::select_rows. Throws where the row is damaged.
+  Batch(const Declaration& declaration, bool with_lists);
+  Storage::Columns columns() const {
+    return list_at_ ? Storage::Columns::kFiltersAndList : Storage::Columns::kFilters;
+  }
+  // Of Storage::select_rows, with these columns. Throws where the row is damaged.
   void add(const Statement& row);
 
   std::vector<std::int64_t> rowids;
   std::vector<std::int64_t> places;
-  std::vector<std::uint32_t> lists;
+  std::vector<std::uint32_t> lists;  // none without lists
 
   QxIds ids() const { return {std::ssize(rowids), rowids.data(), nullptr}; }
   // Valid until the next row.
@@ -52,6 +55,7 @@ class Batch {
     std::vector<QxText> text_pointers;
   };
   std::vector<Values> columns_;
+  std::optional<int> list_at_;
   std::vector<QxValues> pointers_;
 };
 

@@ -199,27 +199,27 @@ void Storage::rename(const std::string& table) {
 
 // ---- Rows ----
 
-std::string Storage::select_rows(std::string_view rest, bool filters_alone) const {
-  std::string sql = "SELECT rowid, \"#\", \"#list\"";
+std::string Storage::select_rows(std::string_view rest, Columns columns) const {
+  std::string sql = "SELECT rowid, \"#\"";
   for (const Column& column : declaration_.columns) {
-    const bool wanted = filters_alone ? column.is_filter() : column.kind != ColumnKind::kVector;
-    if (wanted) sql += ", " + quoted(column.name);
+    const bool all = columns == Columns::kAll && column.kind != ColumnKind::kVector;
+    if (all || column.is_filter()) sql += ", " + quoted(column.name);
   }
+  if (columns == Columns::kFiltersAndList) sql += ", \"#list\"";
   return joined(sql, " FROM ", name("values"), " ", rest);
 }
 
-Floats Storage::read_vector(Chunk* chunk, std::int64_t place) const {
+void Storage::read_vectors(Chunk* chunk, std::int64_t place, std::span<float> vectors) const {
   require_intact(place >= 0, "a row of ", table_, " has the place ", place);
   chunk->open(database_, schema_, table_, place / chunk_rows_, false);
-  Floats vector(static_cast<std::size_t>(declaration_.dim));
-  chunk->read(place % chunk_rows_ * declaration_.dim * 4,
-              std::as_writable_bytes(std::span(vector)));
-  turn_order(vector);
-  return vector;
+  chunk->read(place % chunk_rows_ * declaration_.dim * 4, std::as_writable_bytes(vectors));
+  turn_order(vectors);
 }
 
-Statement Storage::all_chunks() const {
-  return {database_, "SELECT chunk, vectors FROM " + name("vectors") + " ORDER BY chunk"};
+Floats Storage::read_vector(Chunk* chunk, std::int64_t place) const {
+  Floats vector(static_cast<std::size_t>(declaration_.dim));
+  read_vectors(chunk, place, vector);
+  return vector;
 }
 
 void Storage::bind_values(Statement& statement, int first, sqlite3_value** row) {

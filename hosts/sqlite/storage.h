@@ -69,14 +69,20 @@ class Storage {
   void drop();
   void rename(const std::string& table);
 
-  // The rows of a statement have the rowid, the place, the list, then the declared columns but the
-  // vector.
-  static constexpr int kFirstValue = 3;
-  std::string select_rows(std::string_view rest, bool filters_alone = false) const;
+  // The rows of a statement have the rowid, the place, then declared columns but the vector, and
+  // last the list.
+  static constexpr int kFirstValue = 2;
+  enum class Columns { kAll, kFilters, kFiltersAndList };
+  std::string select_rows(std::string_view rest, Columns columns = Columns::kAll) const;
   std::string select_rowids(std::string_view rest) const {
     return joined("SELECT rowid FROM ", name("values"), " ", rest);
   }
+  std::int64_t count() const {
+    return *Statement(database_, "SELECT count(*) FROM " + name("values")).number();
+  }
   Statement& one_row() { return prepared(one_row_, select_rows("WHERE rowid = ?1")); }
+  // Of places that follow each other in one chunk.
+  void read_vectors(Chunk* chunk, std::int64_t place, std::span<float> vectors) const;
   Floats read_vector(Chunk* chunk, std::int64_t place) const;
 
   // How rows meet others of their rowid.
@@ -111,7 +117,6 @@ class Storage {
                  std::span<const std::uint32_t> lists);
 
   std::int64_t rows_of_chunk() const { return chunk_rows_; }
-  Statement all_chunks() const;
   sqlite3* database() const { return database_; }
   const std::string& schema() const { return schema_; }
   const std::string& table() const { return table_; }

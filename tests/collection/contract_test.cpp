@@ -92,7 +92,7 @@ struct Call {
 };
 
 // Three dimensions: the last vector has a component that the context does not hold.
-std::int32_t fill_strange(void* context, float* vectors) {
+std::int32_t fill_strange(void* context, std::int64_t, std::int64_t, float* vectors) {
   std::copy_n(static_cast<const float*>(context), 4, vectors);
   vectors[4] = kNaN;
   vectors[5] = 0;
@@ -289,8 +289,28 @@ TEST(Collection, KeepsTheMessageOfAThreadUntilItsNextFailure) {
 }
 
 // It has the rows of one that they were upserted into, and gives the bits that it gives.
+// A host that writes vectors of two components: as it is asked to, or all of them at once.
+struct Writer {
+  const Floats& vectors;
+  bool at_once = false;
+  std::int64_t stops_at = INT64_MAX;
+  std::int64_t written = 0;
+
+  static std::int32_t fill(void* self, std::int64_t first, std::int64_t count, float* to) {
+    auto& writer = *static_cast<Writer*>(self);
+    EXPECT_EQ(first, writer.written);
+    writer.written += count;
+    const std::int64_t end = writer.at_once ? std::ssize(writer.vectors) / 2 : writer.written;
+    if (!writer.at_once || first == 0) {
+      std::copy(writer.vectors.begin() + 2 * first, writer.vectors.begin() + 2 * end,
+                to + 2 * first);
+    }
+    return writer.written > writer.stops_at;
+  }
+};
+
 TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
-  constexpr std::int64_t kBuilt = 2 * 4096 + 5;
+  constexpr std::int64_t kBuilt = 20 * 4096 + 5;
   std::vector<std::int64_t> ids, values;
   Floats vectors;
   for (std::int64_t i = 0; i < kBuilt; ++i) {
@@ -306,33 +326,43 @@ TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
   options.dim = 2;
   options.columns = &column;
   options.n_columns = 1;
-  const QxFill fill = [](void* context, float* to) {
-    const auto& given = *static_cast<const Floats*>(context);
-    std::copy(given.begin(), given.end(), to);
-    return std::int32_t{0};
+  Writer writer = {vectors}, eager = {vectors, true};
+  const auto build = [&](Writer& from, QxCollection** out) {
+    return qx_collection_build(&options, list, columns, nullptr, Writer::fill, &from, out);
   };
-  QxCollection* made = nullptr;
-  ASSERT_EQ(qx_collection_build(&options, list, columns, nullptr, fill, &vectors, &made), QX_OK);
-  const Owned<QxCollection> built(made), changed(schema.create());
+  QxCollection *made = nullptr, *made_at_once = nullptr;
+  ASSERT_EQ(build(writer, &made), QX_OK);
+  ASSERT_EQ(build(eager, &made_at_once), QX_OK);
+  EXPECT_EQ(writer.written, kBuilt);
+  const Owned<QxCollection> built(made), at_once(made_at_once), changed(schema.create());
   ASSERT_EQ(qx_collection_upsert(changed.get(), list, vectors.data(), columns), QX_OK);
   for (const char* const filter : {"n >= 0", "n = 3"}) {
     QxSearch search = {};
     search.filter = filter;
     const float queries[] = {1, 2, -3, 0.5f};
-    QxHits *one = nullptr, *other = nullptr;
-    ASSERT_EQ(qx_collection_search(built.get(), nullptr, queries, 2, 9, &search, &one), QX_OK);
-    ASSERT_EQ(qx_collection_search(changed.get(), nullptr, queries, 2, 9, &search, &other), QX_OK);
-    const Owned<QxHits> found(one), expected(other);
-    EXPECT_TRUE(std::equal(found->ids, found->ids + 18, expected->ids));
-    EXPECT_TRUE(std::equal(found->scores, found->scores + 18, expected->scores));
+    const auto hits_of = [&](const QxCollection* of) {
+      QxHits* hits = nullptr;
+      EXPECT_EQ(qx_collection_search(of, nullptr, queries, 2, 9, &search, &hits), QX_OK);
+      return Owned<QxHits>(hits);
+    };
+    const auto expected = hits_of(changed.get());
+    for (const QxCollection* const of : {built.get(), at_once.get()}) {
+      const auto found = hits_of(of);
+      EXPECT_TRUE(std::equal(found->ids, found->ids + 18, expected->ids));
+      EXPECT_TRUE(std::equal(found->scores, found->scores + 18, expected->scores));
+    }
   }
+  Writer stopping = {vectors, false, 9 * 4096};
+  EXPECT_EQ(build(stopping, &made), QX_CANCELLED);
+  EXPECT_LT(stopping.written, kBuilt);
   options.memory_limit = 4096;
-  EXPECT_EQ(qx_collection_build(&options, list, columns, nullptr, fill, &vectors, &made),
-            QX_OUT_OF_MEMORY);
+  Writer unused = {vectors}, strange = {vectors};
+  EXPECT_EQ(build(unused, &made), QX_OUT_OF_MEMORY);
+  EXPECT_EQ(unused.written, 0);
   options.memory_limit = 0;
-  const QxFill cancel = [](void*, float*) { return std::int32_t{1}; };
-  EXPECT_EQ(qx_collection_build(&options, list, columns, nullptr, cancel, &vectors, &made),
-            QX_CANCELLED);
+  vectors[2 * 13 * 4096 + 1] = kNaN;
+  EXPECT_EQ(build(strange, &made), QX_INVALID);
+  EXPECT_STREQ(qx_collection_message(), "component 1 of vector 53248 is not finite");
   EXPECT_EQ(made, built.get());
   ASSERT_EQ(qx_collection_build(&options, {}, nullptr, nullptr, nullptr, nullptr, &made), QX_OK);
   EXPECT_EQ(qx_collection_count(Owned<QxCollection>(made).get(), nullptr), 0);
@@ -350,13 +380,12 @@ TEST(Collection, IsBuiltWithLists) {
   const QxIds list = {kBuilt, ids.data(), nullptr};
   QxOptions options = {};
   options.dim = 2;
-  const QxFill fill = [](void* context, float* to) {
-    const auto& given = *static_cast<const Floats*>(context);
-    std::copy(given.begin(), given.end(), to);
-    return std::int32_t{0};
+  const auto build = [&](const QxLists* lists, QxCollection** out) {
+    Writer writer = {vectors};
+    return qx_collection_build(&options, list, nullptr, lists, Writer::fill, &writer, out);
   };
   QxCollection* made = nullptr;
-  ASSERT_EQ(qx_collection_build(&options, list, nullptr, nullptr, fill, &vectors, &made), QX_OK);
+  ASSERT_EQ(build(nullptr, &made), QX_OK);
   const Owned<QxCollection> trained(made);
   Floats centroids(2 * kCount);
   std::vector<std::uint32_t> of_rows(kBuilt);
@@ -371,7 +400,7 @@ TEST(Collection, IsBuiltWithLists) {
   const std::vector<std::uint32_t> unknown(kBuilt, QX_NO_LIST);
   for (const std::vector<std::uint32_t>& known : {of_rows, unknown}) {
     const QxLists lists = {kCount, centroids.data(), known.data()};
-    ASSERT_EQ(qx_collection_build(&options, list, nullptr, &lists, fill, &vectors, &made), QX_OK);
+    ASSERT_EQ(build(&lists, &made), QX_OK);
     const Owned<QxCollection> built(made);
     std::vector<std::uint32_t> again(kBuilt);
     Floats same(2 * kCount);
@@ -382,11 +411,10 @@ TEST(Collection, IsBuiltWithLists) {
   for (const std::uint32_t strange : {std::uint32_t{kCount}, QX_NO_LIST - 1}) {
     of_rows[77] = strange;
     const QxLists lists = {kCount, centroids.data(), of_rows.data()};
-    EXPECT_EQ(qx_collection_build(&options, list, nullptr, &lists, fill, &vectors, &made),
-              QX_INVALID);
+    EXPECT_EQ(build(&lists, &made), QX_INVALID);
   }
   const QxLists none = {0, centroids.data(), of_rows.data()};
-  EXPECT_EQ(qx_collection_build(&options, list, nullptr, &none, fill, &vectors, &made), QX_INVALID);
+  EXPECT_EQ(build(&none, &made), QX_INVALID);
   EXPECT_STREQ(qx_collection_message(), "the number of lists is 0, outside 1 to 65536");
 }
 

@@ -295,7 +295,7 @@ const Read kReads[] = {
        const float centroid[4] = {1, 1, 1, 1};
        const std::uint32_t of_rows[] = {0, QX_NO_LIST};
        const QxLists lists = {1, centroid, of_rows};
-       const QxFill fill = [](void*, float* vectors) {
+       const QxFill fill = [](void*, std::int64_t, std::int64_t, float* vectors) {
          std::fill_n(vectors, 8, 1.0f);
          return std::int32_t{0};
        };

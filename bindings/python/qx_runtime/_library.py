@@ -63,7 +63,7 @@ INTEGER, REAL, BOOLEAN, TEXT = range(4)
 INNER_PRODUCT, COSINE, EUCLIDEAN = range(3)
 
 Progress = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, _int64)
-Fill = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, ctypes.c_void_p)
+Fill = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, _int64, ctypes.c_void_p)
 Accept = ctypes.CFUNCTYPE(_int32, ctypes.c_void_p, _int64, ctypes.c_void_p)
 
 
