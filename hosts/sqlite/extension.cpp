@@ -56,9 +56,7 @@ class Cursor : public sqlite3_vtab_cursor {
   void start(int plan_number, const char* plan, int count, sqlite3_value** arguments);
   void advance();
   bool at_end() const { return searching_ ? at_ >= hits_.size() : !has_row_; }
-  void read_rowid(sqlite3_int64* rowid) const {
-    *rowid = searching_ ? hits_[at_].rowid : rows_.integer(0);
-  }
+  void read_rowid(sqlite3_int64* rowid);
   void read_column(sqlite3_context* context, int column);
 
  private:
@@ -69,8 +67,12 @@ class Cursor : public sqlite3_vtab_cursor {
   // Of a scan, its rows; of a search, the row of the present hit, once it is asked for.
   Statement rows_;
   Chunk chunk_;
-  bool row_read_ = false;
+  bool row_read_ = false;  // of a scan, any
   bool has_row_ = false;
+  // Of a scan of all rows that nobody reads, how many there are; and at which of them rows_ is.
+  bool may_count_ = false;
+  std::optional<std::int64_t> total_;
+  std::size_t stepped_ = 0;
 
   bool searching_ = false;
   std::int64_t k_ = 0;
@@ -154,7 +156,9 @@ int close_cursor(sqlite3_vtab_cursor* cursor) {
 void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value** arguments) {
   searching_ = plan_number == kSearch;
   row_read_ = false;
-  at_ = 0;
+  at_ = stepped_ = 0;
+  may_count_ = plan_number == kRowids && count == 0;
+  total_.reset();
   hits_.clear();
   table()->flush();
   chunk_.close();
@@ -222,12 +226,31 @@ void Cursor::find(const Search& search) {
 }
 
 void Cursor::advance() {
+  constexpr std::size_t kMany = 1000;
+  ++at_;
   if (searching_) {
-    ++at_;
     row_read_ = false;
+    return;
+  }
+  if (at_ == kMany && may_count_ && !row_read_) total_ = table()->storage.count();
+  if (total_) {
+    has_row_ = at_ < static_cast<std::size_t>(*total_);
   } else {
     has_row_ = rows_.step();
+    stepped_ = at_;
   }
+}
+
+void Cursor::read_rowid(sqlite3_int64* rowid) {
+  if (searching_) {
+    *rowid = hits_[at_].rowid;
+    return;
+  }
+  row_read_ = true;
+  for (; stepped_ < at_; ++stepped_) {
+    if (!rows_.step()) throw SqlError(SQLITE_ABORT, "a row was deleted while it was read");
+  }
+  *rowid = rows_.integer(0);
 }
 
 void Cursor::read_column(sqlite3_context* context, int column) {

@@ -108,6 +108,25 @@ def test_conflicts_are_resolved_as_asked(filled):
     assert filled.execute("SELECT count(*) FROM t").fetchone() == (20,)
 
 
+def test_many_rows_are_counted_and_read_late(database):
+    make(database, ((3 * i, "[1, 2]") for i in range(5000)))
+    database.execute("BEGIN")
+    database.execute("DELETE FROM t WHERE rowid < 30 OR rowid % 2")
+    database.execute("INSERT INTO t(rowid, embedding) VALUES (1, '[1, 2]'), (20000, '[1, 2]')")
+    rows = rowids(database, "SELECT rowid FROM t")
+    assert rows == [1, *range(30, 15000, 6), 20000]
+    assert rowids(database, "SELECT count(*) FROM t") == [len(rows)]
+    assert rowids(database, "SELECT count(*) FROM t WHERE rowid > 6000") == [1500]
+    for order, there in (("", rows), ("ORDER BY rowid DESC", rows[::-1])):
+        calls = iter(range(len(there)))
+        database.create_function("is_late", 0, lambda seen=calls: next(seen) in (1500, 1501, 2300))
+        read = database.execute(f"SELECT CASE WHEN is_late() THEN rowid END FROM t {order}").fetchall()
+        assert [rowid for rowid, in read if rowid] == [there[1500], there[1501], there[2300]]
+        assert len(read) == len(there)
+    database.execute("ROLLBACK")
+    assert rowids(database, "SELECT count(*) FROM t") == [5000]
+
+
 def test_a_failing_statement_changes_nothing(filled):
     nearest(filled)
     with pytest.raises(sqlite3.DatabaseError):
