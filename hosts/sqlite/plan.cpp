@@ -116,6 +116,18 @@ class Planner {
     return SQLITE_OK;
   }
 
+  // Whether it compares what only a search has, without MATCH: for an OR of a join SQLite tries so.
+  bool is_part_of_search() const {
+    bool is_part = false;
+    for (int i = 0; i < info_->nConstraint; ++i) {
+      const auto& constraint = info_->aConstraint[i];
+      if (constraint.op == SQLITE_INDEX_CONSTRAINT_MATCH) return false;
+      is_part |= constraint.iColumn > declaration_.command_column() &&
+                 constraint.op != SQLITE_INDEX_CONSTRAINT_ISNULL;
+    }
+    return is_part;
+  }
+
   void plan_scan() {
     std::string where, order;
     double cost = 1e6;
@@ -166,7 +178,7 @@ class Planner {
   }
 
   // Whether it is met before the best are taken is decided when the search runs; SQLite tests it in
-  // any case, unless that is known now.
+  // any case.
   void condition(int i) {
     const auto& constraint = info_->aConstraint[i];
     if (!constraint.usable) return;
@@ -180,9 +192,7 @@ class Planner {
                              ColumnKind::kText;
     const bool by_bytes =
         !is_text || sqlite3_stricmp(sqlite3_vtab_collation(info_, i), "BINARY") == 0;
-    const bool omit = literal && by_bytes && operator_of(constraint.op) != nullptr &&
-                      can_filter(declaration_, constraint.iColumn);
-    use(i, omit, (literal ? kLiteral : 0) | (by_bytes ? 0 : kOtherOrder), in);
+    use(i, false, (literal ? kLiteral : 0) | (by_bytes ? 0 : kOtherOrder), in);
     names_ += joined(names_.empty() ? "filtered by " : ", ",
                      name_of_column(declaration_, constraint.iColumn));
   }
@@ -191,9 +201,10 @@ class Planner {
   void finish(bool limited) {
     info_->idxNum = kSearch;
     set_text(joined(names_.empty() ? "exact" : names_, " |", arguments_));
-    // SQLite may ask again without a limit: that plan is chosen only if there is no other, and
-    // fails when it runs.
-    info_->estimatedCost = limited ? 1000 : 1e12;
+    // Less than a row by its rowid, or SQLite takes conditions with OR apart, and scans for each.
+    // It may ask again without a limit: that plan is chosen only if there is no other, and fails
+    // when it runs.
+    info_->estimatedCost = limited ? 1 : 1e12;
     info_->estimatedRows = 10;
   }
 
@@ -282,6 +293,11 @@ class SearchReader {
       if (arguments[i].op == SQLITE_INDEX_CONSTRAINT_MATCH) query = static_cast<int>(i);
     }
     const Origins from = origins(query);
+    require(
+        std::none_of(from.texts.begin(), from.texts.end(),
+                     [](const StatementText& text) { return text.has_row_value(); }),
+        "beside a search no row values are compared: compare their columns one by one, or search "
+        "in a WITH ... AS MATERIALIZED");
     bool late = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
       const Argument& argument = arguments[i];
@@ -303,8 +319,13 @@ class SearchReader {
   bool is_first(const Origins& from, std::size_t i, bool constant, int column, int op) const {
     if (!from.known || i >= from.follows.size()) return constant;
     if (from.varies[i]) return true;
-    return (constant || from.follows[i]) &&
-           from.is_written(name_of_column(declaration_, column), written_as(op));
+    if (!constant && !from.follows[i]) return false;
+    using Written = StatementText::Written;
+    const Written written = from.written(name_of_column(declaration_, column), written_as(op));
+    require(written != Written::kUnclear,
+            "of several searches it is not clear which is filtered by ",
+            name_of_column(declaration_, column), ": search in a WITH ... AS MATERIALIZED");
+    return written == Written::kYes;
   }
 
   // The query, k, limits and thresholds are no conditions on rows.
@@ -517,6 +538,7 @@ int choose_plan(const Declaration& declaration, sqlite3_index_info* info) {
   Planner planner(declaration, info);
   const int match = planner.find_match();
   if (match >= 0) return planner.plan_search(match);
+  if (planner.is_part_of_search()) return SQLITE_CONSTRAINT;
   planner.plan_scan();
   return SQLITE_OK;
 }

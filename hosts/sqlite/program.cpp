@@ -85,7 +85,7 @@ class Program {
   std::vector<Instruction> code;
   Origins origins(int filter, int query) const {
     const Instruction& start = code[at(filter)];
-    Origins result{true, {}, {}, {}, {}};
+    Origins result{true, {}, {}, {}, {}, {}};
     const auto argument = [&](int i) { return sources(start.p3 + 2 + i, filter, 0); };
     const Sources of_query = argument(query);
     for (int i = 0; i < arguments(filter); ++i) {
@@ -357,6 +357,23 @@ std::vector<StatementText> texts_of(sqlite3* database, const char* sql, const st
   return texts;
 }
 
+// How the statement names the tables that are searched by a plan.
+std::set<std::string> read_names(sqlite3* database, const std::string& sql,
+                                 const std::string& plan) {
+  std::set<std::string> names;
+  Statement(database, "EXPLAIN QUERY PLAN " + sql, 0).each([&](const Statement& row) {
+    const std::string_view text = row.text(3);  // SCAN name VIRTUAL TABLE INDEX 1:plan
+    const std::size_t begin = text.find(' ') + 1, end = text.find(" VIRTUAL TABLE INDEX ");
+    if (end == std::string_view::npos || text.find(plan, end) == std::string_view::npos) return;
+    std::string name(text.substr(begin, end - begin));
+    for (char& letter : name) {
+      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    names.insert(name);
+  });
+  return names;
+}
+
 // What holds of both.
 void join(const Origins& found, Origins* all) {
   if (!all->known) {
@@ -372,14 +389,25 @@ void join(const Origins& found, Origins* all) {
   std::set_intersection(all->tested.begin(), all->tested.end(), found.tested.begin(),
                         found.tested.end(), std::inserter(both, both.begin()));
   all->tested = both;
+  if (found.names.empty() || all->names.empty()) {
+    all->names.clear();
+  } else {
+    all->names.insert(found.names.begin(), found.names.end());
+  }
 }
 
 }  // namespace
 
-bool Origins::is_written(std::string_view column, StatementText::Test test) const {
-  return std::any_of(texts.begin(), texts.end(), [&](const StatementText& text) {
-    return text.is_simple() || text.has_condition(column, test);
-  });
+StatementText::Written Origins::written(std::string_view column, StatementText::Test test) const {
+  using Written = StatementText::Written;
+  Written written = Written::kNo;
+  for (const StatementText& text : texts) {
+    if (text.is_simple()) return Written::kYes;
+    const Written here = text.written(names, column, test);
+    if (here == Written::kYes) return here;
+    if (here == Written::kUnclear) written = here;
+  }
+  return written;
 }
 
 void Programs::forget() {
@@ -403,6 +431,7 @@ Origins Programs::origins(sqlite3* database, const void* table, const std::strin
         if (is_it) join(program.origins(i, query), &of_statement);
       }
     }
+    if (of_statement.known) of_statement.names = read_names(database, sql, plan);
     return of_statement;
   };
   for (sqlite3_stmt* statement = sqlite3_next_stmt(database, nullptr); statement != nullptr;

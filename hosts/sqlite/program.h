@@ -27,8 +27,11 @@ struct Origins {
   // The statement, or what views and triggers say.
   std::vector<StatementText> texts;
 
+  // The names that the search may have there; none if they are not known.
+  std::set<std::string> names;
+
   // Whether a condition on a column stands where the search does.
-  bool is_written(std::string_view column, StatementText::Test test) const;
+  StatementText::Written written(std::string_view column, StatementText::Test test) const;
 };
 
 class Programs {

@@ -1,5 +1,6 @@
 #include "statement_text.h"
 
+#include <algorithm>
 #include <map>
 
 namespace qx_sqlite {
@@ -19,6 +20,14 @@ std::string lower(std::string_view text) {
 }
 
 using Test = StatementText::Test;
+
+// What may follow a table that has no other name.
+bool is_word_after_table(const std::string& word) {
+  static const std::set<std::string> words = {"join", "left",    "inner", "cross",    "natural",
+                                              "full", "right",   "using", "union",    "except",
+                                              "set",  "indexed", "not",   "intersect"};
+  return words.contains(word);
+}
 
 Test comparison(const std::string& text) {
   static const std::map<std::string, Test> all = {
@@ -82,55 +91,74 @@ const std::string& StatementText::text(std::size_t at) const {
   return at < tokens_.size() ? tokens_[at].text : none;
 }
 
-// Which SELECT each token is of, and whether it is in a WHERE or ON.
+// Which SELECT each token is of, and whether it is in a FROM, or in a WHERE or ON.
 void StatementText::place() {
-  static const std::set<std::string> others = {"from",  "join", "group",  "having",    "order",
-                                               "limit", "set",  "window", "returning", "values"};
+  static const std::set<std::string> others = {"group", "having",    "order",  "limit",
+                                               "set",   "returning", "values", "window"};
+  static const std::set<std::string> before_row = {"and", "or", "not",  "where",  "on",
+                                                   "is",  "(",  "when", "between"};
   struct Place {
     std::size_t select;
-    bool filters;
+    bool filters, lists, on, row;
   };
-  std::vector<Place> open = {{0, false}};
+  std::vector<Place> open = {{}};
   searches_ = {false};
   for (std::size_t i = 0; i < tokens_.size(); ++i) {
     Token& token = tokens_[i];
     if (token.text == ")" && open.size() > 1) open.pop_back();
-    if (token.text == "(") open.push_back(open.back());
-    if (token.is_name &&
-        (token.text == "select" || token.text == "update" || token.text == "delete")) {
-      open.back() = {searches_.size(), false};
+    if (token.text == "(" && i > 0) {
+      open.push_back(open.back());
+      open.back().on = false;
+      open.back().row = open.back().filters && (before_row.contains(text(i - 1)) ||
+                                                comparison(text(i - 1)) != Test::kNone);
+    }
+    Place& place = open.back();
+    const std::string& word = token.is_name ? token.text : text(tokens_.size());
+    if (word == "select" || word == "update" || word == "delete") {
+      place = {searches_.size(), false, word == "update", false, false};
       searches_.push_back(false);
     }
-    if (token.is_name && others.contains(token.text)) open.back().filters = false;
-    if (token.text == "where" || token.text == "on") open.back().filters = true;
-    token.select = open.back().select;
-    token.filters = open.back().filters;
-    if (token.text == "match" && token.filters) has_search_ = searches_[token.select] = true;
+    const bool is_comma = token.text == ",";
+    if (is_comma && place.row) row_values_.insert(place.select);
+    if (others.contains(word)) place = {place.select, false, false, false, false};
+    const bool lists = word == "from" || word == "join" || (is_comma && place.on);
+    if (lists) place = {place.select, false, true, false, false};
+    if (word == "where" || word == "on") {
+      place = {place.select, true, false, word == "on", place.row};
+    }
+    token.select = place.select;
+    token.filters = place.filters;
+    token.lists = place.lists;
+    if (word == "match" && token.filters) has_search_ = searches_[token.select] = true;
   }
 }
 
 void StatementText::find_aliases(std::string_view table) {
-  for (std::size_t i = 0; i < tokens_.size(); ++i) {
-    if (text(i) != table) continue;
+  static const std::set<std::string> before = {"from", "join", ",", ".", "update", "("};
+  for (std::size_t i = 1; i < tokens_.size(); ++i) {
+    const Token& token = tokens_[i];
+    const bool is_it = token.is_name && token.lists && token.text == table && text(i + 1) != ".";
+    if (!is_it || !before.contains(text(i - 1))) continue;
     const std::size_t alias = i + (text(i + 1) == "as" ? 2 : 1);
-    aliases_.insert(text(i));
-    if (alias < tokens_.size() && tokens_[alias].is_name) aliases_.insert(text(alias));
+    const bool named = alias < tokens_.size() && tokens_[alias].is_name && tokens_[alias].lists &&
+                       !is_word_after_table(text(alias));
+    sources_.emplace(token.select, text(named ? alias : i));
   }
 }
 
-bool StatementText::is_simple() const {
-  if (text(0) == "create") return false;
-  std::size_t selects = 0, commas = 0;
-  bool is_from = false;
-  for (const Token& token : tokens_) {
-    selects += token.text == "select" || token.text == "update" || token.text == "delete";
-    if (token.text == "join" || token.text == "having" || token.text == "with") return false;
-    if (is_from && token.text == ",") ++commas;
-    if (token.text == "from") is_from = true;
-    if (token.text == "where") is_from = false;
-    if (token.text == "from" && text(0) == "update") return false;
+// From joins and outer conditions.
+bool StatementText::may_derive() const {
+  for (std::size_t i = 0; i < tokens_.size(); ++i) {
+    if (text(i) == "join" || text(i) == "having") return true;
+    if (tokens_[i].lists && (text(i) == "," || text(i) == "(")) return true;
+    if (text(i) == "from" && text(0) == "update") return true;
   }
-  return has_search_ && selects == 1 && commas == 0;
+  return false;
+}
+
+bool StatementText::is_simple() const {
+  return has_search_ && searches_.size() == 2 && text(0) != "create" && text(0) != "with" &&
+         !may_derive();
 }
 
 // A value, or an expression that begins with one.
@@ -162,20 +190,34 @@ Test StatementText::test_of(std::size_t at) const {
   return follows ? comparison(text(before - 1)) : Test::kNone;
 }
 
-bool StatementText::has_condition(std::string_view column, Test test) const {
-  const std::string name = lower(column);
-  const auto is_it = [&](const std::string& given) {
-    return given == name || (name == "rowid" && (given == "oid" || given == "_rowid_"));
-  };
-  for (std::size_t i = 0; i < tokens_.size(); ++i) {
-    const Token& token = tokens_[i];
-    if (!token.is_name || !token.filters || !searches_[token.select] || !is_it(token.text))
-      continue;
-    const bool is_qualified = i > 1 && text(i - 1) == ".";
-    if (is_qualified && !aliases_.contains(text(i - 2))) continue;
-    if (test_of(i) == test) return true;
+bool StatementText::is_condition(std::size_t i, const std::string& name, std::string_view column,
+                                 Test test) const {
+  const std::string& given = text(i);
+  const bool is_rowid = column == "rowid" && (given == "oid" || given == "_rowid_");
+  if (!tokens_[i].is_name || !tokens_[i].filters || (given != column && !is_rowid)) return false;
+  if (i > 1 && text(i - 1) == "." && text(i - 2) != name) return false;
+  return test_of(i) == test;
+}
+
+StatementText::Written StatementText::written(const std::set<std::string>& names,
+                                              std::string_view column, Test test) const {
+  const std::string wanted = lower(column);
+  bool some = false, all = true;
+  for (const auto& [select, name] : sources_) {
+    if (!searches_[select] || (!names.empty() && !names.contains(name))) continue;
+    bool here = false;
+    for (std::size_t i = 0; i < tokens_.size() && !here; ++i) {
+      here = tokens_[i].select == select && is_condition(i, name, wanted, test);
+    }
+    some |= here;
+    all &= here;
   }
-  return false;
+  return !some ? Written::kNo : all || !may_derive() ? Written::kYes : Written::kUnclear;
+}
+
+bool StatementText::has_row_value() const {
+  return std::any_of(row_values_.begin(), row_values_.end(),
+                     [&](std::size_t select) { return searches_[select]; });
 }
 
 }  // namespace qx_sqlite

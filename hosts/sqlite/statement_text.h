@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qx_sqlite {
@@ -20,9 +21,13 @@ class StatementText {
   bool is_simple() const;
   // What may have become of a condition: SQLite makes ranges of BETWEEN, and = of an IN.
   enum class Test { kNone, kEqual, kUnequal, kRange, kNull, kLike };
-  // Whether a column is so compared with something that is no column, where a search is: in the
-  // WHERE or ON of a SELECT that has a MATCH.
-  bool has_condition(std::string_view column, Test test) const;
+  // Whether a column is so compared with something that is no column, where searches of these names
+  // are, or all where none is given: in the WHERE or ON of a SELECT that has a MATCH. kUnclear
+  // where it is said of some of them, and SQLite may have derived it for others.
+  enum class Written { kNo, kYes, kUnclear };
+  Written written(const std::set<std::string>& names, std::string_view column, Test test) const;
+  // Whether (a, b) is compared with something there. SQLite takes such conditions apart.
+  bool has_row_value() const;
 
  private:
   struct Token {
@@ -31,6 +36,7 @@ class StatementText {
     bool is_value;
     std::size_t select = 0;  // of which SELECT it is
     bool filters = false;    // in a WHERE or ON
+    bool lists = false;      // in a FROM
   };
   void read(std::string_view sql);
   void place();
@@ -38,10 +44,14 @@ class StatementText {
   const std::string& text(std::size_t at) const;
   bool starts_value(std::size_t at) const;
   Test test_of(std::size_t at) const;
+  bool is_condition(std::size_t at, const std::string& name, std::string_view column,
+                    Test test) const;
+  bool may_derive() const;
 
   std::vector<Token> tokens_;
-  std::vector<bool> searches_;  // by SELECT
-  std::set<std::string> aliases_;
+  std::vector<bool> searches_;                             // by SELECT
+  std::set<std::pair<std::size_t, std::string>> sources_;  // SELECTs, and names of the table there
+  std::set<std::size_t> row_values_;                       // SELECTs
   bool has_search_ = false;
 };
 

@@ -2,6 +2,7 @@
 ordinary table of the search's rows."""
 import os
 import random
+import re
 import sqlite3
 
 import pytest
@@ -42,6 +43,8 @@ def rows(database, sql, values=()):
 
 # ---- By name ----
 
+ROW_VALUE = re.compile(r"\([\w.{}]+, [\w.{}]+\) |[=<>] \([\w.{}]+, [\w.{}]+\)")
+
 NEAREST = [-1, 8, 17]  # of QUERY
 
 JOINS = {
@@ -68,6 +71,16 @@ JOINS = {
 def test_a_condition_of_a_join_is_no_filter(tables, shape):
     found = [rowid for rowid, in rows(tables, JOINS[shape])]
     assert sorted(found) == sorted(NEAREST)
+
+
+def test_searches_of_one_name_are_told_apart_or_are_an_error(tables):
+    one = f"SELECT rowid, label FROM t WHERE {BEST} AND k = 3"
+    found = rows(tables, f"{one} AND label = 2 UNION ALL {one}")
+    assert found == 2 * [(-1, 2), (8, 2), (17, 2)]
+    assert rows(tables, f"{one} UNION ALL {one} AND label = 1") == found[:3] + [(-2, 1), (7, 1), (16, 1)]
+    for first, second in ((one, f"{one} AND label = 1"), (f"{one} AND label = 1", one)):
+        with pytest.raises(sqlite3.Error, match="it is not clear which is filtered by label"):
+            rows(tables, f"SELECT a.rowid FROM ({first}) a JOIN ({second}) b ON a.label = b.label")
 
 
 def test_an_update_from_a_search_changes_its_rows_alone(tables):
@@ -100,7 +113,13 @@ def test_queries_of_a_join_have_their_own_filters(tables):
     "label NOT IN (1, 2)", "length NOT BETWEEN 1 AND 3", "label = 1 OR length = 2", "label + 1 = 2",
     "NOT (label = 1 OR length = 2)", "abs(length) = 2", "rowid NOT IN (1, 2, 3)", "title = 'x'",
     "title LIKE 'title 1%'", "title || '' = 'title 3'", "label", "NOT label",
-    "CASE label WHEN 1 THEN 1 ELSE 0 END",
+    "CASE label WHEN 1 THEN 1 ELSE 0 END", "(label, length) = (1, 2)", "(rowid, label) = (7, 1)",
+    "(length, rowid) IS (2, 7)", "(label, length) <> (1, 2)", "(label, length) < (1, 2)",
+    "(rowid, label) > (18, 1)", "(label, length) BETWEEN (0, 1) AND (1, 2)",
+    "(label, length) IN (VALUES (1, 2), (0, 3))", "(rowid, label) NOT IN (VALUES (7, 1), (8, 2))",
+    "(rowid, label) IN (SELECT id, label FROM others)", "(label, 3) = (1, length)",
+    "(label, length) = (SELECT 1, 2)", "(label, length) IN (SELECT label, id FROM others WHERE id > 2)",
+    "rowid IN (SELECT value FROM json_each('[3, 4, 5]'))", "(1, label) IN (SELECT 1, 2)", "(title, label) = ('title 4', 1)",
 ])
 def test_a_filter_applies_before_the_best_are_taken_or_is_an_error(tables, condition):
     everything = rows(tables, f"SELECT t.rowid FROM (SELECT rowid FROM t WHERE {BEST} AND k = 100) s "
@@ -109,7 +128,8 @@ def test_a_filter_applies_before_the_best_are_taken_or_is_an_error(tables, condi
     try:
         found = rows(tables, f"SELECT rowid FROM t WHERE {BEST} AND k = 3 AND ({condition})")
     except sqlite3.Error as error:
-        assert "a search cannot be filtered by" in str(error) and "rowid IN (SELECT ...)" in str(error)
+        assert ("a search cannot be filtered by" in str(error) and "rowid IN (SELECT ...)" in str(error)
+                or "no row values" in str(error) and ROW_VALUE.search(condition))
     else:
         assert len(found) == min(3, len(everything))
 
@@ -120,7 +140,7 @@ def test_a_filter_applies_before_the_best_are_taken_or_is_an_error(tables, condi
     ("t.label = abs(-1)", []), ("t.label BETWEEN 1 AND ?2", [0, 1]), ("t.label IN (?, 7)", [1]),
     ("t.label IN (SELECT 1)", []), ("t.label = CAST('1' AS INTEGER)", []), ("t.label = (2 - 1)", []),
     ("t.label = :l", {"l": 1}), ("t.filter = 'label = 1'", []), ("t.label IN (SELECT label FROM others "
-     "WHERE id = 1)", []), ("t.label < 2 AND 1 <= t.label", []), ("t.label = 1 COLLATE NOCASE", []),
+     "WHERE id = 1)", []), ("t.label IN (SELECT value FROM json_each('[1]'))", []), ("t.label < 2 AND 1 <= t.label", []), ("t.label = 1 COLLATE NOCASE", []),
 ])
 def test_a_filter_beside_a_join_applies_before(tables, condition, values):
     tables.execute("CREATE TABLE plain(id INTEGER PRIMARY KEY, note)")
@@ -195,7 +215,14 @@ class Shape:
             f"{name}.rowid NOT IN ({other}.id, 3)", f"{name}.length IS {other}.label",
             f"{other}.id BETWEEN {name}.rowid AND {name}.rowid + 2",
             f"{name}.rowid = (SELECT id FROM others o WHERE o.id = {other}.id + 1)",
-            f"{name}.rowid IN (SELECT id FROM others o WHERE o.label = {other}.label)"])
+            f"{name}.rowid IN (SELECT id FROM others o WHERE o.label = {other}.label)",
+            f"({name}.rowid, {name}.label) = ({other}.id, {other}.label)",
+            f"({name}.length, {name}.rowid) <= ({other}.label, {other}.id)",
+            f"({name}.rowid, 1) = ({other}.id, {other}.label)",
+            f"({other}.id, 1) = ({name}.rowid, {name}.label)",
+            f"({name}.rowid, {name}.label) IS NOT ({other}.id, {other}.label)",
+            f"({name}.rowid, {name}.label) IN (SELECT id, label FROM others o WHERE o.id = {other}.id)",
+            f"({name}.label, {other}.id) IN (VALUES (1, 3), (2, 5), (1, 6))"])
 
     def of_docs(self):
         return self.random.choice(["1", "d.id > 5", "d.label = 1", "d.title LIKE '%1%'"])
@@ -261,8 +288,27 @@ class Shape:
             f"SELECT a.id FROM asked a WHERE EXISTS (SELECT 1 FROM {{T}}, docs d WHERE {{C}} AND {on})",
         ])
 
+    def pair_statement(self):
+        """Of two searches."""
+        draw = self.random
+        on = self.on("s", "u").replace("u.id", "u.rowid")
+        columns = "SELECT s.rowid, u.rowid, s.score, u.score FROM {T}"
+        inner = f"SELECT 1 FROM {{U}} WHERE {{D}} AND {on}"
+        union = draw.choice(["UNION", "UNION ALL", "EXCEPT", "INTERSECT"])
+        return draw.choice([
+            f"{columns} {draw.choice(['JOIN', 'CROSS JOIN', 'LEFT JOIN'])} {{U}} ON {{D}} AND {on} WHERE {{C}}",
+            f"{columns}, {{U}} WHERE {{C}} AND {{D}} AND {on}",
+            f"{columns}, {{U}}, docs d WHERE {on} AND {{C}} AND {self.on('u')} AND {{D}}",
+            f"SELECT s.rowid FROM {{T}} WHERE {{C}} {union} SELECT u.rowid FROM {{U}} WHERE {{D}}",
+            f"SELECT s.rowid, EXISTS ({inner}) FROM {{T}} WHERE {{C}}",
+            f"SELECT s.rowid, (SELECT max(u.score) FROM {{U}} WHERE {{D}} AND {on}) FROM {{T}} WHERE {{C}}",
+            f"SELECT s.rowid FROM (SELECT s.rowid, s.* FROM {{T}} WHERE {{C}}) s, "
+            f"(SELECT u.rowid, u.* FROM {{U}} WHERE {{D}}) u WHERE {on}",
+        ])
+
     def answer(self, sql, after, source):
-        for number, part in enumerate(("{T}", "{C}", "{R}")):
+        for number, part in enumerate(("{T}", "{C}", "{R}") if len(source) < 4 else
+                                      ("{T}", "{C}", "{U}", "{D}")):
             if number < len(source):
                 sql = sql.replace(part, source[number])
         self.database.execute("SAVEPOINT s")
@@ -276,7 +322,11 @@ class Shape:
         return sorted(found, key=repr), sql
 
     def compare(self):
-        if self.random.random() < 0.3:
+        kind = self.random.random()
+        if kind < 0.2:
+            searches = zip(self.search("s"), self.search("u"))
+            sources, (sql, after) = [(*s, *u) for s, u in searches], (self.pair_statement(), "")
+        elif kind < 0.4:
             sources, (sql, after) = self.batch("s"), (self.batch_statement(), "")
         else:
             sources, (sql, after) = self.search("s"), self.statement()
@@ -285,6 +335,10 @@ class Shape:
             found, asked = self.answer(sql, after, sources[0])
         except sqlite3.Error as error:
             found, asked = error, (sql, sources[0])
+            refused = any(reason in str(error) for reason in ("no row values", "cannot be filtered by",
+                                                           "is not clear which"))
+            if refused and ("{U}" in sql or ROW_VALUE.search(sql + after)):
+                return
         assert found == expected, f"{asked}; {after}"
 
 
