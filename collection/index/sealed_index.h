@@ -30,6 +30,7 @@ class SealedIndex {
     throw std::bad_alloc();
   }
   SealedIndex(const SealedIndex&) = delete;
+  SealedIndex& operator=(const SealedIndex&) = delete;
   ~SealedIndex() { qx_index_free(index_); }
 
   // Beside what a caller keeps of its own: vectors, two tables of the engine, codes.

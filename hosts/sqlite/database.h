@@ -158,7 +158,6 @@ class Statement {
   // Columns count from 0.
   int type(int column) const { return sqlite3_column_type(statement_.get(), column); }
   std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
-  double real(int column) const { return sqlite3_column_double(statement_.get(), column); }
   std::string_view text(int column) const {
     const auto* const text = sqlite3_column_text(statement_.get(), column);
     return {text == nullptr ? "" : reinterpret_cast<const char*>(text),

@@ -225,7 +225,8 @@ class Planner {
 
 // An integer where a number is one, or none.
 std::optional<std::int64_t> whole(double number) {
-  if (number != std::floor(number) || number < -0x1p63 || number >= 0x1p63) return std::nullopt;
+  const double beyond = std::ldexp(1, 63);
+  if (number != std::floor(number) || number < -beyond || number >= beyond) return std::nullopt;
   return static_cast<std::int64_t>(number);
 }
 

@@ -381,8 +381,8 @@ void join(const Origins& found, Origins* all) {
     return;
   }
   for (std::size_t i = 0; i < all->follows.size(); ++i) {
-    all->follows[i] = all->follows[i] && i < found.follows.size() && found.follows[i];
-    all->varies[i] = all->varies[i] && i < found.varies.size() && found.varies[i];
+    all->follows[i] = i < found.follows.size() && all->follows[i] && found.follows[i];
+    all->varies[i] = i < found.varies.size() && all->varies[i] && found.varies[i];
   }
   all->texts.insert(all->texts.end(), found.texts.begin(), found.texts.end());
   std::set<int> both;

@@ -91,9 +91,10 @@ void check_call(std::int32_t status) {
 void check_value(const Column& column, int type, sqlite3_value* value) {
   if (!column.is_filter() || type == SQLITE_NULL) return;
   const double number = sqlite3_value_double(value);
+  const double beyond = std::ldexp(1, 63);
   const bool is_whole =
       type == SQLITE_INTEGER || (type == SQLITE_FLOAT && number == std::floor(number) &&
-                                 number >= -0x1p63 && number < 0x1p63);
+                                 number >= -beyond && number < beyond);
   bool fits = false;
   const char* what = "";
   switch (column.kind) {

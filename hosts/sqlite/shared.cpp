@@ -123,9 +123,9 @@ Reader::Rows Reader::rows() {
   if (!is_writing_ && (!shared || shared->stamp() != stamp)) update(shared);
   if (!shared || shared->stamp() != stamp) return own_rows(shared);
   own_.reset();
-  ViewPointer view = view_of(shared->collection.get());
-  QxView* const seen = view.get();
-  return {shared->collection, seen, std::move(view)};
+  Rows seen = {shared->collection, nullptr, view_of(shared->collection.get())};
+  seen.view = seen.owned.get();
+  return seen;
 }
 
 // Brings what is shared to the present rows. A transaction may have a snapshot of before, which

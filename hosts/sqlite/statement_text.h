@@ -44,7 +44,7 @@ class StatementText {
   const std::string& text(std::size_t at) const;
   bool starts_value(std::size_t at) const;
   Test test_of(std::size_t at) const;
-  bool is_condition(std::size_t at, const std::string& name, std::string_view column,
+  bool is_condition(std::size_t i, const std::string& name, std::string_view column,
                     Test test) const;
   bool may_derive() const;
 
