@@ -60,7 +60,7 @@ class Peers:
     def __init__(self, folder, options, dim):
         column, label = f"embedding float[{dim}]", "label integer"
         self.databases, self.extensions = [], (options.qx, options.vec)
-        self.folder, self.raw = folder, 0
+        self.folder, self.raw, self.codes = folder, 0, 0
         self.times = {}
         for extension, declaration in (
                 (options.qx, f"qx({column}, {label})"),
@@ -99,7 +99,8 @@ class Peers:
                     first, last, megabytes = map(float, done.stdout.split())
                     name = f"{'first search' if count == 1 else 'first search of the tenth connection'}"
                     self.keep(name, number, first if count == 1 else last)
-                self.keep(f"memory of {work}, by the vectors", number, megabytes * 1e6 / self.raw)
+                self.keep(f"memory of {work}, by vectors and codes", number,
+                          megabytes * 1e6 / (self.raw + self.codes))
 
     def keep(self, work, number, value):
         self.times.setdefault(work, ([], []))[number].append(value)
@@ -136,9 +137,9 @@ def measure(title, vectors, rounds, options):
                          for i in range(first, min(first + BATCH, count))])
             if first // BATCH % 10 == 9:
                 show(f"{title}: {first + BATCH:,} of {count:,} rows inserted")
-        peers.raw = vectors.nbytes
+        peers.raw, peers.codes = vectors.nbytes, count * (dim + 6)
         peers.file_sizes()
-        peers.first_searches(3)
+        peers.first_searches(5)
         *queries, last = vectors[draw.integers(0, count, rounds + 1)]
         peers.search("", last)
         peers.times.pop("")
@@ -146,6 +147,7 @@ def measure(title, vectors, rounds, options):
             unequal += peers.search("exact, k = 10", query)
             unequal += peers.search("filtered by label, 1 % pass", query, "AND label = ?",
                                     int(draw.integers(0, 100)))
+            unequal += peers.search("filtered by label, 10 % pass", query, "AND label < ?", 10)
         show(f"{title}: searched")
         for part in np.split(draw.permutation(count)[:DELETED], 10):
             peers.write("delete, a row", "DELETE FROM t WHERE rowid = ?",
@@ -160,9 +162,9 @@ def measure(title, vectors, rounds, options):
     lines = [f"## {title}", "", "| work | qx | sqlite-vec | theirs, times ours |", "|---|---:|---:|---:|"]
     for work, times in peers.times.items():
         own, other = map(statistics.median, times)
-        show_value = "{:.2f}".format if "by the vectors" in work else text
+        show_value = "{:.2f}".format if ", by " in work else text
         lines.append(f"| {work} | {show_value(own)} | {show_value(other)} | {other / own:.1f} |")
-    lines += ["", f"Of {3 * rounds} pairs of answers, {unequal} differ in their sets of rows.", ""]
+    lines += ["", f"Of {4 * rounds} pairs of answers, {unequal} differ in their sets of rows.", ""]
     return lines
 
 
@@ -200,8 +202,8 @@ def main():
         "# SQLite: beside sqlite-vec", "",
         "Written by `hosts/sqlite/bench`. Both extensions run in one process, each on a database of its "
         "own (WAL), in the same rounds; the medians count. First searches and memory are of processes of their "
-        "own, whose files the system has in memory. Vectors have length 1, so that the cosine of "
-        "the one ranks as the inner product of the other.", "",
+        "own, whose files the system has in memory; codes are a byte a number and six a row. Vectors have "
+        "length 1, so that the cosine of the one ranks as the inner product of the other.", "",
         f"SQLite {sqlite3.sqlite_version}, sqlite-vec {peer}, Python {platform.python_version()}, "
         f"{os.cpu_count()} CPUs; the load of the machine was {load_before:.1f} before and "
         f"{os.getloadavg()[0]:.1f} after.", "", *tables]).rstrip() + "\n")
