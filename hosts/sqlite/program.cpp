@@ -363,8 +363,9 @@ std::set<std::string> read_names(sqlite3* database, const std::string& sql,
   std::set<std::string> names;
   Statement(database, "EXPLAIN QUERY PLAN " + sql, 0).each([&](const Statement& row) {
     const std::string_view text = row.text(3);  // SCAN name VIRTUAL TABLE INDEX 1:plan
-    const std::size_t begin = text.find(' ') + 1, end = text.find(" VIRTUAL TABLE INDEX ");
-    if (end == std::string_view::npos || text.find(plan, end) == std::string_view::npos) return;
+    const std::size_t begin = text.find(' ') + 1, index = text.find(" VIRTUAL TABLE INDEX ");
+    if (index == std::string_view::npos || text.find(plan, index) == std::string_view::npos) return;
+    const std::size_t end = std::min(index, text.find(" EXISTS VIRTUAL"));
     std::string name(text.substr(begin, end - begin));
     for (char& letter : name) {
       if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');

@@ -99,32 +99,38 @@ void StatementText::place() {
                                                    "is",  "(",  "when", "between"};
   struct Place {
     std::size_t select;
-    bool filters, lists, on, row;
+    bool filters, lists, on, row, pair;
   };
   std::vector<Place> open = {{}};
   searches_ = {false};
   for (std::size_t i = 0; i < tokens_.size(); ++i) {
     Token& token = tokens_[i];
-    if (token.text == ")" && open.size() > 1) open.pop_back();
+    if (token.text == ")" && open.size() > 1) {
+      lists_row_values_ |= open.back().pair && text(i + 1) == "in";
+      open.pop_back();
+    }
     if (token.text == "(" && i > 0) {
       open.push_back(open.back());
-      open.back().on = false;
+      open.back().on = open.back().pair = false;
       open.back().row = open.back().filters && (before_row.contains(text(i - 1)) ||
                                                 comparison(text(i - 1)) != Test::kNone);
     }
     Place& place = open.back();
     const std::string& word = token.is_name ? token.text : text(tokens_.size());
     if (word == "select" || word == "update" || word == "delete") {
-      place = {searches_.size(), false, word == "update", false, false};
+      place = {searches_.size(), false, word == "update", false, false, false};
       searches_.push_back(false);
     }
     const bool is_comma = token.text == ",";
-    if (is_comma && place.row) row_values_.insert(place.select);
-    if (others.contains(word)) place = {place.select, false, false, false, false};
+    if (is_comma && place.row) {
+      place.pair = true;
+      row_values_.insert(place.select);
+    }
+    if (others.contains(word)) place = {place.select, false, false, false, false, false};
     const bool lists = word == "from" || word == "join" || (is_comma && place.on);
-    if (lists) place = {place.select, false, true, false, false};
+    if (lists) place = {place.select, false, true, false, false, false};
     if (word == "where" || word == "on") {
-      place = {place.select, true, false, word == "on", place.row};
+      place = {place.select, true, false, word == "on", place.row, false};
     }
     token.select = place.select;
     token.filters = place.filters;
@@ -216,8 +222,8 @@ StatementText::Written StatementText::written(const std::set<std::string>& names
 }
 
 bool StatementText::has_row_value() const {
-  return std::any_of(row_values_.begin(), row_values_.end(),
-                     [&](std::size_t select) { return searches_[select]; });
+  return lists_row_values_ || std::any_of(row_values_.begin(), row_values_.end(),
+                                          [&](std::size_t select) { return searches_[select]; });
 }
 
 }  // namespace qx_sqlite

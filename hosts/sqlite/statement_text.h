@@ -26,7 +26,8 @@ class StatementText {
   // where it is said of some of them, and SQLite may have derived it for others.
   enum class Written { kNo, kYes, kUnclear };
   Written written(const std::set<std::string>& names, std::string_view column, Test test) const;
-  // Whether (a, b) is compared with something there. SQLite takes such conditions apart.
+  // Whether (a, b) is compared with something there, or has an IN anywhere, of whose members SQLite
+  // may search for each. It takes such conditions apart.
   bool has_row_value() const;
 
  private:
@@ -52,6 +53,7 @@ class StatementText {
   std::vector<bool> searches_;                             // by SELECT
   std::set<std::pair<std::size_t, std::string>> sources_;  // SELECTs, and names of the table there
   std::set<std::size_t> row_values_;                       // SELECTs
+  bool lists_row_values_ = false;                          // with IN
   bool has_search_ = false;
 };
 
