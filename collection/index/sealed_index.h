@@ -1,10 +1,6 @@
 // Rows in an index of the engine, which are filled in place.
 #pragma once
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
-
 #include <new>
 
 #include "store/base.h"
@@ -42,18 +38,10 @@ class SealedIndex {
   const QxIndex& get() const { return *index_; }
   float* vector(std::int64_t row) const { return index_->base_vectors + row * dim_; }
 
-  // Asks the system for the memory of rows `first` to `end` - 1, whatever is in them. A system that
-  // does not know that gives memory when it is written to.
-  void populate([[maybe_unused]] std::int64_t first, [[maybe_unused]] std::int64_t end) const {
-#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
-    constexpr std::uintptr_t kPageBytes = 1 << 16;  // at most
-    const auto from =
-        (reinterpret_cast<std::uintptr_t>(vector(first)) + kPageBytes - 1) / kPageBytes;
-    const auto to = reinterpret_cast<std::uintptr_t>(vector(end)) / kPageBytes;
-    if (from >= to) return;
-    static_cast<void>(madvise(reinterpret_cast<void*>(from * kPageBytes), (to - from) * kPageBytes,
-                              MADV_POPULATE_WRITE));
-#endif
+  // A thread is about to fill rows `first` to `end` - 1, or is filling them.
+  void expect_writes(std::int64_t first, std::int64_t end) const {
+    qx::expect_writes(vector(first),
+                      static_cast<std::size_t>((end - first) * dim_) * sizeof(float));
   }
 
   // Derives what searches need of the vectors of rows `first` to `end` - 1, which are filled.

@@ -95,12 +95,13 @@ class Building {
       const std::int64_t filled = filled_.load();
       if (complete_one()) continue;
       if (filled == kStopped || filled == blocks_) return;
-      if (next_to_populate_.load() >= blocks_) {
+      if (next_to_expect_.load() >= blocks_) {
         filled_.wait(filled);
         continue;
       }
-      const std::int64_t block = next_to_populate_.fetch_add(1);
-      if (filled < block && block < blocks_) builder_.populate(block * block_rows_, end_of(block));
+      const std::int64_t block = next_to_expect_.fetch_add(1);
+      if (filled < block && block < blocks_)
+        builder_.expect_writes(block * block_rows_, end_of(block));
     }
   }
 
@@ -134,7 +135,7 @@ class Building {
   SegmentBuilder builder_;
   std::atomic<std::int64_t> filled_ = 0;  // blocks, or kStopped
   std::atomic<std::int64_t> next_to_complete_ = 0;
-  std::atomic<std::int64_t> next_to_populate_ = 0;
+  std::atomic<std::int64_t> next_to_expect_ = 0;
 };
 
 std::shared_ptr<const Lists> lists_of(const Shape& shape, const QxLists& given_lists) {

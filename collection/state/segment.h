@@ -60,8 +60,10 @@ class SegmentBuilder {
   IdArrays all_ids(std::int64_t text_bytes);
 
   float* vector(std::int64_t row);
-  // Asks the system for the memory of rows `first` to `end` - 1, which a thread may be filling.
-  void populate(std::int64_t first, std::int64_t end) { segment_->index_.populate(first, end); }
+  // A thread is about to fill rows `first` to `end` - 1, or is filling them.
+  void expect_writes(std::int64_t first, std::int64_t end) {
+    segment_->index_.expect_writes(first, end);
+  }
   // Derives what searches need of the vectors of rows `first` to `end` - 1, which are filled.
   // Threads may do so at the same time with rows that are not of one group (kCodeGroupRows).
   void complete(std::int64_t first, std::int64_t end);

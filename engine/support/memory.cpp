@@ -56,6 +56,17 @@ void* try_allocate(std::int64_t bytes) {
   return block;
 }
 
+void expect_writes([[maybe_unused]] void* first, [[maybe_unused]] std::size_t bytes) {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+  constexpr std::uintptr_t kLargestPageBytes = 1 << 16;  // of which a kernel has the usual pages
+  const auto begin = reinterpret_cast<std::uintptr_t>(first);
+  const auto from = (begin + kLargestPageBytes - 1) / kLargestPageBytes * kLargestPageBytes;
+  const auto to = (begin + bytes) / kLargestPageBytes * kLargestPageBytes;
+  if (from >= to) return;
+  static_cast<void>(madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE));
+#endif
+}
+
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes) {
   return allocated(std::realloc(block, block_bytes(count, element_bytes)));
 }

@@ -19,6 +19,10 @@ void* allocate_cache_aligned(std::int64_t count, std::size_t element_bytes);
 // large pages where it can be, which saves a scan the misses of the page table.
 void* try_allocate(std::int64_t bytes);
 
+// Advice: `bytes` from `first` on, which are of one block, are soon written to. The system may give
+// their pages at once, and more cheaply than one by one. What is in them stays.
+void expect_writes(void* first, std::size_t bytes);
+
 // Moves a block (or null) to `count` elements, keeping what fits. `count` is above 0.
 void* reallocate(void* block, std::int64_t count, std::size_t element_bytes);
 
