@@ -5,12 +5,16 @@
  * A message is a QxHeader and a body. The program answers each but QX_RELEASE with one message,
  * whose kind is a status. Bodies, in order; `text` is an int32 size and its bytes:
  *
- *     schema    int32 dim (0: not known), metric, n_columns; for each column int32 type, text name
- *     rows      int32 dim, n_columns, n_removed, n; int64 ids of removed; int64 ids; floats of the
+ *     schema    int32 dim (0: not known), metric, id_kind, n_columns; for each column int32 type,
+ *               text name
+ *     texts     of n: int64 sizes, then all bytes
+ *     ids       int64 numbers, or texts
+ *     rows      int32 dim, id_kind, n_columns, n_removed, n; ids of removed; ids; floats of the
  *               vectors; for each column int32 type, n bytes of nulls, then n values: int64,
- * double, bytes, or for texts n int64 sizes and then all bytes question  int64 k, text filter
- * (empty: none), int32 dim, floats of the query snapshot  QxHorizon, uint64 xids in progress hits
- * int64 count, int64 ids, floats of the scores
+ *               double, bytes, or texts
+ *     question  int64 k, int32 threads, text filter (empty: none), int32 dim, floats of the query
+ *     snapshot  QxHorizon, uint64 xids in progress
+ *     hits      int64 count, ids, floats of the scores
  */
 #ifndef QX_WIRE_H
 #define QX_WIRE_H
@@ -35,12 +39,14 @@ typedef struct QxHorizon {
 
 /* Asked by the worker. */
 #define QX_DEFINE 1  /* uint32 table, int64 memory_limit, int64 rows to come, text name, schema */
-#define QX_CHANGE 2  /* uint32 table, rows; nobody searches the index before QX_PUBLISH */
+#define QX_CHANGE 2  /* uint32 table, rows: the first ones before QX_PUBLISH, or after QX_BEGIN */
 #define QX_PUBLISH 3 /* uint32 table, snapshot */
 #define QX_FAIL 4    /* uint32 table, text reason; the rows are given up */
 #define QX_DROP 5    /* uint32 table */
+#define QX_BEGIN 14  /* uint32 table, snapshot: until QX_PUBLISH each row is of it or of the last \
+                      */
 /* Asked by back ends. */
-#define QX_SEARCH 6  /* uint32 table, question; answer: snapshot, hits */
+#define QX_SEARCH 6  /* uint32 table, question; answer: int32 n; snapshots; hits */
 #define QX_REPLACE 7 /* rows, as only this connection's latest search shall see them */
 #define QX_AGAIN 8   /* the latest search over these; answer: hits */
 #define QX_RELEASE 9 /* ends the latest search */
@@ -50,7 +56,7 @@ typedef struct QxHorizon {
 #define QX_STATS 13  /* answer: int32 n; QxIndexStats, text message, for each */
 
 /* Statuses. */
-#define QX_ANSWER 0
+#define QX_ANSWER 0  /* to the worker: int64 bytes of all rows of the program */
 #define QX_REFUSED 1 /* text */
 #define QX_LOADING 2
 #define QX_UNKNOWN 3 /* the worker has not defined an index of the table yet */

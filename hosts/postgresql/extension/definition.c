@@ -15,10 +15,12 @@
 #include "utils/lsyscache.h"
 #include "utils/snapmgr.h"
 
+bool qx_relations_changed = true;
 static QxDefinition latest;
 
 static void forget(Datum argument, Oid table) {
   (void)argument;
+  qx_relations_changed = true;
   if (table == InvalidOid || table == latest.table) latest.table = InvalidOid;
 }
 
@@ -48,6 +50,11 @@ int32 qx_type_of(Oid sql_type) {
     default:
       return -1;
   }
+}
+
+bool qx_may_be_key(Oid sql_type) {
+  return sql_type == UUIDOID || qx_type_of(sql_type) == QX_INTEGER ||
+         qx_type_of(sql_type) == QX_TEXT;
 }
 
 static QxColumnOf column_of(Relation table, AttrNumber number) {
@@ -93,7 +100,8 @@ static void read_columns(QxDefinition* d, Relation table, const Trigger* trigger
   vector = TupleDescAttr(RelationGetDescr(table), d->vector - 1)->atttypid;
   d->n_columns = trigger->tgnattr - 2;
   d->metric = metric_of(trigger->tgargs[0]);
-  d->exists = d->id.type == QX_INTEGER && vector == FLOAT4ARRAYOID;
+  d->id_kind = d->id.type == QX_INTEGER ? QX_NUMBERS : QX_TEXTS;
+  d->exists = qx_may_be_key(d->id.sql_type) && vector == FLOAT4ARRAYOID;
   for (i = 0; i < d->n_columns; i++) {
     d->columns[i] = column_of(table, trigger->tgattr[i + 2]);
     if (d->columns[i].type < 0) d->exists = false;
@@ -137,14 +145,20 @@ const QxDefinition* qx_definition(Relation table) {
     if (strcmp(function, "log_truncate") == 0 && TRIGGER_FOR_TRUNCATE(trigger->tgtype)) always |= 2;
   }
   if (d.exists) {
-    d.log = qx_object("log");
-    d.log_key = qx_object("log_key");
+    d.log = qx_object("changes");
+    d.log_key = qx_object("changes_key");
     d.tables = qx_object("tables");
     d.primary_key = RelationGetPrimaryKeyIndex(table);
     d.complete = always == 3 && is_primary_key(&d);
     d.dim = (int32)qx_read_tables(d.tables, d.table, QX_TABLES_DIM, NULL);
   }
   latest = d;
+  if (d.exists && d.log == InvalidOid) {
+    latest.table = InvalidOid;
+    ereport(ERROR, errcode(ERRCODE_OBJECT_NOT_IN_PREREQUISITE_STATE),
+            errmsg("the extension qx is older than its library"),
+            errhint("ALTER EXTENSION qx UPDATE."));
+  }
   return &latest;
 }
 

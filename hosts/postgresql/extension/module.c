@@ -1,26 +1,42 @@
-/* What the server loads: settings, and scores as SQL functions, the judges of the tests. */
+/* What the server loads: settings, and scores as SQL functions and operators, which are exact. */
 #include <math.h>
 
+#include "access/table.h"
 #include "extension/qx.h"
+#include "nodes/pathnodes.h"
+#include "nodes/supportnodes.h"
+#include "parser/parsetree.h"
 #include "utils/array.h"
 #include "utils/guc.h"
 
 PG_MODULE_MAGIC;
 
 int32 qx_memory_limit = 0;
+int32 qx_search_threads = 0;
+static bool warn_scans = true;
 
 PGDLLEXPORT void _PG_init(void);
 
 void _PG_init(void) {
-  DefineCustomIntVariable("qx.memory_limit", "Most memory of the rows of an index.",
-                          "0 is no limit. It counts when an index is loaded.", &qx_memory_limit, 0,
-                          0, PG_INT32_MAX, PGC_SIGHUP, GUC_UNIT_MB, NULL, NULL, NULL);
+  DefineCustomIntVariable("qx.memory_limit", "Most memory of the indexes of the server.",
+                          "0 is no limit.", &qx_memory_limit, 0, 0, PG_INT32_MAX, PGC_SIGHUP,
+                          GUC_UNIT_MB, NULL, NULL, NULL);
+  DefineCustomIntVariable("qx.search_threads", "Most threads of a search.",
+                          "0 is as many as there are CPUs.", &qx_search_threads, 0, 0, 1024,
+                          PGC_USERSET, 0, NULL, NULL, NULL);
+  DefineCustomBoolVariable("qx.warn_scans", "Warns of an ORDER BY that leaves an index aside.",
+                           NULL, &warn_scans, true, PGC_USERSET, 0, NULL, NULL, NULL);
   MarkGUCPrefixReserved("qx");
   qx_watch_definitions();
+  qx_watch_commits();
 }
 
 PG_FUNCTION_INFO_V1(qx_inner_product);
+PG_FUNCTION_INFO_V1(qx_cosine);
 PG_FUNCTION_INFO_V1(qx_squared_distance);
+PG_FUNCTION_INFO_V1(qx_by_inner_product);
+PG_FUNCTION_INFO_V1(qx_by_cosine);
+PG_FUNCTION_INFO_V1(qx_planned);
 
 static int32 dims_of_both(ArrayType* a, ArrayType* b) {
   const char* problem = qx_vector_problem(a, 0);
@@ -29,14 +45,37 @@ static int32 dims_of_both(ArrayType* a, ArrayType* b) {
   return ArrayGetNItems(1, ARR_DIMS(a));
 }
 
-Datum qx_inner_product(PG_FUNCTION_ARGS) {
+static float inner_product(const float* x, const float* y, int32 dim) {
+  float sum = 0;
+  for (int32 i = 0; i < dim; i++) sum = fmaf(x[i], y[i], sum);
+  return sum;
+}
+
+/* A vector as an index of cosines keeps it: divided by its norm, unless that is 1 but for rounding.
+ */
+static const float* normalised(const float* x, int32 dim) {
+  double square = 0, norm;
+  float* y;
+  for (int32 i = 0; i < dim; i++) square += (double)x[i] * (double)x[i];
+  if (square == 0 || fabs(square - 1) <= 0x1.01p-23) return x;
+  norm = sqrt(square);
+  y = palloc(sizeof(float) * (Size)dim);
+  for (int32 i = 0; i < dim; i++) y[i] = (float)((double)x[i] / norm);
+  return y;
+}
+
+static float product_of(FunctionCallInfo fcinfo, bool cosine) {
   ArrayType *a = PG_GETARG_ARRAYTYPE_P(0), *b = PG_GETARG_ARRAYTYPE_P(1);
   int32 dim = dims_of_both(a, b);
   const float *x = qx_numbers(a), *y = qx_numbers(b);
-  float sum = 0;
-  for (int32 i = 0; i < dim; i++) sum = fmaf(x[i], y[i], sum);
-  PG_RETURN_FLOAT4(sum);
+  return cosine ? inner_product(normalised(x, dim), normalised(y, dim), dim)
+                : inner_product(x, y, dim);
 }
+
+Datum qx_inner_product(PG_FUNCTION_ARGS) { PG_RETURN_FLOAT4(product_of(fcinfo, false)); }
+Datum qx_cosine(PG_FUNCTION_ARGS) { PG_RETURN_FLOAT4(product_of(fcinfo, true)); }
+Datum qx_by_inner_product(PG_FUNCTION_ARGS) { PG_RETURN_FLOAT4(0 - product_of(fcinfo, false)); }
+Datum qx_by_cosine(PG_FUNCTION_ARGS) { PG_RETURN_FLOAT4(0 - product_of(fcinfo, true)); }
 
 Datum qx_squared_distance(PG_FUNCTION_ARGS) {
   ArrayType *a = PG_GETARG_ARRAYTYPE_P(0), *b = PG_GETARG_ARRAYTYPE_P(1);
@@ -49,4 +88,39 @@ Datum qx_squared_distance(PG_FUNCTION_ARGS) {
     sum = sum + square;
   }
   PG_RETURN_FLOAT4(sum);
+}
+
+/* ---- ORDER BY ... LIMIT, which reads every row ------------------------------------------------
+ */
+
+static void warn(const PlannerInfo* root, const Var* vector) {
+  const RangeTblEntry* entry = rt_fetch(vector->varno, root->parse->rtable);
+  Relation table;
+  const QxDefinition* d;
+  if (entry->rtekind != RTE_RELATION || entry->relkind != RELKIND_RELATION) return;
+  table = table_open(entry->relid, AccessShareLock);
+  d = qx_definition(table);
+  if (d->exists && d->vector == vector->varattno) {
+    ereport(WARNING,
+            errmsg("this ORDER BY reads every row of \"%s\" and not its index of qx",
+                   RelationGetRelationName(table)),
+            errhint("Join qx.search, or set qx.warn_scans to off."));
+  }
+  table_close(table, AccessShareLock);
+}
+
+/* Called for each operator of a statement that is planned; nothing is simplified. */
+Datum qx_planned(PG_FUNCTION_ARGS) {
+  const Node* request = (const Node*)PG_GETARG_POINTER(0);
+  const SupportRequestSimplify* simplify = (const SupportRequestSimplify*)request;
+  ListCell* argument;
+  if (!IsA(request, SupportRequestSimplify) || !warn_scans || simplify->root == NULL ||
+      simplify->root->parse->sortClause == NIL || simplify->root->parse->limitCount == NULL) {
+    PG_RETURN_POINTER(NULL);
+  }
+  foreach (argument, simplify->fcall->args) {
+    const Var* vector = lfirst(argument);
+    if (IsA(vector, Var) && vector->varlevelsup == 0) warn(simplify->root, vector);
+  }
+  PG_RETURN_POINTER(NULL);
 }

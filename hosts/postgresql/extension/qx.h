@@ -20,16 +20,17 @@
 typedef struct QxColumnOf {
   AttrNumber number;
   Oid sql_type;
-  int32 type;
+  int32 type; /* -1: a uuid, which only a key may be */
 } QxColumnOf;
 
 typedef struct QxDefinition {
   Oid table;
   bool exists;
-  bool complete; /* its triggers are all there and fire always */
-  Oid log, log_key, tables;
-  Oid primary_key; /* the index of the table */
+  bool complete;            /* its triggers are all there and fire always */
+  Oid log, log_key, tables; /* InvalidOid where the extension is older than this library */
+  Oid primary_key;          /* the index of the table */
   QxColumnOf id;
+  int32 id_kind;
   AttrNumber vector;
   int n_columns;
   QxColumnOf columns[QX_MOST_COLUMNS];
@@ -38,6 +39,8 @@ typedef struct QxDefinition {
 } QxDefinition;
 
 extern int32 qx_memory_limit; /* MB */
+extern int32 qx_search_threads;
+extern bool qx_relations_changed; /* since it was last set to false */
 
 Oid qx_schema(void); /* or InvalidOid */
 Oid qx_object(const char* name);
@@ -50,6 +53,7 @@ int64 qx_read_tables(Oid tables, Oid table, AttrNumber number, Snapshot snapshot
 const QxDefinition* qx_definition(Relation table);
 void qx_require_index(Relation table, const QxDefinition* definition);
 int32 qx_type_of(Oid sql_type); /* -1: none */
+bool qx_may_be_key(Oid sql_type);
 void qx_watch_definitions(void);
 
 /* ---- writes.c: entries of the log ---------------------------------------------------------- */
@@ -66,18 +70,24 @@ static inline const float* qx_numbers(const ArrayType* array) {
 
 /* ---- snapshots.c: which entries of the log two snapshots disagree about --------------------- */
 
+typedef struct QxSnapshot {
+  QxHorizon horizon;
+  uint64* running;
+} QxSnapshot;
+
+/* Keys are bytes in the log: big-endian int64, or those of a uuid or a text. */
 typedef struct QxChanges {
   bool all; /* any row may have changed */
   bool any_entry;
-  int64* ids; /* distinct */
+  bytea** keys; /* distinct */
   int count;
 } QxChanges;
 
 void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file);
-bool qx_committed_before(uint64 xid, const QxHorizon* horizon, const uint64* running);
-/* Reads the log by `reading`; rows that `horizon` and `snapshot` may see differently. */
+QxSnapshot qx_read_snapshot(const char** from);
+/* Reads the log by `reading`; rows that `snapshot` and any of `others` may see differently. */
 QxChanges qx_changes_between(const QxDefinition* definition, Snapshot reading,
-                             const QxHorizon* horizon, const uint64* running, Snapshot snapshot);
+                             const QxSnapshot* others, int n_others, Snapshot snapshot);
 uint64 qx_full_xid(TransactionId xid);
 
 /* ---- rows.c: rows of a table as a message ------------------------------------------------- */
@@ -85,16 +95,17 @@ uint64 qx_full_xid(TransactionId xid);
 typedef struct QxRowsMessage QxRowsMessage;
 
 QxRowsMessage* qx_rows_new(const QxDefinition* definition, int32 dim);
-void qx_rows_remove(QxRowsMessage* rows, const int64* ids, int count);
+void qx_rows_remove(QxRowsMessage* rows, bytea* const* keys, int count);
 /* Leaves rows without a vector out. What is wrong with a row, or null. */
 const char* qx_rows_add(QxRowsMessage* rows, TupleTableSlot* slot);
 bool qx_rows_full(const QxRowsMessage* rows);
 int qx_rows_count(const QxRowsMessage* rows);
 void qx_rows_write(QxRowsMessage* rows, StringInfo to); /* and starts anew */
-int64 qx_id_of(const QxColumnOf* id, Datum datum);
-/* Adds the rows of ids that a snapshot sees. */
-const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot, const int64* ids,
-                          int count);
+int64 qx_integer_of(const QxColumnOf* column, Datum datum);
+bytea* qx_key_of(const QxColumnOf* id, Datum datum);
+/* Adds the rows of keys that a snapshot sees. */
+const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot,
+                          bytea* const* keys, int count);
 /* The dimension of the first vector that a snapshot sees, or 0. */
 int32 qx_find_dim(Relation table, const QxDefinition* definition, Snapshot snapshot);
 void qx_write_schema(StringInfo to, const QxDefinition* definition, int32 dim, Relation table);
@@ -105,6 +116,21 @@ void qx_write_text(StringInfo to, const char* text);
     type put_ = (value);                                           \
     appendBinaryStringInfo((to), (const char*)&put_, sizeof put_); \
   } while (0)
+
+static inline void qx_take(const char** from, void* to, size_t size) {
+  memcpy(to, *from, size);
+  *from += size;
+}
+
+/* ---- shared.c: what the processes of the server know of its workers -------------------------- */
+
+void qx_enter_worker(void);
+void qx_wake_worker(void); /* of this database, if there is one */
+/* Wakes the worker when this transaction has been committed. */
+void qx_wake_at_commit(void);
+void qx_watch_commits(void);
+/* Notes what the program of this worker holds; gives what all programs of the server hold. */
+uint64 qx_note_bytes(uint64 bytes);
 
 /* ---- program.c: the connection to the program ---------------------------------------------- */
 

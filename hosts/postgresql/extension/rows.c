@@ -4,16 +4,24 @@
 #include "catalog/pg_type.h"
 #include "extension/qx.h"
 #include "miscadmin.h"
+#include "port/pg_bswap.h"
 #include "utils/array.h"
 #include "utils/builtins.h"
 #include "utils/fmgroids.h"
 #include "utils/memutils.h"
+#include "utils/uuid.h"
+
+typedef struct Ids {
+  StringInfoData numbers; /* or sizes */
+  StringInfoData bytes;
+} Ids;
 
 struct QxRowsMessage {
   const QxDefinition* definition;
   int32 dim;
   int32 count;
-  StringInfoData removed, ids, vectors;
+  Ids removed, ids;
+  StringInfoData vectors;
   StringInfoData nulls[QX_MOST_COLUMNS], values[QX_MOST_COLUMNS], texts[QX_MOST_COLUMNS];
   MemoryContext row; /* of values that are stored apart */
 };
@@ -36,6 +44,7 @@ void qx_write_schema(StringInfo to, const QxDefinition* d, int32 dim, Relation t
   int i;
   qx_put(to, int32, dim);
   qx_put(to, int32, d->metric);
+  qx_put(to, int32, d->id_kind);
   qx_put(to, int32, d->n_columns);
   for (i = 0; i < d->n_columns; i++) {
     qx_put(to, int32, d->columns[i].type);
@@ -52,8 +61,10 @@ QxRowsMessage* qx_rows_new(const QxDefinition* definition, int32 dim) {
   rows->definition = copy;
   rows->dim = dim;
   rows->row = GenerationContextCreate(CurrentMemoryContext, "qx row", ALLOCSET_DEFAULT_SIZES);
-  initStringInfo(&rows->removed);
-  initStringInfo(&rows->ids);
+  initStringInfo(&rows->removed.numbers);
+  initStringInfo(&rows->removed.bytes);
+  initStringInfo(&rows->ids.numbers);
+  initStringInfo(&rows->ids.bytes);
   initStringInfo(&rows->vectors);
   for (i = 0; i < definition->n_columns; i++) {
     initStringInfo(&rows->nulls[i]);
@@ -63,10 +74,42 @@ QxRowsMessage* qx_rows_new(const QxDefinition* definition, int32 dim) {
   return rows;
 }
 
-int64 qx_id_of(const QxColumnOf* id, Datum datum) {
-  if (id->sql_type == INT2OID) return DatumGetInt16(datum);
-  if (id->sql_type == INT4OID) return DatumGetInt32(datum);
+int64 qx_integer_of(const QxColumnOf* column, Datum datum) {
+  if (column->sql_type == INT2OID) return DatumGetInt16(datum);
+  if (column->sql_type == INT4OID) return DatumGetInt32(datum);
   return DatumGetInt64(datum);
+}
+
+bytea* qx_key_of(const QxColumnOf* id, Datum datum) {
+  char number[sizeof(int64)];
+  const char* bytes = number;
+  int size = sizeof number;
+  bytea* key;
+  if (id->type == QX_INTEGER) {
+    uint64 big = pg_hton64((uint64)qx_integer_of(id, datum));
+    memcpy(number, &big, sizeof big);
+  } else if (id->type == QX_TEXT) {
+    return DatumGetByteaPCopy(datum);
+  } else {
+    bytes = (const char*)DatumGetUUIDP(datum)->data;
+    size = UUID_LEN;
+  }
+  key = palloc((Size)(VARHDRSZ + size));
+  SET_VARSIZE(key, VARHDRSZ + size);
+  memcpy(VARDATA(key), bytes, (size_t)size);
+  return key;
+}
+
+static int64 number_of(const bytea* key) {
+  uint64 big;
+  memcpy(&big, VARDATA(key), sizeof big);
+  return (int64)pg_ntoh64(big);
+}
+
+static void add_id(Ids* to, const QxDefinition* d, const bytea* key) {
+  int size = (int)VARSIZE(key) - VARHDRSZ;
+  qx_put(&to->numbers, int64, d->id_kind == QX_NUMBERS ? number_of(key) : size);
+  if (d->id_kind == QX_TEXTS) appendBinaryStringInfo(&to->bytes, VARDATA(key), size);
 }
 
 static double real_of(Oid type, Datum datum) {
@@ -78,7 +121,7 @@ static void add_value(QxRowsMessage* rows, int i, Datum datum, bool null) {
   StringInfo to = &rows->values[i];
   appendStringInfoChar(&rows->nulls[i], (char)null);
   if (column->type == QX_INTEGER) {
-    qx_put(to, int64, null ? 0 : qx_id_of(column, datum));
+    qx_put(to, int64, null ? 0 : qx_integer_of(column, datum));
   } else if (column->type == QX_REAL) {
     qx_put(to, double, null ? 0.0 : real_of(column->sql_type, datum));
   } else if (column->type == QX_BOOLEAN) {
@@ -106,7 +149,7 @@ const char* qx_rows_add(QxRowsMessage* rows, TupleTableSlot* slot) {
   if (problem == NULL) {
     appendBinaryStringInfo(&rows->vectors, (const char*)qx_numbers(vector),
                            rows->dim * (int)sizeof(float));
-    qx_put(&rows->ids, int64, qx_id_of(&d->id, slot_getattr(slot, d->id.number, &null)));
+    add_id(&rows->ids, d, qx_key_of(&d->id, slot_getattr(slot, d->id.number, &null)));
     for (i = 0; i < d->n_columns; i++) {
       Datum value = slot_getattr(slot, d->columns[i].number, &null);
       add_value(rows, i, value, null);
@@ -118,13 +161,16 @@ const char* qx_rows_add(QxRowsMessage* rows, TupleTableSlot* slot) {
   return problem;
 }
 
-void qx_rows_remove(QxRowsMessage* rows, const int64* ids, int count) {
-  appendBinaryStringInfo(&rows->removed, (const char*)ids, count * (int)sizeof(int64));
+void qx_rows_remove(QxRowsMessage* rows, bytea* const* keys, int count) {
+  for (int i = 0; i < count; i++) add_id(&rows->removed, rows->definition, keys[i]);
 }
 
 bool qx_rows_full(const QxRowsMessage* rows) {
   int i;
-  if (rows->vectors.len > BATCH_BYTES || rows->ids.len > BATCH_BYTES / 8) return true;
+  if (rows->vectors.len > BATCH_BYTES || rows->ids.numbers.len > BATCH_BYTES / 8 ||
+      rows->ids.bytes.len > BATCH_BYTES) {
+    return true;
+  }
   for (i = 0; i < rows->definition->n_columns; i++) {
     if (rows->texts[i].len > BATCH_BYTES) return true;
   }
@@ -132,18 +178,21 @@ bool qx_rows_full(const QxRowsMessage* rows) {
 }
 
 int qx_rows_count(const QxRowsMessage* rows) {
-  return rows->count + rows->removed.len / (int)sizeof(int64);
+  return rows->count + rows->removed.numbers.len / (int)sizeof(int64);
 }
 
 void qx_rows_write(QxRowsMessage* rows, StringInfo to) {
   const QxDefinition* d = rows->definition;
   int i;
   qx_put(to, int32, rows->dim);
+  qx_put(to, int32, d->id_kind);
   qx_put(to, int32, d->n_columns);
-  qx_put(to, int32, rows->removed.len / (int)sizeof(int64));
+  qx_put(to, int32, rows->removed.numbers.len / (int)sizeof(int64));
   qx_put(to, int32, rows->count);
-  append(to, &rows->removed);
-  append(to, &rows->ids);
+  append(to, &rows->removed.numbers);
+  append(to, &rows->removed.bytes);
+  append(to, &rows->ids.numbers);
+  append(to, &rows->ids.bytes);
   append(to, &rows->vectors);
   for (i = 0; i < d->n_columns; i++) {
     qx_put(to, int32, d->columns[i].type);
@@ -170,17 +219,29 @@ int32 qx_find_dim(Relation table, const QxDefinition* d, Snapshot snapshot) {
   return dim;
 }
 
-/* An id as a value of the key's type; false where it has none. */
-static bool key_datum(Oid type, int64 id, Datum* datum, RegProcedure* equals) {
-  *datum = type == INT2OID   ? Int16GetDatum((int16)id)
-           : type == INT4OID ? Int32GetDatum((int32)id)
-                             : Int64GetDatum(id);
-  *equals = type == INT2OID ? F_INT2EQ : type == INT4OID ? F_INT4EQ : F_INT8EQ;
-  return type == INT8OID || (type == INT4OID ? id == (int32)id : id == (int16)id);
+/* A key as a value of its type. */
+static Datum key_datum(Oid type, bytea* key, RegProcedure* equals) {
+  switch (type) {
+    case INT2OID:
+      *equals = F_INT2EQ;
+      return Int16GetDatum((int16)number_of(key));
+    case INT4OID:
+      *equals = F_INT4EQ;
+      return Int32GetDatum((int32)number_of(key));
+    case INT8OID:
+      *equals = F_INT8EQ;
+      return Int64GetDatum(number_of(key));
+    case UUIDOID:
+      *equals = F_UUID_EQ;
+      return PointerGetDatum(VARDATA(key));
+    default:
+      *equals = F_TEXTEQ;
+      return PointerGetDatum(key);
+  }
 }
 
-const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot, const int64* ids,
-                          int count) {
+const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot,
+                          bytea* const* keys, int count) {
   const QxDefinition* d = rows->definition;
   Relation index = index_open(d->primary_key, AccessShareLock);
   IndexScanDesc scan = index_beginscan(table, index, snapshot, 1, 0);
@@ -189,10 +250,10 @@ const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot
   int i;
   for (i = 0; i < count && problem == NULL; i++) {
     ScanKeyData key;
-    Datum datum;
     RegProcedure equals;
-    if (!key_datum(d->id.sql_type, ids[i], &datum, &equals)) continue;
-    ScanKeyInit(&key, 1, BTEqualStrategyNumber, equals, datum);
+    Datum datum = key_datum(d->id.sql_type, keys[i], &equals);
+    ScanKeyEntryInitialize(&key, 0, 1, BTEqualStrategyNumber, InvalidOid, index->rd_indcollation[0],
+                           equals, datum);
     index_rescan(scan, &key, 1, NULL, 0);
     while (problem == NULL && index_getnext_slot(scan, ForwardScanDirection, slot)) {
       problem = qx_rows_add(rows, slot);

@@ -31,13 +31,8 @@ typedef struct Search {
   Snapshot snapshot; /* the caller's */
   StringInfoData question, message, answer;
   int64 count;
-  const char* hits; /* ids, then scores */
+  const char *ids, *bytes, *scores; /* of the hits */
 } Search;
-
-static void take(const char** from, void* to, size_t size) {
-  memcpy(to, *from, size);
-  *from += size;
-}
 
 static void check_privileges(const Search* s) {
   const QxDefinition* d = &s->definition;
@@ -61,9 +56,20 @@ static void check_privileges(const Search* s) {
   }
 }
 
+static int64 size_of_id(const Search* s, int64 hit) {
+  int64 size;
+  memcpy(&size, s->ids + hit * 8, sizeof size);
+  return size;
+}
+
 static void set_hits(Search* s, const char* from) {
-  take(&from, &s->count, sizeof s->count);
-  s->hits = from;
+  qx_take(&from, &s->count, sizeof s->count);
+  s->ids = from;
+  s->bytes = from + s->count * 8;
+  s->scores = s->bytes;
+  for (int64 i = 0; s->definition.id_kind == QX_TEXTS && i < s->count; i++) {
+    s->scores += size_of_id(s, i);
+  }
 }
 
 /* Every row of the table as the caller sees it, ranked part by part. */
@@ -105,9 +111,9 @@ static void search_replaced(Search* s, const QxChanges* changes) {
   int i;
   for (i = 0; i < changes->count; i += at_once) {
     int n = Min(at_once, changes->count - i);
-    const char* problem = qx_rows_fetch(rows, s->table, s->snapshot, changes->ids + i, n);
+    const char* problem = qx_rows_fetch(rows, s->table, s->snapshot, changes->keys + i, n);
     if (problem != NULL) ereport(ERROR, errcode(ERRCODE_DATA_EXCEPTION), errmsg("%s", problem));
-    qx_rows_remove(rows, changes->ids + i, n);
+    qx_rows_remove(rows, changes->keys + i, n);
     resetStringInfo(&s->message);
     qx_rows_write(rows, &s->message);
     qx_ask(QX_REPLACE, &s->message, &s->answer);
@@ -119,15 +125,15 @@ static void search_replaced(Search* s, const QxChanges* changes) {
 
 /* Under SERIALIZABLE, reading the log by the caller's snapshot is what conflicts are found by:
    whoever changes the table writes there. */
-static QxChanges read_log(Search* s, const QxHorizon* horizon, const uint64* running) {
+static QxChanges read_log(Search* s, const QxSnapshot* rows, int n) {
   Snapshot reading;
   QxChanges changes;
   if (IsolationIsSerializable()) {
-    qx_changes_between(&s->definition, s->snapshot, horizon, running, s->snapshot);
+    qx_changes_between(&s->definition, s->snapshot, rows, n, s->snapshot);
   }
   reading = RegisterSnapshot(GetLatestSnapshot());
   reading->curcid = InvalidCommandId; /* all own entries */
-  changes = qx_changes_between(&s->definition, reading, horizon, running, s->snapshot);
+  changes = qx_changes_between(&s->definition, reading, rows, n, s->snapshot);
   UnregisterSnapshot(reading);
   return changes;
 }
@@ -142,8 +148,10 @@ static bool ask_until_loaded(Search* s) {
   while ((status = qx_ask(QX_SEARCH, &s->message, &s->answer)) != QX_ANSWER) {
     int woken;
     if (status == QX_EMPTY || status == QX_REFUSED ||
-        TransactionIdIsValid(GetTopTransactionIdIfAny()))
+        TransactionIdIsValid(GetTopTransactionIdIfAny())) {
       return false;
+    }
+    if (status == QX_UNKNOWN) qx_wake_worker();
     woken =
         WaitLatch(MyLatch, WL_LATCH_SET | WL_TIMEOUT | WL_EXIT_ON_PM_DEATH, 5, PG_WAIT_EXTENSION);
     if (woken & WL_LATCH_SET) ResetLatch(MyLatch);
@@ -154,8 +162,8 @@ static bool ask_until_loaded(Search* s) {
 
 static void search(Search* s) {
   const char* from;
-  QxHorizon horizon;
-  uint64* running;
+  QxSnapshot rows[2];
+  int32 n;
   QxChanges changes;
   /* A table that this transaction has made or rewritten is not what the worker sees. */
   if (s->table->rd_createSubid != InvalidSubTransactionId ||
@@ -164,11 +172,11 @@ static void search(Search* s) {
     return;
   }
   from = s->answer.data;
-  take(&from, &horizon, sizeof horizon);
-  running = palloc(sizeof(uint64) * (horizon.n_running + 1));
-  take(&from, running, sizeof(uint64) * horizon.n_running);
-  changes = read_log(s, &horizon, running);
-  if (changes.all || horizon.relation_file != s->table->rd_node.relNode) {
+  qx_take(&from, &n, sizeof n);
+  for (int i = 0; i < n; i++) rows[i] = qx_read_snapshot(&from);
+  changes = read_log(s, rows, n);
+  if (changes.all || changes.count > 0) qx_wake_worker();
+  if (changes.all || rows[0].horizon.relation_file != s->table->rd_node.relNode) {
     qx_tell(QX_RELEASE);
     scan_table(s);
     return;
@@ -195,6 +203,7 @@ static void write_question(Search* s, ArrayType* query, int64 k, const char* fil
   initStringInfo(&s->message);
   initStringInfo(&s->answer);
   qx_put(&s->question, int64, k);
+  qx_put(&s->question, int32, qx_search_threads);
   qx_write_text(&s->question, filter);
   qx_put(&s->question, int32, dim);
   appendBinaryStringInfo(&s->question, (const char*)qx_numbers(query), dim * (int)sizeof(float));
@@ -202,16 +211,38 @@ static void write_question(Search* s, ArrayType* query, int64 k, const char* fil
 
 static void give_out(FunctionCallInfo fcinfo, const Search* s) {
   ReturnSetInfo* result = (ReturnSetInfo*)fcinfo->resultinfo;
+  const char* bytes = s->bytes;
   bool nulls[2] = {false, false};
   for (int64 i = 0; i < s->count; i++) {
-    int64 id;
+    int64 id = size_of_id(s, i);
     float score;
     Datum values[2];
-    memcpy(&id, s->hits + i * 8, sizeof id);
-    memcpy(&score, s->hits + s->count * 8 + i * 4, sizeof score);
+    memcpy(&score, s->scores + i * 4, sizeof score);
     values[0] = Int64GetDatum(id);
     values[1] = Float4GetDatum(score);
+    if (s->definition.id_kind == QX_TEXTS) {
+      values[0] = s->definition.id.type == QX_TEXT
+                      ? PointerGetDatum(cstring_to_text_with_len(bytes, (int)id))
+                      : PointerGetDatum(bytes);
+      bytes += id;
+    }
     tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
+  }
+}
+
+/* There is a function for each type of key. */
+static void check_key(FunctionCallInfo fcinfo, const Search* s) {
+  const ReturnSetInfo* result = (const ReturnSetInfo*)fcinfo->resultinfo;
+  int32 type = s->definition.id.type;
+  const char* function = type == QX_INTEGER ? "qx.search"
+                         : type == QX_TEXT  ? "qx.search_text"
+                                            : "qx.search_uuid";
+  Oid given = type == QX_INTEGER ? INT8OID : type == QX_TEXT ? TEXTOID : UUIDOID;
+  if (TupleDescAttr(result->setDesc, 0)->atttypid != given) {
+    ereport(ERROR, errcode(ERRCODE_DATATYPE_MISMATCH),
+            errmsg("the key of \"%s\" is of type %s", RelationGetRelationName(s->table),
+                   format_type_be(s->definition.id.sql_type)),
+            errhint("Its function is %s.", function));
   }
 }
 
@@ -226,6 +257,7 @@ Datum qx_search(PG_FUNCTION_ARGS) {
   s.definition = *qx_definition(s.table);
   qx_require_index(s.table, &s.definition);
   check_privileges(&s);
+  check_key(fcinfo, &s);
   s.snapshot = GetActiveSnapshot();
   if (s.definition.dim == 0) {
     s.definition.dim = qx_find_dim(s.table, &s.definition, s.snapshot);
@@ -255,13 +287,13 @@ Datum qx_stat(PG_FUNCTION_ARGS) {
   initStringInfo(&answer);
   if (!qx_try_ask(QX_STATS, &message, &answer)) PG_RETURN_VOID();
   from = answer.data;
-  for (take(&from, &n, sizeof n); n > 0; n--) {
+  for (qx_take(&from, &n, sizeof n); n > 0; n--) {
     QxIndexStats stats;
     int32 size;
     Datum values[9];
     bool nulls[9] = {false};
-    take(&from, &stats, sizeof stats);
-    take(&from, &size, sizeof size);
+    qx_take(&from, &stats, sizeof stats);
+    qx_take(&from, &size, sizeof size);
     values[0] = ObjectIdGetDatum(stats.table);
     values[1] = BoolGetDatum(stats.ready != 0);
     values[2] = Int64GetDatum(stats.rows);

@@ -32,19 +32,31 @@ void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file) {
   }
 }
 
-bool qx_committed_before(uint64 xid, const QxHorizon* horizon, const uint64* running) {
+QxSnapshot qx_read_snapshot(const char** from) {
+  QxSnapshot snapshot;
+  Size size;
+  qx_take(from, &snapshot.horizon, sizeof snapshot.horizon);
+  size = sizeof(uint64) * snapshot.horizon.n_running;
+  snapshot.running = palloc(size + 1);
+  qx_take(from, snapshot.running, size);
+  return snapshot;
+}
+
+static bool committed_before(uint64 xid, const QxSnapshot* snapshot) {
   uint32 i;
-  if (xid < horizon->xmin) return true;
-  if (xid >= horizon->xmax) return false;
-  for (i = 0; i < horizon->n_running; i++) {
-    if (running[i] == xid) return false;
+  if (xid < snapshot->horizon.xmin) return true;
+  if (xid >= snapshot->horizon.xmax) return false;
+  for (i = 0; i < snapshot->horizon.n_running; i++) {
+    if (snapshot->running[i] == xid) return false;
   }
   return true;
 }
 
-static int compare_ids(const void* a, const void* b) {
-  int64 x = *(const int64*)a, y = *(const int64*)b;
-  return (x > y) - (x < y);
+static int compare_keys(const void* a, const void* b) {
+  const bytea *x = *(bytea*const*)a, *y = *(bytea*const*)b;
+  int difference = memcmp(VARDATA(x), VARDATA(y), Min(VARSIZE(x), VARSIZE(y)) - VARHDRSZ);
+  if (difference != 0) return difference;
+  return (VARSIZE(x) > VARSIZE(y)) - (VARSIZE(x) < VARSIZE(y));
 }
 
 /* How far the log was pruned, as `reading` sees it. */
@@ -52,45 +64,49 @@ static uint64 pruned_until(const QxDefinition* d, Snapshot reading) {
   return (uint64)qx_read_tables(d->tables, d->table, QX_TABLES_PRUNED, reading);
 }
 
-static bool differs(uint64 xid, uint64 own, const QxHorizon* horizon, const uint64* running,
-                    Snapshot snapshot) {
-  bool before = qx_committed_before(xid, horizon, running);
-  /* Own changes that came later than the snapshot count too: they are read by it all the same. */
+/* Own changes that came later than the snapshot count too: they are read by it all the same. */
+static bool differs(uint64 xid, uint64 own, const QxSnapshot* others, int n, Snapshot snapshot) {
+  bool unseen;
   if (xid == own) return true;
-  return before == XidInMVCCSnapshot((TransactionId)xid, snapshot);
+  unseen = XidInMVCCSnapshot((TransactionId)xid, snapshot);
+  for (int i = 0; i < n; i++) {
+    if (committed_before(xid, &others[i]) == unseen) return true;
+  }
+  return false;
 }
 
-QxChanges qx_changes_between(const QxDefinition* d, Snapshot reading, const QxHorizon* horizon,
-                             const uint64* running, Snapshot snapshot) {
+QxChanges qx_changes_between(const QxDefinition* d, Snapshot reading, const QxSnapshot* others,
+                             int n_others, Snapshot snapshot) {
   QxChanges changes = {0};
-  uint64 first = Min(horizon->xmin, qx_full_xid(snapshot->xmin));
+  uint64 first = qx_full_xid(snapshot->xmin);
   uint64 own = U64FromFullTransactionId(GetTopFullTransactionIdIfAny());
   Relation log = table_open(d->log, AccessShareLock);
   SysScanDesc scan;
   ScanKeyData keys[2];
   HeapTuple entry;
   int room = 64;
-  changes.ids = palloc(sizeof(int64) * (Size)room);
+  for (int i = 0; i < n_others; i++) first = Min(first, others[i].horizon.xmin);
+  changes.keys = palloc(sizeof(bytea*) * (Size)room);
   ScanKeyInit(&keys[0], 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
   ScanKeyInit(&keys[1], 2, BTGreaterEqualStrategyNumber, F_INT8GE, Int64GetDatum((int64)first));
   scan = systable_beginscan(log, d->log_key, true, reading, 2, keys);
   while ((entry = systable_getnext(scan)) != NULL) {
     bool null;
     uint64 xid = (uint64)DatumGetInt64(heap_getattr(entry, 2, RelationGetDescr(log), &null));
-    Datum id = heap_getattr(entry, 3, RelationGetDescr(log), &null);
+    Datum key = heap_getattr(entry, 3, RelationGetDescr(log), &null);
     changes.any_entry = true;
-    if (!differs(xid, own, horizon, running, snapshot)) continue;
+    if (!differs(xid, own, others, n_others, snapshot)) continue;
     if (null) changes.all = true;
     if (changes.count == room) {
       room *= 2;
-      changes.ids = repalloc_huge(changes.ids, sizeof(int64) * (Size)room);
+      changes.keys = repalloc_huge(changes.keys, sizeof(bytea*) * (Size)room);
     }
-    if (!null) changes.ids[changes.count++] = DatumGetInt64(id);
+    if (!null) changes.keys[changes.count++] = DatumGetByteaPCopy(key);
   }
   systable_endscan(scan);
   table_close(log, AccessShareLock);
   if (pruned_until(d, reading) > first) changes.all = true;
-  qsort(changes.ids, (size_t)changes.count, sizeof(int64), compare_ids);
-  changes.count = (int)qunique(changes.ids, (size_t)changes.count, sizeof(int64), compare_ids);
+  qsort(changes.keys, (size_t)changes.count, sizeof(bytea*), compare_keys);
+  changes.count = (int)qunique(changes.keys, (size_t)changes.count, sizeof(bytea*), compare_keys);
   return changes;
 }

@@ -25,19 +25,22 @@
 #include "nodes/pg_list.h"
 #include "pgstat.h"
 #include "postmaster/bgworker.h"
+#include "postmaster/interrupt.h"
 #include "storage/latch.h"
 #include "storage/lmgr.h"
 #include "storage/procarray.h"
 #include "tcop/tcopprot.h"
 #include "utils/builtins.h"
+#include "utils/guc.h"
 #include "utils/lsyscache.h"
 #include "utils/memutils.h"
 #include "utils/snapmgr.h"
 #include "utils/timestamp.h"
 
-#define POLL_MILLISECONDS 50
+#define IDLE_MILLISECONDS 1000 /* commits and searches wake it earlier */
+#define PAUSE_MILLISECONDS 5   /* in which commits come together */
 #define PRUNE_SECONDS 10
-#define MOST_MISSING 1200 /* looks in vain for the extension */
+#define MISSING_SECONDS 60 /* for which the extension may be missing */
 #define RETRY_SECONDS 10
 
 typedef struct Loaded {
@@ -46,11 +49,11 @@ typedef struct Loaded {
   bool seen; /* in the latest list of indexes */
   int32 dim;
   TimestampTz failed_at; /* or 0 */
-  QxHorizon horizon;
-  uint64* running;
+  QxSnapshot rows;       /* what its rows are of */
 } Loaded;
 
 static int program = -1;
+static bool owed;    /* an answer is outstanding */
 static List* loaded; /* of Loaded */
 
 PGDLLEXPORT void qx_worker(Datum database);
@@ -117,16 +120,33 @@ static void transfer(char* bytes, size_t size, bool write) {
 }
 
 /* Gives why the program refuses, or null. */
-static const char* tell(uint32 kind, StringInfo body) {
-  QxHeader header = {(uint32)body->len, kind};
+static const char* take_answer(void) {
+  QxHeader header;
   char* answer;
-  transfer((char*)&header, sizeof header, true);
-  transfer(body->data, (size_t)body->len, true);
+  uint64 bytes;
+  if (!owed) return NULL;
+  owed = false;
   transfer((char*)&header, sizeof header, false);
   answer = palloc0(header.size + 1);
   transfer(answer, header.size, false);
+  if (header.kind != QX_ANSWER) return answer + sizeof(int32);
+  memcpy(&bytes, answer, sizeof bytes);
+  bytes = qx_note_bytes(bytes);
+  return qx_memory_limit == 0 || bytes <= (uint64)qx_memory_limit << 20
+             ? NULL
+             : "the indexes of the server take more memory than qx.memory_limit";
+}
+
+/* Gives what is wrong with this message or the one before: the program works on one meanwhile. */
+static const char* tell(uint32 kind, StringInfo body) {
+  QxHeader header = {(uint32)body->len, kind};
+  const char* problem = take_answer();
+  if (problem != NULL) return problem;
+  transfer((char*)&header, sizeof header, true);
+  transfer(body->data, (size_t)body->len, true);
   resetStringInfo(body);
-  return header.kind == QX_ANSWER ? NULL : answer + sizeof(int32);
+  owed = true;
+  return kind == QX_CHANGE ? NULL : take_answer();
 }
 
 /* ---- One table ----------------------------------------------------------------------------- */
@@ -138,20 +158,26 @@ static const char* send_rows(QxRowsMessage* rows, Oid table, StringInfo message)
   return tell(QX_CHANGE, message);
 }
 
-static const char* publish(Loaded* index, Relation table, Snapshot snapshot, StringInfo message) {
-  const char* from;
-  const char* problem;
-  Size size;
+static const char* tell_snapshot(uint32 kind, Oid table, Relation relation, Snapshot snapshot,
+                                 StringInfo message) {
   resetStringInfo(message);
-  qx_put(message, uint32, index->table);
-  qx_write_snapshot(message, snapshot, table->rd_node.relNode);
-  from = message->data + sizeof(uint32);
-  memcpy(&index->horizon, from, sizeof index->horizon);
-  size = sizeof(uint64) * index->horizon.n_running;
-  if (index->running != NULL) pfree(index->running);
-  index->running = MemoryContextAlloc(TopMemoryContext, size + 1);
-  memcpy(index->running, from + sizeof index->horizon, size);
-  problem = tell(QX_PUBLISH, message);
+  qx_put(message, uint32, table);
+  qx_write_snapshot(message, snapshot, relation->rd_node.relNode);
+  return tell(kind, message);
+}
+
+static const char* publish(Loaded* index, Relation table, Snapshot snapshot, StringInfo message) {
+  const char* problem = tell_snapshot(QX_PUBLISH, index->table, table, snapshot, message);
+  StringInfoData copy;
+  const char* from;
+  MemoryContext before = MemoryContextSwitchTo(TopMemoryContext);
+  if (index->rows.running != NULL) pfree(index->rows.running);
+  initStringInfo(&copy);
+  qx_write_snapshot(&copy, snapshot, table->rd_node.relNode);
+  from = copy.data;
+  index->rows = qx_read_snapshot(&from);
+  pfree(copy.data);
+  MemoryContextSwitchTo(before);
   index->ready = problem == NULL;
   return problem;
 }
@@ -188,10 +214,14 @@ static const char* catch_up(Loaded* index, const QxDefinition* d, Relation table
                             const QxChanges* changes, StringInfo message) {
   QxRowsMessage* rows = qx_rows_new(d, index->dim);
   const int at_once = 1000;
+  if (changes->count > 0) {
+    const char* problem = tell_snapshot(QX_BEGIN, index->table, table, snapshot, message);
+    if (problem != NULL) return problem;
+  }
   for (int i = 0; i < changes->count; i += at_once) {
     int n = Min(at_once, changes->count - i);
-    const char* problem = qx_rows_fetch(rows, table, snapshot, changes->ids + i, n);
-    qx_rows_remove(rows, changes->ids + i, n);
+    const char* problem = qx_rows_fetch(rows, table, snapshot, changes->keys + i, n);
+    qx_rows_remove(rows, changes->keys + i, n);
     if (problem == NULL) problem = send_rows(rows, d->table, message);
     if (problem != NULL) return problem;
     CHECK_FOR_INTERRUPTS();
@@ -204,11 +234,11 @@ static const char* refresh(Loaded* index, Relation table, StringInfo message) {
   QxDefinition d = *qx_definition(table);
   QxChanges changes;
   if (!d.exists || !d.complete) return NULL; /* back ends refuse to search */
-  if (!index->ready || index->horizon.relation_file != table->rd_node.relNode ||
+  if (!index->ready || index->rows.horizon.relation_file != table->rd_node.relNode ||
       (index->dim == 0 && d.dim > 0)) {
     return load(index, &d, table, snapshot, message);
   }
-  changes = qx_changes_between(&d, snapshot, &index->horizon, index->running, snapshot);
+  changes = qx_changes_between(&d, snapshot, &index->rows, 1, snapshot);
   if (!changes.any_entry && !changes.all) return NULL;
   if (changes.all || (index->dim == 0 && changes.count > 0)) {
     return load(index, &d, table, snapshot, message);
@@ -235,6 +265,7 @@ static void bring_up_to_date(Loaded* index) {
     if (problem != NULL) {
       index->ready = false;
       index->failed_at = GetCurrentTimestamp();
+      (void)take_answer();
       resetStringInfo(&message);
       qx_put(&message, uint32, index->table);
       qx_write_text(&message, problem);
@@ -268,10 +299,13 @@ static Loaded* find_or_add(Oid table) {
 /* Marks the indexes that there are, and adds new ones. False without the extension. */
 static bool list_indexes(void) {
   StringInfoData query;
+  ListCell* cell;
   bool found;
+  qx_relations_changed = false;
+  foreach (cell, loaded) ((Loaded*)lfirst(cell))->seen = false;
   StartTransactionCommand();
   PushActiveSnapshot(GetTransactionSnapshot());
-  found = qx_object("log") != InvalidOid;
+  found = qx_object("changes") != InvalidOid;
   if (found) {
     SPI_connect();
     initStringInfo(&query);
@@ -298,7 +332,7 @@ static void drop_index(Loaded* index) {
   qx_put(&message, uint32, index->table);
   tell(QX_DROP, &message); /* which need not have been defined */
   pfree(message.data);
-  if (index->running != NULL) pfree(index->running);
+  if (index->rows.running != NULL) pfree(index->rows.running);
   pfree(index);
 }
 
@@ -314,7 +348,6 @@ static void visit_indexes(void) {
       drop_index(index);
       continue;
     }
-    index->seen = false;
     if (retry) {
       index->failed_at = 0;
       bring_up_to_date(index);
@@ -330,21 +363,21 @@ static void prune(const Loaded* index) {
   uint64 until;
   StartTransactionCommand();
   PushActiveSnapshot(GetTransactionSnapshot());
-  log = table_open(qx_object("log"), AccessShareLock);
-  until = Min(index->horizon.xmin, qx_full_xid(GetOldestNonRemovableTransactionId(log)));
+  log = table_open(qx_object("changes"), AccessShareLock);
+  until = Min(index->rows.horizon.xmin, qx_full_xid(GetOldestNonRemovableTransactionId(log)));
   table_close(log, AccessShareLock);
   values[0] = ObjectIdGetDatum(index->table);
   values[1] = Int64GetDatum((int64)until);
   SPI_connect();
-  SPI_execute_with_args("SELECT FROM qx.log WHERE relation = $1 AND xid < $2 LIMIT 1", 2, types,
+  SPI_execute_with_args("SELECT FROM qx.changes WHERE relation = $1 AND xid < $2 LIMIT 1", 2, types,
                         values, NULL, true, 1);
   if (SPI_processed > 0) {
     SPI_execute_with_args(
         "INSERT INTO qx.tables AS t (relation, pruned) VALUES ($1, $2) ON CONFLICT "
         "(relation) DO UPDATE SET pruned = greatest(t.pruned, excluded.pruned)",
         2, types, values, NULL, false, 0);
-    SPI_execute_with_args("DELETE FROM qx.log WHERE relation = $1 AND xid < $2", 2, types, values,
-                          NULL, false, 0);
+    SPI_execute_with_args("DELETE FROM qx.changes WHERE relation = $1 AND xid < $2", 2, types,
+                          values, NULL, false, 0);
   }
   SPI_finish();
   PopActiveSnapshot();
@@ -372,20 +405,39 @@ static bool is_only_worker(void) {
   return LockAcquire(&tag, ExclusiveLock, true, true) != LOCKACQUIRE_NOT_AVAIL;
 }
 
+/* A back end may wait that has not committed CREATE EXTENSION yet. */
+static bool is_wanted(void) {
+  static TimestampTz found = 0;
+  StartTransactionCommand(); /* which takes note of changed relations */
+  CommitTransactionCommand();
+  if (!qx_relations_changed || list_indexes()) {
+    found = GetCurrentTimestamp();
+    return true;
+  }
+  qx_relations_changed = true;
+  if (found == 0) found = GetCurrentTimestamp();
+  return !TimestampDifferenceExceeds(found, GetCurrentTimestamp(), MISSING_SECONDS * 1000);
+}
+
 void qx_worker(Datum database) {
   pqsignal(SIGTERM, die);
-  pqsignal(SIGHUP, SIG_IGN);
+  pqsignal(SIGHUP, SignalHandlerForConfigReload);
   BackgroundWorkerUnblockSignals();
   BackgroundWorkerInitializeConnectionByOid(DatumGetObjectId(database), InvalidOid, 0);
   if (!is_only_worker()) return;
+  SetConfigOption("search_path", "pg_catalog, pg_temp", PGC_SUSET, PGC_S_OVERRIDE);
+  qx_enter_worker();
   start_program();
-  /* A back end may wait that has not committed CREATE EXTENSION yet. */
-  for (int missing = 0; missing < MOST_MISSING; missing = list_indexes() ? 0 : missing + 1) {
+  while (recv(program, &(char){0}, 1, MSG_PEEK) != 0 && is_wanted()) {
     visit_indexes();
     prune_all();
     pgstat_report_stat(true);
     pgstat_report_activity(STATE_IDLE, NULL);
-    wait_for(WL_TIMEOUT | WL_SOCKET_READABLE, POLL_MILLISECONDS);
-    if (recv(program, &(char){0}, 1, MSG_PEEK) == 0) break;
+    (void)WaitLatch(NULL, WL_TIMEOUT | WL_EXIT_ON_PM_DEATH, PAUSE_MILLISECONDS, PG_WAIT_EXTENSION);
+    wait_for(WL_TIMEOUT | WL_SOCKET_READABLE, IDLE_MILLISECONDS);
+    if (ConfigReloadPending) {
+      ConfigReloadPending = false;
+      ProcessConfigFile(PGC_SIGHUP);
+    }
   }
 }

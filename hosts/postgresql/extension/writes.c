@@ -16,6 +16,7 @@
 #include "utils/acl.h"
 #include "utils/array.h"
 #include "utils/builtins.h"
+#include "utils/guc.h"
 #include "utils/inval.h"
 #include "utils/lsyscache.h"
 #include "utils/memutils.h"
@@ -45,28 +46,34 @@ const char* qx_vector_problem(ArrayType* array, int32 dim) {
 }
 
 /* Beside all checks of privileges: whoever changes a row logs it. */
-static void log_entry(const QxDefinition* d, int64 id, bool null) {
+static void log_entry(const QxDefinition* d, bytea* key) {
   Relation log = table_open(d->log, RowExclusiveLock);
   Datum values[3];
-  bool nulls[3] = {false, false, null};
+  bool nulls[3] = {false, false, key == NULL};
   HeapTuple entry;
   values[0] = ObjectIdGetDatum(d->table);
   values[1] = Int64GetDatum((int64)U64FromFullTransactionId(GetTopFullTransactionId()));
-  values[2] = Int64GetDatum(id);
+  values[2] = PointerGetDatum(key);
   entry = heap_form_tuple(RelationGetDescr(log), values, nulls);
   CatalogTupleInsert(log, entry);
   heap_freetuple(entry);
   table_close(log, NoLock);
+  qx_wake_at_commit();
 }
 
-/* Runs a statement of the extension as the owner of its tables. */
+/* Runs a statement of the extension as the owner of its tables, whose names and operators the
+   caller's search_path must not decide. */
 static int run(const char* statement, int n, Oid* types, Datum* values) {
   Oid user;
-  int context, status;
+  int context, status, settings = NewGUCNestLevel();
   GetUserIdAndSecContext(&user, &context);
   SetUserIdAndSecContext(BOOTSTRAP_SUPERUSERID, context | SECURITY_LOCAL_USERID_CHANGE);
+  (void)set_config_option("search_path", "pg_catalog, pg_temp", PGC_USERSET, PGC_S_SESSION,
+                          GUC_ACTION_SAVE, true, 0, false);
   status = SPI_execute_with_args(statement, n, types, values, NULL, false, 0);
+  AtEOXact_GUC(true, settings);
   SetUserIdAndSecContext(user, context);
+  qx_wake_at_commit();
   return status;
 }
 
@@ -114,12 +121,23 @@ static const QxDefinition* definition_for_trigger(FunctionCallInfo fcinfo) {
   return d->exists ? d : NULL;
 }
 
+static bytea* key_in(const QxDefinition* d, TupleTableSlot* slot) {
+  bool null;
+  Datum key = slot_getattr(slot, d->id.number, &null);
+  return null ? NULL : qx_key_of(&d->id, key);
+}
+
+static bool same_key(const bytea* a, const bytea* b) {
+  if (a == NULL || b == NULL) return a == b;
+  return VARSIZE(a) == VARSIZE(b) && memcmp(a, b, VARSIZE(a)) == 0;
+}
+
 Datum qx_log_change(PG_FUNCTION_ARGS) {
   const QxDefinition* d = definition_for_trigger(fcinfo);
   TriggerData* trigger = (TriggerData*)fcinfo->context;
   TupleTableSlot *before = trigger->tg_trigslot, *after = trigger->tg_newslot;
   bool null;
-  int64 id, new_id;
+  bytea *key, *new_key;
   if (d == NULL || !TRIGGER_FIRED_FOR_ROW(trigger->tg_event)) PG_RETURN_POINTER(NULL);
   if (TRIGGER_FIRED_BY_INSERT(trigger->tg_event)) after = before;
   if (!TRIGGER_FIRED_BY_DELETE(trigger->tg_event)) {
@@ -127,18 +145,18 @@ Datum qx_log_change(PG_FUNCTION_ARGS) {
     if (!null) check_vector(trigger->tg_relation, vector);
   }
   d = qx_definition(trigger->tg_relation);
-  id = qx_id_of(&d->id, slot_getattr(before, d->id.number, &null));
-  log_entry(d, id, null);
+  key = key_in(d, before);
+  log_entry(d, key);
   if (TRIGGER_FIRED_BY_UPDATE(trigger->tg_event)) {
-    new_id = qx_id_of(&d->id, slot_getattr(after, d->id.number, &null));
-    if (new_id != id) log_entry(d, new_id, null);
+    new_key = key_in(d, after);
+    if (!same_key(key, new_key)) log_entry(d, new_key);
   }
   PG_RETURN_POINTER(NULL);
 }
 
 Datum qx_log_truncate(PG_FUNCTION_ARGS) {
   const QxDefinition* d = definition_for_trigger(fcinfo);
-  if (d != NULL) log_entry(d, 0, true);
+  if (d != NULL) log_entry(d, NULL);
   PG_RETURN_POINTER(NULL);
 }
 
@@ -150,7 +168,7 @@ Datum qx_declare_columns(PG_FUNCTION_ARGS) {
 Datum qx_log_table(PG_FUNCTION_ARGS) {
   Relation table = table_open(PG_GETARG_OID(0), AccessShareLock);
   const QxDefinition* d = qx_definition(table);
-  if (d->exists) log_entry(d, 0, true);
+  if (d->exists) log_entry(d, NULL);
   table_close(table, NoLock);
   PG_RETURN_VOID();
 }
@@ -167,11 +185,12 @@ static Relation open_own(Oid relation) {
   }
   table = table_open(relation, ShareRowExclusiveLock);
   if (table->rd_rel->relkind != RELKIND_RELATION || table->rd_rel->relpersistence == 't' ||
-      table->rd_rel->relispartition || table->rd_rel->relhassubclass || IsCatalogRelation(table)) {
+      table->rd_rel->relhassubclass || IsCatalogRelation(table)) {
     ereport(
         ERROR, errcode(ERRCODE_WRONG_OBJECT_TYPE),
         errmsg("\"%s\" cannot have an index of qx", RelationGetRelationName(table)),
-        errdetail("It must be an ordinary table, not temporary, without partitions or children."));
+        errdetail("It must be an ordinary table, not temporary, without partitions or children."),
+        errhint("Each partition can have an index of its own."));
   }
   return table;
 }
@@ -212,9 +231,10 @@ static void add_id(StringInfo list, Relation table) {
     }
     relation_close(index, AccessShareLock);
   }
-  if (number < 1 || qx_type_of(get_atttype(RelationGetRelid(table), number)) != QX_INTEGER) {
+  if (number < 1 || !qx_may_be_key(get_atttype(RelationGetRelid(table), number))) {
     ereport(ERROR, errcode(ERRCODE_OBJECT_NOT_IN_PREREQUISITE_STATE),
-            errmsg("\"%s\" needs a primary key of one integer", RelationGetRelationName(table)));
+            errmsg("\"%s\" needs a primary key of one integer, uuid or text",
+                   RelationGetRelationName(table)));
   }
   appendStringInfoString(list, name_of(table, number));
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <tuple>
 
 namespace qx::postgresql {
 
@@ -25,6 +26,28 @@ void Indexes::drop(std::uint32_t table) {
   all_.erase(table);
 }
 
+namespace {
+
+QxCollectionStats stats_of(const Index& index) {
+  QxCollectionStats stats = {};
+  stats.rows = index.loaded;
+  stats.bytes = index.loaded_bytes;
+  if (index.rows) qx_collection_stats(index.rows.get(), &stats);
+  return stats;
+}
+
+}  // namespace
+
+std::int64_t Indexes::bytes() {
+  const std::lock_guard lock(mutex_);
+  std::int64_t bytes = 0;
+  for (const auto& [table, index] : all_) {
+    const std::lock_guard inner(index->mutex);
+    bytes += stats_of(*index).bytes;
+  }
+  return bytes;
+}
+
 void Indexes::report(Writer& answer) {
   const std::lock_guard lock(mutex_);
   answer.put(static_cast<std::int32_t>(all_.size()));
@@ -37,12 +60,9 @@ void Indexes::report(Writer& answer) {
     stats.changes = index->changes;
     stats.searches = index->searches;
     stats.microseconds = index->microseconds;
-    if (index->rows) {
-      QxCollectionStats rows = {};
-      qx_collection_stats(index->rows.get(), &rows);
-      stats.rows = rows.rows;
-      stats.bytes = rows.bytes;
-    }
+    const QxCollectionStats rows = stats_of(*index);
+    stats.rows = rows.rows;
+    stats.bytes = rows.bytes;
     answer.put(stats);
     answer.text(index->error);
   }
@@ -86,68 +106,65 @@ class Worker {
  public:
   explicit Worker(Indexes& indexes) : indexes_(indexes) {}
 
-  std::uint32_t handle(std::uint32_t kind, Reader& message) {
+  std::uint32_t handle(std::uint32_t kind, Reader& message, Writer& answer) {
     const auto table = message.get<std::uint32_t>();
-    if (kind == QX_DEFINE) {
-      define(table, message);
-      return QX_ANSWER;
+    if (kind == QX_DEFINE || kind == QX_DROP || kind == QX_FAIL) {
+      loading_.reset();
+      indexes_.drop(table);  // its memory, before other is taken
     }
-    const auto index = indexes_.find(table);
-    if (!index) throw Refused("there is no such index");
-    if (kind == QX_CHANGE) change(index, message);
-    if (kind == QX_PUBLISH) publish(index, message);
+    if (kind == QX_DEFINE) define(table, message);
     if (kind == QX_FAIL) fail(table, message.text());
-    if (kind == QX_DROP) {
-      held_.reset();
-      held_index_.reset();
-      indexes_.drop(table);
+    if (kind == QX_CHANGE || kind == QX_BEGIN || kind == QX_PUBLISH) {
+      const auto index = indexes_.find(table);
+      if (!index) throw Refused("there is no such index");
+      if (kind == QX_CHANGE) change(*index, Rows(message));
+      if (kind == QX_BEGIN) begin(*index, message);
+      if (kind == QX_PUBLISH) publish(*index, message);
     }
+    answer.put(indexes_.bytes());
     return QX_ANSWER;
   }
 
  private:
   void define(std::uint32_t table, Reader& message) {
-    held_.reset();
-    held_index_.reset();
-    indexes_.drop(table);  // its memory, before other is taken
     const auto index = std::make_shared<Index>();
     const auto limit = message.get<std::int64_t>();
     index->expected = message.get<std::int64_t>();
-    const Schema schema(message);
-    if (schema.dim() > 0) index->rows = schema.make(limit);
+    loading_.emplace(Schema(message), limit);
     indexes_.put(table, index);
-  }
-  // From the first change on nobody may search, until all are made.
-  void hold(const std::shared_ptr<Index>& index) {
-    if (held_ && held_index_ == index) return;
-    held_.reset();
-    held_index_ = index;
-    held_.emplace(index->mutex);
-  }
-  void change(const std::shared_ptr<Index>& index, Reader& message) {
-    if (index->ready) hold(index);  // only this thread sets it
-    const Rows rows(message);
-    rows.apply(index->rows.get());
-    if (index->ready) index->changes += rows.count() + rows.removed();
-  }
-  void publish(const std::shared_ptr<Index>& index, Reader& message) {
-    hold(index);
-    const auto snapshot = message.rest();
-    index->snapshot.assign(snapshot.begin(), snapshot.end());
-    index->ready = true;
-    held_.reset();
   }
   void fail(std::uint32_t table, const std::string& why) {
     const auto failed = std::make_shared<Index>();
     failed->error = why;
-    held_.reset();
-    held_index_.reset();
     indexes_.put(table, failed);
+  }
+  void change(Index& index, Rows rows) {
+    if (index.ready) {  // only this thread sets it
+      rows.apply(index.rows.get());
+      index.changes += rows.count() + rows.removed();
+      return;
+    }
+    loading_.value().add(std::move(rows));
+    index.loaded = loading_->rows();
+    index.loaded_bytes = loading_->bytes();
+  }
+  static void begin(Index& index, const Reader& message) {
+    const auto snapshot = message.rest();
+    const std::lock_guard lock(index.mutex);
+    index.snapshots.emplace_back(snapshot.begin(), snapshot.end());
+  }
+  void publish(Index& index, const Reader& message) {
+    Collection rows = index.ready ? nullptr : loading_.value().build();
+    loading_.reset();
+    const auto snapshot = message.rest();
+    const std::lock_guard lock(index.mutex);
+    index.snapshots = {{snapshot.begin(), snapshot.end()}};
+    if (!index.ready) index.rows = std::move(rows);
+    index.ready = true;
   }
 
   Indexes& indexes_;
-  std::shared_ptr<Index> held_index_;
-  std::optional<std::unique_lock<std::mutex>> held_;
+  std::optional<Loading> loading_;  // of the index that was defined last
 };
 
 class BackEnd {
@@ -189,7 +206,11 @@ class BackEnd {
   }
 
  private:
-  using Hit = std::pair<std::int64_t, float>;
+  struct Hit {
+    std::int64_t number;
+    std::string text;
+    float score;
+  };
 
   void release() {
     view_.reset();
@@ -209,7 +230,10 @@ class BackEnd {
       }
       if (!index_->ready) return QX_LOADING;
       if (!index_->rows) return QX_EMPTY;
-      answer.array(index_->snapshot.data(), index_->snapshot.size());
+      answer.put(static_cast<std::int32_t>(index_->snapshots.size()));
+      for (const auto& snapshot : index_->snapshots) {
+        answer.array(snapshot.data(), snapshot.size());
+      }
       QxView* view = nullptr;
       expect(qx_view_new(index_->rows.get(), &view));
       view_.reset(view);
@@ -238,28 +262,45 @@ class BackEnd {
     Rows(message).apply(part.get());
     const Hits hits = ask(part.get(), nullptr);
     for (std::int64_t i = 0; i < hits->counts[0]; ++i) {
-      best_.emplace_back(hits->ids[i], hits->scores[i]);
+      const QxText text = hits->texts == nullptr ? QxText{} : hits->texts[i];
+      best_.push_back({hits->texts == nullptr ? hits->ids[i] : 0,
+                       {text.data, static_cast<std::size_t>(text.size)},
+                       hits->scores[i]});
     }
     const bool rising = schema_.metric() == QX_EUCLIDEAN;
     std::sort(best_.begin(), best_.end(), [rising](const Hit& a, const Hit& b) {
-      if (a.second != b.second) return rising == (a.second < b.second);
-      return a.first < b.first;
+      if (a.score != b.score) return rising == (a.score < b.score);
+      return std::tie(a.number, a.text) < std::tie(b.number, b.text);
     });
     if (std::ssize(best_) > question_.k) best_.resize(static_cast<std::size_t>(question_.k));
   }
 
   void put_best(Writer& answer) {
-    answer.put(static_cast<std::int64_t>(best_.size()));
-    for (const Hit& hit : best_) answer.put(hit.first);
-    for (const Hit& hit : best_) answer.put(hit.second);
+    std::vector<std::int64_t> numbers;
+    std::vector<QxText> texts;
+    std::vector<float> scores;
+    for (const Hit& hit : best_) {
+      numbers.push_back(hit.number);
+      texts.push_back({hit.text.data(), std::ssize(hit.text)});
+      scores.push_back(hit.score);
+    }
+    const bool has_texts = schema_.id_kind() == QX_TEXTS;
+    put(numbers.data(), has_texts ? texts.data() : nullptr, scores.data(), scores.size(), answer);
     best_ = {};
   }
 
   static void put(const Hits& hits, Writer& answer) {
-    const auto count = static_cast<std::size_t>(hits->counts[0]);
-    answer.put(hits->counts[0]);
-    answer.array(hits->ids, count);
-    answer.array(hits->scores, count);
+    put(hits->ids, hits->texts, hits->scores, static_cast<std::size_t>(hits->counts[0]), answer);
+  }
+  static void put(const std::int64_t* numbers, const QxText* texts, const float* scores,
+                  std::size_t count, Writer& answer) {
+    answer.put(static_cast<std::int64_t>(count));
+    if (texts == nullptr) answer.array(numbers, count);
+    for (std::size_t i = 0; texts != nullptr && i < count; ++i) answer.put(texts[i].size);
+    for (std::size_t i = 0; texts != nullptr && i < count; ++i) {
+      answer.array(texts[i].data, static_cast<std::size_t>(texts[i].size));
+    }
+    answer.array(scores, count);
   }
 
   int socket_;
@@ -275,8 +316,8 @@ class BackEnd {
 
 void serve_worker(int socket, Indexes& indexes) {
   Worker worker(indexes);
-  serve(socket, [&](std::uint32_t kind, Reader& message, Writer&) {
-    return std::optional(worker.handle(kind, message));
+  serve(socket, [&](std::uint32_t kind, Reader& message, Writer& answer) {
+    return std::optional(worker.handle(kind, message, answer));
   });
 }
 

@@ -15,10 +15,11 @@ namespace qx::postgresql {
 struct Index {
   std::mutex mutex;  // of what follows, but the counts
   bool ready = false;
-  std::string error;           // why the rows were given up
-  std::vector<char> snapshot;  // whose rows these are
+  std::string error;                         // why the rows were given up
+  std::vector<std::vector<char>> snapshots;  // each row is of one of these
   Collection rows;
-  std::atomic<std::int64_t> expected = 0, changes = 0, searches = 0, microseconds = 0;
+  std::atomic<std::int64_t> expected = 0, loaded = 0, loaded_bytes = 0;  // before they are ready
+  std::atomic<std::int64_t> changes = 0, searches = 0, microseconds = 0;
 };
 
 class Indexes {
@@ -27,6 +28,7 @@ class Indexes {
   void put(std::uint32_t table, std::shared_ptr<Index> index);
   void drop(std::uint32_t table);
   void report(Writer& answer);
+  std::int64_t bytes();
 
  private:
   std::mutex mutex_;

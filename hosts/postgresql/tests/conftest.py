@@ -9,7 +9,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 from cluster import Cluster
 
 NUMBERS = itertools.count()
-JUDGES = {"inner product": ("qx.inner_product", "DESC"), "euclidean": ("qx.squared_distance", "ASC")}
+JUDGES = {"inner product": ("qx.inner_product", "DESC"), "cosine": ("qx.cosine", "DESC"),
+          "euclidean": ("qx.squared_distance", "ASC")}
+KEYS = {"bigint": ("qx.search", "$1"), "text": ("qx.search_text", "'k' || $1"),
+        "uuid": ("qx.search_uuid", "lpad(to_hex($1), 32, '0')::uuid")}
 
 
 class Database:
@@ -41,6 +44,7 @@ class Database:
 class Session:
     def __init__(self, connection):
         self.connection = connection
+        self.function = "qx.search"
 
     def run(self, statement, *values):
         with self.connection.cursor() as cursor:
@@ -50,21 +54,23 @@ class Session:
     def one(self, statement, *values):
         return self.run(statement, *values)[0][0]
 
-    def make_table(self, rows=0, metric="inner product", dim=3):
-        self.run("CREATE TABLE t (id bigint PRIMARY KEY, v real[], label int, word text)")
+    def make_table(self, rows=0, metric="inner product", dim=3, key="bigint"):
+        self.function, made = KEYS[key]
+        self.run(f"CREATE FUNCTION key(bigint) RETURNS {key} IMMUTABLE LANGUAGE sql AS $$ SELECT {made} $$")
+        self.run(f"CREATE TABLE t (id {key} PRIMARY KEY, v real[], label int, word text)")
         self.run("SELECT qx.create_index('t', 'v', '{label,word}', %s)", metric)
-        self.run("INSERT INTO t SELECT i, ARRAY(SELECT (i * j) %% 7 FROM generate_series(1, %s) j), "
+        self.run("INSERT INTO t SELECT key(i), ARRAY(SELECT (i * j) %% 7 FROM generate_series(1, %s) j), "
                  "i %% 5, 'w' || i %% 3 FROM generate_series(1, %s) i", dim, rows)
 
     def search(self, query=(1, 2, 3), k=10, condition=None):
-        return self.run("SELECT id, score FROM qx.search('t', %s::real[], %s, %s)", list(query), k,
+        return self.run(f"SELECT id, score FROM {self.function}('t', %s::real[], %s, %s)", list(query), k,
                         condition)
 
     def both(self, query=(1, 2, 3), k=10, condition=None, metric="inner product"):
         """What a search gives, and what the table says in the same statement."""
         function, order = JUDGES[metric]
         return self.run(
-            f"""SELECT (SELECT array_agg((id, score)::text) FROM qx.search('t', %s::real[], %s, %s)),
+            f"""SELECT (SELECT array_agg((id, score)::text) FROM {self.function}('t', %s::real[], %s, %s)),
                 (SELECT array_agg((id, score)::text) FROM (
                   SELECT id, {function}(v, %s::real[]) AS score FROM t
                   WHERE v IS NOT NULL AND ({condition or 'true'})

@@ -16,14 +16,16 @@ FILTERS = (None, "label = 2", "label IS NULL OR word = 'w1'", "label BETWEEN 1 A
 class History:
     def __init__(self, database, seed):
         self.draw = random.Random(seed)
-        self.metric = self.draw.choice(["inner product", "euclidean"])
+        self.metric = self.draw.choice(["inner product", "cosine", "euclidean"])
         self.whole = self.draw.random() < 0.5  # components are integers, so that many rows tie
-        database.session.make_table(self.draw.choice([0, 300]), self.metric)
+        key = self.draw.choice(["bigint", "uuid", "text"])
+        database.session.make_table(self.draw.choice([0, 300]), self.metric, key=key)
         self.sessions = [database.connect() for _ in range(5)]
         self.began = [False] * 5
         self.ways = collections.Counter()
         for session in self.sessions:
             session.run("SET lock_timeout = '20ms'")
+            session.function = database.session.function
 
     def vector(self):
         if self.draw.random() < 0.05:
@@ -34,18 +36,18 @@ class History:
         draw, row = self.draw, self.draw.randint(1, 330)
         kind = draw.choices("iudmkt", [30, 30, 20, 8, 8, 1])[0]
         if kind == "i":
-            session.run("INSERT INTO t VALUES (%s, %s::real[], %s, %s) ON CONFLICT (id) DO UPDATE "
+            session.run("INSERT INTO t VALUES (key(%s), %s::real[], %s, %s) ON CONFLICT (id) DO UPDATE "
                         "SET v = excluded.v", row, self.vector(), draw.choice([None, 1, 2, 3]), "w1")
         elif kind == "u":
-            session.run("UPDATE t SET v = %s::real[], label = %s WHERE id = %s", self.vector(),
+            session.run("UPDATE t SET v = %s::real[], label = %s WHERE id = key(%s)", self.vector(),
                         draw.randint(0, 4), row)
         elif kind == "d":
-            session.run("DELETE FROM t WHERE id = %s", row)
+            session.run("DELETE FROM t WHERE id = key(%s)", row)
         elif kind == "m":
-            session.run("UPDATE t SET label = label + 1, word = 'w' || id %% 4 "
-                        "WHERE id BETWEEN %s AND %s", row, row + 20)
+            session.run("UPDATE t SET label = label + 1, word = 'w' || label %% 4 "
+                        "WHERE id BETWEEN key(%s) AND key(%s)", row, row + 20)
         elif kind == "k":
-            session.run("UPDATE t SET id = %s WHERE id = %s", draw.randint(1, 330), row)
+            session.run("UPDATE t SET id = key(%s) WHERE id = key(%s)", draw.randint(1, 330), row)
         else:
             session.run("TRUNCATE t")
 

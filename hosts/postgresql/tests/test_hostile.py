@@ -87,7 +87,7 @@ def test_privileges(database, session):
     session.run("DROP ROLE IF EXISTS qx_reader; CREATE ROLE qx_reader LOGIN")
     reader = database.connect("qx_reader")
     for refused in ("SELECT * FROM qx.search('t', '{1,2,3}', 1)", "SELECT qx.create_index('u', 'v')",
-                    "SELECT qx.drop_index('t')", "SELECT * FROM qx.log", "SELECT qx.log_table(1)",
+                    "SELECT qx.drop_index('t')", "SELECT * FROM qx.changes", "SELECT qx.log_table(1)",
                     "DELETE FROM qx.tables"):
         with pytest.raises(psycopg2.Error, match="permission denied|must be owner"):
             reader.run(refused)

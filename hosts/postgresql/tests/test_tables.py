@@ -81,7 +81,7 @@ def test_drop_and_create_again(session):
     session.run("UPDATE t SET v = '{5,5,5}' WHERE id < 10")
     session.run("SELECT qx.create_index('t', 'v', metric => 'euclidean')")
     session.agree(k=1000, metric="euclidean")
-    session.run("DROP TABLE t")
+    session.run("DROP TABLE t; DROP FUNCTION key")
     session.make_table(10)
     assert len(session.agree()) == 10
     wait_until(lambda: len(session.run("SELECT * FROM qx.stat()")) == 1)
@@ -130,6 +130,42 @@ def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, ses
     session.run("COMMIT")
     wait_until(lambda: other.one(log) == 0)
     session.agree(k=1000)
+
+
+def test_an_older_version_is_updated(database):
+    session = database.session
+    session.run("DROP EXTENSION qx; CREATE EXTENSION qx VERSION '1.0'")
+    session.run("CREATE TABLE t (id int PRIMARY KEY, v real[])")
+    session.run("INSERT INTO t SELECT i, ARRAY[i % 7, 1, 1] FROM generate_series(1, 50) i")
+    session.run("ALTER EVENT TRIGGER qx_notice_ddl DISABLE; SELECT qx.create_index('t', 'v');"
+                "ALTER EVENT TRIGGER qx_notice_ddl ENABLE ALWAYS")
+    with pytest.raises(psycopg2.Error, match="older than its library"):
+        session.run("INSERT INTO t VALUES (51, '{1,1,1}')")
+    session.run("INSERT INTO qx.log VALUES ('t'::regclass, 7, 1)")
+    session.run("ALTER EXTENSION qx UPDATE")
+    assert session.run("SELECT key FROM qx.changes")[0][0].tobytes() == (1).to_bytes(8, "big")
+    session.run("INSERT INTO t VALUES (51, '{1,1,1}')")
+    assert len(session.agree(k=100)) == 51 and comes_back_to_the_index(session)
+
+
+def test_partitions_have_indexes_of_their_own(database):
+    session = database.session
+    session.run("CREATE TABLE parts (id int PRIMARY KEY, v real[]) PARTITION BY RANGE (id)")
+    for part, bounds in (("t", "FROM (0) TO (100)"), ("u", "FROM (100) TO (200)")):
+        session.run(f"CREATE TABLE {part} PARTITION OF parts FOR VALUES {bounds}")
+        session.run(f"SELECT qx.create_index('{part}', 'v')")
+    session.run("INSERT INTO parts SELECT i, ARRAY[i % 7, i % 5, 1] FROM generate_series(0, 199) i")
+    session.run("UPDATE parts SET id = id + 1000 WHERE false; UPDATE parts SET v = '{1,1,1}' WHERE id % 9 = 0")
+    session.run("DELETE FROM parts WHERE id = 150; UPDATE parts SET id = 150 WHERE id = 50")
+    assert comes_back_to_the_index(session)
+    both = session.run("""SELECT array(SELECT (id, score)::text FROM (
+            SELECT * FROM qx.search('t', '{1,2,3}', 10) UNION ALL SELECT * FROM qx.search('u', '{1,2,3}', 10)) s
+          ORDER BY score DESC, id LIMIT 10),
+        array(SELECT (id, score)::text FROM (SELECT id, qx.inner_product(v, '{1,2,3}') AS score FROM parts) s
+          ORDER BY score DESC, id LIMIT 10)""")[0]
+    assert both[0] == both[1]
+    session.run("TRUNCATE parts")
+    assert session.search() == []
 
 
 def test_dump_and_restore(cluster, database, session):

@@ -1,0 +1,38 @@
+\echo Use "ALTER EXTENSION qx UPDATE TO '1.1'" to load this file. \quit
+
+-- Keys are bytes: those of a uuid or a text, or a big-endian bigint. Sessions that have loaded the
+-- library before the update find no log, so that they write none.
+CREATE TABLE qx.changes (relation oid NOT NULL, xid bigint NOT NULL, key bytea);
+CREATE INDEX changes_key ON qx.changes (relation, xid);
+LOCK TABLE qx.log IN ACCESS EXCLUSIVE MODE;
+INSERT INTO qx.changes SELECT relation, xid, pg_catalog.int8send(id) FROM qx.log;
+CREATE OR REPLACE FUNCTION qx.waiting(oid) RETURNS bigint LANGUAGE sql STABLE SECURITY DEFINER
+  SET search_path = pg_catalog AS 'SELECT count(*) FROM qx.changes WHERE relation = $1';
+DROP TABLE qx.log;
+SELECT pg_catalog.pg_terminate_backend(pid) FROM pg_catalog.pg_stat_activity
+  WHERE backend_type = 'qx worker' AND datname = pg_catalog.current_database();
+
+CREATE FUNCTION qx.search_uuid(relation regclass, query real[], k bigint, filter text DEFAULT NULL,
+  OUT id uuid, OUT score real) RETURNS SETOF record LANGUAGE c STABLE PARALLEL RESTRICTED ROWS 10
+  AS 'MODULE_PATHNAME', 'qx_search';
+CREATE FUNCTION qx.search_text(relation regclass, query real[], k bigint, filter text DEFAULT NULL,
+  OUT id text, OUT score real) RETURNS SETOF record LANGUAGE c STABLE PARALLEL RESTRICTED ROWS 10
+  AS 'MODULE_PATHNAME', 'qx_search';
+
+CREATE FUNCTION qx.cosine(real[], real[]) RETURNS real LANGUAGE c IMMUTABLE STRICT PARALLEL SAFE
+  AS 'MODULE_PATHNAME', 'qx_cosine';
+-- What operators give rises from the nearest on.
+CREATE FUNCTION qx.planned(internal) RETURNS internal LANGUAGE c STRICT
+  AS 'MODULE_PATHNAME', 'qx_planned';
+CREATE FUNCTION qx.by_inner_product(real[], real[]) RETURNS real LANGUAGE c IMMUTABLE STRICT
+  PARALLEL SAFE SUPPORT qx.planned AS 'MODULE_PATHNAME', 'qx_by_inner_product';
+CREATE FUNCTION qx.by_cosine(real[], real[]) RETURNS real LANGUAGE c IMMUTABLE STRICT
+  PARALLEL SAFE SUPPORT qx.planned AS 'MODULE_PATHNAME', 'qx_by_cosine';
+CREATE FUNCTION qx.by_distance(real[], real[]) RETURNS real LANGUAGE c IMMUTABLE STRICT
+  PARALLEL SAFE SUPPORT qx.planned AS 'MODULE_PATHNAME', 'qx_squared_distance';
+CREATE OPERATOR qx.<#> (FUNCTION = qx.by_inner_product, LEFTARG = real[], RIGHTARG = real[],
+  COMMUTATOR = OPERATOR(qx.<#>));
+CREATE OPERATOR qx.<=> (FUNCTION = qx.by_cosine, LEFTARG = real[], RIGHTARG = real[],
+  COMMUTATOR = OPERATOR(qx.<=>));
+CREATE OPERATOR qx.<-> (FUNCTION = qx.by_distance, LEFTARG = real[], RIGHTARG = real[],
+  COMMUTATOR = OPERATOR(qx.<->));
