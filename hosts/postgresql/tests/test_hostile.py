@@ -83,6 +83,18 @@ def test_huge_k_and_no_rows(session):
     assert session.search() == []
 
 
+def test_names_are_not_looked_up_where_the_caller_says(database, session):
+    """What the extension runs as its owner must be no operator or table of a user."""
+    session.run("""CREATE SCHEMA evil; CREATE FUNCTION evil.run(oid, int) RETURNS boolean LANGUAGE plpgsql
+                   AS 'BEGIN RAISE EXCEPTION ''hijacked''; END';
+                   CREATE OPERATOR evil.= (FUNCTION = evil.run, LEFTARG = oid, RIGHTARG = int)""")
+    session.run("SET search_path = evil, public, pg_catalog")
+    session.run("SELECT qx.drop_index('t'); SELECT qx.create_index('t', 'v', '{label,word}')")
+    session.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    session.agree(k=1000)
+    session.run("SELECT * FROM qx.stat_indexes")
+
+
 def test_privileges(database, session):
     session.run("DROP ROLE IF EXISTS qx_reader; CREATE ROLE qx_reader LOGIN")
     reader = database.connect("qx_reader")

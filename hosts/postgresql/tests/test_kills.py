@@ -138,3 +138,26 @@ def test_a_base_backup_is_searched_and_follows_and_is_promoted(own):
         assert '(1001,51)' not in own.session.agree(k=2)
     finally:
         standby.close()
+
+
+def test_a_standby_that_lost_its_part_of_the_log_loads_again(own):
+    own.session.make_table(100)
+    own.session.agree()
+    standby = Cluster(base=own.cluster)
+    try:
+        session = Database.__new__(Database)
+        session.cluster, session.name, session.connections = standby, own.name, []
+        replica = session.connect()
+        assert replica.agree() and replica.way() == "index"
+        worker = replica.one("SELECT pid FROM pg_stat_activity WHERE backend_type = 'qx worker'")
+        os.kill(worker, signal.SIGSTOP)
+        own.session.run("UPDATE t SET v = '{5,5,5}' WHERE id < 20")
+        wait_until(lambda: own.session.one("SELECT log_entries FROM qx.stat_indexes") == 0)
+        own.session.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+        wait_until(lambda: replica.one("SELECT count(*) FROM t") == 101)
+        assert replica.agree(k=1000) and replica.way() == "scan"
+        os.kill(worker, signal.SIGCONT)
+        wait_until(lambda: replica.agree(k=1000) is None or replica.way() == "index")
+        assert replica.agree(k=1) == ['(1000,54)']
+    finally:
+        standby.close()

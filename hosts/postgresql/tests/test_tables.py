@@ -184,14 +184,21 @@ def test_dump_and_restore(cluster, database, session):
     restored.close()
 
 
-def test_the_memory_limit_is_an_error_of_searches_alone():
-    limited = Cluster(settings="qx.memory_limit = '1MB'\n")
+def test_the_memory_limit_is_of_the_server_and_an_error_of_searches_alone():
+    limited = Cluster(settings="qx.memory_limit = '10MB'\n")
     try:
-        session = Database(limited).session
-        session.make_table(20000, dim=64)
-        with pytest.raises(psycopg2.Error, match="memory"):
-            session.search(query=[1] * 64)
-        assert session.one("SELECT error IS NOT NULL FROM qx.stat_indexes")
-        assert session.one("SELECT count(*) FROM t") == 20000
+        first, second = (Database(limited).session for _ in range(2))
+        for session in (first, second):
+            session.make_table(20000, dim=64)
+        assert len(first.search(query=[1] * 64)) == 10
+        with pytest.raises(psycopg2.Error, match="qx.memory_limit"):
+            second.search(query=[1] * 64)
+        assert second.one("SELECT error IS NOT NULL FROM qx.stat_indexes")
+        assert second.one("SELECT count(*) FROM t") == 20000
+        assert len(first.search(query=[1] * 64)) == 10
+        first.run("ALTER SYSTEM SET qx.memory_limit = '20MB'")
+        first.run("SELECT pg_reload_conf()")
+        wait_until(lambda: second.one("SELECT error IS NULL FROM qx.stat_indexes"))
+        assert len(second.search(query=[1] * 64)) == 10
     finally:
         limited.close()
