@@ -95,10 +95,19 @@ Rows::Rows(Reader& message, const Sizes& sizes)
     : removed_(message, sizes.id_kind, sizes.removed), ids_(message, sizes.id_kind, sizes.rows) {
   vectors_ = message.array<float>(std::int64_t{sizes.rows} * sizes.dim);
   for (std::int32_t i = 0; i < sizes.columns; ++i) columns_.push_back(column(message, sizes.rows));
-  for (const Column& c : columns_) {
-    values_.push_back(
-        {c.integers.data(), c.reals.data(), c.booleans.data(), c.texts.all.data(), c.nulls.data()});
-  }
+  for (const Column& c : columns_) values_.push_back(c.values());
+}
+
+QxValues Rows::Column::values() const {
+  return {integers.data(), reals.data(), booleans.data(), texts.all.data(), nulls.data()};
+}
+
+void Rows::Column::add(const Column& from, std::size_t row) {
+  nulls.push_back(from.nulls[row]);
+  if (!from.integers.empty()) integers.push_back(from.integers[row]);
+  if (!from.reals.empty()) reals.push_back(from.reals[row]);
+  if (!from.booleans.empty()) booleans.push_back(from.booleans[row]);
+  if (!from.texts.all.empty()) texts.all.push_back(from.texts.all[row]);
 }
 
 Rows::Column Rows::column(Reader& message, std::int64_t n) {
@@ -153,24 +162,16 @@ Collection Loading::build() {
   const std::vector<Place> places = order();
   std::vector<std::int64_t> numbers;
   std::vector<QxText> texts;
-  std::vector<Rows::Column> columns(schema_.columns_.size());
   for (const auto& [part, row] : places) {
-    const Rows& rows = parts_[part];
-    if (schema_.id_kind_ == QX_NUMBERS) numbers.push_back(rows.ids_.numbers[row]);
-    if (schema_.id_kind_ == QX_TEXTS) texts.push_back(rows.ids_.texts.all[row]);
-    for (std::size_t c = 0; c < columns.size(); ++c) {
-      const Rows::Column& from = rows.columns_[c];
-      columns[c].nulls.push_back(from.nulls[row]);
-      if (!from.integers.empty()) columns[c].integers.push_back(from.integers[row]);
-      if (!from.reals.empty()) columns[c].reals.push_back(from.reals[row]);
-      if (!from.booleans.empty()) columns[c].booleans.push_back(from.booleans[row]);
-      if (!from.texts.all.empty()) columns[c].texts.all.push_back(from.texts.all[row]);
-    }
+    const Rows::Ids& ids = parts_[part].ids_;
+    if (schema_.id_kind_ == QX_NUMBERS) numbers.push_back(ids.numbers[row]);
+    if (schema_.id_kind_ == QX_TEXTS) texts.push_back(ids.texts.all[row]);
   }
+  std::vector<Rows::Column> columns(schema_.columns_.size());
   std::vector<QxValues> values;
-  for (const Rows::Column& c : columns) {
-    values.push_back(
-        {c.integers.data(), c.reals.data(), c.booleans.data(), c.texts.all.data(), c.nulls.data()});
+  for (std::size_t c = 0; c < columns.size(); ++c) {
+    for (const auto& [part, row] : places) columns[c].add(parts_[part].columns_[c], row);
+    values.push_back(columns[c].values());
   }
   // Vectors of a part are released once all are written.
   struct Filling {

@@ -77,6 +77,9 @@ class Rows {
     Texts texts;
   };
   struct Column {
+    QxValues values() const;
+    void add(const Column& from, std::size_t row);
+
     std::vector<std::uint8_t> nulls;
     std::vector<std::int64_t> integers;
     std::vector<double> reals;

@@ -1,4 +1,7 @@
 """A search sees what its snapshot sees: two sessions, by hand."""
+import os
+import signal
+
 import pytest
 
 
@@ -79,6 +82,26 @@ def test_prepared_transactions(two):
     assert 1000 not in ids(other)
     other.run("COMMIT PREPARED 'p'")
     assert other.agree(k=1) == one.agree(k=1) == ['(1000,54)']
+
+
+def test_a_worker_that_stops_amid_its_work_holds_nobody(two):
+    one, other = two
+    one.run("INSERT INTO t SELECT i, '{1,1,1}' FROM generate_series(1000, 8000) i")
+    worker = one.one("SELECT pid FROM pg_stat_activity WHERE backend_type = 'qx worker' "
+                     "AND datname = current_database()")
+    for n in range(10):
+        other.run("BEGIN ISOLATION LEVEL REPEATABLE READ")
+        before = other.agree(k=10000)
+        one.run(f"UPDATE t SET v = ARRAY[id * {n} % 11, (id + {n}) % 7, 1] WHERE id % 3 <> 0")
+        one.run("SELECT pg_sleep(%s)", n / 100)
+        os.kill(worker, signal.SIGSTOP)
+        try:
+            one.agree(k=10000)
+            assert other.agree(k=10000) == before
+        finally:
+            os.kill(worker, signal.SIGCONT)
+        other.run("COMMIT")
+        one.agree(k=10000)
 
 
 def test_changes_of_one_statement_on_conflict_and_copy(two):

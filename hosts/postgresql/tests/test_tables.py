@@ -132,6 +132,25 @@ def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, ses
     session.agree(k=1000)
 
 
+@pytest.mark.parametrize("metric, operator", [
+    ("inner product", "<#>"), ("cosine", "<=>"), ("euclidean", "<->")])
+def test_operators_rank_as_searches_do_and_warn_beside_an_index(database, metric, operator):
+    session = database.session
+    session.make_table(300, metric, dim=5)
+    query = [3, 1, 4, 1, 5]
+    ordered = f"SELECT id FROM t ORDER BY v OPERATOR(qx.{operator}) %s::real[], id"
+    notices = session.connection.notices
+    assert session.run(ordered, query)[:20] == [(number,) for number, _ in session.search(query, 20)]
+    assert not notices
+    assert session.run(ordered + " LIMIT 5", query) == session.run(ordered, query)[:5]
+    assert len(notices) == 1 and 'reads every row of "t"' in notices[0]
+    session.run("SET qx.warn_scans = off")
+    session.run(ordered + " LIMIT 5", query)
+    session.run("SET qx.warn_scans = on; SELECT qx.drop_index('t')")
+    session.run(ordered + " LIMIT 5", query)
+    assert len(notices) == 1
+
+
 def test_an_older_version_is_updated(database):
     session = database.session
     session.run("DROP EXTENSION qx; CREATE EXTENSION qx VERSION '1.0'")
