@@ -91,12 +91,13 @@ bool answer_one(int socket, const QxHeader& header, std::span<const char> body,
   return refuse(socket, error.what());
 }
 
-void serve(int socket, const Handler& handle) try {
+// Memory of a message is kept for the next one, up to `kept` bytes.
+void serve(int socket, std::size_t kept, const Handler& handle) try {
   QxHeader header;
   std::vector<char> body;
   while (receive(socket, header, body)) {
     if (!answer_one(socket, header, body, handle)) return;
-    if (body.capacity() > (1u << 20)) body = {};
+    if (body.capacity() > kept) body = {};
   }
 } catch (const std::bad_alloc&) {
   // There is no memory for the message. The connection ends, and with it the statement.
@@ -316,14 +317,14 @@ class BackEnd {
 
 void serve_worker(int socket, Indexes& indexes) {
   Worker worker(indexes);
-  serve(socket, [&](std::uint32_t kind, Reader& message, Writer& answer) {
+  serve(socket, 8u << 20, [&](std::uint32_t kind, Reader& message, Writer& answer) {
     return std::optional(worker.handle(kind, message, answer));
   });
 }
 
 void serve_back_end(int socket, Indexes& indexes) {
   BackEnd back_end(socket, indexes);
-  serve(socket, [&](std::uint32_t kind, Reader& message, Writer& answer) {
+  serve(socket, 1u << 20, [&](std::uint32_t kind, Reader& message, Writer& answer) {
     return back_end.handle(kind, message, answer);
   });
 }

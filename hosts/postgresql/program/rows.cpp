@@ -92,8 +92,9 @@ QxIds Rows::Ids::list() const {
 Rows::Rows(Reader& message) : Rows(message, Sizes(message)) {}
 
 Rows::Rows(Reader& message, const Sizes& sizes)
-    : removed_(message, sizes.id_kind, sizes.removed), ids_(message, sizes.id_kind, sizes.rows) {
-  vectors_ = message.array<float>(std::int64_t{sizes.rows} * sizes.dim);
+    : removed_(message, sizes.id_kind, sizes.removed),
+      ids_(message, sizes.id_kind, sizes.rows),
+      vectors_(message.array<float>(std::int64_t{sizes.rows} * sizes.dim)) {
   for (std::int32_t i = 0; i < sizes.columns; ++i) columns_.push_back(column(message, sizes.rows));
   for (const Column& c : columns_) values_.push_back(c.values());
 }

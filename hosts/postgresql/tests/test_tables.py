@@ -1,8 +1,10 @@
 """What else becomes of a table and its index: each is followed, or an error."""
+import re
+
 import psycopg2
 import pytest
 
-from cluster import Cluster, wait_until
+from cluster import SOURCES, Cluster, wait_until
 from conftest import Database
 
 
@@ -11,6 +13,13 @@ def session(database):
     database.session.make_table(100)
     database.session.agree()
     return database.session
+
+
+def test_the_examples_of_the_readme(database):
+    examples = re.findall("```sql\n(.*?)```", (SOURCES / "README.md").read_text(), re.DOTALL)
+    database.session.run("DROP EXTENSION qx")
+    found = [[row[0] for row in database.session.run(example)] for example in examples]
+    assert found == [["cat", "dog"], ["cat", "dog"]]
 
 
 def comes_back_to_the_index(session):
