@@ -1,6 +1,5 @@
 /* The peer of the benchmark: an operator that adds products in the order that is fastest. */
 #include "fmgr.h"
-#include "postgres.h"
 #include "utils/array.h"
 
 PG_MODULE_MAGIC;

@@ -364,7 +364,8 @@ static void prune(const Loaded* index) {
   StartTransactionCommand();
   PushActiveSnapshot(GetTransactionSnapshot());
   log = table_open(qx_object("changes"), AccessShareLock);
-  until = Min(index->rows.horizon.xmin, qx_full_xid(GetOldestNonRemovableTransactionId(log)));
+  until = qx_full_xid(GetOldestNonRemovableTransactionId(log));
+  if (index->ready) until = Min(until, index->rows.horizon.xmin); /* else all rows are read anew */
   table_close(log, AccessShareLock);
   values[0] = ObjectIdGetDatum(index->table);
   values[1] = Int64GetDatum((int64)until);
@@ -393,8 +394,7 @@ static void prune_all(void) {
   }
   latest = GetCurrentTimestamp();
   foreach (cell, loaded) {
-    const Loaded* index = lfirst(cell);
-    if (index->ready) prune(index);
+    prune(lfirst(cell));
   }
 }
 

@@ -224,6 +224,7 @@ def test_the_memory_limit_is_of_the_server_and_an_error_of_searches_alone():
         assert second.one("SELECT error IS NOT NULL FROM qx.stat_indexes")
         assert second.one("SELECT count(*) FROM t") == 20000
         assert len(first.search(query=[1] * 64)) == 10
+        wait_until(lambda: second.one("SELECT log_entries FROM qx.stat_indexes") == 0)
         first.run("ALTER SYSTEM SET qx.memory_limit = '20MB'")
         first.run("SELECT pg_reload_conf()")
         wait_until(lambda: second.one("SELECT error IS NULL FROM qx.stat_indexes"))
