@@ -43,8 +43,7 @@ typedef struct QxHorizon {
 #define QX_PUBLISH 3 /* uint32 table, snapshot */
 #define QX_FAIL 4    /* uint32 table, text reason; the rows are given up */
 #define QX_DROP 5    /* uint32 table */
-#define QX_BEGIN 14  /* uint32 table, snapshot: until QX_PUBLISH each row is of it or of the last \
-                      */
+#define QX_BEGIN 14  /* uint32 table, snapshot: from now each row is of it or of the last one */
 /* Asked by back ends. */
 #define QX_SEARCH 6  /* uint32 table, question; answer: int32 n; snapshots; hits */
 #define QX_REPLACE 7 /* rows, as only this connection's latest search shall see them */
