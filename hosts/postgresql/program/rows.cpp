@@ -182,9 +182,13 @@ Collection Loading::build() {
     std::vector<std::int64_t> left;
   } filling{parts_, places, static_cast<std::size_t>(schema_.dim()), {}};
   for (const Rows& rows : parts_) filling.left.push_back(rows.count());
-  const auto fill = [](void* context, float* to) -> std::int32_t {
+  const auto fill = [](void* context, std::int64_t first, std::int64_t count,
+                       float* vectors) -> std::int32_t {
     Filling& f = *static_cast<Filling*>(context);
-    for (const auto& [part, row] : f.places) {
+    const auto begin = static_cast<std::size_t>(first);
+    float* to = vectors + begin * f.dim;
+    for (const auto& [part, row] :
+         std::span(f.places).subspan(begin, static_cast<std::size_t>(count))) {
       std::vector<float>& from = f.parts[part].vectors_;
       std::copy_n(from.begin() + static_cast<std::ptrdiff_t>(row * f.dim), f.dim, to);
       to += f.dim;
