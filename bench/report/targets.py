@@ -50,7 +50,9 @@ TARGETS = [
           ("normal", "12 MB", 32, 768, 10, 2.5), ("normal", "12 MB", 100, 768, 100, 1.8),
           ("normal", "12 MB", 128, 128, 1000, 0.97), ("normal", "memory", 128, 128, 100, 4.5),
           ("normal", "memory", 128, 128, 1000, 3.3), ("clustered", "memory", 768, 768, 10, 6.5),
-          ("clustered", "memory", 768, 768, 100, 4.5)]],
+          ("clustered", "memory", 768, 768, 100, 4.5),
+          ("clustered, asked at random", "memory", 768, 768, 10, 6.5),
+          ("clustered, asked at random", "memory", 768, 768, 100, 4.5)]],
     *[(f"with codes, {rows}", "codes", {"rows": rows}, BASELINE, "≥ 0.97 × without codes")
       for rows in ("all equal", "one huge component", "100 added", "a NaN in every 32nd",
                    "best last")],

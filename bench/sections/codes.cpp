@@ -1,6 +1,8 @@
 // Exact search with codes beside the same library without them: for rows that look like those of
 // hosts, and for rows that are made to defeat codes.
+#include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "limits/limits.h"
@@ -10,19 +12,48 @@
 namespace bench {
 namespace {
 
+class Case {
+ public:
+  Case(Run& run, const std::string& set, const RowKind& kind, std::int64_t bytes, std::int64_t dim)
+      : run_(run),
+        set_(set),
+        values_(rows_of(kind, bytes, dim)),
+        dim_(dim),
+        rows_(values_.count() / dim),
+        index_(built_index(values_.data(), ascending_ids(rows_), dim)) {}
+
+  void ask(const char* rows, const Queries& queries, std::int64_t k) {
+    Contestants contestants = with_and_without_codes(index_, queries, k);
+    const std::int64_t read = values_.count() * std::int64_t{sizeof(float)};
+    add_read_limits(contestants, base_vectors(index_), read);
+    run_.compare({{"set", set_}, {"rows", rows}, {"dim", dim_}, {"k", k}}, read, rows_,
+                 contestants);
+    run_.use_chosen_kernel();
+  }
+
+  // Eight rows, from all parts.
+  Queries some_rows() const {
+    constexpr std::int64_t kAsked = 8;
+    Floats asked(kAsked * dim_);
+    for (std::int64_t i = 0; i < kAsked; ++i) {
+      std::copy_n(values_.data() + i * rows_ / kAsked * dim_, dim_, asked.data() + i * dim_);
+    }
+    return {dim_, std::move(asked)};
+  }
+
+ private:
+  Run& run_;
+  std::string set_;
+  Floats values_;
+  std::int64_t dim_;
+  std::int64_t rows_;
+  Index index_;
+};
+
 void run_case(Run& run, const std::string& set, const RowKind& kind, std::int64_t bytes,
               std::int64_t dim, const Ids& ks) {
-  const Floats values = rows_of(kind, bytes, dim);
-  const std::int64_t rows = values.count() / dim;
-  const Index index = built_index(values.data(), ascending_ids(rows), dim);
-  for (const std::int64_t k : ks) {
-    Contestants contestants = with_and_without_codes(index, rising_queries(dim, k), k);
-    const std::int64_t read = values.count() * std::int64_t{sizeof(float)};
-    add_read_limits(contestants, base_vectors(index), read);
-    run.compare({{"set", set}, {"rows", kind.name}, {"dim", dim}, {"k", k}}, read, rows,
-                contestants);
-    run.use_chosen_kernel();
-  }
+  Case rows(run, set, kind, bytes, dim);
+  for (const std::int64_t k : ks) rows.ask(kind.name, rising_queries(dim, k), k);
 }
 
 struct CachedSet {
@@ -44,7 +75,11 @@ void run_codes(Run& run) {
   }
   const std::int64_t bytes = std::int64_t{run.pick(500, 128)} << 20;
   run_case(run, "memory", kNormal, bytes, 128, {1, 10, 100, 1000});
-  run_case(run, "memory", kClustered, bytes, 768, {10, 100});
+  Case clustered(run, "memory", kClustered, bytes, 768);
+  for (const std::int64_t k : {10, 100}) {
+    clustered.ask("clustered", clustered.some_rows(), k);
+    clustered.ask("clustered, asked at random", rising_queries(768, k), k);
+  }
   for (const RowKind& kind : hostile_kinds()) run_case(run, "memory", kind, bytes, 128, {10});
 }
 
