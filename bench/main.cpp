@@ -14,9 +14,9 @@ namespace bench {
 namespace {
 
 using Sections = std::vector<const Section*>;
-const Sections kSections = {&kScan, &kSets,   &kCodes,       &kGrid,   &kPages, &kCandidates,
-                            &kWalk, &kMatch,  &kFiltered,    &kIvf,    &kTopk,  &kMutation,
-                            &kKeys, &kHeader, &kEnvironment, &kReaders};
+const Sections kSections = {&kScan,       &kSets, &kCodes,  &kSearches,    &kGrid,   &kPages,
+                            &kCandidates, &kWalk, &kMatch,  &kFiltered,    &kIvf,    &kTopk,
+                            &kMutation,   &kKeys, &kHeader, &kEnvironment, &kReaders};
 
 struct Options {
   bool quick = false;

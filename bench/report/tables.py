@@ -87,6 +87,8 @@ SECTIONS = {
             "Faiss IndexFlatIP", "hnswlib", "OpenBLAS sgemv", "-ffast-math loop")}}),
     "codes": ("Codes", "set rows dim k", {
         "ns a row": per_item, "**× without codes**": x_baseline, "**of limit**": of_limit}),
+    "searches": ("Searches of some rows", "function dim rows changed", {
+        "ns a row": per_item, "**× without codes**": x_baseline}),
     "grid": ("Where codes might lose", "set rows dim k", {
         "ns a row": per_item, "× without codes": x_baseline,
         "**beyond the spread**": lambda case: times(case.beyond_spread())}),

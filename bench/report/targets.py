@@ -56,6 +56,19 @@ TARGETS = [
     *[(f"with codes, {rows}", "codes", {"rows": rows}, BASELINE, "≥ 0.97 × without codes")
       for rows in ("all equal", "one huge component", "100 added", "a NaN in every 32nd",
                    "best last")],
+    *[(f"with codes, {function}, {f'{rows:,} ids' if isinstance(rows, int) else what}, dim {dim}",
+       "searches", {"function": function, "dim": dim, **({"rows": rows} if rows else {})}, BASELINE,
+       f"≥ {bound} × without codes")
+      for function, rows, what, dim, bound in [
+          ("scatter_topk", 100000, "", 32, 1.0), ("scatter_topk", 100000, "", 128, 2.2),
+          ("scatter_topk", 100000, "", 768, 1.6), ("search_mvcc", 1000, "", 32, 1.6),
+          ("search_mvcc", 1000, "", 128, 1.6), ("search_mvcc", 100000, "", 32, 1.6),
+          ("search_mvcc", 100000, "", 128, 1.6), ("delta", None, "100,000 rows", 128, 3),
+          ("delta", None, "100,000 rows", 768, 3)]],
+    *[(f"with codes, search_filtered, {part} % pass at random", "searches",
+       {"function": "search_filtered", "rows": range(least, most)}, BASELINE,
+       f"≥ {bound} × without codes")
+      for part, least, most, bound in [(1, 0, 20000, 2), (10, 20000, 1 << 30, 3)]],
     ("with codes, every size, dim, k and kind of rows", "grid", {}, Case.beyond_spread,
      "≥ 0.97 × without codes, beyond the spread"),
     ("candidate lists", "candidates", {"changed": 0}, BASELINE, "≥ 8 × one row at a time"),
@@ -79,7 +92,8 @@ TARGETS = [
      "≤ 0.15 × the whole-base scan"),
     ("IVF search, base in list order", "ivf", {"base": "list order"}, PEER,
      "≥ 6 × Faiss IndexIVFFlat"),
-    ("IVF search, base scattered", "ivf", {"base": "scattered"}, PEER, "≥ 1 × Faiss IndexIVFFlat"),
+    *[(f"IVF search, base scattered, dim {dim}", "ivf", {"base": "scattered", "dim": dim}, PEER,
+       f"≥ {bound} × Faiss IndexIVFFlat") for dim, bound in [(32, 1), (128, 2.5), (768, 4)]],
     *[(f"top {k:,}, {scores} scores", "topk", {"scores": scores, "k": k}, BASELINE,
        f"≥ {bound} × plain shifting insertion")
       for scores, k, bound in [("random", 100, 1.3), ("random", 1000, 5), ("random", 10000, 25),

@@ -86,6 +86,7 @@ constexpr RowKind kHostile[] = {{"all equal", fill_equal},
 struct Host {
   Slots slots;
   Queries queries;
+  std::int64_t turn = 0;
 };
 
 bool same_bits(const Slots& one, const Slots& other) {
@@ -123,21 +124,31 @@ Queries rising_queries(std::int64_t dim, std::int64_t k) {
   return {dim, std::move(values)};
 }
 
-Contestants with_and_without_codes(const Index& index, const Queries& queries, std::int64_t k) {
+Contestants with_and_without_codes(const HostSearch& search, const Queries& queries,
+                                   std::int64_t k) {
   const auto contestant = [&](const char* name, Role role, const char* judge) {
     const auto host = std::make_shared<Host>(Host{Slots(k), queries});
     const auto choose = [judge] { require(qx::force_judge(judge), "a judge has that name"); };
-    const auto search = [&index, host] {
-      return host->slots.search_full(index.get(), host->queries.next());
+    const auto ask = [search, host] {
+      search(host->slots, host->queries.next(), host->turn++);
+      return host->slots.scores.front();
     };
     choose();
-    search();
-    return std::pair(host, Contestant(name, role, search, choose));
+    ask();
+    return std::pair(host, Contestant(name, role, ask, choose));
   };
   const auto [plain, without] = contestant("without codes", Role::kBaseline, "estimates");
   const auto [coded, with] = contestant("qx_runtime", Role::kEngine, nullptr);
   require(same_bits(coded->slots, plain->slots), "codes change no result");
   return {with, without};
+}
+
+Contestants with_and_without_codes(const Index& index, const Queries& queries, std::int64_t k) {
+  return with_and_without_codes(
+      [&index](Slots& slots, const float* query, std::int64_t /*turn*/) {
+        slots.search_full(index.get(), query);
+      },
+      queries, k);
 }
 
 }  // namespace bench

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 
@@ -26,8 +27,15 @@ std::string megabytes(std::int64_t bytes);
 // Queries above 0 in sum, for which rows are better the larger they are. Each k has others.
 Queries rising_queries(std::int64_t dim, std::int64_t k);
 
+// A host's search: fills its slots. `turn` counts its searches, from 0.
+using HostSearch = std::function<void(Slots& slots, const float* query, std::int64_t turn)>;
+
 // The engine, and as a baseline the engine without codes. Both must give the same bits for the
 // first query. A run must make its kernel and judges be chosen again afterwards.
+Contestants with_and_without_codes(const HostSearch& search, const Queries& queries,
+                                   std::int64_t k);
+
+// The same, by the exact search of a base.
 Contestants with_and_without_codes(const Index& index, const Queries& queries, std::int64_t k);
 
 }  // namespace bench

@@ -11,7 +11,7 @@ struct Section {
   void (*run)(Run& run);
 };
 
-extern const Section kScan, kSets, kCodes, kGrid, kPages, kCandidates, kWalk, kMatch, kFiltered,
-    kIvf, kTopk, kMutation, kKeys, kHeader, kEnvironment, kReaders;
+extern const Section kScan, kSets, kCodes, kSearches, kGrid, kPages, kCandidates, kWalk, kMatch,
+    kFiltered, kIvf, kTopk, kMutation, kKeys, kHeader, kEnvironment, kReaders;
 
 }  // namespace bench
