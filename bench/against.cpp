@@ -4,6 +4,7 @@
 //   against [--quick] NOW BEFORE
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -18,12 +19,12 @@
 namespace bench {
 namespace {
 
-#define QX_CALLS(X)                                                               \
-  X(qx_index_new)                                                                 \
-  X(qx_index_free)                                                                \
-  X(qx_index_build) X(qx_index_insert) X(qx_index_delete) X(qx_index_set_rowmeta) \
-      X(qx_index_search_full) X(qx_index_scatter_topk) X(qx_index_search_mvcc)    \
-          X(qx_index_search_filtered)
+#define QX_CALLS(X)                                                                     \
+  X(qx_index_new)                                                                       \
+  X(qx_index_free)                                                                      \
+  X(qx_index_build)                                                                     \
+  X(qx_index_insert) X(qx_index_delete) X(qx_index_set_rowmeta) X(qx_index_search_full) \
+      X(qx_index_scatter_topk) X(qx_index_search_mvcc) X(qx_index_search_filtered)
 
 struct Library {
   explicit Library(const char* path) : handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
@@ -117,9 +118,10 @@ class Comparison {
     };
     add("now", Role::kEngine, now_);
     add("before", Role::kBaseline, before_);
-    const auto found = static_cast<std::size_t>(work.k);
-    require(now_.ids == before_.ids &&
-                std::memcmp(now_.scores.data(), before_.scores.data(), found * sizeof(float)) == 0,
+    const auto found = static_cast<std::ptrdiff_t>(work.k);
+    require(std::equal(now_.ids.begin(), now_.ids.begin() + found, before_.ids.begin()) &&
+                std::memcmp(now_.scores.data(), before_.scores.data(),
+                            static_cast<std::size_t>(found) * sizeof(float)) == 0,
             "both libraries give the same bits for " + work.name);
     const auto timings =
         time_rounds(contestants, quick_ ? Effort{5, 0.001, 0.3} : Effort{15, 0.003, 3.0});
