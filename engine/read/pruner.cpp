@@ -64,6 +64,8 @@ bool force_judge(const char* name) {
   return false;
 }
 
+bool JudgeChoice::is_forced() { return forced.load(std::memory_order_relaxed) != kNotForced; }
+
 Judge JudgeChoice::next(Judge least) const {
   const int only = forced.load(std::memory_order_relaxed);
   int judge = std::max(static_cast<int>(least), only);

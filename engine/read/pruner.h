@@ -24,9 +24,12 @@ bool force_judge(const char* name);
 
 // Chooses a judge. One that leaves more than a quarter of the rows is not asked again for a while,
 // each time for twice as long; the next one is asked instead. A judge that is asked again is first
-// tried on few rows.
+// tried on few rows, so that rows of which none can be ruled out cost little more than without it.
 class JudgeChoice {
  public:
+  // True if there is no choice.
+  static bool is_forced();
+
   // The cheapest judge, not cheaper than `least`, that is not held. Scores never are.
   Judge next(Judge least) const;
 
@@ -45,10 +48,12 @@ class JudgeChoice {
 #if defined(QX_SMALL_SPANS)
   // In builds for tests: the bases of random call sequences are then judged in several pieces.
   static constexpr std::int64_t kMostRows = 256;
+  static constexpr std::int64_t kPieceRows = 64;  // after which a judge is asked whether it goes on
   static constexpr std::int64_t kTrialRows = 64;
 #else
   static constexpr std::int64_t kMostRows = 4096;
-  static constexpr std::int64_t kTrialRows = 512;
+  static constexpr std::int64_t kPieceRows = 512;
+  static constexpr std::int64_t kTrialRows = 128;
 #endif
   static constexpr std::int64_t kBlockRows = 192;
 

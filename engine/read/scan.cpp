@@ -146,7 +146,7 @@ Judge Scan::choose_judge(const Block& block) {
   const bool estimated = pruner_.is_worthwhile() && !is_in_delta(block);
   Judge judge = choice_.next(bounded ? Judge::kFourBits : Judge::kEstimates);
   if (judge <= Judge::kEightBits && !pruner_.has_threshold(topk_.threshold())) {
-    judge = can_seed(block) ? Judge::kEightBits : Judge::kScores;
+    judge = can_seed(block) ? choice_.next(Judge::kEightBits) : Judge::kScores;
   }
   if (judge == Judge::kFourBits && is_mixed(block)) judge = Judge::kEightBits;
   return judge == Judge::kEstimates && !estimated ? Judge::kScores : judge;
@@ -156,9 +156,9 @@ Judge Scan::choose_judge(const Block& block) {
 std::int64_t Scan::rows_to_judge(Judge judge) const {
   const std::int64_t rows = choice_.rows_of(judge);
   if (judge != Judge::kEightBits || pruner_.has_threshold(topk_.threshold())) return rows;
-  if (rows_ <= 2 * JudgeChoice::kTrialRows) return JudgeChoice::kMostRows;
+  if (rows_ <= 2 * JudgeChoice::kPieceRows) return JudgeChoice::kMostRows;
   const std::int64_t many = (32 * slots_.k + kMaskRows - 1) / kMaskRows * kMaskRows;
-  return std::max(rows, std::min(many, JudgeChoice::kMostRows));
+  return std::max({rows, JudgeChoice::kPieceRows, std::min(many, JudgeChoice::kMostRows)});
 }
 
 // Returns how many rows of the block were judged: the others are to be judged again.
@@ -274,37 +274,83 @@ std::int64_t Scan::bound_block(const Block& block, CodeBits bits) {
   alignas(64) float bounds[JudgeChoice::kMostRows];
   if (!candidates_are_bounded_) score_candidates();
   candidates_are_bounded_ = true;
-  bound(block, bits, bounds);
-  drop_unselected(block, bounds);
-  const bool has_threshold = pruner_.has_threshold(topk_.threshold());
-  if (!has_threshold || (can_seed(block) && leaves_too_many(bounds, block.count))) {
-    seed(block, bounds);
-  }
   const Judge judge = bits == CodeBits::kFour ? Judge::kFourBits : Judge::kEightBits;
-  Block piece = block;
+  std::int64_t bounded = 0;
+  if (!bound_first(block, bits, bounds, &bounded)) {
+    choice_.record(judge, bounded, bounded);
+    return 0;
+  }
   std::int64_t judged = 0;
   std::int64_t left = 0;
   do {
-    piece.count =
-        std::min(block.listed ? block.count : JudgeChoice::kTrialRows, block.count - judged);
+    const Block piece =
+        part_of(block, judged, std::min(JudgeChoice::kPieceRows, block.count - judged));
+    bound_up_to(judged + piece.count, block, bits, bounds, &bounded);
     left += take_bounded(piece, bounds + judged, bits);
     judged += piece.count;
-    piece.first.number += piece.count;
-    piece.rows += piece.count * dim_;
-    piece.ids += piece.count;
   } while (judged < block.count && JudgeChoice::is_worthwhile(judged, left));
   choice_.record(judge, judged, left);
   make_room_for_candidates();
   return judged;
 }
 
+// Bounds the first rows of a block, whole masks of them, and all where they give a threshold, or a
+// better one. Returns false if a sample of them tells that no threshold will do.
+bool Scan::bound_first(const Block& block, CodeBits bits, float* bounds, std::int64_t* bounded) {
+  const bool has_threshold = pruner_.has_threshold(topk_.threshold());
+  const std::int64_t wanted =
+      has_threshold ? JudgeChoice::kTrialRows
+                    : std::clamp(rows_ / 32 / kMaskRows * kMaskRows, kMaskRows, kSampleRows);
+  const Block first = part_of(block, 0, std::min(wanted, block.count));
+  bound_up_to(first.count, block, bits, bounds, bounded);
+  if (has_threshold && !(can_seed(block) && leaves_too_many(bounds, first.count))) return true;
+  const bool may_refuse = first.count < block.count && !has_threshold && !JudgeChoice::is_forced();
+  if (may_refuse && !separates(first, bounds)) return false;
+  bound_up_to(block.count, block, bits, bounds, bounded);
+  seed(block, bounds);
+  return true;
+}
+
+// Bounds the rows of a block that are not bounded yet, up to `end`.
+void Scan::bound_up_to(std::int64_t end, const Block& block, CodeBits bits, float* bounds,
+                       std::int64_t* bounded) const {
+  if (end <= *bounded) return;
+  const Block rest = part_of(block, *bounded, end - *bounded);
+  bound(rest, bits, bounds + *bounded);
+  drop_unselected(rest, bounds + *bounded);
+  *bounded = end;
+}
+
+// True if bounds would leave few rows of a sample, were its best ones those that the results take
+// of the whole scan, as a part. The best of all are better than the best of few, so that half of
+// the rows may be left where there are few. Tuning: estimates are good enough for it.
+bool Scan::separates(const Block& sample, const float* bounds) const {
+  const std::int64_t best = std::max<std::int64_t>(slots_.k * sample.count / rows_, 1);
+  float sorted[kSampleRows];
+  std::transform(bounds, bounds + sample.count, sorted, [](float bound) {
+    return bound > kEmptyScore ? bound : kEmptyScore;  // a NaN is no bound
+  });
+  std::partial_sort(sorted, sorted + best, sorted + sample.count, std::greater<>());
+  const float* vectors[kSampleRows];
+  float estimates[kSampleRows];
+  std::int64_t count = 0;
+  for (std::int64_t i = 0; count < best && i < sample.count; ++i) {
+    if (bounds[i] >= sorted[best - 1]) vectors[count++] = vector_at(sample, i);
+  }
+  if (count < best) return true;  // the sample tells nothing
+  kernels().estimate_scattered(vectors, count, dim_, query_, estimates);
+  const float least = *std::min_element(estimates, estimates + count);
+  std::int64_t left = 0;
+  for_each_not_less(bounds, sample.count, least, [&](std::int64_t) { ++left; });
+  return (best < 4 ? 2 : 4) * left <= sample.count;
+}
+
 // True if the first rows of a block tell that its judge is not worthwhile with the threshold that
 // there is: rows are better here than those before.
 bool Scan::leaves_too_many(const float* bounds, std::int64_t count) const {
-  const std::int64_t rows = std::min(count, JudgeChoice::kTrialRows);
   std::int64_t left = 0;
-  for_each_not_less(bounds, rows, limit(), [&](std::int64_t) { ++left; });
-  return !JudgeChoice::is_worthwhile(rows, left);
+  for_each_not_less(bounds, count, limit(), [&](std::int64_t) { ++left; });
+  return !JudgeChoice::is_worthwhile(count, left);
 }
 
 // Adds the rows that their bounds do not prune, and returns how many. Those that four bits leave

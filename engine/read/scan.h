@@ -73,6 +73,7 @@ class Scan {
   // Tuning: which queries are copied; the results are the same.
   static constexpr std::int64_t kMaxCopiedDim = 1024;
   static constexpr std::int64_t kSeedColumns = 192;
+  static constexpr std::int64_t kSampleRows = 128;  // at most
   static constexpr std::int64_t kPrefetchedFloats = 256;
   static_assert(kBlockRows % kMaskRows == 0 && kBlockRows <= Pruner::kMaxObserved);
 
@@ -94,6 +95,10 @@ class Scan {
   void score_block(const Block& block);
   void estimate_block(const Block& block);
   std::int64_t bound_block(const Block& block, CodeBits bits);
+  bool bound_first(const Block& block, CodeBits bits, float* bounds, std::int64_t* bounded);
+  void bound_up_to(std::int64_t end, const Block& block, CodeBits bits, float* bounds,
+                   std::int64_t* bounded) const;
+  bool separates(const Block& sample, const float* bounds) const;
   bool leaves_too_many(const float* bounds, std::int64_t count) const;
   std::int64_t take_bounded(const Block& block, const float* bounds, CodeBits bits);
   void estimate(const Block& block, float* estimates) const;
@@ -120,6 +125,15 @@ class Scan {
   const CodeView& codes_of(bool in_delta) const { return codes_[in_delta ? 1 : 0]; }
   bool is_mixed(const Block& block) const {
     return block.listed && listed_delta_rows_ > 0 && listed_delta_rows_ < block.count;
+  }
+  // Part of a block of consecutive rows, or all of one that is listed.
+  Block part_of(const Block& block, std::int64_t first, std::int64_t count) const {
+    if (block.listed) return block;
+    return {false,
+            {block.first.in_delta, block.first.number + first},
+            block.rows + first * dim_,
+            block.ids + first,
+            count};
   }
   // The place of a block that is not mixed; of one that is, the base.
   bool is_in_delta(const Block& block) const {
