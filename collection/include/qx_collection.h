@@ -66,8 +66,9 @@
  *
  * 9. Threads. Searches, loads and compactions use threads that all collections share: no more than
  *    there are CPUs for the process, started when first needed. A collection may have one thread
- *    more, which compacts (qx_collection_compact). A process may fork while no other thread is in a
- *    call of this library; both processes then go on with their own collections, threads anew.
+ *    more, which compacts (qx_collection_compact), and goes on with qx_collection_build. A process
+ * may fork while no other thread is in a call of this library; both processes then go on with their
+ * own collections, threads anew.
  *
  * 10. Memory. What rows take beside their vectors and codes (convention 12 of qx_runtime.h): 28
  *    bytes, a 512th of the vectors, 4 bytes for lists, 4 with QX_EUCLIDEAN, the values, and the
@@ -178,11 +179,14 @@ typedef struct QxLists {
 /*
  * Creates a collection with rows that the host writes where they stay: without a second copy of
  * the vectors. `fill` is called on the calling thread, for some rows after the other until it was
- * for all, while other threads derive what searches need of those before.
+ * for all, while other threads derive what searches need of those before. Unless the collection is
+ * manual, a thread may go on to derive what makes searches faster: they find the same meanwhile.
  *
  * ids     strictly ascending.
  * values  as qx_collection_upsert has them.
  * lists   or null: none. Without rows they are not read.
+ *
+ * What these point to is read once all rows are filled: `fill` may write it.
  */
 int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues* values,
                             const QxLists* lists, QxFill fill, void* context, QxCollection** out);

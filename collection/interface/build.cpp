@@ -12,6 +12,8 @@ namespace {
 // A block stays in a cache until it is complete. It has whole groups of codes.
 constexpr std::int64_t kBlockFloats = std::int64_t{1} << 18;
 constexpr std::int64_t kMostBlockRows = 4096;
+// Of more floats, codes are made after the build, if there is a thread for that.
+constexpr std::int64_t kMostCodedAtOnce = std::int64_t{1} << 22;
 constexpr std::int64_t kMostWaiting = 4;  // of filled blocks, before the thread that fills helps
 
 constexpr std::int64_t block_rows_of(std::int64_t dim) {
@@ -21,15 +23,13 @@ constexpr std::int64_t block_rows_of(std::int64_t dim) {
 
 class Building {
  public:
-  Building(const Shape& shape, const std::vector<Key>& keys)
+  Building(const Shape& shape, std::int64_t rows, bool has_thread)
       : shape_(shape),
-        rows_(std::ssize(keys)),
+        rows_(rows),
         block_rows_(block_rows_of(shape.dim)),
         blocks_((rows_ + block_rows_ - 1) / block_rows_),
         builder_(shape, rows_) {
-    require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
-            [] { return std::string("the ids do not ascend"); });
-    for (const Key& key : keys) builder_.add_id(key);
+    if (has_thread && rows_ * shape.dim > kMostCodedAtOnce) builder_.leave_codes_out();
   }
 
   // The calling thread fills block after block. The others complete what is filled, and have the
@@ -44,6 +44,12 @@ class Building {
         throw;
       }
     });
+  }
+
+  void add_ids(const std::vector<Key>& keys) {
+    require(std::ranges::adjacent_find(keys, std::ranges::greater_equal()) == keys.end(),
+            [] { return std::string("the ids do not ascend"); });
+    for (const Key& key : keys) builder_.add_id(key);
   }
 
   void add_columns(const QxValues* values) {
@@ -158,12 +164,13 @@ int32_t qx_collection_build(const QxOptions* options, QxIds ids, const QxValues*
     auto made = new_collection(given(options, "options"));
     Collection& rows = made->collection;
     const Shape& shape = rows.shape();
-    const std::vector<Key> keys = keys_of(shape, ids);
-    if (!keys.empty()) {
+    require_count(ids);
+    if (ids.count > 0) {
       require(fill != nullptr, [] { return std::string("fill is null"); });
-      check_values(values, shape.schema, ids.count);
-      Building building(shape, keys);
+      Building building(shape, ids.count, options->manual == 0);
       building.fill(fill, context);
+      building.add_ids(keys_of(shape, ids));
+      check_values(values, shape.schema, ids.count);
       building.add_columns(values);
       Sealed sealed;
       std::shared_ptr<const Lists> divided;

@@ -23,6 +23,10 @@ void lower_priority() {
 #endif
 }
 
+bool lacks_codes(const PartView& view) {
+  return view.segment != nullptr && view.segment->lacks_codes();
+}
+
 std::shared_ptr<const State> empty_state() { return std::make_shared<const State>(); }
 
 }  // namespace
@@ -195,7 +199,10 @@ void Collection::train(std::int64_t count, const Progress& progress) {
 // Starts the thread, or wakes it. The change has been made: without a thread, or memory, segments
 // wait for the next one.
 void Collection::want_merging(const Lock&) noexcept try {
-  if (is_manual_ || choose_merged(shape_, *state_.get(), 0).empty()) return;
+  const std::shared_ptr<const State> state = state_.get();
+  const bool is_due =
+      std::ranges::any_of(state->parts, lacks_codes) || !choose_merged(shape_, *state, 0).empty();
+  if (is_manual_ || !is_due) return;
   merging_.is_wanted = true;
   merging_.changed.notify_one();
   if (!merging_.thread.joinable()) {
@@ -204,11 +211,22 @@ void Collection::want_merging(const Lock&) noexcept try {
 } catch (const std::exception&) {
 }
 
+// Before anything else, since searches are slower without. The state keeps the segments alive, as
+// in merge_parts().
+void Collection::make_codes(Lock& lock, const std::function<void()>& check) {
+  std::vector<Segment*> segments;
+  for (const PartView& view : state_.get()->parts) {
+    if (lacks_codes(view)) segments.push_back(static_cast<Segment*>(view.part.get()));
+  }
+  lock.unlock();
+  for (Segment* const segment : segments) segment->make_codes(check);
+  lock.lock();
+}
+
 // One merge at a time, until there is none to make or no memory for it.
 void Collection::keep_merging() {
-  lower_priority();
   Merging& merging = merging_;
-  const auto check = [&](std::int64_t) {
+  const auto check = [&] {
     const Lock lock(writing_);
     if (merging.is_ended) throw Error(QX_CANCELLED, "the collection is released");
   };
@@ -218,13 +236,20 @@ void Collection::keep_merging() {
     merging.is_wanted = false;
     return !merging.is_ended;
   };
+  try {
+    const Lock running(merging.running);
+    Lock lock(writing_);
+    make_codes(lock, check);
+  } catch (const std::exception&) {  // searches do without
+  }
+  lower_priority();
   while (is_wanted()) {
     const Lock running(merging.running);
     Lock lock(writing_);
     try {
       for (std::vector<PartView> parts;
            !(parts = choose_merged(shape_, *state_.get(), 0)).empty();) {
-        merge_parts(lock, std::move(parts), check);
+        merge_parts(lock, std::move(parts), [&](std::int64_t) { check(); });
       }
     } catch (const std::exception&) {
       // Nothing has changed. The next change that wants a merge tries again.

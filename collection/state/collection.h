@@ -1,4 +1,5 @@
-// A collection: the published state, its one writer at a time, and the thread that merges segments.
+// A collection: the published state, its one writer at a time, and the thread that merges segments
+// and makes the codes of those that lack them.
 #pragma once
 
 #include <condition_variable>
@@ -53,6 +54,7 @@ class Collection {
   void release_replaced(Lock& lock) noexcept;
   void abandon_merging() noexcept;
   void want_merging(const Lock&) noexcept;
+  void make_codes(Lock& lock, const std::function<void()>& check);
   void keep_merging();
   void end_merging();
 

@@ -91,8 +91,12 @@ std::vector<PartView> choose_merged(const Shape& shape, const State& state, std:
   return {};
 }
 
-std::vector<Key> keys_of(const Shape& shape, QxIds ids) {
+void require_count(QxIds ids) {
   require(ids.count >= 0, [&] { return "the number of ids is " + std::to_string(ids.count); });
+}
+
+std::vector<Key> keys_of(const Shape& shape, QxIds ids) {
+  require_count(ids);
   std::vector<Key> keys(static_cast<std::size_t>(ids.count));
   if (keys.empty()) return keys;
   const bool given = shape.has_texts ? ids.texts != nullptr : ids.numbers != nullptr;

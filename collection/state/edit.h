@@ -27,6 +27,7 @@ class Rows {
 
 // Ids as the host gives them, checked.
 std::vector<Key> keys_of(const Shape& shape, QxIds ids);
+void require_count(QxIds ids);
 
 // Refuses vectors with a NaN or an infinity. They are counted from `first` on.
 void require_finite(const char* what, const float* vectors, std::size_t count, std::int32_t dim,

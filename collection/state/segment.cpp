@@ -68,6 +68,15 @@ void Segment::filter(const Predicate& predicate, std::int64_t first, std::int64_
   for (std::size_t i = 0; i < passing.size(); ++i) words[i] &= passing[i];
 }
 
+void Segment::make_codes(const std::function<void()>& check) {
+  constexpr std::int64_t kRowsAtOnce = 64 * kCodeGroupRows;
+  for (std::int64_t row = 0; row < rows_; row += kRowsAtOnce) {
+    check();
+    index_.code(row, std::min(row + kRowsAtOnce, rows_));
+  }
+  index_.show_codes();
+}
+
 SegmentBuilder::SegmentBuilder(const Shape& shape, std::int64_t rows)
     : shape_(shape), segment_(new Segment(shape, rows)) {
   if (shape.metric == Metric::kEuclidean) segment_->half_norms_.reset(new float[at(rows)]);

@@ -2,6 +2,7 @@
 // order of ids, so the engine's rule for equal scores is the collection's.
 #pragma once
 
+#include <functional>
 #include <span>
 #include <string>
 
@@ -25,6 +26,10 @@ class Segment final : public Part {
   std::int64_t rows() const { return rows_; }
   const QxIndex& index() const { return index_.get(); }
   const Extents& extents() const { return extents_; }
+  // Until its codes are made it may lack them (SealedIndex::hide_codes).
+  bool lacks_codes() const { return index_.hides_codes(); }
+  // Makes them; check() is called now and then, and may throw. By one thread at a time.
+  void make_codes(const std::function<void()>& check);
   // half_norm_below() of each row, with Metric::kEuclidean.
   const float* half_norms() const { return half_norms_.get(); }
 
@@ -43,7 +48,7 @@ class Segment final : public Part {
   std::vector<Column> columns_;
 };
 
-// Use: add every id, fill and complete every vector, add every column, finish.
+// Use: add every id, fill and complete every vector, add every column, in any order; finish.
 class SegmentBuilder {
  public:
   // Throws std::bad_alloc if there is no memory for the rows.
@@ -60,6 +65,8 @@ class SegmentBuilder {
   IdArrays all_ids(std::int64_t text_bytes);
 
   float* vector(std::int64_t row);
+  // Leaves codes to Segment::make_codes(). Before the first row is complete.
+  void leave_codes_out() { segment_->index_.hide_codes(); }
   // A thread is about to fill rows `first` to `end` - 1, or is filling them.
   void expect_writes(std::int64_t first, std::int64_t end) {
     segment_->index_.expect_writes(first, end);

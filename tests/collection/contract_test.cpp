@@ -99,6 +99,11 @@ std::int32_t fill_strange(void* context, std::int64_t, std::int64_t, float* vect
   return 0;
 }
 
+std::int32_t fill_zeros(void*, std::int64_t, std::int64_t, float* vectors) {
+  std::fill_n(vectors, 6, 0.0f);
+  return 0;
+}
+
 struct Refusal {
   const char* message;
   std::int32_t (*make)(Call&);
@@ -139,9 +144,9 @@ const Refusal kRefusals[] = {
     REFUSED("dim is 0, outside 1 to 65536", c.options.dim = 0, c.build(fill_strange, &c.made)),
     REFUSED("fill is null", , c.build(nullptr, &c.made)),
     REFUSED("the number of ids is -1", c.ids.count = -1, c.build(fill_strange, &c.made)),
-    REFUSED("the ids do not ascend", c.numbers[0] = 7, c.build(fill_strange, &c.made)),
+    REFUSED("the ids do not ascend", c.numbers[0] = 7, c.build(fill_zeros, &c.made)),
     REFUSED("the ids of this collection are numbers", c.ids.numbers = nullptr,
-            c.build(fill_strange, &c.made)),
+            c.build(fill_zeros, &c.made)),
     REFUSED("component 1 of vector 1 is not finite", , c.build(fill_strange, &c.made)),
 
     REFUSED("the collection is null", , qx_collection_upsert(nullptr, c.ids, c.vectors, c.values)),

@@ -253,5 +253,56 @@ TEST(Search, FindsNoRemovedRowBehindTheFirstOnesOfABatch) {
   }
 }
 
+// A collection of many rows is searched before the codes of its rows are there, while they are
+// made, and after: with the bits of one that has had them from the start.
+TEST(Codes, AreMadeWhileRowsAreSearched) {
+  constexpr std::int64_t kBuilt = 70'000, kCodedDim = 64, kQueries = 8, kBestRows = 10;
+  Random random(1);
+  Floats vectors(kBuilt * kCodedDim);
+  for (float& component : vectors) component = static_cast<float>(random.between(-99, 99));
+  std::vector<std::int64_t> ids(kBuilt);
+  std::iota(ids.begin(), ids.end(), 5);
+  const auto fill = [](void* from, std::int64_t first, std::int64_t count, float* to) {
+    const float* const rows = static_cast<const Floats*>(from)->data();
+    std::copy_n(rows + first * kCodedDim, count * kCodedDim, to + first * kCodedDim);
+    return std::int32_t{0};
+  };
+  for (const std::int32_t metric : {QX_INNER_PRODUCT, QX_EUCLIDEAN}) {
+    const auto build = [&](bool is_manual) {
+      QxOptions options = {};
+      options.dim = kCodedDim;
+      options.manual = is_manual;
+      options.metric = metric;
+      QxCollection* made = nullptr;
+      EXPECT_EQ(qx_collection_build(&options, {kBuilt, ids.data(), nullptr}, nullptr, nullptr, fill,
+                                    &vectors, &made),
+                QX_OK);
+      return Owned<QxCollection>(made);
+    };
+    const auto hits_of = [&](const Owned<QxCollection>& of) {
+      QxHits* hits = nullptr;
+      EXPECT_EQ(qx_collection_search(of.get(), nullptr, vectors.data() + 77 * kCodedDim, kQueries,
+                                     kBestRows, nullptr, &hits),
+                QX_OK);
+      const Owned<QxHits> owned(hits);
+      return std::pair(std::vector(hits->ids, hits->ids + kQueries * kBestRows),
+                       std::vector(hits->scores, hits->scores + kQueries * kBestRows));
+    };
+    const auto segment_of = [](const Owned<QxCollection>& of) {
+      return of->collection.state()->parts.front().segment;
+    };
+    const auto coded = build(true), later = build(false), released = build(false);
+    EXPECT_FALSE(segment_of(coded)->lacks_codes());
+    const auto expected = hits_of(coded);
+    do {
+      EXPECT_EQ(hits_of(later), expected);
+    } while (segment_of(later)->lacks_codes());
+    const QxIndex& index = segment_of(later)->index();
+    EXPECT_EQ(index.base_codes.rows, segment_of(coded)->index().base_codes.rows);
+    EXPECT_TRUE(qx::codes_are_valid(index.base_codes, index.base_vectors));
+    EXPECT_EQ(hits_of(later), expected);
+  }
+}
+
 }  // namespace
 }  // namespace qx_test
