@@ -148,6 +148,7 @@ int open_cursor(sqlite3_vtab*, sqlite3_vtab_cursor** out) {
 }
 int close_cursor(sqlite3_vtab_cursor* cursor) {
   Table& table = *table_of(cursor->pVtab);
+  table.programs.release(cursor_of(cursor));
   delete cursor_of(cursor);
   table.reader.release_snapshot();
   return SQLITE_OK;
@@ -171,16 +172,34 @@ void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value**
     return;
   }
   const Search search = read_search(table()->declaration, plan, count, arguments, [&](int query) {
-    return table()->programs.origins(table()->database, pVtab, storage.table(), plan, query);
+    return table()->programs.origins(table()->database, pVtab, storage.table(), plan, query, this);
   });
   k_ = search.k;
   if (!search.nothing_passes && search.k > 0) find(search);
 }
 
-// The distance that users of a metric expect.
+// What users of a metric expect.
 double distance_of(Metric metric, float score) {
   if (metric == Metric::kEuclidean) return std::sqrt(static_cast<double>(score));
   return metric == Metric::kCosine ? 1 - static_cast<double>(score) : -static_cast<double>(score);
+}
+double score_of(Metric metric, float score) {
+  return metric == Metric::kEuclidean ? -distance_of(metric, score) : static_cast<double>(score);
+}
+
+// A limit of the collection that no hit up to this distance is beyond, for all roundings.
+float limit_of(Metric metric, double distance) {
+  constexpr double kMost = std::numeric_limits<float>::max(), kRounding = 1e-15;
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  const auto limit = [&](double number) {
+    return static_cast<float>(std::clamp(number, -kMost, kMost));
+  };
+  if (metric == Metric::kEuclidean) {
+    const double square = std::max(distance, 0.0) * std::max(distance, 0.0) * (1 + kRounding);
+    return std::min(std::nextafter(limit(square), kInfinity), limit(kMost));
+  }
+  const double score = metric == Metric::kCosine ? 1 - distance - kRounding : -distance;
+  return std::max(std::nextafter(limit(score), -kInfinity), limit(-kMost));
 }
 
 std::int32_t is_in_range(void* context, std::int64_t rowid, const QxText*) {
@@ -190,7 +209,7 @@ std::int32_t is_in_range(void* context, std::int64_t rowid, const QxText*) {
 }
 
 void Cursor::find(const Search& search) {
-  constexpr std::int64_t kFew = 256;
+  constexpr std::int64_t kFew = 1024, kMore = 16;
   const Reader::Rows rows = table()->reader.rows();
   const Metric metric = table()->declaration.metric;
   QxSearch how = {};
@@ -204,24 +223,25 @@ void Cursor::find(const Search& search) {
   qx_collection_stats(rows.collection.get(), &stats);
   how.probes = static_cast<std::int32_t>(
       std::clamp<std::int64_t>(table()->storage.number("probes").value_or(0), 0, stats.lists));
-  const bool has_threshold = search.farthest < std::numeric_limits<double>::infinity();
-  // As many as may be within the threshold.
-  for (std::int64_t k = has_threshold ? std::min(search.k, kFew) : search.k;; k *= 16) {
-    k = std::min(k, search.k);
+  const float limit = limit_of(metric, search.farthest);
+  if (search.farthest < std::numeric_limits<double>::infinity()) how.limit = &limit;
+  const auto passes = [&](float score) {
+    return std::all_of(search.tests.begin(), search.tests.end(), [&](const ScoreTest& test) {
+      return test.passes(score_of(metric, score), distance_of(metric, score));
+    });
+  };
+  // More than k, as long as tests leave some of the best out.
+  for (std::int64_t k = how.limit ? std::min(search.k, kFew) : search.k;; k *= kMore) {
     QxHits* found = nullptr;
     check_call(qx_collection_search(rows.collection.get(), rows.view, search.query.data(), 1, k,
                                     &how, &found));
     const std::unique_ptr<QxHits, void (*)(QxHits*)> owned(found, qx_hits_free);
     const std::int64_t count = found->counts[0];
-    const bool all = count < k || k == search.k ||
-                     distance_of(metric, found->scores[count - 1]) > search.farthest;
-    if (!all) continue;
-    for (std::int64_t i = 0; i < count; ++i) {
-      const double distance = distance_of(metric, found->scores[i]);
-      if (distance < search.nearest || distance > search.farthest) continue;
-      hits_.push_back({found->ids[i], found->scores[i]});
+    hits_.clear();
+    for (std::int64_t i = 0; i < count && std::ssize(hits_) < search.k; ++i) {
+      if (passes(found->scores[i])) hits_.push_back({found->ids[i], found->scores[i]});
     }
-    return;
+    if (count < k || std::ssize(hits_) == search.k) return;
   }
 }
 
@@ -284,12 +304,12 @@ void Cursor::read_hidden(sqlite3_context* context, int column) const {
   if (!searching_) return;
   const Declaration& declaration = table()->declaration;
   const float score = hits_[at_].score;
-  const double distance = distance_of(declaration.metric, score);
   if (column == declaration.score_column()) {
-    const bool falls = declaration.metric != Metric::kEuclidean;
-    sqlite3_result_double(context, falls ? static_cast<double>(score) : -distance);
+    sqlite3_result_double(context, score_of(declaration.metric, score));
   }
-  if (column == declaration.distance_column()) sqlite3_result_double(context, distance);
+  if (column == declaration.distance_column()) {
+    sqlite3_result_double(context, distance_of(declaration.metric, score));
+  }
   if (column == declaration.k_column()) sqlite3_result_int64(context, k_);
 }
 
@@ -388,6 +408,20 @@ void update(Table& table, int count, sqlite3_value** arguments, sqlite3_int64* r
 
 // ---- The module ----
 
+// SQLite calls it where MATCH is no search of its own.
+void refuse_match(sqlite3_context* context, int, sqlite3_value**) {
+  sqlite3_result_error(context,
+                       "MATCH is a search: WHERE vectors MATCH query AND k = N, of the column of "
+                       "vectors, once, without OR and NOT",
+                       -1);
+}
+int find_function(sqlite3_vtab*, int, const char* name,
+                  void (**function)(sqlite3_context*, int, sqlite3_value**), void**) {
+  if (sqlite3_stricmp(name, "match") != 0) return 0;
+  *function = refuse_match;
+  return 1;
+}
+
 void forget(Table& table) { table.storage.forget(); }
 void finish(Table& table) {
   table.storage.forget();
@@ -413,7 +447,7 @@ constexpr sqlite3_module kModule = {
     .xSync = of_table<[](Table& table) { table.storage.flush(); }>,
     .xCommit = of_table<finish>,
     .xRollback = of_table<finish>,
-    .xFindFunction = nullptr,
+    .xFindFunction = find_function,
     .xRename = of_table<[](Table& table, const char* name) {
       table.flush();
       table.storage.rename(name);

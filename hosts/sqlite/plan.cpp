@@ -38,6 +38,7 @@ StatementText::Test written_as(int op) {
   using Test = StatementText::Test;
   switch (op) {
     case kIn:
+      return Test::kIn;
     case SQLITE_INDEX_CONSTRAINT_EQ:
     case SQLITE_INDEX_CONSTRAINT_IS:
       return Test::kEqual;
@@ -49,9 +50,10 @@ StatementText::Test written_as(int op) {
       return Test::kNull;
     case SQLITE_INDEX_CONSTRAINT_LT:
     case SQLITE_INDEX_CONSTRAINT_LE:
+      return Test::kLess;
     case SQLITE_INDEX_CONSTRAINT_GT:
     case SQLITE_INDEX_CONSTRAINT_GE:
-      return Test::kRange;
+      return Test::kMore;
     default:
       return Test::kLike;
   }
@@ -62,7 +64,17 @@ bool is_test_for_null(int op) {
 }
 
 std::string name_of_column(const Declaration& declaration, int column) {
-  return column == kRowid ? "rowid" : declaration.columns[static_cast<std::size_t>(column)].name;
+  if (column == kRowid) return "rowid";
+  if (column == declaration.score_column()) return "score";
+  if (column == declaration.distance_column()) return "distance";
+  return declaration.columns[static_cast<std::size_t>(column)].name;
+}
+bool orders(int op) {
+  return written_as(op) == StatementText::Test::kLess ||
+         written_as(op) == StatementText::Test::kMore;
+}
+bool compares_scores(int op) {
+  return op == SQLITE_INDEX_CONSTRAINT_EQ || op == SQLITE_INDEX_CONSTRAINT_NE || orders(op);
 }
 bool can_filter(const Declaration& declaration, int column) {
   return column == kRowid || declaration.columns[static_cast<std::size_t>(column)].is_filter();
@@ -105,7 +117,7 @@ class Planner {
         if (!use(i, true)) return SQLITE_CONSTRAINT;
       } else if (constraint.iColumn == declaration_.score_column() ||
                  constraint.iColumn == declaration_.distance_column()) {
-        limited |= use(i, false);
+        limited |= compares_scores(op) && sqlite3_vtab_in(info_, i, -1) == 0 && use(i, false);
       } else if (constraint.iColumn < declaration_.command_column() &&
                  constraint.iColumn != declaration_.vector_column) {
         condition(i);
@@ -134,11 +146,8 @@ class Planner {
     for (int i = 0; i < info_->nConstraint; ++i) {
       const auto& constraint = info_->aConstraint[i];
       const bool equal = constraint.op == SQLITE_INDEX_CONSTRAINT_EQ;
-      const bool orders = equal || constraint.op == SQLITE_INDEX_CONSTRAINT_LT ||
-                          constraint.op == SQLITE_INDEX_CONSTRAINT_LE ||
-                          constraint.op == SQLITE_INDEX_CONSTRAINT_GT ||
-                          constraint.op == SQLITE_INDEX_CONSTRAINT_GE;
-      if (!constraint.usable || constraint.iColumn != kRowid || !orders) continue;
+      const bool limits = equal || orders(constraint.op);
+      if (!constraint.usable || constraint.iColumn != kRowid || !limits) continue;
       info_->aConstraintUsage[i].argvIndex = ++used_;
       where += joined(where.empty() ? "WHERE" : " AND", " rowid ", operator_of(constraint.op), " ?",
                       used_);
@@ -302,13 +311,10 @@ class SearchReader {
     bool late = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
       const Argument& argument = arguments[i];
-      if (!takes_as_setting(argument)) {
-        const bool constant = (argument.flags & kLiteral) != 0 ||
-                              (argument.op != kIn && sqlite3_value_frombind(argument.value) != 0);
-        const bool first = is_first(from, i, constant, argument.column, argument.op);
-        late |= !first;
-        if (first) add_condition(argument);
-      }
+      if (takes_as_setting(argument)) continue;
+      const bool first = leaves_farthest_out(argument) || is_first(from, arguments, i);
+      late |= !first;
+      if (first) add_condition(argument);
     }
     refuse_tested(from, arguments);
     set_k(late);
@@ -316,20 +322,55 @@ class SearchReader {
   }
 
  private:
+  static bool is_constant(const Argument& argument) {
+    return (argument.flags & kLiteral) != 0 ||
+           (argument.op != kIn && sqlite3_value_frombind(argument.value) != 0);
+  }
+
+  // With how many values the column of argument i is so compared. Unequal ones that all must be
+  // met leave nothing, whoever has written them.
+  std::ptrdiff_t comparisons(const Origins& from, std::span<const Argument> arguments,
+                             std::size_t i) const {
+    const StatementText::Test test = written_as(arguments[i].op);
+    std::vector<const Argument*> different;
+    for (std::size_t j = 0; j < arguments.size(); ++j) {
+      const Argument& other = arguments[j];
+      const bool counts = other.column == arguments[i].column && written_as(other.op) == test &&
+                          (is_constant(other) || from.follows[j]);
+      if (!counts) continue;
+      const auto same = [&](const Argument* one) {
+        return one->op == other.op && other.op != kIn && equal(one->value, other.value);
+      };
+      if (std::none_of(different.begin(), different.end(), same)) different.push_back(&other);
+    }
+    return test == StatementText::Test::kEqual ? 1 : std::ssize(different);
+  }
+
+  static bool equal(sqlite3_value* one, sqlite3_value* other) {
+    const int type = sqlite3_value_type(one);
+    if (type != sqlite3_value_type(other) || type == SQLITE_BLOB) return false;
+    return type == SQLITE_TEXT ? text_of(one) == text_of(other)
+                               : sqlite3_value_int64(one) == sqlite3_value_int64(other) &&
+                                     sqlite3_value_double(one) == sqlite3_value_double(other);
+  }
+
   // Whether a condition is met before the best are taken.
-  bool is_first(const Origins& from, std::size_t i, bool constant, int column, int op) const {
+  bool is_first(const Origins& from, std::span<const Argument> arguments, std::size_t i) const {
+    const bool constant = is_constant(arguments[i]);
     if (!from.known || i >= from.follows.size()) return constant;
     if (from.varies[i]) return true;
     if (!constant && !from.follows[i]) return false;
     using Written = StatementText::Written;
-    const Written written = from.written(name_of_column(declaration_, column), written_as(op));
-    require(written != Written::kUnclear,
-            "of several searches it is not clear which is filtered by ",
-            name_of_column(declaration_, column), ": search in a WITH ... AS MATERIALIZED");
+    const std::string name = name_of_column(declaration_, arguments[i].column);
+    const Written written =
+        from.written(name, written_as(arguments[i].op), comparisons(from, arguments, i));
+    require(written != Written::kUnclear, "it is not clear which search is filtered by ", name,
+            ", and which condition is one of an outer SELECT or a join: search in a WITH ... AS "
+            "MATERIALIZED");
     return written == Written::kYes;
   }
 
-  // The query, k, limits and thresholds are no conditions on rows.
+  // The query, k, limits and the text of a filter are no conditions on rows.
   bool takes_as_setting(const Argument& argument) {
     sqlite3_value* const value = argument.value;
     if (argument.op == SQLITE_INDEX_CONSTRAINT_MATCH) {
@@ -348,35 +389,37 @@ class SearchReader {
     } else if (argument.column == declaration_.filter_column()) {
       require(sqlite3_value_type(value) == SQLITE_TEXT, "filter is no text");
       add_filter(joined("(", text_of(value), ")"));
-    } else if (argument.column >= declaration_.command_column()) {
-      add_threshold(argument);
     } else {
       return false;
     }
     return true;
   }
 
-  // Rows beyond are left out; SQLite tests those at the threshold.
-  void add_threshold(const Argument& argument) {
+  bool is_of_score(const Argument& argument) const {
+    return argument.column == declaration_.score_column() ||
+           argument.column == declaration_.distance_column();
+  }
+  // Whether it is met before or after the best are taken makes no difference.
+  bool leaves_farthest_out(const Argument& argument) const {
+    const bool less = written_as(argument.op) == StatementText::Test::kLess;
+    return is_of_score(argument) && orders(argument.op) &&
+           less == (argument.column == declaration_.distance_column());
+  }
+
+  void add_score_test(const Argument& argument) {
+    const bool of_score = argument.column == declaration_.score_column();
     const int type = sqlite3_value_numeric_type(argument.value);
+    has_threshold_ |= leaves_farthest_out(argument);
+    search_.nothing_passes |= type == SQLITE_NULL;
+    if (type == SQLITE_NULL) return;
+    require(type == SQLITE_INTEGER || type == SQLITE_FLOAT, "the ",
+            name_of_column(declaration_, argument.column),
+            " is compared with a value that is no number");
     const double number = sqlite3_value_double(argument.value);
-    const bool is_score = argument.column == declaration_.score_column();
-    const bool less =
-        argument.op == SQLITE_INDEX_CONSTRAINT_LT || argument.op == SQLITE_INDEX_CONSTRAINT_LE;
-    const bool more =
-        argument.op == SQLITE_INDEX_CONSTRAINT_GT || argument.op == SQLITE_INDEX_CONSTRAINT_GE;
-    if ((!less && !more) || (type != SQLITE_INTEGER && type != SQLITE_FLOAT)) {
-      leaves_best_out_ = true;  // by SQLite's own test
-      return;
-    }
-    leaves_best_out_ |= less == is_score;
+    search_.tests.push_back({of_score, argument.op, number});
+    if (!leaves_farthest_out(argument)) return;
     const double one = declaration_.metric == Metric::kCosine ? 1 : 0;
-    const double distance = is_score ? one - number : number;
-    has_threshold_ |= less != is_score;
-    if (less != is_score)
-      search_.farthest = std::min(search_.farthest, distance);
-    else
-      search_.nearest = std::max(search_.nearest, distance);
+    search_.farthest = std::min(search_.farthest, of_score ? one - number : number);
   }
 
   void add_filter(const std::string& text) {
@@ -384,6 +427,7 @@ class SearchReader {
   }
 
   void add_condition(const Argument& argument) {
+    if (is_of_score(argument)) return add_score_test(argument);
     const char* const op = operator_of(argument.op);
     const std::string name = name_of_column(declaration_, argument.column);
     require(op != nullptr && (argument.flags & kOtherOrder) == 0 &&
@@ -521,7 +565,7 @@ class SearchReader {
             "join");
     search_.k = k_.value_or(kNoLimit);
     // LIMIT does not count rows that are left out.
-    if (!limit_ || late || leaves_best_out_) return;
+    if (!limit_ || late) return;
     search_.k = std::min(search_.k, *limit_ > kNoLimit - offset_ ? kNoLimit : *limit_ + offset_);
   }
 
@@ -530,10 +574,27 @@ class SearchReader {
   std::optional<std::int64_t> k_, limit_;
   std::int64_t offset_ = 0;
   bool has_threshold_ = false;
-  bool leaves_best_out_ = false;
 };
 
 }  // namespace
+
+bool ScoreTest::passes(double score, double distance) const {
+  const double found = of_score ? score : distance;
+  switch (op) {
+    case SQLITE_INDEX_CONSTRAINT_EQ:
+      return found == number;
+    case SQLITE_INDEX_CONSTRAINT_NE:
+      return found != number;
+    case SQLITE_INDEX_CONSTRAINT_LT:
+      return found < number;
+    case SQLITE_INDEX_CONSTRAINT_LE:
+      return found <= number;
+    case SQLITE_INDEX_CONSTRAINT_GT:
+      return found > number;
+    default:
+      return found >= number;
+  }
+}
 
 int choose_plan(const Declaration& declaration, sqlite3_index_info* info) {
   Planner planner(declaration, info);

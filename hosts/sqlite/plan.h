@@ -16,6 +16,14 @@ namespace qx_sqlite {
 // Of a scan that needs no values, of one that does, and of a search.
 enum PlanNumber { kRowids = 0, kSearch = 1, kScan = 2 };
 
+// A comparison of what a search finds.
+struct ScoreTest {
+  bool of_score;  // or else of the distance
+  int op;         // of SQLite's constraints: EQ, NE, LT, LE, GT or GE
+  double number;
+  bool passes(double score, double distance) const;
+};
+
 // A search, as the arguments of a run give it.
 struct Search {
   Floats query;
@@ -26,8 +34,8 @@ struct Search {
   std::int64_t first = std::numeric_limits<std::int64_t>::min();
   std::int64_t last = std::numeric_limits<std::int64_t>::max();
   std::vector<std::int64_t> without;
-  // By distance, which falls with the score.
-  double nearest = -std::numeric_limits<double>::infinity();
+  std::vector<ScoreTest> tests;
+  // The least distance that fails a test, as far as that is known.
   double farthest = std::numeric_limits<double>::infinity();
   bool nothing_passes = false;  // a condition compares with null, say
 

@@ -85,7 +85,8 @@ class Program {
   std::vector<Instruction> code;
   Origins origins(int filter, int query) const {
     const Instruction& start = code[at(filter)];
-    Origins result{true, {}, {}, {}, {}, {}};
+    Origins result;
+    result.known = true;
     const auto argument = [&](int i) { return sources(start.p3 + 2 + i, filter, 0); };
     const Sources of_query = argument(query);
     for (int i = 0; i < arguments(filter); ++i) {
@@ -399,12 +400,13 @@ void join(const Origins& found, Origins* all) {
 
 }  // namespace
 
-StatementText::Written Origins::written(std::string_view column, StatementText::Test test) const {
+StatementText::Written Origins::written(std::string_view column, StatementText::Test test,
+                                        std::ptrdiff_t times) const {
   using Written = StatementText::Written;
   Written written = Written::kNo;
   for (const StatementText& text : texts) {
     if (text.is_simple()) return Written::kYes;
-    const Written here = text.written(names, column, test);
+    const Written here = text.written(names, column, test, times);
     if (here == Written::kYes) return here;
     if (here == Written::kUnclear) written = here;
   }
@@ -415,9 +417,20 @@ void Programs::forget() {
   if (!is_reading_) known_.clear();
 }
 
+// Whether a search of a statement may be that of a cursor, and is no other's.
+bool Programs::has_left(sqlite3_stmt* statement, const std::string& plan, int searches,
+                        const void* cursor) const {
+  const std::pair wanted(statement, plan);
+  const auto own = statements_.find(cursor);
+  if (own != statements_.end()) return own->second == wanted;
+  return std::count_if(statements_.begin(), statements_.end(),
+                       [&](const auto& other) { return other.second == wanted; }) < searches;
+}
+
 Origins Programs::origins(sqlite3* database, const void* table, const std::string& table_name,
-                          const std::string& plan, int query) {
+                          const std::string& plan, int query, const void* cursor) {
   Origins all;
+  std::vector<sqlite3_stmt*> possible;
   char name[40];
   sqlite3_snprintf(sizeof name, name, "vtab:%p", table);
   const auto read = [&](const std::string& sql) {
@@ -429,7 +442,9 @@ Origins Programs::origins(sqlite3* database, const void* table, const std::strin
         if (instruction.name == "VOpen" && instruction.p4 == name) cursors.insert(instruction.p1);
         const bool is_it = instruction.name == "VFilter" && cursors.contains(instruction.p1) &&
                            instruction.p4 == plan;
-        if (is_it) join(program.origins(i, query), &of_statement);
+        if (!is_it) continue;
+        join(program.origins(i, query), &of_statement);
+        ++of_statement.searches;
       }
     }
     if (of_statement.known) of_statement.names = read_names(database, sql, plan);
@@ -453,8 +468,12 @@ Origins Programs::origins(sqlite3* database, const void* table, const std::strin
       is_reading_ = false;
       known_[key] = found;
     }
-    if (known_[key].known) join(known_[key], &all);
+    const Origins& found = known_[key];
+    if (!found.known || !has_left(statement, plan, found.searches, cursor)) continue;
+    join(found, &all);
+    possible.push_back(statement);
   }
+  if (possible.size() == 1) statements_.insert_or_assign(cursor, std::pair(possible[0], plan));
   return all;
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "database.h"
@@ -17,6 +18,7 @@ namespace qx_sqlite {
 // What a program says of a search.
 struct Origins {
   bool known = false;
+  int searches = 0;  // by this plan, in one statement
   // Of each argument: whether it is the same in the whole statement, or changes only when the query
   // may.
   std::vector<bool> follows;
@@ -30,21 +32,29 @@ struct Origins {
   // The names that the search may have there; none if they are not known.
   std::set<std::string> names;
 
-  // Whether a condition on a column stands where the search does.
-  StatementText::Written written(std::string_view column, StatementText::Test test) const;
+  // Whether conditions on a column stand where the search does, so many times.
+  StatementText::Written written(std::string_view column, StatementText::Test test,
+                                 std::ptrdiff_t times) const;
 };
 
 class Programs {
  public:
-  // Of the search that runs now with `plan` as its text; `query` is the number of the argument that
-  // is searched for. Where several searches cannot be told apart, what holds of all.
+  // Of the search that `cursor` runs now with `plan` as its text; `query` is the number of the
+  // argument that is searched for. Where several searches cannot be told apart, what holds of all.
   Origins origins(sqlite3* database, const void* table, const std::string& name,
-                  const std::string& plan, int query);
+                  const std::string& plan, int query, const void* cursor);
+  // The cursor is closed.
+  void release(const void* cursor) { statements_.erase(cursor); }
   // Statements may mean something else from now on.
   void forget();
 
  private:
+  bool has_left(sqlite3_stmt* statement, const std::string& plan, int searches,
+                const void* cursor) const;
+
   std::map<std::string, Origins> known_;
+  // Of cursors, where that is known, the statement and the plan.
+  std::map<const void*, std::pair<sqlite3_stmt*, std::string>> statements_;
   bool is_reading_ = false;
 };
 

@@ -21,27 +21,26 @@ std::vector<QxColumn> columns_of(const Declaration& declaration) {
   return columns;
 }
 
-// Reads the vectors of rows in the order of their places.
+// Reads rows, and their vectors in the order of their places.
 class Filler {
  public:
-  Filler(const Storage& storage, std::int64_t dim, const Batch& batch)
-      : storage_(storage),
-        dim_(static_cast<std::size_t>(dim)),
-        places_(batch.places),
-        order_(order_of_places()) {}
+  Filler(Storage& storage, std::int64_t dim, Batch& batch)
+      : storage_(storage), dim_(static_cast<std::size_t>(dim)), batch_(batch) {}
 
   // At least the first `end` rows; all of them if places do not ascend with rowids.
   void fill(float* vectors, std::size_t end) {
+    if (!batch_.is_full()) read_rows();
+    const std::vector<std::int64_t>& places = batch_.places;
     if (!order_.empty()) end = order_.size();
     for (std::size_t run = 1; next_ < end; next_ += run) {
       const std::size_t row = row_at(next_);
       const auto continues = [&](std::size_t length) {
-        const std::int64_t place = places_[row] + static_cast<std::int64_t>(length);
+        const std::int64_t place = places[row] + static_cast<std::int64_t>(length);
         return next_ + length < end && row_at(next_ + length) == row + length &&
-               places_[row + length] == place && place % storage_.rows_of_chunk() != 0;
+               places[row + length] == place && place % storage_.rows_of_chunk() != 0;
       };
       for (run = 1; continues(run);) ++run;
-      storage_.read_vectors(&chunk_, places_[row], {vectors + row * dim_, run * dim_});
+      storage_.read_vectors(&chunk_, places[row], {vectors + row * dim_, run * dim_});
     }
   }
 
@@ -60,23 +59,25 @@ class Filler {
   std::exception_ptr thrown;
 
  private:
-  // Empty if places ascend with rowids.
-  std::vector<std::size_t> order_of_places() const {
-    std::vector<std::size_t> order;
-    if (std::is_sorted(places_.begin(), places_.end())) return order;
-    order.resize(places_.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::sort(order.begin(), order.end(),
-              [&](std::size_t a, std::size_t b) { return places_[a] < places_[b]; });
-    return order;
+  void read_rows() {
+    Statement(storage_.database(), storage_.select_rows("ORDER BY rowid", batch_.columns()))
+        .each([&](const Statement& row) { batch_.add(row); });
+    const std::vector<std::int64_t>& places = batch_.places;
+    require_intact(batch_.is_full(), "the table ", storage_.table(),
+                   " has fewer rows than it says");
+    if (std::is_sorted(places.begin(), places.end())) return;
+    order_.resize(places.size());
+    std::iota(order_.begin(), order_.end(), std::size_t{0});
+    std::sort(order_.begin(), order_.end(),
+              [&](std::size_t a, std::size_t b) { return places[a] < places[b]; });
   }
   std::size_t row_at(std::size_t i) const { return order_.empty() ? i : order_[i]; }
 
-  const Storage& storage_;
+  Storage& storage_;
   Chunk chunk_;
   std::size_t dim_;
-  const std::vector<std::int64_t>& places_;
-  std::vector<std::size_t> order_;
+  Batch& batch_;
+  std::vector<std::size_t> order_;  // empty if places ascend with rowids
   std::size_t next_ = 0;
 };
 
@@ -121,53 +122,31 @@ void check_value(const Column& column, int type, sqlite3_value* value) {
 
 // ---- Batches ----
 
-Batch::Batch(const Declaration& declaration, bool with_lists) {
+Batch::Batch(const Declaration& declaration, bool with_lists, std::size_t room)
+    : rowids(room), places(room) {
   int at = Storage::kFirstValue;
   for (const Column& column : declaration.columns) {
-    if (column.is_filter())
-      columns_.push_back({column.kind, column.name, at++, {}, {}, {}, {}, {}});
-  }
-  if (with_lists) list_at_ = at;
-}
-
-void Batch::add(const Statement& row) {
-  const std::int64_t rowid = row.integer(0);
-  sqlite3_value* const place = row.value(1);
-  require_intact(sqlite3_value_type(place) == SQLITE_INTEGER, "the stored row ", rowid,
-                 " is damaged: it has no place");
-  rowids.push_back(rowid);
-  places.push_back(sqlite3_value_int64(place));
-  if (list_at_) {
-    const std::int64_t list = row.type(*list_at_) == SQLITE_NULL ? -1 : row.integer(*list_at_);
-    lists.push_back(list < 0 || list >= QX_NO_LIST ? QX_NO_LIST : static_cast<std::uint32_t>(list));
-  }
-  for (Values& column : columns_) {
-    sqlite3_value* const value = row.value(column.at);
-    const int type = sqlite3_value_type(value);
-    column.nulls.push_back(type == SQLITE_NULL);
-    const bool is_text = column.kind == ColumnKind::kText;
-    const bool is_real = column.kind == ColumnKind::kReal;
-    const int wanted = is_text ? SQLITE_TEXT : is_real ? SQLITE_FLOAT : SQLITE_INTEGER;
-    require_intact(type == SQLITE_NULL || type == wanted, "the stored row ", rowid,
-                   " is damaged: a value of another type in ", column.name);
-    if (is_text) {
-      column.texts.emplace_back(text_of(value));
-    } else if (is_real) {
-      column.reals.push_back(sqlite3_value_double(value));
+    if (!column.is_filter()) continue;
+    Values& values =
+        columns_.emplace_back(Values{column.kind, column.name, at++, {}, {}, {}, {}, {}});
+    values.nulls.resize(room);
+    if (column.kind == ColumnKind::kText) {
+      values.text_pointers.resize(room);
+    } else if (column.kind == ColumnKind::kReal) {
+      values.reals.resize(room);
     } else {
-      column.integers.push_back(sqlite3_value_int64(value));
+      values.integers.resize(room);
     }
   }
+  if (!with_lists) return;
+  list_at_ = at;
+  lists.resize(room);
 }
 
 const std::vector<QxValues>& Batch::values() {
   pointers_.clear();
-  for (Values& column : columns_) {
-    column.text_pointers.clear();
-    for (const std::string& text : column.texts) {
-      column.text_pointers.push_back({text.data(), std::ssize(text)});
-    }
-    QxValues values = {};
+  for (const Values& column : columns_) {
+    QxValues& values = pointers_.emplace_back(QxValues{});
     values.nulls = column.nulls.data();
     if (column.kind == ColumnKind::kText) {
       values.texts = column.text_pointers.data();
@@ -176,9 +155,42 @@ const std::vector<QxValues>& Batch::values() {
     } else {
       values.integers = column.integers.data();
     }
-    pointers_.push_back(values);
   }
   return pointers_;
+}
+
+void Batch::add(const Statement& row) {
+  const std::int64_t rowid = row.integer(0);
+  sqlite3_value* const place = row.value(1);
+  require_intact(sqlite3_value_type(place) == SQLITE_INTEGER, "the stored row ", rowid,
+                 " is damaged: it has no place");
+  require_intact(!is_full(), "there are more rows than there should be");
+  rowids[rows_] = rowid;
+  places[rows_] = sqlite3_value_int64(place);
+  if (list_at_) {
+    const std::int64_t list = row.type(*list_at_) == SQLITE_NULL ? -1 : row.integer(*list_at_);
+    lists[rows_] = list < 0 || list >= QX_NO_LIST ? QX_NO_LIST : static_cast<std::uint32_t>(list);
+  }
+  for (Values& column : columns_) {
+    sqlite3_value* const value = row.value(column.at);
+    const int type = sqlite3_value_type(value);
+    column.nulls[rows_] = type == SQLITE_NULL;
+    if (type == SQLITE_NULL) continue;
+    const bool is_text = column.kind == ColumnKind::kText;
+    const bool is_real = column.kind == ColumnKind::kReal;
+    const int wanted = is_text ? SQLITE_TEXT : is_real ? SQLITE_FLOAT : SQLITE_INTEGER;
+    require_intact(type == wanted, "the stored row ", rowid,
+                   " is damaged: a value of another type in ", column.name);
+    if (is_text) {
+      const std::string& text = column.texts.emplace_back(text_of(value));
+      column.text_pointers[rows_] = {text.data(), std::ssize(text)};
+    } else if (is_real) {
+      column.reals[rows_] = sqlite3_value_double(value);
+    } else {
+      column.integers[rows_] = sqlite3_value_int64(value);
+    }
+  }
+  ++rows_;
 }
 
 // ---- Loading ----
@@ -188,9 +200,7 @@ namespace {
 // A collection, and what it was made of.
 std::pair<CollectionPointer, Batch> load_batch(Storage& storage, const Declaration& declaration) {
   const Floats centroids = storage.centroids();
-  Batch batch(declaration, !centroids.empty());
-  Statement(storage.database(), storage.select_rows("ORDER BY rowid", batch.columns()))
-      .each([&](const Statement& row) { batch.add(row); });
+  Batch batch(declaration, !centroids.empty(), static_cast<std::size_t>(storage.count()));
   const QxLists lists = {std::ssize(centroids) / declaration.dim, centroids.data(),
                          batch.lists.data()};
   const std::vector<QxColumn> columns = columns_of(declaration);
@@ -203,7 +213,7 @@ std::pair<CollectionPointer, Batch> load_batch(Storage& storage, const Declarati
   Filler filler(storage, declaration.dim, batch);
   QxCollection* made = nullptr;
   const std::int32_t status =
-      qx_collection_build(&options, batch.ids(), batch.values().data(),
+      qx_collection_build(&options, batch.ids(batch.rowids.size()), batch.values().data(),
                           lists.count == 0 ? nullptr : &lists, Filler::call, &filler, &made);
   if (filler.thrown) std::rethrow_exception(filler.thrown);
   check_call(status);
@@ -248,7 +258,8 @@ void make_lists(Storage& storage, const Declaration& declaration,
   if (lists == 0) return;
   Floats centroids(static_cast<std::size_t>(lists * declaration.dim));
   std::vector<std::uint32_t> of_rows(batch.rowids.size());
-  check_call(qx_collection_lists(rows.get(), batch.ids(), lists, centroids.data(), of_rows.data()));
+  check_call(qx_collection_lists(rows.get(), batch.ids(batch.rows()), lists, centroids.data(),
+                                 of_rows.data()));
   storage.set_lists(centroids, batch.rowids, of_rows);
 }
 
@@ -265,30 +276,30 @@ std::int64_t tuned_probes(Storage& storage, const Declaration& declaration, doub
 
 void refresh_rows(Storage& storage, const Declaration& declaration, QxCollection* collection,
                   QxView* view, const std::vector<std::int64_t>& rowids) {
-  Batch batch(declaration, false);
+  Batch batch(declaration, false, rowids.size());
   Floats vectors;
   const auto dim = static_cast<std::size_t>(declaration.dim);
   std::vector<std::int64_t> gone;
   Chunk chunk;
   Statement one_row(storage.database(), storage.select_rows("WHERE rowid = ?1", batch.columns()));
   for (const std::int64_t rowid : rowids) {
-    const std::size_t before = batch.rowids.size();
+    const std::size_t before = batch.rows();
     one_row.each([&](const Statement& row) { batch.add(row); }, rowid);
-    if (batch.rowids.size() == before) {
+    if (batch.rows() == before) {
       gone.push_back(rowid);
       continue;
     }
     vectors.resize(vectors.size() + dim);
-    storage.read_vectors(&chunk, batch.places.back(), std::span(vectors).last(dim));
+    storage.read_vectors(&chunk, batch.places[before], std::span(vectors).last(dim));
   }
   const QxIds removed = {std::ssize(gone), gone.data(), nullptr};
-  const QxValues* const values = batch.values().data();
+  const QxIds written = batch.ids(batch.rows());
   if (view != nullptr) {
     check_call(qx_view_remove(view, removed, nullptr));
-    check_call(qx_view_upsert(view, batch.ids(), vectors.data(), values));
+    check_call(qx_view_upsert(view, written, vectors.data(), batch.values().data()));
   } else {
     check_call(qx_collection_remove(collection, removed, nullptr));
-    check_call(qx_collection_upsert(collection, batch.ids(), vectors.data(), values));
+    check_call(qx_collection_upsert(collection, written, vectors.data(), batch.values().data()));
   }
 }
 

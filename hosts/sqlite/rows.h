@@ -28,19 +28,25 @@ void check_value(const Column& column, int type, sqlite3_value* value);
 // Ids and values, without vectors.
 class Batch {
  public:
-  Batch(const Declaration& declaration, bool with_lists);
+  // With room for so many rows.
+  Batch(const Declaration& declaration, bool with_lists, std::size_t room);
   Storage::Columns columns() const {
     return list_at_ ? Storage::Columns::kFiltersAndList : Storage::Columns::kFilters;
   }
-  // Of Storage::select_rows, with these columns. Throws where the row is damaged.
+  // Of Storage::select_rows, with these columns. Throws where the row is damaged, or there is no
+  // room.
   void add(const Statement& row);
 
+  // As many as there is room for.
   std::vector<std::int64_t> rowids;
   std::vector<std::int64_t> places;
   std::vector<std::uint32_t> lists;  // none without lists
 
-  QxIds ids() const { return {std::ssize(rowids), rowids.data(), nullptr}; }
-  // Valid until the next row.
+  std::size_t rows() const { return rows_; }
+  bool is_full() const { return rows_ == rowids.size(); }
+  QxIds ids(std::size_t rows) const {
+    return {static_cast<std::int64_t>(rows), rowids.data(), nullptr};
+  }
   const std::vector<QxValues>& values();
 
  private:
@@ -55,6 +61,7 @@ class Batch {
     std::vector<QxText> text_pointers;
   };
   std::vector<Values> columns_;
+  std::size_t rows_ = 0;
   std::optional<int> list_at_;
   std::vector<QxValues> pointers_;
 };

@@ -32,8 +32,8 @@ bool is_word_after_table(const std::string& word) {
 Test comparison(const std::string& text) {
   static const std::map<std::string, Test> all = {
       {"=", Test::kEqual},    {"==", Test::kEqual},  {"<>", Test::kUnequal},
-      {"!=", Test::kUnequal}, {"<", Test::kRange},   {"<=", Test::kRange},
-      {">", Test::kRange},    {">=", Test::kRange},  {"between", Test::kRange},
+      {"!=", Test::kUnequal}, {"<", Test::kLess},    {"<=", Test::kLess},
+      {">", Test::kMore},     {">=", Test::kMore},   {"between", Test::kBetween},
       {"like", Test::kLike},  {"glob", Test::kLike}, {"regexp", Test::kLike}};
   const auto found = all.find(text);
   return found == all.end() ? Test::kNone : found->second;
@@ -176,6 +176,17 @@ bool StatementText::starts_value(std::size_t at) const {
   return tokens_[at].is_name && text(at + 1) == "(";
 }
 
+// Of what follows IN.
+bool StatementText::is_one_member(std::size_t at) const {
+  int depth = 0;
+  for (; at < tokens_.size(); ++at) {
+    if (text(at) == "select" || text(at) == "values" || (text(at) == "," && depth == 1)) break;
+    if (text(at) == "(") ++depth;
+    if (text(at) == ")" && --depth == 0) return true;
+  }
+  return false;
+}
+
 // Of a column, how it is compared; kNone if it is not, or with a column.
 Test StatementText::test_of(std::size_t at) const {
   std::size_t next = at + 1;
@@ -187,13 +198,14 @@ Test StatementText::test_of(std::size_t at) const {
   if (is_not) ++next;
   if (text(next) == "null") return Test::kNull;
   const Test equal = is_not ? Test::kUnequal : Test::kEqual;
-  if (text(next) == "in") return equal;
+  if (text(next) == "in") return is_not || is_one_member(next + 1) ? equal : Test::kIn;
   if (is) return starts_value(next + (text(next) == "distinct" ? 2 : 0)) ? equal : Test::kNone;
   const Test test = comparison(text(next));
   if (test != Test::kNone) return starts_value(next + 1) ? test : Test::kNone;
   const std::size_t before = at - (at > 1 && text(at - 1) == "." ? 2 : 0);
   const bool follows = before > 1 && (tokens_[before - 2].is_value || text(before - 2) == ")");
-  return follows ? comparison(text(before - 1)) : Test::kNone;
+  const Test turned = follows ? comparison(text(before - 1)) : Test::kNone;
+  return turned == Test::kLess ? Test::kMore : turned == Test::kMore ? Test::kLess : turned;
 }
 
 bool StatementText::is_condition(std::size_t i, const std::string& name, std::string_view column,
@@ -202,21 +214,25 @@ bool StatementText::is_condition(std::size_t i, const std::string& name, std::st
   const bool is_rowid = column == "rowid" && (given == "oid" || given == "_rowid_");
   if (!tokens_[i].is_name || !tokens_[i].filters || (given != column && !is_rowid)) return false;
   if (i > 1 && text(i - 1) == "." && text(i - 2) != name) return false;
-  return test_of(i) == test;
+  const Test found = test_of(i);
+  const bool is_bound = test == Test::kLess || test == Test::kMore;
+  return found == test || (is_bound && found == Test::kBetween) ||
+         (test == Test::kIn && found == Test::kEqual);
 }
 
 StatementText::Written StatementText::written(const std::set<std::string>& names,
-                                              std::string_view column, Test test) const {
+                                              std::string_view column, Test test,
+                                              std::ptrdiff_t times) const {
   const std::string wanted = lower(column);
   bool some = false, all = true;
   for (const auto& [select, name] : sources_) {
     if (!searches_[select] || (!names.empty() && !names.contains(name))) continue;
-    bool here = false;
-    for (std::size_t i = 0; i < tokens_.size() && !here; ++i) {
-      here = tokens_[i].select == select && is_condition(i, name, wanted, test);
+    std::ptrdiff_t here = 0;
+    for (std::size_t i = 0; i < tokens_.size(); ++i) {
+      here += tokens_[i].select == select && is_condition(i, name, wanted, test) ? 1 : 0;
     }
-    some |= here;
-    all &= here;
+    some |= here > 0;
+    all &= here >= times;
   }
   return !some ? Written::kNo : all || !may_derive() ? Written::kYes : Written::kUnclear;
 }

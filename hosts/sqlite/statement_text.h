@@ -3,6 +3,7 @@
 // = 8, and it moves conditions of an outer SELECT, and those of HAVING, into the search.
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 #include <string_view>
@@ -19,13 +20,15 @@ class StatementText {
   bool has_search() const { return has_search_; }
   // One search of one table: there is nothing to derive conditions from.
   bool is_simple() const;
-  // What may have become of a condition: SQLite makes ranges of BETWEEN, and = of an IN.
-  enum class Test { kNone, kEqual, kUnequal, kRange, kNull, kLike };
+  // What may have become of a condition: SQLite makes ranges of BETWEEN, = of an IN of one member,
+  // and IN of several = with OR.
+  enum class Test { kNone, kEqual, kIn, kUnequal, kLess, kMore, kBetween, kNull, kLike };
   // Whether a column is so compared with something that is no column, where searches of these names
   // are, or all where none is given: in the WHERE or ON of a SELECT that has a MATCH. kUnclear
-  // where it is said of some of them, and SQLite may have derived it for others.
+  // where it is said of some of them, or less than `times`, and SQLite may have derived others.
   enum class Written { kNo, kYes, kUnclear };
-  Written written(const std::set<std::string>& names, std::string_view column, Test test) const;
+  Written written(const std::set<std::string>& names, std::string_view column, Test test,
+                  std::ptrdiff_t times) const;
   // Whether (a, b) is compared with something there, or has an IN anywhere, of whose members SQLite
   // may search for each. It takes such conditions apart.
   bool has_row_value() const;
@@ -44,6 +47,7 @@ class StatementText {
   void find_aliases(std::string_view table);
   const std::string& text(std::size_t at) const;
   bool starts_value(std::size_t at) const;
+  bool is_one_member(std::size_t at) const;
   Test test_of(std::size_t at) const;
   bool is_condition(std::size_t i, const std::string& name, std::string_view column,
                     Test test) const;

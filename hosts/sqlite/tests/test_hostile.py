@@ -64,7 +64,9 @@ WRONG_SEARCHES = [
     (BEST + " AND name = 'a' COLLATE NOCASE", "cannot be filtered by name"),
     (BEST + " AND filter = 'labe = 1'", "filter, byte 1: found labe"),
     (BEST + " AND filter = 1", "filter is no text"),
-    ("label MATCH '[1,2]' AND k = 1", "unable to use function MATCH"),
+    *((where, "MATCH is a search: WHERE vectors MATCH query AND k = N") for where in (
+        "label MATCH '[1,2]' AND k = 1", f"{BEST} AND embedding MATCH '[2,1]'",
+        "embedding MATCH '[1,2]' OR label = 1", "NOT embedding MATCH '[1,2]'")),
 ]
 WRONG_COMMANDS = ["", "x", "rebuild now", "memory", "memory=", "memory=x", "memory=-1", "optimize=1", "lists",
                   "lists=x", "probes=1 ", "probes", "recall=", "recall=nan"]

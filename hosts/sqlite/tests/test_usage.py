@@ -1,5 +1,6 @@
 """What users of SQLite do with any table works with this one."""
 import importlib.util
+import operator
 import os
 import sqlite3
 import subprocess
@@ -348,6 +349,32 @@ def test_a_threshold_does_without_k(filled):
     make(filled, ((i, f"[{i}, 0]") for i in range(3000)), "many")
     assert len(rowids(filled, "SELECT rowid FROM many WHERE embedding MATCH '[1, 0]' AND score > 99"
                       )) == 2900
+
+
+@pytest.mark.parametrize("metric", ["ip", "cosine", "l2"])
+@pytest.mark.parametrize("column", ["score", "distance"])
+def test_scores_are_compared_before_the_best_are_taken(database, metric, column):
+    """So that a page begins where the last one ended."""
+    database.execute(f"CREATE VIRTUAL TABLE t USING qx(embedding float[2], metric={metric})")
+    database.executemany("INSERT INTO t(rowid, embedding) VALUES (?, ?)",
+                         ((i, f"[{i % 7}, {i % 5 + 1}]") for i in range(60)))
+    search = f"SELECT rowid, {column} FROM t WHERE embedding MATCH '[2, 1]'"
+    everything = database.execute(f"{search} AND k = 60").fetchall()
+    for compares, sign in ((operator.lt, "<"), (operator.le, "<="), (operator.gt, ">"), (operator.ge, ">="),
+                           (operator.eq, "="), (operator.ne, "<>")):
+        for _, bound in everything[::7]:
+            expected = [hit for hit in everything if compares(hit[1], bound)]
+            for k in (1, 5, 60):
+                assert database.execute(f"{search} AND k = ? AND {column} {sign} ?", [k, bound]
+                                        ).fetchall() == expected[:k]
+            if sign.rstrip("=") == ("<" if column == "distance" else ">"):
+                assert database.execute(f"{search} AND {column} {sign} ?", [bound]).fetchall() == expected
+    for bound, count in (("9e999", 60), ("1e300", 60), ("-1e300", 0), ("-9e999", 0), ("NULL", 0)):
+        low = bound if column == "distance" else bound[1:] if bound[0] == "-" else f"-{bound}"
+        sign = "<" if column == "distance" else ">"
+        assert len(database.execute(f"{search} AND {column} {sign} {low}").fetchall()) == count
+    with pytest.raises(sqlite3.OperationalError, match=f"the {column} is compared with a value that is no number"):
+        database.execute(f"{search} AND k = 3 AND {column} < 'x'").fetchall()
 
 
 def test_vectors_of_16_bit_floats_and_of_bytes(database):
