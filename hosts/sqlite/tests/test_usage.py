@@ -208,16 +208,17 @@ def test_many_changes_are_folded_into_a_new_base(database):
     assert nearest(database, "[1]", 1) == [229_999]
 
 
-def test_lists_find_what_was_written_since(database):
-    make(database, ((i, f"[{i % 37}, {i % 41}]") for i in range(1, 2001)))
+@pytest.mark.parametrize("base", [0, 2**62, -(2**63)])
+def test_lists_find_what_was_written_since(database, base):
+    make(database, ((base + i, f"[{i % 37}, {i % 41}]") for i in range(1, 2001)))
     search = "SELECT rowid, score FROM t WHERE embedding MATCH '[1, 2]' AND k = 9"
     exact = database.execute(search).fetchall()
     command(database, "lists=16")
     command(database, "probes=16")
     assert database.execute(search).fetchall() == exact
     database.execute("DELETE FROM t WHERE rowid = ?", [exact[0][0]])
-    database.execute("INSERT INTO t(rowid, embedding) VALUES (5000, '[100, 100]')")
-    now = [5000] + [rowid for rowid, _ in exact[1:]]
+    database.execute("INSERT INTO t(rowid, embedding) VALUES (?, '[100, 100]')", [base + 5000])
+    now = [base + 5000] + [rowid for rowid, _ in exact[1:]]
     assert [rowid for rowid, _ in database.execute(search)] == now
     command(database, "probes=1")
     assert len(database.execute(search).fetchall()) == 9
