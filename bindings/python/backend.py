@@ -2,8 +2,8 @@
 
 Those are the one that QX_RUNTIME_LIBRARY names, and the one that QX_COLLECTION_LIBRARY names or that
 lies beside it; or else none, if libqx_runtime is installed on this system; or else those that CMake
-builds from the source tree around this folder. The extension of SQLite that QX_SQLITE_EXTENSION names is
-carried too. No compiler is needed in the first two cases. A system
+builds from the source tree around this folder, with the extension of SQLite if its headers are there. That
+which QX_SQLITE_EXTENSION names is carried, too. No compiler is needed in the first two cases. A system
 without xxHash builds no libqx_collection: then the package has no Collection.
 """
 
@@ -48,14 +48,16 @@ def carried_libraries(scratch):
     """The paths of the libraries that the wheel shall carry, by their names in it."""
     runtime = named_library("QX_RUNTIME_LIBRARY")
     collection = named_library("QX_COLLECTION_LIBRARY")
+    extension = named_library("QX_SQLITE_EXTENSION")
     if runtime is None and not ctypes.util.find_library("qx_runtime"):
         build_libraries(scratch)
         runtime = pathlib.Path(scratch, "libqx_runtime.so")
         collection = collection or pathlib.Path(scratch, "collection/libqx_collection.so")
+        extension = extension or pathlib.Path(scratch, "hosts/sqlite/qx.so")
     elif runtime is not None and collection is None:
         collection = runtime.with_name(runtime.name.replace("qx_runtime", "qx_collection"))
     paths = {"libqx_runtime.so.1": runtime, "libqx_collection.so.1": collection,
-             "qx.so": named_library("QX_SQLITE_EXTENSION")}
+             "qx.so": extension}
     return {name: path for name, path in paths.items() if path is not None and path.is_file()}
 
 
@@ -63,8 +65,12 @@ def build_libraries(scratch):
     if not (SOURCE / "engine").is_dir() or not shutil.which("cmake"):
         raise SystemExit("libqx_runtime is not installed. Install it, or set QX_RUNTIME_LIBRARY to "
                          "its path, or install CMake and a C++ compiler to build it.")
+    has_headers = all(any(pathlib.Path(folder, header).is_file()
+                          for folder in ("/usr/include", "/usr/local/include"))
+                      for header in ("sqlite3ext.h", "xxhash.h"))
     subprocess.run(["cmake", "-S", SOURCE, "-B", scratch, "-DCMAKE_BUILD_TYPE=Release",
-                    "-DQX_BUILD_TESTS=OFF", "-DQX_BUILD_EXAMPLES=OFF"], check=True)
+                    "-DQX_BUILD_TESTS=OFF", "-DQX_BUILD_EXAMPLES=OFF",
+                    f"-DQX_BUILD_SQLITE={'ON' if has_headers else 'OFF'}"], check=True)
     subprocess.run(["cmake", "--build", scratch], check=True)
 
 

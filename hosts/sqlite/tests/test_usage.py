@@ -4,6 +4,7 @@ import operator
 import os
 import sqlite3
 import subprocess
+import zipfile
 
 import pytest
 
@@ -180,11 +181,32 @@ def test_shadow_tables_are_protected_in_defensive_mode(tmp_path):
     assert "table t_values may not be modified" in done.stderr
 
 
+PYTHON = os.path.join(os.path.dirname(__file__), "../../../bindings/python")
+
+
+def module(path):
+    spec = importlib.util.spec_from_file_location("loaded", path)
+    loaded = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(loaded)
+    return loaded
+
+
+def test_the_wheel_of_python_carries_it(tmp_path, monkeypatch):
+    library = os.environ["QX_SQLITE_EXTENSION"] + ".so"
+    for name in ("QX_SQLITE_EXTENSION", "QX_RUNTIME_LIBRARY"):
+        monkeypatch.setenv(name, library)
+    wheel = module(f"{PYTHON}/backend.py").build_wheel(tmp_path)
+    monkeypatch.delenv("QX_SQLITE_EXTENSION")
+    zipfile.ZipFile(tmp_path / wheel).extractall(tmp_path)
+    sqlite = module(tmp_path / "qx_runtime/sqlite.py")
+    connection = sqlite3.connect(":memory:")
+    sqlite.load(connection)
+    assert sqlite.extension() == str(tmp_path / "qx_runtime/qx.so")
+    assert connection.execute("SELECT qx_json(qx_int8(x'0102'))").fetchone() == ("[1,2]",)
+
+
 def test_the_package_of_python_loads_it():
-    path = os.path.join(os.path.dirname(__file__), "../../../bindings/python/qx_runtime/sqlite.py")
-    spec = importlib.util.spec_from_file_location("qx_sqlite", path)
-    sqlite = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(sqlite)
+    sqlite = module(f"{PYTHON}/qx_runtime/sqlite.py")
     connection = sqlite3.connect(":memory:")
     sqlite.load(connection)
     assert connection.execute("SELECT qx_json(?)", [sqlite.vector([1, 2])]).fetchone() == ("[1,2]",)
