@@ -203,7 +203,8 @@ def main():
         "# SQLite: beside sqlite-vec", "",
         "Written by `hosts/sqlite/bench`. Both extensions run in one process, each on a database of its "
         "own (WAL), in the same rounds; the medians count. First searches and memory are of processes of their "
-        "own, whose files the system has in memory; codes are a byte a number and six a row. Vectors have "
+        "own, whose files the system has in memory; codes are a byte a number and six a row. Searches of the two "
+        "alternate, and each begins with the caches full of the other's rows. Vectors have "
         "length 1, so that the cosine of the one ranks as the inner product of the other.", "",
         f"SQLite {sqlite3.sqlite_version}, sqlite-vec {peer}, Python {platform.python_version()}, "
         f"{os.cpu_count()} CPUs; the load of the machine was {load_before:.1f} before and "
