@@ -31,6 +31,7 @@ autovacuum = off
 jit = off
 max_parallel_workers_per_gather = {cpus}
 qx.warn_scans = off
+qx.use_index = off
 """
 TABLES = """
 CREATE EXTENSION qx;

@@ -6,8 +6,16 @@ CREATE TABLE qx.changes (relation oid NOT NULL, xid bigint NOT NULL, key bytea);
 CREATE INDEX changes_key ON qx.changes (relation, xid);
 LOCK TABLE qx.log IN ACCESS EXCLUSIVE MODE;
 INSERT INTO qx.changes SELECT relation, xid, pg_catalog.int8send(id) FROM qx.log;
-CREATE OR REPLACE FUNCTION qx.waiting(oid) RETURNS bigint LANGUAGE sql STABLE SECURITY DEFINER
-  SET search_path = pg_catalog AS 'SELECT count(*) FROM qx.changes WHERE relation = $1';
+CREATE OR REPLACE VIEW qx.stat_indexes AS
+  SELECT c.oid::regclass AS relation, s.ready, s.rows, s.rows_expected, s.bytes, s.changes,
+         (SELECT count(*) FROM qx.changes l WHERE l.relation = c.oid) AS log_entries,
+         s.searches, s.search_microseconds, s.error
+  FROM pg_catalog.pg_trigger t
+  JOIN pg_catalog.pg_class c ON c.oid = t.tgrelid
+  LEFT JOIN qx.stat() s ON s.relation = c.oid
+  WHERE t.tgfoid = 'qx.declare_columns'::pg_catalog.regproc
+    AND pg_catalog.has_table_privilege(c.oid, 'SELECT');
+DROP FUNCTION qx.waiting(oid);
 DROP TABLE qx.log;
 SELECT pg_catalog.pg_terminate_backend(pid) FROM pg_catalog.pg_stat_activity
   WHERE backend_type = 'qx worker' AND datname = pg_catalog.current_database();

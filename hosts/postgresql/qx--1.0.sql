@@ -1,5 +1,13 @@
 \echo Use "CREATE EXTENSION qx" to load this file. \quit
 
+-- Whoever owns the schema could put what he likes beside the extension's own.
+DO $$ BEGIN
+  IF NOT (SELECT r.rolsuper FROM pg_catalog.pg_namespace n JOIN pg_catalog.pg_roles r
+          ON r.oid OPERATOR(pg_catalog.=) n.nspowner WHERE n.nspname OPERATOR(pg_catalog.=) 'qx') THEN
+    RAISE EXCEPTION 'the schema qx is owned by a user who is no superuser';
+  END IF;
+END $$;
+
 -- Which rows of which tables were changed by which transactions, until all know. The id is NULL
 -- where any row may have been.
 CREATE TABLE qx.log (relation oid NOT NULL, xid bigint NOT NULL, id bigint);

@@ -1,11 +1,13 @@
 /*
  * An index is declared by triggers of its table, so that the server renames, dumps and drops the
  * declaration with the table. The columns of "0_qx_columns", which does nothing, are the id, the
- * vector and the filtered columns; its argument is the metric.
+ * vector and the filtered columns; its arguments are the metric, and the dimension where it is
+ * known.
  */
 #include "access/genam.h"
 #include "access/table.h"
 #include "catalog/namespace.h"
+#include "catalog/pg_inherits.h"
 #include "catalog/pg_trigger.h"
 #include "catalog/pg_type.h"
 #include "commands/trigger.h"
@@ -93,13 +95,14 @@ static int32 metric_of(const char* name) {
 static void read_columns(QxDefinition* d, Relation table, const Trigger* trigger) {
   int i;
   Oid vector;
-  if (trigger->tgnattr < 2 || trigger->tgnattr > QX_MOST_COLUMNS + 2 || trigger->tgnargs != 1)
+  if (trigger->tgnattr < 2 || trigger->tgnattr > QX_MOST_COLUMNS + 2 || trigger->tgnargs < 1)
     return;
   d->id = column_of(table, trigger->tgattr[0]);
   d->vector = trigger->tgattr[1];
   vector = TupleDescAttr(RelationGetDescr(table), d->vector - 1)->atttypid;
   d->n_columns = trigger->tgnattr - 2;
   d->metric = metric_of(trigger->tgargs[0]);
+  if (trigger->tgnargs > 1) d->dim = Min(Max(atoi(trigger->tgargs[1]), 0), QX_LARGEST_DIM);
   d->id_kind = d->id.type == QX_INTEGER ? QX_NUMBERS : QX_TEXTS;
   d->exists = qx_may_be_key(d->id.sql_type) && vector == FLOAT4ARRAYOID;
   for (i = 0; i < d->n_columns; i++) {
@@ -150,7 +153,7 @@ const QxDefinition* qx_definition(Relation table) {
     d.tables = qx_object("tables");
     d.primary_key = RelationGetPrimaryKeyIndex(table);
     d.complete = always == 3 && is_primary_key(&d);
-    d.dim = (int32)qx_read_tables(d.tables, d.table, QX_TABLES_DIM, NULL);
+    if (d.dim == 0) d.dim = (int32)qx_read_tables(d.tables, d.table, QX_TABLES_DIM, NULL);
   }
   latest = d;
   if (d.exists && d.log == InvalidOid) {
@@ -160,6 +163,11 @@ const QxDefinition* qx_definition(Relation table) {
             errhint("ALTER EXTENSION qx UPDATE."));
   }
   return &latest;
+}
+
+bool qx_has_children(Relation table) {
+  return table->rd_rel->relhassubclass &&
+         find_inheritance_children(RelationGetRelid(table), NoLock) != NIL;
 }
 
 void qx_require_index(Relation table, const QxDefinition* definition) {
@@ -174,5 +182,10 @@ void qx_require_index(Relation table, const QxDefinition* definition) {
         errmsg("table \"%s\" lacks a trigger of qx that fires always, or its primary key",
                RelationGetRelationName(table)),
         errhint("ALTER TABLE ... ENABLE ALWAYS TRIGGER, or qx.drop_index and qx.create_index."));
+  }
+  if (qx_has_children(table)) {
+    ereport(ERROR, errcode(ERRCODE_WRONG_OBJECT_TYPE),
+            errmsg("table \"%s\" has children, whose rows its index of qx has not",
+                   RelationGetRelationName(table)));
   }
 }

@@ -1,11 +1,7 @@
 /* What the server loads: settings, and scores as SQL functions and operators, which are exact. */
 #include <math.h>
 
-#include "access/table.h"
 #include "extension/qx.h"
-#include "nodes/pathnodes.h"
-#include "nodes/supportnodes.h"
-#include "parser/parsetree.h"
 #include "utils/array.h"
 #include "utils/guc.h"
 
@@ -13,7 +9,6 @@ PG_MODULE_MAGIC;
 
 int32 qx_memory_limit = 0;
 int32 qx_search_threads = 0;
-static bool warn_scans = true;
 
 PGDLLEXPORT void _PG_init(void);
 
@@ -24,11 +19,11 @@ void _PG_init(void) {
   DefineCustomIntVariable("qx.search_threads", "Most threads of a search.",
                           "0 is as many as there are CPUs.", &qx_search_threads, 0, 0, 1024,
                           PGC_USERSET, 0, NULL, NULL, NULL);
-  DefineCustomBoolVariable("qx.warn_scans", "Warns of an ORDER BY that leaves an index aside.",
-                           NULL, &warn_scans, true, PGC_USERSET, 0, NULL, NULL, NULL);
+  qx_offer_order();
   MarkGUCPrefixReserved("qx");
   qx_watch_definitions();
   qx_watch_commits();
+  qx_watch_pending();
 }
 
 PG_FUNCTION_INFO_V1(qx_inner_product);
@@ -36,7 +31,6 @@ PG_FUNCTION_INFO_V1(qx_cosine);
 PG_FUNCTION_INFO_V1(qx_squared_distance);
 PG_FUNCTION_INFO_V1(qx_by_inner_product);
 PG_FUNCTION_INFO_V1(qx_by_cosine);
-PG_FUNCTION_INFO_V1(qx_planned);
 
 static int32 dims_of_both(ArrayType* a, ArrayType* b) {
   const char* problem = qx_vector_problem(a, 0);
@@ -88,39 +82,4 @@ Datum qx_squared_distance(PG_FUNCTION_ARGS) {
     sum = sum + square;
   }
   PG_RETURN_FLOAT4(sum);
-}
-
-/* ---- ORDER BY ... LIMIT, which reads every row ------------------------------------------------
- */
-
-static void warn(const PlannerInfo* root, const Var* vector) {
-  const RangeTblEntry* entry = rt_fetch(vector->varno, root->parse->rtable);
-  Relation table;
-  const QxDefinition* d;
-  if (entry->rtekind != RTE_RELATION || entry->relkind != RELKIND_RELATION) return;
-  table = table_open(entry->relid, AccessShareLock);
-  d = qx_definition(table);
-  if (d->exists && d->vector == vector->varattno) {
-    ereport(WARNING,
-            errmsg("this ORDER BY reads every row of \"%s\" and not its index of qx",
-                   RelationGetRelationName(table)),
-            errhint("Join qx.search, or set qx.warn_scans to off."));
-  }
-  table_close(table, AccessShareLock);
-}
-
-/* Called for each operator of a statement that is planned; nothing is simplified. */
-Datum qx_planned(PG_FUNCTION_ARGS) {
-  const Node* request = (const Node*)PG_GETARG_POINTER(0);
-  const SupportRequestSimplify* simplify = (const SupportRequestSimplify*)request;
-  ListCell* argument;
-  if (!IsA(request, SupportRequestSimplify) || !warn_scans || simplify->root == NULL ||
-      simplify->root->parse->sortClause == NIL || simplify->root->parse->limitCount == NULL) {
-    PG_RETURN_POINTER(NULL);
-  }
-  foreach (argument, simplify->fcall->args) {
-    const Var* vector = lfirst(argument);
-    if (IsA(vector, Var) && vector->varlevelsup == 0) warn(simplify->root, vector);
-  }
-  PG_RETURN_POINTER(NULL);
 }

@@ -2,6 +2,7 @@
 #ifndef QX_H
 #define QX_H
 
+#include "access/genam.h"
 #include "access/relation.h"
 #include "executor/tuptable.h"
 #include "fmgr.h"
@@ -14,6 +15,7 @@
 #include "wire.h"
 
 #define QX_MOST_COLUMNS 100
+#define QX_LARGEST_DIM 65536
 
 /* ---- definition.c: what an index is, which the triggers of its table say ------------------- */
 
@@ -52,6 +54,7 @@ int64 qx_read_tables(Oid tables, Oid table, AttrNumber number, Snapshot snapshot
 /* Valid until the next call. */
 const QxDefinition* qx_definition(Relation table);
 void qx_require_index(Relation table, const QxDefinition* definition);
+bool qx_has_children(Relation table);
 int32 qx_type_of(Oid sql_type); /* -1: none */
 bool qx_may_be_key(Oid sql_type);
 void qx_watch_definitions(void);
@@ -60,7 +63,6 @@ void qx_watch_definitions(void);
 
 /* What keeps an array from being a vector, or null. */
 const char* qx_vector_problem(ArrayType* array, int32 dim);
-void qx_decide_dim(Relation table, int32 dim);
 
 /* The numbers of an array of one dimension without a NULL. */
 static inline const float* qx_numbers(const ArrayType* array) {
@@ -77,17 +79,20 @@ typedef struct QxSnapshot {
 
 /* Keys are bytes in the log: big-endian int64, or those of a uuid or a text. */
 typedef struct QxChanges {
-  bool all; /* any row may have changed */
-  bool any_entry;
+  bool all;     /* any row may have changed */
   bytea** keys; /* distinct */
   int count;
 } QxChanges;
 
 void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file);
 QxSnapshot qx_read_snapshot(const char** from);
-/* Reads the log by `reading`; rows that `snapshot` and any of `others` may see differently. */
+QxSnapshot qx_snapshot_of(Snapshot snapshot, uint32 relation_file);
+/* Of all that is committed now, also where a parallel query runs; registered. */
+Snapshot qx_fresh_snapshot(const QxDefinition* definition);
+/* Reads the log by `reading`; rows that two of the snapshots may see differently. With
+   `all_running` also entries of transactions that all of them leave unseen are read. */
 QxChanges qx_changes_between(const QxDefinition* definition, Snapshot reading,
-                             const QxSnapshot* others, int n_others, Snapshot snapshot);
+                             const QxSnapshot* snapshots, int n, bool all_running);
 uint64 qx_full_xid(TransactionId xid);
 
 /* ---- rows.c: rows of a table as a message ------------------------------------------------- */
@@ -103,6 +108,9 @@ int qx_rows_count(const QxRowsMessage* rows);
 void qx_rows_write(QxRowsMessage* rows, StringInfo to); /* and starts anew */
 int64 qx_integer_of(const QxColumnOf* column, Datum datum);
 bytea* qx_key_of(const QxColumnOf* id, Datum datum);
+bytea* qx_key_of_bytes(const char* bytes, Size size);
+bytea* qx_key_of_number(int64 number);
+void qx_seek(IndexScanDesc of_primary_key, const QxDefinition* definition, bytea* key);
 /* Adds the rows of keys that a snapshot sees. */
 const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot,
                           bytea* const* keys, int count);
@@ -121,6 +129,22 @@ static inline void qx_take(const char** from, void* to, size_t size) {
   memcpy(to, *from, size);
   *from += size;
 }
+
+/* ---- search.c ------------------------------------------------------------------------------ */
+
+/* The keys of the k best rows that a snapshot sees. */
+int64 qx_best_keys(Relation table, Snapshot snapshot, ArrayType* query, int64 k, bytea*** keys);
+
+/* ---- order.c: ORDER BY an operator --------------------------------------------------------- */
+
+void qx_offer_order(void);
+
+/* ---- pending.c: rows that are changed before their triggers fire ----------------------------- */
+
+void qx_watch_pending(void);
+void qx_note_fired(Oid table); /* for one row */
+/* Whether all rows of a table that this transaction has changed have been logged. */
+bool qx_all_fired(Relation table);
 
 /* ---- shared.c: what the processes of the server know of its workers -------------------------- */
 

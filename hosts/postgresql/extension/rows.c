@@ -1,5 +1,4 @@
 /* Rows of a table become the rows of a message, column by column. */
-#include "access/genam.h"
 #include "access/tableam.h"
 #include "catalog/pg_type.h"
 #include "extension/qx.h"
@@ -80,24 +79,22 @@ int64 qx_integer_of(const QxColumnOf* column, Datum datum) {
   return DatumGetInt64(datum);
 }
 
-bytea* qx_key_of(const QxColumnOf* id, Datum datum) {
-  char number[sizeof(int64)];
-  const char* bytes = number;
-  int size = sizeof number;
-  bytea* key;
-  if (id->type == QX_INTEGER) {
-    uint64 big = pg_hton64((uint64)qx_integer_of(id, datum));
-    memcpy(number, &big, sizeof big);
-  } else if (id->type == QX_TEXT) {
-    return DatumGetByteaPCopy(datum);
-  } else {
-    bytes = (const char*)DatumGetUUIDP(datum)->data;
-    size = UUID_LEN;
-  }
-  key = palloc((Size)(VARHDRSZ + size));
+bytea* qx_key_of_bytes(const char* bytes, Size size) {
+  bytea* key = palloc(VARHDRSZ + size);
   SET_VARSIZE(key, VARHDRSZ + size);
-  memcpy(VARDATA(key), bytes, (size_t)size);
+  memcpy(VARDATA(key), bytes, size);
   return key;
+}
+
+bytea* qx_key_of_number(int64 number) {
+  uint64 big = pg_hton64((uint64)number);
+  return qx_key_of_bytes((const char*)&big, sizeof big);
+}
+
+bytea* qx_key_of(const QxColumnOf* id, Datum datum) {
+  if (id->type == QX_INTEGER) return qx_key_of_number(qx_integer_of(id, datum));
+  if (id->type == QX_TEXT) return DatumGetByteaPCopy(datum);
+  return qx_key_of_bytes((const char*)DatumGetUUIDP(datum)->data, UUID_LEN);
 }
 
 static int64 number_of(const bytea* key) {
@@ -240,6 +237,15 @@ static Datum key_datum(Oid type, bytea* key, RegProcedure* equals) {
   }
 }
 
+void qx_seek(IndexScanDesc scan, const QxDefinition* d, bytea* key) {
+  ScanKeyData of_key;
+  RegProcedure equals;
+  Datum datum = key_datum(d->id.sql_type, key, &equals);
+  ScanKeyEntryInitialize(&of_key, 0, 1, BTEqualStrategyNumber, InvalidOid,
+                         scan->indexRelation->rd_indcollation[0], equals, datum);
+  index_rescan(scan, &of_key, 1, NULL, 0);
+}
+
 const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot,
                           bytea* const* keys, int count) {
   const QxDefinition* d = rows->definition;
@@ -249,12 +255,7 @@ const char* qx_rows_fetch(QxRowsMessage* rows, Relation table, Snapshot snapshot
   const char* problem = NULL;
   int i;
   for (i = 0; i < count && problem == NULL; i++) {
-    ScanKeyData key;
-    RegProcedure equals;
-    Datum datum = key_datum(d->id.sql_type, keys[i], &equals);
-    ScanKeyEntryInitialize(&key, 0, 1, BTEqualStrategyNumber, InvalidOid, index->rd_indcollation[0],
-                           equals, datum);
-    index_rescan(scan, &key, 1, NULL, 0);
+    qx_seek(scan, d, keys[i]);
     while (problem == NULL && index_getnext_slot(scan, ForwardScanDirection, slot)) {
       problem = qx_rows_add(rows, slot);
     }

@@ -13,6 +13,7 @@
 #include "miscadmin.h"
 #include "pgstat.h"
 #include "storage/latch.h"
+#include "storage/lmgr.h"
 #include "utils/acl.h"
 #include "utils/array.h"
 #include "utils/builtins.h"
@@ -125,17 +126,24 @@ static void search_replaced(Search* s, const QxChanges* changes) {
 
 /* Under SERIALIZABLE, reading the log by the caller's snapshot is what conflicts are found by:
    whoever changes the table writes there. */
-static QxChanges read_log(Search* s, const QxSnapshot* rows, int n) {
+static QxChanges read_log(Search* s, const QxSnapshot* snapshots, int n) {
   Snapshot reading;
   QxChanges changes;
   if (IsolationIsSerializable()) {
-    qx_changes_between(&s->definition, s->snapshot, rows, n, s->snapshot);
+    qx_changes_between(&s->definition, s->snapshot, &snapshots[n - 1], 1, true);
   }
-  reading = RegisterSnapshot(GetLatestSnapshot());
+  reading = qx_fresh_snapshot(&s->definition);
   reading->curcid = InvalidCommandId; /* all own entries */
-  changes = qx_changes_between(&s->definition, reading, rows, n, s->snapshot);
+  changes = qx_changes_between(&s->definition, reading, snapshots, n, false);
   UnregisterSnapshot(reading);
   return changes;
+}
+
+/* Whether someone waits for the whole table: behind him the worker would wait, and he for us. */
+static bool is_awaited(Relation table) {
+  if (!ConditionalLockRelation(table, RowShareLock)) return true;
+  UnlockRelation(table, RowShareLock);
+  return false;
 }
 
 /* False where the program has nothing to search, waits for what this transaction has done, or
@@ -148,7 +156,7 @@ static bool ask_until_loaded(Search* s) {
   while ((status = qx_ask(QX_SEARCH, &s->message, &s->answer)) != QX_ANSWER) {
     int woken;
     if (status == QX_EMPTY || status == QX_REFUSED ||
-        TransactionIdIsValid(GetTopTransactionIdIfAny())) {
+        TransactionIdIsValid(GetTopTransactionIdIfAny()) || is_awaited(s->table)) {
       return false;
     }
     if (status == QX_UNKNOWN) qx_wake_worker();
@@ -162,21 +170,23 @@ static bool ask_until_loaded(Search* s) {
 
 static void search(Search* s) {
   const char* from;
-  QxSnapshot rows[2];
+  QxSnapshot snapshots[3]; /* of the rows of the index, one or two, and the caller's */
   int32 n;
   QxChanges changes;
   /* A table that this transaction has made or rewritten is not what the worker sees. */
   if (s->table->rd_createSubid != InvalidSubTransactionId ||
-      s->table->rd_newRelfilenodeSubid != InvalidSubTransactionId || !ask_until_loaded(s)) {
+      s->table->rd_newRelfilenodeSubid != InvalidSubTransactionId || !qx_all_fired(s->table) ||
+      !ask_until_loaded(s)) {
     scan_table(s);
     return;
   }
   from = s->answer.data;
   qx_take(&from, &n, sizeof n);
-  for (int i = 0; i < n; i++) rows[i] = qx_read_snapshot(&from);
-  changes = read_log(s, rows, n);
+  for (int i = 0; i < n; i++) snapshots[i] = qx_read_snapshot(&from);
+  snapshots[n] = qx_snapshot_of(s->snapshot, 0);
+  changes = read_log(s, snapshots, n + 1);
   if (changes.all || changes.count > 0) qx_wake_worker();
-  if (changes.all || rows[0].horizon.relation_file != s->table->rd_node.relNode) {
+  if (changes.all || snapshots[0].horizon.relation_file != s->table->rd_node.relNode) {
     qx_tell(QX_RELEASE);
     scan_table(s);
     return;
@@ -207,6 +217,30 @@ static void write_question(Search* s, ArrayType* query, int64 k, const char* fil
   qx_write_text(&s->question, filter);
   qx_put(&s->question, int32, dim);
   appendBinaryStringInfo(&s->question, (const char*)qx_numbers(query), dim * (int)sizeof(float));
+}
+
+static void begin(Search* s, ArrayType* query, int64 k, const char* filter) {
+  if (s->definition.dim == 0) {
+    s->definition.dim = qx_find_dim(s->table, &s->definition, s->snapshot);
+  }
+  write_question(s, query, k, filter);
+  if (s->definition.dim > 0) search(s); /* else there is no vector */
+}
+
+int64 qx_best_keys(Relation table, Snapshot snapshot, ArrayType* query, int64 k, bytea*** keys) {
+  Search s = {.table = table, .definition = *qx_definition(table), .snapshot = snapshot};
+  const char* bytes;
+  qx_require_index(table, &s.definition);
+  begin(&s, query, k, "");
+  *keys = MemoryContextAllocHuge(CurrentMemoryContext, sizeof(bytea*) * (Size)s.count + 1);
+  bytes = s.bytes;
+  for (int64 i = 0; i < s.count; i++) {
+    int64 id = size_of_id(&s, i);
+    (*keys)[i] =
+        s.definition.id_kind == QX_TEXTS ? qx_key_of_bytes(bytes, (Size)id) : qx_key_of_number(id);
+    bytes += s.definition.id_kind == QX_TEXTS ? id : 0;
+  }
+  return s.count;
 }
 
 static void give_out(FunctionCallInfo fcinfo, const Search* s) {
@@ -259,15 +293,9 @@ Datum qx_search(PG_FUNCTION_ARGS) {
   check_privileges(&s);
   check_key(fcinfo, &s);
   s.snapshot = GetActiveSnapshot();
-  if (s.definition.dim == 0) {
-    s.definition.dim = qx_find_dim(s.table, &s.definition, s.snapshot);
-  }
-  write_question(&s, PG_GETARG_ARRAYTYPE_P(1), PG_GETARG_INT64(2),
-                 PG_ARGISNULL(3) ? "" : text_to_cstring(PG_GETARG_TEXT_PP(3)));
-  if (s.definition.dim > 0) { /* else there is no vector */
-    search(&s);
-    give_out(fcinfo, &s);
-  }
+  begin(&s, PG_GETARG_ARRAYTYPE_P(1), PG_GETARG_INT64(2),
+        PG_ARGISNULL(3) ? "" : text_to_cstring(PG_GETARG_TEXT_PP(3)));
+  give_out(fcinfo, &s);
   table_close(s.table, AccessShareLock);
   PG_RETURN_VOID();
 }
@@ -291,7 +319,7 @@ Datum qx_stat(PG_FUNCTION_ARGS) {
     QxIndexStats stats;
     int32 size;
     Datum values[9];
-    bool nulls[9] = {false};
+    bool gone, nulls[9] = {false};
     qx_take(&from, &stats, sizeof stats);
     qx_take(&from, &size, sizeof size);
     values[0] = ObjectIdGetDatum(stats.table);
@@ -305,6 +333,7 @@ Datum qx_stat(PG_FUNCTION_ARGS) {
     values[8] = PointerGetDatum(cstring_to_text_with_len(from, size));
     nulls[8] = size == 0;
     from += size;
+    if (pg_class_aclcheck_ext(stats.table, GetUserId(), ACL_SELECT, &gone) != ACLCHECK_OK) continue;
     tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
   }
   PG_RETURN_VOID();

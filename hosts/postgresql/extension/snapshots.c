@@ -20,16 +20,24 @@ uint64 qx_full_xid(TransactionId xid) {
   return U64FromFullTransactionId(FullTransactionIdFromEpochAndXid(epoch, xid));
 }
 
+static int compare_xids(const void* a, const void* b) {
+  uint64 x = *(const uint64*)a, y = *(const uint64*)b;
+  return (x > y) - (x < y);
+}
+
 void qx_write_snapshot(StringInfo to, Snapshot snapshot, uint32 relation_file) {
   /* In recovery all transactions in progress are in subxip. */
   bool recovery = snapshot->takenDuringRecovery;
   uint32 n = recovery ? (uint32)snapshot->subxcnt : snapshot->xcnt;
   QxHorizon horizon = {qx_full_xid(snapshot->xmin), qx_full_xid(snapshot->xmax), relation_file, n};
-  uint32 i;
-  appendBinaryStringInfo(to, (const char*)&horizon, sizeof horizon);
-  for (i = 0; i < n; i++) {
-    qx_put(to, uint64, qx_full_xid(recovery ? snapshot->subxip[i] : snapshot->xip[i]));
+  uint64* running = palloc(sizeof *running * n + 1);
+  for (uint32 i = 0; i < n; i++) {
+    running[i] = qx_full_xid(recovery ? snapshot->subxip[i] : snapshot->xip[i]);
   }
+  qsort(running, n, sizeof *running, compare_xids);
+  appendBinaryStringInfo(to, (const char*)&horizon, sizeof horizon);
+  appendBinaryStringInfo(to, (const char*)running, (int)(sizeof *running * n));
+  pfree(running);
 }
 
 QxSnapshot qx_read_snapshot(const char** from) {
@@ -42,14 +50,27 @@ QxSnapshot qx_read_snapshot(const char** from) {
   return snapshot;
 }
 
+QxSnapshot qx_snapshot_of(Snapshot snapshot, uint32 relation_file) {
+  StringInfoData copy;
+  const char* from;
+  QxSnapshot made;
+  initStringInfo(&copy);
+  qx_write_snapshot(&copy, snapshot, relation_file);
+  from = copy.data;
+  made = qx_read_snapshot(&from);
+  pfree(copy.data);
+  return made;
+}
+
+Snapshot qx_fresh_snapshot(const QxDefinition* d) {
+  return RegisterSnapshot(GetCatalogSnapshot(d->log));
+}
+
 static bool committed_before(uint64 xid, const QxSnapshot* snapshot) {
-  uint32 i;
   if (xid < snapshot->horizon.xmin) return true;
   if (xid >= snapshot->horizon.xmax) return false;
-  for (i = 0; i < snapshot->horizon.n_running; i++) {
-    if (snapshot->running[i] == xid) return false;
-  }
-  return true;
+  return bsearch(&xid, snapshot->running, snapshot->horizon.n_running, sizeof xid, compare_xids) ==
+         NULL;
 }
 
 static int compare_keys(const void* a, const void* b) {
@@ -64,49 +85,85 @@ static uint64 pruned_until(const QxDefinition* d, Snapshot reading) {
   return (uint64)qx_read_tables(d->tables, d->table, QX_TABLES_PRUNED, reading);
 }
 
-/* Own changes that came later than the snapshot count too: they are read by it all the same. */
-static bool differs(uint64 xid, uint64 own, const QxSnapshot* others, int n, Snapshot snapshot) {
-  bool unseen;
-  if (xid == own) return true;
-  unseen = XidInMVCCSnapshot((TransactionId)xid, snapshot);
-  for (int i = 0; i < n; i++) {
-    if (committed_before(xid, &others[i]) == unseen) return true;
+typedef struct Reading {
+  const QxDefinition* d;
+  Relation log;
+  Snapshot snapshot;
+  const QxSnapshot* snapshots; /* which may disagree */
+  int n;
+  uint64 own;
+  QxChanges changes;
+  int room;
+} Reading;
+
+/* Own changes count also where they came later than the snapshot: they are read by it all the same.
+ */
+static bool differs(uint64 xid, const Reading* r) {
+  bool seen = committed_before(xid, &r->snapshots[0]);
+  for (int i = 1; i < r->n; i++) {
+    if (committed_before(xid, &r->snapshots[i]) != seen) return true;
   }
-  return false;
+  return xid == r->own;
 }
 
-QxChanges qx_changes_between(const QxDefinition* d, Snapshot reading, const QxSnapshot* others,
-                             int n_others, Snapshot snapshot) {
-  QxChanges changes = {0};
-  uint64 first = qx_full_xid(snapshot->xmin);
-  uint64 own = U64FromFullTransactionId(GetTopFullTransactionIdIfAny());
-  Relation log = table_open(d->log, AccessShareLock);
+static void add_change(Reading* r, Datum key, bool null) {
+  QxChanges* changes = &r->changes;
+  if (null) {
+    changes->all = true;
+    return;
+  }
+  if (changes->count == r->room) {
+    r->room = Max(64, r->room * 2);
+    changes->keys = changes->keys == NULL
+                        ? palloc(sizeof(bytea*) * (Size)r->room)
+                        : repalloc_huge(changes->keys, sizeof(bytea*) * (Size)r->room);
+  }
+  changes->keys[changes->count++] = DatumGetByteaPCopy(key);
+}
+
+static void read_entries(Reading* r, uint64 first, uint64 last) {
+  ScanKeyData keys[3];
   SysScanDesc scan;
-  ScanKeyData keys[2];
   HeapTuple entry;
-  int room = 64;
-  for (int i = 0; i < n_others; i++) first = Min(first, others[i].horizon.xmin);
-  changes.keys = palloc(sizeof(bytea*) * (Size)room);
-  ScanKeyInit(&keys[0], 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(d->table));
+  ScanKeyInit(&keys[0], 1, BTEqualStrategyNumber, F_OIDEQ, ObjectIdGetDatum(r->d->table));
   ScanKeyInit(&keys[1], 2, BTGreaterEqualStrategyNumber, F_INT8GE, Int64GetDatum((int64)first));
-  scan = systable_beginscan(log, d->log_key, true, reading, 2, keys);
+  ScanKeyInit(&keys[2], 2, BTLessEqualStrategyNumber, F_INT8LE, Int64GetDatum((int64)last));
+  scan = systable_beginscan(r->log, r->d->log_key, true, r->snapshot, 3, keys);
   while ((entry = systable_getnext(scan)) != NULL) {
     bool null;
-    uint64 xid = (uint64)DatumGetInt64(heap_getattr(entry, 2, RelationGetDescr(log), &null));
-    Datum key = heap_getattr(entry, 3, RelationGetDescr(log), &null);
-    changes.any_entry = true;
-    if (!differs(xid, own, others, n_others, snapshot)) continue;
-    if (null) changes.all = true;
-    if (changes.count == room) {
-      room *= 2;
-      changes.keys = repalloc_huge(changes.keys, sizeof(bytea*) * (Size)room);
-    }
-    if (!null) changes.keys[changes.count++] = DatumGetByteaPCopy(key);
+    uint64 xid = (uint64)DatumGetInt64(heap_getattr(entry, 2, RelationGetDescr(r->log), &null));
+    Datum key = heap_getattr(entry, 3, RelationGetDescr(r->log), &null);
+    if (differs(xid, r)) add_change(r, key, null);
   }
   systable_endscan(scan);
-  table_close(log, AccessShareLock);
-  if (pruned_until(d, reading) > first) changes.all = true;
-  qsort(changes.keys, (size_t)changes.count, sizeof(bytea*), compare_keys);
-  changes.count = (int)qunique(changes.keys, (size_t)changes.count, sizeof(bytea*), compare_keys);
-  return changes;
+}
+
+/*
+ * Transactions from the lowest xmax on are unseen by a snapshot, and earlier ones may differ only
+ * if they ran in some. So what a long one has logged is not read again and again, nor what was
+ * logged beside it.
+ */
+QxChanges qx_changes_between(const QxDefinition* d, Snapshot reading, const QxSnapshot* snapshots,
+                             int n, bool all_running) {
+  uint64 until = snapshots[0].horizon.xmax, first;
+  Reading r = {d, table_open(d->log, AccessShareLock), reading, snapshots, n, 0, {0}, 0};
+  r.own = U64FromFullTransactionId(GetTopFullTransactionIdIfAny());
+  for (int i = 1; i < n; i++) until = Min(until, snapshots[i].horizon.xmax);
+  first = until;
+  for (int i = 0; i < n; i++) {
+    for (uint32 j = 0; j < snapshots[i].horizon.n_running; j++) {
+      uint64 xid = snapshots[i].running[j];
+      if (xid >= until || xid == r.own || !(all_running || differs(xid, &r))) continue;
+      first = Min(first, xid);
+      read_entries(&r, xid, xid);
+    }
+  }
+  if (r.own != 0 && r.own < until) read_entries(&r, r.own, r.own);
+  read_entries(&r, until, PG_INT64_MAX);
+  table_close(r.log, AccessShareLock);
+  if (pruned_until(d, reading) > first) r.changes.all = true;
+  qsort(r.changes.keys, (size_t)r.changes.count, sizeof(bytea*), compare_keys);
+  r.changes.count =
+      (int)qunique(r.changes.keys, (size_t)r.changes.count, sizeof(bytea*), compare_keys);
+  return r.changes;
 }

@@ -17,6 +17,7 @@
 #include "access/transam.h"
 #include "access/xact.h"
 #include "access/xlog.h"
+#include "catalog/pg_database.h"
 #include "catalog/pg_trigger.h"
 #include "catalog/pg_type.h"
 #include "executor/spi.h"
@@ -52,9 +53,17 @@ typedef struct Loaded {
   QxSnapshot rows;       /* what its rows are of */
 } Loaded;
 
+/* Whatever the server, or the database, has. A standby that lags must not hold the worker up. */
+static const char* const settings[][2] = {{"search_path", "pg_catalog, pg_temp"},
+                                          {"default_transaction_isolation", "read committed"},
+                                          {"default_transaction_read_only", "off"},
+                                          {"lock_timeout", "0"},
+                                          {"synchronous_commit", "off"}};
+
 static int program = -1;
-static bool owed;    /* an answer is outstanding */
-static List* loaded; /* of Loaded */
+static bool owed;         /* an answer is outstanding */
+static bool amid_message; /* which is half written or read */
+static List* loaded;      /* of Loaded */
 
 PGDLLEXPORT void qx_worker(Datum database);
 
@@ -107,6 +116,7 @@ static void wait_for(int events, long milliseconds) {
 }
 
 static void transfer(char* bytes, size_t size, bool write) {
+  amid_message = true;
   while (size > 0) {
     ssize_t n = write ? send(program, bytes, size, MSG_NOSIGNAL) : recv(program, bytes, size, 0);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -117,6 +127,7 @@ static void transfer(char* bytes, size_t size, bool write) {
     bytes += n;
     size -= (size_t)n;
   }
+  amid_message = false;
 }
 
 /* Gives why the program refuses, or null. */
@@ -168,15 +179,9 @@ static const char* tell_snapshot(uint32 kind, Oid table, Relation relation, Snap
 
 static const char* publish(Loaded* index, Relation table, Snapshot snapshot, StringInfo message) {
   const char* problem = tell_snapshot(QX_PUBLISH, index->table, table, snapshot, message);
-  StringInfoData copy;
-  const char* from;
   MemoryContext before = MemoryContextSwitchTo(TopMemoryContext);
   if (index->rows.running != NULL) pfree(index->rows.running);
-  initStringInfo(&copy);
-  qx_write_snapshot(&copy, snapshot, table->rd_node.relNode);
-  from = copy.data;
-  index->rows = qx_read_snapshot(&from);
-  pfree(copy.data);
+  index->rows = qx_snapshot_of(snapshot, table->rd_node.relNode);
   MemoryContextSwitchTo(before);
   index->ready = problem == NULL;
   return problem;
@@ -238,12 +243,25 @@ static const char* refresh(Loaded* index, Relation table, StringInfo message) {
       (index->dim == 0 && d.dim > 0)) {
     return load(index, &d, table, snapshot, message);
   }
-  changes = qx_changes_between(&d, snapshot, &index->rows, 1, snapshot);
-  if (!changes.any_entry && !changes.all) return NULL;
+  changes = qx_changes_between(&d, snapshot,
+                               (QxSnapshot[]){index->rows, qx_snapshot_of(snapshot, 0)}, 2, false);
+  if (changes.count == 0 && !changes.all) return NULL;
   if (changes.all || (index->dim == 0 && changes.count > 0)) {
     return load(index, &d, table, snapshot, message);
   }
   return catch_up(index, &d, table, snapshot, &changes, message);
+}
+
+static void fail(Loaded* index, const char* problem) {
+  StringInfoData message;
+  index->ready = false;
+  index->failed_at = GetCurrentTimestamp();
+  (void)take_answer();
+  initStringInfo(&message);
+  qx_put(&message, uint32, index->table);
+  qx_write_text(&message, problem);
+  tell(QX_FAIL, &message);
+  pfree(message.data);
 }
 
 /* In a transaction with one snapshot, taken once the table can no longer be rewritten. */
@@ -262,19 +280,31 @@ static void bring_up_to_date(Loaded* index) {
     initStringInfo(&message);
     PushActiveSnapshot(GetTransactionSnapshot());
     problem = refresh(index, table, &message);
-    if (problem != NULL) {
-      index->ready = false;
-      index->failed_at = GetCurrentTimestamp();
-      (void)take_answer();
-      resetStringInfo(&message);
-      qx_put(&message, uint32, index->table);
-      qx_write_text(&message, problem);
-      tell(QX_FAIL, &message);
-    }
+    if (problem != NULL) fail(index, problem);
     PopActiveSnapshot();
     relation_close(table, NoLock);
   }
   CommitTransactionCommand();
+}
+
+/* What is wrong with one table must not keep the others from being searched. */
+static void visit(Loaded* index) {
+  MemoryContext before = CurrentMemoryContext;
+  PG_TRY();
+  { bring_up_to_date(index); }
+  PG_CATCH();
+  {
+    ErrorData* error;
+    if (amid_message) PG_RE_THROW();
+    MemoryContextSwitchTo(before);
+    error = CopyErrorData();
+    EmitErrorReport();
+    FlushErrorState();
+    AbortCurrentTransaction();
+    fail(index, error->message);
+    FreeErrorData(error);
+  }
+  PG_END_TRY();
 }
 
 /* ---- All tables ---------------------------------------------------------------------------- */
@@ -350,7 +380,7 @@ static void visit_indexes(void) {
     }
     if (retry) {
       index->failed_at = 0;
-      bring_up_to_date(index);
+      visit(index);
     }
   }
 }
@@ -405,6 +435,15 @@ static bool is_only_worker(void) {
   return LockAcquire(&tag, ExclusiveLock, true, true) != LOCKACQUIRE_NOT_AVAIL;
 }
 
+/* Whoever drops, renames or copies the database waits until nobody is connected to it. */
+static bool must_leave_database(void) {
+  LOCKTAG tag;
+  SET_LOCKTAG_OBJECT(tag, InvalidOid, DatabaseRelationId, MyDatabaseId, 0);
+  if (LockAcquire(&tag, RowExclusiveLock, true, true) == LOCKACQUIRE_NOT_AVAIL) return true;
+  LockRelease(&tag, RowExclusiveLock, true);
+  return false;
+}
+
 /* A back end may wait that has not committed CREATE EXTENSION yet. */
 static bool is_wanted(void) {
   static TimestampTz found = 0;
@@ -425,10 +464,12 @@ void qx_worker(Datum database) {
   BackgroundWorkerUnblockSignals();
   BackgroundWorkerInitializeConnectionByOid(DatumGetObjectId(database), InvalidOid, 0);
   if (!is_only_worker()) return;
-  SetConfigOption("search_path", "pg_catalog, pg_temp", PGC_SUSET, PGC_S_OVERRIDE);
+  for (size_t i = 0; i < lengthof(settings); i++) {
+    SetConfigOption(settings[i][0], settings[i][1], PGC_SUSET, PGC_S_OVERRIDE);
+  }
   qx_enter_worker();
   start_program();
-  while (recv(program, &(char){0}, 1, MSG_PEEK) != 0 && is_wanted()) {
+  while (recv(program, &(char){0}, 1, MSG_PEEK) != 0 && !must_leave_database() && is_wanted()) {
     visit_indexes();
     prune_all();
     pgstat_report_stat(true);

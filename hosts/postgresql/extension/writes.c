@@ -37,7 +37,8 @@ const char* qx_vector_problem(ArrayType* array, int32 dim) {
   }
   if (array_contains_nulls(array)) return "a vector must have no NULL in it";
   n = ArrayGetNItems(1, ARR_DIMS(array));
-  if (dim == 0 ? n < 1 || n > 65536 : n != dim) return "a vector has another number of components";
+  if (dim == 0 ? n < 1 || n > QX_LARGEST_DIM : n != dim)
+    return "a vector has another number of components";
   numbers = (const char*)qx_numbers(array);
   for (i = 0; i < n; i++) {
     uint32 number;
@@ -84,7 +85,7 @@ static int run(const char* statement, int n, Oid* types, Datum* values) {
 }
 
 /* The first vector decides, once; concurrent writers of first vectors wait here for one another. */
-void qx_decide_dim(Relation table, int32 dim) {
+static void decide_dim(Relation table, int32 dim) {
   Oid types[] = {OIDOID, INT4OID};
   Datum values[] = {ObjectIdGetDatum(RelationGetRelid(table)), Int32GetDatum(dim)};
   SPI_connect();
@@ -102,8 +103,10 @@ static void check_vector(Relation table, Datum datum) {
   const char* problem = qx_vector_problem(vector, d->dim);
   if (problem == NULL && d->dim == 0) {
     QxDefinition known;
-    int32 first = qx_find_dim(table, d, GetLatestSnapshot()); /* rows may have been restored */
-    qx_decide_dim(table, first > 0 ? first : ArrayGetNItems(1, ARR_DIMS(vector)));
+    Snapshot snapshot = qx_fresh_snapshot(d);
+    int32 first = qx_find_dim(table, d, snapshot); /* rows may have been restored */
+    UnregisterSnapshot(snapshot);
+    decide_dim(table, first > 0 ? first : ArrayGetNItems(1, ARR_DIMS(vector)));
     CommandCounterIncrement();
     known = *qx_definition(table);
     problem = qx_vector_problem(vector, known.dim);
@@ -151,6 +154,7 @@ Datum qx_log_change(PG_FUNCTION_ARGS) {
     if (!null) check_vector(trigger->tg_relation, vector);
   }
   d = qx_definition(trigger->tg_relation);
+  qx_note_fired(d->table);
   key = key_in(d, before);
   log_entry(d, key);
   if (TRIGGER_FIRED_BY_UPDATE(trigger->tg_event)) {
@@ -191,7 +195,7 @@ static Relation open_own(Oid relation) {
   }
   table = table_open(relation, ShareRowExclusiveLock);
   if (table->rd_rel->relkind != RELKIND_RELATION || table->rd_rel->relpersistence == 't' ||
-      table->rd_rel->relhassubclass || IsCatalogRelation(table)) {
+      qx_has_children(table) || IsCatalogRelation(table)) {
     ereport(
         ERROR, errcode(ERRCODE_WRONG_OBJECT_TYPE),
         errmsg("\"%s\" cannot have an index of qx", RelationGetRelationName(table)),
@@ -288,17 +292,22 @@ static void execute(const char* format, ...) {
   run(statement.data, 0, NULL, NULL);
 }
 
-static void make_triggers(const char* name, const char* columns, const char* metric) {
+/* Some may be left of an earlier index, of which a column was dropped. */
+static void make_triggers(const char* name, const char* columns, const char* metric, int32 dim) {
+  char known[16] = "";
+  if (dim > 0) snprintf(known, sizeof known, ", %d", dim);
   execute(
-      "CREATE TRIGGER \"0_qx_columns\" AFTER UPDATE OF %s ON %s FOR EACH STATEMENT "
-      "EXECUTE FUNCTION qx.declare_columns(%s)",
-      columns, name, quote_literal_cstr(metric));
+      "CREATE OR REPLACE TRIGGER \"0_qx_columns\" AFTER UPDATE OF %s ON %s FOR EACH STATEMENT "
+      "EXECUTE FUNCTION qx.declare_columns(%s%s)",
+      columns, name, quote_literal_cstr(metric), known);
   execute(
-      "CREATE TRIGGER \"0_qx_change\" AFTER INSERT OR UPDATE OR DELETE ON %s FOR EACH ROW "
+      "CREATE OR REPLACE TRIGGER \"0_qx_change\" AFTER INSERT OR UPDATE OR DELETE ON %s FOR EACH "
+      "ROW "
       "EXECUTE FUNCTION qx.log_change()",
       name);
   execute(
-      "CREATE TRIGGER \"0_qx_truncate\" AFTER TRUNCATE ON %s EXECUTE FUNCTION qx.log_truncate()",
+      "CREATE OR REPLACE TRIGGER \"0_qx_truncate\" AFTER TRUNCATE ON %s "
+      "EXECUTE FUNCTION qx.log_truncate()",
       name);
   execute(
       "ALTER TABLE %s ENABLE ALWAYS TRIGGER \"0_qx_change\", "
@@ -332,8 +341,9 @@ Datum qx_create_index(PG_FUNCTION_ARGS) {
             errhint("Metrics are inner product, cosine and euclidean."));
   }
   dim = PG_ARGISNULL(4) ? 0 : PG_GETARG_INT32(4);
-  if (dim < 0 || dim > 65536 || (dim == 0 && !PG_ARGISNULL(4))) {
-    ereport(ERROR, errcode(ERRCODE_INVALID_PARAMETER_VALUE), errmsg("dim must be 1 to 65536"));
+  if (dim < 0 || dim > QX_LARGEST_DIM || (dim == 0 && !PG_ARGISNULL(4))) {
+    ereport(ERROR, errcode(ERRCODE_INVALID_PARAMETER_VALUE),
+            errmsg("dim must be 1 to %d", QX_LARGEST_DIM));
   }
   relation = PG_GETARG_OID(0);
   table = open_own(relation);
@@ -360,11 +370,8 @@ Datum qx_create_index(PG_FUNCTION_ARGS) {
   table_close(table, NoLock); /* the lock stays */
   SPI_connect();
   execute("DELETE FROM qx.tables WHERE relation = %u", relation);
-  make_triggers(name, columns.data, metric);
+  make_triggers(name, columns.data, metric, dim);
   SPI_finish();
-  table = table_open(relation, NoLock);
-  if (dim > 0) qx_decide_dim(table, dim);
-  table_close(table, NoLock);
   PG_RETURN_VOID();
 }
 

@@ -2,7 +2,9 @@
 import itertools
 import pathlib
 import sys
+import threading
 
+import psycopg2
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
@@ -81,6 +83,22 @@ class Session:
         found, judged = self.both(**options)
         assert found == judged
         return found
+
+    def background(self, statement):
+        """A statement that waits for others: a thread that gives what it gives, or its error."""
+        def run():
+            try:
+                waiting.found = self.run(statement)
+            except psycopg2.Error as error:
+                waiting.found = error
+        waiting = threading.Thread(target=run)
+        waiting.start()
+        return waiting
+
+    def worker(self):
+        found = self.run("SELECT pid FROM pg_stat_activity WHERE backend_type = 'qx worker' "
+                         "AND datname = current_database()")
+        return found[0][0] if found else None
 
     def way(self):
         return self.one("SELECT qx.last_search()")

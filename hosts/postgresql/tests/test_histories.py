@@ -10,6 +10,7 @@ import pytest
 
 HISTORIES = int(os.environ.get("QX_HISTORIES", "8"))
 LEVELS = ("READ COMMITTED", "REPEATABLE READ", "SERIALIZABLE")
+OPERATORS = {"inner product": "<#>", "cosine": "<=>", "euclidean": "<->"}
 FILTERS = (None, "label = 2", "label IS NULL OR word = 'w1'", "label BETWEEN 1 AND 3 AND word <> 'w2'")
 
 
@@ -51,14 +52,25 @@ class History:
         else:
             session.run("TRUNCATE t")
 
+    def order(self, session, query, limit):
+        """ORDER BY an operator, by the index and by a sort."""
+        found = []
+        for by in ("on", "off"):
+            session.run(f"SET qx.use_index = {by}; SET enable_sort = {'off' if by == 'on' else 'on'}")
+            found.append(session.run(f"SELECT id FROM t WHERE v IS NOT NULL ORDER BY v OPERATOR(qx."
+                                     f"{OPERATORS[self.metric]}) %s::real[], id LIMIT {limit}", query))
+        assert found[0] == found[1]
+
     def step(self, at):
         session, draw = self.sessions[at], self.draw
-        kind = draw.choices(["search", "change", "begin", "end", "savepoint", "undo"],
-                            [40, 40, 6, 6, 4, 4])[0]
+        kind = draw.choices(["search", "order", "change", "begin", "end", "savepoint", "undo"],
+                            [40, 8, 40, 6, 6, 4, 4])[0]
         if kind == "search":
             session.agree(query=self.vector() or [1, 1, 1], k=draw.choice([1, 5, 1000]),
                           condition=draw.choice(FILTERS), metric=self.metric)
             self.ways[session.way()] += 1
+        elif kind == "order":
+            self.order(session, self.vector() or [1, 1, 1], draw.choice([1, 5, 1000]))
         elif kind == "change":
             self.change(session)
         elif kind == "begin" and not self.began[at]:

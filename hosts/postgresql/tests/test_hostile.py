@@ -95,6 +95,15 @@ def test_names_are_not_looked_up_where_the_caller_says(database, session):
     session.run("SELECT * FROM qx.stat_indexes")
 
 
+def test_a_schema_of_an_ordinary_user_is_no_place_for_the_extension(database):
+    session = database.session
+    session.run("DROP EXTENSION qx; DROP SCHEMA IF EXISTS qx; DROP ROLE IF EXISTS qx_reader;"
+                "CREATE ROLE qx_reader; CREATE SCHEMA qx AUTHORIZATION qx_reader")
+    with pytest.raises(psycopg2.Error, match="no superuser"):
+        session.run("CREATE EXTENSION qx")
+    session.run("ALTER SCHEMA qx OWNER TO postgres; CREATE EXTENSION qx; DROP ROLE qx_reader")
+
+
 def test_privileges(database, session):
     session.run("DROP ROLE IF EXISTS qx_reader; CREATE ROLE qx_reader LOGIN")
     reader = database.connect("qx_reader")
@@ -103,13 +112,27 @@ def test_privileges(database, session):
                     "DELETE FROM qx.tables"):
         with pytest.raises(psycopg2.Error, match="permission denied|must be owner"):
             reader.run(refused)
-    assert reader.run("SELECT * FROM qx.stat_indexes") == []
+    assert reader.run("SELECT * FROM qx.stat_indexes") == reader.run("SELECT * FROM qx.stat()") == []
     session.run("GRANT SELECT, INSERT ON t TO qx_reader")
     reader.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
     assert reader.agree(k=1) == ['(1000,54)']
     session.run("ALTER TABLE t ENABLE ROW LEVEL SECURITY")
     with pytest.raises(psycopg2.Error, match="ow-level security"):
         reader.search()
+    session.run("CREATE POLICY few ON t USING (id < 9)")
+    ordered = "SELECT id FROM t ORDER BY v OPERATOR(qx.<#>) '{1,2,3}' LIMIT 20"
+    assert sorted(reader.run(ordered)) == [(i,) for i in range(1, 9)]
     session.run("REVOKE ALL ON t FROM qx_reader")
+    with pytest.raises(psycopg2.Error, match="permission denied"):
+        reader.run(ordered)
+    session.run("CREATE FUNCTION lent() RETURNS bigint SECURITY DEFINER LANGUAGE sql "
+                "AS $$ SELECT id FROM qx.search('t', '{1,2,3}', 1) $$")
+    assert reader.one("SELECT lent()") == 1000
+    session.run("GRANT SELECT (id, v, label, word) ON t TO qx_reader; ALTER TABLE t DISABLE ROW LEVEL SECURITY")
+    assert len(reader.search()) == 10
+    session.run("REVOKE SELECT (label) ON t FROM qx_reader")
+    with pytest.raises(psycopg2.Error, match="permission denied"):
+        reader.search()
+    session.run("REVOKE SELECT (id, v, word) ON t FROM qx_reader")
     reader.connection.close()
     session.run("DROP ROLE qx_reader")

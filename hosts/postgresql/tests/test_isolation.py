@@ -4,6 +4,8 @@ import signal
 
 import pytest
 
+from cluster import wait_until
+
 
 @pytest.fixture
 def two(database):
@@ -87,8 +89,7 @@ def test_prepared_transactions(two):
 def test_a_worker_that_stops_amid_its_work_holds_nobody(two):
     one, other = two
     one.run("INSERT INTO t SELECT i, '{1,1,1}' FROM generate_series(1000, 8000) i")
-    worker = one.one("SELECT pid FROM pg_stat_activity WHERE backend_type = 'qx worker' "
-                     "AND datname = current_database()")
+    worker = one.worker()
     for n in range(10):
         other.run("BEGIN ISOLATION LEVEL REPEATABLE READ")
         before = other.agree(k=10000)
@@ -112,4 +113,52 @@ def test_changes_of_one_statement_on_conflict_and_copy(two):
     with one.connection.cursor() as cursor:
         import io
         cursor.copy_expert("COPY t (id, v) FROM STDIN", io.StringIO("500\t{9,9,9}\n501\t{9,9,8}\n"))
-    assert other.agree(k=1000) == one.agree(k=1000)
+    one.run("MERGE INTO t USING (SELECT i FROM generate_series(480, 520) i) s ON t.id = s.i "
+            "WHEN MATCHED AND s.i = 500 THEN DELETE WHEN MATCHED THEN UPDATE SET v = '{1,9,9}' "
+            "WHEN NOT MATCHED THEN INSERT (id, v) VALUES (s.i, '{9,1,9}')")
+    assert other.agree(k=1000) == one.agree(k=1000) and len(ids(one)) == 145
+
+
+def test_the_first_vector_decides_the_dimension_for_all(database):
+    one, other = database.session, database.connect()
+    one.run("CREATE TABLE t (id int PRIMARY KEY, v real[]); SELECT qx.create_index('t', 'v')")
+    one.run("BEGIN; INSERT INTO t VALUES (1, '{1,2,3}')")
+    waiting = other.background("INSERT INTO t VALUES (2, '{1,2}')")
+    one.run("SELECT pg_sleep(0.1); COMMIT")
+    waiting.join()
+    assert "another number of components" in str(waiting.found)
+    assert one.agree() == ['(1,14)']
+
+
+def test_a_search_that_waits_for_its_index_lets_others_have_the_table(two):
+    """Who waits for the table waits for the search, and the worker for him."""
+    one, other = two
+    worker = one.worker()
+    os.kill(worker, signal.SIGSTOP)
+    try:
+        one.run("CREATE TABLE u (id int PRIMARY KEY, v real[]); INSERT INTO u VALUES (1, '{1,2,3}');"
+                "SELECT qx.create_index('u', 'v')")
+        searching = one.background("SELECT id FROM qx.search('u', '{1,2,3}', 1)")
+        changing = other.background("ALTER TABLE u ADD COLUMN more int")
+        for waiting in (searching, changing):
+            waiting.join(30)
+            assert not waiting.is_alive()
+        assert searching.found == [(1,)]
+    finally:
+        os.kill(worker, signal.SIGCONT)
+
+
+def test_what_long_transactions_leave_is_not_read_again(two):
+    """Neither what one has logged, nor what others log beside it."""
+    one, other = two
+    other.run("BEGIN; INSERT INTO t SELECT i, '{1,1,1}' FROM generate_series(1000, 4000) i")
+    one.run("UPDATE t SET v = '{2,2,2}' WHERE id < 50")
+    one.agree()
+    wait_until(lambda: one.search() and one.way() == "index")
+    one.run("BEGIN")
+    one.search()
+    assert one.one("SELECT coalesce(sum(idx_tup_fetch), 0) FROM pg_stat_xact_all_tables "
+                   "WHERE relid = 'qx.changes'::regclass") == 0
+    one.run("COMMIT")
+    other.run("COMMIT")
+    assert len(one.agree(k=10000)) == 3101

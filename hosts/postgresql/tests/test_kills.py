@@ -1,6 +1,8 @@
 """Killed programs, back ends and servers lose nothing and invent nothing. QX_KILLS sets how often."""
 import os
+import pathlib
 import random
+import resource
 import signal
 import threading
 import time
@@ -8,7 +10,7 @@ import time
 import psycopg2
 import pytest
 
-from cluster import Cluster, wait_until
+from cluster import Cluster, as_user, wait_until
 from conftest import Database
 
 KILLS = int(os.environ.get("QX_KILLS", "6"))
@@ -109,6 +111,30 @@ def can_connect(own):
         return False
 
 
+def limit_memory(program, size):
+    as_user(["prlimit", f"--pid={program}", f"--as={size}:"], check=False)  # it may have ended
+
+
+def test_a_lack_of_memory_is_an_error_at_most_and_the_index_is_loaded_again(own):
+    """The program refuses what it has no memory for, or ends where it cannot even read it."""
+    own.session.make_table(100)
+    before = own.session.agree()
+    postmaster, (program,) = own.cluster.postmaster(), own.cluster.programs()
+    taken = pathlib.Path(f"/proc/{program}/statm").read_text().split()[0]
+    limit_memory(program, int(taken) * resource.getpagesize())
+    own.session.run("CREATE TABLE u (id int PRIMARY KEY, v real[]); INSERT INTO u SELECT i, "
+                    "array_fill(1::real, '{1000}') FROM generate_series(1, 20000) i; SELECT qx.create_index('u', 'v')")
+    search = "SELECT id FROM qx.search('u', array_fill(1::real, '{1000}'), 1)"
+    try:
+        assert own.session.run(search) == [(1,)] and own.cluster.programs() != [program]
+    except psycopg2.Error as error:
+        assert "memory" in str(error) or "the program of qx has ended" in str(error), error
+    limit_memory(program, "unlimited")
+    assert search_again(own.session)[:10] == before
+    wait_until(lambda: own.session.one("SELECT bool_and(error IS NULL) FROM qx.stat_indexes"))
+    assert own.session.run(search) == [(1,)] and own.cluster.postmaster() == postmaster
+
+
 def test_a_terminated_worker_takes_its_program_with_it(own):
     own.session.make_table(10)
     own.session.agree()
@@ -121,12 +147,18 @@ def test_a_terminated_worker_takes_its_program_with_it(own):
 
 def test_a_base_backup_is_searched_and_follows_and_is_promoted(own):
     own.session.make_table(100)
+    own.session.run("CREATE UNLOGGED TABLE unlogged (id int PRIMARY KEY, v real[]);"
+                    "SELECT qx.create_index('unlogged', 'v', dim => 3)")
     before = own.session.agree()
-    standby = Cluster(base=own.cluster)
+    standby = Cluster(base=own.cluster, settings="default_transaction_isolation = serializable\n")
     try:
         session = Database.__new__(Database)
         session.cluster, session.name, session.connections = standby, own.name, []
         replica = session.connect()
+        replica.run("SET default_transaction_isolation = 'read committed'")
+        assert replica.agree() == before and replica.way() == "index"
+        with pytest.raises(psycopg2.Error, match="qx: could not open file|during recovery"):
+            replica.run("SELECT * FROM qx.search('unlogged', '{1,2,3}', 1)")
         assert replica.agree() == before and replica.way() == "index"
         own.session.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
         own.session.run("DELETE FROM t WHERE id < 20")
@@ -149,7 +181,7 @@ def test_a_standby_that_lost_its_part_of_the_log_loads_again(own):
         session.cluster, session.name, session.connections = standby, own.name, []
         replica = session.connect()
         assert replica.agree() and replica.way() == "index"
-        worker = replica.one("SELECT pid FROM pg_stat_activity WHERE backend_type = 'qx worker'")
+        worker = replica.worker()
         os.kill(worker, signal.SIGSTOP)
         own.session.run("UPDATE t SET v = '{5,5,5}' WHERE id < 20")
         wait_until(lambda: own.session.one("SELECT log_entries FROM qx.stat_indexes") == 0)

@@ -1,11 +1,13 @@
 """What else becomes of a table and its index: each is followed, or an error."""
+import os
 import re
+import signal
 
 import psycopg2
 import pytest
 
 from cluster import SOURCES, Cluster, wait_until
-from conftest import Database
+from conftest import Database, Session
 
 
 @pytest.fixture
@@ -65,6 +67,70 @@ def test_an_index_without_what_it_needs_is_an_error(session, statement):
     session.run(statement)
     with pytest.raises(psycopg2.Error, match="index of qx|lacks a trigger"):
         session.search()
+
+
+def test_a_column_that_is_dropped_takes_the_index_with_it(session):
+    with pytest.raises(psycopg2.Error, match="depends on column label"):
+        session.run("ALTER TABLE t DROP COLUMN label")
+    session.run("ALTER TABLE t DROP COLUMN label CASCADE; INSERT INTO t VALUES (1000, '{1,1}')")
+    with pytest.raises(psycopg2.Error, match="has no index"):
+        session.search()
+    session.run("DELETE FROM t WHERE id = 1000; SELECT qx.create_index('t', 'v', '{word}')")
+    assert session.agree(condition="word = 'w1'")
+    with pytest.raises(psycopg2.Error, match="number of components"):
+        session.run("INSERT INTO t VALUES (1000, '{1,1}')")
+
+
+def test_a_table_with_children_is_not_searched_for_its_own_rows_alone(session):
+    session.run("CREATE TABLE child () INHERITS (t); INSERT INTO child VALUES (1000, '{9,9,9}')")
+    with pytest.raises(psycopg2.Error, match="has children"):
+        session.search()
+    session.run("DROP TABLE child")
+    session.agree()
+
+
+def test_the_view_says_how_an_index_does(database):
+    session, other = database.session, database.connect()
+    session.make_table()
+    session.run("INSERT INTO t SELECT i, array_fill(1::real, '{512}') FROM generate_series(1, 50000) i; ANALYZE t")
+    stat = "SELECT ready, rows, rows_expected, bytes, changes, log_entries, searches, error FROM qx.stat_indexes"
+    assert other.run(stat)[0][:3] == (None, None, None)
+    loading = session.background("SELECT count(*) FROM qx.search('t', array_fill(1::real, '{512}'), 5)")
+    wait_until(lambda: (other.run(stat)[0][1] or 0) > 0)
+    os.kill(other.worker(), signal.SIGSTOP)
+    ready, rows, expected, size = other.run(stat)[0][:4]
+    os.kill(other.worker(), signal.SIGCONT)
+    assert not ready and 0 < rows <= expected == 50000 and size >= rows * 2048
+    loading.join()
+    assert loading.found == [(5,)]
+    session.run("UPDATE t SET v[1] = 2 WHERE id <= 70")
+    wait_until(lambda: other.run(stat)[0][4] == 140)  # each is removed and written
+    ready, rows, expected, size, _, entries, searches, error = other.run(stat)[0]
+    assert (ready, rows, expected, searches, error) == (True, 50000, 0, 1, None)
+    assert size >= 50000 * 2048 and entries >= 70
+    assert other.one("SELECT search_microseconds FROM qx.stat_indexes") > 0
+
+
+def test_a_database_is_dropped_copied_and_renamed_beside_its_worker(cluster, session):
+    name = session.one("SELECT current_database()")
+    session.connection.close()
+    administrator = cluster.connect()
+    cursor = administrator.cursor()
+    assert name in [row[0] for row in workers(cursor)]
+    cursor.execute(f"CREATE DATABASE copied TEMPLATE {name}")
+    copied = Session(cluster.connect("copied"))
+    assert len(copied.agree()) == 10 and copied.way() == "index"
+    copied.run("INSERT INTO t VALUES (1000, '{9,9,9}')")
+    assert copied.agree(k=1) == ['(1000,54)']
+    copied.connection.close()
+    cursor.execute("ALTER DATABASE copied RENAME TO renamed")
+    cursor.execute("DROP DATABASE renamed")
+    administrator.close()
+
+
+def workers(cursor):
+    cursor.execute("SELECT datname FROM pg_stat_activity WHERE backend_type = 'qx worker'")
+    return cursor.fetchall()
 
 
 def test_a_new_declaration_is_searched_at_once(session):
@@ -128,9 +194,15 @@ def test_renamed_tables_schemas_and_names_that_need_quotes(session):
 
 
 def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, session):
+    """Also in a database that is read only by default, beside a replication slot that nobody reads."""
+    database.connect().run(f"ALTER DATABASE {database.name} SET default_transaction_read_only = on;"
+                           "SELECT pg_terminate_backend(%s, 10000);"
+                           "SELECT pg_create_physical_replication_slot('idle', true)", session.worker())
+    session.agree()
     session.run("BEGIN ISOLATION LEVEL REPEATABLE READ")
     before = session.agree(k=1000)
     other = database.connect()
+    other.run("SET default_transaction_read_only = off")
     other.run("UPDATE t SET v = '{6,6,6}'")
     log = "SELECT log_entries FROM qx.stat_indexes"
     assert other.one(log) >= 100
@@ -139,25 +211,35 @@ def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, ses
     session.run("COMMIT")
     wait_until(lambda: other.one(log) == 0)
     session.agree(k=1000)
+    session.run("SELECT pg_drop_replication_slot('idle')")
 
 
 @pytest.mark.parametrize("metric, operator", [
     ("inner product", "<#>"), ("cosine", "<=>"), ("euclidean", "<->")])
-def test_operators_rank_as_searches_do_and_warn_beside_an_index(database, metric, operator):
+def test_operators_rank_as_searches_do_and_warn_where_they_cannot_use_the_index(database, metric, operator):
     session = database.session
     session.make_table(300, metric, dim=5)
     query = [3, 1, 4, 1, 5]
-    ordered = f"SELECT id FROM t ORDER BY v OPERATOR(qx.{operator}) %s::real[], id"
     notices = session.connection.notices
-    assert session.run(ordered, query)[:20] == [(number,) for number, _ in session.search(query, 20)]
-    assert not notices
-    assert session.run(ordered + " LIMIT 5", query) == session.run(ordered, query)[:5]
+
+    def ordered(by, limit="LIMIT 5"):
+        return session.run(f"SELECT id FROM t ORDER BY v OPERATOR(qx.{by}) %s::real[], id {limit}", query)
+
+    session.run("SET qx.use_index = off")
+    ranked = ordered(operator, "")
+    assert ranked[:20] == [(number,) for number, _ in session.search(query, 20)] and not notices
+    assert ordered(operator) == ranked[:5]
     assert len(notices) == 1 and 'reads every row of "t"' in notices[0]
+    session.run("RESET qx.use_index")
+    assert ordered(operator) == ranked[:5] and len(notices) == 1
+    other = "<->" if metric != "euclidean" else "<#>"
+    ordered(other)
+    assert len(notices) == 2 and "another metric" in notices[1]
     session.run("SET qx.warn_scans = off")
-    session.run(ordered + " LIMIT 5", query)
+    ordered(other)
     session.run("SET qx.warn_scans = on; SELECT qx.drop_index('t')")
-    session.run(ordered + " LIMIT 5", query)
-    assert len(notices) == 1
+    ordered(operator)
+    assert len(notices) == 2
 
 
 def test_an_older_version_is_updated(database):
@@ -196,7 +278,24 @@ def test_partitions_have_indexes_of_their_own(database):
     assert session.search() == []
 
 
+def test_partitions_attached_and_detached(session):
+    """Without a gap: rows that came before, by the partitioned table, and after."""
+    session.run("CREATE TABLE parts (id bigint PRIMARY KEY, v real[], label int, word text) PARTITION BY RANGE (id)")
+    session.run("INSERT INTO t VALUES (200, '{9,9,9}');"
+                "ALTER TABLE parts ATTACH PARTITION t FOR VALUES FROM (0) TO (10000)")
+    session.run("INSERT INTO parts VALUES (201, '{9,9,8}'); DELETE FROM parts WHERE id < 5")
+    assert session.agree(k=2) == ['(200,54)', '(201,51)'] and len(session.agree(k=1000)) == 98
+    for command in ("DISABLE TRIGGER ALL", "ENABLE TRIGGER ALL"):  # those of the partitioned table
+        session.run(f"ALTER TABLE parts {command}; DELETE FROM parts WHERE id < 10")
+        assert len(session.agree(k=1000)) == 93
+    session.run("ALTER TABLE parts DETACH PARTITION t CONCURRENTLY")
+    session.run("INSERT INTO t VALUES (202, '{9,9,7}')")
+    assert len(session.agree(k=1000)) == 94 and comes_back_to_the_index(session)
+
+
 def test_dump_and_restore(cluster, database, session):
+    session.run("CREATE TABLE u (id text COLLATE \"C\" PRIMARY KEY, v real[]);"
+                "SELECT qx.create_index('u', 'v', dim => 4)")
     dump = cluster.folder / "dump.sql"
     cluster.run("pg_dump", "-h", cluster.folder, "-U", "postgres", "-f", dump, database.name)
     before = session.agree(k=1000)
@@ -209,7 +308,33 @@ def test_dump_and_restore(cluster, database, session):
     assert again.agree(k=1000) == before and again.way() == "index"
     with pytest.raises(psycopg2.Error, match="another number of components"):
         again.run("INSERT INTO t VALUES (1000, '{1,2}')")
+    with pytest.raises(psycopg2.Error, match="for vectors of 4 numbers"):
+        again.run("INSERT INTO u VALUES ('a', '{1,2}')")
+    data = cluster.folder / "data.sql"
+    cluster.run("pg_dump", "-h", cluster.folder, "-U", "postgres", "--data-only", "--disable-triggers", "-t", "t",
+                "-f", data, database.name)
+    again.run("DELETE FROM t")
+    cluster.run("psql", "-h", cluster.folder, "-U", "postgres", "-v", "ON_ERROR_STOP=1", "-q", "-f", data, "restored")
+    with pytest.raises(psycopg2.Error, match="lacks a trigger of qx that fires always"):
+        again.search()
+    again.run('ALTER TABLE t ENABLE ALWAYS TRIGGER "0_qx_change", ENABLE ALWAYS TRIGGER "0_qx_truncate"')
+    assert again.agree(k=1000) == before
     restored.close()
+
+
+def test_keys_that_are_equal_without_equal_bytes(database):
+    session = database.session
+    session.function = "qx.search_text"
+    session.run("CREATE COLLATION any_case (provider = icu, locale = 'und-u-ks-level2', deterministic = false);"
+                "CREATE TABLE t (id text COLLATE any_case PRIMARY KEY, v real[]); SELECT qx.create_index('t', 'v');"
+                "INSERT INTO t VALUES ('a', '{1,2,3}'), ('b', '{3,2,1}')")
+    assert session.search() == [("a", 14), ("b", 10)]
+    session.run("BEGIN; UPDATE t SET id = 'A' WHERE id = 'a'")
+    for _ in range(2):
+        assert session.search() == [("A", 14), ("b", 10)]
+        session.run("UPDATE t SET v = v WHERE id = 'a'; COMMIT")
+    wait_until(lambda: session.search() and session.way() == "index")
+    assert session.search() == [("A", 14), ("b", 10)]
 
 
 def test_the_memory_limit_is_of_the_server_and_an_error_of_searches_alone():
