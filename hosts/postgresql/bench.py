@@ -7,6 +7,7 @@ import argparse
 import io
 import os
 import pathlib
+import re
 import statistics
 import sys
 import threading
@@ -70,6 +71,11 @@ def processor_seconds(process):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
+def running_seconds(process):
+    """More exactly."""
+    return int(pathlib.Path(f"/proc/{process}/schedstat").read_text().split()[0]) / 1e9
+
+
 def binary_rows(vectors, labels):
     """What COPY BINARY reads."""
     count, dim = vectors.shape
@@ -94,6 +100,7 @@ class Bench:
         self.unequal = 0
         self.cluster = Cluster(settings=SETTINGS.format(cpus=os.cpu_count()))
         self.cursor = self.cluster.connect().cursor()
+        self.back_end = self.cursor.connection.info.backend_pid
 
     def keep(self, work, seconds):
         self.times.setdefault(work, []).append(seconds)
@@ -162,38 +169,50 @@ class Bench:
             self.ask("SQL function", SCAN.format(f"by_sql(v, {QUERY})"), row)
 
     def clients(self, seconds):
-        """Searches a second of one and of two clients, with one thread for each search."""
-        given = self.draw.integers(0, len(self.vectors), 50).tolist()
-        cursors = [self.cluster.connect().cursor() for _ in range(2)]
+        """Searches a second of one and of two clients, which are pgbench, and of as many threads in process."""
+        script = self.cluster.folder / "search.sql"
+        script.write_text(f"\\set row random(0, {len(self.vectors) - 1})\n{SEARCH.replace('%s', ':row')}\n")
+        script.chmod(0o644)
+        collection = self.collection
 
-        def ask(cursor, end, counts):
-            done = 0
-            while time.perf_counter() < end:
-                cursor.execute(SEARCH, (given[done % len(given)],))
-                done += 1
-            counts.append(done)
+        def of_server(count, threads):
+            said = self.cluster.run(
+                "pgbench", "-h", self.cluster.folder, "-U", "postgres", "-n", "-M", "prepared", "-c", count, "-j", count,
+                "-T", seconds, "-f", script, "postgres",
+                env=os.environ | {"PGOPTIONS": f"-c qx.search_threads={threads}"})
+            return float(re.search(r"tps = ([\d.]+)", said)[1])
+
+        def in_process(count):
+            counts, end = [], time.perf_counter() + seconds
+
+            def ask(draw):
+                done = 0
+                while time.perf_counter() < end:
+                    collection.search(self.vectors[draw.integers(len(self.vectors))], K, threads=1)
+                    done += 1
+                counts.append(done)
+            running = [threading.Thread(target=ask, args=(np.random.default_rng(n),)) for n in range(count)]
+            for thread in running:
+                thread.start()
+            for thread in running:
+                thread.join()
+            return sum(counts) / seconds
 
         for _ in range(9):
-            for threads in (0, 1):
-                for count in (1, 2):
-                    counts, end = [], time.perf_counter() + seconds
-                    for cursor in cursors:
-                        cursor.execute(f"SET qx.search_threads = {threads}")
-                    running = [threading.Thread(target=ask, args=(cursor, end, counts))
-                               for cursor in cursors[:count]]
-                    for thread in running:
-                        thread.start()
-                    for thread in running:
-                        thread.join()
-                    self.keep(f"clients {count}, threads {threads}", sum(counts) / seconds)
+            for count in (1, 2):
+                for threads in (0, 1):
+                    self.keep(f"clients {count}, threads {threads}", of_server(count, threads))
+                self.keep(f"threads {count}", in_process(count))
 
     def insert(self):
         self.cursor.execute(f"CREATE TEMP TABLE rows AS SELECT id, v, label FROM t LIMIT {INSERTED}")
         next_id = len(self.vectors)
         for _ in range(15):
             for table in ("t", "plain"):
+                began = running_seconds(self.back_end)
                 self.ask(f"insert into {table}",
                          f"INSERT INTO {table} SELECT id + {next_id}, v, label FROM rows")
+                self.keep(f"work of insert into {table}", running_seconds(self.back_end) - began)
                 for i in range(100):
                     self.ask(f"insert one into {table}", f"INSERT INTO {table} SELECT {next_id + INSERTED + i}, "
                              f"v, label FROM rows LIMIT 1")
@@ -230,6 +249,8 @@ class Bench:
                            ("one row inserted", "insert one into")):
             one, other = median(f"{work} t"), median(f"{work} plain")
             rows.append((name, one, "a table whose trigger logs the id", other, "1.5 times", one <= 1.5 * other))
+        rows.append((f"{INSERTED:,} rows, time of a CPU that the back end has", median("work of insert into t"),
+                     "a table whose trigger logs the id", median("work of insert into plain"), None, None))
         lines = [f"## {self.title}", "", "| work | qx | beside | | theirs, times ours | goal | |",
                  "|---|---:|---|---:|---:|---|---|"]
         for work, one, name, other, goal, reached in rows:
@@ -245,6 +266,9 @@ class Bench:
             goal = f" (goal: 1.6, {'yes' if two >= 1.6 * one else '**no**'})" if threads == 1 else ""
             lines += [f"Clients with {name} a search: one has {one:.0f} answers a second, two have {two:.0f}, "
                       f"{two / one:.2f} times as many{goal}.", ""]
+        one, two = median("threads 1"), median("threads 2")
+        lines += [f"In process: one thread has {one:.0f} answers a second, two have {two:.0f}, {two / one:.2f} times as "
+                  "many, which is what this machine gives.", ""]
         return lines + [f"Answers that differ from those of the collection or of `<#>`: {self.unequal}.", ""]
 
 
@@ -266,7 +290,8 @@ def main():
         "# PostgreSQL: beside the collection and scans", "",
         "Written by `hosts/postgresql/bench`. Contestants take turns in the same rounds, and medians count. "
         "Queries are rows of the table, which the server looks up; the work of a client on the same "
-        "machine, in Python, is in every figure. The operator in any order is a loop that the compiler may reorder, for "
+        "machine, in Python, is in every figure but those of clients, which are pgbench. The operator in any order is a "
+        "loop that the compiler may reorder, for "
         "this CPU; `<#>` has the bits of the index.", "",
         f"PostgreSQL 15, {machine.cpu()}, caches {machine.caches()}; the load of the machine was "
         f"{load_before:.1f} before and {os.getloadavg()[0]:.1f} after.", "", *lines]).rstrip() + "\n")

@@ -74,7 +74,7 @@ class Cluster:
             here = self._own(real)
             here.mkdir(parents=True, exist_ok=True)
             for file in real.iterdir():
-                if file.name != "extension":
+                if file.name != "extension" and not file.name.startswith("qx"):  # which may be installed
                     (here / file.name).symlink_to(file)
         shutil.copytree(BIN, self._own(BIN))
         for name in ("qx.so", "qx-postgresql"):

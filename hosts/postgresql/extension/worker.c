@@ -61,9 +61,10 @@ static const char* const settings[][2] = {{"search_path", "pg_catalog, pg_temp"}
                                           {"synchronous_commit", "off"}};
 
 static int program = -1;
-static bool owed;         /* an answer is outstanding */
-static bool amid_message; /* which is half written or read */
-static List* loaded;      /* of Loaded */
+static bool owed;                     /* an answer is outstanding */
+static bool amid_message;             /* which is half written or read */
+static bool log_has_strangers = true; /* entries of tables without an index */
+static List* loaded;                  /* of Loaded */
 
 PGDLLEXPORT void qx_worker(Datum database);
 
@@ -358,6 +359,7 @@ static bool list_indexes(void) {
 
 static void drop_index(Loaded* index) {
   StringInfoData message;
+  log_has_strangers = true;
   initStringInfo(&message);
   qx_put(&message, uint32, index->table);
   tell(QX_DROP, &message); /* which need not have been defined */
@@ -415,6 +417,25 @@ static void prune(const Loaded* index) {
   CommitTransactionCommand();
 }
 
+static void remove_strangers(void) {
+  static const char* const tables[] = {"changes", "tables"};
+  char statement[200];
+  StartTransactionCommand();
+  PushActiveSnapshot(GetTransactionSnapshot());
+  SPI_connect();
+  for (size_t i = 0; qx_object("changes") != InvalidOid && i < lengthof(tables); i++) {
+    snprintf(statement, sizeof statement,
+             "DELETE FROM qx.%s WHERE relation NOT IN (SELECT tgrelid FROM pg_trigger "
+             "WHERE tgfoid = 'qx.declare_columns'::regproc)",
+             tables[i]);
+    SPI_execute(statement, false, 0);
+  }
+  SPI_finish();
+  PopActiveSnapshot();
+  CommitTransactionCommand();
+  log_has_strangers = false;
+}
+
 static void prune_all(void) {
   static TimestampTz latest = 0;
   ListCell* cell;
@@ -426,6 +447,7 @@ static void prune_all(void) {
   foreach (cell, loaded) {
     prune(lfirst(cell));
   }
+  if (log_has_strangers) remove_strangers();
 }
 
 /* One worker a database: its lock is of a class that advisory locks of users do not have. */

@@ -127,6 +127,10 @@ static const QxDefinition* definition_for_trigger(FunctionCallInfo fcinfo) {
             errmsg("this function is a trigger of qx"));
   }
   d = qx_definition(((TriggerData*)fcinfo->context)->tg_relation);
+  if (qx_schema() == InvalidOid) {
+    ereport(ERROR, errcode(ERRCODE_UNDEFINED_SCHEMA),
+            errmsg("there is no schema qx to log changes in"));
+  }
   return d->exists ? d : NULL;
 }
 

@@ -139,6 +139,7 @@ def test_a_search_that_waits_for_its_index_lets_others_have_the_table(two):
         one.run("CREATE TABLE u (id int PRIMARY KEY, v real[]); INSERT INTO u VALUES (1, '{1,2,3}');"
                 "SELECT qx.create_index('u', 'v')")
         searching = one.background("SELECT id FROM qx.search('u', '{1,2,3}', 1)")
+        wait_until(lambda: other.one("SELECT count(*) FROM pg_locks WHERE relation = 'u'::regclass"))
         changing = other.background("ALTER TABLE u ADD COLUMN more int")
         for waiting in (searching, changing):
             waiting.join(30)

@@ -145,6 +145,15 @@ def test_a_new_declaration_is_searched_at_once(session):
         session.search(condition="other = 2")
 
 
+def test_changes_without_the_schema_of_the_extension_are_errors(database, session):
+    session.run("ALTER SCHEMA qx RENAME TO elsewhere")
+    for writer in (session, database.connect()):
+        with pytest.raises(psycopg2.Error, match="no schema qx"):
+            writer.run("DELETE FROM t WHERE id < 9")
+    session.run("ALTER SCHEMA elsewhere RENAME TO qx")
+    assert len(session.agree(k=1000)) == 100
+
+
 def test_the_type_of_an_indexed_column_stays(session):
     with pytest.raises(psycopg2.Error, match="used in a trigger definition"):
         session.run("ALTER TABLE t ALTER COLUMN label TYPE bigint")
@@ -203,13 +212,17 @@ def test_the_log_is_pruned_and_snapshots_that_are_older_stay_right(database, ses
     before = session.agree(k=1000)
     other = database.connect()
     other.run("SET default_transaction_read_only = off")
-    other.run("UPDATE t SET v = '{6,6,6}'")
+    for statement in ("CREATE TABLE u (id int PRIMARY KEY, v real[])", "SELECT qx.create_index('u', 'v')",
+                      "INSERT INTO u VALUES (1, '{1,2}')", "DROP TABLE u", "UPDATE t SET v = '{6,6,6}'"):
+        other.run(statement)
     log = "SELECT log_entries FROM qx.stat_indexes"
     assert other.one(log) >= 100
     other.run("SELECT pg_sleep(11)")
     assert other.one(log) >= 100 and session.agree(k=1000) == before
     session.run("COMMIT")
     wait_until(lambda: other.one(log) == 0)
+    wait_until(lambda: other.run("SELECT relation FROM qx.changes") == [])
+    assert other.run("SELECT relation::regclass::text FROM qx.tables") == [("t",)]
     session.agree(k=1000)
     session.run("SELECT pg_drop_replication_slot('idle')")
 
