@@ -34,6 +34,13 @@
 static bool use_index = true, warn_scans = true;
 static set_rel_pathlist_hook_type next_hook;
 
+/* As makeNode, which is no standard C. */
+static void* make_node(Size size, NodeTag tag) {
+  Node* node = palloc0(size);
+  node->type = tag;
+  return node;
+}
+
 /* ---- What is offered ----------------------------------------------------------------------- */
 
 static int32 metric_of(Oid function) {
@@ -69,7 +76,7 @@ static const CustomPathMethods path_methods;
 
 static void add_ordered_path(PlannerInfo* root, RelOptInfo* rel, PathKey* key, Expr* ordered,
                              Expr* query) {
-  CustomPath* path = makeNode(CustomPath);
+  CustomPath* path = make_node(sizeof *path, T_CustomPath);
   double rows = Max(rel->tuples, 1), pages = index_pages_fetched(rows, rel->pages, 1, root);
   double taken = root->limit_tuples > 0 ? root->limit_tuples * rows / Max(rel->rows, 1) : FIRST;
   path->path.pathtype = T_CustomScan;
@@ -118,7 +125,7 @@ static const CustomScanMethods scan_methods;
 
 static Plan* plan_path(PlannerInfo* root, RelOptInfo* rel, CustomPath* path, List* targets,
                        List* clauses, List* children) {
-  CustomScan* scan = makeNode(CustomScan);
+  CustomScan* scan = make_node(sizeof *scan, T_CustomScan);
   (void)root;
   (void)children;
   scan->scan.plan.targetlist = targets;
@@ -251,7 +258,7 @@ static const CustomExecMethods exec_methods = {.CustomName = "qx",
                                                .ReScanCustomScan = rescan};
 
 static Node* make_state(CustomScan* scan) {
-  Ordered* o = (Ordered*)newNode(sizeof *o, T_CustomScanState);
+  Ordered* o = make_node(sizeof *o, T_CustomScanState);
   (void)scan;
   o->base.methods = &exec_methods;
   return (Node*)o;

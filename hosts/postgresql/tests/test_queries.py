@@ -2,6 +2,8 @@
 import psycopg2
 import pytest
 
+from cluster import wait_until
+
 Q = "'{1,2,3}'::real[]"
 RANKED = f"ORDER BY t.v <#> {Q}, t.id"
 ORDERS = {
@@ -119,6 +121,19 @@ def test_cursors_keep_what_they_saw(session, source):
     assert found + session.run("FETCH 295 FROM c") == expected
     assert session.run("FETCH BACKWARD 10 FROM c") == expected[489:499][::-1]
     session.run("COMMIT")
+
+
+def test_a_row_that_changes_before_it_is_locked(database, session):
+    other = database.connect()
+    statement = f"SELECT id, word FROM t ORDER BY v OPERATOR(qx.<#>) {Q}, id LIMIT 1 FOR UPDATE"
+    (best, _), = session.run(statement)
+    session.run(f"BEGIN; UPDATE t SET word = 'new' WHERE id = {best}")
+    assert "Custom Scan (qx)" in plan(other, statement)
+    waiting = other.background(statement)
+    wait_until(lambda: session.one("SELECT count(*) FROM pg_locks WHERE NOT granted"))
+    session.run("COMMIT")
+    waiting.join()
+    assert waiting.found == [(best, "new")]
 
 
 @pytest.mark.parametrize("statement", SEARCHES)
