@@ -28,7 +28,7 @@ else()
   set(QX_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
   set(QX_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
-# Who links the static library links fmaf too: always, where there is no other library.
+# Who links the static library links libm too: always, where there is no other library.
 set(QX_PC_LIBS "")
 set(QX_PC_STATIC_LIBS -lm)
 if(NOT TARGET qx_runtime)

@@ -1,5 +1,6 @@
 // The truth: the numeric contract in plain C++. Read this kernel first; every other one returns
 // the same bits.
+#include "kernels/fused.h"
 #include "kernels/row_views.h"
 #include "kernels/tables.h"
 #include "kernels/tuning.h"
@@ -13,6 +14,7 @@ namespace {
 constexpr std::int64_t kGroupRows = 8;
 
 void score_rows(const float* const* rows, std::int64_t dim, const float* query, float* scores) {
+#if QX_HAS_FMA
   float sums[kGroupRows] = {};
   for (std::int64_t j = 0; j < dim; ++j) {
     for (std::int64_t i = 0; i < kGroupRows; ++i) {
@@ -20,6 +22,16 @@ void score_rows(const float* const* rows, std::int64_t dim, const float* query, 
     }
   }
   for (std::int64_t i = 0; i < kGroupRows; ++i) scores[i] = sums[i];
+#else
+  TwoDoubles sums[kGroupRows / 2] = {};
+  for (std::int64_t j = 0; j < dim; ++j) {
+    const TwoDoubles factor = {query[j], query[j]};
+    for (std::int64_t i = 0; i < kGroupRows / 2; ++i) {
+      sums[i] = fused(TwoDoubles{rows[2 * i][j], rows[2 * i + 1][j]}, factor, sums[i]);
+    }
+  }
+  for (std::int64_t i = 0; i < kGroupRows; ++i) scores[i] = static_cast<float>(sums[i / 2][i % 2]);
+#endif
 }
 
 // ---- Estimates ----
