@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Compiles the engine by every optimisation that reorders arithmetic, and as one unit, and plays call
-# sequences on each, in which the host sets a floating-point environment for each call. Options under
+# Compiles the engine by every optimisation that reorders arithmetic, and plays call sequences on each, in
+# which the host sets a floating-point environment for each call. Options under
 # which results would change must be refused by the compiler.
 # usage: compilations_test.sh SOURCE_DIRECTORY COMPILER OBJECT_OF_CALL_SEQUENCES...
 set -euo pipefail
@@ -37,11 +37,6 @@ for way in "${ways[@]}"; do
   build_player engine $way
   expect_to_play "$way"
 done
-
-# All sources as one unit, where each instruction set must keep to its own namespace.
-printf '#include "%s"\n' engine/*/*.cpp >"$work/one_unit.cpp"
-compile "${contract[@]}" -Iengine -I. -O2 "$work/one_unit.cpp" "${links[@]}" -o "$work/player"
-expect_to_play "one unit"
 
 # The call sequences notice an engine that computes in whatever environment the host has set.
 cp -r engine "$work/careless"
