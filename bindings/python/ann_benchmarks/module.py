@@ -1,8 +1,8 @@
 """qx_runtime for the ann-benchmarks suite: exact search, and search through lists.
 
-This file and config.yml belong into the folder ann_benchmarks/algorithms/qx_runtime of the suite,
-beside a Dockerfile that installs the wheel of bindings/python. The suite has not been run with them;
-bench/word_recall runs the two classes, and docs/WORD_RECALL.md has what it measured.
+This file, config.yml and Dockerfile belong into the folder ann_benchmarks/algorithms/qx_runtime of the
+suite, with an archive of the source tree, whose command is in Dockerfile. The suite has not been run with
+them; a test makes the calls that it makes, and bench/word_recall runs the two classes.
 """
 
 import numpy as np
@@ -22,16 +22,23 @@ class QxRuntimeExact(BaseANN):
             raise NotImplementedError(f"the metric {metric} is not among {', '.join(METRICS)}")
         self._metric = METRICS[metric]
         self._rows = None
+        self._results = None
         self._probes = 0
         self.name = "qx_runtime-exact"
 
     def fit(self, X):
-        self._rows = qx_runtime.Collection(X.shape[1], metric=self._metric, threads=1)
+        self._rows = qx_runtime.Collection(X.shape[1], metric=self._metric)
         self._rows.upsert(np.arange(len(X)), X)
         self._rows.compact()
 
     def query(self, q, n):
-        return self._rows.search(q, n, probes=self._probes).ids
+        return self._rows.search(q, n, probes=self._probes, threads=1).ids
+
+    def batch_query(self, X, n):
+        self._results = self._rows.search(X, n, probes=self._probes)
+
+    def get_batch_results(self):
+        return [hits.ids for hits in self._results]
 
     def done(self):
         if self._rows is not None:
