@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library, moves the prefix, and builds and runs hosts in C and C++ that find it there by
-# CMake and by pkg-config; then hosts that take the source tree into their own build.
+# CMake and by pkg-config; then hosts that take the source tree into their own build, of which one installs
+# the library with its own.
 # usage: install_test.sh SOURCE_DIRECTORY
 set -euo pipefail
 source_directory=$(realpath "$1")
@@ -31,8 +32,10 @@ install_into() {
   quietly cmake --build "$folder/build"
   quietly env DESTDIR="$folder" cmake --install "$folder/build"
   [ -z "$(grep -rl "$work" "$folder/usr")" ] || fail "installed files name the folder of the build"
-  mv "$folder/usr" "$folder/moved"
-  rm -rf "$folder/build"
+  cp -a "$folder/usr" "$folder/moved"
+  quietly env DESTDIR="$folder" cmake --build "$folder/build" --target uninstall
+  [ -z "$(find "$folder/usr" -not -type d -o -name 'qx_*')" ] || fail "not all is uninstalled"
+  rm -rf "$folder"/{usr,build}
 }
 
 # consume NAME [OPTION]...: builds the consumer and runs its hosts.
@@ -100,6 +103,15 @@ answers "$work/host"
 consume subdirectory -DSOURCE="$source_directory"
 consume fetched -DSOURCE="$source_directory" -DFETCH=ON
 [ ! -e "$work/consume-subdirectory/qx_runtime/tests" ] || fail "a consumer builds the tests"
+
+# A library of another project that installs and exports itself, with this one, and is then found.
+quietly cmake -S "$consumer/exported" -B "$work/exported" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DSOURCE="$source_directory" -DQX_INSTALL=ON -DCMAKE_INSTALL_PREFIX="$work/exporter" -DCMAKE_INSTALL_LIBDIR=lib
+quietly cmake --build "$work/exported"
+quietly cmake --install "$work/exported"
+quietly cmake -S "$consumer/exported" -B "$work/importer" -G Ninja -DCMAKE_PREFIX_PATH="$work/exporter"
+quietly cmake --build "$work/importer"
+answers "$work/importer/importer"
 
 # The different options -O that an object file was compiled with, as its compiler recorded them.
 recorded() {

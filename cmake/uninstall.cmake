@@ -1,0 +1,15 @@
+# Removes what `cmake --install` put in place, by the list that it left in the folder of the build, and
+# the folders of the library's own that are then empty. DESTDIR counts as it does there.
+if(NOT EXISTS install_manifest.txt)
+  message(FATAL_ERROR "qx_runtime: nothing was installed from ${CMAKE_BINARY_DIR}")
+endif()
+file(STRINGS install_manifest.txt files)
+foreach(file IN LISTS files)
+  message(STATUS "Removing: $ENV{DESTDIR}${file}")
+  file(REMOVE "$ENV{DESTDIR}${file}")
+  get_filename_component(folder "$ENV{DESTDIR}${file}" DIRECTORY)
+  file(GLOB left "${folder}/*")
+  if(folder MATCHES "/qx_[a-z]+$" AND NOT left)
+    file(REMOVE_RECURSE "${folder}")
+  endif()
+endforeach()
