@@ -1,7 +1,8 @@
 """Makes the pages of the site that are not written by hand.
 
-site_pages.py PAGES    writes PAGES/reference.md from the public header, copies the plots of the
-                       benchmark to PAGES/plots, and puts into the other pages what stands elsewhere
+site_pages.py PAGES    writes the references into PAGES from headers and docstrings, copies the plots of
+                       the benchmark to PAGES/plots, puts into the other pages what stands elsewhere,
+                       and the version into mkdocs.yml beside PAGES
 """
 import pathlib
 import re
@@ -10,6 +11,7 @@ import sys
 import textwrap
 
 import header
+import reference_pages
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 DOCS = ROOT / "docs"
@@ -107,6 +109,31 @@ def opening(path):
     return "\n\n".join((ROOT / path).read_text().split("\n\n```")[0].split("\n\n")[1:-1])
 
 
+def part(name):
+    """What stands in a document under a heading, without links that lead out of the site."""
+    path, title = name.split(" ", 1)
+    text = (ROOT / path).read_text()
+    match = re.search(rf"(?m)^(#+) {re.escape(title)}\n", text)
+    rest = re.split(rf"(?m)^#{{1,{max(2, len(match[1]))}}} ", text[match.end():])[0]
+    return re.sub(r"\[([^]]*)\]\((?!http)[^)]*\)", r"\1", rest).strip()
+
+
+def latency(_):
+    """Milliseconds of an exact search, by the sizes and dimensions of the benchmark's first section."""
+    report, lines = benchmark_part("Exact search of the whole base"), []
+    for size, table in re.findall(r"### \w+: ([\d.]+) MB\n\n(.*?)(?=\n###|\Z)", report, re.S):
+        header, _, *rows = [[cell.strip(" *") for cell in row.strip("|").split("|")]
+                            for row in table.strip().splitlines() if row.startswith("|")]
+        for row in rows:
+            case = dict(zip(header, row))
+            found = float(size) * 2**20 // (4 * int(case["dim"]))
+            time = found * 4 * int(case["dim"]) / float(case["GB/s"]) / 1e6
+            lines.append(f"| {found:,.0f} | {case['dim']} | {time:.3g} ms | {case['of limit']} "
+                         f"| {case['× fastest peer']} | {case['× Faiss']} |")
+    return "\n".join(["| rows | dim | time | of the read limit | × fastest peer | × Faiss |",
+                      "|---:|---:|---:|---:|---:|---:|", *lines])
+
+
 def convention(read, number):
     blocks = next(blocks for its, _, blocks in read.conventions if int(its) == int(number))
     names = {function.name for function in read.functions}
@@ -118,7 +145,7 @@ def main():
         sys.exit("usage: site_pages.py PAGES")
     pages, read = pathlib.Path(sys.argv[1]), header.read()
     sources = {"benchmarks": benchmark_part, "word recall": word_recall, "block": block_of,
-               "opening": opening,
+               "opening": opening, "part": part, "latency": latency,
                "convention": lambda number: convention(read, number)}
     for page in pages.glob("*.md"):
         page.write_text(re.sub(rf"(?m)^<!-- ({'|'.join(sources)}): *(.*?) *-->$",
@@ -127,6 +154,11 @@ def main():
     for drawing in (pages / "drawings").glob("*.svg"):
         drawing.write_text(drawing.read_text().replace("<style/>", f"<style>{style}</style>"))
     (pages / "reference.md").write_text(reference(read))
+    for name in ("python", "cpp", "collection"):
+        (pages / f"reference_{name}.md").write_text(getattr(reference_pages, name)())
+    settings = pages.parent / "mkdocs.yml"
+    version = re.search(r"VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text().split("project(")[1])[1]
+    settings.write_text(settings.read_text().replace("@VERSION@", version))
     (pages / "plots").mkdir(exist_ok=True)
     for plot in (DOCS / "benchmarks").glob("*.svg"):
         shutil.copy(plot, pages / "plots")

@@ -1,6 +1,8 @@
 """The pictures of a report: line charts as SVG, panels side by side under a title and a legend."""
 
 import math
+import pathlib
+import re
 from dataclasses import dataclass
 from xml.sax.saxutils import escape
 
@@ -168,8 +170,49 @@ def walk(run):
                  decades("ns a row", values))
 
 
+def bars(title, groups):
+    """The picture of groups (name, bars), each on its own scale; a bar is (name, milliseconds, colour)."""
+    left, width, parts, y = 190, 420, [text(24, 26, title, 15, "start", extra="font-weight='bold'")], 30
+    for name, entries in groups:
+        y += 26
+        parts.append(text(24, y, name, 13, "start"))
+        longest = max(value for _, value, _ in entries)
+        for label, value, colour in entries:
+            y += 25
+            end = left + width * value / longest
+            parts += [text(left - 10, y, label, 13, "end"), text(end + 8, y, f"{value:.3g} ms", 13, "start"),
+                      f"<polyline points='{left},{y - 4} {end:.1f},{y - 4}' stroke='{colour}' "
+                      f"stroke-width='17'/>"]
+    body, height = "\n".join(parts), y + 20
+    return (f"<svg xmlns='http://www.w3.org/2000/svg' width='720' height='{height}' "
+            f"viewBox='0 0 720 {height}'>\n<rect width='720' height='{height}' fill='white'/>\n{body}\n</svg>\n")
+
+
+def sqlite_times():
+    """Milliseconds of an exact search in SQLite, here and by sqlite-vec, as docs/SQLITE.md has them."""
+    report = pathlib.Path(__file__).parents[2] / "docs/SQLITE.md"
+    part = report.read_text(encoding="utf-8").split("## 1,000,000 drawn vectors of dimension 128")[1]
+    return [float(time) for time in re.search(r"\| exact, k = 10 \| ([\d.]+) ms \| ([\d.]+) ms", part).groups()]
+
+
+def exact(run):
+    case = run.select("scan", set="DRAM", dim=128)[0]
+    contestants = [("qx_runtime", case.engine, COLOURS[0]),
+                   ("reading the vectors", case.fastest("limit"), COLOURS[5]),
+                   ("hnswlib, exact", case.named("hnswlib"), COLOURS[1]),
+                   ("Faiss IndexFlatIP", case.named("Faiss"), COLOURS[1])]
+    ours, theirs = sqlite_times()
+    return bars("One exact search: time, the ten best", [
+        (f"{case.items:,} rows of 128 floats in memory, one thread",
+         [(name, one["median"] * 1e3, colour) for name, one, colour in contestants]),
+        ("1,000,000 rows of 128 floats in SQLite, two cores",
+         [("qx_runtime", ours, COLOURS[0]), ("sqlite-vec", theirs, COLOURS[1])])])
+
+
 # The pictures: file name, section, what it shows, how it is drawn.
 PICTURES = [
+    ("exact.svg", "scan", "One exact search: the library, reading the vectors, hnswlib, Faiss, sqlite-vec",
+     exact),
     ("fraction_of_limit.svg", "scan", "Part of the read limit by dimension and size",
      fraction_of_limit),
     ("peers.svg", "scan", "The library and its peers as parts of the read limit", peers),

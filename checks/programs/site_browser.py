@@ -5,8 +5,10 @@ site_browser.py HTML PLOTS PICTURES [PAGE]    serves HTML on 127.0.0.1; PLOTS ha
                                               looks at all pages or at one
 
 A page passes at a width if its body does not overflow, the console is silent, every picture is
-decoded, and nothing was asked of another host; performance/, if each plot is among its pictures and
-draws a line. A link passes if its page and its anchor are there.
+decoded, nothing was asked of another host, no line of code of a reference is wider than its column in a
+wide window, and each plot can be moved in a narrow one; performance/, if each plot is among its pictures
+and draws a line. A link passes if its page and its anchor are there. The search must find words that
+newcomers look for.
 """
 import json
 import pathlib
@@ -17,9 +19,12 @@ import tempfile
 import urllib.parse
 
 from selenium import webdriver
+from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.support.ui import WebDriverWait
 
-WIDTHS = (390, 1280)
+WIDTHS = (390, 1440)
+SOUGHT = ("persist", "batch", "normalize", "cosine", "windows", "macos", "licence", "uninstall")
 FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--disable-dev-shm-usage", "--hide-scrollbars",
@@ -28,6 +33,10 @@ OVERFLOW = "return document.documentElement.scrollWidth - document.documentEleme
 PICTURES = """return Promise.all([...document.images].map(
   image => image.decode().then(() => [image.currentSrc, image.naturalWidth, image.naturalHeight],
                                () => [image.src, 0, 0])))"""
+CUT_CODE = """return [...document.querySelectorAll('.md-content pre > code')].filter(
+  code => code.scrollWidth > code.clientWidth).map(code => code.innerText.slice(0, 60))"""
+FIXED_PLOTS = """return [...document.querySelectorAll('.plot')].filter(plot => {
+  plot.scrollLeft = 40; const moved = plot.scrollLeft; plot.scrollLeft = 0; return moved !== 40; }).length"""
 LINKS = "return [...document.querySelectorAll('a[href]')].map(a => a.href)"
 ANCHORS = "return [...document.querySelectorAll('[id], a[name]')].map(e => e.id || e.name)"
 
@@ -83,6 +92,28 @@ def wrong_with_page(driver, site):
     return findings
 
 
+def wrong_with_width(driver, path, width):
+    if width == WIDTHS[0]:
+        fixed = driver.execute_script(FIXED_PLOTS)
+        return [f"{fixed} plots cannot be moved"] if fixed else []
+    cut = driver.execute_script(CUT_CODE) if path.startswith("reference") else []
+    return [f"code is cut off: {text!r}" for text in cut]
+
+
+def look_for_words(driver, site, report):
+    for word in SOUGHT:
+        driver.get("about:blank")
+        show(driver, site, WIDTHS[1])
+        driver.find_element("css selector", "input.md-search__input").send_keys(word)
+        try:
+            WebDriverWait(driver, 20).until(
+                lambda seen: seen.find_elements("css selector", ".md-search-result__item"))
+            findings = []
+        except TimeoutException:
+            findings = ["nothing is found"]
+        report.add(f"search for {word}", findings)
+
+
 def wrong_with_plots(driver, html, plots):
     decoded = {pathlib.PurePosixPath(source).name
                for source, width, height in driver.execute_script(PICTURES) if width and height}
@@ -109,7 +140,7 @@ def look_at_page(driver, site, path, html, plots, pictures, report):
     for width in WIDTHS:
         driver.get("about:blank")
         show(driver, site + path, width)
-        findings = wrong_with_page(driver, site)
+        findings = wrong_with_page(driver, site) + wrong_with_width(driver, path, width)
         if path == "performance/":
             findings += wrong_with_plots(driver, html, plots)
         report.add(f"/{path} at {width}", findings)
@@ -131,6 +162,7 @@ def look_at_all(driver, site, html, plots, pictures, report):
     functions = [name for name in anchors.get("reference/", ()) if name.startswith("qx_")]
     report.add("functions in the reference",
                [f"{len(functions)} of 30 anchors"] if len(functions) != 30 else [])
+    look_for_words(driver, site, report)
 
 
 def leads_somewhere(url, site, html, anchors):

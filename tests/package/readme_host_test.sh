@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles the README's program for a library as it is printed, runs it, and compares its output with
+# Compiles the program of a library's README as it is printed, runs it, and compares its output with
 # the printed one.
 # usage: readme_host_test.sh SOURCE_DIRECTORY SHARED_LIBRARY COMPILER [RUNNER]...
 #   COMPILER  compiles C, and may bring options
@@ -20,7 +20,7 @@ awk -v header="#include \"$library.h\"" -v host="$work/host.c" -v expected="$wor
   /^```$/ && inside == "c" { inside = ""; if (index(block, header)) { printf "%s", block >host; found = 1 }; next }
   /^```$/ && inside == "" && found { inside = "output"; block = ""; next }
   /^```$/ && inside == "output" { printf "%s", block >expected; exit }
-  inside != "" { block = block $0 "\n" }' "$source_directory/README.md"
+  inside != "" { block = block $0 "\n" }' "$source_directory/README.md" "$source_directory/collection/README.md"
 [ -s "$work/host.c" ] && [ -s "$work/expected" ]
 
 "${compiler[@]}" -std=c99 -Wall -Wextra -pedantic -Werror "$work/host.c" \

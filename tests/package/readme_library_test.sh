@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the shared library by the one line of the README, in a copy of the sources, by a
+# Builds the shared library by the one line of the page on installing, in a copy of the sources, by a
 # compiler of choice; looks at it from outside, and runs the README's host with it.
 # usage: readme_library_test.sh SOURCE_DIRECTORY COMPILER [RUNNER]...
 #   COMPILER  replaces the line's c++, and may have options
@@ -12,11 +12,11 @@ here=$source_directory/tests/package
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-line=$(awk '/^### Without CMake$/ { section = 1 }
+line=$(awk '/^## Without CMake$/ { section = 1 }
             /^```$/ && section { if (inside) exit; inside = 1; next }
-            inside' "$source_directory/README.md")
+            inside' "$source_directory/docs/site/pages/install.md")
 [[ $line == "c++ "*"-ffp-contract=off "*" -o libqx_runtime.so" ]] ||
-  { echo "readme_library_test: the README has no such line: $line" >&2; exit 1; }
+  { echo "readme_library_test: install.md has no such line: $line" >&2; exit 1; }
 
 cp -r "$source_directory/engine" "$source_directory/include" "$work"
 (cd "$work" && eval "$compiler ${line#c++ }")

@@ -721,10 +721,11 @@ def test_a_typed_program_runs():
     exec(compile(path.read_text(), path, "exec"), {})
 
 
-@pytest.mark.parametrize("number", [0, 2])
-def test_the_programs_of_the_readme(number, capsys):
-    readme = (ROOT / "bindings/python/README.md").read_text()
-    blocks = re.findall(r"^```\w*\n(.*?)^```$", readme, re.M | re.S)
+@pytest.mark.parametrize("path, number", [
+    ("README.md", 0), ("bindings/python/README.md", 0), ("bindings/python/README.md", 2)])
+def test_the_programs_of_the_readmes(path, number, capsys, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    blocks = re.findall(r"^```\w*\n(.*?)^```$", (ROOT / path).read_text(), re.M | re.S)
     exec(compile(blocks[number], "README.md", "exec"), {})
     assert capsys.readouterr().out == blocks[number + 1]
 
