@@ -8,7 +8,7 @@ A page passes at a width if its body does not overflow, the console is silent, e
 decoded, nothing was asked of another host, no line of code of a reference is wider than its column in a
 wide window, and each plot can be moved in a narrow one; performance/, if each plot is among its pictures
 and draws a line. A link passes if its page and its anchor are there. The search must find words that
-newcomers look for.
+newcomers look for, and the demo must find neighbours, filter them and delete one.
 """
 import json
 import pathlib
@@ -114,6 +114,30 @@ def look_for_words(driver, site, report):
         report.add(f"search for {word}", findings)
 
 
+def neighbours(driver):
+    return [row.text.split()[0] for row in driver.find_elements("css selector", "#demo-hits tr")]
+
+
+def wrong_with_demo(driver, site):
+    show(driver, site + "demo/", WIDTHS[1])
+    WebDriverWait(driver, 60).until(neighbours)
+    found = neighbours(driver)
+    if len(found) != 12 or "musical" not in found:
+        yield f"the neighbours of music are {found}"
+    if not re.search(r"A search of 20,000 words took [\d.]+ ms", driver.find_element("id", "demo-time").text):
+        yield "there is no time"
+    driver.find_element("css selector", "#demo-hits button").click()
+    left = neighbours(driver)
+    if left[:11] != found[1:] or "19,999" not in driver.find_element("id", "demo-time").text:
+        yield f"{found[0]} was deleted, and {left} are left"
+    driver.find_element("id", "demo-letters").send_keys("5")
+    if {len(word) for word in neighbours(driver)} != {5}:
+        yield "words of another length pass"
+    driver.find_element("id", "demo-word").send_keys("xx")
+    if neighbours(driver) or "not among" not in driver.find_element("id", "demo-time").text:
+        yield "a word that there is not has neighbours"
+
+
 def wrong_with_plots(driver, html, plots):
     decoded = {pathlib.PurePosixPath(source).name
                for source, width, height in driver.execute_script(PICTURES) if width and height}
@@ -163,6 +187,7 @@ def look_at_all(driver, site, html, plots, pictures, report):
     report.add("functions in the reference",
                [f"{len(functions)} of 30 anchors"] if len(functions) != 30 else [])
     look_for_words(driver, site, report)
+    report.add("demo", list(wrong_with_demo(driver, site)))
 
 
 def leads_somewhere(url, site, html, anchors):
