@@ -19,12 +19,15 @@
 namespace bench {
 namespace {
 
-#define QX_CALLS(X)                                                                     \
-  X(qx_index_new)                                                                       \
-  X(qx_index_free)                                                                      \
-  X(qx_index_build)                                                                     \
-  X(qx_index_insert) X(qx_index_delete) X(qx_index_set_rowmeta) X(qx_index_search_full) \
-      X(qx_index_scatter_topk) X(qx_index_search_mvcc) X(qx_index_search_filtered)
+#define QX_CALLS(X)                                                        \
+  X(qx_index_new)                                                          \
+  X(qx_index_free)                                                         \
+  X(qx_index_build)                                                        \
+  X(qx_index_insert)                                                       \
+  X(qx_index_delete)                                                       \
+  X(qx_index_set_rowmeta)                                                  \
+  X(qx_index_search_full) X(qx_index_scatter_topk) X(qx_index_search_mvcc) \
+      X(qx_index_search_filtered)
 
 struct Library {
   explicit Library(const char* path) : handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
