@@ -119,8 +119,8 @@ class Cluster:
         for process in self.programs():
             os.kill(process, signal.SIGKILL)
 
-    def kill_everything(self):
-        """The postmaster and all its children at once, and a start over what is left."""
+    def kill(self):
+        """The postmaster and all its children at once."""
         postmaster = self.postmaster()
         children = pathlib.Path(f"/proc/{postmaster}/task/{postmaster}/children").read_text().split()
         for process in [postmaster, *map(int, children), *self.programs()]:
@@ -129,6 +129,10 @@ class Cluster:
             except ProcessLookupError:
                 pass
         wait_until(lambda: not any(pathlib.Path(f"/proc/{p}").exists() for p in children))
+
+    def kill_everything(self):
+        """And a start over what is left."""
+        self.kill()
         self.start()
 
     def close(self):

@@ -44,3 +44,9 @@ CREATE OPERATOR qx.<=> (FUNCTION = qx.by_cosine, LEFTARG = real[], RIGHTARG = re
   COMMUTATOR = OPERATOR(qx.<=>));
 CREATE OPERATOR qx.<-> (FUNCTION = qx.by_distance, LEFTARG = real[], RIGHTARG = real[],
   COMMUTATOR = OPERATOR(qx.<->));
+
+-- Of the latest search of the session: whoever merges its rows needs their order, and knows what they lack.
+CREATE FUNCTION qx.last_metric() RETURNS smallint LANGUAGE c VOLATILE PARALLEL RESTRICTED
+  AS 'MODULE_PATHNAME', 'qx_last_metric';
+CREATE FUNCTION qx.missing_shards() RETURNS text[] LANGUAGE c VOLATILE PARALLEL RESTRICTED
+  AS 'MODULE_PATHNAME', 'qx_missing_shards';

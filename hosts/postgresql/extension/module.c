@@ -20,6 +20,11 @@ void _PG_init(void) {
                           "0 is as many as there are CPUs.", &qx_search_threads, 0, 0, 1024,
                           PGC_USERSET, 0, NULL, NULL, NULL);
   qx_offer_order();
+  DefineCustomIntVariable("qx.shard_timeout", "Most time that a search waits for a shard.",
+                          "0 is no limit.", &qx_shard_timeout, 10000, 0, PG_INT32_MAX, PGC_USERSET,
+                          GUC_UNIT_MS, NULL, NULL, NULL);
+  DefineCustomBoolVariable("qx.partial_answers", "Answers without shards that do not answer.", NULL,
+                           &qx_partial_answers, false, PGC_USERSET, 0, NULL, NULL, NULL);
   MarkGUCPrefixReserved("qx");
   qx_watch_definitions();
   qx_watch_commits();

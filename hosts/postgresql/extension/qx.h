@@ -130,6 +130,35 @@ static inline void qx_take(const char** from, void* to, size_t size) {
   *from += size;
 }
 
+/* ---- search.c, shards.c: answers ------------------------------------------------------------ */
+
+typedef struct QxQuestion {
+  ArrayType* query;
+  int64 k;
+  const char* filter; /* empty: none */
+  Oid key_type;       /* int8, uuid or text */
+} QxQuestion;
+
+typedef struct QxHit {
+  Datum id;
+  float score;
+} QxHit;
+
+typedef struct QxAnswer {
+  int32 metric;
+  int64 count;
+  QxHit* hits;
+} QxAnswer;
+
+extern int32 qx_shard_timeout; /* ms; 0: none */
+extern bool qx_partial_answers;
+
+/* With `check`, of a user who may read what the index has. */
+QxAnswer qx_search_table(Relation table, const QxQuestion* question, bool check);
+/* Of a partitioned or foreign table. */
+QxAnswer qx_search_shards(Relation table, const QxQuestion* question);
+void qx_forget_missing(void);
+
 /* ---- search.c ------------------------------------------------------------------------------ */
 
 /* The keys of the k best rows that a snapshot sees. */

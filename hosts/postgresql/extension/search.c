@@ -22,9 +22,11 @@
 
 PG_FUNCTION_INFO_V1(qx_search);
 PG_FUNCTION_INFO_V1(qx_last_search);
+PG_FUNCTION_INFO_V1(qx_last_metric);
 PG_FUNCTION_INFO_V1(qx_stat);
 
 static const char* last_search = "none";
+static int32 last_metric = QX_INNER_PRODUCT;
 
 typedef struct Search {
   Relation table;
@@ -243,36 +245,33 @@ int64 qx_best_keys(Relation table, Snapshot snapshot, ArrayType* query, int64 k,
   return s.count;
 }
 
-static void give_out(FunctionCallInfo fcinfo, const Search* s) {
-  ReturnSetInfo* result = (ReturnSetInfo*)fcinfo->resultinfo;
+static QxAnswer hits_of(const Search* s) {
+  QxAnswer found = {s->definition.metric, s->count, NULL};
   const char* bytes = s->bytes;
-  bool nulls[2] = {false, false};
+  found.hits = MemoryContextAllocHuge(CurrentMemoryContext, sizeof(QxHit) * (Size)(s->count + 1));
   for (int64 i = 0; i < s->count; i++) {
     int64 id = size_of_id(s, i);
-    float score;
-    Datum values[2];
-    memcpy(&score, s->scores + i * 4, sizeof score);
-    values[0] = Int64GetDatum(id);
-    values[1] = Float4GetDatum(score);
+    QxHit* hit = &found.hits[i];
+    memcpy(&hit->score, s->scores + i * 4, sizeof hit->score);
+    hit->id = Int64GetDatum(id);
     if (s->definition.id_kind == QX_TEXTS) {
-      values[0] = s->definition.id.type == QX_TEXT
-                      ? PointerGetDatum(cstring_to_text_with_len(bytes, (int)id))
-                      : PointerGetDatum(bytes);
+      hit->id = s->definition.id.type == QX_TEXT
+                    ? PointerGetDatum(cstring_to_text_with_len(bytes, (int)id))
+                    : PointerGetDatum(bytes);
       bytes += id;
     }
-    tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
   }
+  return found;
 }
 
 /* There is a function for each type of key. */
-static void check_key(FunctionCallInfo fcinfo, const Search* s) {
-  const ReturnSetInfo* result = (const ReturnSetInfo*)fcinfo->resultinfo;
+static void check_key(const QxQuestion* q, const Search* s) {
   int32 type = s->definition.id.type;
   const char* function = type == QX_INTEGER ? "qx.search"
                          : type == QX_TEXT  ? "qx.search_text"
                                             : "qx.search_uuid";
   Oid given = type == QX_INTEGER ? INT8OID : type == QX_TEXT ? TEXTOID : UUIDOID;
-  if (TupleDescAttr(result->setDesc, 0)->atttypid != given) {
+  if (q->key_type != given) {
     ereport(ERROR, errcode(ERRCODE_DATATYPE_MISMATCH),
             errmsg("the key of \"%s\" is of type %s", RelationGetRelationName(s->table),
                    format_type_be(s->definition.id.sql_type)),
@@ -280,29 +279,64 @@ static void check_key(FunctionCallInfo fcinfo, const Search* s) {
   }
 }
 
-Datum qx_search(PG_FUNCTION_ARGS) {
+QxAnswer qx_search_table(Relation table, const QxQuestion* q, bool check) {
   Search s = {0};
+  s.table = table;
+  s.definition = *qx_definition(table);
+  qx_require_index(table, &s.definition);
+  if (check) check_privileges(&s);
+  check_key(q, &s);
+  s.snapshot = GetActiveSnapshot();
+  begin(&s, q->query, q->k, q->filter);
+  return hits_of(&s);
+}
+
+static void give_out(const ReturnSetInfo* result, const QxAnswer* found) {
+  bool nulls[2] = {false, false};
+  for (int64 i = 0; i < found->count; i++) {
+    Datum values[2] = {found->hits[i].id, Float4GetDatum(found->hits[i].score)};
+    tuplestore_putvalues(result->setResult, result->setDesc, values, nulls);
+  }
+}
+
+Datum qx_search(PG_FUNCTION_ARGS) {
+  const ReturnSetInfo* result = (const ReturnSetInfo*)fcinfo->resultinfo;
+  QxQuestion q;
+  QxAnswer found;
+  Relation table;
   InitMaterializedSRF(fcinfo, 0);
   if (PG_ARGISNULL(0) || PG_ARGISNULL(1) || PG_ARGISNULL(2)) {
     ereport(ERROR, errcode(ERRCODE_NULL_VALUE_NOT_ALLOWED),
             errmsg("table, query and k must not be NULL"));
   }
-  s.table = table_open(PG_GETARG_OID(0), AccessShareLock);
-  s.definition = *qx_definition(s.table);
-  qx_require_index(s.table, &s.definition);
-  check_privileges(&s);
-  check_key(fcinfo, &s);
-  s.snapshot = GetActiveSnapshot();
-  begin(&s, PG_GETARG_ARRAYTYPE_P(1), PG_GETARG_INT64(2),
-        PG_ARGISNULL(3) ? "" : text_to_cstring(PG_GETARG_TEXT_PP(3)));
-  give_out(fcinfo, &s);
-  table_close(s.table, AccessShareLock);
+  q.query = PG_GETARG_ARRAYTYPE_P(1);
+  q.k = PG_GETARG_INT64(2);
+  q.filter = PG_ARGISNULL(3) ? "" : text_to_cstring(PG_GETARG_TEXT_PP(3));
+  q.key_type = TupleDescAttr(result->setDesc, 0)->atttypid;
+  table = table_open(PG_GETARG_OID(0), AccessShareLock);
+  qx_forget_missing();
+  if (table->rd_rel->relkind == RELKIND_PARTITIONED_TABLE ||
+      table->rd_rel->relkind == RELKIND_FOREIGN_TABLE) {
+    found = qx_search_shards(table, &q);
+    last_search = "shards";
+  } else {
+    found = qx_search_table(table, &q, true);
+  }
+  last_metric = found.metric;
+  give_out(result, &found);
+  table_close(table, AccessShareLock);
   PG_RETURN_VOID();
 }
 
 Datum qx_last_search(PG_FUNCTION_ARGS) {
   (void)fcinfo;
   PG_RETURN_TEXT_P(cstring_to_text(last_search));
+}
+
+/* Of the latest search, so that whoever merges its rows knows their order. */
+Datum qx_last_metric(PG_FUNCTION_ARGS) {
+  (void)fcinfo;
+  PG_RETURN_INT16((int16)last_metric);
 }
 
 Datum qx_stat(PG_FUNCTION_ARGS) {
