@@ -207,6 +207,33 @@ def test_what_does_not_fit_is_an_error_that_says_where(two):
         session.run("SELECT * FROM qx.search('lines', '{1,2,3}', 10)")
 
 
+def test_a_server_that_gives_something_else(two):
+    shard = two.shards[1].session
+    shard.run("DROP EXTENSION qx CASCADE")
+    with pytest.raises(psycopg2.Error, match='shard "s1": function qx.search.* does not exist'):
+        two.search()
+    shard.run("CREATE FUNCTION qx.last_metric() RETURNS smallint LANGUAGE sql AS 'SELECT 0::int2';"
+              "CREATE FUNCTION qx.search(regclass, real[], bigint, text, OUT id int, OUT score real) "
+              "RETURNS SETOF record LANGUAGE sql AS 'SELECT 1, 1::real'")
+    with pytest.raises(psycopg2.Error, match='shard "s1" gives no hits'):
+        two.search()
+
+
+def test_all_shards_are_asked_at_the_same_time(two):
+    blockers = [shard.connect() for shard in two.shards]
+    for blocker in blockers:
+        blocker.run("BEGIN; LOCK TABLE t IN ACCESS EXCLUSIVE MODE")
+    found = []
+    searching = threading.Thread(target=lambda: found.extend(two.search()))
+    searching.start()
+    waiting = "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND wait_event_type = 'Lock'"
+    wait_until(lambda: [shard.session.one(waiting) for shard in two.shards] == [1, 1])
+    for blocker in blockers:
+        blocker.run("COMMIT")
+    searching.join()
+    assert len(found) == 10
+
+
 # ---- Roles ----------------------------------------------------------------------------------------------
 
 @pytest.fixture
