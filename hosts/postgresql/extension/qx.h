@@ -137,6 +137,7 @@ typedef struct QxQuestion {
   int64 k;
   const char* filter; /* empty: none */
   Oid key_type;       /* int8, uuid or text */
+  const bytea* sent;  /* the query as other servers read it */
 } QxQuestion;
 
 typedef struct QxHit {

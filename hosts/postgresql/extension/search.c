@@ -301,7 +301,7 @@ static void give_out(const ReturnSetInfo* result, const QxAnswer* found) {
 
 Datum qx_search(PG_FUNCTION_ARGS) {
   const ReturnSetInfo* result = (const ReturnSetInfo*)fcinfo->resultinfo;
-  QxQuestion q;
+  QxQuestion q = {0};
   QxAnswer found;
   Relation table;
   InitMaterializedSRF(fcinfo, 0);

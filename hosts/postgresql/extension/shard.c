@@ -12,7 +12,6 @@
 #include "storage/fd.h"
 #include "storage/latch.h"
 #include "utils/builtins.h"
-#include "utils/fmgroids.h"
 #include "utils/memutils.h"
 
 int32 qx_shard_timeout = 10000; /* ms */
@@ -206,7 +205,6 @@ static void take_refusal(QxShard* s, const PGresult* refusal) {
 
 /* The statement has a part for each table of the shard. */
 static void ask(QxShard* s, const QxQuestion* q) {
-  bytea* query = OidSendFunctionCall(F_ARRAY_SEND, PointerGetDatum(q->query));
   uint64 k = pg_hton64((uint64)q->k);
   int n = 3 + list_length(s->tables), i = 3;
   Oid* types = palloc(sizeof(Oid) * (Size)n);
@@ -220,10 +218,10 @@ static void ask(QxShard* s, const QxQuestion* q) {
   types[0] = FLOAT4ARRAYOID;
   types[1] = INT8OID;
   types[2] = TEXTOID;
-  values[0] = VARDATA(query);
+  values[0] = VARDATA(q->sent);
   values[1] = (const char*)&k;
   values[2] = q->filter;
-  sizes[0] = (int)VARSIZE(query) - VARHDRSZ;
+  sizes[0] = (int)VARSIZE(q->sent) - VARHDRSZ;
   sizes[1] = sizeof k;
   formats[0] = formats[1] = 1;
   foreach (table, s->tables) {

@@ -18,6 +18,7 @@
 #include "storage/lock.h"
 #include "utils/acl.h"
 #include "utils/builtins.h"
+#include "utils/fmgroids.h"
 #include "utils/lsyscache.h"
 #include "utils/memutils.h"
 #include "utils/rls.h"
@@ -268,6 +269,7 @@ static void ask_all_or_disconnect(List* shards, const List* local, const QxQuest
 QxAnswer qx_search_shards(Relation parent, const QxQuestion* q) {
   List *shards = NIL, *servers = NIL, *local = NIL;
   QxAnswer found = {0};
+  QxQuestion asked = *q;
   ListCell* cell;
   check_privileges(parent);
   foreach (cell, find_all_inheritors(RelationGetRelid(parent), AccessShareLock, NULL)) {
@@ -280,7 +282,8 @@ QxAnswer qx_search_shards(Relation parent, const QxQuestion* q) {
     }
   }
   if (servers != NIL) refuse_own_changes(servers);
-  ask_all_or_disconnect(shards, local, q, &found);
+  asked.sent = OidSendFunctionCall(F_ARRAY_SEND, PointerGetDatum(q->query));
+  ask_all_or_disconnect(shards, local, &asked, &found);
   note_missing(shards);
   keep_best(&found, q);
   return found;
