@@ -1,5 +1,6 @@
-"""Three shards of two servers each. Under searches and writes, primaries are killed and standbys promoted:
-an answer is whole, says what it lacks, or is an error that names the shard; no committed row is lost."""
+"""Three shards of two servers each. Under searches and writes, primaries are killed and standbys promoted,
+and one pair is made whole and fails over again: an answer is whole, says what it lacks, or is an error that
+names the shard; no committed row is lost."""
 import re
 import threading
 
@@ -18,17 +19,31 @@ class Pair:
 
     def __init__(self):
         self.primary = Cluster()
+        self.clusters = [self.primary]
         self.database = Database(self.primary)
-        run, one = self.database.session.run, self.database.session.one
         self.database.session.make_table()
+        self.add_standby()
+
+    def add_standby(self):
         self.standby = Cluster(base=self.primary)
-        run("ALTER SYSTEM SET synchronous_standby_names = '*'")
-        run("SELECT pg_reload_conf()")
-        wait_until(lambda: one("SELECT count(*) FROM pg_stat_replication WHERE sync_state = 'sync'") == 1)
+        self.clusters.append(self.standby)
+        with self.primary.connect().cursor() as cursor:
+            cursor.execute("ALTER SYSTEM SET synchronous_standby_names = '*'")
+            cursor.execute("SELECT pg_reload_conf()")
+        wait_until(self.commits_wait)
+
+    def commits_wait(self):
+        with self.primary.connect().cursor() as cursor:
+            cursor.execute("SELECT sync_state = 'sync' FROM pg_stat_replication")
+            return cursor.fetchall() == [(True,)]
+
+    def promote(self):
+        self.standby.run("pg_ctl", "-D", self.standby.data, "-w", "promote")
+        self.primary = self.standby
 
     def close(self):
-        self.primary.close()
-        self.standby.close()
+        for cluster in self.clusters:
+            cluster.close()
 
 
 @pytest.fixture
@@ -48,7 +63,7 @@ class Repeats(threading.Thread):
 
     def __init__(self, work):
         super().__init__()
-        self.work, self.ends, self.errors = work, False, set()
+        self.work, self.ends, self.errors = work, False, []
         self.start()
 
     def run(self):
@@ -56,7 +71,7 @@ class Repeats(threading.Thread):
             try:
                 self.work()
             except psycopg2.Error as error:
-                self.errors.add(str(error).split("\n", maxsplit=1)[0])
+                self.errors.append(str(error).split("\n", maxsplit=1)[0])
 
     def stop(self):
         self.ends = True
@@ -93,12 +108,16 @@ def test_shards_fail_over_under_load(database, pairs):
     whole = []
     loads = [Repeats(lambda: search(strict, whole)), Repeats(lambda: search(partial, missed)), Repeats(write)]
     try:
-        for name, pair in zip(NAMES, pairs):
+        for name, pair in zip([*NAMES, "s0"], [*pairs, pairs[0]]):
             wait_until(lambda: whole and written)
+            if pair.primary is pair.standby:
+                pair.add_standby()
+                session.run(f"ALTER SERVER s0 OPTIONS (SET host '{pair.primary.folder},{pair.standby.folder}')")
+            errors, answers = len(loads[0].errors), len(missed)
             pair.primary.kill()
-            wait_until(lambda: [name] in missed and any(f'"{name}" does not answer' in error
-                                                        for error in loads[0].errors))
-            pair.standby.run("pg_ctl", "-D", pair.standby.data, "-w", "promote")
+            wait_until(lambda: [name] in missed[answers:] and any(f'"{name}" does not answer' in error
+                                                                  for error in loads[0].errors[errors:]))
+            pair.promote()
             done = len(whole), len(missed), len(written)
             wait_until(lambda: len(whole) > done[0] + 1 and [] in missed[done[1] + 1:]
                        and any(written[done[2] + 1:]))

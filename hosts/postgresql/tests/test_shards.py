@@ -1,10 +1,8 @@
 """A table spread over shards answers as a table of one server with the same rows, to the bit."""
 import io
-import os
 import random
 import re
 import shutil
-import signal
 import socket
 import threading
 
@@ -137,6 +135,15 @@ def test_a_statement_does_not_search_beside_its_own_change(two):
     two.agree()
 
 
+def test_changes_on_servers_that_are_not_asked_do_not_matter(two):
+    session, there = two.session, two.coordinator
+    add_server(session.run, "itself", there.name, there.cluster)
+    session.run("CREATE TABLE u (id int); CREATE FOREIGN TABLE far (id int) SERVER itself OPTIONS (table_name 'u')")
+    session.run("BEGIN; INSERT INTO far VALUES (1); DELETE FROM t WHERE false")
+    two.agree()
+    session.run("COMMIT")
+
+
 def test_uncommitted_changes_of_others_are_not_seen(two):
     other = two.coordinator.connect()
     other.run("BEGIN; INSERT INTO parts VALUES (1000, '{9,9,9}'); INSERT INTO t VALUES (1000, '{9,9,9}')")
@@ -238,7 +245,7 @@ def test_all_shards_are_asked_at_the_same_time(two):
 
 @pytest.fixture
 def keeper(cluster):
-    """A role that the shards ask for a password."""
+    """A role that the shards ask for a password, which a file of the server has."""
     administrator = cluster.connect()
     cursor = administrator.cursor()
     cursor.execute("CREATE ROLE qx_keeper LOGIN PASSWORD 'right-secret'; CREATE ROLE qx_reader LOGIN")
@@ -246,7 +253,11 @@ def keeper(cluster):
     before = rules.read_text()
     rules.write_text("local all qx_keeper scram-sha-256\n" + before)
     cursor.execute("SELECT pg_reload_conf()")
-    yield
+    passwords = cluster.folder / "passwords"
+    passwords.write_text("*:*:*:qx_keeper:right-secret")
+    passwords.chmod(0o600)
+    shutil.chown(passwords, cluster.data.owner())
+    yield passwords
     rules.write_text(before)
     cursor.execute("SELECT pg_reload_conf(); DROP ROLE qx_keeper; DROP ROLE qx_reader")
     administrator.close()
@@ -263,8 +274,12 @@ def test_users_reach_what_their_mappings_may(two, keeper):
     session.run("GRANT SELECT ON parts, t TO qx_reader")
     refused("user mapping not found")
     for name in two.names:
-        session.run(f"CREATE USER MAPPING FOR qx_reader SERVER {name} OPTIONS (user 'postgres')")
+        session.run(f"ALTER SERVER {name} OPTIONS (ADD passfile '{keeper}');"
+                    f"CREATE USER MAPPING FOR qx_reader SERVER {name} OPTIONS (user 'qx_keeper')")
     refused("must be reached by a password")
+    for name in two.names:
+        session.run(f"ALTER SERVER {name} OPTIONS (DROP passfile);"
+                    f"ALTER USER MAPPING FOR qx_reader SERVER {name} OPTIONS (SET user 'postgres')")
     for name in two.names:
         session.run(f"ALTER USER MAPPING FOR qx_reader SERVER {name} OPTIONS (ADD password 'wrong-secret')")
     refused("must be reached by a password")
@@ -371,18 +386,17 @@ def test_a_connection_that_was_lost_is_made_anew(two):
     assert [len(connections(shard)) for shard in two.shards] == [1, 1]
 
 
-def test_work_that_nobody_waits_for_ends(two):
-    shard = two.shards[1]
-    victim = connections(shard)[0]
-    two.session.run("SET qx.shard_timeout = '300ms'")
-    os.kill(victim, signal.SIGSTOP)
-    try:
-        with pytest.raises(psycopg2.Error, match='"s1" does not answer'):
-            two.search()
-    finally:
-        os.kill(victim, signal.SIGCONT)
-    wait_until(lambda: victim not in connections(shard))
-    two.session.run("RESET qx.shard_timeout")
+@pytest.mark.parametrize("setting, message", [
+    ("qx.shard_timeout", '(?s)"s1" does not answer.*within 300 ms'), ("statement_timeout", "canceling statement")])
+def test_work_that_nobody_waits_for_ends(two, setting, message):
+    shard, blocker = two.shards[1], two.shards[1].connect()
+    blocker.run("BEGIN; LOCK TABLE t IN ACCESS EXCLUSIVE MODE")
+    two.session.run(f"SET {setting} = '300ms'")
+    with pytest.raises(psycopg2.Error, match=message):
+        two.search()
+    wait_until(lambda: not connections(shard))
+    blocker.run("COMMIT")
+    two.session.run(f"RESET {setting}")
     two.agree()
 
 
