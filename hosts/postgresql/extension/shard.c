@@ -107,6 +107,14 @@ static void require_password(const QxShard* s, bool used) {
                     "for which the server must ask."));
 }
 
+/* Texts are ordered by their bytes, there as here. */
+static void require_encoding(const QxShard* s) {
+  const char* encoding = PQparameterStatus(s->connection, "server_encoding");
+  if (encoding != NULL && strcmp(encoding, GetDatabaseEncodingName()) == 0) return;
+  ereport(ERROR, errcode(ERRCODE_FDW_ERROR),
+          errmsg("the database of shard \"%s\" has another encoding", s->name));
+}
+
 /* ---- One shard ----------------------------------------------------------------------------- */
 
 static int count_hosts(const QxShard* s) {
@@ -245,6 +253,7 @@ static void go_on_connecting(QxShard* s, const QxQuestion* q) {
       s->reads = true;
       break;
     case PGRES_POLLING_OK:
+      require_encoding(s);
       ask(s, q);
       break;
     case PGRES_POLLING_FAILED:

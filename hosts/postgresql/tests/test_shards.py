@@ -208,6 +208,11 @@ def test_what_does_not_fit_is_an_error_that_says_where(two):
     shard.run("SELECT qx.drop_index('t')")
     with pytest.raises(psycopg2.Error, match='shard "s1": table "t" has no index of qx'):
         two.search()
+    session.run("CREATE DATABASE latin TEMPLATE template0 ENCODING 'LATIN1'")
+    session.run("ALTER SERVER s1 OPTIONS (SET dbname 'latin')")
+    with pytest.raises(psycopg2.Error, match='the database of shard "s1" has another encoding'):
+        two.search()
+    session.run("DROP DATABASE latin")
     session.run("CREATE EXTENSION file_fdw; CREATE SERVER files FOREIGN DATA WRAPPER file_fdw;"
                 "CREATE FOREIGN TABLE lines (id bigint) SERVER files OPTIONS (filename '/dev/null')")
     with pytest.raises(psycopg2.Error, match='"lines" is of "file_fdw"'):
