@@ -345,7 +345,9 @@ void qx_shards_wait(List* shards, const QxQuestion* q, TimestampTz began) {
   ListCell* cell;
   while (wait_for_any(shards, q)) {
     long elapsed = TimestampDifferenceMilliseconds(began, GetCurrentTimestamp());
-    foreach (cell, shards) mind_time(lfirst(cell), elapsed);
+    foreach (cell, shards) {
+      mind_time(lfirst(cell), elapsed);
+    }
   }
 }
 
