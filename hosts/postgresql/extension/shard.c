@@ -13,6 +13,7 @@
 #include "storage/latch.h"
 #include "utils/builtins.h"
 #include "utils/memutils.h"
+#include "utils/timestamp.h"
 
 int32 qx_shard_timeout = 10000; /* ms */
 bool qx_partial_answers = false;
@@ -341,7 +342,8 @@ static bool wait_for_any(List* shards, const QxQuestion* q) {
   return waiting > 0;
 }
 
-void qx_shards_wait(List* shards, const QxQuestion* q, TimestampTz began) {
+void qx_shards_wait(List* shards, const QxQuestion* q) {
+  TimestampTz began = GetCurrentTimestamp();
   ListCell* cell;
   while (wait_for_any(shards, q)) {
     long elapsed = TimestampDifferenceMilliseconds(began, GetCurrentTimestamp());

@@ -236,13 +236,12 @@ void qx_forget_missing(void) {
 }
 
 static void ask_all(List* shards, const List* local, const QxQuestion* q, QxAnswer* found) {
-  TimestampTz began = GetCurrentTimestamp();
   ListCell* cell;
   foreach (cell, shards) {
     qx_shard_start(lfirst(cell), q);
   }
   search_local(found, local, q);
-  qx_shards_wait(shards, q, began);
+  qx_shards_wait(shards, q);
   foreach (cell, shards) {
     QxShard* s = lfirst(cell);
     if (s->answer != NULL) add_answer(found, s, q->key_type);

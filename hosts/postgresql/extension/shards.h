@@ -5,7 +5,6 @@
 #include "extension/qx.h"
 #include "foreign/foreign.h"
 #include "libpq-fe.h"
-#include "utils/timestamp.h"
 
 #define QX_MOST_OPTIONS 64
 
@@ -39,7 +38,7 @@ typedef struct QxShard {
 /* Ready to be asked; of the caller's user mapping. */
 QxShard* qx_shard_of(const ForeignServer* server);
 void qx_shard_start(QxShard* shard, const QxQuestion* question);
-void qx_shards_wait(List* shards, const QxQuestion* question, TimestampTz began);
+void qx_shards_wait(List* shards, const QxQuestion* question);
 void qx_shard_disconnect(QxShard* shard);
 
 #endif
