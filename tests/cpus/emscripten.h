@@ -1,17 +1,11 @@
-// What Debian's emscripten does not have yet, of C++20 and of the directions of rounding, which
-// WebAssembly has not either. Its programs have one thread.
+// What Debian's emscripten does not have: of C++20, and the flags of floats, which WebAssembly has
+// not either. Its programs have one thread.
 #pragma once
 
 #include <cfenv>
+#include <cstddef>
 
-#define FE_DIVBYZERO 0
-#define FE_DOWNWARD 0
 #define FE_INEXACT 0
-#define FE_INVALID 0
-#define FE_OVERFLOW 0
-#define FE_TOWARDZERO 0
-#define FE_UNDERFLOW 0
-#define FE_UPWARD 0
 
 namespace std {
 
