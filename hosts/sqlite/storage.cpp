@@ -292,8 +292,8 @@ std::int64_t Storage::next_place() {
     if (lowest) return *lowest;
   }
   if (!places_) {
-    stamp();
-    latest_.each([&](const Statement& row) { places_ = row.integer(2); });
+    stamp();  // there is a commit
+    latest().each([&](const Statement& row) { places_ = row.integer(2); });
   }
   require_intact(*places_ >= 0 && *places_ < kMostPlaces, "the table ", table_, " has ", *places_,
                  " places");
@@ -388,12 +388,10 @@ void Storage::write_chunk(std::int64_t chunk, std::span<const Write> writes) {
 void Storage::write_commit() {
   const std::int64_t kept = kFewRowids + *places_ / 4;
   std::int64_t entry = 0, total = 0;
-  prepared(latest_, "SELECT entry, stamp, places, total FROM " + name("commits") +
-                        " ORDER BY entry DESC LIMIT 1")
-      .each([&](const Statement& row) {
-        entry = row.integer(0);
-        total = row.integer(3);
-      });
+  latest().each([&](const Statement& row) {
+    entry = row.integer(0);
+    total = row.integer(3);
+  });
   require_intact(entry < kMostCommits && total >= 0 && total < kMostCommits, "the table ", table_,
                  "_commits is damaged");
   const bool all = all_written_ || std::ssize(written_) > kept;
@@ -413,11 +411,14 @@ void Storage::write_commit() {
   }
 }
 
+Statement& Storage::latest() {
+  return prepared(latest_, "SELECT entry, stamp, places, total FROM " + name("commits") +
+                               " ORDER BY entry DESC LIMIT 1");
+}
+
 std::int64_t Storage::stamp() {
   std::optional<std::int64_t> stamp;
-  prepared(latest_, "SELECT entry, stamp, places, total FROM " + name("commits") +
-                        " ORDER BY entry DESC LIMIT 1")
-      .each([&](const Statement& row) { stamp = row.integer(1); });
+  latest().each([&](const Statement& row) { stamp = row.integer(1); });
   require_intact(stamp.has_value(), "the table ", table_, "_commits is empty");
   return *stamp;
 }

@@ -128,6 +128,7 @@ class Storage {
   };
   std::string name(std::string_view suffix) const;
   Statement& prepared(Statement& statement, const std::string& sql);
+  Statement& latest();
   std::string assignments(std::string_view before, std::string_view after) const;
   void bind_values(Statement& statement, int first, sqlite3_value** row);
   std::int64_t next_place();

@@ -82,14 +82,6 @@ def test_filters_apply_before_the_best_are_taken(filled):
     assert nearest(filled, k=5, more=listed) == [12, 2]
 
 
-def test_a_search_joins_other_tables(filled):
-    filled.execute("CREATE TABLE asked(id INTEGER PRIMARY KEY, query TEXT, wanted INTEGER)")
-    filled.executemany("INSERT INTO asked VALUES (?, ?, ?)", [(1, "[1, 0]", 0), (2, "[-1, 0]", 1)])
-    found = filled.execute("SELECT asked.id, t.rowid FROM asked JOIN t ON t.embedding MATCH "
-                           "asked.query AND k = 2 AND t.label = asked.wanted ORDER BY 1, t.distance")
-    assert found.fetchall() == [(1, 20), (1, 18), (2, 1), (2, 3)]
-
-
 def test_vectors_go_in_and_out_as_blobs_and_as_json(filled):
     blob, = filled.execute("SELECT embedding FROM t WHERE rowid = 4").fetchone()
     assert blob == b"\x00\x00\x80\x40\x00\x00\x80\x3f"
