@@ -19,35 +19,37 @@
 namespace bench {
 namespace {
 
-#define QX_CALLS(X)                                                        \
-  X(qx_index_new)                                                          \
-  X(qx_index_free)                                                         \
-  X(qx_index_build)                                                        \
-  X(qx_index_insert)                                                       \
-  X(qx_index_delete)                                                       \
-  X(qx_index_set_rowmeta)                                                  \
-  X(qx_index_search_full) X(qx_index_scatter_topk) X(qx_index_search_mvcc) \
-      X(qx_index_search_filtered)
-
-struct Library {
-  explicit Library(const char* path) : handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    require(handle != nullptr, std::string("the library ") + path + " can be loaded");
-#define QX_FIND(call) find(#call, &call);
-    QX_CALLS(QX_FIND)
-#undef QX_FIND
+// A library, and those of its functions that are called.
+class Library {
+ public:
+  explicit Library(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+    require(handle_ != nullptr, std::string("the library ") + path + " can be loaded");
   }
 
+ private:
   template <typename Function>
-  void find(const char* name, Function** call) const {
-    void* const found = dlsym(handle, name);
+  Function* find(const char* name) const {
+    void* const found = dlsym(handle_, name);
     require(found != nullptr, std::string("the library has ") + name);
-    std::memcpy(call, &found, sizeof found);
+    Function* call = nullptr;
+    std::memcpy(&call, &found, sizeof found);
+    return call;
   }
+  void* handle_;
 
-  void* handle;
-#define QX_MEMBER(call) decltype(&::call) call;
-  QX_CALLS(QX_MEMBER)
-#undef QX_MEMBER
+ public:
+#define QX_CALL(call) decltype(&::call) call = find<decltype(::call)>(#call)
+  QX_CALL(qx_index_new);
+  QX_CALL(qx_index_free);
+  QX_CALL(qx_index_build);
+  QX_CALL(qx_index_insert);
+  QX_CALL(qx_index_delete);
+  QX_CALL(qx_index_set_rowmeta);
+  QX_CALL(qx_index_search_full);
+  QX_CALL(qx_index_scatter_topk);
+  QX_CALL(qx_index_search_mvcc);
+  QX_CALL(qx_index_search_filtered);
+#undef QX_CALL
 };
 
 // One of two libraries, and what it was given.
