@@ -326,20 +326,19 @@ void Scan::bound_up_to(std::int64_t end, const Block& block, CodeBits bits, floa
 // the rows may be left where there are few. Tuning: estimates are good enough for it.
 bool Scan::separates(const Block& sample, const float* bounds) const {
   const std::int64_t best = std::max<std::int64_t>(slots_.k * sample.count / rows_, 1);
-  float sorted[kSampleRows];
-  std::transform(bounds, bounds + sample.count, sorted, [](float bound) {
-    return bound > kEmptyScore ? bound : kEmptyScore;  // a NaN is no bound
-  });
-  std::partial_sort(sorted, sorted + best, sorted + sample.count, std::greater<>());
+  std::int64_t numbers[kSampleRows];
+  std::int64_t places[kSampleRows];
+  float best_bounds[kSampleRows];
+  std::iota(numbers, numbers + sample.count, 0);
+  BasicTopK<kSampleRows> best_rows(places, best_bounds, best);
+  best_rows.offer(bounds, numbers, sample.count);
+  best_rows.finish();
+  if (places[best - 1] == kEmptyId) return true;  // the sample tells nothing
   const float* vectors[kSampleRows];
   float estimates[kSampleRows];
-  std::int64_t count = 0;
-  for (std::int64_t i = 0; count < best && i < sample.count; ++i) {
-    if (bounds[i] >= sorted[best - 1]) vectors[count++] = vector_at(sample, i);
-  }
-  if (count < best) return true;  // the sample tells nothing
-  kernels().estimate_scattered(vectors, count, dim_, query_, estimates);
-  const float least = *std::min_element(estimates, estimates + count);
+  for (std::int64_t i = 0; i < best; ++i) vectors[i] = vector_at(sample, places[i]);
+  kernels().estimate_scattered(vectors, best, dim_, query_, estimates);
+  const float least = *std::min_element(estimates, estimates + best);
   std::int64_t left = 0;
   for_each_not_less(bounds, sample.count, least, [&](std::int64_t) { ++left; });
   return (best < 4 ? 2 : 4) * left <= sample.count;
