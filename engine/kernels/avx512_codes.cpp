@@ -34,6 +34,12 @@ struct ScatteredCodes {
   const std::uint8_t* low_row(std::int64_t i) const { return low[i]; }
 };
 
+// Left to itself, g++ 12 copies what was loaded to the stack and reads it there, twice.
+QX_VNNI_INLINE __m512i in_register(__m512i value) {
+  asm("" : "+v"(value));
+  return value;
+}
+
 // ---- Products ----
 
 // Adds the products of 64 bytes of a row with a query's levels: of its codes, or with four bits of
@@ -106,17 +112,16 @@ QX_VNNI_INLINE __m512i add_neighbours(__m512i a, __m512i b) {
   return _mm512_add_epi32(_mm512_shuffle_i32x4(a, b, 0x88), _mm512_shuffle_i32x4(a, b, 0xDD));
 }
 
-// The sums of sixteen rows, from the registers that load_rows() gave.
+// The sums of sixteen rows, from those of four registers each that load_rows() gave.
 template <int Bytes>
-QX_VNNI_INLINE __m512i add_lanes(const __m512i* sums) {
+QX_VNNI_INLINE __m512i add_lanes(const __m512i* quads) {
   if constexpr (Bytes == 16) {
-    return add_quads(sums);
+    return quads[0];
   } else if constexpr (Bytes == 32) {
-    const __m512i both = add_neighbours(add_quads(sums), add_quads(sums + 4));
+    const __m512i both = add_neighbours(quads[0], quads[1]);
     return _mm512_shuffle_i32x4(both, both, 0xD8);
   } else {
-    return add_neighbours(add_neighbours(add_quads(sums), add_quads(sums + 4)),
-                          add_neighbours(add_quads(sums + 8), add_quads(sums + 12)));
+    return add_neighbours(add_neighbours(quads[0], quads[1]), add_neighbours(quads[2], quads[3]));
   }
 }
 
@@ -130,14 +135,19 @@ QX_VNNI_INLINE void sum_short_rows(const Rows& rows, const CodedQuery& query, st
   const __m512i other_levels = load_levels<Bytes>(query.levels + query.half_bytes);
   const auto high_row = [&](std::int64_t i) QX_VNNI_LAMBDA { return rows.high_row(i); };
   const auto low_row = [&](std::int64_t i) QX_VNNI_LAMBDA { return rows.low_row(i); };
-  __m512i all[kRegisters];
-#pragma GCC unroll 16
-  for (int i = 0; i < kRegisters; ++i) {
-    const __m512i high = load_rows<Bytes>(high_row, i);
-    const __m512i low = Bits == CodeBits::kEight ? load_rows<Bytes>(low_row, i) : high;
-    all[i] = add_products<Bits>(_mm512_setzero_si512(), high, low, levels, other_levels);
+  __m512i quads[kRegisters / 4];
+#pragma GCC unroll 4
+  for (int quad = 0; quad < kRegisters / 4; ++quad) {
+    __m512i four[4];
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+      const __m512i high = in_register(load_rows<Bytes>(high_row, 4 * quad + i));
+      const __m512i low = Bits == CodeBits::kEight ? load_rows<Bytes>(low_row, 4 * quad + i) : high;
+      four[i] = add_products<Bits>(_mm512_setzero_si512(), high, low, levels, other_levels);
+    }
+    quads[quad] = in_register(add_quads(four));
   }
-  _mm512_storeu_si512(sums, add_lanes<Bytes>(all));
+  _mm512_storeu_si512(sums, add_lanes<Bytes>(quads));
 }
 
 // The sum of a long row, in sixteen lanes.
@@ -147,7 +157,7 @@ QX_VNNI_INLINE __m512i sum_long_row(const std::uint8_t* high, const std::uint8_t
   const std::int8_t* const others = query.levels + query.half_bytes;
   __m512i sums = _mm512_setzero_si512();
   for (std::int64_t i = 0; i < query.half_bytes; i += 64) {
-    const __m512i high_bytes = _mm512_loadu_si512(high + i);
+    const __m512i high_bytes = in_register(_mm512_loadu_si512(high + i));
     const __m512i low_bytes = Bits == CodeBits::kEight ? _mm512_loadu_si512(low + i) : high_bytes;
     sums = add_products<Bits>(sums, high_bytes, low_bytes, _mm512_load_si512(query.levels + i),
                               _mm512_load_si512(others + i));
@@ -158,12 +168,17 @@ QX_VNNI_INLINE __m512i sum_long_row(const std::uint8_t* high, const std::uint8_t
 // Rows are read one after the other: from memory, one stream is faster than several far apart.
 template <CodeBits Bits, typename Rows>
 QX_VNNI_INLINE void sum_long_rows(const Rows& rows, const CodedQuery& query, std::int32_t* sums) {
-  __m512i all[kSummedRows];
-#pragma GCC unroll 16
-  for (int i = 0; i < kSummedRows; ++i) {
-    all[i] = sum_long_row<Bits>(rows.high_row(i), rows.low_row(i), query);
+  __m512i quads[kSummedRows / 4];
+#pragma GCC unroll 4
+  for (int quad = 0; quad < kSummedRows / 4; ++quad) {
+    __m512i four[4];
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+      four[i] = sum_long_row<Bits>(rows.high_row(4 * quad + i), rows.low_row(4 * quad + i), query);
+    }
+    quads[quad] = in_register(add_quads(four));
   }
-  _mm512_storeu_si512(sums, add_lanes<64>(all));
+  _mm512_storeu_si512(sums, add_lanes<64>(quads));
 }
 
 template <CodeBits Bits, typename Rows>

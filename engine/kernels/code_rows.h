@@ -234,8 +234,9 @@ QX_CODES_INLINE void bound_rows_scattered(const CodeView& codes, const std::int6
 // Prefetches the lines of as many rows as are summed together, further ahead than the hardware
 // looks.
 QX_CODES_INLINE void prefetch_ahead(const std::uint8_t* rows, std::int64_t row_bytes) {
+  constexpr int kIntoSecondLevel = 2;
   for (std::int64_t i = 0; i < kSummedRows * row_bytes; i += kCodePadding) {
-    __builtin_prefetch(rows + tuning::kCodesAheadBytes + i);
+    __builtin_prefetch(rows + tuning::kCodesAheadBytes + i, 0, kIntoSecondLevel);
   }
 }
 
@@ -244,6 +245,7 @@ template <SumContiguousFunction* sum_contiguous, SumScatteredFunction* sum_scatt
 QX_CODES_INLINE void bound_rows_contiguous(const CodeView& codes, std::int64_t first,
                                            std::int64_t count, const CodedQuery& query,
                                            CodeBits bits, float* bounds) {
+  const bool ahead = bits == CodeBits::kFour && codes.row_bytes <= tuning::kMaxAheadCodeBytes;
   for (const std::int64_t end = first + count; first < end;) {
     const std::int64_t next = first / kCodeGroupRows * kCodeGroupRows + kCodeGroupRows;
     const std::int64_t size = (next < end ? next : end) - first;
@@ -252,7 +254,7 @@ QX_CODES_INLINE void bound_rows_contiguous(const CodeView& codes, std::int64_t f
       const std::int64_t offset = first * codes.row_bytes;
       for (std::int64_t i = 0; i < kCodeGroupRows; i += kSummedRows) {
         const std::int64_t at = offset + i * codes.row_bytes;
-        if (bits == CodeBits::kFour) prefetch_ahead(codes.high + at, codes.row_bytes);
+        if (ahead) prefetch_ahead(codes.high + at, codes.row_bytes);
         sum_contiguous(codes.high + at, codes.low + at, codes.row_bytes, query, bits, sums + i);
       }
       const CodeNorms& norms = codes.norms[first / kCodeGroupRows];

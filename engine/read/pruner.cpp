@@ -43,10 +43,10 @@ double max_error(const float* query, std::int64_t dim, float magnitude) {
 }
 
 // Tuning: chooses whether a scan is judged by codes at all.
-bool pays_to_bound(std::int64_t rows, std::int64_t dim) {
+bool pays_to_bound(std::int64_t rows, std::int64_t dim, std::int64_t k) {
   const Kernels& chosen = kernels();
-  return dim >= chosen.min_bounded_dim && rows * dim >= chosen.min_bounded_floats &&
-         rows * dim * dim >= tuning::kMinBoundedWork;
+  return rows / tuning::kMinBoundedRowsPerResult >= k && dim >= chosen.min_bounded_dim &&
+         rows * dim >= chosen.min_bounded_floats && rows * dim * dim >= tuning::kMinBoundedWork;
 }
 
 }  // namespace
@@ -99,8 +99,8 @@ void Pruner::open(const float* query, std::int64_t dim, float magnitude, std::in
   if (rows / 4 < k_) return;
   dim_ = dim;
   const int only = forced.load(std::memory_order_relaxed);
-  const bool wanted =
-      only == kNotForced ? pays_to_bound(rows, dim) : only <= static_cast<int>(Judge::kEightBits);
+  const bool wanted = only == kNotForced ? pays_to_bound(rows, dim, k_)
+                                         : only <= static_cast<int>(Judge::kEightBits);
   has_bounds_ = coded && wanted && code_query(query, dim, coded_query_);
   if (dim >= kMinEstimatedDim) error_ = max_error(query, dim, magnitude);
 }
