@@ -537,15 +537,16 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
  *    P(0) = 0. M(x) is what a table of x keys takes: M(0) = 0, 96 up to 4 keys, otherwise 24 P(x),
  *    or 32 P(x) from 2^27 + 1 keys on.
  *
- *      the index itself     448
+ *      the index itself     472
  *      a build of n rows    4 n dim, rounded up to a multiple of 64,
  *                           + 8 n + 8 (largest id + 1) + 16 n_parts; again for each further build
  *      the latest build     8 d + C(n)
  *      r delta rows         M(r) + 16 P(r) + 4 P(r dim) + C(P(r))
  *      t deleted ids        M(t)
  *      metadata of m ids    M(m) + 32 P(ncols) + M(m) for each column
- *      s IVF structures     M(s) + 80 P(s)
+ *      s IVF structures     M(s) + 128 P(s)
  *                           + 4 dim nlist + 8 n_ids + 4 (nlist + 1) for each of them
+ *                           + C(n_ids) + R(8 n_ids) for those whose members have codes
  *
  *    d counts the rows of the latest build that are not the last of their id, r the distinct ids
  *    ever inserted, t those ever deleted, m those ever given metadata; for a column, m counts from
@@ -555,15 +556,18 @@ int64_t qx_index_export_visible(const QxIndex* index, float* out_vectors, int64_
  *
  *    C(x) is what codes of x rows take, from which searches tell the rows that need not be scored:
  *    2 (x ceil(dim / 2) + 64), each of the two rounded up to a multiple of 64, + 4 x, rounded up
- *    likewise, + 12 ceil(x / 32); all rounded up to a multiple of 64, from 2^22 on of 2^21: about
- *    dim + 5 bytes a row. There are codes of the n or r rows of a dimension from 8 to 8192, if
- *    they are 512 or more with 32,768 floats or more; none of a delta with rows of several
+ *    likewise, + 12 ceil(x / 32); all rounded up by R, to a multiple of 64, from 2^22 on of 2^21:
+ *    about dim + 5 bytes a row. There are codes of the n or r rows of a dimension from 8 to 8192,
+ *    if they are 512 or more with 32,768 floats or more; none of a delta with rows of several
  *    dimensions, none where memory for them cannot be allocated, and none in a library that was
- *    built without them.
+ *    built without them. The members of an IVF structure have codes too, in the order of its
+ *    lists, if the base and n_ids rows can have them, each member has a base row, those rows do
+ *    not just follow each other, and no more than n members of all structures have codes then.
+ *    They are made by the build or the qx_index_set_ivf that comes last.
  *
  *    One million rows of 768 floats with ids from 0, of which 10,000 were inserted again:
- *    448 + 3,072,000,000 + 8,000,000 + 8,000,000 + 773,849,088 for the base, 393,216 + 262,144 +
- *    33,554,432 + 14,680,064 for the delta: 3,910,739,392 bytes.
+ *    472 + 3,072,000,000 + 8,000,000 + 8,000,000 + 773,849,088 for the base, 393,216 + 262,144 +
+ *    33,554,432 + 14,680,064 for the delta: 3,910,739,416 bytes.
  *
  *    This holds where pointers have 64 bits. What the heap needs for itself comes on top, and for
  *    a moment so do the old block of an array that grows (at most half as large as the new one),

@@ -4,11 +4,15 @@
 
 #include <algorithm>
 
+#include "store/members.h"
+
 int32_t qx_index_build(QxIndex* index, const float* vectors, int64_t n, int32_t dim,
                        const int64_t* ids, const int64_t* part_keys, const int32_t* part_starts,
                        const int32_t* part_sizes, int32_t n_parts) {
   const qx::BaseInput input = {vectors, n, dim, ids, part_keys, part_starts, part_sizes, n_parts};
-  return qx::build_base(*index, input) ? 0 : -1;
+  if (!qx::build_base(*index, input)) return -1;
+  qx::derive_all_members(*index);
+  return 0;
 }
 
 int64_t qx_index_export_base(const QxIndex* index, float* out_vectors, int64_t* out_ids) {

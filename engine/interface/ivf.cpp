@@ -1,6 +1,8 @@
 // The functions that attach IVF structures and change them.
 #include "store/ivf.h"
 
+#include "store/members.h"
+
 int32_t qx_index_set_ivf(QxIndex* index, int64_t key, int32_t nlist, int32_t nprobe,
                          const float* centroids, const int64_t* list_ids,
                          const int32_t* list_offsets, int32_t n_ids) {
@@ -11,7 +13,7 @@ int32_t qx_index_set_ivf(QxIndex* index, int64_t key, int32_t nlist, int32_t npr
       .centroids = qx::Array<float>::copy_of(centroids, n_floats),
       .list_ids = qx::Array<std::int64_t>::copy_of(list_ids, n_ids),
       .list_offsets = qx::Array<std::int32_t>::copy_of(list_offsets, std::int64_t{nlist} + 1)};
-  qx::attach_ivf(*index, key, std::move(ivf));
+  qx::derive_members(*index, qx::attach_ivf(*index, key, std::move(ivf)));
   return 0;
 }
 
@@ -21,6 +23,7 @@ int32_t qx_index_has_ivf(const QxIndex* index, int64_t key) {
 
 int32_t qx_index_clear_ivf(QxIndex* index) {
   qx::release_ivf(*index);
+  qx::release_all_members(*index);
   return 0;
 }
 

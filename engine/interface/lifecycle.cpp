@@ -1,6 +1,7 @@
 // The functions of the life of an index: creation, release, the accessors.
 #include "store/codes.h"
 #include "store/ivf.h"
+#include "store/members.h"
 
 QxIndex* qx_index_new(uint32_t dim, uint32_t user_tag) {
   auto* const index = new (qx::allocate(1, sizeof(QxIndex))) QxIndex;
@@ -27,6 +28,7 @@ void qx_index_free(QxIndex* index) {
   index->row_labels.release();
   index->meta_columns.release();
   qx::release_ivf(*index);
+  qx::release_all_members(*index);
   index->duplicate_rows.release();
   qx::release_codes(index->base_codes);
   qx::release_codes(index->delta_codes);

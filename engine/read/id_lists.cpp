@@ -82,6 +82,7 @@ void add_base_rows(const QxIndex& index, const std::int64_t* ids, std::int64_t c
 }
 
 void add_best_lists(const QxIndex& index, const QxIvf& ivf, const float* query, Scan& scan) {
+  const QxMembers& members = members_of(index, ivf);
   Array<float> scores = score_centroids(index, ivf, query);
   for (std::int64_t left = ivf.nprobe; left > 0; left -= kListsPerPass) {
     std::int64_t lists[kListsPerPass];
@@ -91,7 +92,15 @@ void add_best_lists(const QxIndex& index, const QxIvf& ivf, const float* query, 
       if (lists[i] < 0) return;
       const std::int64_t begin = ivf.list_offsets.at(lists[i]);
       const std::int64_t count = ivf.list_offsets.at(lists[i] + 1) - begin;
-      if (count >= 1) add_base_rows(index, ivf.list_ids.range(begin, count), count, scan);
+      if (count < 1) continue;
+      const std::int64_t* const ids = ivf.list_ids.range(begin, count);
+      if (members.first_row >= 0) {
+        scan.add_base_rows(members.first_row + begin, count, ids);
+      } else if (members.rows != nullptr) {
+        scan.add_members(members, begin, count, ids);
+      } else {
+        add_base_rows(index, ids, count, scan);
+      }
     }
   }
 }

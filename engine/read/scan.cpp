@@ -91,6 +91,17 @@ void Scan::add_rows(Row first, std::int64_t count, const std::int64_t* ids) {
   run_ = {false, first, rows, ids, count};
 }
 
+void Scan::add_members(const QxMembers& members, std::int64_t first, std::int64_t count,
+                       const std::int64_t* ids) {
+  if (run_.count > 0 && run_.ids + run_.count == ids) {
+    run_.count += count;
+    return;
+  }
+  flush();
+  member_codes_ = view_of(members.codes);
+  run_ = {false, {false, first}, nullptr, ids, count, members.rows + first};
+}
+
 void Scan::flush() {
   if (run_.count == 0 && listed_ == 0) return;
   in_default_fp_environment([&] { scan_waiting(); });
@@ -116,10 +127,7 @@ void Scan::scan_waiting() {
     const Judge judge = choose_judge(rest);
     block.count = std::min(rows_to_judge(judge), rest.count);
     block.count = scan_block(judge, block);
-    rest.first.number += block.count;
-    rest.rows += block.count * dim_;
-    rest.ids += block.count;
-    rest.count -= block.count;
+    rest = part_of(rest, block.count, rest.count - block.count);
   }
   if (listed_ > 0) {
     const Block block = {true, {false, 0}, nullptr, listed_ids_, listed_};
@@ -218,6 +226,13 @@ void Scan::compute(ContiguousFunction* contiguous, ScatteredFunction* scattered,
                    float* values) const {
   if (block.listed) {
     scattered(listed_vectors_, block.count, dim_, query_, values);
+  } else if (block.member_rows != nullptr) {
+    const float* vectors[kBlockRows];
+    for (std::int64_t i = 0; i < block.count; ++i) {
+      vectors[i] = vector_at(block, i);
+      __builtin_prefetch(vectors[i]);
+    }
+    scattered(vectors, block.count, dim_, query_, values);
   } else {
     contiguous(block.rows, block.count, dim_, query_, level_, values);
   }
@@ -364,7 +379,7 @@ std::int64_t Scan::take_bounded(const Block& block, const float* bounds, CodeBit
     return left;
   }
   std::int64_t places[kBlockRows];
-  const CodeView& codes = codes_of(is_in_delta(block));
+  const CodeView& codes = codes_of(block);
   for_each_not_less(bounds, block.count, limit(), [&](std::int64_t i) {
     prefetch_rest_of_code(codes, row_of(block, i));
     places[left++ % kBlockRows] = i;
@@ -380,8 +395,8 @@ void Scan::refine(const Block& block, const std::int64_t* places, std::int64_t c
   float bounds[kBlockRows];
   if (count == 0) return;
   for (std::int64_t i = 0; i < count; ++i) rows[i] = row_of(block, places[i]);
-  kernels().bound_scattered(codes_of(is_in_delta(block)), rows, count, pruner_.coded_query(),
-                            CodeBits::kEight, bounds);
+  kernels().bound_scattered(codes_of(block), rows, count, pruner_.coded_query(), CodeBits::kEight,
+                            bounds);
   for_each_not_less(bounds, count, limit(),
                     [&](std::int64_t i) { add_candidate(block, places[i], bounds[i]); });
 }
@@ -389,7 +404,7 @@ void Scan::refine(const Block& block, const std::int64_t* places, std::int64_t c
 void Scan::bound(const Block& block, CodeBits bits, float* bounds) const {
   const CodedQuery& query = pruner_.coded_query();
   if (is_mixed(block)) return bound_mixed(block, bits, bounds);
-  const CodeView& codes = codes_of(is_in_delta(block));
+  const CodeView& codes = codes_of(block);
   if (block.listed) {
     kernels().bound_scattered(codes, listed_rows_, block.count, query, bits, bounds);
   } else {

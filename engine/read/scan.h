@@ -7,6 +7,7 @@
 #include "read/pruner.h"
 #include "read/row_span.h"
 #include "store/codes.h"
+#include "store/members.h"
 
 namespace qx {
 
@@ -46,6 +47,12 @@ class Scan {
   // until finish().
   void add_base_rows(std::int64_t first, std::int64_t count, const std::int64_t* ids);
 
+  // Adds `count` consecutive members of a structure that has their codes, and the ids to report for
+  // them, which must stay readable until finish(). Requires: those of other structures are not
+  // added.
+  void add_members(const QxMembers& members, std::int64_t first, std::int64_t count,
+                   const std::int64_t* ids);
+
   // Adds one row. Ends the process if a row of the delta has no vector.
   void add(Row row, std::int64_t id) {
     if (run_.count > 0 || listed_ == kBlockRows) flush();
@@ -77,13 +84,15 @@ class Scan {
   static constexpr std::int64_t kPrefetchedFloats = 256;
   static_assert(kBlockRows % kMaskRows == 0 && kBlockRows <= Pruner::kMaxObserved);
 
-  // Rows that are scanned together: consecutive ones of one place, or listed ones, of both.
+  // Rows that are scanned together: consecutive ones of one place, listed ones, of both, or
+  // consecutive members of a structure, whose codes are consecutive and whose vectors are not.
   struct Block {
     bool listed;
-    Row first;          // if consecutive
-    const float* rows;  // its vector
+    Row first;          // if consecutive; of members, the number of the first
+    const float* rows;  // its vector; null of members
     const std::int64_t* ids;
     std::int64_t count;
+    const std::int64_t* member_rows = nullptr;  // the base row of each member
   };
 
   // All of these compute: they are called in the default floating-point environment.
@@ -123,17 +132,22 @@ class Scan {
   // True if the codes of a place can judge its rows.
   bool is_coded(bool in_delta) const { return is_coded_[in_delta ? 1 : 0]; }
   const CodeView& codes_of(bool in_delta) const { return codes_[in_delta ? 1 : 0]; }
+  const CodeView& codes_of(const Block& block) const {
+    return block.member_rows == nullptr ? codes_of(is_in_delta(block)) : member_codes_;
+  }
   bool is_mixed(const Block& block) const {
     return block.listed && listed_delta_rows_ > 0 && listed_delta_rows_ < block.count;
   }
   // Part of a block of consecutive rows, or all of one that is listed.
   Block part_of(const Block& block, std::int64_t first, std::int64_t count) const {
     if (block.listed) return block;
+    const bool members = block.member_rows != nullptr;
     return {false,
             {block.first.in_delta, block.first.number + first},
-            block.rows + first * dim_,
+            members ? nullptr : block.rows + first * dim_,
             block.ids + first,
-            count};
+            count,
+            members ? block.member_rows + first : nullptr};
   }
   // The place of a block that is not mixed; of one that is, the base.
   bool is_in_delta(const Block& block) const {
@@ -144,6 +158,7 @@ class Scan {
   }
 
   const float* vector_at(const Block& block, std::int64_t i) const {
+    if (block.member_rows != nullptr) return index_.base_vectors + block.member_rows[i] * dim_;
     return block.listed ? listed_vectors_[i] : block.rows + i * dim_;
   }
 
@@ -176,6 +191,7 @@ class Scan {
   std::int64_t rows_;
   bool is_coded_[2] = {index_.base_codes.rows > 0, has_delta_codes(index_)};
   CodeView codes_[2] = {view_of(index_.base_codes), view_of(index_.delta_codes)};
+  CodeView member_codes_ = {};
   bool opened_ = false;
   bool offered_ = false;                    // a score, to the results
   CacheLevel level_ = CacheLevel::kMemory;  // of the rows, once opened

@@ -126,6 +126,21 @@ void code_range(const QxCodes& codes, const float* vectors, std::int64_t first, 
   }
 }
 
+void code_listed(const QxCodes& codes, const float* vectors, const std::int64_t* rows) {
+  const Parts parts(codes);
+  const std::int64_t row_bytes = code_row_bytes(codes.dim);
+  in_default_fp_environment([&] {
+    for (std::int64_t i = 0; i < codes.rows; ++i) {
+      CodeNorms norms;
+      kernels().code_rows(vectors + rows[i] * codes.dim, 1, codes.dim, parts.high + i * row_bytes,
+                          parts.low + i * row_bytes, parts.constants + i, &norms);
+      CodeNorms& group = parts.norms[i / kCodeGroupRows];
+      if (i % kCodeGroupRows == 0) group = norms;
+      merge(group, norms);
+    }
+  });
+}
+
 void extend_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim) {
   if (rows > codes.capacity) {
     move_to_capacity(
@@ -144,25 +159,28 @@ void release_codes(QxCodes& codes) {
   codes = {};
 }
 
-bool codes_are_valid(const QxCodes& codes, const float* vectors) {
+bool code_is_valid(const QxCodes& codes, std::int64_t row, const float* vector) {
   std::uint8_t high[kMaxCodedDim / 2];
   std::uint8_t low[kMaxCodedDim / 2];
   std::uint32_t constants;
   CodeNorms norms;
-  if (codes.rows < 0 || codes.rows > codes.capacity) return false;
-  if (codes.block == nullptr) return codes.capacity == 0 && codes.dim == 0;
+  in_default_fp_environment(
+      [&] { kernels().code_rows(vector, 1, codes.dim, high, low, &constants, &norms); });
   const Parts parts(codes);
   const std::int64_t row_bytes = code_row_bytes(codes.dim);
+  const CodeNorms& group = parts.norms[row / kCodeGroupRows];
+  return std::equal(high, high + row_bytes, parts.high + row * row_bytes) &&
+         std::equal(low, low + row_bytes, parts.low + row * row_bytes) &&
+         constants == parts.constants[row] && norms.residual[0] <= group.residual[0] &&
+         norms.residual[1] <= group.residual[1] && norms.spread <= group.spread;
+}
+
+bool codes_are_valid(const QxCodes& codes, const float* vectors) {
+  if (codes.rows < 0 || codes.rows > codes.capacity) return false;
+  if (codes.block == nullptr) return codes.capacity == 0 && codes.dim == 0;
   bool valid = true;
   for (std::int64_t r = 0; valid && r < codes.rows; ++r) {
-    in_default_fp_environment([&] {
-      kernels().code_rows(vectors + r * codes.dim, 1, codes.dim, high, low, &constants, &norms);
-    });
-    const CodeNorms& group = parts.norms[r / kCodeGroupRows];
-    valid = std::equal(high, high + row_bytes, parts.high + r * row_bytes) &&
-            std::equal(low, low + row_bytes, parts.low + r * row_bytes) &&
-            constants == parts.constants[r] && norms.residual[0] <= group.residual[0] &&
-            norms.residual[1] <= group.residual[1] && norms.spread <= group.spread;
+    valid = code_is_valid(codes, r, vectors + r * codes.dim);
   }
   return valid;
 }

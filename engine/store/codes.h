@@ -19,6 +19,9 @@ void begin_codes(QxCodes& codes, std::int64_t rows, std::int64_t dim);
 // may do so at the same time in different groups.
 void code_range(const QxCodes& codes, const float* vectors, std::int64_t first, std::int64_t end);
 
+// Codes all rows, for the first time: row i has the vector of row rows[i] of an array.
+void code_listed(const QxCodes& codes, const float* vectors, const std::int64_t* rows);
+
 // Codes the rows from codes.rows on up to `rows`, of an array that grows: the block has room for a
 // power of two of them. The same holds and is required.
 void extend_codes(QxCodes& codes, const float* vectors, std::int64_t rows, std::int64_t dim);
@@ -31,6 +34,10 @@ void release_codes(QxCodes& codes);
 
 // True if the codes are those of the vectors, and the norms cover them.
 bool codes_are_valid(const QxCodes& codes, const float* vectors);
+
+// True if the code of one row is that of its vector, and its group's norms cover it. Requires: it
+// is coded.
+bool code_is_valid(const QxCodes& codes, std::int64_t row, const float* vector);
 
 // What kernels read; of no use without codes.
 CodeView view_of(const QxCodes& codes);

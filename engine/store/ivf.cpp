@@ -2,13 +2,14 @@
 
 namespace qx {
 
-void attach_ivf(QxIndex& index, std::int64_t key, QxIvf&& ivf) {
+std::int64_t attach_ivf(QxIndex& index, std::int64_t key, QxIvf&& ivf) {
   if (QxIvf* const present = find_ivf(index, key)) {
     *present = std::move(ivf);
-  } else {
-    index.ivf_map.assign(key, index.ivf_list.length);
-    index.ivf_list.append(std::move(ivf));
+    return present - index.ivf_list.data;
   }
+  index.ivf_map.assign(key, index.ivf_list.length);
+  index.ivf_list.append(std::move(ivf));
+  return index.ivf_list.length - 1;
 }
 
 // The arrays of a structure are released in the order of its fields; destructors would reverse it.

@@ -12,8 +12,8 @@ auto* find_ivf(Index& index, std::int64_t key) {
   return position < 0 ? nullptr : &index.ivf_list.at(position);
 }
 
-// Attaches a structure under a key, in place of the one that the key has.
-void attach_ivf(QxIndex& index, std::int64_t key, QxIvf&& ivf);
+// Attaches a structure under a key, in place of the one that the key has. Returns its position.
+std::int64_t attach_ivf(QxIndex& index, std::int64_t key, QxIvf&& ivf);
 
 // Releases all structures and their keys.
 void release_ivf(QxIndex& index);

@@ -43,15 +43,6 @@
 #include "qx_runtime.h"
 #pragma GCC visibility pop
 
-// One IVF structure, exactly as the host passed it: nothing in it is validated.
-struct QxIvf {
-  std::int32_t nlist;
-  std::int32_t nprobe;                   // lists scanned by a search; may be below 1
-  qx::Array<float> centroids;            // nlist x the dimension at the time of attachment
-  qx::Array<std::int64_t> list_ids;      // the members of all lists, list after list
-  qx::Array<std::int32_t> list_offsets;  // nlist + 1: where each list starts, and the end
-};
-
 // The codes of rows 0 to rows - 1 of an array of vectors, in one block: store/codes.cpp has the
 // layout.
 struct QxCodes {
@@ -61,6 +52,22 @@ struct QxCodes {
   std::uint8_t* block = nullptr;
 };
 
+// One IVF structure, exactly as the host passed it: nothing in it is validated.
+struct QxIvf {
+  std::int32_t nlist;
+  std::int32_t nprobe;                   // lists scanned by a search; may be below 1
+  qx::Array<float> centroids;            // nlist x the dimension at the time of attachment
+  qx::Array<std::int64_t> list_ids;      // the members of all lists, list after list
+  qx::Array<std::int32_t> list_offsets;  // nlist + 1: where each list starts, and the end
+};
+
+// What is derived from the members of an IVF structure, in the order of its lists.
+struct QxMembers {
+  std::int64_t first_row = -1;   // the base row of the first, if all follow each other in the base
+  std::int64_t* rows = nullptr;  // the base row of each, if they do not; null without codes
+  QxCodes codes;                 // of all members, or of none
+};
+
 // Invariants (store/validity.cpp checks them)
 //   While sealed is 0, fields n_base to max_base_id have their initial values.
 //   id_to_row has max_base_id + 1 elements; element i is -1 or the last row r with base_ids[r] ==
@@ -68,10 +75,11 @@ struct QxCodes {
 //   of a base vector that is no NaN exceeds base_magnitude in magnitude. delta_pos maps id to p if
 //   and only if delta_ids[p] == id; delta_stamps is as long as delta_ids. delta_vectors has, for
 //   each delta row, as many floats as dim was when the row was first inserted; row p is read at p *
-//   dim for today's dim. mutated is 0 if and only if snapshot is 0. base_codes
-//   are those of all base rows, or of none. delta_codes are those of delta rows as they are read
-//   under its dimension. meta_columns has at least meta_ncols maps. ivf_map refers to each position
-//   of ivf_list once.
+//   dim for today's dim. mutated is 0 if and only if snapshot is 0. base_codes are those of all
+//   base rows, or of none. delta_codes are those of delta rows as they are read under its
+//   dimension. meta_columns has at least meta_ncols maps. ivf_map refers to each position of
+//   ivf_list once, and ivf_members is as long. Members of which something is derived all have
+//   a base row.
 //
 // The first 24 fields are fixed in name, type and order; what is derived follows.
 struct QxIndex {
@@ -112,6 +120,9 @@ struct QxIndex {
   float base_magnitude = 0;  // 0 without components; infinite if one is
   qx::Array<std::int64_t> duplicate_rows;
   QxCodes base_codes;  // of all base rows, or of none
+
+  // Derived from the base and the IVF structures. Written by store/members.cpp alone.
+  qx::Array<QxMembers> ivf_members;  // of each structure in ivf_list
 
   // Derived from the delta. Written by store/delta.cpp alone.
   QxCodes delta_codes;  // of all delta rows under this dimension, or of no use

@@ -4,6 +4,7 @@
 
 #include "store/base.h"
 #include "store/codes.h"
+#include "store/members.h"
 
 namespace qx {
 namespace {
@@ -114,7 +115,7 @@ bool ivf_is_valid(const QxIndex& index) {
 
 bool index_is_valid(const QxIndex& index) {
   return base_is_valid(index) && delta_is_valid(index) && delta_codes_are_valid(index) &&
-         metadata_is_valid(index) && ivf_is_valid(index);
+         metadata_is_valid(index) && ivf_is_valid(index) && members_are_valid(index);
 }
 
 }  // namespace qx

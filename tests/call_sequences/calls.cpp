@@ -192,7 +192,7 @@ class Generator {
     if (random_.percent(20)) nprobe = random_.between32(40, 130);
     if (random_.percent(5)) nprobe = INT32_MAX;
     const std::int64_t n_ids = random_.percent(10) ? 0 : random_.between(1, long_ ? 1200 : 120);
-    const Ids list_ids = draw_ids(n_ids);
+    const Ids list_ids = random_.percent(40) ? draw_members(n_ids) : draw_ids(n_ids);
     const Ints offsets = draw_offsets(nlist, n_ids);
     // A product of two large negative numbers is a large positive one: too many floats for a test.
     const std::int64_t n_floats = std::int64_t{model_.dim} * nlist;
@@ -311,6 +311,21 @@ class Generator {
     if (!model_.base_ids.empty() && random_.percent(50)) return random_.any_of(model_.base_ids);
     if (!model_.delta_ids.empty() && random_.percent(30)) return random_.any_of(model_.delta_ids);
     return random_.between(0, id_span_);
+  }
+
+  // Ids of the base alone, if it has rows: of rows anywhere, or of some that follow each other.
+  Ids draw_members(std::int64_t count) {
+    const std::int64_t n = model_.n_base();
+    if (n == 0) return draw_ids(count);
+    Ids ids;
+    const bool follow = count <= n && random_.percent(20);
+    const std::int64_t first = follow ? random_.between(0, n - count) : 0;
+    Random& random = random_.for_array(count);
+    for (std::int64_t i = 0; i < count; ++i) {
+      const std::int64_t row = follow ? first + i : random.between(0, n - 1);
+      ids.push_back(model_.base_ids[static_cast<std::size_t>(row)]);
+    }
+    return ids;
   }
 
   Ids draw_ids(std::int64_t count) {

@@ -1,6 +1,9 @@
 // IVF structures: how they are attached, replaced, changed and cleared; which lists a search scans,
 // in which order.
+#include <cmath>
+
 #include "support/cases.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {
@@ -134,6 +137,53 @@ TEST(IvfSearch, TakesCentroidsAsRowsOfTheirMatrixAlsoIfTheyCameBeforeTheBase) {
   EXPECT_EQ(search_ivf(index, 7, {2, 1}, 1), found({{1, 2}}));
   EXPECT_EQ(search_ivf(index, 7, {1, 3}, 1), found({{2, 3}}));
   EXPECT_EQ(search_ivf(index, 7, {-1, -3}, 1), found({{3, -4}}));
+}
+
+// Lists of many long rows that lie anywhere in the base, follow each other in it, or lack a row: a
+// search finds the best of what they list, whichever of them and the base came last.
+TEST(IvfSearch, OfManyRowsFindsTheBestOfTheListsWhereverTheirRowsAre) {
+  constexpr std::int32_t kRows = 1500;
+  constexpr std::int32_t kDim = 64;
+  Random random(41);
+  const auto draw = [&](std::int64_t rows) {
+    Floats floats(static_cast<std::size_t>(rows * kDim));
+    for (float& number : floats) number = static_cast<float>(random.between(-1000, 1000));
+    return floats;
+  };
+  const Ids in_order = ids_from(7, kRows);
+  Ids shuffled = in_order;
+  random.shuffle(shuffled);
+  Ids with_gaps = shuffled;
+  with_gaps[700] = 3;
+  const Floats centroids = draw(2);
+  for (const bool rebuilt : {false, true}) {
+    const Sealed index(kDim, in_order, draw(kRows));
+    const std::vector<Ids> lists = {in_order, shuffled, with_gaps};
+    for (std::size_t i = 0; i < lists.size(); ++i) {
+      set_ivf(index, static_cast<std::int64_t>(i), {2, 1, centroids, lists[i], {0, 710, kRows}});
+    }
+    if (rebuilt) seal(index, kDim, in_order, draw(kRows));
+    for (int repeat = 0; repeat < 20; ++repeat) {
+      const Floats query = draw(1);
+      const auto score = [&](std::int64_t list) {
+        float sum = 0;
+        for (std::int64_t j = 0; j < kDim; ++j) {
+          const auto at = static_cast<std::size_t>(j);
+          sum = std::fma(centroids[static_cast<std::size_t>(list * kDim + j)], query[at], sum);
+        }
+        return sum;
+      };
+      const bool second = score(1) > score(0);
+      for (std::size_t i = 0; i < lists.size(); ++i) {
+        const Ids listed(lists[i].begin() + (second ? 710 : 0),
+                         second ? lists[i].end() : lists[i].begin() + 710);
+        for (const std::int32_t k : {1, 10, 100}) {
+          EXPECT_EQ(search_ivf(index, static_cast<std::int64_t>(i), query, k),
+                    scatter(index, listed, query, k));
+        }
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -29,6 +29,7 @@ enum class Way {
   kInterrupted,  // in masked blocks, some short and some left out
   kWithoutBest,  // in masked blocks that leave out the best rows
   kWithDelta,    // one by one, some of them rows of the delta, which no magnitude bounds
+  kMembers,      // as scattered members of lists, in no order, some repeatedly
   kReadable,     // as spans whose other rows are read too, the best ones often among these
   kMixed         // all of it
 };
@@ -129,17 +130,21 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         out_ids_(static_cast<std::size_t>(k), 77),
         out_scores_(static_cast<std::size_t>(k), 77.0f),
         index_(record_of(rows, stated_magnitude, coded)),
+        member_rows_(draw_member_rows(rows, random)),
+        member_ids_(ids_of(rows, member_rows_)),
+        members_(members_of(rows, member_rows_, coded.base)),
         scan_(index_, rows.query.data(), {k, out_ids_.data(), out_scores_.data()}, stated_rows) {}
 
   Compared(const Compared&) = delete;
   ~Compared() {
     qx::release_codes(index_.base_codes);
     qx::release_codes(index_.delta_codes);
+    qx::release_codes(members_.codes);
   }
 
   // Makes the norms of all codes 0, as if codes left nothing out.
   void spoil_norms() {
-    for (const QxCodes* const codes : {&index_.base_codes, &index_.delta_codes}) {
+    for (const QxCodes* const codes : {&index_.base_codes, &index_.delta_codes, &members_.codes}) {
       auto* const norms = const_cast<qx::CodeNorms*>(qx::view_of(*codes).norms);
       for (std::int64_t g = 0; g * qx::kCodeGroupRows < codes->rows; ++g) {
         norms[g] = {};
@@ -196,11 +201,37 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
           add_one(way == Way::kAnywhere ? random_.between(0, rows_.count - 1) : i);
         }
       }
+    } else if (way == Way::kMembers) {
+      for (std::int64_t i = first; i < first + size; ++i) {
+        arrive(member_rows_[static_cast<std::size_t>(i)]);
+      }
+      scan_.add_members(members_, first, size, member_ids_.data() + first);
     } else if (way == Way::kReadable) {
       add_among_readable(first, size);
     } else {
       add_masked(way, first, size);
     }
+  }
+
+  // As many as there are rows.
+  static Ids draw_member_rows(const Fixed& rows, Random& random) {
+    Ids drawn(static_cast<std::size_t>(rows.count));
+    for (std::int64_t& row : drawn) row = random.between(0, rows.count - 1);
+    return drawn;
+  }
+  static Ids ids_of(const Fixed& rows, const Ids& member_rows) {
+    Ids ids;
+    for (const std::int64_t row : member_rows) ids.push_back(rows.ids.data()[row]);
+    return ids;
+  }
+  static QxMembers members_of(const Fixed& rows, Ids& member_rows, bool coded) {
+    QxMembers members;
+    members.rows = member_rows.data();
+    if (coded) {
+      qx::begin_codes(members.codes, rows.count, rows.width);
+      qx::code_listed(members.codes, rows.vectors.data(), members.rows);
+    }
+    return members;
   }
 
   void add_among_readable(std::int64_t first, std::int64_t size) {
@@ -256,6 +287,9 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
   Guarded<std::int64_t> out_ids_;
   Guarded<float> out_scores_;
   QxIndex index_;
+  Ids member_rows_;
+  const Ids member_ids_;
+  QxMembers members_;
   qx::Scan scan_;
   std::vector<Arrival> arrivals_;
 };
@@ -392,7 +426,7 @@ TEST_P(EveryScan, IsDecidedByBoundsWhereTheyPay) {
   Random random(3400);
   for (const char* const judge : {"four bits", "eight bits"}) {
     ASSERT_TRUE(qx::force_judge(judge));
-    for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMixed}) {
+    for (const auto way : {Way::kContiguous, Way::kOneByOne, Way::kMembers, Way::kMixed}) {
       bool wrong = false;
       for (int draw = 0; draw < 100 && !wrong; ++draw) {
         const Fixed rows(random, draw_scan_rows(random, Family::kClustered, 24, 3000));

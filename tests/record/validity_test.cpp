@@ -170,6 +170,33 @@ TEST(Validity, NoticesBrokenCodes) {
   expect_noticed(index, index.delta_vectors.length, 5, "a row of another dimension among them");
 }
 
+// Members that are scattered, have no row, or follow each other.
+TEST(Validity, NoticesBrokenMembers) {
+  const Full full;
+  QxIndex& index = *full;
+  set_ivf(full, 3, {1, 1, {1, 2}, {1, 4, 4}, {0, 3}});
+  set_ivf(full, 8, {1, 1, {1, 2}, {1, 4}, {0, 2}});
+  QxMembers& scattered = index.ivf_members.at(0);
+  std::int64_t rows[] = {1, 2, 2};
+  scattered.rows = rows;
+  qx::begin_codes(scattered.codes, 3, 2);
+  qx::code_listed(scattered.codes, index.base_vectors, rows);
+  ASSERT_TRUE(qx::index_is_valid(index));
+  expect_noticed(index, index.ivf_members.length, 1, "a structure without its members");
+  expect_noticed(index, scattered.codes, "codes of members");
+  expect_noticed(index, scattered.codes.dim, 1, "codes under another dimension");
+  expect_noticed(index, scattered.rows, nullptr, "codes without rows");
+  expect_noticed(index, rows[1], 0, "another row");
+  expect_noticed(index, scattered.first_row, 1, "scattered members that follow each other");
+  QxMembers& following = index.ivf_members.at(1);
+  EXPECT_EQ(following.first_row, 1);
+  expect_noticed(index, following.first_row, 0, "another first row");
+  expect_noticed(index, following.rows, rows, "rows without codes");
+  expect_noticed(index, index.ivf_list.at(1).list_ids.at(1), 2, "a member without a row");
+  qx::release_codes(scattered.codes);
+  scattered.rows = nullptr;
+}
+
 // Codes under another dimension are not read.
 TEST(Validity, HoldsForCodesOfTheDeltaUnderAnotherDimension) {
   const Full full;
