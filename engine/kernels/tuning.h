@@ -130,14 +130,19 @@ inline constexpr std::int64_t kMinBoundedFloatsPortable = 786432;
 // At dim 8 and 12 MB, the portable kernel: 0.45 / 0.52.
 inline constexpr std::int64_t kMinBoundedDimPortable = 16;
 
-// In the caches, short rows are scored as fast, so the product of floats and dimension counts. The
-// same by VNNI, speed against estimates:
+// In the caches, short rows are scored as fast, so floats count times the square of the dimension.
+// The same by VNNI, speed against estimates:
 //   dim 8     2 MB 0.84    4 MB 1.23   12 MB 1.4
 //   dim 16    1 MB 0.87    2 MB 1.28    4 MB 2.0
 //   dim 32  0.5 MB 0.92    1 MB 1.08    2 MB 1.7
 //   dim 64  0.5 MB 1.12    2 MB 2.6
 //   dim 128 0.5 MB 1.15    1 MB 1.35    2 MB 2.6
-inline constexpr std::int64_t kMinBoundedWork = std::int64_t{6} << 20;
+// Zen 4:
+//   dim 8    12 MB 0.80
+//   dim 16     2 MB 0.97   12 MB 1.9
+//   dim 32    12 MB 1.8
+//   dim 64  0.5 MB 1.17     2 MB 1.6
+inline constexpr std::int64_t kMinBoundedWork = 400000000;
 
 // A search whose results are more than one row in so many gains nothing by codes: choosing the best
 // is most of it. Zen 4, speed of the search, against one without codes:
@@ -145,6 +150,15 @@ inline constexpr std::int64_t kMinBoundedWork = std::int64_t{6} << 20;
 //   1 result in 8      0.88       0.94       1.11        1.03         0.95
 //   1 in 16            1.12       1.27       1.05        1.15         1.14
 inline constexpr std::int64_t kMinBoundedRowsPerResult = 12;
+#endif
+
+// From which dimension on rows that are listed one by one are judged by codes. A shorter row is two
+// lines of floats, and three of a code, its constants and its norms. Zen 4, 100,000 listed ids,
+// speed against estimates: dim 32 0.82, dim 128 1.54, dim 768 1.98.
+#if defined(QX_SMALL_SPANS)
+inline constexpr std::int64_t kMinListedCodedDim = kMinCodedDim;
+#else
+inline constexpr std::int64_t kMinListedCodedDim = 48;
 #endif
 
 // How far ahead a plane of four bits is prefetched into the second-level cache, and the longest

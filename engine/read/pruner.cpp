@@ -46,7 +46,8 @@ double max_error(const float* query, std::int64_t dim, float magnitude) {
 bool pays_to_bound(std::int64_t rows, std::int64_t dim, std::int64_t k) {
   const Kernels& chosen = kernels();
   return rows / tuning::kMinBoundedRowsPerResult >= k && dim >= chosen.min_bounded_dim &&
-         rows * dim >= chosen.min_bounded_floats && rows * dim * dim >= tuning::kMinBoundedWork;
+         rows * dim >= chosen.min_bounded_floats &&
+         rows * dim * dim >= tuning::kMinBoundedWork / dim;
 }
 
 }  // namespace

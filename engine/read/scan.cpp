@@ -150,7 +150,8 @@ void Scan::open() {
 // of the delta: only of a few among those of the base are they estimated at all, in vain.
 Judge Scan::choose_judge(const Block& block) {
   if (!pruner_.can_prune()) return Judge::kScores;
-  const bool bounded = pruner_.has_bounds() && is_coded(is_in_delta(block));
+  const bool bounded =
+      pruner_.has_bounds() && is_coded(is_in_delta(block)) && (!block.listed || lists_by_codes_);
   const bool estimated = pruner_.is_worthwhile() && !is_in_delta(block);
   Judge judge = choice_.next(bounded ? Judge::kFourBits : Judge::kEstimates);
   if (judge <= Judge::kEightBits && !pruner_.has_threshold(topk_.threshold())) {
@@ -433,14 +434,17 @@ void Scan::bound_mixed(const Block& block, CodeBits bits, float* bounds) const {
   }
 }
 
-// The slots can choose rows while they are empty, out of several times as many rows.
+// The slots can choose rows while they are empty, out of several times as many rows. Candidates
+// that wait with estimates are offered before the first bound.
 bool Scan::can_seed(const Block& block) const {
-  return !offered_ && std::min(block.count, JudgeChoice::kMostRows) / 4 >= slots_.k;
+  const bool stay_empty = !offered_ && (candidates_ == 0 || candidates_are_bounded_);
+  return stay_empty && std::min(block.count, JudgeChoice::kMostRows) / 4 >= slots_.k;
 }
 
 // The first rows of a scan are likely to hold good ones, and their bounds tell which: scores k of
 // them. Until then the results are empty, so their slots can choose.
 void Scan::seed(const Block& block, const float* bounds) {
+  QX_ASSERT(!offered_);
   std::int32_t best[kSeedColumns];
   const std::int64_t columns = choose_seed_columns(block.count);
   if (columns > 0) {

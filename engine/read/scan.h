@@ -4,6 +4,7 @@
 #pragma once
 
 #include "kernels/kernels.h"
+#include "kernels/tuning.h"
 #include "read/pruner.h"
 #include "read/row_span.h"
 #include "store/codes.h"
@@ -170,7 +171,7 @@ class Scan {
 
   // Prefetches what will be read of a listed row first.
   void prefetch(Row row, const float* vector) const {
-    if (is_coded(row.in_delta)) {
+    if (lists_by_codes_ && is_coded(row.in_delta)) {
       prefetch_code(codes_of(row.in_delta), row.number);
     } else {
       __builtin_prefetch(vector);
@@ -192,6 +193,7 @@ class Scan {
   bool is_coded_[2] = {index_.base_codes.rows > 0, has_delta_codes(index_)};
   CodeView codes_[2] = {view_of(index_.base_codes), view_of(index_.delta_codes)};
   CodeView member_codes_ = {};
+  bool lists_by_codes_ = dim_ >= tuning::kMinListedCodedDim || JudgeChoice::is_forced();
   bool opened_ = false;
   bool offered_ = false;                    // a score, to the results
   CacheLevel level_ = CacheLevel::kMemory;  // of the rows, once opened

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "support/cases.h"
+#include "support/random.h"
 
 namespace qx_test {
 namespace {
@@ -132,6 +133,27 @@ TEST(EverySearch, OfListedIdsOffersThemInTheOrderOfTheList) {
     EXPECT_EQ(scatter(index, listed, kOne, static_cast<std::int32_t>(k)), found(first));
     EXPECT_EQ(search_ivf(index, 7, kOne, static_cast<std::int32_t>(k)), found(first));
     EXPECT_EQ(search_mvcc(index, listed, kOne, static_cast<std::uint32_t>(k)), found(first));
+  }
+}
+
+// Short rows that are listed here and there are judged otherwise than those that follow each other.
+TEST(EverySearch, FindsTheBestOfListsThatBeginHereAndThere) {
+  constexpr std::int64_t kRows = 21000;
+  constexpr std::int32_t kDim = 32;
+  Random random(7);
+  Floats vectors(static_cast<std::size_t>(kRows * kDim));
+  for (float& number : vectors) number = static_cast<float>(random.between(-1000, 1000));
+  const Sealed index(kDim, ids_from(0, kRows), vectors);
+  Ids listed = {20040, 20020, 20060, 20010, 20050};
+  for (std::int64_t id = 0; id < 20000; ++id) listed.push_back(id);
+  set_ivf(index, 7, {1, 1, Floats(kDim), listed, {0, static_cast<std::int32_t>(listed.size())}});
+  for (std::size_t best = 0; best < 5; ++best) {
+    const auto row = vectors.begin() + listed[best] * kDim;
+    const Floats query(row, row + kDim);
+    for (const std::int32_t k : {1, 5, 10, 47, 100}) {
+      EXPECT_EQ(scatter(index, listed, query, k).slots[0].id, listed[best]);
+      EXPECT_EQ(search_ivf(index, 7, query, k).slots[0].id, listed[best]);
+    }
   }
 }
 
