@@ -45,7 +45,9 @@ double max_error(const float* query, std::int64_t dim, float magnitude) {
 // Tuning: chooses whether a scan is judged by codes at all.
 bool pays_to_bound(std::int64_t rows, std::int64_t dim, std::int64_t k) {
   const Kernels& chosen = kernels();
+  const CacheLevel level = tuning::cache_level(rows * dim * std::int64_t{sizeof(float)});
   return rows / tuning::kMinBoundedRowsPerResult >= k && dim >= chosen.min_bounded_dim &&
+         (dim >= tuning::kMinCachedBoundedDim || level == CacheLevel::kMemory) &&
          rows * dim >= chosen.min_bounded_floats &&
          rows * dim * dim >= tuning::kMinBoundedWork / dim;
 }

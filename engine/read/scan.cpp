@@ -438,7 +438,7 @@ void Scan::bound_mixed(const Block& block, CodeBits bits, float* bounds) const {
 // that wait with estimates are offered before the first bound.
 bool Scan::can_seed(const Block& block) const {
   const bool stay_empty = !offered_ && (candidates_ == 0 || candidates_are_bounded_);
-  return stay_empty && std::min(block.count, JudgeChoice::kMostRows) / 4 >= slots_.k;
+  return stay_empty && slots_.k <= kMostSeeds && block.count / 4 >= slots_.k;
 }
 
 // The first rows of a scan are likely to hold good ones, and their bounds tell which: scores k of

@@ -81,6 +81,10 @@ class Scan {
   // Tuning: which queries are copied; the results are the same.
   static constexpr std::int64_t kMaxCopiedDim = 1024;
   static constexpr std::int64_t kSeedColumns = 192;
+  // More results are found sooner by scoring the first rows than by choosing among them. Zen 4, 500
+  // results of 20,000 words, speed against estimates: 0.93 with a seed, 1.11 without; 1,000 results
+  // of 24,576 rows, dim 128: 0.92 and 1.22.
+  static constexpr std::int64_t kMostSeeds = JudgeChoice::kMostRows / 16;
   static constexpr std::int64_t kSampleRows = 128;  // at most
   static constexpr std::int64_t kPrefetchedFloats = 256;
   static_assert(kBlockRows % kMaskRows == 0 && kBlockRows <= Pruner::kMaxObserved);
