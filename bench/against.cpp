@@ -1,7 +1,7 @@
 // The library beside an earlier one: the same calls of the C interface on two shared libraries, in
 // interleaved rounds. Prints a table. Both must give the same bits.
 //
-//   against [--quick] NOW BEFORE
+//   against [--quick] NOW BEFORE [WORDS]
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -15,6 +15,7 @@
 
 #include "harness/data.h"
 #include "harness/measure.h"
+#include "harness/unit_words.h"
 
 namespace bench {
 namespace {
@@ -89,7 +90,10 @@ class Comparison {
 
   void seal(std::int64_t rows, std::int64_t dim, Random& random) {
     const Floats vectors = random_floats(rows * dim, random);
-    const Ids ids = permuted_ids(rows, random);
+    seal(vectors, permuted_ids(rows, random), dim);
+  }
+
+  void seal(const Floats& vectors, const Ids& ids, std::int64_t dim) {
     for (Side* side : {&now_, &before_}) fill(*side, vectors, ids, dim);
   }
 
@@ -112,6 +116,8 @@ class Comparison {
     const auto add = [&](const char* name, Role role, Side& side) {
       side.turn = 0;
       side.k = work.k;
+      std::ranges::fill(side.ids, 0);
+      std::ranges::fill(side.scores, 0.0f);
       if (work.before) work.before(side);
       work.run(side);
       Contestant contestant(name, role, [&work, &side] { work.run(side); });
@@ -151,13 +157,11 @@ std::string of_rows(const char* what, std::int64_t rows, std::int64_t dim) {
   return text;
 }
 
-void search_all(Comparison& comparison, std::int64_t bytes, std::int64_t dim, const Ids& ks) {
-  Random random(1);
-  const std::int64_t rows = bytes / (4 * dim);
-  comparison.seal(rows, dim, random);
-  const Floats queries = random_floats(8 * dim, random);
+// Searches of all rows by each of eight queries in turn.
+void search_full(Comparison& comparison, const std::string& name, std::int64_t rows,
+                 std::int64_t dim, const Floats& queries, const Ids& ks) {
   for (const std::int64_t k : ks) {
-    comparison.compare({of_rows("search_full", rows, dim),
+    comparison.compare({name,
                         dim,
                         rows,
                         [&](Side& side) {
@@ -169,6 +173,22 @@ void search_all(Comparison& comparison, std::int64_t bytes, std::int64_t dim, co
                         {},
                         k});
   }
+}
+
+void search_all(Comparison& comparison, std::int64_t bytes, std::int64_t dim, const Ids& ks) {
+  Random random(1);
+  const std::int64_t rows = bytes / (4 * dim);
+  comparison.seal(rows, dim, random);
+  search_full(comparison, of_rows("search_full", rows, dim), rows, dim,
+              random_floats(8 * dim, random), ks);
+}
+
+void search_words(Comparison& comparison, const char* path) {
+  static_assert(kAskedWords == 8);
+  const UnitWords words = read_unit_words(path);
+  comparison.seal(words.vectors, ascending_ids(words.rows), words.dim);
+  search_full(comparison, "search_full, all words", words.rows, words.dim, words.asked,
+              {1, 10, 100, 1000});
 }
 
 Ids drawn(std::int64_t count, std::int64_t below, Random& random) {
@@ -271,7 +291,7 @@ void change(Comparison& comparison, std::int64_t dim) {
                       }});
 }
 
-void run(const Library& now, const Library& before, bool quick) {
+void run(const Library& now, const Library& before, bool quick, const char* words) {
   hold_scattered_pages();
   Comparison comparison(now, before, quick);
   for (const std::int64_t kilobytes : {512, 2048, 12288}) {
@@ -284,6 +304,7 @@ void run(const Library& now, const Library& before, bool quick) {
     search_all(comparison, bytes, dim, {10});
   }
   search_all(comparison, bytes, 128, {1, 10, 100, 1000});
+  if (words != nullptr) search_words(comparison, words);
   for (const std::int64_t dim : {32, 128, 768}) search_some(comparison, dim);
   for (const std::int64_t dim : {128, 768}) change(comparison, dim);
 }
@@ -292,10 +313,11 @@ void run(const Library& now, const Library& before, bool quick) {
 }  // namespace bench
 
 int main(int count, char** arguments) {
-  const bool quick = count == 4 && std::strcmp(arguments[1], "--quick") == 0;
-  if (count != 3 + quick) {
-    std::fputs("usage: against [--quick] NOW BEFORE\n", stderr);
+  const bool quick = count >= 4 && std::strcmp(arguments[1], "--quick") == 0;
+  if (count != 3 + quick && count != 4 + quick) {
+    std::fputs("usage: against [--quick] NOW BEFORE [WORDS]\n", stderr);
     return 2;
   }
-  bench::run(bench::Library(arguments[1 + quick]), bench::Library(arguments[2 + quick]), quick);
+  char** const files = arguments + 1 + quick;
+  bench::run(bench::Library(files[0]), bench::Library(files[1]), quick, files[2]);
 }

@@ -1,18 +1,14 @@
 // The exact search of named sets of rows: vectors of words, and a million rows of 960.
-#include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <numeric>
 #include <span>
 #include <utility>
-#include <vector>
 
+#include "harness/unit_words.h"
 #include "limits/limits.h"
 #include "peers/peers.h"
 #include "sections/rows.h"
 #include "sections/sections.h"
-#include "words.h"
 
 namespace bench {
 namespace {
@@ -32,38 +28,16 @@ void run_set(Run& run, const char* name, const Index& index, const Matrix& matri
   }
 }
 
-// Words of length 1.
-Floats unit_vectors(const Words& words) {
-  const auto dim = static_cast<std::size_t>(words.dim);
-  Floats units(std::ssize(words.vectors));
-  for (std::size_t at = 0; at < words.vectors.size(); at += dim) {
-    const std::span<const float> word = std::span(words.vectors).subspan(at, dim);
-    const double length =
-        std::sqrt(std::inner_product(word.begin(), word.end(), word.begin(), 0.0));
-    std::ranges::transform(word, units.data() + at,
-                           [&](float value) { return static_cast<float>(value / length); });
-  }
-  return units;
-}
-
-// All words of a file, of length 1, asked for what is near to eight of them.
+// All words of a file, asked for what is near to some of them.
 void run_words(Run& run, const char* name, const char* path) {
   if (!std::filesystem::exists(path)) {
     std::fprintf(stderr, "  %s are left out: there is no %s\n", name, path);
     return;
   }
-  constexpr std::int64_t kAsked = 8;
-  const Words words = read_words(path);
-  const std::int64_t count = std::ssize(words.words);
-  const Floats vectors = unit_vectors(words);
-  Floats asked(kAsked * words.dim);
-  for (std::int64_t i = 0; i < kAsked; ++i) {
-    std::copy_n(vectors.data() + i * count / kAsked * words.dim, words.dim,
-                asked.data() + i * words.dim);
-  }
-  Queries queries(words.dim, std::move(asked));
-  const Index index = built_index(vectors.data(), ascending_ids(count), words.dim);
-  const Matrix matrix{base_vectors(index), count, words.dim};
+  UnitWords words = read_unit_words(path);
+  Queries queries(words.dim, std::move(words.asked));
+  const Index index = built_index(words.vectors.data(), ascending_ids(words.rows), words.dim);
+  const Matrix matrix{base_vectors(index), words.rows, words.dim};
   run_set(run, name, index, matrix, queries, {1, 10, 100, 1000}, kPeers);
 }
 
