@@ -155,6 +155,10 @@ int close_cursor(sqlite3_vtab_cursor* cursor) {
 }
 
 void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value** arguments) {
+  const Declaration& declaration = table()->declaration;
+  require(plan_number != kRefused, "k, score, distance and filter belong to a search: write '",
+          declaration.columns[static_cast<std::size_t>(declaration.vector_column)].name,
+          " MATCH query' beside them");
   searching_ = plan_number == kSearch;
   row_read_ = false;
   at_ = stepped_ = 0;
@@ -171,7 +175,7 @@ void Cursor::start(int plan_number, const char* plan, int count, sqlite3_value**
     has_row_ = rows_.step();
     return;
   }
-  const Search search = read_search(table()->declaration, plan, count, arguments, [&](int query) {
+  const Search search = read_search(declaration, plan, count, arguments, [&](int query) {
     return table()->programs.origins(table()->database, pVtab, storage.table(), plan, query, this);
   });
   k_ = search.k;

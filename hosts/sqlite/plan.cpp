@@ -128,7 +128,7 @@ class Planner {
     return SQLITE_OK;
   }
 
-  // Whether it compares what only a search has, without MATCH: for an OR of a join SQLite tries so.
+  // Whether it compares what only a search has, without MATCH.
   bool is_part_of_search() const {
     bool is_part = false;
     for (int i = 0; i < info_->nConstraint; ++i) {
@@ -138,6 +138,13 @@ class Planner {
                  constraint.op != SQLITE_INDEX_CONSTRAINT_ISNULL;
     }
     return is_part;
+  }
+
+  // SQLite takes this plan where there is no other: for an OR of a join it tries a part of a
+  // search.
+  void refuse() {
+    info_->idxNum = kRefused;
+    info_->estimatedCost = 1e99;
   }
 
   void plan_scan() {
@@ -600,8 +607,7 @@ int choose_plan(const Declaration& declaration, sqlite3_index_info* info) {
   Planner planner(declaration, info);
   const int match = planner.find_match();
   if (match >= 0) return planner.plan_search(match);
-  if (planner.is_part_of_search()) return SQLITE_CONSTRAINT;
-  planner.plan_scan();
+  planner.is_part_of_search() ? planner.refuse() : planner.plan_scan();
   return SQLITE_OK;
 }
 

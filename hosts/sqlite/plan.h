@@ -13,8 +13,9 @@
 
 namespace qx_sqlite {
 
-// Of a scan that needs no values, of one that does, and of a search.
-enum PlanNumber { kRowids = 0, kSearch = 1, kScan = 2 };
+// Of a scan that needs no values, of one that does, of a search, and of what only a search can
+// answer but has no MATCH.
+enum PlanNumber { kRowids = 0, kSearch = 1, kScan = 2, kRefused = 3 };
 
 // A comparison of what a search finds.
 struct ScoreTest {

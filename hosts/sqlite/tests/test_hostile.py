@@ -47,6 +47,8 @@ WRONG_ROWS = [
 ]
 NO_NUMBERS = ["x", 1.5, b"1", 2.0**63]
 WRONG_SEARCHES = [
+    *((where, "belong to a search: write 'embedding MATCH query' beside them")
+      for where in ("k = 3", "score > 0.5", "distance < 1", "filter = 'label = 1'")),
     ("embedding MATCH '[1,2]'", "needs 'k = N'"),
     ("embedding MATCH '[1,2]' AND k = -1", "k is -1, below 0"),
     ("embedding MATCH '[1,2]' AND k = 'x'", "k is no whole number"),
