@@ -11,6 +11,8 @@ service_test=$source_directory/examples/service/service_test.sh
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 passed=0
+# What is compiled only to be found is not optimised.
+release=(-G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS_RELEASE= -DCMAKE_CXX_FLAGS_RELEASE=)
 
 fail() {
   echo "install_test: $*" >&2
@@ -27,7 +29,7 @@ exists() { [ -e "$1" ] || fail "$1 is not installed"; passed=$((passed + 1)); }
 install_into() {
   local folder=$1
   shift
-  quietly cmake -S "$source_directory" -B "$folder/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  quietly cmake -S "$source_directory" -B "$folder/build" "${release[@]}" \
     -DQX_BUILD_TESTS=OFF -DQX_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX=/usr "$@"
   quietly cmake --build "$folder/build"
   quietly env DESTDIR="$folder" cmake --install "$folder/build"
@@ -42,7 +44,7 @@ install_into() {
 consume() {
   local build=$work/consume-$1
   shift
-  quietly cmake -S "$consumer" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release "$@"
+  quietly cmake -S "$consumer" -B "$build" "${release[@]}" "$@"
   quietly cmake --build "$build" --target c_shared c_static cpp_shared cpp_static
   local host
   for host in c_shared c_static cpp_shared cpp_static; do answers "$build/$host"; done
@@ -87,12 +89,12 @@ serves "$work/service"
   fail "qx_collection.hpp does not say which C++ it needs"
 quietly mandoc -T lint -W warning "$prefix"/share/man/man*/*
 
-# Another folder for libraries, and no shared library.
-install_into "$work/static" -DBUILD_SHARED_LIBS=OFF -DCMAKE_INSTALL_LIBDIR=lib/of/its/own
+# Another folder for libraries, no shared library, and no collection.
+install_into "$work/static" -DBUILD_SHARED_LIBS=OFF -DQX_BUILD_COLLECTION=OFF -DCMAKE_INSTALL_LIBDIR=lib/of/its/own
 prefix=$work/static/moved
 libdir=$prefix/lib/of/its/own
 exists "$libdir/libqx_runtime.a"
-[ -z "$(find "$prefix" -name '*.so*')" ] || fail "there is a shared library"
+[ -z "$(find "$prefix" -name '*.so*' -o -name '*collection*')" ] || fail "there is a shared library, or the collection"
 consume static -DCMAKE_PREFIX_PATH="$prefix" -Dqx_runtime_DIR="$libdir/cmake/qx_runtime"
 PKG_CONFIG_PATH=$libdir/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs qx_runtime)
@@ -105,7 +107,7 @@ consume fetched -DSOURCE="$source_directory" -DFETCH=ON
 [ ! -e "$work/consume-subdirectory/qx_runtime/tests" ] || fail "a consumer builds the tests"
 
 # A library of another project that installs and exports itself, with this one, and is then found.
-quietly cmake -S "$consumer/exported" -B "$work/exported" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+quietly cmake -S "$consumer/exported" -B "$work/exported" "${release[@]}" \
   -DSOURCE="$source_directory" -DQX_INSTALL=ON -DCMAKE_INSTALL_PREFIX="$work/exporter" -DCMAKE_INSTALL_LIBDIR=lib
 quietly cmake --build "$work/exported"
 quietly cmake --install "$work/exported"
