@@ -52,9 +52,9 @@ quietly() {
   fi
 }
 
-# build_preset PRESET TARGET...
+# build_preset PRESET TARGET...: as the preset says, whatever number of call sequences the folder had.
 build_preset() {
-  quietly cmake --preset "$1"
+  quietly cmake --preset "$1" -UQX_CALL_SEQUENCES
   quietly cmake --build --preset "$1" --target "${@:2}"
 }
 
