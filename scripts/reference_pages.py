@@ -4,6 +4,8 @@ import pathlib
 import re
 import textwrap
 
+from header import parameters_of
+
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 PACKAGE = ROOT / "bindings/python/qx_runtime"
 
@@ -17,20 +19,6 @@ def fenced(language, text):
 def inline(text):
     text = re.sub(r":\w+:`([\w.]+)`", r"`\1`", text)
     return re.sub(r"``(.+?)``", r"`\1`", text)
-
-
-def parameters_of(lines):
-    """The pairs of a paragraph of names, two blanks and text, or None."""
-    listed = []
-    for line in lines:
-        match = re.match(r"(\w+)  +(\S.*)", line)
-        if match:
-            listed.append([match[1], match[2]])
-        elif listed and line.startswith("   "):
-            listed[-1][1] += " " + line.strip()
-        else:
-            return None
-    return listed
 
 
 def docstring_lines(node):
