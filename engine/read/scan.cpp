@@ -16,13 +16,35 @@ Scan::Scan(const QxIndex& index, const float* query, const ResultSlots& slots, s
       topk_(slots.ids, slots.scores, slots.k),
       pruner_(slots.k) {}
 
+// Codes are judged fastest one after the other: where they can judge, and not too few rows are
+// selected, those of all rows are.
 void Scan::add(const RowSpan& span) {
-  for (std::int64_t offset = 0; offset < span.count(); offset += kBlockRows) {
-    add_window(span, offset, std::min(kBlockRows, span.count() - offset));
+  for (std::int64_t offset = 0; offset < span.count(); offset += JudgeChoice::kMostRows) {
+    const std::int64_t count = std::min(JudgeChoice::kMostRows, span.count() - offset);
+    const std::int64_t selected = span.count_selected(offset, count);
+    const bool is_dense = tuning::most_judged_per_selected(dim_, level_) * selected >= count;
+    if (is_dense && selected < count && !span.in_delta() && has_base_bounds()) {
+      add_among_others(span, offset, count);
+    } else {
+      add_windows(span, offset, count);
+    }
   }
 }
 
-// Rows that are left out must not be read: rows are scanned as they are only if all of them are
+bool Scan::has_base_bounds() {
+  if (!is_coded(false)) return false;
+  if (!opened_) in_default_fp_environment([&] { open(); });
+  return pruner_.has_bounds();
+}
+
+void Scan::add_windows(const RowSpan& span, std::int64_t offset, std::int64_t count) {
+  const std::int64_t end = offset + count;
+  for (; offset < end; offset += kBlockRows) {
+    add_window(span, offset, std::min(kBlockRows, end - offset));
+  }
+}
+
+// Vectors that are left out are not read: rows are scanned as they are only if all of them are
 // selected. If most are, they are listed together, which is cheaper than one by one.
 void Scan::add_window(const RowSpan& span, std::int64_t offset, std::int64_t count) {
   const std::int64_t selected = span.count_selected(offset, count);
@@ -53,23 +75,40 @@ void Scan::add_base_rows(std::int64_t first, std::int64_t count, const std::int6
   add_rows({false, first}, count, ids);
 }
 
-// Blocks of the run start at multiples of kMaskRows.
 void Scan::add_among_readable(const RowSpan& span) {
+  reads_others_ = true;
+  add_among_others(span, 0, span.count());
+  reads_others_ = false;
+}
+
+// Blocks of the run start at multiples of kMaskRows.
+void Scan::add_among_others(const RowSpan& span, std::int64_t offset, std::int64_t count) {
   QX_ASSERT(!span.in_delta());
   flush();
-  run_ = {false, span.row(0), vector_of(index_, span.row(0), dim_), span.ids(), span.count()};
-  readable_ = &span;
+  const Row first = span.row(offset);
+  run_ = {false, first, vector_of(index_, first, dim_), span.ids() + offset, count};
+  among_ = &span;
   flush();
-  readable_ = nullptr;
+  among_ = nullptr;
+}
+
+// Where a block of the run is in its span.
+std::int64_t Scan::offset_of(const Block& block) const {
+  return block.first.number - among_->row(0).number;
+}
+
+std::int64_t Scan::count_selected(const Block& block) const {
+  if (among_ == nullptr || block.listed) return block.count;
+  return among_->count_selected(offset_of(block), block.count);
 }
 
 // The number of a row that is not selected is below every limit, and enters nothing.
 void Scan::drop_unselected(const Block& block, float* numbers) const {
-  if (readable_ == nullptr) return;
-  const std::int64_t start = block.first.number - readable_->row(0).number;
+  if (among_ == nullptr || block.listed) return;
+  const std::int64_t start = offset_of(block);
   for (std::int64_t first = 0; first < block.count; first += kMaskRows) {
     for_each_bit(
-        ~readable_->mask(start + first) & first_bits(std::min(kMaskRows, block.count - first)),
+        ~among_->mask(start + first) & first_bits(std::min(kMaskRows, block.count - first)),
         [&](std::int64_t i) { numbers[first + i] = -std::numeric_limits<float>::infinity(); });
   }
 }
@@ -122,24 +161,37 @@ std::int32_t Scan::finish() {
 
 void Scan::scan_waiting() {
   if (!opened_) open();
+  scan_run();
+  scan_listed();
+}
+
+void Scan::scan_run() {
   for (Block rest = run_; rest.count > 0;) {
     Block block = rest;
     const Judge judge = choose_judge(rest);
     block.count = std::min(rows_to_judge(judge), rest.count);
-    block.count = scan_block(judge, block);
+    const bool reads_vectors = judge >= Judge::kEstimates;
+    if (reads_vectors && !reads_others_ && count_selected(block) < block.count) {
+      list_base_rows(*among_, offset_of(block), block.count);
+      scan_listed();
+    } else {
+      block.count = scan_block(judge, block);
+    }
     rest = part_of(rest, block.count, rest.count - block.count);
   }
-  if (listed_ > 0) {
-    const Block block = {true, {false, 0}, nullptr, listed_ids_, listed_};
-    static_cast<void>(scan_block(choose_judge(block), block));
-  }
-  run_.count = listed_ = listed_delta_rows_ = 0;
+  run_.count = 0;
+}
+
+void Scan::scan_listed() {
+  if (listed_ == 0) return;
+  const Block block = {true, {false, 0}, nullptr, listed_ids_, listed_};
+  static_cast<void>(scan_block(choose_judge(block), block));
+  listed_ = listed_delta_rows_ = 0;
   std::fill_n(listed_in_delta_, kBlockRows / kMaskRows, 0);
 }
 
 void Scan::open() {
   opened_ = true;
-  level_ = tuning::cache_level(rows_ * dim_ * std::int64_t{sizeof(float)});
   pruner_.open(query_, dim_, index_.base_magnitude, rows_, is_coded(false) || is_coded(true));
   if (!pruner_.is_worthwhile() || dim_ > kMaxCopiedDim) return;
   std::copy_n(query_, dim_, aligned_query_);
@@ -297,6 +349,7 @@ std::int64_t Scan::bound_block(const Block& block, CodeBits bits) {
     return 0;
   }
   std::int64_t judged = 0;
+  std::int64_t selected = 0;
   std::int64_t left = 0;
   do {
     const Block piece =
@@ -304,8 +357,9 @@ std::int64_t Scan::bound_block(const Block& block, CodeBits bits) {
     bound_up_to(judged + piece.count, block, bits, bounds, &bounded);
     left += take_bounded(piece, bounds + judged, bits);
     judged += piece.count;
-  } while (judged < block.count && JudgeChoice::is_worthwhile(judged, left));
-  choice_.record(judge, judged, left);
+    selected += count_selected(piece);
+  } while (judged < block.count && JudgeChoice::is_worthwhile(selected, left));
+  choice_.record(judge, selected, left);
   make_room_for_candidates();
   return judged;
 }
@@ -319,7 +373,7 @@ bool Scan::bound_first(const Block& block, CodeBits bits, float* bounds, std::in
                     : std::clamp(rows_ / 32 / kMaskRows * kMaskRows, kMaskRows, kSampleRows);
   const Block first = part_of(block, 0, std::min(wanted, block.count));
   bound_up_to(first.count, block, bits, bounds, bounded);
-  if (has_threshold && !(can_seed(block) && leaves_too_many(bounds, first.count))) return true;
+  if (has_threshold && !(can_seed(block) && leaves_too_many(first, bounds))) return true;
   const bool may_refuse = first.count < block.count && !has_threshold && !JudgeChoice::is_forced();
   if (may_refuse && !separates(first, bounds)) return false;
   bound_up_to(block.count, block, bits, bounds, bounded);
@@ -362,10 +416,10 @@ bool Scan::separates(const Block& sample, const float* bounds) const {
 
 // True if the first rows of a block tell that its judge is not worthwhile with the threshold that
 // there is: rows are better here than those before.
-bool Scan::leaves_too_many(const float* bounds, std::int64_t count) const {
+bool Scan::leaves_too_many(const Block& first, const float* bounds) const {
   std::int64_t left = 0;
-  for_each_not_less(bounds, count, limit(), [&](std::int64_t) { ++left; });
-  return !JudgeChoice::is_worthwhile(count, left);
+  for_each_not_less(bounds, first.count, limit(), [&](std::int64_t) { ++left; });
+  return !JudgeChoice::is_worthwhile(count_selected(first), left);
 }
 
 // Adds the rows that their bounds do not prune, and returns how many. Those that four bits leave

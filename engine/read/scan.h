@@ -37,7 +37,7 @@ class Scan {
     choice_.trust(Judge::kFourBits);
   }
 
-  // Adds the selected rows of a span.
+  // Adds the selected rows of a span. Codes of the base are read of others too, vectors are not.
   void add(const RowSpan& span);
 
   // The same of a span of the base whose other rows may be read too, which is quicker where most
@@ -113,11 +113,13 @@ class Scan {
   void bound_up_to(std::int64_t end, const Block& block, CodeBits bits, float* bounds,
                    std::int64_t* bounded) const;
   bool separates(const Block& sample, const float* bounds) const;
-  bool leaves_too_many(const float* bounds, std::int64_t count) const;
+  bool leaves_too_many(const Block& first, const float* bounds) const;
   std::int64_t take_bounded(const Block& block, const float* bounds, CodeBits bits);
   void estimate(const Block& block, float* estimates) const;
   void bound(const Block& block, CodeBits bits, float* bounds) const;
   void bound_mixed(const Block& block, CodeBits bits, float* bounds) const;
+  std::int64_t offset_of(const Block& block) const;
+  std::int64_t count_selected(const Block& block) const;
   void drop_unselected(const Block& block, float* numbers) const;
   void compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
                float* values) const;
@@ -183,7 +185,12 @@ class Scan {
   }
 
   void flush();
+  void scan_run();
+  void scan_listed();
   void add_rows(Row first, std::int64_t count, const std::int64_t* ids);
+  void add_among_others(const RowSpan& span, std::int64_t offset, std::int64_t count);
+  bool has_base_bounds();
+  void add_windows(const RowSpan& span, std::int64_t offset, std::int64_t count);
   void add_window(const RowSpan& span, std::int64_t offset, std::int64_t count);
   void list_base_rows(const RowSpan& span, std::int64_t offset, std::int64_t count);
 
@@ -198,9 +205,9 @@ class Scan {
   CodeView codes_[2] = {view_of(index_.base_codes), view_of(index_.delta_codes)};
   CodeView member_codes_ = {};
   bool lists_by_codes_ = dim_ >= tuning::kMinListedCodedDim || JudgeChoice::is_forced();
+  CacheLevel level_ = tuning::cache_level(rows_ * dim_ * std::int64_t{sizeof(float)});
   bool opened_ = false;
-  bool offered_ = false;                    // a score, to the results
-  CacheLevel level_ = CacheLevel::kMemory;  // of the rows, once opened
+  bool offered_ = false;  // a score, to the results
   ResultSlots slots_;
   TopK topk_;
   Pruner pruner_;
@@ -208,7 +215,8 @@ class Scan {
 
   // What waits to be scanned: consecutive rows, or listed rows; never both.
   Block run_ = {false, {false, 0}, nullptr, nullptr, 0};
-  const RowSpan* readable_ = nullptr;  // the span of a run of which only selected rows are wanted
+  const RowSpan* among_ = nullptr;  // the span of a run of which only selected rows are wanted
+  bool reads_others_ = false;       // whether vectors of its others may be read
   std::int64_t listed_ = 0;
   std::int64_t listed_delta_rows_ = 0;
   std::uint64_t listed_in_delta_[kBlockRows / kMaskRows] = {};

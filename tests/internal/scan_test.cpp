@@ -30,7 +30,8 @@ enum class Way {
   kWithoutBest,  // in masked blocks that leave out the best rows
   kWithDelta,    // one by one, some of them rows of the delta, which no magnitude bounds
   kMembers,      // as scattered members of lists, in no order, some repeatedly
-  kReadable,     // as spans whose other rows are read too, the best ones often among these
+  kAmongOthers,  // as spans of some of the rows, the best ones often among the others
+  kReadable,     // the same, and others are read too
   kMixed         // all of it
 };
 constexpr int kWays = static_cast<int>(Way::kMixed) + 1;
@@ -206,8 +207,8 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         arrive(member_rows_[static_cast<std::size_t>(i)]);
       }
       scan_.add_members(members_, first, size, member_ids_.data() + first);
-    } else if (way == Way::kReadable) {
-      add_among_readable(first, size);
+    } else if (way == Way::kAmongOthers || way == Way::kReadable) {
+      add_span(way, first, size);
     } else {
       add_masked(way, first, size);
     }
@@ -234,7 +235,7 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     return members;
   }
 
-  void add_among_readable(std::int64_t first, std::int64_t size) {
+  void add_span(Way way, std::int64_t first, std::int64_t size) {
     const int chance = static_cast<int>(random_.between(1, 100));
     const bool without_best = random_.percent(50);
     std::vector<std::uint64_t> words(static_cast<std::size_t>((size + 63) / 64));
@@ -243,7 +244,8 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
       words[static_cast<std::size_t>(i / 64)] |= std::uint64_t{1} << i % 64;
       arrive(first + i);
     }
-    scan_.add_among_readable({{false, first}, size, rows_.ids.data() + first, words.data()});
+    const qx::RowSpan span({false, first}, size, rows_.ids.data() + first, words.data());
+    way == Way::kReadable ? scan_.add_among_readable(span) : scan_.add(span);
   }
 
   void add_one(std::int64_t i) {

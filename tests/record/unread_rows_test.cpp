@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "internal/every_kernel.h"
+#include "read/pruner.h"
 #include "store/qx_index.h"
 #include "support/cases.h"
 
@@ -92,15 +93,20 @@ class UnreadRows : public UnderAKernel {
     }
   }
 
-  // The results of searches, which fault where they read what is left out.
+  // The results of searches by every judge, which fault where they read what is left out.
   std::vector<Found> search(const Floats& query) {
     std::vector<Found> results;
-    for (const std::uint32_t k : {1u, 10u, 300u}) {
-      results.push_back(search_filtered(*index_, has_label(kPassing), query, k));
-      Ids visible = match_ids(*index_, has_label(kPassing));
-      std::reverse(visible.begin(), visible.end());
-      results.push_back(search_mvcc(*index_, visible, query, k));
+    Ids visible = match_ids(*index_, has_label(kPassing));
+    std::reverse(visible.begin(), visible.end());
+    for (const char* const judge :
+         {static_cast<const char*>(nullptr), "four bits", "eight bits", "estimates", "scores"}) {
+      EXPECT_TRUE(qx::force_judge(judge));
+      for (const std::uint32_t k : {1u, 10u, 300u}) {
+        results.push_back(search_filtered(*index_, has_label(kPassing), query, k));
+        results.push_back(search_mvcc(*index_, visible, query, k));
+      }
     }
+    qx::force_judge(nullptr);
     return results;
   }
 
