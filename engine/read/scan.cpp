@@ -295,11 +295,27 @@ void Scan::compute(ContiguousFunction* contiguous, ScatteredFunction* scattered,
 
 void Scan::score_block(const Block& block) {
   alignas(64) float scores[kBlockRows];
+  if (may_wait(block)) return wait_for_seed(block);
   score_candidates();
   compute(kernels().score_contiguous, kernels().score_scattered, block, scores);
   drop_unselected(block, scores);
   offer(scores, block.ids, block.count);
   if (pruner_.can_prune()) choice_.record(Judge::kScores, block.count, 0);
+}
+
+// Rows at the beginning of a scan that are too few for a seed, such as those of a small delta,
+// would give a low threshold. They wait unscored until there is a seed.
+bool Scan::may_wait(const Block& block) const {
+  return pruner_.has_bounds() && can_wait_for_seed() && !JudgeChoice::is_forced() &&
+         candidates_ + block.count <= kWaitingCandidates && count_selected(block) == block.count;
+}
+
+// A NaN is never pruned.
+void Scan::wait_for_seed(const Block& block) {
+  candidates_are_bounded_ = true;
+  for (std::int64_t i = 0; i < block.count; ++i) {
+    add_candidate(block, i, std::numeric_limits<float>::quiet_NaN());
+  }
 }
 
 // ---- By estimates ----
@@ -490,9 +506,11 @@ void Scan::bound_mixed(const Block& block, CodeBits bits, float* bounds) const {
 
 // The slots can choose rows while they are empty, out of several times as many rows. Candidates
 // that wait with estimates are offered before the first bound.
+bool Scan::can_wait_for_seed() const {
+  return !offered_ && (candidates_ == 0 || candidates_are_bounded_) && slots_.k <= kMostSeeds;
+}
 bool Scan::can_seed(const Block& block) const {
-  const bool stay_empty = !offered_ && (candidates_ == 0 || candidates_are_bounded_);
-  return stay_empty && slots_.k <= kMostSeeds && block.count / 4 >= slots_.k;
+  return can_wait_for_seed() && block.count / 4 >= slots_.k;
 }
 
 // The first rows of a scan are likely to hold good ones, and their bounds tell which: scores k of

@@ -107,6 +107,8 @@ class Scan {
   void open();
   Judge choose_judge(const Block& block);
   void score_block(const Block& block);
+  bool may_wait(const Block& block) const;
+  void wait_for_seed(const Block& block);
   void estimate_block(const Block& block);
   std::int64_t bound_block(const Block& block, CodeBits bits);
   bool bound_first(const Block& block, CodeBits bits, float* bounds, std::int64_t* bounded);
@@ -123,6 +125,7 @@ class Scan {
   void drop_unselected(const Block& block, float* numbers) const;
   void compute(ContiguousFunction* contiguous, ScatteredFunction* scattered, const Block& block,
                float* values) const;
+  bool can_wait_for_seed() const;
   bool can_seed(const Block& block) const;
   void seed(const Block& block, const float* bounds);
   std::int64_t choose_seed_columns(std::int64_t rows) const;
