@@ -177,7 +177,8 @@ inline constexpr std::int64_t kMinListedCodedDim = 48;
 //   2 in 5              0.97        1.13         1.65         1.21         2.71
 //   9 in 10             1.95        2.06         2.30         1.49         3.88
 constexpr std::int64_t most_judged_per_selected(std::int64_t dim, CacheLevel level) {
-  return dim < kMinListedCodedDim && level == CacheLevel::kMemory ? 12 : 3;
+  if (level != CacheLevel::kMemory || dim > 256) return 3;
+  return dim < kMinListedCodedDim ? 12 : 5;
 }
 
 // How far ahead a plane of four bits is prefetched into the second-level cache, and the longest

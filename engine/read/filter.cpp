@@ -36,6 +36,25 @@ bool few_are_marked(const Int64Map& map, const Filter& filter) {
   return marked * step * 4 <= map.size();
 }
 
+// A sample of the base rows: entry i is that of row i. Walking along entries and ids together takes
+// no longer, then, than going through all entries for each span, from so many on. Zen 4, search of
+// the ten best at dim 64 or 128, speed against marking:
+//   rows           20000  60000  130000  400000  1000000
+//   1 % pass        0.79   0.81    0.82    1.06     1.83
+//   10 % pass       0.96   1.20    1.13    1.21     1.28
+bool is_walked_faster(const QxIndex& index, const Int64Map& map) {
+  constexpr std::int64_t kMinEntries = RowBitmap::kMaxRows / 2;
+  constexpr std::int64_t kSample = 16;
+  if (map.size() < kMinEntries) return false;
+  const std::int64_t rows = std::min(map.size(), index.n_base);
+  const std::int64_t step = std::max<std::int64_t>(rows / kSample, 1);
+  for (std::int64_t i = step - 1; i < rows; i += step) {
+    // Tuning: either answer finds the same rows.
+    if (map.begin()[i].key != index.base_ids[i]) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::uint64_t _match(const QxIndex& index, const Filter& filter, const std::int64_t* ids,
@@ -43,9 +62,14 @@ std::uint64_t _match(const QxIndex& index, const Filter& filter, const std::int6
   if (filter.passes_all()) return first_bits(count);
   const Int64Map* const map = map_of(index, filter);
   if (map == nullptr) return 0;
+  std::uint64_t mask = 0;
+  if (const Int64Map::Entry* const next = map->take_next(ids, count, cursor)) {
+    for (std::int64_t i = count; i-- > 0;)
+      mask = 2 * mask + (next[i].value == filter.value ? 1 : 0);
+    return mask;
+  }
   std::int64_t values[Int64Map::kBatch];
   map->get_batch(ids, count, kMissing, values, cursor);
-  std::uint64_t mask = 0;
   for (std::int64_t i = 0; i < count; ++i) mask |= std::uint64_t{values[i] == filter.value} << i;
   return mask;
 }
@@ -55,7 +79,7 @@ bool prefers_marking(const QxIndex& index, const Filter& filter) {
   if (filter.mode != 1 && filter.column >= index.meta_columns.length) return false;
   const Int64Map* const map = map_of(index, filter);
   return map != nullptr && RowBitmap::is_worthwhile(map->size(), index.n_base) &&
-         few_are_marked(*map, filter);
+         !is_walked_faster(index, *map) && few_are_marked(*map, filter);
 }
 
 void mark_passing(const QxIndex& index, const Filter& filter, std::int64_t first,

@@ -24,8 +24,8 @@ inline constexpr Filter kNoFilter = {0, 0, 0};
 std::uint64_t _match(const QxIndex& index, const Filter& filter, const std::int64_t* ids,
                      std::int64_t count, Int64Map::Cursor& cursor);
 
-// True if mark_passing() is cheaper than _match() for every base row: few rows pass, or few fail.
-// Requires: not every id passes.
+// True if mark_passing() is cheaper than _match() for every base row: few rows pass, or few fail,
+// unless much metadata came in the order of the rows. Requires: not every id passes.
 bool prefers_marking(const QxIndex& index, const Filter& filter);
 
 // Covers `count` base rows from `first` on by a bitmap of those whose ids pass, found from the

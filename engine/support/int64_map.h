@@ -78,6 +78,14 @@ class BasicInt64Map {
 
   bool contains(std::int64_t key) const { return find(key) != nullptr; }
 
+  // The entries of keys that follow the cursor, which then is behind them; null if they do not.
+  const Entry* take_next(const std::int64_t* keys, std::int64_t count, Cursor& cursor) const {
+    if (!are_next(keys, count, cursor)) return nullptr;
+    const Entry* const next = entries_ + cursor.next;
+    cursor.next += count;
+    return next;
+  }
+
   // get() for up to kBatch keys.
   void get_batch(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
                  std::int64_t* values, Cursor& cursor) const {
@@ -244,10 +252,8 @@ class BasicInt64Map {
   // up now, to resynchronise the cursor.
   void get_in_order(const std::int64_t* keys, std::int64_t count, std::int64_t otherwise,
                     std::int64_t* values, Cursor& cursor) const {
-    if (are_next(keys, count, cursor)) {
-      const Entry* const next = entries_ + cursor.next;
+    if (const Entry* const next = take_next(keys, count, cursor)) {
       for (std::int64_t i = 0; i < count; ++i) values[i] = next[i].value;
-      cursor.next += count;
       return;
     }
     std::int64_t skipped[kBatch];

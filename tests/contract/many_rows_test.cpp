@@ -1,5 +1,7 @@
 // Current reads of many rows, compared row by row with the rules of the header: of some thousands,
 // and of more than a million, which the engine reads in several spans.
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -123,6 +125,29 @@ TEST(LargeBase, ShowsWhatManyChangesLeave) {
   rows.expect_visible();
   rows.attach_labels(2);
   rows.expect_matches({1});
+}
+
+// In this order the metadata of many rows is walked along. Here and there it is not quite in order.
+TEST(LargeBase, MatchesMetadataThatCameInTheOrderOfItsRows) {
+  constexpr std::int64_t kRows = 300000;
+  const auto label_of = [](std::int64_t id) { return id % 11 == 3 ? std::int64_t{1} : id % 2 * 5; };
+  Index index(1);
+  Ids ids;
+  for (std::int64_t row = 0; row < kRows; ++row) ids.push_back(row ^ 5);
+  seal(index, 1, ids, Floats(ids.size(), 1));
+  Ids labelled = ids;
+  for (std::size_t row = 990; row < labelled.size(); row += 1000) {
+    std::swap(labelled[row], labelled[row + 1]);
+  }
+  Ids labels;
+  std::transform(labelled.begin(), labelled.end(), std::back_inserter(labels), label_of);
+  set_rowmeta(index, labelled, labels, {}, 0);
+  for (const std::int64_t label : {0, 1, 5, -1}) {
+    Ids expected;
+    std::copy_if(ids.begin(), ids.end(), std::back_inserter(expected),
+                 [&](std::int64_t id) { return label_of(id) == label; });
+    EXPECT_TRUE(match_ids(index, has_label(label)) == expected) << "label " << label;
+  }
 }
 
 TEST(LargeBase, ShowsEveryRowOfManyRepeatedIds) {

@@ -1,6 +1,7 @@
 // A map beside a standard one, and keys that are made to collide in it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <unordered_map>
@@ -80,6 +81,7 @@ class CheckedMap {
   }
 
   void ask_batch(const Keys& keys, typename Map::Cursor& cursor) const {
+    take_next(keys, cursor);
     Keys values(keys.size());
     map_.get_batch(keys.data(), std::ssize(keys), -7, values.data(), cursor);
     for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -99,6 +101,20 @@ class CheckedMap {
   }
 
  private:
+  // With a cursor of its own.
+  void take_next(const Keys& keys, typename Map::Cursor cursor) const {
+    const auto first = order_.begin() + cursor.next;
+    const bool follow =
+        std::ssize(keys) <= order_.end() - first && std::equal(keys.begin(), keys.end(), first);
+    const auto* const entries = map_.take_next(keys.data(), std::ssize(keys), cursor);
+    require_((entries != nullptr) == (follow && map_.size() > 0), "keys follow a cursor or not");
+    require_(cursor.next == first - order_.begin() + (entries != nullptr ? std::ssize(keys) : 0),
+             "where a cursor is");
+    for (std::size_t i = 0; entries != nullptr && i < keys.size(); ++i) {
+      require_(entries[i].value == value_of(keys[i]), "the value of an entry that follows");
+    }
+  }
+
   void note(std::int64_t key, std::int64_t value) {
     if (!model_.contains(key)) order_.push_back(key);
     model_[key] = value;
