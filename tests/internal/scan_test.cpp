@@ -157,9 +157,11 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
   bool agrees(Way way) {
     for (std::int64_t first = 0; first < rows_.count;) {
       const auto now = way == Way::kMixed ? static_cast<Way>(random_.between(0, kWays - 2)) : way;
-      const bool whole = way != Way::kMixed && now != Way::kPieces;
+      const bool pieces = now == Way::kPieces || (is_span(now) && random_.percent(50));
+      const bool whole = way != Way::kMixed && !pieces;
       const std::int64_t most = rows_.count - first;
-      const std::int64_t size = whole ? most : std::min(most, random_.between(1, 700));
+      const std::int64_t piece = random_.between(1, random_.percent(20) ? 64 : 700);
+      const std::int64_t size = whole ? most : std::min(most, piece);
       add(now, first, size);
       first += size;
     }
@@ -190,6 +192,8 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
     return result;
   }
 
+  static bool is_span(Way way) { return way == Way::kAmongOthers || way == Way::kReadable; }
+
   void add(Way way, std::int64_t first, std::int64_t size) {
     if (way == Way::kContiguous || way == Way::kPieces) {
       for (std::int64_t i = first; i < first + size; ++i) arrive(i);
@@ -207,7 +211,7 @@ class Compared {  // NOLINT(clang-analyzer-optin.performance.Padding): see above
         arrive(member_rows_[static_cast<std::size_t>(i)]);
       }
       scan_.add_members(members_, first, size, member_ids_.data() + first);
-    } else if (way == Way::kAmongOthers || way == Way::kReadable) {
+    } else if (is_span(way)) {
       add_span(way, first, size);
     } else {
       add_masked(way, first, size);
