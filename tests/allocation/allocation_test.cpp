@@ -100,6 +100,39 @@ TEST_F(Heap, GivesNoMemoryForCodesAndNothingElseIsLost) {
   }
 }
 
+// Members of a structure ask for their codes, then for their rows, last of all.
+TEST_F(Heap, GivesNoMemoryForMembersAndNothingElseIsLost) {
+  if (!qx::is_worth_coding(kCodedRows, kCodedDim)) GTEST_SKIP() << "built without codes";
+  const Ids ids = ids_from(0, kCodedRows);
+  const Ids members(ids.rbegin(), ids.rend());
+  const Ints offsets{0, kCodedRows};
+  Floats vectors(static_cast<std::size_t>(kCodedRows * kCodedDim));
+  for (std::size_t i = 0; i < vectors.size(); ++i) {
+    vectors[i] = static_cast<float>(i * 7919 % 2001) - 1000.0f;
+  }
+  const auto attach = [&](QxIndex* index) {
+    qx_index_set_ivf(index, 1, 1, 1, vectors.data(), members.data(), offsets.data(), kCodedRows);
+  };
+  const auto best = [&](QxIndex* index) {
+    Ids found(10);
+    Floats scores(10);
+    qx_index_search_ivf(index, 1, vectors.data(), 10, found.data(), scores.data());
+    return std::pair(found, scores);
+  };
+  const Index whole(kCodedDim);
+  seal(whole, kCodedDim, ids, vectors);
+  const HeapLog log = record_heap([&] { attach(whole); });
+  EXPECT_NE(whole->ivf_members.at(0).rows, nullptr);
+  for (const std::int64_t failing : {log.allocations - 1, log.allocations}) {
+    const Index without(kCodedDim);
+    seal(without, kCodedDim, ids, vectors);
+    with_failing_allocation(failing, false, [&] { attach(without); });
+    const QxMembers& made = without->ivf_members.at(0);
+    EXPECT_TRUE(made.codes.block == nullptr && made.rows == nullptr);
+    EXPECT_EQ(best(without), best(whole));
+  }
+}
+
 // How the process ends where an allocation of the whole life of an index fails.
 ChildEnd end_by_failure(std::int64_t number, bool from_then_on, bool standard_error_closed) {
   Scenario scenario;

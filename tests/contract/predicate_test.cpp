@@ -1,5 +1,6 @@
 // Predicates over labels and columns: the visible rows that pass, in searches and in listings.
 #include <algorithm>
+#include <iterator>
 
 #include "support/cases.h"
 
@@ -68,6 +69,22 @@ TEST(Predicate, EveryOtherModeComparesAColumn) {
   }
   set_rowmeta(index, {}, {}, {}, 3);
   EXPECT_EQ(index.passing(has_value(2, QX_MISSING)), visible_ids(index));
+}
+
+// Where nearly all values are missing, the others are few; here in no order of the rows.
+TEST(Predicate, AMissingLabelIsFoundAmongManyRows) {
+  constexpr std::int64_t kRows = 1000;
+  const Index index(1);
+  const Ids ids = ids_from(0, kRows);
+  seal(index, 1, ids, Floats(ids.size(), 1));
+  const Ids labelled(ids.rbegin(), ids.rend());
+  Ids labels;
+  Ids without;
+  for (const std::int64_t id : labelled) labels.push_back(id % 10 == 3 ? 7 : QX_MISSING);
+  std::copy_if(ids.begin(), ids.end(), std::back_inserter(without),
+               [](std::int64_t id) { return id % 10 != 3; });
+  set_rowmeta(index, labelled, labels, {}, 0);
+  EXPECT_EQ(match_ids(index, has_label(QX_MISSING)), without);
 }
 
 TEST(Predicate, ExtremeIdsAndValuesMatchLikeAnyOther) {
