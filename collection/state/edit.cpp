@@ -76,7 +76,7 @@ std::vector<PartView> closed_tails(const State& state, std::size_t own) {
 }
 
 std::vector<PartView> choose_merged(const Shape& shape, const State& state, std::size_t own) {
-  const std::vector<PartView> closed = closed_tails(state, own);
+  std::vector<PartView> closed = closed_tails(state, own);
   if (!closed.empty()) return closed;
   std::map<int, std::vector<PartView>> sizes;
   for (std::size_t p = own; p < state.parts.size(); ++p) {

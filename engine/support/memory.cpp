@@ -1,5 +1,6 @@
 #include "support/memory.h"
 
+#include <cstddef>
 #include <cstdlib>
 
 #if defined(__linux__)
@@ -63,7 +64,8 @@ void expect_writes([[maybe_unused]] void* first, [[maybe_unused]] std::size_t by
   const auto from = (begin + kLargestPageBytes - 1) / kLargestPageBytes * kLargestPageBytes;
   const auto to = (begin + bytes) / kLargestPageBytes * kLargestPageBytes;
   if (from >= to) return;
-  static_cast<void>(madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE));
+  auto* const pages = static_cast<std::byte*>(first) + (from - begin);
+  static_cast<void>(madvise(pages, to - from, MADV_POPULATE_WRITE));
 #endif
 }
 

@@ -97,7 +97,7 @@ ChildEnd end_in(const FpEnvironment& host, const std::function<void()>& call) {
 
 TEST_F(Line, IsWrittenInTheEnvironmentOfTheHost) {
   constexpr std::int32_t kDim = 16;
-  const Floats vectors(4000 * kDim, 0x1.1p-70f);
+  const Floats vectors(std::size_t{4000} * kDim, 0x1.1p-70f);
   const Ids ids = ids_from(0, 4000);
   // The last 2000 ids are rows of a delta that is shorter than they are, by a build of twice their
   // dimension; and a list of an IVF that leaves its ids comes after one that does not.

@@ -94,7 +94,7 @@ TEST_F(Batch, JudgesAsManyRowsAsItPromises) {
 
 // A row that is not coded has a NaN for a bound, and is left to be scored.
 TEST_F(Batch, LeavesRowsWithoutACode) {
-  auto floats = normal(64 * 100, 1);
+  auto floats = normal(std::size_t{64} * 100, 1);
   floats[5 * 100 + 3] = 0x1p+60f;
   const Coded rows(qx::kernels(), floats, 100);
   CodedBatch batch(100);

@@ -112,6 +112,7 @@ TEST(Column, SortsItsDistinctTextsByTheirBytes) {
 
 TEST(Column, KeepsManyTextsOnce) {
   std::vector<std::string> texts;
+  texts.reserve(20000);
   for (int i = 0; i < 20000; ++i) texts.push_back(std::to_string(i * 7919 % 10000));
   const Column column = column_of(ColumnType::kText, {texts.begin(), texts.end()});
   EXPECT_EQ(column.texts(), 10000);

@@ -357,7 +357,7 @@ TEST(Collection, IsBuiltOfRowsThatAreWrittenInPlace) {
       EXPECT_TRUE(std::equal(found->scores, found->scores + 18, expected->scores));
     }
   }
-  Writer stopping = {vectors, false, 9 * 4096};
+  Writer stopping = {vectors, false, std::int64_t{9} * 4096};
   EXPECT_EQ(build(stopping, &made), QX_CANCELLED);
   EXPECT_LT(stopping.written, kBuilt);
   options.memory_limit = 4096;

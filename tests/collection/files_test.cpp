@@ -32,7 +32,7 @@ namespace {
 // The call of a system function that fails, counted from 1. Where `part` is set, none fails, and
 // each reads or writes only that share of the bytes.
 struct Fault {
-  std::string function = "";
+  std::string function;
   int number = 0;
   int error = 0;
   int calls = 0;
@@ -629,10 +629,10 @@ TEST(CollectionFiles, StayAsTheyWereOrAreReplacedWhicheverCallFails) {
   const std::string bytes = saved(collection.get());
   const Folder folder;
   const std::string path = folder / "file";
-  const std::pair<const char*, const char*> kFunctions[] = {{"pwrite", "it cannot be written"},
-                                                            {"fsync", "it cannot be synced"},
-                                                            {"renameat", "it cannot be replaced"}};
-  for (const auto& [function, message] : kFunctions) {
+  const std::pair<const char*, const char*> functions[] = {{"pwrite", "it cannot be written"},
+                                                           {"fsync", "it cannot be synced"},
+                                                           {"renameat", "it cannot be replaced"}};
+  for (const auto& [function, message] : functions) {
     int calls = 1;  // all of them, once one was interrupted and no other failed
     for (const int error : {EINTR, ENOSPC, EIO, EINVAL}) {
       for (int number = 1; number <= calls; ++number) {

@@ -2,6 +2,7 @@
 // and texts that nobody wrote.
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
 #include "columns/predicate.h"
@@ -104,8 +105,9 @@ const struct {
 
 TEST(FilterText, IsRefusedWithThePlaceWhatIsThereAndWhatIsExpected) {
   for (const auto& [text, place, found, expected] : kRefusals) {
-    EXPECT_EQ(refusal_of(text), "filter, byte " + std::to_string(place) + ": found " + found +
-                                    ", expected " + expected);
+    std::ostringstream refusal;
+    refusal << "filter, byte " << place << ": found " << found << ", expected " << expected;
+    EXPECT_EQ(refusal_of(text), refusal.str());
   }
 }
 

@@ -28,7 +28,7 @@ void upsert(QxCollection* collection, Model& model, std::int64_t first, std::int
 }
 
 void expect_rows_of(const QxCollection* collection, const Model& model) {
-  const Floats queries(8 * kDim, 1.0f);
+  const Floats queries(std::size_t{8} * kDim, 1.0f);
   Floats scores;
   for (int value = 0; value < 100; ++value) scores.push_back(static_cast<float>(value * kDim));
   const auto all = [](const Id&, const Row&) { return true; };
@@ -68,7 +68,7 @@ void go_on(Owned<QxCollection> collection, Model model) {
   upsert(collection.get(), model, 500, 1100, 90);
   upsert(collection.get(), model, 100, 7, 91);
   ASSERT_EQ(qx_collection_compact(collection.get(), nullptr, nullptr), QX_OK);
-  for (int i = 0; i < 8; ++i) upsert(collection.get(), model, 1024 * i, 1024, 92);
+  for (int i = 0; i < 8; ++i) upsert(collection.get(), model, std::int64_t{1024} * i, 1024, 92);
   expect_rows_of(collection.get(), model);
 }
 
@@ -81,7 +81,7 @@ TEST(Fork, LeavesTwoProcessesThatGoOn) {
   Model model;
   upsert(collection.get(), model, -50, 20, 1);
   for (int turn = 2; turn < 34 && !HasFailure(); ++turn) {
-    upsert(collection.get(), model, 1000 * (turn % 5), 1024, turn);
+    upsert(collection.get(), model, std::int64_t{1000} * (turn % 5), 1024, turn);
     if (turn % 2 == 0) expect_rows_of(collection.get(), model);
     const ChildEnd end = run_in_child([&] {
       go_on(std::move(collection), std::move(model));

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -155,11 +156,11 @@ class History {
   std::int32_t any_threads() { return random_.any_of<std::int32_t>({0, 1, 2, 3, 8}); }
 
   void draw_schema() {
-    static const char* const kNames[] = {"a", "Not", "quo\"te", "b 2", "_x", "\xC3\xA9"};
+    static const char* const names[] = {"a", "Not", "quo\"te", "b 2", "_x", "\xC3\xA9"};
     schema_.dim = random_.any_of(size_.dims);
     schema_.has_texts = random_.percent(40);
     for (std::size_t c = index_below(7); c-- > 0;) {
-      schema_.names.push_back(kNames[c]);
+      schema_.names.push_back(names[c]);
       schema_.types.push_back(random_.between32(QX_INTEGER, QX_TEXT));
     }
     schema_.metric =
@@ -212,16 +213,16 @@ class History {
   Value any_value(std::int32_t type) {
     using Limits = std::numeric_limits<double>;
     constexpr std::int64_t kTwoTo53 = std::int64_t{1} << 53;
-    static const std::vector<double> kReals = {
+    static const std::vector<double> reals = {
         -0.0, 0x1p53, 1e300, Limits::denorm_min(), Limits::quiet_NaN(), -Limits::infinity()};
-    static const std::vector<std::int64_t> kIntegers = {INT64_MIN, INT64_MAX, kTwoTo53,
-                                                        kTwoTo53 + 1};
-    static const std::vector<std::string> kTexts = {"", "a", "ab", "it's", "\xFF", {"a\0b", 3}};
+    static const std::vector<std::int64_t> integers = {INT64_MIN, INT64_MAX, kTwoTo53,
+                                                       kTwoTo53 + 1};
+    static const std::vector<std::string> texts = {"", "a", "ab", "it's", "\xFF", {"a\0b", 3}};
     const bool is_rare = random_.percent(20);
-    if (type == QX_INTEGER) return is_rare ? random_.any_of(kIntegers) : random_.between(-3, 3);
+    if (type == QX_INTEGER) return is_rare ? random_.any_of(integers) : random_.between(-3, 3);
     if (type == QX_BOOLEAN) return random_.percent(50);
-    if (type == QX_TEXT) return random_.any_of(kTexts);
-    if (is_rare) return random_.any_of(kReals);
+    if (type == QX_TEXT) return random_.any_of(texts);
+    if (is_rare) return random_.any_of(reals);
     return static_cast<double>(random_.between(-6, 6)) / 2;
   }
   Row any_row() {
@@ -236,7 +237,8 @@ class History {
   Value any_literal(std::int32_t type) {
     const bool is_number = type == QX_INTEGER || type == QX_REAL;
     Value value = any_value(is_number ? random_.between32(QX_INTEGER, QX_REAL) : type);
-    if (auto* const text = std::get_if<std::string>(&value)) *text = text->c_str();
+    if (auto* const text = std::get_if<std::string>(&value))
+      text->resize(std::strlen(text->c_str()));
     const auto* const real = std::get_if<double>(&value);
     return real == nullptr || std::isfinite(*real) ? value : Value(0.5);
   }

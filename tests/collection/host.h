@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <bit>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -127,7 +130,8 @@ class RowArrays {
 
 template <typename T>
 bool same_bits(const T& a, const T& b) {
-  return std::memcmp(&a, &b, sizeof(T)) == 0;
+  using Bytes = std::array<std::byte, sizeof(T)>;
+  return std::bit_cast<Bytes>(a) == std::bit_cast<Bytes>(b);
 }
 
 inline Id id_at(const std::int64_t* numbers, const QxText* texts, std::int64_t i) {

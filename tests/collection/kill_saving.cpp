@@ -72,6 +72,7 @@ void save_and_be_killed(const std::vector<QxCollection*>& collections, const fs:
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends it, which is a failure
 int main(int count, char** arguments) {
   require(count == 2, "usage: kill_saving KILLS");
   const int kills = std::atoi(arguments[1]);

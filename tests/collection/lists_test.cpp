@@ -42,6 +42,7 @@ std::vector<ListNumber> naive_order(const std::vector<Floats>& centroids, const 
   }
   std::sort(order.begin(), order.end());
   std::vector<ListNumber> lists;
+  lists.reserve(order.size());
   for (const auto& [score, list] : order) lists.push_back(list);
   return lists;
 }
@@ -156,8 +157,8 @@ TEST(Training, GivesTheSameListsHoweverTheRowsCameAndByAnyThreads) {
     options.threads = threads;
     options.manual = threads % 2;
     const auto collection = clusters.create(options);
-    for (std::int64_t first = Clusters::kRows; first > 0; first -= 500 * threads) {
-      const std::int64_t start = std::max<std::int64_t>(0, first - 500 * threads);
+    for (std::int64_t first = Clusters::kRows; first > 0; first -= std::int64_t{500} * threads) {
+      const std::int64_t start = std::max<std::int64_t>(0, first - std::int64_t{500} * threads);
       clusters.upsert(collection.get(), start, first - start);
     }
     clusters.upsert(collection.get(), 100, 300);
@@ -371,7 +372,7 @@ TEST(Tuning, SaysWhatSearchesThenFind) {
   QxSearch search = {};
   search.filter = "odd";
   Random random(8);
-  const Floats queries = draw_floats(random, Values::kSmooth, 50 * Clusters::kDim);
+  const Floats queries = draw_floats(random, Values::kSmooth, std::int64_t{50} * Clusters::kDim);
   for (const double recall : {0.01, 0.5, 0.9, 1.0}) {
     QxTuning tuning = {};
     ASSERT_EQ(

@@ -494,6 +494,7 @@ std::int64_t address_space() {
   std::atomic<bool> is_limited = false;
   std::atomic<int> failed = 0;
   std::vector<std::thread> threads;
+  threads.reserve(3);
   for (int number = 0; number < 3; ++number) {
     threads.emplace_back([&, number] {
       while (!is_limited) std::this_thread::yield();

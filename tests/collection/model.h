@@ -142,7 +142,7 @@ struct Filter {
     if (kind == kOr) return joined(" or ");
     if (kind == kNot) return "NOT (" + parts[0].text(names) + ")";
     if (kind == kConstant) return is_negated ? "false" : "TRUE";
-    const std::string name = quoted(names[column], '"');
+    std::string name = quoted(names[column], '"');
     const std::string negation = is_negated ? " NOT" : "";
     if (kind == kColumn) return name;
     if (kind == kIsNull) return name + " IS" + negation + " NULL";

@@ -43,7 +43,7 @@ extern "C" int __real_pthread_atfork(void (*before)(), void (*after)(), void (*i
 extern "C" int __wrap_pthread_atfork(void (*before)(), void (*after)(), void (*in_child)()) {
   return fails_atfork ? ENOMEM : __real_pthread_atfork(before, after, in_child);
 }
-static const std::int32_t first_status = [] {
+static const std::int32_t kFirstStatus = [] {
   QxOptions options = {};
   options.dim = 1;
   QxCollection* made = nullptr;
@@ -213,6 +213,7 @@ TEST(Pool, ServesSeveralCallersAtOnce) {
   seeming_cpus = 3;
   Meeting meeting(4);  // each caller, and a thread that helps it
   std::vector<std::thread> callers;
+  callers.reserve(2);
   std::atomic<int> right = 0;
   for (int i = 0; i < 2; ++i) {
     callers.emplace_back([&] {
@@ -286,7 +287,7 @@ TEST(Pool, LetsTheProcessExit) {
   }));
 }
 
-TEST(Fork, IsPreparedForOrThereIsNoCollection) { EXPECT_EQ(first_status, QX_OUT_OF_MEMORY); }
+TEST(Fork, IsPreparedForOrThereIsNoCollection) { EXPECT_EQ(kFirstStatus, QX_OUT_OF_MEMORY); }
 
 TEST(Fork, GivesTheChildThreadsOfItsOwn) {
   for (int i = 0; i < 30; ++i) {
@@ -393,6 +394,7 @@ TEST(Fork, MayHappenWhileThreadsOfTheLibraryWorkAndWait) {
   GTEST_SKIP() << "g++'s address sanitizer forks with its allocator's locks held by other threads";
 #endif
   std::vector<std::unique_ptr<Background>> busy;
+  busy.reserve(2);
   for (int i = 0; i < 2; ++i) busy.push_back(std::make_unique<Background>());
   for (int i = 0; i < 60; ++i) {
     for (const auto& one : busy) one->poke();

@@ -116,7 +116,7 @@ class Writer {
           is_set_ = true;
         }) {
     while (!has_begun_) std::this_thread::yield();
-  }
+  }  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the thread has its state
   Writer(const Writer&) = delete;
   ~Writer() { thread_.join(); }
   bool waits(int milliseconds) const {
@@ -190,6 +190,7 @@ TEST(Published, IsReadByManyWhileItIsReplaced) {
   std::atomic<std::int64_t> wrong = 0;
   std::atomic<int> writers = kWriters;
   std::vector<std::thread> threads;
+  threads.reserve(kReaders + kWriters);
   for (int i = 0; i < kReaders; ++i) {
     threads.emplace_back([&] {
       std::shared_ptr<const Living> held = published.get();

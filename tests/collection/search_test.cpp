@@ -162,7 +162,7 @@ class DenseTies : public testing::TestWithParam<std::tuple<Metric, Pattern>> {};
 TEST_P(DenseTies, AreBrokenByIds) {
   const auto& [metric, pattern] = GetParam();
   Place place(128, metric, true);
-  place.upsert(0, 20 * 1024, pattern.vector);
+  place.upsert(0, std::int64_t{20} * 1024, pattern.vector);
   const auto compare = [&](std::int32_t probes) {
     for (const std::int64_t k : {1, 10, 700}) {
       SCOPED_TRACE(testing::Message() << "k " << k << ", probes " << probes);
@@ -170,7 +170,7 @@ TEST_P(DenseTies, AreBrokenByIds) {
     }
   };
   compare(0);
-  place.remove(0, 20 * 1024, 3);
+  place.remove(0, std::int64_t{20} * 1024, 3);
   place.remove(7000, 3000, 1);
   place.upsert(30000, 2500, pattern.vector);
   compare(0);

@@ -24,8 +24,8 @@ Answers answers_in(const FpEnvironment& host, std::int32_t dim, const Floats& ve
   const auto rows = static_cast<std::int32_t>(vectors.size()) / dim;
   const Ids ids = ids_from(0, rows);
   const Ids labelled = ids_from(0, rows / 8);
-  const Floats again(vectors.begin(), vectors.begin() + rows / 4 * dim);
-  const Floats centroids(vectors.begin(), vectors.begin() + 2 * dim);
+  const Floats again(vectors.begin(), vectors.begin() + std::ptrdiff_t{rows} / 4 * dim);
+  const Floats centroids(vectors.begin(), vectors.begin() + std::ptrdiff_t{2} * dim);
   const Index index(static_cast<std::uint32_t>(dim));
   Answers answers;
   const auto in_host = [&](auto call) {
@@ -100,7 +100,7 @@ TEST(FpEnvironment, OfTheHostChangesNoResultAndIsNotChanged) {
 // Only denormals distinguish the best row from the others.
 TEST(FpEnvironment, LosesNoNeighbourToFlushing) {
   for (const FpEnvironment& host : fp_environments()) {
-    Floats vectors(16 * 1000, 0);
+    Floats vectors(std::size_t{16} * 1000, 0);
     for (std::size_t i = 0; i < 1000; ++i)
       vectors[16 * i] = static_cast<float>(i % 999) * kDenormal;
     Floats query(16, 0);

@@ -38,7 +38,7 @@ class NullQuery : public testing::Test {
 
   const Ids base_ids_ = ids_from(0, 500);
   const Ids all_ids_ = ids_from(0, 501);
-  const Sealed index_{kDim, base_ids_, Floats(500 * kDim, 1)};
+  const Sealed index_{kDim, base_ids_, Floats(std::size_t{500} * kDim, 1)};
   const Sealed empty_{kDim, {}, {}};
 };
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <utility>
 
@@ -23,10 +24,11 @@ class Unreadable {
  public:
   Unreadable(const float* first, std::int64_t count) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page;
+    const auto address = reinterpret_cast<std::uintptr_t>(first);
+    const std::uintptr_t skipped = (page - address % page) % page;
     const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(first + count) / page * page;
-    pages_ = reinterpret_cast<void*>(begin);
-    bytes_ = end > begin ? end - begin : 0;
+    pages_ = reinterpret_cast<std::byte*>(const_cast<float*>(first)) + skipped;
+    bytes_ = end > address + skipped ? end - address - skipped : 0;
     if (bytes_ > 0) {
       EXPECT_EQ(mprotect(pages_, bytes_, PROT_NONE), 0);
     }
