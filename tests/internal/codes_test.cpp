@@ -2,9 +2,10 @@
 // as large as it can be, and bounds against scores for rows and queries of every kind.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
 #include <cmath>
-#include <cstring>
+#include <cstdint>
 #include <vector>
 
 #include "internal/coded_rows.h"
@@ -55,7 +56,8 @@ float written_out_bound(const Coded& coded, std::int64_t i, const CodedQuery& qu
 }
 
 bool same_bits(float a, float b) {
-  return std::memcmp(&a, &b, sizeof(a)) == 0 || (std::isnan(a) && std::isnan(b));
+  const bool equal = std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
+  return equal || (std::isnan(a) && std::isnan(b));
 }
 
 class EveryCode : public OfAKernel {};
@@ -71,9 +73,12 @@ TEST_P(EveryCode, HasTheSameBitsAsThePortableOne) {
       ASSERT_EQ(coded.high.values(), plain.high.values()) << "dim " << dim;
       ASSERT_EQ(coded.low.values(), plain.low.values()) << "dim " << dim;
       ASSERT_EQ(coded.constants.values(), plain.constants.values()) << "dim " << dim;
-      ASSERT_EQ(std::memcmp(coded.row_norms.data(), plain.row_norms.data(), 9 * sizeof(CodeNorms)),
-                0)
-          << "dim " << dim;
+      for (std::size_t row = 0; row < 9; ++row) {
+        using Bits = std::array<std::uint32_t, 3>;
+        ASSERT_EQ(std::bit_cast<Bits>(coded.row_norms.data()[row]),
+                  std::bit_cast<Bits>(plain.row_norms.data()[row]))
+            << "dim " << dim;
+      }
     }
   }
 }
