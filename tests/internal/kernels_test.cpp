@@ -159,7 +159,7 @@ class EveryKernel : public OfAKernel {
 
   // Rows that each end, or start, at an unmapped page.
   void expect_scattered(const Counts& dims, Draw draw, const Counts& counts) {
-    constexpr std::int64_t kPlaces = 2 * kRowKinds;
+    constexpr std::int64_t kPlaces = std::int64_t{2} * kRowKinds;
     Guarded<float> places[kPlaces];
     Guarded<const float*> addresses;
     for_each_dim(dims, draw, [&](Drawn& drawn) {

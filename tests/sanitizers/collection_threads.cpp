@@ -90,14 +90,14 @@ Changes list(const QxCollection* collection, const QxView* view) {
   QxRows* rows = nullptr;
   require(qx_collection_list(collection, view, nullptr, {}, INT64_MAX, &rows) == QX_OK,
           "a listing fails");
-  const Changes changes = changes_of(*rows);
+  Changes changes = changes_of(*rows);
   qx_rows_free(rows);
   return changes;
 }
 
 // The best rows, by falling or rising change; of both rows of a pair, the even one comes first.
 void search(const QxCollection* collection, const QxView* view, Random& random) {
-  const std::vector<float> queries(2 * kDim, 1.0f);
+  const std::vector<float> queries(std::size_t{2} * kDim, 1.0f);
   const std::int64_t k = 2 * random.between(1, 40);
   QxSearch search = {};
   search.filter = random.percent(50) ? "change > 5" : nullptr;

@@ -29,6 +29,7 @@ template <typename Body>
 void in_threads(Body body) {
   std::atomic<int> ready = 0;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int number = 0; number < kThreads; ++number) {
     threads.emplace_back([&, number] {
       ++ready;
