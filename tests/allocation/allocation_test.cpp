@@ -65,15 +65,20 @@ TEST_F(Heap, ReadsAllocateNothingButAnIvfSearchOneArrayThatItReleases) {
   }
 }
 
+Floats coded_vectors() {
+  Floats vectors(static_cast<std::size_t>(kCodedRows * kCodedDim));
+  for (std::size_t i = 0; i < vectors.size(); ++i) {
+    vectors[i] = static_cast<float>(i * 7919 % 2001) - 1000.0f;
+  }
+  return vectors;
+}
+
 // Codes are the last that a build, or an insert, asks for. Without memory for them there are none,
 // and every result is the same.
 TEST_F(Heap, GivesNoMemoryForCodesAndNothingElseIsLost) {
   if (!qx::is_worth_coding(kCodedRows, kCodedDim)) GTEST_SKIP() << "built without codes";
   const Ids ids = ids_from(0, kCodedRows);
-  Floats vectors(static_cast<std::size_t>(kCodedRows * kCodedDim));
-  for (std::size_t i = 0; i < vectors.size(); ++i) {
-    vectors[i] = static_cast<float>(i * 7919 % 2001) - 1000.0f;
-  }
+  const Floats vectors = coded_vectors();
   const auto build = [&](QxIndex* index) {
     qx_index_build(index, vectors.data(), kCodedRows, kCodedDim, ids.data(), nullptr, nullptr,
                    nullptr, 0);
@@ -106,10 +111,7 @@ TEST_F(Heap, GivesNoMemoryForMembersAndNothingElseIsLost) {
   const Ids ids = ids_from(0, kCodedRows);
   const Ids members(ids.rbegin(), ids.rend());
   const Ints offsets{0, kCodedRows};
-  Floats vectors(static_cast<std::size_t>(kCodedRows * kCodedDim));
-  for (std::size_t i = 0; i < vectors.size(); ++i) {
-    vectors[i] = static_cast<float>(i * 7919 % 2001) - 1000.0f;
-  }
+  const Floats vectors = coded_vectors();
   const auto attach = [&](QxIndex* index) {
     qx_index_set_ivf(index, 1, 1, 1, vectors.data(), members.data(), offsets.data(), kCodedRows);
   };
